@@ -1,0 +1,40 @@
+// Strict JSON: the only reader of incoming documents, the writer of signed ones, and the
+// field readers that record parsers share.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+#include <nlohmann/json.hpp>
+
+namespace ravok {
+
+using Json = nlohmann::json;
+
+// Returns the value of the one JSON document in `input`.
+// Fails with "size_limit" when `input` is longer than `limit` bytes, before anything is parsed;
+// "depth_limit" for anything inside more than 64 containers; "duplicate_key" for a key that
+// stands twice in one object, however it is spelled; "invalid_number" for a number that is not
+// an integer of 64 bits; "invalid_json", with the JSON library's own words, for all that is
+// not JSON.
+Json parse_json(std::string_view input, std::uint64_t limit);
+
+// Returns the byte-exact text that signatures and digests are made over: no white space, keys
+// in ascending byte order, and in texts only the double quote and the backslash escaped.
+// Control characters therefore stand as they are, and the result need not be valid JSON.
+// Fails with "invalid_number" for a floating-point, binary or discarded value.
+std::string canonical_json(const Json& value);
+
+// Returns a version number, which is at least 1. Fails with "invalid_version".
+std::uint64_t positive_version(const Json& value);
+
+// Returns a size in bytes, which may be 0. Fails with "invalid_manifest".
+std::uint64_t size_value(const Json& value);
+
+// Returns a SHA-256 digest as 64 lower-case hexadecimal characters. Fails with
+// "invalid_manifest" for any other text, and with the JSON library's type error for a value
+// that is no text.
+std::string sha256(const Json& value);
+
+}  // namespace ravok

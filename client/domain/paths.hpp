@@ -1,0 +1,25 @@
+// The text form of a path, and which relative paths from outside are accepted at all.
+#pragma once
+
+#include <cstddef>
+#include <filesystem>
+#include <string>
+#include <string_view>
+
+namespace ravok {
+
+// Returns the path whose native bytes are `text`. Fails with "unsafe_path" for a NUL byte.
+std::filesystem::path path_from_utf8(std::string_view text);
+
+// Returns the path's native bytes, unchanged and not checked.
+std::string path_utf8(const std::filesystem::path& path);
+
+// Returns the length in bytes of the native form of `text`. Fails as path_from_utf8 does.
+std::size_t native_length(std::string_view text);
+
+// Returns for a relative path of 1 to 4096 bytes, of components of 1 to 255 bytes that name no
+// parent, no drive and no stream; with `portable` also only of names that every supported
+// platform can hold. Fails with "unsafe_path".
+void validate_relative_path(std::string_view path, bool portable);
+
+}  // namespace ravok

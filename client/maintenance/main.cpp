@@ -1,0 +1,9 @@
+#include "app/setup_console.hpp"
+#include "domain/crypto.hpp"
+#include "platform/process.hpp"
+
+// What fails before there is a command line ends the process as the runtime ends it.
+int main(int argc, char** argv) {  // NOLINT(bugprone-exception-escape)
+  ravok::initialize_client_runtime();
+  return ravok::run_setup_console(ravok::process_arguments(argc, argv), "ravok-maintenance", "", {});
+}

@@ -1,0 +1,53 @@
+// The one owner of an open file descriptor.
+#pragma once
+
+#include <cerrno>
+#include <utility>
+
+#include <fcntl.h>
+#include <unistd.h>
+
+namespace ravok {
+
+class Descriptor {
+ public:
+  Descriptor() = default;
+  // Takes over `value`; -1 means none.
+  explicit Descriptor(int value) : value_(value) {}
+  ~Descriptor() { reset(); }
+  Descriptor(Descriptor&& other) noexcept : value_(std::exchange(other.value_, -1)) {}
+  Descriptor& operator=(Descriptor&& other) noexcept {
+    if (this != &other) {
+      reset();
+      value_ = std::exchange(other.value_, -1);
+    }
+    return *this;
+  }
+  Descriptor(const Descriptor&) = delete;
+  Descriptor& operator=(const Descriptor&) = delete;
+
+  int get() const { return value_; }
+  explicit operator bool() const { return value_ >= 0; }
+
+  // Closes the descriptor, if there is one. A failing close still releases it.
+  void reset() {
+    if (value_ >= 0) {
+      close(std::exchange(value_, -1));
+    }
+  }
+
+ private:
+  int value_ = -1;
+};
+
+// Repeats a system call, which answers -1 on failure, for as long as a signal interrupts it.
+template <typename Call>
+auto retry_interrupted(Call call) {
+  auto result = call();
+  while (result == -1 && errno == EINTR) {
+    result = call();
+  }
+  return result;
+}
+
+}  // namespace ravok

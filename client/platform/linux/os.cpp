@@ -1,0 +1,24 @@
+#include "platform/os.hpp"
+
+#include <unistd.h>
+
+namespace ravok::os {
+
+std::string_view platform_name() { return "linux-x86_64"; }
+
+std::string_view system_name() { return "Linux"; }
+
+std::string_view data_root_below_home() { return ".local/share/Ravok"; }
+
+std::optional<std::string> executable_path(std::size_t limit) {
+  // One byte more than allowed tells a path that is cut off from one that just fits.
+  std::string path(limit + 1, '\0');
+  const ssize_t size = readlink("/proc/self/exe", path.data(), path.size());
+  if (size <= 0 || static_cast<std::size_t>(size) > limit) {
+    return std::nullopt;
+  }
+  path.resize(static_cast<std::size_t>(size));
+  return path;
+}
+
+}  // namespace ravok::os

@@ -1,0 +1,92 @@
+# The third-party libraries, either built by third_party/build or installed on this system.
+
+include(RequireVersion)
+
+set(RAVOK_DEPENDENCIES bundled CACHE STRING "Where the third-party libraries come from: bundled or system")
+set_property(CACHE RAVOK_DEPENDENCIES PROPERTY STRINGS bundled system)
+
+if(RAVOK_DEPENDENCIES STREQUAL "bundled")
+  execute_process(
+    COMMAND "${CMAKE_SOURCE_DIR}/third_party/build"
+    OUTPUT_VARIABLE ravok_prefix
+    OUTPUT_STRIP_TRAILING_WHITESPACE
+    RESULT_VARIABLE ravok_prefix_result)
+  if(NOT ravok_prefix_result EQUAL 0)
+    message(FATAL_ERROR "The third-party libraries could not be built; the reason stands above")
+  endif()
+  set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS "${CMAKE_SOURCE_DIR}/third_party/build")
+  # What an earlier configuration found may lie in the prefix of an older recipe.
+  if(NOT "${ravok_prefix}" STREQUAL "${RAVOK_FOUND_PREFIX}")
+    get_cmake_property(ravok_cached CACHE_VARIABLES)
+    foreach(variable IN LISTS ravok_cached)
+      if(variable MATCHES "^(OPENSSL_|_OPENSSL|CURL_|LibArchive_|zstd_|RAVOK_JSON_|RAVOK_ZSTD_)")
+        unset(${variable} CACHE)
+      endif()
+    endforeach()
+    set(RAVOK_FOUND_PREFIX "${ravok_prefix}" CACHE INTERNAL "")
+  endif()
+  list(PREPEND CMAKE_PREFIX_PATH "${ravok_prefix}")
+  set(OPENSSL_ROOT_DIR "${ravok_prefix}")
+  set(OPENSSL_USE_STATIC_LIBS ON)
+elseif(NOT RAVOK_DEPENDENCIES STREQUAL "system")
+  message(FATAL_ERROR "RAVOK_DEPENDENCIES is bundled or system, not ${RAVOK_DEPENDENCIES}")
+endif()
+
+find_package(Threads REQUIRED)
+
+find_package(OpenSSL QUIET COMPONENTS Crypto SSL)
+ravok_require_version(OpenSSL "${OPENSSL_VERSION}" 3.5 4)
+
+find_package(CURL QUIET)
+ravok_require_version(libcurl "${CURL_VERSION_STRING}" 8.0 "")
+
+find_package(LibArchive QUIET)
+ravok_require_version(libarchive "${LibArchive_VERSION}" 3.6 "")
+
+# zstd and the JSON library are read from their headers: not every system installs their
+# package files.
+function(ravok_header_version result header prefix)
+  set(found "")
+  if(header)
+    foreach(part MAJOR MINOR ${ARGN})
+      file(STRINGS "${header}" line REGEX "^#define +${prefix}_${part} +[0-9]+")
+      string(REGEX MATCH "[0-9]+" number "${line}")
+      list(APPEND found "${number}")
+    endforeach()
+    list(JOIN found "." found)
+  endif()
+  set(${result} "${found}" PARENT_SCOPE)
+endfunction()
+
+find_path(RAVOK_JSON_INCLUDE nlohmann/json.hpp)
+set(ravok_json_header "")
+if(RAVOK_JSON_INCLUDE)
+  foreach(candidate nlohmann/detail/abi_macros.hpp nlohmann/json.hpp)
+    if(NOT ravok_json_header AND EXISTS "${RAVOK_JSON_INCLUDE}/${candidate}")
+      set(ravok_json_header "${RAVOK_JSON_INCLUDE}/${candidate}")
+    endif()
+  endforeach()
+endif()
+ravok_header_version(ravok_json_version "${ravok_json_header}" NLOHMANN_JSON_VERSION PATCH)
+ravok_require_version("nlohmann json" "${ravok_json_version}" 3.11.3 4)
+
+find_path(RAVOK_ZSTD_INCLUDE zstd.h)
+find_library(RAVOK_ZSTD_LIBRARY zstd)
+set(ravok_zstd_header "")
+if(RAVOK_ZSTD_INCLUDE AND RAVOK_ZSTD_LIBRARY)
+  set(ravok_zstd_header "${RAVOK_ZSTD_INCLUDE}/zstd.h")
+endif()
+ravok_header_version(ravok_zstd_version "${ravok_zstd_header}" ZSTD_VERSION RELEASE)
+ravok_require_version(zstd "${ravok_zstd_version}" 1.5 2)
+
+add_library(ravok_json INTERFACE)
+target_include_directories(ravok_json SYSTEM INTERFACE "${RAVOK_JSON_INCLUDE}")
+# A value becomes another type only where the code says so.
+target_compile_definitions(ravok_json INTERFACE JSON_USE_IMPLICIT_CONVERSIONS=0)
+
+add_library(ravok_zstd INTERFACE)
+target_include_directories(ravok_zstd SYSTEM INTERFACE "${RAVOK_ZSTD_INCLUDE}")
+target_link_libraries(ravok_zstd INTERFACE "${RAVOK_ZSTD_LIBRARY}")
+
+message(STATUS "Libraries (${RAVOK_DEPENDENCIES}): OpenSSL ${OPENSSL_VERSION}, libcurl ${CURL_VERSION_STRING}, "
+               "libarchive ${LibArchive_VERSION}, zstd ${ravok_zstd_version}, nlohmann json ${ravok_json_version}")

@@ -1,0 +1,60 @@
+# The language, the warnings, the hardening and the instrumentation of every target.
+
+option(RAVOK_WARNINGS_AS_ERRORS "Refuse code that the compiler warns about" OFF)
+option(RAVOK_FUZZERS "Build the fuzzers with libFuzzer (needs clang)" OFF)
+option(RAVOK_COVERAGE "Count executed lines" OFF)
+set(RAVOK_SANITIZE "" CACHE STRING "Sanitizers, as in -fsanitize=")
+
+if(CMAKE_SYSTEM_NAME STREQUAL "Linux" AND CMAKE_SYSTEM_PROCESSOR STREQUAL "x86_64")
+  set(RAVOK_OS linux)
+elseif(CMAKE_SYSTEM_NAME STREQUAL "Darwin" AND CMAKE_SYSTEM_PROCESSOR STREQUAL "arm64")
+  set(RAVOK_OS macos)
+else()
+  message(FATAL_ERROR "Ravok builds for Linux x86-64 and macOS aarch64, "
+                      "not for ${CMAKE_SYSTEM_NAME} ${CMAKE_SYSTEM_PROCESSOR}")
+endif()
+
+if(RAVOK_FUZZERS AND NOT CMAKE_CXX_COMPILER_ID MATCHES "Clang")
+  message(FATAL_ERROR "RAVOK_FUZZERS needs clang; use the preset fuzz")
+endif()
+
+set(CMAKE_CXX_STANDARD 20)
+set(CMAKE_CXX_STANDARD_REQUIRED ON)
+set(CMAKE_CXX_EXTENSIONS OFF)
+set(CMAKE_POSITION_INDEPENDENT_CODE ON)
+include(CheckPIESupported)
+check_pie_supported()
+
+add_library(ravok_options INTERFACE)
+target_compile_options(ravok_options INTERFACE
+  -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wsign-conversion -Wold-style-cast -Wcast-qual
+  -Wnon-virtual-dtor -Woverloaded-virtual -Wformat=2 -Wundef -Wimplicit-fallthrough)
+if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU" AND CMAKE_CXX_COMPILER_VERSION VERSION_LESS 13)
+  # Warns of overlapping copies inside the library's own operator+ for texts.
+  target_compile_options(ravok_options INTERFACE -Wno-restrict)
+endif()
+if(RAVOK_WARNINGS_AS_ERRORS)
+  target_compile_options(ravok_options INTERFACE -Werror)
+endif()
+
+target_compile_options(ravok_options INTERFACE -fstack-protector-strong)
+if(RAVOK_OS STREQUAL "linux")
+  target_compile_options(ravok_options INTERFACE -fstack-clash-protection -fcf-protection)
+  target_link_options(ravok_options INTERFACE -Wl,-z,relro,-z,now -Wl,-z,noexecstack -Wl,--as-needed)
+endif()
+if(CMAKE_BUILD_TYPE STREQUAL "Release")
+  target_compile_options(ravok_options INTERFACE -U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=2)
+endif()
+
+if(RAVOK_SANITIZE)
+  target_compile_options(ravok_options INTERFACE
+    -fsanitize=${RAVOK_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)
+  target_link_options(ravok_options INTERFACE -fsanitize=${RAVOK_SANITIZE})
+endif()
+if(RAVOK_FUZZERS)
+  target_compile_options(ravok_options INTERFACE -fsanitize=fuzzer-no-link)
+endif()
+if(RAVOK_COVERAGE)
+  target_compile_options(ravok_options INTERFACE --coverage -O0)
+  target_link_options(ravok_options INTERFACE --coverage)
+endif()

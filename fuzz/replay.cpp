@@ -1,0 +1,25 @@
+// Feeds every file of the given directories to the fuzzer that this is linked with.
+
+#include <cstddef>
+#include <cstdint>
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <string>
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size);
+
+int main(int argc, char** argv) {  // NOLINT(bugprone-exception-escape): a missing corpus ends the test
+  int replayed = 0;
+  for (int i = 1; i < argc; ++i) {
+    for (const auto& entry : std::filesystem::directory_iterator(argv[i])) {
+      std::ifstream file(entry.path(), std::ios::binary);
+      const std::string content(std::istreambuf_iterator<char>(file), {});
+      LLVMFuzzerTestOneInput(reinterpret_cast<const std::uint8_t*>(content.data()), content.size());
+      ++replayed;
+    }
+  }
+  std::printf("%d inputs replayed\n", replayed);
+  return replayed > 0 ? 0 : 1;
+}

@@ -1,0 +1,213 @@
+#include "domain/json.hpp"
+
+#include <cmath>
+#include <limits>
+#include <string>
+
+#include <gtest/gtest.h>
+
+#include "support/failure.hpp"
+#include "support/reference_json.hpp"
+
+namespace ravok {
+namespace {
+
+constexpr std::uint64_t limit = 1 << 20;
+constexpr const char* too_deep = "JSON nesting exceeds 64 levels";
+constexpr const char* duplicate = "JSON contains a duplicate object key";
+constexpr const char* floating = "Floating point numbers are not allowed in protocol data";
+
+std::string nested(std::size_t levels, std::string_view open, std::string_view inner, std::string_view close) {
+  std::string text;
+  for (std::size_t i = 0; i < levels; ++i) {
+    text += open;
+  }
+  text += inner;
+  for (std::size_t i = 0; i < levels; ++i) {
+    text += close;
+  }
+  return text;
+}
+
+// The failure that the JSON library itself has for this text.
+std::string library_message(std::string_view text) {
+  try {
+    const Json value = Json::parse(text);
+  } catch (const Json::exception& problem) {
+    return problem.what();
+  }
+  return "none";
+}
+
+TEST(ParseJson, ReadsEveryKindOfValue) {
+  const Json value = parse_json(R"( {"a":[1,-2,true,false,null,"x\u00e4"],"b":{},"c":[]} )", limit);
+  EXPECT_EQ(value, (Json{{"a", {1, -2, true, false, nullptr, "xä"}}, {"b", Json::object()}, {"c", Json::array()}}));
+  EXPECT_EQ(parse_json("7", limit), Json(7));
+  EXPECT_EQ(parse_json("\"x\"", limit), Json("x"));
+  EXPECT_EQ(parse_json("null", limit), Json(nullptr));
+}
+
+TEST(ParseJson, KeepsKeysInAscendingByteOrder) {
+  EXPECT_EQ(parse_json(R"({"b":1,"a":2,"ä":3,"B":4,"":5})", limit).dump(), R"({"":5,"B":4,"a":2,"b":1,"ä":3})");
+}
+
+TEST(ParseJson, AcceptsExactlyTheLimitAndRefusesOneByteMore) {
+  EXPECT_EQ(parse_json("[1, 2]", 6), (Json{1, 2}));
+  EXPECT_FAILURE(parse_json("[1, 2]", 5), "size_limit", "JSON exceeds its size limit");
+}
+
+TEST(ParseJson, ChecksTheSizeBeforeItLooksAtTheText) {
+  EXPECT_FAILURE(parse_json("not json", 7), "size_limit", "JSON exceeds its size limit");
+}
+
+TEST(ParseJson, AcceptsScalarsInside64Containers) {
+  EXPECT_NO_THROW(parse_json(nested(64, "[", "1", "]"), limit));
+  EXPECT_FAILURE(parse_json(nested(65, "[", "1", "]"), limit), "depth_limit", too_deep);
+  EXPECT_NO_THROW(parse_json(nested(64, "{\"a\":", "1", "}"), limit));
+  EXPECT_FAILURE(parse_json(nested(65, "{\"a\":", "1", "}"), limit), "depth_limit", too_deep);
+}
+
+TEST(ParseJson, AcceptsAnEmptyContainerAsThe65thLevel) {
+  EXPECT_NO_THROW(parse_json(nested(65, "[", "", "]"), limit));
+  EXPECT_FAILURE(parse_json(nested(66, "[", "", "]"), limit), "depth_limit", too_deep);
+  EXPECT_NO_THROW(parse_json(nested(64, "[", "{}", "]"), limit));
+  EXPECT_FAILURE(parse_json(nested(64, "[", "{\"a\":[]}", "]"), limit), "depth_limit", too_deep);
+}
+
+TEST(ParseJson, RefusesDuplicateKeysAtAnyDepth) {
+  EXPECT_FAILURE(parse_json(R"({"a":1,"a":2})", limit), "duplicate_key", duplicate);
+  EXPECT_FAILURE(parse_json(R"([[{"x":{"a":1,"b":2,"a":1}}]])", limit), "duplicate_key", duplicate);
+}
+
+TEST(ParseJson, ComparesKeysAfterDecodingEscapes) {
+  EXPECT_FAILURE(parse_json(R"({"a":1,"\u0061":2})", limit), "duplicate_key", duplicate);
+  EXPECT_FAILURE(parse_json(R"({"/":1,"\/":2})", limit), "duplicate_key", duplicate);
+}
+
+TEST(ParseJson, LetsOtherObjectsRepeatAKey) {
+  EXPECT_EQ(parse_json(R"([{"a":1},{"a":2}])", limit), (Json{{{"a", 1}}, {{"a", 2}}}));
+  EXPECT_NO_THROW(parse_json(R"({"a":{"a":{"a":1}},"b":{"a":1}})", limit));
+}
+
+TEST(ParseJson, ReadsTheWholeRangeOf64BitsAndNothingBeyond) {
+  EXPECT_EQ(parse_json("18446744073709551615", limit).get<std::uint64_t>(), std::numeric_limits<std::uint64_t>::max());
+  EXPECT_EQ(parse_json("-9223372036854775808", limit).get<std::int64_t>(), std::numeric_limits<std::int64_t>::min());
+  EXPECT_FAILURE(parse_json("18446744073709551616", limit), "invalid_number", floating);
+  EXPECT_FAILURE(parse_json("-9223372036854775809", limit), "invalid_number", floating);
+}
+
+TEST(ParseJson, RefusesFloatingPointAtAnyDepth) {
+  for (const char* text : {"1.5", "1.0", "1e3", "[[[[1.5]]]]", R"({"a":[{"b":-0.0}]})"}) {
+    EXPECT_FAILURE(parse_json(text, limit), "invalid_number", floating) << text;
+  }
+}
+
+TEST(ParseJson, ChecksTheDepthBeforeTheNumber) {
+  EXPECT_FAILURE(parse_json(nested(65, "[", "1.5", "]"), limit), "depth_limit", too_deep);
+}
+
+TEST(ParseJson, GivesTheLibrarysOwnWordsForWhatIsNotJson) {
+  for (const char* text : {"", "[1,]", "// x", "/* x */ 1", "{} {}", "{\"a\"}", "\"\xff\"", "\"\n\"", "[1", "nul",
+                           "1e999", "{,}", "'a'", "01", "+1", "\"\\ud800\""}) {
+    ASSERT_NE(library_message(text), "none") << text;
+    EXPECT_FAILURE(parse_json(text, limit), "invalid_json", library_message(text)) << text;
+  }
+}
+
+TEST(ParseJson, AgreesWithTheCallbackParser) {
+  for (const std::string& text :
+       {std::string("[1,{\"a\":[]},\"x\"]"), std::string("{\"a\":1,\"a\":1.5}"), std::string("{\"a\":1.5,\"a\":1}"),
+        std::string("[1.5,"), nested(66, "[", "", ""), nested(70, "{\"a\":", "", ""), std::string("[{\"a\":1,\"a\"")}) {
+    const auto expected = testing::failure_of([&] { testing::reference_parse_json(text, limit); });
+    if (expected) {
+      EXPECT_FAILURE(parse_json(text, limit), expected->code, expected->what()) << text;
+    } else {
+      EXPECT_EQ(parse_json(text, limit), testing::reference_parse_json(text, limit)) << text;
+    }
+  }
+}
+
+TEST(ParseJson, RefusesTenMebibytesOfBracketsAtTheirDepth) {
+  EXPECT_FAILURE(parse_json(std::string(10 << 20, '['), 10 << 20), "depth_limit", too_deep);
+}
+
+TEST(CanonicalJson, SortsKeysAndEscapesOnlyQuotesAndBackslashes) {
+  const Json value = {{"b", {1, -2}}, {"a", "x\"y\n"}};
+  EXPECT_EQ(canonical_json(value), "{\"a\":\"x\\\"y\n\",\"b\":[1,-2]}");
+  EXPECT_EQ(canonical_json(Json("\\\x01\t\x7fä/\"")), "\"\\\\\x01\t\x7fä/\\\"\"");
+  EXPECT_EQ(canonical_json(Json{{"q\"", "\\"}}), "{\"q\\\"\":\"\\\\\"}");
+}
+
+TEST(CanonicalJson, KeepsBytesThatAreNotUtf8) { EXPECT_EQ(canonical_json(Json("\xff\xfe")), "\"\xff\xfe\""); }
+
+TEST(CanonicalJson, WritesLiteralsAndEmptyContainers) {
+  EXPECT_EQ(canonical_json(Json{nullptr, true, false, Json::object(), Json::array(), ""}),
+            "[null,true,false,{},[],\"\"]");
+}
+
+TEST(CanonicalJson, WritesIntegersInFull) {
+  EXPECT_EQ(canonical_json(Json{std::numeric_limits<std::int64_t>::min(), 0, std::numeric_limits<std::int64_t>::max(),
+                                std::numeric_limits<std::uint64_t>::max()}),
+            "[-9223372036854775808,0,9223372036854775807,18446744073709551615]");
+}
+
+TEST(CanonicalJson, OrdersKeysByUnsignedBytes) {
+  EXPECT_EQ(canonical_json(Json{{"\xff", 1}, {"z", 2}, {"Z", 3}, {"", 4}}), "{\"\":4,\"Z\":3,\"z\":2,\"\xff\":1}");
+}
+
+TEST(CanonicalJson, RefusesWhatHasNoCanonicalForm) {
+  constexpr const char* message = "Cannot canonicalize floating point data";
+  EXPECT_FAILURE(canonical_json(Json(1.0)), "invalid_number", message);
+  EXPECT_FAILURE(canonical_json(Json{{"a", {1, 2.5}}}), "invalid_number", message);
+  EXPECT_FAILURE(canonical_json(Json::binary({1, 2})), "invalid_number", message);
+  EXPECT_FAILURE(canonical_json(Json(Json::value_t::discarded)), "invalid_number", message);
+}
+
+TEST(PositiveVersion, ReadsIntegersFromOne) {
+  EXPECT_EQ(positive_version(parse_json("1", limit)), 1u);
+  EXPECT_EQ(positive_version(Json(std::int64_t{5})), 5u);
+  EXPECT_EQ(positive_version(parse_json("18446744073709551615", limit)), std::numeric_limits<std::uint64_t>::max());
+}
+
+TEST(PositiveVersion, RefusesZeroInItsOwnWords) {
+  EXPECT_FAILURE(positive_version(parse_json("0", limit)), "invalid_version", "Metadata version must be positive");
+}
+
+TEST(PositiveVersion, RefusesEverythingElse) {
+  for (const Json& value : {Json(-1), Json("1"), Json(nullptr), Json(true), Json(1.0), Json::array(), Json::object(),
+                            Json(std::int64_t{0})}) {
+    EXPECT_FAILURE(positive_version(value), "invalid_version", "Metadata version must be a positive integer") << value;
+  }
+}
+
+TEST(SizeValue, ReadsIntegersFromZero) {
+  EXPECT_EQ(size_value(parse_json("0", limit)), 0u);
+  EXPECT_EQ(size_value(Json(std::int64_t{0})), 0u);
+  EXPECT_EQ(size_value(parse_json("18446744073709551615", limit)), std::numeric_limits<std::uint64_t>::max());
+}
+
+TEST(SizeValue, RefusesEverythingElse) {
+  for (const Json& value : {Json(-1), Json("1"), Json(nullptr), Json(0.0), Json::array(), Json(false)}) {
+    EXPECT_FAILURE(size_value(value), "invalid_manifest", "Manifest length must be a non-negative integer") << value;
+  }
+}
+
+TEST(Sha256, ReadsSixtyFourLowerCaseDigits) {
+  const std::string digest = "0123456789abcdef0123456789abcdef0123456789abcdef0123456789abcdef";
+  EXPECT_EQ(sha256(Json(digest)), digest);
+}
+
+TEST(Sha256, RefusesAnyOtherText) {
+  for (const std::string& text : {std::string(), std::string(63, 'a'), std::string(65, 'a'), std::string(64, 'A'),
+                                  std::string(64, 'g'), std::string(63, 'a') + '\n'}) {
+    EXPECT_FAILURE(sha256(Json(text)), "invalid_manifest", "Manifest needs a lower-case SHA-256 digest") << text;
+  }
+}
+
+TEST(Sha256, LeavesTheLibrarysTypeErrorForAValueThatIsNoText) {
+  EXPECT_THROW(sha256(Json(1)), Json::type_error);
+  EXPECT_THROW(sha256(Json(nullptr)), Json::type_error);
+}
+
+}  // namespace
+}  // namespace ravok

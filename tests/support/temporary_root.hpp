@@ -1,0 +1,37 @@
+// A directory of a test's own, which ends with the test.
+#pragma once
+
+#include <filesystem>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace ravok::testing {
+
+class TemporaryRoot {
+ public:
+  TemporaryRoot();
+  ~TemporaryRoot();
+  TemporaryRoot(const TemporaryRoot&) = delete;
+  TemporaryRoot& operator=(const TemporaryRoot&) = delete;
+
+  const std::filesystem::path& path() const { return path_; }
+  std::filesystem::path operator/(std::string_view relative) const { return path_ / relative; }
+
+  // Makes a file with this content, and the directories above it.
+  std::filesystem::path write(std::string_view relative, std::string_view content) const;
+  // Makes a directory, and those above it.
+  std::filesystem::path directory(std::string_view relative) const;
+  // The whole content of a file.
+  std::string read(std::string_view relative) const;
+  // The names below the root, sorted, a directory's with a slash behind it and a link's with an "@".
+  std::vector<std::string> names() const;
+
+ private:
+  std::filesystem::path path_;
+};
+
+// Whether the test runs as user 0.
+bool is_root();
+
+}  // namespace ravok::testing
