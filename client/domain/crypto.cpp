@@ -1,7 +1,6 @@
 #include "domain/crypto.hpp"
 
 #include <array>
-#include <mutex>
 
 #include <openssl/crypto.h>
 #include <openssl/evp.h>
@@ -31,11 +30,12 @@ std::uint8_t hexadecimal_digit(char c) {
 }  // namespace
 
 void initialize_client_runtime() {
-  static std::once_flag once;
-  std::call_once(once, [] {
+  // The first caller initialises it; a failure leaves that to the next.
+  [[maybe_unused]] static const bool started = [] {
     require(OPENSSL_init_crypto(OPENSSL_INIT_NO_LOAD_CONFIG, nullptr) == 1, "crypto_failure",
             "Cannot initialize native cryptography");
-  });
+    return true;
+  }();
 }
 
 std::string hex(std::span<const std::uint8_t> bytes) {
