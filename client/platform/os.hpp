@@ -3,11 +3,14 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <optional>
 #include <string>
 #include <string_view>
 
 namespace ravok::os {
+
+// --- The build and the process -------------------------------------------------------------
 
 // The name of the platform that this build serves: "linux-x86_64" or "macos-aarch64".
 std::string_view platform_name();
@@ -21,5 +24,58 @@ std::string_view data_root_below_home();
 // The absolute path of the running image in at most `limit` bytes, or nothing when it cannot be
 // told.
 std::optional<std::string> executable_path(std::size_t limit);
+
+// --- Durability and blocks -----------------------------------------------------------------
+
+// Flushes a file or directory to stable storage, through the device's own cache where the system
+// has a call for that. Returns 0, or -1 with errno set; EINTR is handed on.
+int flush(int descriptor);
+
+// Claims blocks for a file that has `allocated` bytes of them, so that it has at least `length`
+// bytes, all or nothing; the file's logical size may stay as it is. Returns 0 or an errno value;
+// EOPNOTSUPP or ENOSYS from a volume that cannot. EINTR is handed on.
+int claim_blocks(int descriptor, std::uint64_t allocated, std::uint64_t length);
+
+// --- Names ---------------------------------------------------------------------------------
+
+// Renames, and never replaces: EEXIST when `to` exists. Returns 0, or -1 with errno set.
+int rename_exclusive(const char* from, const char* to);
+
+// Exchanges two names, each relative to an open directory, in one step. Returns 0, or -1 with
+// errno set.
+int exchange_names(int first_parent, const char* first, int second_parent, const char* second);
+
+// --- Access lists --------------------------------------------------------------------------
+
+// Empties every access list of a new node, inherited ones included. Returns whether that worked.
+bool clear_access_lists(int descriptor, bool directory);
+
+// Fails with "permissions" when the node's access lists cannot be read, hold more than 128
+// entries, or grant anything to an identity other than the effective user. Never changes them.
+void require_owner_only_access(int descriptor);
+
+// --- Volumes and places --------------------------------------------------------------------
+
+// The canonical path of an open file or directory, or nothing when it has none (any more).
+std::optional<std::string> descriptor_path(int descriptor);
+
+// What tells one volume from every other, and how the directory that the descriptor is, or lies
+// in, compares names.
+struct Volume {
+  std::string identity;   // stable text; empty when it cannot be told
+  std::uint64_t id = 0;   // tells mounted volumes apart while they are mounted
+  bool case_sensitive = true;
+};
+
+// The volume of an open file or directory, or nothing when it is no local volume of a kind that
+// setup may keep its state on. Fails with "unsafe_path" when the system cannot tell.
+std::optional<Volume> local_volume(int descriptor);
+
+// The prefix of a place's key text: "linux-v1/" or "macos-apfs-v1/".
+std::string_view path_key_prefix();
+
+// The name as the volume compares it. Fails with "unsafe_path" for a name that the volume's
+// comparison cannot take, such as text that is not UTF-8 where names are normalised.
+std::string folded_name(std::string_view name, bool case_sensitive);
 
 }  // namespace ravok::os
