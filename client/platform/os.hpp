@@ -33,7 +33,7 @@ int flush(int descriptor);
 
 // Claims blocks for a file that has `allocated` bytes of them, so that it has at least `length`
 // bytes, all or nothing; the file's logical size may stay as it is. Returns 0 or an errno value;
-// EOPNOTSUPP or ENOSYS from a volume that cannot. EINTR is handed on.
+// ENOTSUP or ENOSYS from a volume that cannot. EINTR is handed on.
 int claim_blocks(int descriptor, std::uint64_t allocated, std::uint64_t length);
 
 // --- Names ---------------------------------------------------------------------------------
@@ -62,8 +62,8 @@ std::optional<std::string> descriptor_path(int descriptor);
 // What tells one volume from every other, and how the directory that the descriptor is, or lies
 // in, compares names.
 struct Volume {
-  std::string identity;   // stable text; empty when it cannot be told
-  std::uint64_t id = 0;   // tells mounted volumes apart while they are mounted
+  std::string identity;  // stable text; empty when it cannot be told
+  std::uint64_t id = 0;  // tells mounted volumes apart while they are mounted
   bool case_sensitive = true;
 };
 

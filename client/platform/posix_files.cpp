@@ -1,0 +1,257 @@
+#include "platform/posix_files.hpp"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstddef>
+#include <limits>
+#include <string>
+#include <string_view>
+#include <system_error>
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "domain/error.hpp"
+#include "platform/descriptor.hpp"
+#include "platform/file_status.hpp"
+#include "platform/managed_paths.hpp"
+#include "platform/os.hpp"
+
+namespace ravok {
+namespace {
+
+constexpr std::size_t maximum_path_bytes = 4096;
+constexpr std::size_t maximum_levels = 128;
+constexpr std::uint64_t block_bytes = 512;
+
+std::string on_this_system(std::string_view before, std::string_view after) {
+  return std::string(before) + std::string(os::system_name()) + std::string(after);
+}
+
+bool has_nul(const std::filesystem::path& path) { return path.native().find('\0') != std::string::npos; }
+
+bool climbs(const std::filesystem::path& path) {
+  return std::any_of(path.begin(), path.end(), [](const auto& component) { return component == ".."; });
+}
+
+// The path with the system's links resolved and no separator at its end.
+std::filesystem::path target_of(const std::filesystem::path& path) {
+  std::filesystem::path target = resolve_system_links(path);
+  if (!target.has_filename() && target != target.root_path()) {
+    target = target.parent_path();
+  }
+  return target;
+}
+
+bool is_bounded_below_root(const std::filesystem::path& target) {
+  return target != target.root_path() && target.native().size() <= maximum_path_bytes;
+}
+
+bool is_private_directory(const FileStatus& status) {
+  return status.st_mode == (S_IFDIR | S_IRWXU) && status.st_uid == geteuid();
+}
+
+bool is_private_file(const FileStatus& status) {
+  return is_single_link_file(status) && status.st_uid == geteuid() &&
+         (status.st_mode & (S_IRWXG | S_IRWXO | S_ISUID | S_ISGID | S_ISVTX)) == 0;
+}
+
+Descriptor open_at(int parent, const char* name) {
+  return Descriptor(retry_interrupted([&] { return openat(parent, name, posix_files::walk_flags); }));
+}
+
+Descriptor open_root(const std::filesystem::path& target) {
+  return Descriptor(retry_interrupted([&] { return open(target.root_path().c_str(), posix_files::walk_flags); }));
+}
+
+struct Level {
+  Descriptor directory;
+  bool is_new = false;
+};
+
+// Opens one level below a verified parent, making it where it is missing.
+Level open_or_make_level(int parent, const char* name) {
+  Level level{open_at(parent, name)};
+  if (!level.directory && errno == ENOENT) {
+    require(mkdirat(parent, name, 0700) == 0, "permissions",
+            on_this_system("Cannot reserve a new ", " private directory"));
+    level.directory = open_at(parent, name);
+    level.is_new = true;
+  }
+  require(static_cast<bool>(level.directory), "unsafe_path",
+          on_this_system("", " directory ancestry is missing or linked"));
+  const auto opened = status_of(level.directory.get());
+  const auto named = link_status_at(parent, name);
+  require(opened && named && is_directory(*opened) && is_directory(*named) && same_file(*opened, *named), "unsafe_path",
+          on_this_system("", " directory ancestry changed"));
+  return level;
+}
+
+// Makes a new level private, and its name durable before anything is made inside it.
+void secure_new_level(int parent, int directory) {
+  posix_files::secure_new_private(directory, true);
+  require(posix_files::sync(parent) == 0, "file_sync",
+          on_this_system("Cannot synchronize new ", " directory ownership"));
+}
+
+void tighten(int directory) {
+  const auto status = status_of(directory);
+  if (status && status->st_uid == geteuid() && mode_bits(*status) != S_IRWXU) {
+    // A change of mode would also change what an access list grants; a foreign one is preserved.
+    posix_files::require_private_acl(directory);
+    require(fchmod(directory, S_IRWXU) == 0, "permissions",
+            on_this_system("Cannot restrict ", " directory permissions"));
+  }
+}
+
+// Opens every level of an existing parent in turn.
+Descriptor open_parent_chain(const std::filesystem::path& parent) {
+  Descriptor directory = open_root(parent);
+  require(static_cast<bool>(directory), "unsafe_path", "Cannot open new private directory ancestry");
+  std::size_t levels = 0;
+  for (const std::filesystem::path& component : parent.relative_path()) {
+    require(++levels <= maximum_levels, "size_limit", "New private directory ancestry exceeds its bound");
+    directory = open_at(directory.get(), component.c_str());
+    require(static_cast<bool>(directory), "unsafe_path", "New private directory requires ordinary existing parents");
+  }
+  return directory;
+}
+
+bool is_owned_at_0700(const FileStatus& status) {
+  return is_directory(status) && status.st_uid == geteuid() && (status.st_mode & 0777) == S_IRWXU;
+}
+
+}  // namespace
+
+namespace posix_files {
+
+int sync(int descriptor) {
+  return retry_interrupted([&] { return os::flush(descriptor); });
+}
+
+int reserve(int descriptor, std::uint64_t length) {
+  if (length > static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max())) {
+    return EFBIG;
+  }
+  if (length == 0) {
+    return 0;
+  }
+  FileStatus status;
+  if (fstat(descriptor, &status) != 0) {
+    return errno;
+  }
+  if (!S_ISREG(status.st_mode) || status.st_size < 0 || status.st_blocks < 0) {
+    return EINVAL;
+  }
+  const auto blocks = static_cast<std::uint64_t>(status.st_blocks);
+  if (blocks >> 55 != 0) {
+    return EOVERFLOW;
+  }
+  const std::uint64_t allocated = blocks * block_bytes;
+  if (length > allocated) {
+    int problem = EINTR;
+    while (problem == EINTR) {
+      problem = os::claim_blocks(descriptor, allocated, length);
+    }
+    if (problem != 0) {
+      return problem;
+    }
+  }
+  return retry_interrupted([&] { return ftruncate(descriptor, static_cast<off_t>(length)); }) == 0 ? 0 : errno;
+}
+
+void secure_new_private(int descriptor, bool directory) {
+  const auto status = status_of(descriptor);
+  require(status && status->st_uid == geteuid() &&
+              (directory ? is_directory(*status) : is_single_link_file(*status) && status->st_size == 0),
+          "permissions", on_this_system("New ", " private storage ownership changed"));
+  require(os::clear_access_lists(descriptor, directory) && fchmod(descriptor, directory ? 0700 : 0600) == 0,
+          "permissions", on_this_system("Cannot make new ", " storage private"));
+  require_private_node(descriptor, directory);
+}
+
+void require_private_acl(int descriptor) { os::require_owner_only_access(descriptor); }
+
+void require_private_node(int descriptor, bool directory) {
+  const auto status = status_of(descriptor);
+  require(status && (directory ? is_private_directory(*status) : is_private_file(*status)), "permissions",
+          on_this_system("", " private storage must be ordinary, owned and accessible only to this user"));
+  require_private_acl(descriptor);
+}
+
+void require_private_path(const std::filesystem::path& path, bool directory) {
+  require(path.is_absolute() && path.native().size() <= maximum_path_bytes && !has_nul(path), "unsafe_path",
+          on_this_system("", " private storage needs a bounded absolute path"));
+  const int flags = O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC | (directory ? O_DIRECTORY : 0);
+  const Descriptor node(retry_interrupted([&] { return open(path.c_str(), flags); }));
+  require(static_cast<bool>(node), "permissions", on_this_system("Cannot open ordinary ", " private storage"));
+  require_private_node(node.get(), directory);
+  const auto opened = status_of(node.get());
+  const auto named = link_status_of(path);
+  require(opened && named && same_file(*opened, *named) && (opened->st_mode & S_IFMT) == (named->st_mode & S_IFMT),
+          "permissions", on_this_system("", " private storage path changed during inspection"));
+}
+
+void private_directory(const std::filesystem::path& path) {
+  const std::string below_root = on_this_system("", " private directory needs a bounded path below a root");
+  require(!path.empty() && !has_nul(path), "unsafe_path", below_root);
+  const std::filesystem::path target = target_of(path);
+  require(is_bounded_below_root(target), "unsafe_path", below_root);
+  require(!climbs(path), "unsafe_path", on_this_system("", " private directory cannot traverse parents"));
+
+  Descriptor parent = open_root(target);
+  require(static_cast<bool>(parent), "unsafe_path", on_this_system("Cannot anchor ", " directory ancestry"));
+  const std::filesystem::path relative = target.relative_path();
+  std::size_t levels = 0;
+  for (auto component = relative.begin(); component != relative.end();) {
+    require(++levels <= maximum_levels, "size_limit", on_this_system("", " directory ancestry exceeds its bound"));
+    Level level = open_or_make_level(parent.get(), component->c_str());
+    if (level.is_new) {
+      secure_new_level(parent.get(), level.directory.get());
+    }
+    if (++component == relative.end()) {
+      if (!level.is_new) {
+        tighten(level.directory.get());
+      }
+      require_private_node(level.directory.get(), true);
+    }
+    parent = std::move(level.directory);
+  }
+  const auto opened = status_of(parent.get());
+  const auto named = link_status_of(target);
+  require(opened && named && same_file(*opened, *named), "unsafe_path",
+          on_this_system("", " private directory path changed"));
+}
+
+}  // namespace posix_files
+
+void private_directory(const std::filesystem::path& path) { posix_files::private_directory(path); }
+
+void private_directory_new(const std::filesystem::path& path) {
+  require(!path.empty() && path.native().size() <= maximum_path_bytes && !has_nul(path), "unsafe_path",
+          "New private directory requires a bounded path without NUL bytes");
+  require(!climbs(path), "unsafe_path", "New private directory cannot traverse parents");
+  const std::filesystem::path target = target_of(path);
+  require(is_bounded_below_root(target), "unsafe_path",
+          "New private directory cannot be a filesystem root or exceed its absolute path bound");
+
+  const std::string name = target.filename();
+  const Descriptor parent = open_parent_chain(target.parent_path());
+  require(mkdirat(parent.get(), name.c_str(), 0700) == 0, "native_install_commit",
+          "Cannot reserve new private staging directory");
+  const Descriptor directory = open_at(parent.get(), name.c_str());
+  require(static_cast<bool>(directory), "permissions", on_this_system("Cannot anchor new ", " staging directory"));
+  posix_files::secure_new_private(directory.get(), true);
+  const auto made = status_of(directory.get());
+  require(made && is_owned_at_0700(*made), "permissions", "New private staging directory permissions changed");
+
+  const Descriptor parent_again = open_parent_chain(target.parent_path());
+  const auto before = status_of(parent.get());
+  const auto after = status_of(parent_again.get());
+  const auto named = link_status_at(parent_again.get(), name.c_str());
+  require(
+      before && after && same_file(*before, *after) && named && is_owned_at_0700(*named) && same_file(*made, *named),
+      "native_install_commit", "New private staging directory path changed");
+}
+
+}  // namespace ravok
