@@ -1,0 +1,1068 @@
+// A library to preload into a program on Linux: it counts the program's calls to the file system and, at one
+// chosen call, ends the process or fails the call.
+//
+// It is told what to do by variables of the environment:
+//
+//   RAVOK_FAULT_ROOT     An absolute path without links. Counting begins with the first call that concerns this
+//                        directory, what lies below it or a directory above it; what the program does while it
+//                        starts is thereby left out. Without this variable the library does nothing.
+//   RAVOK_FAULT_CALL     The number of the call to spoil, the first being 1; 0, or no variable, only counts.
+//   RAVOK_FAULT_MODE     What happens at that call:
+//                          exit    the process ends by SIGKILL before the call
+//                          power   the same, and what was written to a file and not flushed since is lost
+//                          torn    the first half of the bytes is written, then the process ends by SIGKILL
+//                          eio     the call fails with EIO
+//                          enospc  the call fails with ENOSPC
+//   RAVOK_FAULT_REPORT   A file that gets one line for every counted call, with a tab between the fields: the number,
+//                        the function, the modes possible for this very call (separated by commas), the mode that
+//                        was applied or "-", and the path.
+//   RAVOK_FAULT_PROGRAM  The file name of the program to act in; any other passes the variables on to those that it
+//                        starts. Without it the library acts in the first program.
+//
+// The library acts in one process. It takes its variables and LD_PRELOAD out of the environment, so that programs
+// started by this one run without it. From its start on:
+//
+// - A mode is applied only where the call could meet it: ENOSPC needs a call that takes space, a torn write needs two
+//   bytes, a failing close needs a writable file (and still closes it), lost bytes need an unflushed file.
+// - Not counted are calls on standard input, output and error, on pipes, sockets and devices, and on /proc, /sys and
+//   /dev unless the root lies there.
+// - A flush is counted and not carried out: the end of a process loses nothing that was written, and hundreds of runs
+//   shall not wait for a device.
+// - A process that is still there after 30 seconds ends by SIGALRM.
+// - Wrong settings end the process at once with code 125 and a line on standard error.
+//
+// Calls that the C library makes inside itself, such as those of stdio, cannot be seen.
+
+// The checked forms of the C library are inline functions that would stand in the way of the plain ones.
+#undef _FORTIFY_SOURCE
+
+#include <atomic>
+#include <cerrno>
+#include <csignal>
+#include <cstdarg>
+#include <cstddef>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include <dirent.h>
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/ioctl.h>
+#include <sys/sendfile.h>
+#include <sys/stat.h>
+#include <sys/statfs.h>
+#include <sys/statvfs.h>
+#include <sys/syscall.h>
+#include <sys/uio.h>
+#include <sys/xattr.h>
+#include <unistd.h>
+
+namespace {
+
+// --- What the library is told ----------------------------------------------------------------
+
+enum class Mode { none, exit, power, torn, eio, enospc };
+
+constexpr const char* mode_names[] = {"-", "exit", "power", "torn", "eio", "enospc"};
+constexpr unsigned seconds_to_live = 30;
+// Descriptors of the library's own lie above those that a program counts on.
+constexpr int first_own_descriptor = 512;
+
+// Which failures a call may meet, besides the end of the process.
+constexpr unsigned can_eio = 1;
+constexpr unsigned can_enospc = 2;
+constexpr unsigned can_tear = 4;
+
+// Answers of spoil() besides an errno value.
+constexpr int untouched = 0;
+constexpr int tear = -1;
+
+struct Control {
+  bool active = false;
+  pid_t process = 0;
+  char root[4096] = {};
+  std::size_t root_size = 0;
+  std::uint64_t chosen = 0;
+  Mode mode = Mode::none;
+  int report = -1;
+  std::atomic<bool> armed = false;
+  std::atomic<std::uint64_t> count = 0;
+};
+
+constinit Control control;
+
+class KeptErrno {
+ public:
+  KeptErrno() : value_(errno) {}
+  ~KeptErrno() { errno = value_; }
+  KeptErrno(const KeptErrno&) = delete;
+  KeptErrno& operator=(const KeptErrno&) = delete;
+
+ private:
+  int value_;
+};
+
+bool status_of(int descriptor, struct stat& status) { return syscall(SYS_fstat, descriptor, &status) == 0; }
+
+[[noreturn]] void end_process() {
+  syscall(SYS_kill, control.process, SIGKILL);
+  for (;;) {
+    syscall(SYS_pause);
+  }
+}
+
+// --- What was written and not flushed --------------------------------------------------------
+
+struct WrittenFile {
+  dev_t device = 0;
+  ino_t inode = 0;
+  int descriptor = -1;
+  off_t flushed_size = 0;
+  bool flushed = false;
+};
+
+constexpr std::size_t most_written_files = 64;
+constinit WrittenFile written_files[most_written_files];
+constinit std::size_t written_file_count = 0;
+constinit std::atomic_flag written_files_taken = ATOMIC_FLAG_INIT;
+
+class WrittenFilesLock {
+ public:
+  WrittenFilesLock() {
+    while (written_files_taken.test_and_set(std::memory_order_acquire)) {
+    }
+  }
+  ~WrittenFilesLock() { written_files_taken.clear(std::memory_order_release); }
+  WrittenFilesLock(const WrittenFilesLock&) = delete;
+  WrittenFilesLock& operator=(const WrittenFilesLock&) = delete;
+};
+
+WrittenFile* find_written(const struct stat& status) {
+  for (std::size_t i = 0; i < written_file_count; ++i) {
+    if (written_files[i].device == status.st_dev && written_files[i].inode == status.st_ino) {
+      return &written_files[i];
+    }
+  }
+  return nullptr;
+}
+
+bool anything_unflushed() {
+  const WrittenFilesLock lock;
+  for (std::size_t i = 0; i < written_file_count; ++i) {
+    if (!written_files[i].flushed) {
+      return true;
+    }
+  }
+  return false;
+}
+
+// An open file of our own: one that shared its description with the program would share its locks too.
+int open_again(int descriptor) {
+  char link[64];
+  std::snprintf(link, sizeof link, "/proc/self/fd/%d", descriptor);
+  const long opened = syscall(SYS_openat, AT_FDCWD, link, O_WRONLY | O_CLOEXEC);
+  if (opened < 0) {
+    return -1;
+  }
+  const long moved = syscall(SYS_fcntl, opened, F_DUPFD_CLOEXEC, first_own_descriptor);
+  if (moved < 0) {
+    return static_cast<int>(opened);
+  }
+  syscall(SYS_close, opened);
+  return static_cast<int>(moved);
+}
+
+// Called before a file's content changes.
+void note_write(int descriptor) {
+  struct stat status;
+  if (!control.active || !control.armed || descriptor <= STDERR_FILENO) {
+    return;
+  }
+  const KeptErrno kept;
+  if (!status_of(descriptor, status) || !S_ISREG(status.st_mode)) {
+    return;
+  }
+  const WrittenFilesLock lock;
+  WrittenFile* file = find_written(status);
+  if (file == nullptr && written_file_count < most_written_files) {
+    file = &written_files[written_file_count++];
+    *file = {status.st_dev, status.st_ino, open_again(descriptor), status.st_size, true};
+  }
+  if (file != nullptr) {
+    file->flushed = false;
+  }
+}
+
+void note_flush(int descriptor) {
+  struct stat status;
+  const KeptErrno kept;
+  if (!status_of(descriptor, status)) {
+    return;
+  }
+  const WrittenFilesLock lock;
+  if (WrittenFile* const file = find_written(status)) {
+    file->flushed_size = status.st_size;
+    file->flushed = true;
+  }
+}
+
+void lose_unflushed() {
+  const WrittenFilesLock lock;
+  for (std::size_t i = 0; i < written_file_count; ++i) {
+    const WrittenFile& file = written_files[i];
+    struct stat status;
+    if (!file.flushed && status_of(file.descriptor, status) && status.st_size > file.flushed_size) {
+      syscall(SYS_ftruncate, file.descriptor, file.flushed_size);
+    }
+  }
+}
+
+// --- What a call concerns --------------------------------------------------------------------
+
+struct Subject {
+  int descriptor;    // the open file, or the directory that the path starts from
+  const char* path;  // null for the open file itself
+};
+
+Subject of(int descriptor) { return {descriptor, nullptr}; }
+Subject named(const char* path) { return {AT_FDCWD, path}; }
+Subject at(int directory, const char* path) { return {directory, path}; }
+
+struct Text {
+  char bytes[8192];
+  std::size_t size;
+};
+
+void append(Text& text, const char* bytes) {
+  const std::size_t size = std::strlen(bytes);
+  if (size < sizeof text.bytes - text.size) {
+    std::memcpy(text.bytes + text.size, bytes, size + 1);
+    text.size += size;
+  }
+}
+
+bool append_link(Text& text, const char* link) {
+  const long size = syscall(SYS_readlinkat, AT_FDCWD, link, text.bytes, sizeof text.bytes / 2);
+  text.size = size < 0 ? 0 : static_cast<std::size_t>(size);
+  text.bytes[text.size] = '\0';
+  return size >= 0;
+}
+
+bool append_descriptor(Text& text, int descriptor) {
+  if (descriptor == AT_FDCWD) {
+    return append_link(text, "/proc/self/cwd");
+  }
+  struct stat status;
+  if (descriptor <= STDERR_FILENO || !status_of(descriptor, status) ||
+      (!S_ISREG(status.st_mode) && !S_ISDIR(status.st_mode))) {
+    return false;
+  }
+  char link[64];
+  std::snprintf(link, sizeof link, "/proc/self/fd/%d", descriptor);
+  return append_link(text, link);
+}
+
+// The absolute path that the call concerns, or false when that is no file or directory.
+bool resolve(const Subject& subject, Text& text) {
+  text.size = 0;
+  text.bytes[0] = '\0';
+  const bool absolute = subject.path != nullptr && subject.path[0] == '/';
+  if (!absolute && !append_descriptor(text, subject.descriptor)) {
+    return false;
+  }
+  if (subject.path != nullptr && subject.path[0] != '\0') {
+    if (!absolute && std::strcmp(text.bytes, "/") != 0) {
+      append(text, "/");
+    }
+    append(text, subject.path);
+  }
+  return true;
+}
+
+// Whether `inner` is `outer` or lies below it.
+bool lies_in(const char* inner, const char* outer, std::size_t outer_size) {
+  if (outer_size == 1) {
+    return inner[0] == '/';
+  }
+  return std::strncmp(inner, outer, outer_size) == 0 && (inner[outer_size] == '\0' || inner[outer_size] == '/');
+}
+
+bool ends_with(const Text& text, const char* end) {
+  const std::size_t size = std::strlen(end);
+  return text.size >= size && std::strcmp(text.bytes + text.size - size, end) == 0;
+}
+
+bool is_counted(const Text& path) {
+  const bool inside = lies_in(path.bytes, control.root, control.root_size);
+  if (inside || lies_in(control.root, path.bytes, path.size)) {
+    control.armed = true;
+  }
+  for (const char* place : {"/proc", "/sys", "/dev"}) {
+    if (!inside && lies_in(path.bytes, place, std::strlen(place))) {
+      return false;
+    }
+  }
+  // The records of the coverage run-time are no doing of the program.
+  return control.armed && !ends_with(path, ".gcda");
+}
+
+// --- Counting and spoiling -------------------------------------------------------------------
+
+bool is_possible(Mode mode, unsigned faults, bool unflushed) {
+  switch (mode) {
+    case Mode::none:
+      return false;
+    case Mode::exit:
+      return true;
+    case Mode::power:
+      return unflushed;
+    case Mode::torn:
+      return (faults & can_tear) != 0;
+    case Mode::eio:
+      return (faults & can_eio) != 0;
+    case Mode::enospc:
+      return (faults & can_enospc) != 0;
+  }
+  return false;
+}
+
+void report(std::uint64_t number, const char* name, unsigned faults, bool unflushed, Mode applied, Text& path) {
+  if (control.report < 0) {
+    return;
+  }
+  char modes[64] = "";
+  for (const Mode mode : {Mode::exit, Mode::power, Mode::torn, Mode::eio, Mode::enospc}) {
+    if (is_possible(mode, faults, unflushed)) {
+      std::strcat(modes, modes[0] == '\0' ? "" : ",");
+      std::strcat(modes, mode_names[static_cast<int>(mode)]);
+    }
+  }
+  for (char* byte = path.bytes; *byte != '\0'; ++byte) {
+    *byte = *byte == '\n' ? '?' : *byte;
+  }
+  char line[sizeof path.bytes + 256];
+  const int size = std::snprintf(line, sizeof line, "%llu\t%s\t%s\t%s\t%s\n", static_cast<unsigned long long>(number),
+                                 name, modes, mode_names[static_cast<int>(applied)], path.bytes);
+  syscall(SYS_write, control.report, line, static_cast<std::size_t>(size));
+}
+
+// Counts the call, and does to it what is to be done: `untouched`, `tear`, or the errno value to fail with.
+int spoil(const char* name, unsigned faults, const Subject& subject) {
+  if (!control.active) {
+    return untouched;
+  }
+  const KeptErrno kept;
+  Text path;
+  if (!resolve(subject, path) || !is_counted(path) || syscall(SYS_getpid) != control.process) {
+    return untouched;
+  }
+  const std::uint64_t number = ++control.count;
+  const bool unflushed = anything_unflushed();
+  const bool chosen = number == control.chosen && is_possible(control.mode, faults, unflushed);
+  report(number, name, faults, unflushed, chosen ? control.mode : Mode::none, path);
+  if (!chosen) {
+    return untouched;
+  }
+  switch (control.mode) {
+    case Mode::none:
+      return untouched;
+    case Mode::power:
+      lose_unflushed();
+      end_process();
+    case Mode::exit:
+      end_process();
+    case Mode::torn:
+      return tear;
+    case Mode::eio:
+      return EIO;
+    case Mode::enospc:
+      return ENOSPC;
+  }
+  return untouched;
+}
+
+// --- The functions behind ours ---------------------------------------------------------------
+
+template <std::size_t size>
+struct Name {
+  char text[size];
+  constexpr Name(const char (&literal)[size]) {  // NOLINT(google-explicit-constructor)
+    for (std::size_t i = 0; i < size; ++i) {
+      text[i] = literal[i];
+    }
+  }
+};
+
+template <Name name, typename Function>
+Function* next() {
+  static constinit std::atomic<void*> known = nullptr;
+  void* symbol = known.load(std::memory_order_relaxed);
+  if (symbol == nullptr) {
+    const KeptErrno kept;
+    symbol = dlsym(RTLD_NEXT, name.text);
+    if (symbol == nullptr) {
+      std::abort();
+    }
+    known.store(symbol, std::memory_order_relaxed);
+  }
+  return reinterpret_cast<Function*>(symbol);
+}
+
+// A function that answers -1 and sets errno when it fails.
+template <Name name, typename Function, typename... Arguments>
+auto counted(unsigned faults, const Subject& subject, Arguments... arguments)
+    -> decltype(next<name, Function>()(arguments...)) {
+  if (const int problem = spoil(name.text, faults, subject); problem != untouched) {
+    errno = problem;
+    return -1;
+  }
+  return next<name, Function>()(arguments...);
+}
+
+// A function that answers with a pointer, and with none when it fails.
+template <Name name, typename Function, typename... Arguments>
+auto counted_pointer(unsigned faults, const Subject& subject, Arguments... arguments)
+    -> decltype(next<name, Function>()(arguments...)) {
+  if (const int problem = spoil(name.text, faults, subject); problem != untouched) {
+    errno = problem;
+    return nullptr;
+  }
+  return next<name, Function>()(arguments...);
+}
+
+constexpr unsigned taking_space = can_eio | can_enospc;
+
+unsigned faults_of_open(int flags) { return (flags & O_CREAT) != 0 ? taking_space : can_eio; }
+
+bool takes_mode(int flags) { return (flags & O_CREAT) != 0 || (flags & O_TMPFILE) == O_TMPFILE; }
+
+unsigned faults_of_write(std::size_t size) { return size < 2 ? taking_space : taking_space | can_tear; }
+
+template <Name name, typename Function, typename... Arguments>
+ssize_t counted_write(int descriptor, const void* bytes, std::size_t size, Arguments... arguments) {
+  const int problem = spoil(name.text, faults_of_write(size), of(descriptor));
+  if (problem == untouched || problem == tear) {
+    note_write(descriptor);
+    const std::size_t part = problem == tear ? size / 2 : size;
+    const ssize_t written = next<name, Function>()(descriptor, bytes, part, arguments...);
+    if (problem == tear) {
+      end_process();
+    }
+    return written;
+  }
+  errno = problem;
+  return -1;
+}
+
+// A function that changes a file's content or length other than by writing bytes.
+template <Name name, typename Function, typename... Arguments>
+int counted_change(unsigned faults, int descriptor, Arguments... arguments) {
+  if (const int problem = spoil(name.text, faults, of(descriptor)); problem != untouched) {
+    errno = problem;
+    return -1;
+  }
+  note_write(descriptor);
+  return next<name, Function>()(descriptor, arguments...);
+}
+
+// These answer with the errno value itself.
+template <Name name, typename Function, typename Offset>
+int counted_claim(int descriptor, Offset offset, Offset length) {
+  if (const int problem = spoil(name.text, taking_space, of(descriptor)); problem != untouched) {
+    return problem;
+  }
+  note_write(descriptor);
+  return next<name, Function>()(descriptor, offset, length);
+}
+
+template <Name name, typename Function>
+int counted_flush(int descriptor) {
+  if (const int problem = spoil(name.text, taking_space, of(descriptor)); problem != untouched) {
+    errno = problem;
+    return -1;
+  }
+  struct stat status;
+  if (!control.active || !control.armed || !status_of(descriptor, status)) {
+    return next<name, Function>()(descriptor);
+  }
+  note_flush(descriptor);
+  return 0;
+}
+
+// --- The start -------------------------------------------------------------------------------
+
+[[noreturn]] void refuse(const char* problem) {
+  char line[256];
+  const int size = std::snprintf(line, sizeof line, "fault library: %s\n", problem);
+  syscall(SYS_write, STDERR_FILENO, line, static_cast<std::size_t>(size));
+  syscall(SYS_exit_group, 125);
+  std::abort();
+}
+
+bool is_this_program(const char* name) {
+  Text path{};
+  if (!append_link(path, "/proc/self/exe")) {
+    return false;
+  }
+  const char* const slash = std::strrchr(path.bytes, '/');
+  return slash != nullptr && std::strcmp(slash + 1, name) == 0;
+}
+
+Mode mode_called(const char* name) {
+  for (const Mode mode : {Mode::exit, Mode::power, Mode::torn, Mode::eio, Mode::enospc}) {
+    if (std::strcmp(name, mode_names[static_cast<int>(mode)]) == 0) {
+      return mode;
+    }
+  }
+  refuse("RAVOK_FAULT_MODE must be exit, power, torn, eio or enospc");
+}
+
+void take_root(const char* root) {
+  control.root_size = std::strlen(root);
+  if (root[0] != '/' || control.root_size >= sizeof control.root ||
+      (control.root_size > 1 && root[control.root_size - 1] == '/')) {
+    refuse("RAVOK_FAULT_ROOT must be an absolute path without a slash at its end");
+  }
+  std::memcpy(control.root, root, control.root_size + 1);
+}
+
+void take_call(const char* call, const char* mode) {
+  char* end = nullptr;
+  errno = 0;
+  control.chosen = std::strtoull(call, &end, 10);
+  if (call[0] < '0' || call[0] > '9' || *end != '\0' || errno != 0) {
+    refuse("RAVOK_FAULT_CALL must be a decimal number");
+  }
+  if (control.chosen > 0) {
+    control.mode = mode_called(mode == nullptr ? "" : mode);
+  }
+}
+
+void take_report(const char* path) {
+  const long opened = syscall(SYS_openat, AT_FDCWD, path, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0600);
+  if (opened < 0) {
+    refuse("RAVOK_FAULT_REPORT cannot be opened");
+  }
+  const long moved = syscall(SYS_fcntl, opened, F_DUPFD_CLOEXEC, first_own_descriptor);
+  if (moved < 0) {
+    refuse("RAVOK_FAULT_REPORT needs a limit of more than 512 open files");
+  }
+  syscall(SYS_close, opened);
+  control.report = static_cast<int>(moved);
+}
+
+__attribute__((constructor)) void start() {
+  const char* const root = std::getenv("RAVOK_FAULT_ROOT");
+  const char* const program = std::getenv("RAVOK_FAULT_PROGRAM");
+  if (root == nullptr || (program != nullptr && !is_this_program(program))) {
+    return;
+  }
+  const KeptErrno kept;
+  take_root(root);
+  if (const char* const call = std::getenv("RAVOK_FAULT_CALL")) {
+    take_call(call, std::getenv("RAVOK_FAULT_MODE"));
+  }
+  if (const char* const path = std::getenv("RAVOK_FAULT_REPORT")) {
+    take_report(path);
+  }
+  for (const char* variable : {"RAVOK_FAULT_ROOT", "RAVOK_FAULT_CALL", "RAVOK_FAULT_MODE", "RAVOK_FAULT_REPORT",
+                               "RAVOK_FAULT_PROGRAM", "LD_PRELOAD"}) {
+    unsetenv(variable);
+  }
+  alarm(seconds_to_live);
+  control.process = getpid();
+  control.active = true;
+}
+
+}  // namespace
+
+// --- The functions that stand before those of the C library ----------------------------------
+
+extern "C" {
+
+// Opening and closing.
+
+int open(const char* path, int flags, ...) {
+  mode_t mode = 0;
+  if (takes_mode(flags)) {
+    va_list arguments;
+    va_start(arguments, flags);
+    mode = va_arg(arguments, mode_t);
+    va_end(arguments);
+  }
+  return counted<"open", int(const char*, int, ...)>(faults_of_open(flags), named(path), path, flags, mode);
+}
+
+int open64(const char* path, int flags, ...) {
+  mode_t mode = 0;
+  if (takes_mode(flags)) {
+    va_list arguments;
+    va_start(arguments, flags);
+    mode = va_arg(arguments, mode_t);
+    va_end(arguments);
+  }
+  return counted<"open64", int(const char*, int, ...)>(faults_of_open(flags), named(path), path, flags, mode);
+}
+
+int openat(int directory, const char* path, int flags, ...) {
+  mode_t mode = 0;
+  if (takes_mode(flags)) {
+    va_list arguments;
+    va_start(arguments, flags);
+    mode = va_arg(arguments, mode_t);
+    va_end(arguments);
+  }
+  return counted<"openat", int(int, const char*, int, ...)>(faults_of_open(flags), at(directory, path), directory, path,
+                                                            flags, mode);
+}
+
+int openat64(int directory, const char* path, int flags, ...) {
+  mode_t mode = 0;
+  if (takes_mode(flags)) {
+    va_list arguments;
+    va_start(arguments, flags);
+    mode = va_arg(arguments, mode_t);
+    va_end(arguments);
+  }
+  return counted<"openat64", int(int, const char*, int, ...)>(faults_of_open(flags), at(directory, path), directory,
+                                                              path, flags, mode);
+}
+
+int __open_2(const char* path, int flags) {
+  return counted<"__open_2", int(const char*, int)>(can_eio, named(path), path, flags);
+}
+
+int __open64_2(const char* path, int flags) {
+  return counted<"__open64_2", int(const char*, int)>(can_eio, named(path), path, flags);
+}
+
+int __openat_2(int directory, const char* path, int flags) {
+  return counted<"__openat_2", int(int, const char*, int)>(can_eio, at(directory, path), directory, path, flags);
+}
+
+int __openat64_2(int directory, const char* path, int flags) {
+  return counted<"__openat64_2", int(int, const char*, int)>(can_eio, at(directory, path), directory, path, flags);
+}
+
+int creat(const char* path, mode_t mode) {
+  return counted<"creat", int(const char*, mode_t)>(taking_space, named(path), path, mode);
+}
+
+int creat64(const char* path, mode_t mode) {
+  return counted<"creat64", int(const char*, mode_t)>(taking_space, named(path), path, mode);
+}
+
+FILE* fopen(const char* path, const char* mode) {
+  return counted_pointer<"fopen", FILE*(const char*, const char*)>(mode[0] == 'r' ? can_eio : taking_space, named(path),
+                                                                   path, mode);
+}
+
+FILE* fopen64(const char* path, const char* mode) {
+  return counted_pointer<"fopen64", FILE*(const char*, const char*)>(mode[0] == 'r' ? can_eio : taking_space,
+                                                                     named(path), path, mode);
+}
+
+int close(int descriptor) {
+  const bool writable = control.active && (syscall(SYS_fcntl, descriptor, F_GETFL) & O_ACCMODE) != O_RDONLY;
+  const int problem = spoil("close", writable ? taking_space : 0, of(descriptor));
+  const int result = next<"close", int(int)>()(descriptor);
+  if (problem == untouched) {
+    return result;
+  }
+  errno = problem;
+  return -1;
+}
+
+// Bytes.
+
+ssize_t read(int descriptor, void* bytes, size_t size) {
+  return counted<"read", ssize_t(int, void*, size_t)>(can_eio, of(descriptor), descriptor, bytes, size);
+}
+
+ssize_t __read_chk(int descriptor, void* bytes, size_t size, size_t room) {
+  return counted<"__read_chk", ssize_t(int, void*, size_t, size_t)>(can_eio, of(descriptor), descriptor, bytes, size,
+                                                                    room);
+}
+
+ssize_t pread(int descriptor, void* bytes, size_t size, off_t offset) {
+  return counted<"pread", ssize_t(int, void*, size_t, off_t)>(can_eio, of(descriptor), descriptor, bytes, size, offset);
+}
+
+ssize_t pread64(int descriptor, void* bytes, size_t size, off64_t offset) {
+  return counted<"pread64", ssize_t(int, void*, size_t, off64_t)>(can_eio, of(descriptor), descriptor, bytes, size,
+                                                                  offset);
+}
+
+ssize_t __pread_chk(int descriptor, void* bytes, size_t size, off_t offset, size_t room) {
+  return counted<"__pread_chk", ssize_t(int, void*, size_t, off_t, size_t)>(can_eio, of(descriptor), descriptor, bytes,
+                                                                            size, offset, room);
+}
+
+ssize_t __pread64_chk(int descriptor, void* bytes, size_t size, off64_t offset, size_t room) {
+  return counted<"__pread64_chk", ssize_t(int, void*, size_t, off64_t, size_t)>(can_eio, of(descriptor), descriptor,
+                                                                                bytes, size, offset, room);
+}
+
+ssize_t readv(int descriptor, const struct iovec* parts, int count) {
+  return counted<"readv", ssize_t(int, const struct iovec*, int)>(can_eio, of(descriptor), descriptor, parts, count);
+}
+
+ssize_t write(int descriptor, const void* bytes, size_t size) {
+  return counted_write<"write", ssize_t(int, const void*, size_t)>(descriptor, bytes, size);
+}
+
+ssize_t pwrite(int descriptor, const void* bytes, size_t size, off_t offset) {
+  return counted_write<"pwrite", ssize_t(int, const void*, size_t, off_t)>(descriptor, bytes, size, offset);
+}
+
+ssize_t pwrite64(int descriptor, const void* bytes, size_t size, off64_t offset) {
+  return counted_write<"pwrite64", ssize_t(int, const void*, size_t, off64_t)>(descriptor, bytes, size, offset);
+}
+
+// A torn write of several parts ends within the first.
+ssize_t writev(int descriptor, const struct iovec* parts, int count) {
+  const int problem = spoil("writev", faults_of_write(count > 0 ? parts[0].iov_len : 0), of(descriptor));
+  if (problem == tear) {
+    note_write(descriptor);
+    syscall(SYS_write, descriptor, parts[0].iov_base, parts[0].iov_len / 2);
+    end_process();
+  }
+  if (problem != untouched) {
+    errno = problem;
+    return -1;
+  }
+  note_write(descriptor);
+  return next<"writev", ssize_t(int, const struct iovec*, int)>()(descriptor, parts, count);
+}
+
+ssize_t sendfile(int to, int from, off_t* offset, size_t size) {
+  const ssize_t problem = spoil("sendfile", taking_space, of(to));
+  if (problem != untouched) {
+    errno = static_cast<int>(problem);
+    return -1;
+  }
+  note_write(to);
+  return next<"sendfile", ssize_t(int, int, off_t*, size_t)>()(to, from, offset, size);
+}
+
+ssize_t copy_file_range(int from, off64_t* from_offset, int to, off64_t* to_offset, size_t size, unsigned flags) {
+  const int problem = spoil("copy_file_range", taking_space, of(to));
+  if (problem != untouched) {
+    errno = problem;
+    return -1;
+  }
+  note_write(to);
+  return next<"copy_file_range", ssize_t(int, off64_t*, int, off64_t*, size_t, unsigned)>()(from, from_offset, to,
+                                                                                            to_offset, size, flags);
+}
+
+// Lengths, blocks and flushes.
+
+int ftruncate(int descriptor, off_t length) noexcept {
+  return counted_change<"ftruncate", int(int, off_t)>(can_eio, descriptor, length);
+}
+
+int ftruncate64(int descriptor, off64_t length) noexcept {
+  return counted_change<"ftruncate64", int(int, off64_t)>(can_eio, descriptor, length);
+}
+
+int fallocate(int descriptor, int mode, off_t offset, off_t length) {
+  return counted_change<"fallocate", int(int, int, off_t, off_t)>(taking_space, descriptor, mode, offset, length);
+}
+
+int fallocate64(int descriptor, int mode, off64_t offset, off64_t length) {
+  return counted_change<"fallocate64", int(int, int, off64_t, off64_t)>(taking_space, descriptor, mode, offset, length);
+}
+
+int posix_fallocate(int descriptor, off_t offset, off_t length) {
+  return counted_claim<"posix_fallocate", int(int, off_t, off_t)>(descriptor, offset, length);
+}
+
+int posix_fallocate64(int descriptor, off64_t offset, off64_t length) {
+  return counted_claim<"posix_fallocate64", int(int, off64_t, off64_t)>(descriptor, offset, length);
+}
+
+int fsync(int descriptor) { return counted_flush<"fsync", int(int)>(descriptor); }
+
+int fdatasync(int descriptor) { return counted_flush<"fdatasync", int(int)>(descriptor); }
+
+// Names.
+
+int rename(const char* from, const char* to) noexcept {
+  return counted<"rename", int(const char*, const char*)>(taking_space, named(from), from, to);
+}
+
+int renameat(int from_directory, const char* from, int to_directory, const char* to) noexcept {
+  return counted<"renameat", int(int, const char*, int, const char*)>(taking_space, at(from_directory, from),
+                                                                      from_directory, from, to_directory, to);
+}
+
+int renameat2(int from_directory, const char* from, int to_directory, const char* to, unsigned flags) noexcept {
+  return counted<"renameat2", int(int, const char*, int, const char*, unsigned)>(
+      taking_space, at(from_directory, from), from_directory, from, to_directory, to, flags);
+}
+
+int link(const char* from, const char* to) noexcept {
+  return counted<"link", int(const char*, const char*)>(taking_space, named(from), from, to);
+}
+
+int linkat(int from_directory, const char* from, int to_directory, const char* to, int flags) noexcept {
+  return counted<"linkat", int(int, const char*, int, const char*, int)>(taking_space, at(from_directory, from),
+                                                                         from_directory, from, to_directory, to, flags);
+}
+
+int symlink(const char* target, const char* path) noexcept {
+  return counted<"symlink", int(const char*, const char*)>(taking_space, named(path), target, path);
+}
+
+int symlinkat(const char* target, int directory, const char* path) noexcept {
+  return counted<"symlinkat", int(const char*, int, const char*)>(taking_space, at(directory, path), target, directory,
+                                                                  path);
+}
+
+int unlink(const char* path) noexcept { return counted<"unlink", int(const char*)>(can_eio, named(path), path); }
+
+int unlinkat(int directory, const char* path, int flags) noexcept {
+  return counted<"unlinkat", int(int, const char*, int)>(can_eio, at(directory, path), directory, path, flags);
+}
+
+int remove(const char* path) noexcept { return counted<"remove", int(const char*)>(can_eio, named(path), path); }
+
+int mkdir(const char* path, mode_t mode) noexcept {
+  return counted<"mkdir", int(const char*, mode_t)>(taking_space, named(path), path, mode);
+}
+
+int mkdirat(int directory, const char* path, mode_t mode) noexcept {
+  return counted<"mkdirat", int(int, const char*, mode_t)>(taking_space, at(directory, path), directory, path, mode);
+}
+
+int rmdir(const char* path) noexcept { return counted<"rmdir", int(const char*)>(can_eio, named(path), path); }
+
+ssize_t readlink(const char* path, char* bytes, size_t size) noexcept {
+  return counted<"readlink", ssize_t(const char*, char*, size_t)>(can_eio, named(path), path, bytes, size);
+}
+
+ssize_t readlinkat(int directory, const char* path, char* bytes, size_t size) noexcept {
+  return counted<"readlinkat", ssize_t(int, const char*, char*, size_t)>(can_eio, at(directory, path), directory, path,
+                                                                         bytes, size);
+}
+
+ssize_t __readlink_chk(const char* path, char* bytes, size_t size, size_t room) noexcept {
+  return counted<"__readlink_chk", ssize_t(const char*, char*, size_t, size_t)>(can_eio, named(path), path, bytes, size,
+                                                                                room);
+}
+
+ssize_t __readlinkat_chk(int directory, const char* path, char* bytes, size_t size, size_t room) noexcept {
+  return counted<"__readlinkat_chk", ssize_t(int, const char*, char*, size_t, size_t)>(
+      can_eio, at(directory, path), directory, path, bytes, size, room);
+}
+
+// Attributes.
+
+int stat(const char* path, struct stat* status) noexcept {
+  return counted<"stat", int(const char*, struct stat*)>(can_eio, named(path), path, status);
+}
+
+int stat64(const char* path, struct stat64* status) noexcept {
+  return counted<"stat64", int(const char*, struct stat64*)>(can_eio, named(path), path, status);
+}
+
+int lstat(const char* path, struct stat* status) noexcept {
+  return counted<"lstat", int(const char*, struct stat*)>(can_eio, named(path), path, status);
+}
+
+int lstat64(const char* path, struct stat64* status) noexcept {
+  return counted<"lstat64", int(const char*, struct stat64*)>(can_eio, named(path), path, status);
+}
+
+int fstat(int descriptor, struct stat* status) noexcept {
+  return counted<"fstat", int(int, struct stat*)>(can_eio, of(descriptor), descriptor, status);
+}
+
+int fstat64(int descriptor, struct stat64* status) noexcept {
+  return counted<"fstat64", int(int, struct stat64*)>(can_eio, of(descriptor), descriptor, status);
+}
+
+int fstatat(int directory, const char* path, struct stat* status, int flags) noexcept {
+  return counted<"fstatat", int(int, const char*, struct stat*, int)>(can_eio, at(directory, path), directory, path,
+                                                                      status, flags);
+}
+
+int fstatat64(int directory, const char* path, struct stat64* status, int flags) noexcept {
+  return counted<"fstatat64", int(int, const char*, struct stat64*, int)>(can_eio, at(directory, path), directory, path,
+                                                                          status, flags);
+}
+
+int statx(int directory, const char* path, int flags, unsigned mask, struct statx* status) noexcept {
+  return counted<"statx", int(int, const char*, int, unsigned, struct statx*)>(can_eio, at(directory, path), directory,
+                                                                               path, flags, mask, status);
+}
+
+int access(const char* path, int mode) noexcept {
+  return counted<"access", int(const char*, int)>(can_eio, named(path), path, mode);
+}
+
+int faccessat(int directory, const char* path, int mode, int flags) noexcept {
+  return counted<"faccessat", int(int, const char*, int, int)>(can_eio, at(directory, path), directory, path, mode,
+                                                               flags);
+}
+
+int chmod(const char* path, mode_t mode) noexcept {
+  return counted<"chmod", int(const char*, mode_t)>(can_eio, named(path), path, mode);
+}
+
+int fchmod(int descriptor, mode_t mode) noexcept {
+  return counted<"fchmod", int(int, mode_t)>(can_eio, of(descriptor), descriptor, mode);
+}
+
+int fchmodat(int directory, const char* path, mode_t mode, int flags) noexcept {
+  return counted<"fchmodat", int(int, const char*, mode_t, int)>(can_eio, at(directory, path), directory, path, mode,
+                                                                 flags);
+}
+
+int chown(const char* path, uid_t owner, gid_t group) noexcept {
+  return counted<"chown", int(const char*, uid_t, gid_t)>(can_eio, named(path), path, owner, group);
+}
+
+int fchown(int descriptor, uid_t owner, gid_t group) noexcept {
+  return counted<"fchown", int(int, uid_t, gid_t)>(can_eio, of(descriptor), descriptor, owner, group);
+}
+
+int lchown(const char* path, uid_t owner, gid_t group) noexcept {
+  return counted<"lchown", int(const char*, uid_t, gid_t)>(can_eio, named(path), path, owner, group);
+}
+
+int fchownat(int directory, const char* path, uid_t owner, gid_t group, int flags) noexcept {
+  return counted<"fchownat", int(int, const char*, uid_t, gid_t, int)>(can_eio, at(directory, path), directory, path,
+                                                                       owner, group, flags);
+}
+
+int futimens(int descriptor, const struct timespec* times) noexcept {
+  return counted<"futimens", int(int, const struct timespec*)>(can_eio, of(descriptor), descriptor, times);
+}
+
+int utimensat(int directory, const char* path, const struct timespec* times, int flags) noexcept {
+  return counted<"utimensat", int(int, const char*, const struct timespec*, int)>(can_eio, at(directory, path),
+                                                                                  directory, path, times, flags);
+}
+
+// Extended attributes.
+
+ssize_t getxattr(const char* path, const char* name, void* value, size_t size) noexcept {
+  return counted<"getxattr", ssize_t(const char*, const char*, void*, size_t)>(can_eio, named(path), path, name, value,
+                                                                               size);
+}
+
+ssize_t lgetxattr(const char* path, const char* name, void* value, size_t size) noexcept {
+  return counted<"lgetxattr", ssize_t(const char*, const char*, void*, size_t)>(can_eio, named(path), path, name, value,
+                                                                                size);
+}
+
+ssize_t fgetxattr(int descriptor, const char* name, void* value, size_t size) noexcept {
+  return counted<"fgetxattr", ssize_t(int, const char*, void*, size_t)>(can_eio, of(descriptor), descriptor, name,
+                                                                        value, size);
+}
+
+int setxattr(const char* path, const char* name, const void* value, size_t size, int flags) noexcept {
+  return counted<"setxattr", int(const char*, const char*, const void*, size_t, int)>(taking_space, named(path), path,
+                                                                                      name, value, size, flags);
+}
+
+int lsetxattr(const char* path, const char* name, const void* value, size_t size, int flags) noexcept {
+  return counted<"lsetxattr", int(const char*, const char*, const void*, size_t, int)>(taking_space, named(path), path,
+                                                                                       name, value, size, flags);
+}
+
+int fsetxattr(int descriptor, const char* name, const void* value, size_t size, int flags) noexcept {
+  return counted<"fsetxattr", int(int, const char*, const void*, size_t, int)>(taking_space, of(descriptor), descriptor,
+                                                                               name, value, size, flags);
+}
+
+int removexattr(const char* path, const char* name) noexcept {
+  return counted<"removexattr", int(const char*, const char*)>(can_eio, named(path), path, name);
+}
+
+int lremovexattr(const char* path, const char* name) noexcept {
+  return counted<"lremovexattr", int(const char*, const char*)>(can_eio, named(path), path, name);
+}
+
+int fremovexattr(int descriptor, const char* name) noexcept {
+  return counted<"fremovexattr", int(int, const char*)>(can_eio, of(descriptor), descriptor, name);
+}
+
+ssize_t listxattr(const char* path, char* list, size_t size) noexcept {
+  return counted<"listxattr", ssize_t(const char*, char*, size_t)>(can_eio, named(path), path, list, size);
+}
+
+ssize_t llistxattr(const char* path, char* list, size_t size) noexcept {
+  return counted<"llistxattr", ssize_t(const char*, char*, size_t)>(can_eio, named(path), path, list, size);
+}
+
+ssize_t flistxattr(int descriptor, char* list, size_t size) noexcept {
+  return counted<"flistxattr", ssize_t(int, char*, size_t)>(can_eio, of(descriptor), descriptor, list, size);
+}
+
+// Locks, volumes and devices.
+
+int flock(int descriptor, int operation) noexcept {
+  return counted<"flock", int(int, int)>(can_eio, of(descriptor), descriptor, operation);
+}
+
+int statfs(const char* path, struct statfs* volume) noexcept {
+  return counted<"statfs", int(const char*, struct statfs*)>(can_eio, named(path), path, volume);
+}
+
+int statfs64(const char* path, struct statfs64* volume) noexcept {
+  return counted<"statfs64", int(const char*, struct statfs64*)>(can_eio, named(path), path, volume);
+}
+
+int fstatfs(int descriptor, struct statfs* volume) noexcept {
+  return counted<"fstatfs", int(int, struct statfs*)>(can_eio, of(descriptor), descriptor, volume);
+}
+
+int fstatfs64(int descriptor, struct statfs64* volume) noexcept {
+  return counted<"fstatfs64", int(int, struct statfs64*)>(can_eio, of(descriptor), descriptor, volume);
+}
+
+int statvfs(const char* path, struct statvfs* volume) noexcept {
+  return counted<"statvfs", int(const char*, struct statvfs*)>(can_eio, named(path), path, volume);
+}
+
+int statvfs64(const char* path, struct statvfs64* volume) noexcept {
+  return counted<"statvfs64", int(const char*, struct statvfs64*)>(can_eio, named(path), path, volume);
+}
+
+int fstatvfs(int descriptor, struct statvfs* volume) noexcept {
+  return counted<"fstatvfs", int(int, struct statvfs*)>(can_eio, of(descriptor), descriptor, volume);
+}
+
+int fstatvfs64(int descriptor, struct statvfs64* volume) noexcept {
+  return counted<"fstatvfs64", int(int, struct statvfs64*)>(can_eio, of(descriptor), descriptor, volume);
+}
+
+int ioctl(int descriptor, unsigned long request, ...) noexcept {
+  va_list arguments;
+  va_start(arguments, request);
+  void* const argument = va_arg(arguments, void*);
+  va_end(arguments);
+  return counted<"ioctl", int(int, unsigned long, ...)>(can_eio, of(descriptor), descriptor, request, argument);
+}
+
+// Directories.
+
+DIR* opendir(const char* path) { return counted_pointer<"opendir", DIR*(const char*)>(can_eio, named(path), path); }
+
+DIR* fdopendir(int descriptor) { return counted_pointer<"fdopendir", DIR*(int)>(can_eio, of(descriptor), descriptor); }
+
+struct dirent* readdir(DIR* directory) {
+  return counted_pointer<"readdir", struct dirent*(DIR*)>(can_eio, of(dirfd(directory)), directory);
+}
+
+struct dirent64* readdir64(DIR* directory) {
+  return counted_pointer<"readdir64", struct dirent64*(DIR*)>(can_eio, of(dirfd(directory)), directory);
+}
+
+}  // extern "C"

@@ -1,0 +1,86 @@
+// Runs a real program again and again, each time with another of its calls to the file system spoilt.
+#pragma once
+
+#include <cstdint>
+#include <filesystem>
+#include <functional>
+#include <iosfwd>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "support/process.hpp"
+
+namespace ravok::testing {
+
+// What happens at the chosen call; fault_library.cpp says exactly when each is possible.
+enum class FaultMode {
+  exit,    // the process ends by SIGKILL before the call
+  power,   // the same, and what was written to a file and not flushed since is lost
+  torn,    // half of the bytes are written, then the process ends by SIGKILL
+  eio,     // the call fails with EIO
+  enospc,  // the call fails with ENOSPC
+};
+
+inline constexpr FaultMode all_fault_modes[] = {FaultMode::exit, FaultMode::power, FaultMode::torn, FaultMode::eio,
+                                                FaultMode::enospc};
+
+// The mode as the library and the tables name it.
+const char* fault_mode_name(FaultMode mode);
+
+// Whether the process is ended rather than one of its calls failed.
+bool ends_process(FaultMode mode);
+
+// A call that the library counted.
+struct FaultCall {
+  std::uint64_t number = 0;        // from 1, in the order of the calls
+  std::string name;                // the function of the C library
+  std::vector<FaultMode> modes;    // what could happen to this very call
+  std::vector<FaultMode> applied;  // what did happen to it: nothing or one mode
+  std::filesystem::path path;      // what it concerned; of two paths the first
+};
+
+struct FaultRun {
+  ProgramResult result;
+  std::vector<FaultCall> calls;
+};
+
+// Runs the program with the library preloaded, counting from the first call that concerns `root` or a directory above
+// it, and with `mode` at call `number`; 0 only counts. `root` must be absolute, without links.
+FaultRun run_with_fault(const ProgramRun& run, const std::filesystem::path& root, std::uint64_t number = 0,
+                        FaultMode mode = FaultMode::exit);
+
+struct FaultOutcome {
+  FaultCall call;  // as it was in the run that only counted
+  FaultMode mode;
+  ProgramResult result;
+};
+
+struct FaultPlan {
+  ProgramRun run;
+  std::filesystem::path root;
+  // Makes the state that every run starts from; called before each of them.
+  std::function<void()> reset;
+  // Judges what a spoilt run left behind. Its failed expectations name the call and the mode.
+  std::function<void(const FaultOutcome&)> judge;
+  std::vector<FaultMode> modes = {std::begin(all_fault_modes), std::end(all_fault_modes)};
+  // Guards against a program that never stops calling.
+  std::uint64_t most_calls = 2000;
+};
+
+// What was tried, and what came of it.
+struct FaultTable {
+  std::vector<FaultCall> calls;
+  std::uint64_t runs = 0;  // spoilt runs
+  // By the function's name and the mode: how often a run ended in which way.
+  std::map<std::pair<std::string, std::string>, std::map<std::string, std::uint64_t>> endings;
+};
+
+std::ostream& operator<<(std::ostream& stream, const FaultTable& table);
+
+// Runs the program once unspoilt, which must end with code 0, and then once for every call and every mode that is
+// possible for it, each on a fresh state. Throws std::runtime_error when the unspoilt run fails or makes too many
+// calls, and when a spoilt run does not reach its call: the program's calls then differ from run to run.
+FaultTable run_faults(const FaultPlan& plan);
+
+}  // namespace ravok::testing

@@ -1,0 +1,419 @@
+// Whatever call of a guarded file operation is spoilt: what stands there afterwards is the old or the new, the message
+// is one that the operation knows, and the next run finishes.
+
+#include <algorithm>
+#include <csignal>
+#include <filesystem>
+#include <iostream>
+#include <iterator>
+#include <optional>
+#include <regex>
+#include <set>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include "fault/fault_runner.hpp"
+#include "support/temporary_root.hpp"
+
+namespace ravok::testing {
+namespace {
+
+using Messages = std::set<std::string>;
+
+Messages operator+(Messages some, const Messages& others) {
+  some.insert(others.begin(), others.end());
+  return some;
+}
+
+const Messages private_storage = {
+    "unsafe_path: Cannot anchor Linux directory ancestry",
+    "unsafe_path: Linux directory ancestry is missing or linked",
+    "unsafe_path: Linux directory ancestry changed",
+    "unsafe_path: Linux private directory path changed",
+    "permissions: Cannot reserve a new Linux private directory",
+    "permissions: Cannot restrict Linux directory permissions",
+    "permissions: New Linux private storage ownership changed",
+    "permissions: Cannot make new Linux storage private",
+    "permissions: Linux private storage must be ordinary, owned and accessible only to this user",
+    "permissions: Cannot inspect the Linux private storage ACL",
+    "file_sync: Cannot synchronize new Linux directory ownership",
+};
+
+const std::string disk_is_full = "insufficient_space: Local storage cannot save data; free space and try again";
+
+// After these the record's new content is in place, and only perhaps not durable.
+const Messages directory_flush = {
+    "file_sync: Cannot open directory for synchronization",
+    "file_sync: Could not durably synchronize directory",
+};
+
+const Messages write_record = private_storage + directory_flush +
+                              Messages{
+                                  disk_is_full,
+                                  "file_write: Cannot create transaction file TRANSACTION (5)",
+                                  "file_write: Cannot write transaction file (5)",
+                                  "file_write: Cannot synchronize transaction file (5)",
+                                  "file_write: Cannot commit transaction file (5)",
+                              };
+
+const Messages create_record = write_record + Messages{
+                                                  "file_write: Cannot create export; the destination may already "
+                                                  "exist (5)",
+                                                  "file_write: Cannot finish export transaction (5)",
+                                              };
+
+const Messages read_record = {
+    "file_read: Cannot open file: PATH",
+    "file_read: Cannot read file",
+    "file_read: Cannot finish reading file",
+    "unsafe_path: Expected an ordinary file: PATH",
+};
+
+const Messages sample_itself = {"sample: Cannot look at a path"};
+
+// After these the exchange has taken place.
+const Messages after_exchange = {
+    "file_sync: Cannot synchronize exchanged native directories",
+    "native_install_commit: Native directory exchange committed with changed ownership; recover its recorded "
+    "identities",
+};
+
+const Messages exchange_directories =
+    write_record + after_exchange + sample_itself +
+    Messages{
+        "native_install_commit: Directory exchange requires private owned roots and parents",
+        "native_install_commit: Directory exchange requires distinct roots on one volume",
+        "native_install_commit: Directory exchange identities changed during verification",
+        "native_install_commit: Cannot atomically exchange native directories",
+    };
+
+const Messages fill_allocation = {
+    "unsafe_path: Allocation requires an ordinary parent directory",
+    "unsafe_path: Cannot exclusively create or reopen a prepared allocation (5)",
+    "unsafe_path: Allocation requires an ordinary single-link file",
+    "permissions: Linux allocation must remain private and owned",
+    "permissions: Cannot inspect the Linux private storage ACL",
+    "insufficient_space: Cannot allocate game storage; free space or choose another location",
+    "insufficient_space: Cannot reserve file data; free space or choose other game storage",
+    "space_reservation: Native file allocation failed (5)",
+    "file_write: Cannot write staged file data (5)",
+    "file_write: Cannot set allocated file length (5)",
+    "file_sync: Cannot synchronize reserved file data",
+    "file_permissions: Cannot set private allocated file permissions",
+    "allocation_changed: Allocated file changed before completion",
+    "allocation_changed: Allocated file changed during writing",
+    "allocation_changed: Partial file changed before synchronization",
+    "allocation_changed: Allocated file changed before setting executable permissions",
+    "allocation_changed: Allocated file changed while setting executable permissions",
+};
+
+const Messages make_allocation = fill_allocation + write_record + sample_itself +
+                                 Messages{
+                                     "allocation_changed: New allocation path changed before recording ownership",
+                                     "allocation_changed: New allocation changed while recording ownership",
+                                     "allocation_changed: New allocation changed during preparation",
+                                 };
+
+const Messages resume_allocation = fill_allocation + read_record + sample_itself +
+                                   Messages{
+                                       "allocation_changed: Prepared file was replaced or changed; reserved content "
+                                       "was preserved",
+                                       "allocation_changed: Prepared allocation path changed",
+                                       "allocation_changed: Resume allocation changed",
+                                   };
+
+// What the sample said, without its line's end and without what is different in every run.
+std::string said(const ProgramResult& result) {
+  std::string text = result.errors;
+  if (text.ends_with('\n')) {
+    text.pop_back();
+  }
+  text = std::regex_replace(text, std::regex("/[^ ]*\\.[0-9a-f]{32}\\.tmp"), "TRANSACTION");
+  return std::regex_replace(text, std::regex("file: /.*"), "file: PATH");
+}
+
+bool is_transaction(const std::string& path) {
+  static const std::regex form(".*\\.[0-9a-f]{32}\\.tmp");
+  return std::regex_match(path, form);
+}
+
+bool is_one_of(const std::string& name, std::initializer_list<const char*> names) {
+  return std::find(names.begin(), names.end(), name) != names.end();
+}
+
+// The whole message that a failed step of a record's writing must give; empty for the steps that share theirs.
+std::string message_of_step(const FaultOutcome& outcome) {
+  if (!is_transaction(outcome.call.path)) {
+    return "";
+  }
+  const bool full = outcome.mode == FaultMode::enospc;
+  const std::string& name = outcome.call.name;
+  if (name == "write") {
+    return full ? disk_is_full : "file_write: Cannot write transaction file (5)";
+  }
+  if (name == "fsync") {
+    return full ? disk_is_full : "file_write: Cannot synchronize transaction file (5)";
+  }
+  if (is_one_of(name, {"open", "open64", "openat", "openat64"})) {
+    return full ? disk_is_full : "file_write: Cannot create transaction file TRANSACTION (5)";
+  }
+  if (is_one_of(name, {"rename", "renameat"})) {
+    return full ? disk_is_full : "file_write: Cannot commit transaction file (5)";
+  }
+  if (is_one_of(name, {"link", "linkat"})) {
+    return full ? disk_is_full : "file_write: Cannot create export; the destination may already exist (5)";
+  }
+  if (is_one_of(name, {"unlink", "unlinkat"})) {
+    return "file_write: Cannot finish export transaction (5)";
+  }
+  return "";
+}
+
+class FilesFault : public ::testing::Test {
+ protected:
+  FilesFault() : home_(root_ / "private") {}
+
+  ProgramRun sample(const std::vector<std::string>& arguments) const {
+    return {RAVOK_SAMPLE_FILES, arguments, {{"HOME", "/nowhere"}}, ""};
+  }
+
+  // Empties the place and makes its private directory.
+  void reset() const {
+    std::filesystem::remove_all(home_);
+    make_private(home_);
+  }
+
+  static void make_private(const std::filesystem::path& directory) {
+    std::filesystem::create_directory(directory);
+    std::filesystem::permissions(directory, std::filesystem::perms::owner_all);
+  }
+
+  std::optional<std::string> content(const std::string& name) const {
+    if (!std::filesystem::exists(home_ / name)) {
+      return std::nullopt;
+    }
+    return root_.read("private/" + name);
+  }
+
+  // The names in the private directory that are none of these; each must be a transaction file's.
+  std::size_t strays(const std::set<std::string>& known) const {
+    std::size_t count = 0;
+    if (std::filesystem::exists(home_)) {
+      for (const auto& entry : std::filesystem::directory_iterator(home_)) {
+        if (!known.contains(entry.path().filename())) {
+          EXPECT_TRUE(is_transaction(entry.path())) << entry.path();
+          ++count;
+        }
+      }
+    }
+    return count;
+  }
+
+  // The ending is one of the program's own, with a message that it knows, or the one that was forced on it.
+  static void judge_ending(const FaultOutcome& outcome, const Messages& messages) {
+    if (ends_process(outcome.mode)) {
+      EXPECT_EQ(outcome.result.signal, SIGKILL);
+    } else if (outcome.result.exit_code != 0) {
+      EXPECT_EQ(outcome.result.exit_code, 1);
+      EXPECT_TRUE(messages.contains(said(outcome.result))) << said(outcome.result);
+    } else {
+      EXPECT_EQ(outcome.result.errors, "");
+    }
+  }
+
+  // Only an ended process leaves a transaction file behind.
+  void judge_strays(const FaultOutcome& outcome, const std::set<std::string>& known) const {
+    EXPECT_LE(strays(known), ends_process(outcome.mode) ? 1u : 0u);
+  }
+
+  // The same action, unspoilt, on what was left behind.
+  ProgramResult again(const FaultPlan& plan) const { return run_with_fault(plan.run, plan.root).result; }
+
+  // A finished operation has nothing left that a loss of power could take: every written file was flushed, and the
+  // directory after the last change of a name in it.
+  void expect_all_flushed(const std::vector<FaultCall>& calls) const {
+    const std::vector<FaultMode>& modes = calls.back().modes;
+    EXPECT_EQ(std::find(modes.begin(), modes.end(), FaultMode::power), modes.end());
+    const auto is_flush = [&](const FaultCall& call) { return call.name == "fsync" && call.path == home_; };
+    const auto changed = std::find_if(calls.rbegin(), calls.rend(), [](const FaultCall& call) {
+      return is_one_of(call.name, {"rename", "renameat", "renameat2", "link", "linkat"});
+    });
+    EXPECT_TRUE(changed == calls.rend() || std::any_of(calls.rbegin(), changed, is_flush));
+  }
+
+  void try_all(const FaultPlan& plan) const {
+    const FaultTable table = run_faults(plan);
+    std::cout << table;
+    EXPECT_GT(table.runs, 20u);  // what was tried had a beginning, a middle and an end
+    expect_all_flushed(table.calls);
+  }
+
+  void try_writes(const std::optional<std::string>& old, const std::function<void()>& prepare) const {
+    FaultPlan plan;
+    plan.run = sample({"atomic_write", home_ / "record.json", "new content"});
+    plan.root = root_.path();
+    plan.reset = prepare;
+    plan.judge = [&](const FaultOutcome& outcome) {
+      judge_ending(outcome, write_record);
+      judge_strays(outcome, {"record.json"});
+      const std::optional<std::string> now = content("record.json");
+      if (ends_process(outcome.mode)) {
+        EXPECT_TRUE(now == old || now == "new content") << now.value_or("nothing");
+      } else {
+        const std::string message = message_of_step(outcome);
+        EXPECT_TRUE(message.empty() || said(outcome.result) == message) << message;
+        const bool in_place = outcome.result.exit_code == 0 || directory_flush.contains(said(outcome.result));
+        EXPECT_EQ(now, in_place ? "new content" : old);
+      }
+      EXPECT_EQ(again(plan).exit_code, 0);
+      EXPECT_EQ(content("record.json"), "new content");
+    };
+    try_all(plan);
+  }
+
+  // All that the sample writes into its allocated file.
+  static std::string whole() {
+    std::string text(204800, ' ');
+    for (std::size_t i = 0; i < text.size(); ++i) {
+      text[i] = static_cast<char>('a' + i % 23);
+    }
+    return text;
+  }
+
+  void expect_whole_executable() const {
+    EXPECT_TRUE(content("file") == whole());
+    EXPECT_EQ(std::filesystem::status(home_ / "file").permissions(), std::filesystem::perms::owner_all);
+  }
+
+  const TemporaryRoot root_;
+  const std::filesystem::path home_;
+};
+
+TEST_F(FilesFault, ReplacedRecordIsOldOrNew) {
+  try_writes("old content", [&] {
+    reset();
+    root_.write("private/record.json", "old content");
+  });
+}
+
+TEST_F(FilesFault, FirstRecordInAMissingDirectoryIsNewOrNothing) {
+  try_writes(std::nullopt, [&] { std::filesystem::remove_all(home_); });
+}
+
+TEST_F(FilesFault, CreatedRecordIsWholeOrNothing) {
+  FaultPlan plan;
+  plan.run = sample({"atomic_private_create", home_ / "record.json", "new content"});
+  plan.root = root_.path();
+  plan.reset = [&] { reset(); };
+  plan.judge = [&](const FaultOutcome& outcome) {
+    judge_ending(outcome, create_record);
+    judge_strays(outcome, {"record.json"});
+    const std::optional<std::string> now = content("record.json");
+    if (ends_process(outcome.mode)) {
+      EXPECT_TRUE(!now || now == "new content") << *now;
+    } else {
+      const std::string words = said(outcome.result);
+      const std::string message = message_of_step(outcome);
+      EXPECT_TRUE(message.empty() || words == message) << message;
+      const bool in_place = outcome.result.exit_code == 0 || directory_flush.contains(words) ||
+                            words == "file_write: Cannot finish export transaction (5)";
+      EXPECT_EQ(now, in_place ? std::optional<std::string>("new content") : std::nullopt);
+    }
+    const ProgramResult second = again(plan);
+    EXPECT_EQ(second.errors,
+              now ? "file_write: Cannot create export; the destination may already exist (17)\n" : std::string());
+    EXPECT_EQ(content("record.json"), "new content");
+  };
+  try_all(plan);
+}
+
+TEST_F(FilesFault, ExchangedDirectoriesAreBothWholeUnderEitherName) {
+  FaultPlan plan;
+  plan.run = sample({"exchange", home_ / "first", home_ / "second"});
+  plan.root = root_.path();
+  plan.reset = [&] {
+    reset();
+    for (const std::string name : {"first", "second"}) {
+      make_private(home_ / name);
+      root_.write("private/" + name + "/content", name);
+    }
+  };
+  plan.judge = [&](const FaultOutcome& outcome) {
+    judge_ending(outcome, exchange_directories);
+    judge_strays(outcome, {"first", "second", "exchange.record"});
+    const bool exchanged = content("first/content") == "second";
+    EXPECT_EQ(content("first/content"), exchanged ? "second" : "first");
+    EXPECT_EQ(content("second/content"), exchanged ? "first" : "second");
+    if (!ends_process(outcome.mode)) {
+      EXPECT_EQ(exchanged, outcome.result.exit_code == 0 || after_exchange.contains(said(outcome.result)));
+    }
+    // The directories are never found exchanged without the record of it.
+    EXPECT_TRUE(!exchanged || content("exchange.record"));
+    EXPECT_EQ(again(plan).exit_code, 0);
+    EXPECT_EQ(content("first/content"), "second");
+    EXPECT_EQ(content("second/content"), "first");
+  };
+  try_all(plan);
+}
+
+TEST_F(FilesFault, AllocatedFileIsWholeOrKnownOrEmpty) {
+  FaultPlan plan;
+  plan.run = sample({"allocated", home_ / "file"});
+  plan.root = root_.path();
+  plan.reset = [&] { reset(); };
+  plan.judge = [&](const FaultOutcome& outcome) {
+    judge_ending(outcome, make_allocation);
+    judge_strays(outcome, {"file", "file.record"});
+    const bool recorded = content("file.record").has_value();
+    struct stat status = {};
+    const bool present = lstat((home_ / "file").c_str(), &status) == 0;
+    // No content and no blocks that nobody recorded.
+    EXPECT_TRUE(!present || recorded || (status.st_size == 0 && status.st_blocks == 0));
+    if (outcome.result.exit_code == 0) {
+      expect_whole_executable();
+    } else if (ends_process(outcome.mode)) {
+      EXPECT_TRUE(present || !recorded);
+      EXPECT_LE(status.st_size, 204800);
+    } else {
+      // What is abandoned goes; a file that stays behind was finished before its mode could be set.
+      EXPECT_TRUE(!present || !recorded || content("file") == whole());
+    }
+    EXPECT_EQ(again(plan).exit_code, 0);
+    expect_whole_executable();
+  };
+  try_all(plan);
+}
+
+TEST_F(FilesFault, ResumedAllocatedFileIsNeverGivenUp) {
+  FaultPlan plan;
+  plan.run = sample({"allocated", home_ / "file"});
+  plan.root = root_.path();
+  reset();
+  const std::vector<FaultCall> calls = run_with_fault(plan.run, plan.root).calls;
+  const auto last_write = std::find_if(calls.rbegin(), calls.rend(), [&](const FaultCall& call) {
+    return call.name == "write" && call.path == home_ / "file";
+  });
+  ASSERT_NE(last_write, calls.rend());
+  plan.reset = [&] {
+    reset();
+    run_with_fault(plan.run, plan.root, last_write->number, FaultMode::torn);
+  };
+  plan.judge = [&](const FaultOutcome& outcome) {
+    judge_ending(outcome, resume_allocation);
+    judge_strays(outcome, {"file", "file.record"});
+    EXPECT_TRUE(content("file").has_value());
+    EXPECT_TRUE(content("file.record").has_value());
+    if (outcome.result.exit_code == 0) {
+      expect_whole_executable();
+    }
+    EXPECT_EQ(again(plan).exit_code, 0);
+    expect_whole_executable();
+  };
+  try_all(plan);
+}
+
+}  // namespace
+}  // namespace ravok::testing
