@@ -25,6 +25,7 @@ as_root() {
 
 # Configures, where that is still to be done, and builds one preset.
 build_preset() {
+  mkdir -p "$root/build"
   [ -f "$root/build/$1/build.ninja" ] || (cd "$root" && cmake --preset "$1" >"$root/build/$1-configure.log" 2>&1) || {
     cat "$root/build/$1-configure.log" >&2
     fail "configuring the preset $1 failed."

@@ -29,6 +29,9 @@ class Descriptor {
   int get() const { return value_; }
   explicit operator bool() const { return value_ >= 0; }
 
+  // Gives the descriptor up without closing it.
+  [[nodiscard]] int release() { return std::exchange(value_, -1); }
+
   // Closes the descriptor, if there is one. A failing close still releases it.
   void reset() {
     if (value_ >= 0) {

@@ -1,0 +1,239 @@
+#include "platform/files.hpp"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstddef>
+#include <cstdio>
+#include <optional>
+#include <system_error>
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include "domain/crypto.hpp"
+#include "domain/error.hpp"
+#include "domain/paths.hpp"
+#include "platform/descriptor.hpp"
+#include "platform/file_status.hpp"
+#include "platform/posix_files.hpp"
+
+namespace ravok {
+namespace {
+
+constexpr std::size_t maximum_path_bytes = 4096;
+constexpr std::size_t piece_bytes = 65536;
+constexpr int read_flags = O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC;
+
+Descriptor open_for_reading(const std::filesystem::path& path) {
+  return Descriptor(retry_interrupted([&] { return open(path.c_str(), read_flags); }));
+}
+
+// Opens an ordinary file and tells its size in bytes.
+Descriptor open_ordinary(const std::filesystem::path& path, std::uint64_t& size) {
+  Descriptor file = open_for_reading(path);
+  if (!file) {
+    fail(errno == ELOOP ? "unsafe_path" : "file_read", "Cannot open file: " + path_utf8(path));
+  }
+  const auto status = status_of(file.get());
+  if (!status || !S_ISREG(status->st_mode) || status->st_size < 0) {
+    fail("unsafe_path", "Expected an ordinary file: " + path_utf8(path));
+  }
+  size = static_cast<std::uint64_t>(status->st_size);
+  return file;
+}
+
+// Reads exactly `count` bytes, which must be all that is left.
+std::string read_to_end(int file, std::size_t count) {
+  std::string bytes(count, '\0');
+  std::size_t done = 0;
+  while (done < count) {
+    const std::size_t piece = std::min(piece_bytes, count - done);
+    const ssize_t got = retry_interrupted([&] { return read(file, bytes.data() + done, piece); });
+    require(got >= 0, "file_read", "Cannot read file");
+    require(got > 0, "file_read", "File changed while reading");
+    done += static_cast<std::size_t>(got);
+  }
+  char beyond = 0;
+  const ssize_t got = retry_interrupted([&] { return read(file, &beyond, 1); });
+  require(got >= 0, "file_read", "Cannot finish reading file");
+  require(got == 0, "file_read", "File changed while reading");
+  return bytes;
+}
+
+std::string read_ordinary(const std::filesystem::path& path, std::uint64_t limit, bool tail, std::uint64_t* total) {
+  std::uint64_t size = 0;
+  const Descriptor file = open_ordinary(path, size);
+  if (total != nullptr) {
+    *total = size;
+  }
+  std::uint64_t start = 0;
+  if (tail && size > limit) {
+    start = size - limit;
+    require(lseek(file.get(), static_cast<off_t>(start), SEEK_SET) >= 0, "file_read", "Cannot read file");
+  }
+  require(size - start <= limit, "size_limit", "File exceeds read limit");
+  return read_to_end(file.get(), static_cast<std::size_t>(size - start));
+}
+
+[[noreturn]] void transaction_failure(int problem, std::string_view message) {
+  if (problem == ENOSPC || problem == EDQUOT) {
+    fail("insufficient_space", "Local storage cannot save data; free space and try again");
+  }
+  fail("file_write", std::string(message) + " (" + std::to_string(problem) + ")");
+}
+
+void require_transaction(bool succeeded, std::string_view message) {
+  if (!succeeded) {
+    transaction_failure(errno, message);
+  }
+}
+
+struct Writer {
+  bool replace;
+  bool is_private;
+  bool durable;
+};
+
+std::filesystem::path parent_of(const std::filesystem::path& path) {
+  return path.has_parent_path() ? path.parent_path() : std::filesystem::path(".");
+}
+
+void require_export_parent(const std::filesystem::path& parent) {
+  const auto status = link_status_of(parent);
+  require(status && is_directory(*status), "unsafe_path", "Export parent must be an existing plain directory");
+}
+
+// A transaction file from its creation to its commit; what is not committed is removed.
+class Transaction {
+ public:
+  explicit Transaction(const std::filesystem::path& destination)
+      : path_(destination.native() + "." + random_id() + ".tmp"),
+        file_(retry_interrupted([&] { return open(path_.c_str(), create_flags, 0600); })) {
+    if (!file_) {
+      transaction_failure(errno, "Cannot create transaction file " + path_utf8(path_));
+    }
+  }
+  ~Transaction() {
+    if (!committed_) {
+      file_.reset();
+      unlink(path_.c_str());
+    }
+  }
+  Transaction(const Transaction&) = delete;
+  Transaction& operator=(const Transaction&) = delete;
+
+  void make_private() { posix_files::secure_new_private(file_.get(), false); }
+
+  void write_all(std::string_view bytes) {
+    while (!bytes.empty()) {
+      const ssize_t count = retry_interrupted([&] { return write(file_.get(), bytes.data(), bytes.size()); });
+      if (count <= 0) {
+        transaction_failure(count == 0 ? EIO : errno, "Cannot write transaction file");
+      }
+      bytes.remove_prefix(static_cast<std::size_t>(count));
+    }
+  }
+
+  void close(bool durable) {
+    const int problem = durable && posix_files::sync(file_.get()) != 0 ? errno : 0;
+    file_.reset();
+    if (problem != 0) {
+      transaction_failure(problem, "Cannot synchronize transaction file");
+    }
+  }
+
+  void replace(const std::filesystem::path& destination) {
+    require_transaction(rename(path_.c_str(), destination.c_str()) == 0, "Cannot commit transaction file");
+    committed_ = true;
+  }
+
+  // A link never replaces, so the destination keeps whatever it already holds.
+  void create(const std::filesystem::path& destination) {
+    require_transaction(link(path_.c_str(), destination.c_str()) == 0,
+                        "Cannot create export; the destination may already exist");
+    require_transaction(unlink(path_.c_str()) == 0, "Cannot finish export transaction");
+    committed_ = true;
+  }
+
+ private:
+  static constexpr int create_flags = O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC;
+
+  std::filesystem::path path_;
+  Descriptor file_;
+  bool committed_ = false;
+};
+
+void atomic_file(const std::filesystem::path& path, std::string_view bytes, const Writer& writer) {
+  const std::filesystem::path parent = parent_of(path);
+  if (writer.is_private) {
+    private_directory(parent);
+  } else {
+    require_export_parent(parent);
+  }
+  const auto existing = link_status_of(path);
+  require(!existing || !S_ISLNK(existing->st_mode), "unsafe_path", "Refusing to replace a symbolic link");
+
+  Transaction transaction(path);
+  if (writer.is_private) {
+    transaction.make_private();
+  }
+  transaction.write_all(bytes);
+  transaction.close(writer.durable);
+  if (writer.replace) {
+    transaction.replace(path);
+  } else {
+    transaction.create(path);
+  }
+  if (writer.durable) {
+    sync_directory(parent);
+  }
+}
+
+}  // namespace
+
+std::string read_file(const std::filesystem::path& path, std::uint64_t limit) {
+  return read_ordinary(path, limit, false, nullptr);
+}
+
+std::string read_file_tail(const std::filesystem::path& path, std::uint64_t limit, std::uint64_t* total) {
+  return read_ordinary(path, limit, true, total);
+}
+
+void sync_file(const std::filesystem::path& path) {
+  const std::string& text = path.native();
+  require(!text.empty() && text.size() <= maximum_path_bytes && text.find('\0') == std::string::npos, "file_sync",
+          "File synchronization requires a bounded path without NUL bytes");
+  const Descriptor file = open_for_reading(path);
+  const auto opened = file ? status_of(file.get()) : std::nullopt;
+  require(opened && is_single_link_file(*opened), "file_sync", "Synchronization requires an ordinary single-link file");
+  require(posix_files::sync(file.get()) == 0, "file_sync", "Could not durably synchronize file");
+  const auto named = link_status_of(path);
+  require(named && is_single_link_file(*named) && same_file(*named, *opened), "file_sync",
+          "Synchronized file path changed");
+}
+
+void sync_directory(const std::filesystem::path& path) {
+  Descriptor directory(retry_interrupted([&] { return open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC); }));
+  require(static_cast<bool>(directory), "file_sync", "Cannot open directory for synchronization");
+  const bool synchronized = posix_files::sync(directory.get()) == 0;
+  directory.reset();
+  require(synchronized, "file_sync", "Could not durably synchronize directory");
+}
+
+void atomic_write(const std::filesystem::path& path, std::string_view bytes) {
+  atomic_file(path, bytes, {.replace = true, .is_private = true, .durable = true});
+}
+
+void atomic_private_create(const std::filesystem::path& path, std::string_view bytes) {
+  atomic_file(path, bytes, {.replace = false, .is_private = true, .durable = true});
+}
+
+void atomic_create(const std::filesystem::path& path, std::string_view bytes) {
+  atomic_file(path, bytes, {.replace = false, .is_private = false, .durable = true});
+}
+
+void replace_private_file(const std::filesystem::path& path, std::string_view bytes) {
+  atomic_file(path, bytes, {.replace = true, .is_private = true, .durable = false});
+}
+
+}  // namespace ravok

@@ -1,0 +1,50 @@
+// Whole-file records: bounded reads, and writes that a crash cannot tear.
+//
+// A write puts its bytes into a transaction file beside the destination, named by the
+// destination's path, a dot, 32 random hexadecimal characters and ".tmp", and moves that into
+// place. A crash leaves the old file or the new one, and at most a stray transaction file.
+#pragma once
+
+#include <cstdint>
+#include <filesystem>
+#include <string>
+#include <string_view>
+
+namespace ravok {
+
+// Returns the whole of an ordinary file of at most `limit` bytes. Fails with "unsafe_path" for a
+// link or a special file, "size_limit" beyond the bound, before anything is read, and "file_read"
+// when the file cannot be read or changes meanwhile.
+std::string read_file(const std::filesystem::path& path, std::uint64_t limit);
+
+// Returns the last `limit` bytes of an ordinary file, or all of a smaller one, and stores the
+// file's whole size in `total`, which may be null. Fails as read_file does, but for the bound.
+std::string read_file_tail(const std::filesystem::path& path, std::uint64_t limit, std::uint64_t* total);
+
+// Flushes an ordinary file with one name, which must still be the one at the path afterwards, to
+// stable storage. Fails with "file_sync".
+void sync_file(const std::filesystem::path& path);
+
+// Flushes a directory's names to stable storage. Fails with "file_sync".
+void sync_directory(const std::filesystem::path& path);
+
+// The writers make a file of mode 0600. All fail with "unsafe_path" for a destination that is a
+// link, "insufficient_space" on a full disk, "file_write" for every other failed step, and
+// "file_sync" when only the last flush, of the directory, failed and the new content is in place.
+// After any other failure the destination is as it was.
+
+// Replaces or makes a private record durably. The parent is made private as private_directory
+// does it, and its failures pass through.
+void atomic_write(const std::filesystem::path& path, std::string_view bytes);
+
+// Makes a private record that must not exist yet, durably; the same for the parent.
+void atomic_private_create(const std::filesystem::path& path, std::string_view bytes);
+
+// Makes a file that must not exist yet in a directory of the user's choice, which must be there
+// and no link, durably.
+void atomic_create(const std::filesystem::path& path, std::string_view bytes);
+
+// Replaces or makes a private file whose last update may be lost in a crash: nothing is flushed.
+void replace_private_file(const std::filesystem::path& path, std::string_view bytes);
+
+}  // namespace ravok
