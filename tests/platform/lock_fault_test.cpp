@@ -110,7 +110,7 @@ TEST_F(LockFaults, OwnershipOfAFileThatWasFilledMeanwhileIsRefused) {
 TEST_F(LockFaults, OwnershipInADirectoryThatWasReplacedMeanwhileIsRefused) {
   expect_noticed([&] {
     std::filesystem::rename(place_, root_ / "away");
-    root_.write("place/lock", "");
+    ASSERT_EQ(chmod(root_.write("place/lock", "").c_str(), 0600), 0);
   });
   EXPECT_EQ(root_.names(), (std::vector<std::string>{"away/", "away/lock", "place/", "place/lock"}));
 }
