@@ -2,6 +2,7 @@
 
 #include <cerrno>
 #include <cstddef>
+#include <optional>
 #include <string>
 #include <system_error>
 
@@ -23,7 +24,8 @@ constexpr std::size_t maximum_path_bytes = 4096;
 constexpr std::string_view commit_code = "native_install_commit";
 
 bool is_bounded_below_root(const std::filesystem::path& path) {
-  return path != path.root_path() && path.native().size() <= maximum_path_bytes;
+  return path != path.root_path() && path.native().size() <= maximum_path_bytes &&
+         path.native().find('\0') == std::string::npos;
 }
 
 void run(const std::function<void()>& hook) {
@@ -38,17 +40,23 @@ std::filesystem::path without_end_separator(std::filesystem::path path) {
 
 // --- Commit --------------------------------------------------------------------------------
 
-void require_ordinary_ancestry(const std::filesystem::path& parent) {
-  std::filesystem::path prefix = parent.root_path();
-  const auto require_directory = [](const std::filesystem::path& path) {
-    const auto status = link_status_of(path);
-    require(status && is_directory(*status), "unsafe_path", "Directory commit requires ordinary existing ancestry");
-  };
-  require_directory(prefix);
-  for (const std::filesystem::path& component : parent.relative_path()) {
-    prefix /= component;
-    require_directory(prefix);
+// A name in a directory that is held open, so that the commit happens there or not at all.
+struct Place {
+  std::filesystem::path path;
+  Descriptor parent;
+
+  std::string name() const { return path.filename(); }
+  bool parent_is_in_place() const {
+    const auto held = status_of(parent.get());
+    const auto named = link_status_of(path.parent_path());
+    return held && named && same_file(*held, *named);
   }
+};
+
+Place place_of(const std::filesystem::path& path) {
+  Place place{path, posix_files::open_passage(path.parent_path())};
+  require(static_cast<bool>(place.parent), "unsafe_path", "Directory commit requires ordinary existing ancestry");
+  return place;
 }
 
 bool is_private_source(const FileStatus& status) {
@@ -57,10 +65,10 @@ bool is_private_source(const FileStatus& status) {
          ((is_directory(status) && permissions == 0700) || (is_single_link_file(status) && permissions == 0600));
 }
 
-bool is_unchanged_source(const FileStatus& opened, const FileStatus& named) {
-  return same_file(opened, named) && (opened.st_mode & S_IFMT) == (named.st_mode & S_IFMT) &&
-         opened.st_uid == named.st_uid && (opened.st_mode & 0777) == (named.st_mode & 0777) &&
-         (!S_ISREG(named.st_mode) || named.st_nlink == 1);
+bool is_unchanged_source(const FileStatus& opened, const std::optional<FileStatus>& named) {
+  return named && same_file(opened, *named) && (opened.st_mode & S_IFMT) == (named->st_mode & S_IFMT) &&
+         opened.st_uid == named->st_uid && (opened.st_mode & 0777) == (named->st_mode & 0777) &&
+         (!S_ISREG(named->st_mode) || named->st_nlink == 1);
 }
 
 // --- Exchange ------------------------------------------------------------------------------
@@ -84,15 +92,12 @@ Held hold_private_directory(const std::filesystem::path& path) {
   return held;
 }
 
-// Whether the path now names the directory that `expected` was taken of.
-bool names_directory(const std::filesystem::path& path, const FileStatus& expected) {
-  const auto named = link_status_of(path);
+bool is_same_directory(const std::optional<FileStatus>& named, const FileStatus& expected) {
   return named && is_directory(*named) && same_file(*named, expected);
 }
 
-bool names_private_directory(const std::filesystem::path& path, const FileStatus& expected) {
-  const auto named = link_status_of(path);
-  return named && is_directory(*named) && same_file(*named, expected) && mode_bits(*named) == 0700;
+bool is_same_private_directory(const std::optional<FileStatus>& named, const FileStatus& expected) {
+  return is_same_directory(named, expected) && mode_bits(*named) == 0700;
 }
 
 // The two directories to exchange, and their parents.
@@ -111,14 +116,13 @@ struct Exchange {
     for (const Held* held : {&first, &second, &first_parent, &second_parent}) {
       posix_files::require_private_acl(held->descriptor.get());
     }
-    require(names_private_directory(first.path, first.status) && names_private_directory(second.path, second.status) &&
-                parents_are_in_place(),
-            commit_code, "Directory exchange identities changed during verification");
+    require(roots_are(first.status, second.status) && parents_are_in_place(), commit_code,
+            "Directory exchange identities changed during verification");
   }
 
   void commit() const {
-    require(os::exchange_names(first_parent.descriptor.get(), first.path.filename().c_str(),
-                               second_parent.descriptor.get(), second.path.filename().c_str()) == 0,
+    require(os::exchange_names(first_parent.descriptor.get(), first_name().c_str(), second_parent.descriptor.get(),
+                               second_name().c_str()) == 0,
             commit_code, "Cannot atomically exchange native directories");
     require(
         posix_files::sync(first_parent.descriptor.get()) == 0 && posix_files::sync(second_parent.descriptor.get()) == 0,
@@ -126,15 +130,25 @@ struct Exchange {
   }
 
   void require_exchanged() const {
-    require(names_private_directory(first.path, second.status) && names_private_directory(second.path, first.status) &&
-                parents_are_in_place(),
-            commit_code, "Native directory exchange committed with changed ownership; recover its recorded identities");
+    require(roots_are(second.status, first.status) && parents_are_in_place(), commit_code,
+            "Native directory exchange committed with changed ownership; recover its recorded identities");
+  }
+
+  // By their paths, and by the names that the step takes.
+  bool roots_are(const FileStatus& at_first, const FileStatus& at_second) const {
+    return is_same_private_directory(link_status_of(first.path), at_first) &&
+           is_same_private_directory(link_status_of(second.path), at_second) &&
+           is_same_private_directory(link_status_at(first_parent.descriptor.get(), first_name().c_str()), at_first) &&
+           is_same_private_directory(link_status_at(second_parent.descriptor.get(), second_name().c_str()), at_second);
   }
 
   bool parents_are_in_place() const {
-    return names_directory(first_parent.path, first_parent.status) &&
-           names_directory(second_parent.path, second_parent.status);
+    return is_same_directory(link_status_of(first_parent.path), first_parent.status) &&
+           is_same_directory(link_status_of(second_parent.path), second_parent.status);
   }
+
+  std::string first_name() const { return first.path.filename(); }
+  std::string second_name() const { return second.path.filename(); }
 };
 
 std::filesystem::path absolute_normal(const std::filesystem::path& path, std::string_view message) {
@@ -153,22 +167,27 @@ void commit_private_path_new(const std::filesystem::path& source, const std::fil
   const std::filesystem::path from = resolve_system_links(absolute_normal(source, unbounded));
   const std::filesystem::path to = resolve_system_links(absolute_normal(destination, unbounded));
   require(is_bounded_below_root(from) && is_bounded_below_root(to) && from != to, "unsafe_path", unbounded);
-  require_ordinary_ancestry(from.parent_path());
-  require_ordinary_ancestry(to.parent_path());
+  const Place old_place = place_of(from);
+  const Place new_place = place_of(to);
 
   const int flags = O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC;
-  const Descriptor opened(retry_interrupted([&] { return open(from.c_str(), flags); }));
+  const Descriptor opened(
+      retry_interrupted([&] { return openat(old_place.parent.get(), old_place.name().c_str(), flags); }));
   const auto status = opened ? status_of(opened.get()) : std::nullopt;
   require(status && is_private_source(*status), commit_code, "Commit source must be private and owned by this user");
   posix_files::require_private_acl(opened.get());
   run(hook);
   // The hook takes time, and with it the chance of a change.
   posix_files::require_private_acl(opened.get());
-  const auto named = link_status_of(from);
-  require(named && is_unchanged_source(*status, *named), commit_code, "Source identity changed during verification");
-  if (os::rename_exclusive(from.c_str(), to.c_str()) != 0) {
-    fail(errno == EEXIST ? "already_installed" : commit_code,
-         "Cannot atomically install without replacing an existing destination");
+  // By its path, and by the name that the step takes.
+  require(is_unchanged_source(*status, link_status_of(from)) &&
+              is_unchanged_source(*status, link_status_at(old_place.parent.get(), old_place.name().c_str())),
+          commit_code, "Source identity changed during verification");
+  constexpr const char* not_installed = "Cannot atomically install without replacing an existing destination";
+  require(new_place.parent_is_in_place(), commit_code, not_installed);
+  if (os::rename_exclusive(old_place.parent.get(), old_place.name().c_str(), new_place.parent.get(),
+                           new_place.name().c_str()) != 0) {
+    fail(errno == EEXIST ? "already_installed" : commit_code, not_installed);
   }
 }
 

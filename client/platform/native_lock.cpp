@@ -21,22 +21,23 @@ constexpr std::size_t maximum_path_bytes = 4096;
 constexpr std::size_t maximum_levels = 128;
 constexpr int open_flags = O_RDWR | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC;
 
+Descriptor open_existing(int parent, const std::string& name) {
+  return Descriptor(retry_interrupted([&] { return openat(parent, name.c_str(), open_flags); }));
+}
+
 // Makes the lock file, or opens the one that is there; only its maker treats it as new.
-Descriptor create_or_open(const std::filesystem::path& path, int create_flags) {
-  Descriptor file(retry_interrupted([&] { return open(path.c_str(), create_flags | O_CREAT | O_EXCL, 0600); }));
+Descriptor create_or_open(int parent, const std::string& name, int create_flags) {
+  Descriptor file(
+      retry_interrupted([&] { return openat(parent, name.c_str(), create_flags | O_CREAT | O_EXCL, 0600); }));
   if (file) {
     posix_files::secure_new_private(file.get(), false);
   } else if (errno == EEXIST) {
-    file = Descriptor(retry_interrupted([&] { return open(path.c_str(), open_flags); }));
+    file = open_existing(parent, name);
   }
   return file;
 }
 
 int operation_of(LockMode mode) { return mode == LockMode::shared ? LOCK_SH : LOCK_EX; }
-
-int lock(int file, int operation) {
-  return retry_interrupted([&] { return flock(file, operation); });
-}
 
 bool is_private_file(const FileStatus& status) {
   return is_single_link_file(status) && status.st_uid == geteuid() && mode_bits(status) == 0600;
@@ -50,6 +51,11 @@ bool is_private_lock(const FileStatus& status) {
 bool is_bounded(const std::filesystem::path& path) {
   const std::string& text = path.native();
   return !text.empty() && text.size() <= maximum_path_bytes && text.find('\0') == std::string::npos;
+}
+
+std::filesystem::path absolute_normal(const std::filesystem::path& path) {
+  std::error_code problem;
+  return std::filesystem::absolute(path, problem).lexically_normal();
 }
 
 bool has_ordinary_parent(const std::filesystem::path& path) {
@@ -70,13 +76,16 @@ bool has_ordinary_parent(const std::filesystem::path& path) {
 }  // namespace
 
 FileLock::FileLock(const std::filesystem::path& path, bool wait, LockMode mode) {
-  private_directory(path.has_parent_path() ? path.parent_path() : std::filesystem::path("."));
-  file_ = create_or_open(path, O_RDWR | O_NOFOLLOW | O_CLOEXEC);
+  const Descriptor parent = posix_files::open_private_directory(path.has_parent_path() ? path.parent_path() : ".");
+  if (is_bounded(path)) {
+    file_ = create_or_open(parent.get(), path.filename(), O_RDWR | O_NOFOLLOW | O_CLOEXEC);
+  }
   require(static_cast<bool>(file_), "lock_failed", "Cannot open operation lock");
   const auto status = status_of(file_.get());
   require(status && is_private_file(*status), "lock_failed", "Operation lock must be an ordinary private owned file");
   posix_files::require_private_acl(file_.get());
-  require(lock(file_.get(), operation_of(mode) | (wait ? 0 : LOCK_NB)) == 0, "busy",
+  // A signal ends the wait, so that an operation can be called off while it waits.
+  require(flock(file_.get(), operation_of(mode) | (wait ? 0 : LOCK_NB)) == 0, "busy",
           "Another Ravok operation is using this state");
 }
 
@@ -104,14 +113,19 @@ NativeFileLock::NativeFileLock(const std::filesystem::path& path, bool create, N
   const bool mode_known = mode == LockMode::exclusive || mode == LockMode::shared;
   require(is_bounded(path) && sharing_known && mode_known, "lock_failed",
           "Native ownership requires a bounded lock path and known sharing");
-  require(has_ordinary_parent(path), "lock_failed", "Native ownership requires ordinary existing parents");
-  file_ = create ? create_or_open(path, open_flags)
-                 : Descriptor(retry_interrupted([&] { return open(path.c_str(), open_flags); }));
+  constexpr const char* ordinary = "Native ownership requires ordinary existing parents";
+  require(has_ordinary_parent(path), "lock_failed", ordinary);
+  // What follows acts in the directory that was walked to, whatever becomes of the path.
+  const std::filesystem::path place = absolute_normal(path);
+  const Descriptor parent = posix_files::open_passage(place.parent_path());
+  require(static_cast<bool>(parent), "lock_failed", ordinary);
+  file_ = create ? create_or_open(parent.get(), place.filename(), open_flags)
+                 : open_existing(parent.get(), place.filename());
   const auto status = file_ ? status_of(file_.get()) : std::nullopt;
   require(status && is_private_lock(*status), "lock_failed",
           "Native ownership requires an ordinary empty private file");
   posix_files::require_private_acl(file_.get());
-  if (lock(file_.get(), operation_of(mode) | LOCK_NB) != 0) {
+  if (flock(file_.get(), operation_of(mode) | LOCK_NB) != 0) {
     require(errno != EWOULDBLOCK, "busy", "Another worker owns this native installation");
     fail("lock_failed", "Cannot acquire native installation ownership");
   }

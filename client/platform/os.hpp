@@ -38,8 +38,13 @@ int claim_blocks(int descriptor, std::uint64_t allocated, std::uint64_t length);
 
 // --- Names ---------------------------------------------------------------------------------
 
-// Renames, and never replaces: EEXIST when `to` exists. Returns 0, or -1 with errno set.
-int rename_exclusive(const char* from, const char* to);
+// The flags that open a directory only to pass through it, which needs no leave to read it, and
+// never through a link.
+int passage_flags();
+
+// Renames one name to another, each relative to an open directory, and never replaces: EEXIST when
+// `to` exists. Returns 0, or -1 with errno set.
+int rename_exclusive(int from_parent, const char* from, int to_parent, const char* to);
 
 // Exchanges two names, each relative to an open directory, in one step. Returns 0, or -1 with
 // errno set.

@@ -192,7 +192,7 @@ void require_private_path(const std::filesystem::path& path, bool directory) {
           "permissions", on_this_system("", " private storage path changed during inspection"));
 }
 
-void private_directory(const std::filesystem::path& path) {
+Descriptor open_private_directory(const std::filesystem::path& path) {
   const std::string below_root = on_this_system("", " private directory needs a bounded path below a root");
   require(!path.empty() && !has_nul(path), "unsafe_path", below_root);
   const std::filesystem::path target = target_of(path);
@@ -221,6 +221,22 @@ void private_directory(const std::filesystem::path& path) {
   const auto named = link_status_of(target);
   require(opened && named && same_file(*opened, *named), "unsafe_path",
           on_this_system("", " private directory path changed"));
+  return parent;
+}
+
+void private_directory(const std::filesystem::path& path) { open_private_directory(path); }
+
+Descriptor open_passage(const std::filesystem::path& directory) {
+  const std::filesystem::path target = target_of(directory);
+  const auto open_level = [](int parent, const std::filesystem::path& name) {
+    return Descriptor(retry_interrupted([&] { return openat(parent, name.c_str(), os::passage_flags()); }));
+  };
+  Descriptor passage = open_level(AT_FDCWD, target.root_path());
+  std::size_t levels = 0;
+  for (const std::filesystem::path& component : target.relative_path()) {
+    passage = passage && ++levels <= maximum_levels ? open_level(passage.get(), component) : Descriptor();
+  }
+  return passage;
 }
 
 }  // namespace posix_files

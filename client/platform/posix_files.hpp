@@ -10,6 +10,8 @@
 
 #include <fcntl.h>
 
+#include "platform/descriptor.hpp"
+
 namespace ravok {
 
 namespace posix_files {
@@ -46,6 +48,14 @@ void require_private_path(const std::filesystem::path& path, bool directory);
 // Fails with "unsafe_path", "size_limit", "permissions" or "file_sync"; levels that were made
 // before a failure stay, empty and private.
 void private_directory(const std::filesystem::path& path);
+
+// The same, and returns the directory open: what is done through the descriptor happens in the
+// directory that was proved, whatever becomes of the path.
+Descriptor open_private_directory(const std::filesystem::path& path);
+
+// Opens an existing directory to pass through, level by level from its root and through no link
+// but the system's own. Returns none when a level is missing, is no directory or is the 129th.
+Descriptor open_passage(const std::filesystem::path& directory);
 
 }  // namespace posix_files
 

@@ -6,8 +6,10 @@
 
 namespace ravok::os {
 
-int rename_exclusive(const char* from, const char* to) {
-  return renameat2(AT_FDCWD, from, AT_FDCWD, to, RENAME_NOREPLACE);
+int passage_flags() { return O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC; }
+
+int rename_exclusive(int from_parent, const char* from, int to_parent, const char* to) {
+  return renameat2(from_parent, from, to_parent, to, RENAME_NOREPLACE);
 }
 
 int exchange_names(int first_parent, const char* first, int second_parent, const char* second) {

@@ -1,0 +1,69 @@
+// A second process that changes names under a test's feet, over and over until its standard input
+// ends; then everything is back under the name that it had, if nobody else moved it. It says
+// "ready" after the first round, and at its end how many rounds there were.
+//
+//   race_adversary [exchange A B | rename A B]...
+//
+// A round does each change in turn and then undoes them from the last to the first.
+
+#include <cstdio>
+#include <iostream>
+#include <iterator>
+#include <string>
+#include <vector>
+
+#include <fcntl.h>
+#include <poll.h>
+
+#include "platform/os.hpp"
+
+namespace ravok {
+namespace {
+
+struct Change {
+  bool exchange;
+  std::string first;
+  std::string second;
+};
+
+bool apply(const Change& change, bool back) {
+  const char* const from = (back ? change.second : change.first).c_str();
+  const char* const to = (back ? change.first : change.second).c_str();
+  return change.exchange ? os::exchange_names(AT_FDCWD, from, AT_FDCWD, to) == 0
+                         : os::rename_exclusive(AT_FDCWD, from, AT_FDCWD, to) == 0;
+}
+
+void do_round(const std::vector<Change>& changes) {
+  std::vector<const Change*> done;
+  for (const Change& change : changes) {
+    if (apply(change, false)) {
+      done.push_back(&change);
+    }
+  }
+  for (auto change = done.rbegin(); change != done.rend(); ++change) {
+    apply(**change, true);
+  }
+}
+
+bool input_has_ended() {
+  pollfd input{.fd = 0, .events = POLLIN, .revents = 0};
+  return poll(&input, 1, 0) > 0;
+}
+
+}  // namespace
+}  // namespace ravok
+
+int main(int count, char** words) {
+  std::vector<ravok::Change> changes;
+  for (int i = 1; i + 2 < count; i += 3) {
+    changes.push_back({std::string(words[i]) == "exchange", words[i + 1], words[i + 2]});
+  }
+  ravok::do_round(changes);
+  std::cout << "ready" << std::endl;
+  unsigned long rounds = 1;
+  while (!ravok::input_has_ended()) {
+    ravok::do_round(changes);
+    ++rounds;
+  }
+  std::cout << rounds << std::endl;
+}

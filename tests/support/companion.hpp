@@ -1,0 +1,43 @@
+// A second process that runs beside a test: told to go on or to end, and heard line by line.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include <sys/types.h>
+
+#include "platform/descriptor.hpp"
+
+namespace ravok::testing {
+
+class Companion {
+ public:
+  // Starts the program with pipes for its standard input and output.
+  Companion(const std::string& program, const std::vector<std::string>& arguments);
+  // Kills the process, if it is still there.
+  ~Companion();
+  Companion(const Companion&) = delete;
+  Companion& operator=(const Companion&) = delete;
+
+  // Waits for its next line, and returns that without the line's end; the rest, perhaps nothing,
+  // when it says no more.
+  std::string read_line();
+  // Closes its standard input, which is how it is told to go on.
+  void close_input() { input_.reset(); }
+  void send_signal(int signal) const;
+  // Returns whether it has ended. Does not wait.
+  bool has_ended();
+  // Waits for its end and returns its exit code, or minus the signal that ended it.
+  int wait();
+
+ private:
+  void keep_end(int status);
+
+  pid_t child_ = 0;
+  Descriptor input_;
+  Descriptor output_;
+  bool ended_ = false;
+  int end_ = 0;
+};
+
+}  // namespace ravok::testing
