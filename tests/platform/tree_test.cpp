@@ -1,9 +1,7 @@
 #include "platform/tree.hpp"
 
 #include <cstdint>
-#include <cstdlib>
 #include <filesystem>
-#include <fstream>
 #include <limits>
 #include <string>
 #include <system_error>
@@ -71,42 +69,21 @@ TEST(TreeBytes, RefusesLinksAndSpecialFiles) {
   EXPECT_FAILURE(tree_bytes(root.path(), 10), "unsafe_path", special);
 }
 
-// A directory on a volume in memory, which holds files of any size and many of them quickly.
-class InMemory {
- public:
-  InMemory() {
-    std::string pattern = "/dev/shm/ravok-test-XXXXXX";
-    if (mkdtemp(pattern.data()) != nullptr) {
-      path_ = pattern;
-    }
-  }
-  ~InMemory() {
-    if (!path_.empty()) {
-      remove_path_quietly(path_);
-    }
-  }
-  InMemory(const InMemory&) = delete;
-  InMemory& operator=(const InMemory&) = delete;
-
-  const std::filesystem::path& path() const { return path_; }
-
- private:
-  std::filesystem::path path_;
-};
+// A volume in memory holds sparse files of any size, and many files quickly.
+constexpr const char* in_memory = "/dev/shm";
 
 TEST(TreeBytes, AddsUpToTheGreatestSumAndNotBeyond) {
-  const InMemory root;
-  std::error_code problem;
+  const TemporaryRoot root(in_memory);
   for (const char* name : {"a", "b"}) {
-    std::ofstream(root.path() / name).close();
-    std::filesystem::resize_file(root.path() / name, std::numeric_limits<std::int64_t>::max(), problem);
+    std::error_code problem;
+    std::filesystem::resize_file(root.write(name, ""), std::numeric_limits<std::int64_t>::max(), problem);
     if (problem) {
-      GTEST_SKIP() << "no volume here holds files of that size";
+      GTEST_SKIP() << "the volume holds no files of that size";
     }
   }
-  std::ofstream(root.path() / "c") << "1";
+  root.write("c", "1");
   EXPECT_EQ(tree_bytes(root.path(), 3), std::numeric_limits<std::uint64_t>::max());
-  std::ofstream(root.path() / "c") << "12";
+  root.write("c", "12");
   EXPECT_FAILURE(tree_bytes(root.path(), 3), "size_limit", "Tree size overflowed");
 }
 
@@ -190,23 +167,18 @@ TEST(RemovePlainTree, RemovesNothingOfATreeWithALink) {
 }
 
 TEST(RemovePlainTree, RemovesNothingOfATreeOfTooManyEntries) {
-  const InMemory root;
-  const auto tree = root.path() / "tree";
-  std::error_code problem;
-  if (root.path().empty() || !std::filesystem::create_directory(tree, problem)) {
-    GTEST_SKIP() << "no volume here holds many files quickly";
-  }
+  const TemporaryRoot root(in_memory);
   constexpr int maximum_entries = 250000;
-  const std::string first = tree / "0";
-  std::ofstream(first).close();
+  const std::string first = root.write("tree/0", "");
+  const std::string prefix = root / "tree/";
   for (int i = 1; i <= maximum_entries; ++i) {
-    ASSERT_EQ(link(first.c_str(), (tree / std::to_string(i)).c_str()), 0) << i;
+    ASSERT_EQ(link(first.c_str(), (prefix + std::to_string(i)).c_str()), 0) << i;
   }
-  EXPECT_FAILURE(remove_plain_tree(tree), "size_limit", "Directory entry count exceeds bounds");
+  EXPECT_FAILURE(remove_plain_tree(root / "tree"), "size_limit", "Directory entry count exceeds bounds");
   EXPECT_EQ(link_status_of(first)->st_nlink, maximum_entries + 1u);
-  std::filesystem::remove(tree / "250000");
-  remove_plain_tree(tree);
-  EXPECT_FALSE(std::filesystem::exists(tree));
+  std::filesystem::remove(root / "tree/1");
+  remove_plain_tree(root / "tree");
+  EXPECT_TRUE(root.names().empty());
 }
 
 TEST(RemovePlainTree, PassesOnTheFileSystemsOwnFailure) {
