@@ -50,7 +50,7 @@ class PosixFilesFault : public ::testing::Test {
   }
 
   std::filesystem::path make_private(const std::string& name) const {
-    const auto path = root_.directory(name);
+    auto path = root_.directory(name);
     EXPECT_EQ(chmod(path.c_str(), 0700), 0);
     return path;
   }
