@@ -39,6 +39,10 @@ Descriptor create_or_open(int parent, const std::string& name, int create_flags)
 
 int operation_of(LockMode mode) { return mode == LockMode::shared ? LOCK_SH : LOCK_EX; }
 
+int lock(int file, int operation) {
+  return retry_interrupted([&] { return flock(file, operation); });
+}
+
 bool is_private_file(const FileStatus& status) {
   return is_single_link_file(status) && status.st_uid == geteuid() && mode_bits(status) == 0600;
 }
@@ -84,8 +88,7 @@ FileLock::FileLock(const std::filesystem::path& path, bool wait, LockMode mode) 
   const auto status = status_of(file_.get());
   require(status && is_private_file(*status), "lock_failed", "Operation lock must be an ordinary private owned file");
   posix_files::require_private_acl(file_.get());
-  // A signal ends the wait, so that an operation can be called off while it waits.
-  require(flock(file_.get(), operation_of(mode) | (wait ? 0 : LOCK_NB)) == 0, "busy",
+  require(lock(file_.get(), operation_of(mode) | (wait ? 0 : LOCK_NB)) == 0, "busy",
           "Another Ravok operation is using this state");
 }
 
@@ -125,7 +128,7 @@ NativeFileLock::NativeFileLock(const std::filesystem::path& path, bool create, N
   require(status && is_private_lock(*status), "lock_failed",
           "Native ownership requires an ordinary empty private file");
   posix_files::require_private_acl(file_.get());
-  if (flock(file_.get(), operation_of(mode) | LOCK_NB) != 0) {
+  if (lock(file_.get(), operation_of(mode) | LOCK_NB) != 0) {
     require(errno != EWOULDBLOCK, "busy", "Another worker owns this native installation");
     fail("lock_failed", "Cannot acquire native installation ownership");
   }

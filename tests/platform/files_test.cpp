@@ -107,6 +107,12 @@ TEST_F(ReadFile, RefusesOneByteBeyondTheLimit) {
   EXPECT_FAILURE(read_file(root_.write("byte", "1"), 0), "size_limit", "File exceeds read limit");
 }
 
+TEST_F(ReadFile, RefusesALargeFileBeforeItTakesAnyMemory) {
+  const auto file = root_.write("file", "");
+  std::filesystem::resize_file(file, std::uintmax_t{1} << 43);
+  EXPECT_FAILURE(read_file(file, 1 << 20), "size_limit", "File exceeds read limit");
+}
+
 TEST_F(ReadFile, RefusesALinkAtItsEndOnly) {
   root_.write("real/file", "x");
   std::filesystem::create_symlink("real/file", root_ / "link");
@@ -394,7 +400,6 @@ TEST_F(AtomicWrite, ReportsAFullDiskAndKeepsTheOldContent) {
 }
 
 TEST_F(AtomicPrivateCreate, MakesAPrivateFileWithOneNameInAPrivateParent) {
-  const FileModeMask set(0777);
   atomic_private_create(root_ / "a/record.json", "content");
   EXPECT_EQ(root_.names(), (Names{"a/", "a/record.json"}));
   EXPECT_EQ(root_.read("a/record.json"), "content");

@@ -14,7 +14,8 @@
 
 namespace {
 
-int failing_lock = 0;  // the error that the call gives, or 0
+int failing_lock = 0;   // the error that the call gives, or 0
+int interruptions = 0;  // how many calls a signal interrupts first
 std::function<void()> before_lock;
 
 }  // namespace
@@ -25,6 +26,11 @@ int __real_flock(int descriptor, int operation);
 int __wrap_flock(int descriptor, int operation);
 
 int __wrap_flock(int descriptor, int operation) {
+  if (interruptions > 0) {
+    --interruptions;
+    errno = EINTR;
+    return -1;
+  }
   if (failing_lock != 0) {
     errno = failing_lock;
     return -1;
@@ -62,7 +68,7 @@ class LockFaults : public ::testing::Test {
 };
 
 TEST_F(LockFaults, AnOperationLockIsBusyWhateverTheSystemSays) {
-  for (const int problem : {EWOULDBLOCK, EINTR, ENOLCK}) {
+  for (const int problem : {EWOULDBLOCK, EIO, ENOLCK}) {
     for (const bool wait : {false, true}) {
       failing_lock = problem;
       EXPECT_FAILURE(FileLock(root_ / "lock", wait, LockMode::exclusive), "busy",
@@ -73,10 +79,21 @@ TEST_F(LockFaults, AnOperationLockIsBusyWhateverTheSystemSays) {
   }
 }
 
+TEST_F(LockFaults, ALockThatASignalInterruptsIsAskedForAgain) {
+  for (const bool wait : {false, true}) {
+    interruptions = 3;
+    EXPECT_NO_THROW(FileLock(root_ / "lock", wait, LockMode::exclusive));
+    EXPECT_EQ(interruptions, 0);
+  }
+  interruptions = 3;
+  EXPECT_NO_THROW(own());
+  EXPECT_EQ(interruptions, 0);
+}
+
 TEST_F(LockFaults, OwnershipTellsAnotherOwnerFromEveryOtherFailure) {
   failing_lock = EWOULDBLOCK;
   EXPECT_FAILURE(own(), "busy", "Another worker owns this native installation");
-  for (const int problem : {EINTR, ENOLCK, EINVAL}) {
+  for (const int problem : {EIO, ENOLCK, EINVAL}) {
     failing_lock = problem;
     EXPECT_FAILURE(own(), "lock_failed", "Cannot acquire native installation ownership") << problem;
   }

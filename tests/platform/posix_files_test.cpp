@@ -250,7 +250,7 @@ TEST_F(PosixFiles, RequirePrivatePathRefusesWhatItCannotOpenAsItIs) {
 TEST_F(PosixFiles, AnAccessListThatGrantsNobodyElseAnythingPasses) {
   const auto file = private_node("file", false);
   put_list(file, access_list, list_of({{0x02, 0, 70000}, {0x02, 7, static_cast<std::uint32_t>(geteuid())}}));
-  if (IsSkipped() || testing::is_root()) {
+  if (IsSkipped()) {
     return;
   }
   EXPECT_NO_THROW(posix_files::require_private_acl(open_node(file).get()));
@@ -448,7 +448,7 @@ TEST_F(PosixFiles, PrivateDirectoryNewNeedsABoundedPath) {
   EXPECT_FAILURE(private_directory_new(std::string("/a\0b", 4)), "unsafe_path", bounded);
   EXPECT_FAILURE(private_directory_new("/"), "unsafe_path",
                  "New private directory cannot be a filesystem root or exceed its absolute path bound");
-  EXPECT_FAILURE(private_directory_new(std::string(4090, 'x')), "unsafe_path",
+  EXPECT_FAILURE(private_directory_new(std::string(4096, 'x')), "unsafe_path",
                  "New private directory cannot be a filesystem root or exceed its absolute path bound");
   EXPECT_FAILURE(private_directory_new(root_ / "a/../b"), "unsafe_path",
                  "New private directory cannot traverse parents");

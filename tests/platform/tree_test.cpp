@@ -1,12 +1,18 @@
 #include "platform/tree.hpp"
 
-#include <stdexcept>
+#include <cstdint>
+#include <filesystem>
+#include <limits>
 #include <string>
+#include <system_error>
+#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
+#include "platform/file_status.hpp"
 #include "support/failure.hpp"
 #include "support/manifest_builder.hpp"
 #include "support/temporary_root.hpp"
@@ -63,18 +69,69 @@ TEST(TreeBytes, RefusesLinksAndSpecialFiles) {
   EXPECT_FAILURE(tree_bytes(root.path(), 10), "unsafe_path", special);
 }
 
-TEST(TreeBytes, RefusesASumThatOverflows) {
-  // Volumes in memory hold sparse files of any size.
-  const TemporaryRoot root("/dev/shm");
-  constexpr std::uintmax_t huge = std::uintmax_t{1} << 62;
-  for (const char* name : {"a", "b", "c", "d"}) {
+// A volume in memory holds sparse files of any size, and many files quickly.
+constexpr const char* in_memory = "/dev/shm";
+
+TEST(TreeBytes, AddsUpToTheGreatestSumAndNotBeyond) {
+  const TemporaryRoot root(in_memory);
+  for (const char* name : {"a", "b"}) {
     std::error_code problem;
-    std::filesystem::resize_file(root.write(name, ""), huge, problem);
+    std::filesystem::resize_file(root.write(name, ""), std::numeric_limits<std::int64_t>::max(), problem);
     if (problem) {
       GTEST_SKIP() << "the volume holds no files of that size";
     }
   }
-  EXPECT_FAILURE(tree_bytes(root.path(), 10), "size_limit", "Tree size overflowed");
+  root.write("c", "1");
+  EXPECT_EQ(tree_bytes(root.path(), 3), std::numeric_limits<std::uint64_t>::max());
+  root.write("c", "12");
+  EXPECT_FAILURE(tree_bytes(root.path(), 3), "size_limit", "Tree size overflowed");
+}
+
+// Where the system's rules would not stop user 0, the test goes on as another user, to whom the
+// tree is given.
+class OrdinaryUser {
+ public:
+  explicit OrdinaryUser(const TemporaryRoot& root) {
+    if (testing::is_root()) {
+      give(root.path());
+      for (const std::string& name : root.names()) {
+        give(root / name);
+      }
+      EXPECT_EQ(seteuid(somebody), 0);
+    }
+  }
+  ~OrdinaryUser() { EXPECT_EQ(seteuid(getuid()), 0); }
+  OrdinaryUser(const OrdinaryUser&) = delete;
+  OrdinaryUser& operator=(const OrdinaryUser&) = delete;
+
+ private:
+  static constexpr uid_t somebody = 65534;
+  static void give(const std::filesystem::path& path) { EXPECT_EQ(chown(path.c_str(), somebody, somebody), 0); }
+};
+
+// Gives a directory another mode for as long as it lives.
+class WithMode {
+ public:
+  WithMode(std::filesystem::path path, mode_t mode) : path_(std::move(path)) {
+    EXPECT_EQ(chmod(path_.c_str(), mode), 0);
+  }
+  ~WithMode() { EXPECT_EQ(chmod(path_.c_str(), 0700), 0); }
+  WithMode(const WithMode&) = delete;
+  WithMode& operator=(const WithMode&) = delete;
+
+ private:
+  std::filesystem::path path_;
+};
+
+constexpr mode_t read_only = 0500;
+
+TEST(TreeBytes, ReportsADirectoryThatItCannotRead) {
+  const TemporaryRoot root;
+  root.write("d/file", "x");
+  const OrdinaryUser user(root);
+  const WithMode closed(root / "d", 0);
+  EXPECT_FAILURE(tree_bytes(root.path(), 10), "tree_read", "Cannot read a directory of the tree");
+  EXPECT_FAILURE(tree_bytes(root / "d", 10), "tree_read", "Cannot read a directory of the tree");
 }
 
 TEST(RemovePlainTree, RemovesADirectoryWithAllThatItHolds) {
@@ -107,6 +164,42 @@ TEST(RemovePlainTree, RemovesNothingOfATreeWithALink) {
   std::filesystem::create_symlink("a", root / "tree/z");
   EXPECT_FAILURE(remove_plain_tree(root / "tree"), "unsafe_path", special);
   EXPECT_EQ(root.names(), (std::vector<std::string>{"tree/", "tree/a/", "tree/a/file", "tree/z@"}));
+}
+
+TEST(RemovePlainTree, RemovesNothingOfATreeOfTooManyEntries) {
+  const TemporaryRoot root(in_memory);
+  constexpr int maximum_entries = 250000;
+  const std::string first = root.write("tree/0", "");
+  const std::string prefix = root / "tree/";
+  for (int i = 1; i <= maximum_entries; ++i) {
+    ASSERT_EQ(link(first.c_str(), (prefix + std::to_string(i)).c_str()), 0) << i;
+  }
+  EXPECT_FAILURE(remove_plain_tree(root / "tree"), "size_limit", "Directory entry count exceeds bounds");
+  EXPECT_EQ(link_status_of(first)->st_nlink, maximum_entries + 1u);
+  std::filesystem::remove(root / "tree/1");
+  remove_plain_tree(root / "tree");
+  EXPECT_TRUE(root.names().empty());
+}
+
+TEST(RemovePlainTree, PassesOnTheFileSystemsOwnFailure) {
+  const TemporaryRoot root;
+  root.write("tree/d/file", "x");
+  const OrdinaryUser user(root);
+  const WithMode fixed(root / "tree/d", read_only);
+  EXPECT_THROW(remove_plain_tree(root / "tree"), std::filesystem::filesystem_error);
+  EXPECT_EQ(root.names(), (std::vector<std::string>{"tree/", "tree/d/", "tree/d/file"}));
+}
+
+TEST(RemovePlainTree, TakesANameInTheWorkingDirectoryAndASeparatorAtTheEnd) {
+  const TemporaryRoot root;
+  root.write("tree/file", "x");
+  root.write("other/file", "x");
+  const std::filesystem::path before = std::filesystem::current_path();
+  std::filesystem::current_path(root.path());
+  EXPECT_NO_THROW(remove_plain_tree("tree"));
+  EXPECT_NO_THROW(remove_plain_tree("other/"));
+  std::filesystem::current_path(before);
+  EXPECT_TRUE(root.names().empty());
 }
 
 TEST(RemovePathQuietly, RemovesWhateverThereIs) {
@@ -212,6 +305,59 @@ TEST(RetireSnapshotFiles, PreservesWhatChangesUnderTheWork) {
   EXPECT_FAILURE(retire_snapshot_files(manifest_of({"z"}), root / "tree", swap), "unsafe_path",
                  "Changed managed paths were preserved");
   EXPECT_EQ(root.read("tree/z/mine"), "mine");
+}
+
+TEST(RetireSnapshotFiles, RunsTheHookBeforeEachFileAlsoAMissingOne) {
+  const TemporaryRoot root;
+  root.write("tree/a", "x");
+  std::vector<std::size_t> left;
+  retire_snapshot_files(manifest_of({"a", "z"}), root / "tree", [&] { left.push_back(root.names().size()); });
+  EXPECT_EQ(left, (std::vector<std::size_t>{2, 1, 1}));
+}
+
+TEST(RetireSnapshotFiles, PreservesWhatStandsInADirectorysPlace) {
+  const TemporaryRoot root;
+  root.write("tree/a", "mine");
+  EXPECT_FAILURE(retire_snapshot_files(manifest_of({"a/file"}), root / "tree", {}), "unsafe_path",
+                 "Changed managed directory was preserved");
+  EXPECT_EQ(root.read("tree/a"), "mine");
+}
+
+TEST(RetireSnapshotFiles, ReportsAFileThatItCannotRemoveAndGoesOnLater) {
+  const TemporaryRoot root;
+  const SnapshotManifest manifest = manifest_of({"a", "d/file"});
+  for (const char* path : {"tree/a", "tree/bin/program", "tree/d/file"}) {
+    root.write(path, "x");
+  }
+  const OrdinaryUser user(root);
+  {
+    const WithMode fixed(root / "tree/d", read_only);
+    EXPECT_FAILURE(retire_snapshot_files(manifest, root / "tree", {}), "file_remove",
+                   "Cannot remove a declared managed file");
+  }
+  EXPECT_EQ(root.names(), (std::vector<std::string>{"tree/", "tree/bin/", "tree/d/", "tree/d/file"}));
+  retire_snapshot_files(manifest, root / "tree", {});
+  EXPECT_TRUE(root.names().empty());
+}
+
+TEST(RetireSnapshotFiles, ReportsADirectoryThatItCannotRemove) {
+  const TemporaryRoot root;
+  root.directory("tree/d/inner");
+  const OrdinaryUser user(root);
+  const WithMode fixed(root / "tree/d", read_only);
+  EXPECT_FAILURE(retire_snapshot_files(manifest_of({"d/inner/file"}), root / "tree", {}), "file_remove",
+                 "Cannot retire empty managed directory");
+  EXPECT_EQ(root.names(), (std::vector<std::string>{"tree/", "tree/d/", "tree/d/inner/"}));
+}
+
+TEST(RetireSnapshotFiles, ReportsARootThatItCannotRemove) {
+  const TemporaryRoot root;
+  root.write("above/tree/a", "x");
+  const OrdinaryUser user(root);
+  const WithMode fixed(root / "above", read_only);
+  EXPECT_FAILURE(retire_snapshot_files(manifest_of({"a"}), root / "above/tree", {}), "file_remove",
+                 "Cannot retire empty snapshot directory");
+  EXPECT_EQ(root.names(), (std::vector<std::string>{"above/", "above/tree/"}));
 }
 
 }  // namespace
