@@ -3,7 +3,7 @@
 #include "platform/process.hpp"
 
 // What fails before there is a command line ends the process as the runtime ends it.
-int main(int argc, char** argv) {  // NOLINT(bugprone-exception-escape)
+int main(int argc, char** argv) {
   ravok::initialize_client_runtime();
   return ravok::run_setup_console(ravok::process_arguments(argc, argv), "ravok-maintenance", "", {});
 }

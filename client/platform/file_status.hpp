@@ -1,8 +1,10 @@
 // What the system says of a file, as the guarded operations compare it.
 #pragma once
 
+#include <cstdint>
 #include <filesystem>
 #include <optional>
+#include <type_traits>
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -32,6 +34,12 @@ inline std::optional<FileStatus> link_status_at(int directory, const char* name)
 // Whether two views are of one file: the same device and inode.
 inline bool same_file(const FileStatus& first, const FileStatus& second) {
   return first.st_dev == second.st_dev && first.st_ino == second.st_ino;
+}
+
+// The number of the device that holds the file; a system whose type for it is signed has its bits
+// read as unsigned.
+inline std::uint64_t device_number(const FileStatus& status) {
+  return static_cast<std::make_unsigned_t<decltype(status.st_dev)>>(status.st_dev);
 }
 
 inline bool is_directory(const FileStatus& status) { return S_ISDIR(status.st_mode); }

@@ -64,23 +64,27 @@ void require_owner_only_access(int descriptor);
 // The canonical path of an open file or directory, or nothing when it has none (any more).
 std::optional<std::string> descriptor_path(int descriptor);
 
-// What tells one volume from every other, and how the directory that the descriptor is, or lies
-// in, compares names.
+// The mounted volume that an open file or directory lies on.
 struct Volume {
-  std::string identity;  // stable text; empty when it cannot be told
-  std::uint64_t id = 0;  // tells mounted volumes apart while they are mounted
-  bool case_sensitive = true;
+  std::string identity;       // text that tells the volume from every other, also after a restart
+  std::uint64_t id = 0;       // tells mounted volumes apart while they are mounted
+  std::string mount_path;     // where it is mounted
+  std::string mounted_below;  // the path within the volume that is mounted there, "/" for all of it
 };
 
-// The volume of an open file or directory, or nothing when it is no local volume of a kind that
-// setup may keep its state on. Fails with "unsafe_path" when the system cannot tell.
-std::optional<Volume> local_volume(int descriptor);
+// The volume of an open file or directory. Fails with "unsafe_path" when it is no local volume of
+// a kind that setup may keep its state on, or cannot be told from others.
+Volume local_volume(int descriptor);
 
-// The prefix of a place's key text: "linux-v1/" or "macos-apfs-v1/".
-std::string_view path_key_prefix();
+// Whether names in an open directory are compared with their case. Fails with "unsafe_path" when
+// that cannot be told.
+bool compares_case(int directory);
 
-// The name as the volume compares it. Fails with "unsafe_path" for a name that the volume's
-// comparison cannot take, such as text that is not UTF-8 where names are normalised.
-std::string folded_name(std::string_view name, bool case_sensitive);
+// The first part of a place's key text: "linux-v1" or "macos-apfs-v1".
+std::string_view path_key_form();
+
+// The name as a directory compares it. Fails with "unsafe_path" for a name that the comparison
+// cannot take, such as one that is not UTF-8 where names are normalised.
+std::string compared_name(std::string_view name, bool case_sensitive);
 
 }  // namespace ravok::os

@@ -11,9 +11,9 @@
 
 namespace ravok::testing {
 
-TemporaryRoot::TemporaryRoot() {
+TemporaryRoot::TemporaryRoot(const std::filesystem::path& base) {
   // The system's own links at the head of the path would surprise the tests, not the code.
-  std::string pattern = std::filesystem::canonical(std::filesystem::temp_directory_path()) / "ravok-test-XXXXXX";
+  std::string pattern = std::filesystem::canonical(base) / "ravok-test-XXXXXX";
   if (mkdtemp(pattern.data()) == nullptr) {
     throw std::runtime_error("Cannot make a temporary directory for a test");
   }

@@ -10,7 +10,8 @@ namespace ravok::testing {
 
 class TemporaryRoot {
  public:
-  TemporaryRoot();
+  // Makes the directory below `base`, by default where the system keeps temporary files.
+  explicit TemporaryRoot(const std::filesystem::path& base = std::filesystem::temp_directory_path());
   ~TemporaryRoot();
   TemporaryRoot(const TemporaryRoot&) = delete;
   TemporaryRoot& operator=(const TemporaryRoot&) = delete;

@@ -1,0 +1,218 @@
+#include "platform/tree.hpp"
+
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include "support/failure.hpp"
+#include "support/manifest_builder.hpp"
+#include "support/temporary_root.hpp"
+
+namespace ravok {
+namespace {
+
+using testing::TemporaryRoot;
+
+constexpr const char* special = "Tree contains a link or special file";
+
+SnapshotManifest manifest_of(const std::vector<std::string>& paths) {
+  std::vector<testing::ManifestFile> files;
+  for (const std::string& path : paths) {
+    files.push_back({path});
+  }
+  return SnapshotManifest::parse(testing::manifest_document(files));
+}
+
+TEST(TreeBytes, SumsTheFilesOfAllLevels) {
+  const TemporaryRoot root;
+  EXPECT_EQ(tree_bytes(root.path(), 0), 0u);
+  root.write("a", "123");
+  root.write("d/e/b", "4567");
+  root.directory("empty");
+  EXPECT_EQ(tree_bytes(root.path(), 5), 7u);
+}
+
+TEST(TreeBytes, BoundsTheEntries) {
+  const TemporaryRoot root;
+  root.write("d/a", "");
+  root.write("d/b", "");
+  EXPECT_NO_THROW(tree_bytes(root.path(), 3));
+  EXPECT_FAILURE(tree_bytes(root.path(), 2), "size_limit", "Directory entry count exceeds bounds");
+}
+
+TEST(TreeBytes, NeedsAPlainDirectory) {
+  constexpr const char* plain = "Expected a plain directory";
+  const TemporaryRoot root;
+  root.directory("real");
+  std::filesystem::create_symlink("real", root / "link");
+  for (const auto& path : {root / "missing", root / "link", root.write("file", "x")}) {
+    EXPECT_FAILURE(tree_bytes(path, 10), "unsafe_path", plain) << path;
+  }
+}
+
+TEST(TreeBytes, RefusesLinksAndSpecialFiles) {
+  const TemporaryRoot root;
+  root.directory("d");
+  std::filesystem::create_symlink("/", root / "d/link");
+  EXPECT_FAILURE(tree_bytes(root.path(), 10), "unsafe_path", special);
+  std::filesystem::remove(root / "d/link");
+  ASSERT_EQ(mkfifo((root / "d/fifo").c_str(), 0600), 0);
+  EXPECT_FAILURE(tree_bytes(root.path(), 10), "unsafe_path", special);
+}
+
+TEST(TreeBytes, RefusesASumThatOverflows) {
+  // Volumes in memory hold sparse files of any size.
+  const TemporaryRoot root("/dev/shm");
+  constexpr std::uintmax_t huge = std::uintmax_t{1} << 62;
+  for (const char* name : {"a", "b", "c", "d"}) {
+    std::error_code problem;
+    std::filesystem::resize_file(root.write(name, ""), huge, problem);
+    if (problem) {
+      GTEST_SKIP() << "the volume holds no files of that size";
+    }
+  }
+  EXPECT_FAILURE(tree_bytes(root.path(), 10), "size_limit", "Tree size overflowed");
+}
+
+TEST(RemovePlainTree, RemovesADirectoryWithAllThatItHolds) {
+  const TemporaryRoot root;
+  root.write("tree/d/e/file", "x");
+  root.write("other", "x");
+  remove_plain_tree(root / "tree");
+  EXPECT_EQ(root.names(), std::vector<std::string>{"other"});
+}
+
+TEST(RemovePlainTree, AcceptsAMissingPath) {
+  const TemporaryRoot root;
+  EXPECT_NO_THROW(remove_plain_tree(root / "missing"));
+}
+
+TEST(RemovePlainTree, RefusesWhatIsNoDirectory) {
+  constexpr const char* ordinary = "Tree cleanup requires an ordinary directory";
+  const TemporaryRoot root;
+  root.write("real/file", "x");
+  root.write("file", "x");
+  std::filesystem::create_symlink("real", root / "link");
+  EXPECT_FAILURE(remove_plain_tree(root / "file"), "unsafe_path", ordinary);
+  EXPECT_FAILURE(remove_plain_tree(root / "link"), "unsafe_path", ordinary);
+  EXPECT_EQ(root.names(), (std::vector<std::string>{"file", "link@", "real/", "real/file"}));
+}
+
+TEST(RemovePlainTree, RemovesNothingOfATreeWithALink) {
+  const TemporaryRoot root;
+  root.write("tree/a/file", "x");
+  std::filesystem::create_symlink("a", root / "tree/z");
+  EXPECT_FAILURE(remove_plain_tree(root / "tree"), "unsafe_path", special);
+  EXPECT_EQ(root.names(), (std::vector<std::string>{"tree/", "tree/a/", "tree/a/file", "tree/z@"}));
+}
+
+TEST(RemovePathQuietly, RemovesWhateverThereIs) {
+  const TemporaryRoot root;
+  root.write("tree/file", "x");
+  std::filesystem::create_symlink("tree", root / "link");
+  EXPECT_TRUE(remove_path_quietly(root / "link"));
+  EXPECT_EQ(root.names(), (std::vector<std::string>{"tree/", "tree/file"}));
+  EXPECT_TRUE(remove_path_quietly(root / "tree"));
+  EXPECT_TRUE(remove_path_quietly(root / "missing"));
+  EXPECT_TRUE(root.names().empty());
+}
+
+TEST(RemovePathQuietly, AnswersAFailureWithoutThrowing) { EXPECT_FALSE(remove_path_quietly("/proc/self/status")); }
+
+TEST(ValidateSnapshotRetirement, AcceptsWhatIsThereAndWhatIsMissing) {
+  const TemporaryRoot root;
+  const SnapshotManifest manifest = manifest_of({"data/a", "data/b"});
+  EXPECT_NO_THROW(validate_snapshot_retirement(manifest, root / "missing"));
+  root.write("data/a", "anything");
+  EXPECT_NO_THROW(validate_snapshot_retirement(manifest, root.path()));
+}
+
+TEST(ValidateSnapshotRetirement, NeedsAnOrdinaryRoot) {
+  constexpr const char* ordinary = "Managed snapshot retirement requires an ordinary directory";
+  const TemporaryRoot root;
+  root.write("file", "x");
+  std::filesystem::create_symlink(".", root / "link");
+  for (const char* name : {"file", "link"}) {
+    EXPECT_FAILURE(validate_snapshot_retirement(manifest_of({}), root / name), "unsafe_path", ordinary);
+  }
+}
+
+TEST(ValidateSnapshotRetirement, PreservesAPathThatBecameSomethingElse) {
+  const TemporaryRoot root;
+  const SnapshotManifest manifest = manifest_of({"data/a", "data/b"});
+  root.write("bin/program", "x");
+  root.directory("data/b");
+  EXPECT_FAILURE(retire_snapshot_files(manifest, root.path(), {}), "unsafe_path",
+                 "A managed snapshot path became a link or special file; it was preserved");
+  std::filesystem::remove(root / "data/b");
+  std::filesystem::create_symlink("/etc/passwd", root / "data/b");
+  EXPECT_FAILURE(retire_snapshot_files(manifest, root.path(), {}), "unsafe_path",
+                 "Managed path contains a symbolic link");
+  EXPECT_EQ(root.names(), (std::vector<std::string>{"bin/", "bin/program", "data/", "data/b@"}));
+}
+
+TEST(RetireSnapshotFiles, RemovesAllThatTheManifestNamesAndTheRoot) {
+  const TemporaryRoot root;
+  const SnapshotManifest manifest = manifest_of({"a/b/c/file", "a/other", "top"});
+  for (const char* path : {"tree/bin/program", "tree/a/b/c/file", "tree/a/other", "tree/top"}) {
+    root.write(path, "x");
+  }
+  retire_snapshot_files(manifest, root / "tree", {});
+  EXPECT_TRUE(root.names().empty());
+  EXPECT_NO_THROW(retire_snapshot_files(manifest, root / "tree", {}));
+}
+
+TEST(RetireSnapshotFiles, KeepsWhatTheManifestDoesNotName) {
+  const TemporaryRoot root;
+  const SnapshotManifest manifest = manifest_of({"a/b/file", "a/c/file"});
+  for (const char* path : {"tree/bin/program", "tree/a/b/file", "tree/a/c/file"}) {
+    root.write(path, "x");
+  }
+  root.write("tree/a/b/mine", "mine");
+  retire_snapshot_files(manifest, root / "tree", {});
+  EXPECT_EQ(root.names(), (std::vector<std::string>{"tree/", "tree/a/", "tree/a/b/", "tree/a/b/mine"}));
+  EXPECT_EQ(root.read("tree/a/b/mine"), "mine");
+  EXPECT_NO_THROW(retire_snapshot_files(manifest, root / "tree", {}));
+}
+
+TEST(RetireSnapshotFiles, RetiresDirectoriesWhoseFilesAreAlreadyGone) {
+  const TemporaryRoot root;
+  root.directory("tree/a/b");
+  retire_snapshot_files(manifest_of({"a/b/file"}), root / "tree", {});
+  EXPECT_TRUE(root.names().empty());
+}
+
+TEST(RetireSnapshotFiles, StopsWhereTheHookSaysAndGoesOnLater) {
+  const TemporaryRoot root;
+  const SnapshotManifest manifest = manifest_of({"a", "z"});
+  for (const char* path : {"tree/a", "tree/bin/program", "tree/z"}) {
+    root.write(path, "x");
+  }
+  int calls = 0;
+  const auto stop = [&calls] { require(++calls < 3, "cancelled", "Stopped"); };
+  EXPECT_FAILURE(retire_snapshot_files(manifest, root / "tree", stop), "cancelled", "Stopped");
+  EXPECT_EQ(root.names(), (std::vector<std::string>{"tree/", "tree/bin/", "tree/z"}));
+  retire_snapshot_files(manifest, root / "tree", {});
+  EXPECT_TRUE(root.names().empty());
+}
+
+TEST(RetireSnapshotFiles, PreservesWhatChangesUnderTheWork) {
+  const TemporaryRoot root;
+  root.write("tree/bin/program", "x");
+  root.write("tree/z", "x");
+  const auto swap = [&root] {
+    if (std::filesystem::is_regular_file(root / "tree/z")) {
+      std::filesystem::remove(root / "tree/z");
+      root.write("tree/z/mine", "mine");
+    }
+  };
+  EXPECT_FAILURE(retire_snapshot_files(manifest_of({"z"}), root / "tree", swap), "unsafe_path",
+                 "Changed managed paths were preserved");
+  EXPECT_EQ(root.read("tree/z/mine"), "mine");
+}
+
+}  // namespace
+}  // namespace ravok
