@@ -17,6 +17,7 @@
 #include <unistd.h>
 
 #include "platform/files.hpp"
+#include "platform/os.hpp"
 #include "support/failure.hpp"
 #include "support/temporary_root.hpp"
 
@@ -56,6 +57,9 @@ std::string_view name_of_open(std::string_view path, int flags) {
   if ((flags & O_CREAT) != 0) {
     return "create";
   }
+  if ((flags & ravok::os::passage_flags()) == ravok::os::passage_flags()) {
+    return "level";
+  }
   if ((flags & O_DIRECTORY) != 0) {
     return path == "/" ? "anchor" : "open directory";
   }
@@ -73,6 +77,18 @@ int __wrap_open(const char* path, int flags, ...) {
   const mode_t mode = (flags & O_CREAT) != 0 ? va_arg(arguments, mode_t) : 0;
   va_end(arguments);
   return is_failed(name_of_open(path, flags)) ? answer() : __real_open(path, flags, mode);
+}
+
+int __real_openat(int parent, const char* path, int flags, ...);
+int __wrap_openat(int parent, const char* path, int flags, ...) {
+  va_list arguments;
+  va_start(arguments, flags);
+  const mode_t mode = (flags & O_CREAT) != 0 ? va_arg(arguments, mode_t) : 0;
+  va_end(arguments);
+  // Every other directory that is opened by its name is a level on the way.
+  const bool is_level = (flags & O_DIRECTORY) != 0 && std::string_view(path) != ".";
+  return is_failed(is_level ? "level" : name_of_open(path, flags)) ? answer()
+                                                                   : __real_openat(parent, path, flags, mode);
 }
 
 int __real_fstat(int file, struct stat* status);
@@ -100,14 +116,20 @@ int __wrap_fchmod(int file, mode_t mode) { return is_failed("fchmod") ? answer()
 int __real_fsync(int file);
 int __wrap_fsync(int file) { return is_failed("fsync") ? answer() : __real_fsync(file); }
 
-int __real_rename(const char* from, const char* to);
-int __wrap_rename(const char* from, const char* to) { return is_failed("rename") ? answer() : __real_rename(from, to); }
+int __real_renameat(int from_parent, const char* from, int to_parent, const char* to);
+int __wrap_renameat(int from_parent, const char* from, int to_parent, const char* to) {
+  return is_failed("rename") ? answer() : __real_renameat(from_parent, from, to_parent, to);
+}
 
-int __real_link(const char* from, const char* to);
-int __wrap_link(const char* from, const char* to) { return is_failed("link") ? answer() : __real_link(from, to); }
+int __real_linkat(int from_parent, const char* from, int to_parent, const char* to, int flags);
+int __wrap_linkat(int from_parent, const char* from, int to_parent, const char* to, int flags) {
+  return is_failed("link") ? answer() : __real_linkat(from_parent, from, to_parent, to, flags);
+}
 
-int __real_unlink(const char* path);
-int __wrap_unlink(const char* path) { return is_failed("unlink") ? answer() : __real_unlink(path); }
+int __real_unlinkat(int parent, const char* path, int flags);
+int __wrap_unlinkat(int parent, const char* path, int flags) {
+  return is_failed("unlink") ? answer() : __real_unlinkat(parent, path, flags);
+}
 
 }  // extern "C"
 
@@ -417,6 +439,26 @@ TEST_F(FileCallFaultOfAWriter, ANameThatAppearsMeanwhileIsNotReplacedByACreate) 
                  with_number("Cannot create export; the destination may already exist", EEXIST));
   EXPECT_EQ(root_.names(), Names{"record"});
   EXPECT_EQ(root_.read("record"), "theirs");
+}
+
+TEST_F(FileCallFaultOfAWriter, AParentThatWasReplacedMeanwhileGetsNothing) {
+  root_.write("place/record", "old");
+  for (const Writer write : {atomic_write, replace_private_file, atomic_private_create, atomic_create}) {
+    const bool replaces = write == atomic_write || write == replace_private_file;
+    const Planned set(meanwhile("write", [this] {
+      std::filesystem::rename(root_ / "place", root_ / "away");
+      root_.directory("other");
+      std::filesystem::create_symlink("other", root_ / "place");
+    }));
+    EXPECT_FAILURE(write(root_ / "place/record", "new"), "file_write",
+                   with_number(replaces ? "Cannot commit transaction file"
+                                        : "Cannot create export; the destination may already exist",
+                               ENOENT));
+    EXPECT_EQ(root_.names(), (Names{"away/", "away/record", "other/", "place@"}));
+    EXPECT_EQ(root_.read("away/record"), "old");
+    std::filesystem::remove(root_ / "place");
+    std::filesystem::rename(root_ / "away", root_ / "place");
+  }
 }
 
 TEST_F(FileCallFaultOfAWriter, AFailedUnlinkLeavesTheNewFileAndIsTriedAgain) {
