@@ -15,6 +15,7 @@
 #include "domain/paths.hpp"
 #include "platform/descriptor.hpp"
 #include "platform/file_status.hpp"
+#include "platform/os.hpp"
 #include "platform/posix_files.hpp"
 
 namespace ravok {
@@ -98,25 +99,47 @@ std::filesystem::path parent_of(const std::filesystem::path& path) {
   return path.has_parent_path() ? path.parent_path() : std::filesystem::path(".");
 }
 
-void require_export_parent(const std::filesystem::path& parent) {
-  const auto status = link_status_of(parent);
-  require(status && is_directory(*status), "unsafe_path", "Export parent must be an existing plain directory");
+Descriptor open_export_parent(const std::filesystem::path& parent) {
+  Descriptor directory(retry_interrupted([&] { return open(parent.c_str(), os::passage_flags()); }));
+  require(static_cast<bool>(directory), "unsafe_path", "Export parent must be an existing plain directory");
+  return directory;
+}
+
+// A name in a directory that is held open: every step happens there, whatever becomes of the path.
+struct Destination {
+  std::filesystem::path path;
+  Descriptor parent;
+
+  std::string name() const { return path.filename(); }
+  bool is_link() const {
+    const auto status = link_status_at(parent.get(), name().c_str());
+    return status && S_ISLNK(status->st_mode);
+  }
+};
+
+void flush_and_close(Descriptor directory) {
+  require(static_cast<bool>(directory), "file_sync", "Cannot open directory for synchronization");
+  const bool synchronized = posix_files::sync(directory.get()) == 0;
+  directory.reset();
+  require(synchronized, "file_sync", "Could not durably synchronize directory");
 }
 
 // A transaction file from its creation to its commit; what is not committed is removed.
 class Transaction {
  public:
-  explicit Transaction(const std::filesystem::path& destination)
-      : path_(destination.native() + "." + random_id() + ".tmp"),
-        file_(retry_interrupted([&] { return open(path_.c_str(), create_flags, 0600); })) {
+  explicit Transaction(const Destination& destination)
+      : destination_(destination),
+        ending_("." + random_id() + ".tmp"),
+        name_(destination.name() + ending_),
+        file_(retry_interrupted([&] { return openat(parent(), name_.c_str(), create_flags, 0600); })) {
     if (!file_) {
-      transaction_failure(errno, "Cannot create transaction file " + path_utf8(path_));
+      transaction_failure(errno, "Cannot create transaction file " + path_utf8(destination.path.native() + ending_));
     }
   }
   ~Transaction() {
     if (!committed_) {
       file_.reset();
-      unlink(path_.c_str());
+      remove();
     }
   }
   Transaction(const Transaction&) = delete;
@@ -142,50 +165,67 @@ class Transaction {
     }
   }
 
-  void replace(const std::filesystem::path& destination) {
-    require_transaction(rename(path_.c_str(), destination.c_str()) == 0, "Cannot commit transaction file");
+  void replace() {
+    constexpr const char* not_committed = "Cannot commit transaction file";
+    require_parent_in_place(not_committed);
+    require_transaction(renameat(parent(), name_.c_str(), parent(), destination_.name().c_str()) == 0, not_committed);
     committed_ = true;
   }
 
   // A link never replaces, so the destination keeps whatever it already holds.
-  void create(const std::filesystem::path& destination) {
-    require_transaction(link(path_.c_str(), destination.c_str()) == 0,
-                        "Cannot create export; the destination may already exist");
-    require_transaction(unlink(path_.c_str()) == 0, "Cannot finish export transaction");
+  void create() {
+    constexpr const char* not_created = "Cannot create export; the destination may already exist";
+    require_parent_in_place(not_created);
+    require_transaction(linkat(parent(), name_.c_str(), parent(), destination_.name().c_str(), 0) == 0, not_created);
+    require_transaction(remove(), "Cannot finish export transaction");
     committed_ = true;
   }
 
  private:
   static constexpr int create_flags = O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC;
 
-  std::filesystem::path path_;
+  int parent() const { return destination_.parent.get(); }
+  bool remove() const { return unlinkat(parent(), name_.c_str(), 0) == 0; }
+  // What would be committed to a directory that was moved away would not be found by its path.
+  void require_parent_in_place(std::string_view message) const {
+    FileStatus held;
+    FileStatus named;
+    // By a link of the system, the path may lead there too.
+    if (fstat(parent(), &held) != 0 || stat(parent_of(destination_.path).c_str(), &named) != 0) {
+      transaction_failure(errno, message);
+    }
+    if (!same_file(held, named)) {
+      transaction_failure(ENOENT, message);
+    }
+  }
+
+  const Destination& destination_;
+  std::string ending_;
+  std::string name_;
   Descriptor file_;
   bool committed_ = false;
 };
 
 void atomic_file(const std::filesystem::path& path, std::string_view bytes, const Writer& writer) {
   const std::filesystem::path parent = parent_of(path);
-  if (writer.is_private) {
-    private_directory(parent);
-  } else {
-    require_export_parent(parent);
-  }
-  const auto existing = link_status_of(path);
-  require(!existing || !S_ISLNK(existing->st_mode), "unsafe_path", "Refusing to replace a symbolic link");
+  const Destination destination{
+      path, writer.is_private ? posix_files::open_private_directory(parent) : open_export_parent(parent)};
+  require(!destination.is_link(), "unsafe_path", "Refusing to replace a symbolic link");
 
-  Transaction transaction(path);
+  Transaction transaction(destination);
   if (writer.is_private) {
     transaction.make_private();
   }
   transaction.write_all(bytes);
   transaction.close(writer.durable);
   if (writer.replace) {
-    transaction.replace(path);
+    transaction.replace();
   } else {
-    transaction.create(path);
+    transaction.create();
   }
   if (writer.durable) {
-    sync_directory(parent);
+    flush_and_close(
+        Descriptor(retry_interrupted([&] { return openat(destination.parent.get(), ".", posix_files::walk_flags); })));
   }
 }
 
@@ -213,11 +253,8 @@ void sync_file(const std::filesystem::path& path) {
 }
 
 void sync_directory(const std::filesystem::path& path) {
-  Descriptor directory(retry_interrupted([&] { return open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC); }));
-  require(static_cast<bool>(directory), "file_sync", "Cannot open directory for synchronization");
-  const bool synchronized = posix_files::sync(directory.get()) == 0;
-  directory.reset();
-  require(synchronized, "file_sync", "Could not durably synchronize directory");
+  flush_and_close(
+      Descriptor(retry_interrupted([&] { return open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC); })));
 }
 
 void atomic_write(const std::filesystem::path& path, std::string_view bytes) {

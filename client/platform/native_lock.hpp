@@ -39,8 +39,9 @@ class FileLock {
 class NativeFileLock {
  public:
   // Takes the lock and never waits; with `create` the file is made where it is missing, but no
-  // directory is. Fails with "busy" when another holds it, and with "lock_failed" when the file
-  // or the directories above it are not what they must be.
+  // directory is. Fails with "busy" when another holds it, with "lock_failed" when the file or
+  // the directories above it are not what they must be, and as resolve_system_links and the
+  // access-list check do.
   NativeFileLock(const std::filesystem::path& path, bool create, NativeLockSharing sharing, LockMode mode);
 
   // Returns whether this lock is held and its file is still the empty private file at the path.

@@ -323,6 +323,16 @@ TEST_F(AtomicWrite, RefusesAParentThatIsALink) {
   EXPECT_EQ(root_.names(), (Names{"link@", "real/"}));
 }
 
+TEST_F(AtomicWrite, WritesThroughALinkOfTheSystem) {
+  if (!testing::is_root()) {
+    GTEST_SKIP() << "only user 0 can make the system's links";
+  }
+  root_.directory("real");
+  std::filesystem::create_symlink("real", root_ / "link");
+  atomic_write(root_ / "link/record.json", "new");
+  EXPECT_EQ(root_.names(), (Names{"link@", "real/", "real/record.json"}));
+}
+
 TEST_F(AtomicWrite, CannotReplaceADirectory) {
   root_.directory("record.json");
   EXPECT_FAILURE(atomic_write(root_ / "record.json", "new"), "file_write",

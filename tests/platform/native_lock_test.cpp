@@ -272,19 +272,6 @@ TEST_F(FileLocks, WaitUntilTheHolderIsDone) {
   EXPECT_EQ(companion.wait(), 0);
 }
 
-TEST_F(FileLocks, StopWaitingOnASignal) {
-  const auto lock = take(root_ / "lock");
-  Companion companion(RAVOK_LOCK_COMPANION, {"wait", root_ / "lock", root_ / "note"});
-  ASSERT_EQ(companion.read_line(), "waiting");
-  // A signal that comes before the wait has begun is lost, so it is sent until it was heard.
-  while (!companion.has_ended()) {
-    companion.send_signal(SIGUSR1);
-    sched_yield();
-  }
-  EXPECT_EQ(companion.read_line(), std::string("busy: ") + in_use);
-  EXPECT_EQ(companion.wait(), 1);
-}
-
 TEST_F(FileLocks, HaveOneExclusiveHolderThroughAThousandContendedRounds) {
   constexpr int rounds = 500;
   root_.write("counter", "0");

@@ -12,6 +12,7 @@
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include "domain/error.hpp"
 #include "platform/atomic_commit.hpp"
@@ -36,6 +37,12 @@ using Node = std::tuple<mode_t, ino_t, off_t, std::int64_t, std::string>;
 using Codes = std::set<std::string>;
 
 enum class Outcome { done, refused };
+
+// Where no flush waits for a disk, so that more happens in less time.
+Path fast_volume() {
+  const Path memory = "/dev/shm";
+  return access(memory.c_str(), W_OK) == 0 ? memory : std::filesystem::temp_directory_path();
+}
 
 class Races : public ::testing::Test {
  protected:
@@ -120,7 +127,7 @@ class Races : public ::testing::Test {
     return static_cast<std::size_t>(std::count(outcomes.begin(), outcomes.end(), Outcome::done));
   }
 
-  const TemporaryRoot root_;
+  const TemporaryRoot root_{fast_volume()};
   const Path place_ = root_ / "root/place";
 
  private:
@@ -193,7 +200,7 @@ TEST_F(Races, FileLocksAreNeverTakenThroughALink) {
 }
 
 TEST_F(Races, NativeFileLocksAreMadeInTheirOwnDirectoryOnly) {
-  run(2000, {exchange("place", "link"), rename("place", "away")}, {"lock_failed"},
+  run(2000, {exchange("place", "link"), rename("place", "away")}, {"unsafe_path", "lock_failed"},
       [&](int i) { NativeFileLock(place_ / std::to_string(i), true, NativeLockSharing::none, LockMode::exclusive); });
 }
 
@@ -202,11 +209,12 @@ TEST_F(Races, NativeFileLocksAreNeverTakenThroughALink) {
   link("place/lock-link", "../../victim/empty");
   link("place/lock-dangling", "../../victim/new");
   std::filesystem::create_hard_link(root_ / "victim/linked", place_ / "lock-hard");
-  const auto outcomes = run(
-      3000,
-      {exchange("place/lock", "place/lock-link"), exchange("place/lock", "place/lock-dangling"),
-       exchange("place/lock", "place/lock-hard")},
-      {"lock_failed"}, [&](int) { NativeFileLock(place_ / "lock", true, NativeLockSharing::none, LockMode::shared); });
+  const auto outcomes = run(3000,
+                            {exchange("place/lock", "place/lock-link"), exchange("place/lock", "place/lock-dangling"),
+                             exchange("place/lock", "place/lock-hard")},
+                            {"unsafe_path", "lock_failed"}, [&](int) {
+                              NativeFileLock(place_ / "lock", true, NativeLockSharing::none, LockMode::shared);
+                            });
   EXPECT_EQ(done(outcomes), 0u);
 }
 

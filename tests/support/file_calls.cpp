@@ -84,10 +84,15 @@ int __wrap_open(const char* path, int flags, ...) {
   return is_failed(name_of_open(path, flags)) ? answer() : __real_open(path, flags, mode);
 }
 
-// Nothing under test makes a file relative to a directory, so there is never a mode.
 int __real_openat(int directory, const char* name, int flags, ...);
 int __wrap_openat(int directory, const char* name, int flags, ...) {
-  return is_failed("openat") ? answer() : __real_openat(directory, name, flags);
+  va_list arguments;
+  va_start(arguments, flags);
+  const mode_t mode = (flags & O_CREAT) != 0 ? va_arg(arguments, mode_t) : 0;
+  va_end(arguments);
+  const bool itself = std::string_view(name) == ".";
+  const char* const call = (flags & O_CREAT) != 0 ? "create" : itself ? "open directory" : "openat";
+  return is_failed(call) ? answer() : __real_openat(directory, name, flags, mode);
 }
 
 int __real_mkdirat(int directory, const char* name, mode_t mode);
@@ -159,14 +164,20 @@ int __wrap_ftruncate(int file, off_t length) {
 int __real_fsync(int file);
 int __wrap_fsync(int file) { return is_failed("fsync") ? answer() : __real_fsync(file); }
 
-int __real_rename(const char* from, const char* to);
-int __wrap_rename(const char* from, const char* to) { return is_failed("rename") ? answer() : __real_rename(from, to); }
+int __real_renameat(int from_directory, const char* from, int to_directory, const char* to);
+int __wrap_renameat(int from_directory, const char* from, int to_directory, const char* to) {
+  return is_failed("rename") ? answer() : __real_renameat(from_directory, from, to_directory, to);
+}
 
-int __real_link(const char* from, const char* to);
-int __wrap_link(const char* from, const char* to) { return is_failed("link") ? answer() : __real_link(from, to); }
+int __real_linkat(int from_directory, const char* from, int to_directory, const char* to, int flags);
+int __wrap_linkat(int from_directory, const char* from, int to_directory, const char* to, int flags) {
+  return is_failed("link") ? answer() : __real_linkat(from_directory, from, to_directory, to, flags);
+}
 
-int __real_unlink(const char* path);
-int __wrap_unlink(const char* path) { return is_failed("unlink") ? answer() : __real_unlink(path); }
+int __real_unlinkat(int directory, const char* name, int flags);
+int __wrap_unlinkat(int directory, const char* name, int flags) {
+  return is_failed("unlink") ? answer() : __real_unlinkat(directory, name, flags);
+}
 
 }  // extern "C"
 
