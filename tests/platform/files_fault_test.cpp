@@ -309,7 +309,7 @@ TEST_F(FileCallFaultOfAWriter, AFailedFlushOfTheDirectoryLeavesTheNewContent) {
   for (const Writer write : {atomic_write, atomic_create, atomic_private_create}) {
     for (const auto& [set_plan, message] :
          {std::pair{failing("fsync", EIO, 2), "Could not durably synchronize directory"},
-          {failing("open directory", EMFILE), "Cannot open directory for synchronization"}}) {
+          {failing("reopen directory", EMFILE), "Cannot open directory for synchronization"}}) {
       std::filesystem::remove(destination_);
       const Planned set(set_plan);
       EXPECT_FAILURE(write(destination_, "new"), "file_sync", message);

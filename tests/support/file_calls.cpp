@@ -91,7 +91,7 @@ int __wrap_openat(int directory, const char* name, int flags, ...) {
   const mode_t mode = (flags & O_CREAT) != 0 ? va_arg(arguments, mode_t) : 0;
   va_end(arguments);
   const bool itself = std::string_view(name) == ".";
-  const char* const call = (flags & O_CREAT) != 0 ? "create" : itself ? "open directory" : "openat";
+  const char* const call = (flags & O_CREAT) != 0 ? "create" : itself ? "reopen directory" : "openat";
   return is_failed(call) ? answer() : __real_openat(directory, name, flags, mode);
 }
 
