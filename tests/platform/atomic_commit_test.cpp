@@ -2,6 +2,7 @@
 
 #include <stdexcept>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -152,17 +153,19 @@ TEST_F(CommitPrivatePathNew, NeedsDistinctBoundedPathsBelowARoot) {
   const Path source = directory("source");
   const Path beyond = "/" + std::string(4096, 'x');
   const Path with_nul = source.native() + std::string("\0x", 2);
-  for (const auto& [from, to] : std::vector<std::pair<Path, Path>>{{"", root_ / "place"},
-                                                                   {source, ""},
-                                                                   {"/", root_ / "place"},
-                                                                   {source, "/"},
-                                                                   {source, source},
-                                                                   {source, root_ / "./source/"},
-                                                                   {beyond, root_ / "place"},
-                                                                   {source, beyond},
-                                                                   {with_nul, root_ / "place"},
-                                                                   {source, with_nul}}) {
-    EXPECT_FAILURE(commit_private_path_new(from, to, {}), "unsafe_path", not_distinct) << from << to;
+  const std::vector<std::pair<Path, Path>> refused = {{"", root_ / "place"},
+                                                      {source, ""},
+                                                      {"/", root_ / "place"},
+                                                      {source, "/"},
+                                                      {source, source},
+                                                      {source, root_ / "./source/"},
+                                                      {beyond, root_ / "place"},
+                                                      {source, beyond},
+                                                      {with_nul, root_ / "place"},
+                                                      {source, with_nul}};
+  for (const auto& paths : refused) {
+    EXPECT_FAILURE(commit_private_path_new(paths.first, paths.second, {}), "unsafe_path", not_distinct)
+        << paths.first << paths.second;
   }
   EXPECT_EQ(root_.names(), (std::vector<std::string>{"source/"}));
 }
