@@ -210,4 +210,13 @@ std::string sha256(const Json& value) {
   return text;
 }
 
+const std::string& text_at(const Json& object, const char* key) { return object.at(key).get_ref<const std::string&>(); }
+
+bool is_integer(const Json& value, std::int64_t expected) { return value.is_number_integer() && value == expected; }
+
+bool has_exactly(const Json& value, std::initializer_list<std::string_view> keys) {
+  return value.is_object() && value.size() == keys.size() &&
+         std::all_of(keys.begin(), keys.end(), [&](std::string_view key) { return value.contains(key); });
+}
+
 }  // namespace ravok

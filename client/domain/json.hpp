@@ -3,10 +3,13 @@
 #pragma once
 
 #include <cstdint>
+#include <initializer_list>
 #include <string>
 #include <string_view>
 
 #include <nlohmann/json.hpp>
+
+#include "domain/error.hpp"
 
 namespace ravok {
 
@@ -36,5 +39,25 @@ std::uint64_t size_value(const Json& value);
 // "invalid_manifest" for any other text, and with the JSON library's type error for a value
 // that is no text.
 std::string sha256(const Json& value);
+
+// Returns the text under a key. Throws the JSON library's exception when there is none.
+const std::string& text_at(const Json& object, const char* key);
+
+// Whether the value is of an integer type and equal to `expected`.
+bool is_integer(const Json& value, std::int64_t expected);
+
+// Whether the value is an object with exactly these keys.
+bool has_exactly(const Json& value, std::initializer_list<std::string_view> keys);
+
+// Returns what `work` does, and gives every exception of the JSON library, such as that of a missing
+// key or a value of another type, the form of one failure.
+template <typename Work>
+auto refuse_malformed(std::string_view code, std::string_view message, Work work) {
+  try {
+    return work();
+  } catch (const Json::exception&) {
+    fail(code, message);
+  }
+}
 
 }  // namespace ravok

@@ -1,5 +1,5 @@
 // The immutable inventory of one build: which archive carries it, how large it expands, and the
-// path, length, mode and digest of every file.
+// path, length, mode and digest of every file. The manifests of games and launchers extend it.
 #pragma once
 
 #include <cstddef>

@@ -1,0 +1,47 @@
+// Launcher releases: a snapshot that also declares the contracts under which the bootstrap may start
+// it, and the document by which a started launcher proves that it is that release.
+#pragma once
+
+#include <cstdint>
+#include <set>
+#include <string>
+#include <string_view>
+
+#include "domain/manifest.hpp"
+
+namespace ravok {
+
+// The version of the application's data that this system reads and writes.
+inline constexpr std::uint64_t current_application_schema = 1;
+
+// A launcher release. The inherited `executable` is the entry point for the console.
+struct LauncherManifest : SnapshotManifest {
+  // Returns the manifest of a document. Fails with "unsupported_schema"; "launcher_incompatible" for
+  // a release that this bootstrap must not start; "size_limit" beyond 1 GiB, of the archive or
+  // expanded, or 4096 files; "invalid_manifest"; and as SnapshotManifest::parse does.
+  static LauncherManifest parse(const Json& document);
+  // The same, and keeps the document itself instead of a copy.
+  static LauncherManifest parse(Json&& document);
+
+  // Returns what a launcher of this release writes when it is ready. `attempt` is the record of its
+  // start, with "nonce" and "reference"; `interface` is "cli" or "gui"; `console_interrupt` tells
+  // whether a launcher on the console must declare that contract. Fails with "launcher_health".
+  Json startup_health(const Json& attempt, std::uint64_t pid, std::string_view interface, bool console_interrupt) const;
+
+  // Whether `health`, which may be anything, is exactly that document, with numbers of integer types.
+  // Fails as startup_health does for the other arguments.
+  bool matches_startup_health(const Json& health, const Json& attempt, std::uint64_t pid, std::string_view interface,
+                              bool console_interrupt) const;
+
+  std::string gui_executable;             // the entry point with windows, a key of `files`
+  std::set<std::string> runtime_helpers;  // the other executables, keys of `files`
+  std::uint64_t runtime_lease_abi = 2;
+  std::uint64_t staging_abi = 1;
+  std::uint64_t console_interrupt_abi = 1;
+};
+
+// Returns the path in a repository of the manifest of the current launcher for a platform, such as
+// "linux-x86_64".
+std::string launcher_manifest_target(std::string_view platform);
+
+}  // namespace ravok
