@@ -111,4 +111,22 @@ std::size_t SnapshotManifest::longest_native_path() const {
   return longest;
 }
 
+std::set<std::string_view> SnapshotManifest::directories(std::size_t most) const {
+  std::set<std::string_view> found;
+  for (const auto& [path, file] : files) {
+    std::string_view directory = path;
+    // Above a known directory, all are known.
+    for (std::size_t end = directory.rfind('/'); end != std::string_view::npos; end = directory.rfind('/')) {
+      directory = directory.substr(0, end);
+      if (!found.insert(directory).second) {
+        break;
+      }
+      if (found.size() > most) {
+        return found;
+      }
+    }
+  }
+  return found;
+}
+
 }  // namespace ravok

@@ -4,8 +4,11 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <limits>
 #include <map>
+#include <set>
 #include <string>
+#include <string_view>
 
 #include "domain/json.hpp"
 
@@ -31,6 +34,10 @@ struct SnapshotManifest {
 
   // Returns the length in bytes of the longest file path in its native form, 0 without files.
   std::size_t longest_native_path() const;
+
+  // Returns the directories that the files imply, without the root, as views into the keys of
+  // `files`, each ahead of those below it. Stops when there are more than `most`.
+  std::set<std::string_view> directories(std::size_t most = std::numeric_limits<std::size_t>::max()) const;
 
   Json raw;  // the whole document, to be written out again exactly
   std::string build_id;

@@ -12,7 +12,7 @@
 #include <optional>
 #include <string_view>
 
-#include "platform/file_digest.hpp"
+#include "platform/progress.hpp"
 
 namespace ravok {
 

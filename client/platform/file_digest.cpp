@@ -1,14 +1,12 @@
 #include "platform/file_digest.hpp"
 
 #include <cstddef>
-#include <memory>
 #include <span>
 #include <vector>
 
 #include <sys/stat.h>
 
 #include "domain/crypto.hpp"
-#include "domain/digest_context.hpp"
 #include "domain/error.hpp"
 #include "domain/paths.hpp"
 #include "platform/descriptor.hpp"
@@ -44,6 +42,33 @@ std::uint64_t file_size(int file) {
 
 }  // namespace
 
+FileDigester::FileDigester(std::string_view algorithm)
+    : algorithm_(digest_algorithm(algorithm)), buffer_(piece_bytes) {}
+
+std::string FileDigester::digest(int file, const ProgressCallback& progress) {
+  require(context_.start(algorithm_), "crypto_failure", "Could not initialize file hash");
+  const std::uint64_t total = progress ? file_size(file) : 0;
+  const auto report = [&](std::uint64_t done) {
+    require(!progress || progress(done, total), "cancelled", "File verification cancelled");
+  };
+  report(0);
+
+  std::uint64_t done = 0;
+  Piece piece{};
+  do {
+    piece = read_piece(file, buffer_);
+    require(context_.update(std::span(buffer_).first(piece.size)), "crypto_failure", "Could not hash file");
+    done += piece.size;
+    require(!progress || done <= total, "content_mismatch", "File grew beyond its verification bound");
+    report(done);
+  } while (piece.size == buffer_.size());
+  require(!piece.failed, "file_read", "Error reading file during verification");
+
+  const std::vector<std::uint8_t> value = context_.finish();
+  require(!value.empty(), "crypto_failure", "Could not finish file hash");
+  return hex(value);
+}
+
 std::string digest_file(const std::filesystem::path& path, std::string_view algorithm) {
   return digest_file_progress(path, algorithm, {});
 }
@@ -52,30 +77,7 @@ std::string digest_file_progress(const std::filesystem::path& path, std::string_
                                  const ProgressCallback& progress) {
   const Descriptor file(retry_interrupted([&] { return open(path.c_str(), O_RDONLY | O_CLOEXEC); }));
   require(static_cast<bool>(file), "file_read", "Could not open file for verification: " + path_utf8(path));
-  DigestContext context;
-  require(context.start(digest_algorithm(algorithm)), "crypto_failure", "Could not initialize file hash");
-
-  const std::uint64_t total = progress ? file_size(file.get()) : 0;
-  const auto report = [&](std::uint64_t done) {
-    require(!progress || progress(done, total), "cancelled", "File verification cancelled");
-  };
-  report(0);
-
-  std::vector<std::uint8_t> buffer(piece_bytes);
-  std::uint64_t done = 0;
-  Piece piece{};
-  do {
-    piece = read_piece(file.get(), buffer);
-    require(context.update(std::span(buffer).first(piece.size)), "crypto_failure", "Could not hash file");
-    done += piece.size;
-    require(!progress || done <= total, "content_mismatch", "File grew beyond its verification bound");
-    report(done);
-  } while (piece.size == buffer.size());
-  require(!piece.failed, "file_read", "Error reading file during verification");
-
-  const std::vector<std::uint8_t> value = context.finish();
-  require(!value.empty(), "crypto_failure", "Could not finish file hash");
-  return hex(value);
+  return FileDigester(algorithm).digest(file.get(), progress);
 }
 
 }  // namespace ravok

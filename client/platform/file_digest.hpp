@@ -3,14 +3,30 @@
 
 #include <cstdint>
 #include <filesystem>
-#include <functional>
 #include <string>
 #include <string_view>
+#include <vector>
+
+#include "domain/digest_context.hpp"
+#include "platform/progress.hpp"
 
 namespace ravok {
 
-// Told how many bytes of how many are done; answers false to cancel.
-using ProgressCallback = std::function<bool(std::uint64_t done, std::uint64_t total)>;
+// Digests files one after the other, with one context and one buffer for all of them.
+class FileDigester {
+ public:
+  // `algorithm` is "sha256" or "sha512". Fails with "unsupported_hash".
+  explicit FileDigester(std::string_view algorithm);
+
+  // Returns the digest text of an open file from its current offset to its end, as
+  // digest_file_progress does.
+  std::string digest(int file, const ProgressCallback& progress);
+
+ private:
+  const evp_md_st* algorithm_;
+  DigestContext context_;
+  std::vector<std::uint8_t> buffer_;
+};
 
 // Returns the digest text of the file's content by "sha256" or "sha512".
 // Fails with "file_read" when the file cannot be opened or read, "unsupported_hash" for another

@@ -1,6 +1,7 @@
 // What the system says of a file, as the guarded operations compare it.
 #pragma once
 
+#include <cerrno>
 #include <cstdint>
 #include <filesystem>
 #include <optional>
@@ -29,6 +30,12 @@ inline std::optional<FileStatus> link_status_of(const std::filesystem::path& pat
 inline std::optional<FileStatus> link_status_at(int directory, const char* name) {
   FileStatus status;
   return fstatat(directory, name, &status, AT_SYMLINK_NOFOLLOW) == 0 ? std::optional(status) : std::nullopt;
+}
+
+// Whether the path is known to name nothing; what cannot be looked at may be there.
+inline bool is_missing(const std::filesystem::path& path) {
+  FileStatus status;
+  return lstat(path.c_str(), &status) != 0 && (errno == ENOENT || errno == ENOTDIR);
 }
 
 // Whether two views are of one file: the same device and inode.

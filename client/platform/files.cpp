@@ -127,11 +127,11 @@ void flush_and_close(Descriptor directory) {
 // A transaction file from its creation to its commit; what is not committed is removed.
 class Transaction {
  public:
-  explicit Transaction(const Destination& destination)
+  Transaction(const Destination& destination, mode_t mode)
       : destination_(destination),
         ending_("." + random_id() + ".tmp"),
         name_(destination.name() + ending_),
-        file_(retry_interrupted([&] { return openat(parent(), name_.c_str(), create_flags, 0600); })) {
+        file_(retry_interrupted([&] { return openat(parent(), name_.c_str(), create_flags, mode); })) {
     if (!file_) {
       transaction_failure(errno, "Cannot create transaction file " + path_utf8(destination.path.native() + ending_));
     }
@@ -206,13 +206,21 @@ class Transaction {
   bool committed_ = false;
 };
 
-void atomic_file(const std::filesystem::path& path, std::string_view bytes, const Writer& writer) {
+Destination open_destination(const std::filesystem::path& path, bool is_private) {
   const std::filesystem::path parent = parent_of(path);
-  const Destination destination{
-      path, writer.is_private ? posix_files::open_private_directory(parent) : open_export_parent(parent)};
+  Destination destination{path, is_private ? posix_files::open_private_directory(parent) : open_export_parent(parent)};
   require(!destination.is_link(), "unsafe_path", "Refusing to replace a symbolic link");
+  return destination;
+}
 
-  Transaction transaction(destination);
+void flush_parent(const Destination& destination) {
+  flush_and_close(
+      Descriptor(retry_interrupted([&] { return openat(destination.parent.get(), ".", posix_files::walk_flags); })));
+}
+
+void atomic_file(const std::filesystem::path& path, std::string_view bytes, const Writer& writer) {
+  const Destination destination = open_destination(path, writer.is_private);
+  Transaction transaction(destination, 0600);
   if (writer.is_private) {
     transaction.make_private();
   }
@@ -224,8 +232,7 @@ void atomic_file(const std::filesystem::path& path, std::string_view bytes, cons
     transaction.create();
   }
   if (writer.durable) {
-    flush_and_close(
-        Descriptor(retry_interrupted([&] { return openat(destination.parent.get(), ".", posix_files::walk_flags); })));
+    flush_parent(destination);
   }
 }
 
@@ -271,6 +278,26 @@ void atomic_create(const std::filesystem::path& path, std::string_view bytes) {
 
 void replace_private_file(const std::filesystem::path& path, std::string_view bytes) {
   atomic_file(path, bytes, {.replace = true, .is_private = true, .durable = false});
+}
+
+struct ExportFile::Implementation {
+  explicit Implementation(const std::filesystem::path& path)
+      : destination(open_destination(path, false)), transaction(destination, 0644) {}
+
+  Destination destination;
+  Transaction transaction;
+};
+
+ExportFile::ExportFile(const std::filesystem::path& path) : implementation_(std::make_unique<Implementation>(path)) {}
+
+ExportFile::~ExportFile() = default;
+
+void ExportFile::write(std::string_view bytes) { implementation_->transaction.write_all(bytes); }
+
+void ExportFile::commit() {
+  implementation_->transaction.close(true);
+  implementation_->transaction.create();
+  flush_parent(implementation_->destination);
 }
 
 }  // namespace ravok

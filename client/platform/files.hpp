@@ -7,6 +7,7 @@
 
 #include <cstdint>
 #include <filesystem>
+#include <memory>
 #include <string>
 #include <string_view>
 
@@ -46,5 +47,27 @@ void atomic_create(const std::filesystem::path& path, std::string_view bytes);
 
 // Replaces or makes a private file whose last update may be lost in a crash: nothing is flushed.
 void replace_private_file(const std::filesystem::path& path, std::string_view bytes);
+
+// A file of any size that is written piece by piece and appears whole or not at all, under a name
+// that must not exist yet, in a directory of the user's choice. It is made with mode 0644, as limited
+// by the process's mask. An object that goes before its commit leaves nothing behind.
+class ExportFile {
+ public:
+  // Fails as atomic_create does.
+  explicit ExportFile(const std::filesystem::path& path);
+  ~ExportFile();
+  ExportFile(const ExportFile&) = delete;
+  ExportFile& operator=(const ExportFile&) = delete;
+
+  // Adds bytes. Fails with "insufficient_space" or "file_write".
+  void write(std::string_view bytes);
+
+  // Flushes the file and gives it its name, durably. Fails as atomic_create does.
+  void commit();
+
+ private:
+  struct Implementation;
+  const std::unique_ptr<Implementation> implementation_;
+};
 
 }  // namespace ravok

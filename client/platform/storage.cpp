@@ -3,13 +3,16 @@
 #include <limits>
 #include <string_view>
 #include <system_error>
+#include <utility>
 
+#include <fcntl.h>
 #include <sys/statvfs.h>
 
 #include "domain/error.hpp"
 #include "domain/paths.hpp"
 #include "platform/descriptor.hpp"
 #include "platform/file_status.hpp"
+#include "platform/posix_files.hpp"
 
 namespace ravok {
 namespace {
@@ -18,6 +21,8 @@ constexpr std::uint64_t unknown = std::numeric_limits<std::uint64_t>::max();
 constexpr std::uint64_t unknown_entries = std::numeric_limits<std::uint32_t>::max();
 constexpr std::uint64_t default_margin_bytes = 16'777'216;
 constexpr std::uint64_t default_margin_entries = 64;
+// A native installation writes more records than a game's.
+constexpr std::uint64_t native_margin_bytes = 20'971'520;
 constexpr std::string_view overflow = "Peak storage calculation overflowed";
 
 // What a path with a separator at its end names, so that a link there is seen as one.
@@ -32,6 +37,24 @@ bool is_ordinary_directory(const std::filesystem::path& path) {
 
 std::uint64_t shortfall(std::uint64_t additional, std::uint64_t available) {
   return additional < available ? 0 : storage_subtract(additional, available);
+}
+
+std::uint64_t round_up(std::uint64_t bytes, std::uint64_t unit) {
+  return storage_multiply(bytes / unit + (bytes % unit != 0 ? 1 : 0), unit);
+}
+
+// What the unpacked tree takes: whole units of content, and one unit for each entry.
+std::uint64_t tree_allocation(const SnapshotManifest& manifest, std::uint64_t unit) {
+  std::uint64_t total = 0;
+  for (const auto& [path, file] : manifest.files) {
+    total = storage_add(total, round_up(file.length, unit));
+  }
+  return storage_add(total, storage_multiply(snapshot_storage_file_entries(manifest), unit));
+}
+
+// A count with its unit, in the singular for exactly one.
+std::string counted(std::uint64_t count, std::string_view one, std::string_view more) {
+  return std::to_string(count) + std::string(count == 1 ? one : more);
 }
 
 Json count_or_null(const std::optional<std::uint64_t>& count) { return count ? Json(*count) : Json(nullptr); }
@@ -131,6 +154,73 @@ void finish_storage_volume_budget(Json& budget) {
     figures["shortfall_file_entries"] = shortfall(entries, value("available_inodes"));
   }
   budget.update(figures);
+}
+
+DirectoryIdentity inspect_storage_directory(const std::filesystem::path& path) {
+  const Descriptor directory(retry_interrupted([&] { return open(path.c_str(), posix_files::walk_flags); }));
+  require(static_cast<bool>(directory), "unsafe_path", "Cannot inspect prepared directory identity");
+  const auto opened = status_of(directory.get());
+  const auto named = link_status_of(path);
+  require(opened && named && is_directory(*opened) && is_directory(*named) && same_file(*opened, *named), "unsafe_path",
+          "Prepared directory is linked, replaced or unavailable");
+  return {device_number(*opened), opened->st_ino};
+}
+
+std::uint64_t snapshot_storage_file_entries(const SnapshotManifest& manifest) {
+  return storage_add(storage_add(manifest.files.size(), manifest.directories().size()), 1);
+}
+
+Json plan_install_storage(const SnapshotManifest& manifest, const StorageVolume& volume, bool verified_archive_cached,
+                          std::uint64_t existing_archive_allocation_bytes, bool existing_partial) {
+  require(existing_archive_allocation_bytes == 0 || existing_partial, "volume_query",
+          "Existing allocation needs an owned partial file");
+  Json budget = make_storage_volume_budget(volume);
+  const std::uint64_t unit = volume.allocation_unit;
+  if (!verified_archive_cached) {
+    const std::uint64_t archive = round_up(manifest.archive_length, unit);
+    const std::uint64_t missing = shortfall(archive, existing_archive_allocation_bytes);
+    budget["download_file_entries"] = existing_partial ? 0U : 1U;
+    budget["download_bytes"] = existing_partial ? missing : storage_add(missing, unit);
+  }
+  budget["staging_bytes"] = tree_allocation(manifest, unit);
+  budget["staging_file_entries"] = snapshot_storage_file_entries(manifest);
+  finish_storage_volume_budget(budget);
+  return {{"schema_version", 1U},
+          {"reserved", false},
+          {"verified_archive_cached", verified_archive_cached},
+          {"existing_partial", existing_partial},
+          {"existing_archive_allocation_bytes", existing_archive_allocation_bytes},
+          {"volume", std::move(budget)}};
+}
+
+Json plan_native_payload_storage(const SnapshotManifest& first, const SnapshotManifest& second,
+                                 const StorageVolume& volume, std::uint64_t extra_entries) {
+  Json budget = make_storage_volume_budget(volume);
+  const std::uint64_t unit = volume.allocation_unit;
+  budget["staging_bytes"] = storage_add(storage_add(tree_allocation(first, unit), tree_allocation(second, unit)),
+                                        storage_multiply(extra_entries, unit));
+  budget["staging_file_entries"] = storage_add(
+      storage_add(snapshot_storage_file_entries(first), snapshot_storage_file_entries(second)), extra_entries);
+  budget["control_margin_bytes"] = native_margin_bytes;
+  finish_storage_volume_budget(budget);
+  return {{"schema_version", 1U}, {"reserved", false}, {"volume", std::move(budget)}};
+}
+
+void require_install_storage(const Json& budget, std::string_view hint) {
+  const auto shortfall_of = [&](const char* key) {
+    const auto value = budget.find(key);
+    return value == budget.end() || value->is_null() ? std::uint64_t{0} : value->get<std::uint64_t>();
+  };
+  const std::uint64_t bytes = shortfall_of("shortfall_bytes");
+  const std::uint64_t entries = shortfall_of("shortfall_file_entries");
+  if (bytes == 0 && entries == 0) {
+    return;
+  }
+  const std::string missing = bytes != 0 ? counted(bytes, " more byte", " more bytes")
+                                         : counted(entries, " more file entry", " more file entries");
+  fail("insufficient_space",
+       "Storage at " + text_at(budget, "path") + " needs " + missing + " before installation; free space first",
+       {hint.empty() ? "ravok-install --status --data-dir PATH" : "locations " + std::string(hint)});
 }
 
 }  // namespace ravok

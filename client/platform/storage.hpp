@@ -1,13 +1,16 @@
-// What a volume holds and can still take, and the budget of an operation at its peak: all that is
-// there now, the download, the unpacked tree and a margin, at the same time.
+// What a volume holds and can still take, the budget of an operation at its peak (all that is there
+// now, the download, the unpacked tree and a margin, at the same time), and the plan of an
+// installation, which counts what its files take on that volume rather than what they hold.
 #pragma once
 
 #include <cstdint>
 #include <filesystem>
 #include <optional>
 #include <string>
+#include <string_view>
 
 #include "domain/json.hpp"
+#include "domain/manifest.hpp"
 
 namespace ravok {
 
@@ -51,5 +54,37 @@ Json make_storage_volume_budget(const StorageVolume& volume);
 // Fails with "size_limit" when a figure is no unsigned 64-bit number. After any failure the budget
 // is as it was.
 void finish_storage_volume_budget(Json& budget);
+
+// What tells a directory from every other while it exists.
+struct DirectoryIdentity {
+  std::uint64_t device = 0;
+  std::uint64_t inode = 0;
+
+  bool operator==(const DirectoryIdentity&) const = default;
+};
+
+// Returns the identity of a directory, which must not be a link. Fails with "unsafe_path".
+DirectoryIdentity inspect_storage_directory(const std::filesystem::path& path);
+
+// Returns the file entries of an unpacked snapshot: its files, their directories and the root.
+std::uint64_t snapshot_storage_file_entries(const SnapshotManifest& manifest);
+
+// Returns the plan of an installation: an object with `schema_version`, `reserved` (false),
+// `verified_archive_cached`, `existing_partial`, `existing_archive_allocation_bytes` and the finished
+// budget as `volume`. The download takes nothing with `verified_archive_cached`, and what an owned
+// partial file already has in blocks is taken off. Fails with "volume_query" for such blocks without
+// a partial file, and as the budget does.
+Json plan_install_storage(const SnapshotManifest& manifest, const StorageVolume& volume, bool verified_archive_cached,
+                          std::uint64_t existing_archive_allocation_bytes, bool existing_partial);
+
+// Returns the plan of unpacking two snapshots with `extra_entries` further file entries, under a
+// margin of 20 MiB: an object with `schema_version`, `reserved` and `volume`. Fails as the budget does.
+Json plan_native_payload_storage(const SnapshotManifest& first, const SnapshotManifest& second,
+                                 const StorageVolume& volume, std::uint64_t extra_entries);
+
+// Returns when a finished budget falls short of nothing. Fails with "insufficient_space", with one
+// line in the details that tells how to find out what takes the space: the `hint`, where it is not
+// empty.
+void require_install_storage(const Json& budget, std::string_view hint);
 
 }  // namespace ravok
