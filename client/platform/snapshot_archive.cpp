@@ -63,15 +63,15 @@ std::uint64_t decoded_limit(const SnapshotManifest& manifest) {
 Reader open_reader(BoundedZstd& decoder) {
   Reader reader(archive_read_new());
   require(reader != nullptr, "archive", "Cannot allocate archive decoder");
+  // With the option off, no name stands for the metadata of another.
   const bool opened = archive_read_support_filter_none(reader.get()) == ARCHIVE_OK &&
                       archive_read_support_format_tar(reader.get()) == ARCHIVE_OK &&
+                      archive_read_set_format_option(reader.get(), "tar", "mac-ext", nullptr) == ARCHIVE_OK &&
                       archive_read_open(reader.get(), &decoder, nullptr, BoundedZstd::callback, nullptr) == ARCHIVE_OK;
   if (!opened) {
     decoder.require_no_error();
     fail("archive", "Cannot open snapshot archive");
   }
-  // No name stands for the metadata of another.
-  archive_read_set_format_option(reader.get(), "tar", "mac-ext", nullptr);
   return reader;
 }
 
