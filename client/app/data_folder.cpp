@@ -1,0 +1,144 @@
+#include "app/data_folder.hpp"
+
+#include <cstddef>
+#include <string>
+#include <system_error>
+#include <thread>
+
+#include "domain/error.hpp"
+#include "domain/paths.hpp"
+#include "platform/file_status.hpp"
+#include "platform/managed_paths.hpp"
+
+namespace ravok {
+namespace {
+
+constexpr std::size_t maximum_path_bytes = 4096;
+constexpr int maximum_image_levels = 256;
+constexpr const char* incomplete_name = ".ravok-setup-incomplete";
+constexpr std::array<const char*, 3> package_markers = {".ravok-native-bundle-incomplete.json",
+                                                        ".ravok-initial-package-incomplete.json",
+                                                        ".ravok-launcher-package-incomplete.json"};
+constexpr std::chrono::milliseconds pause(100);
+
+using Clock = std::chrono::steady_clock;
+
+// The waiting of one operation, up to its deadline.
+class Patience {
+ public:
+  Patience(std::chrono::milliseconds timeout, const Cancellation& cancellation)
+      : deadline_(Clock::now() + timeout), cancellation_(cancellation) {}
+
+  // Takes a lock as soon as nobody else holds it.
+  template <typename Take>
+  auto take(Take take_lock) const {
+    for (;;) {
+      try {
+        return take_lock();
+      } catch (const Error& error) {
+        if (error.code != "busy") {
+          throw;
+        }
+      }
+      wait();
+    }
+  }
+
+ private:
+  void wait() const {
+    require(Clock::now() < deadline_, "ravok_running",
+            "Ravok or a game from this folder is still running; close it and try again");
+    cancellation_.check();
+    std::this_thread::sleep_for(pause);
+  }
+
+  Clock::time_point deadline_;
+  const Cancellation& cancellation_;
+};
+
+bool is_present(const std::filesystem::path& path) { return !is_missing(path); }
+
+}  // namespace
+
+DataPaths::DataPaths(const std::filesystem::path& data_root)
+    : root(data_root),
+      native(root / "native"),
+      incomplete_marker(root / incomplete_name),
+      setup_lock(root / ".ravok-setup.lock"),
+      bootstrap_lock(root / ".native-bootstrap.lock"),
+      installation_record(native / "installation.json"),
+      status_record(native / "setup-status.json"),
+      bootstrap_directory(native / "bootstrap"),
+      bootstrap_manifest(native / "bootstrap.json"),
+      staging(native / "staging"),
+      launcher(root / "launcher"),
+      trust(root / "trust"),
+      repository_record(root / "repository.json"),
+      repository_ca(root / "repository-ca.pem") {}
+
+void Cancellation::check() const {
+  require(!callbacks_.cancelled || !callbacks_.cancelled(), "cancelled", "Setup was cancelled");
+}
+
+std::filesystem::path data_folder(const std::filesystem::path& path) {
+  const std::string text = path_utf8(path);
+  require(!text.empty() && text.size() <= maximum_path_bytes && text.find('\0') == std::string::npos, "unsafe_path",
+          "Choose a data folder");
+  const std::filesystem::path root = std::filesystem::absolute(path).lexically_normal();
+  require(root != root.root_path() && root.has_filename(), "unsafe_path",
+          "The data folder cannot be a filesystem root");
+  const auto status = link_status_of(root);
+  require(!status || !S_ISLNK(status->st_mode), "unsafe_path", "The data folder cannot be a symbolic link");
+  return root;
+}
+
+std::filesystem::path default_install_folder(const std::optional<Brand>& brand) {
+  const std::filesystem::path root = user_data_root();
+  return brand ? root.parent_path() / path_from_utf8(brand->name) : root;
+}
+
+bool within(const std::filesystem::path& path, const std::filesystem::path& base) {
+  const std::filesystem::path relative = path.lexically_relative(base);
+  return !relative.empty() && *relative.begin() != "..";
+}
+
+std::unique_ptr<NativeFileLock> wait_for_ravok_closed(const DataPaths& paths, std::chrono::milliseconds timeout,
+                                                      const Cancellation& cancellation) {
+  const Patience patience(timeout, cancellation);
+  auto lock = patience.take([&] {
+    return std::make_unique<NativeFileLock>(paths.bootstrap_lock, true, NativeLockSharing::none, LockMode::exclusive);
+  });
+  const std::filesystem::path leases = paths.launcher / "leases/versions";
+  std::error_code ignored;
+  if (!std::filesystem::is_directory(leases, ignored)) {
+    return lock;
+  }
+  for (const auto& lease : std::filesystem::directory_iterator(leases)) {
+    patience.take([&] { return FileLock(lease.path(), false, LockMode::exclusive); });
+  }
+  return lock;
+}
+
+void require_complete_native_install(const std::filesystem::path& root) {
+  if (is_present(root / incomplete_name)) {
+    throw Error("native_install_incomplete",
+                "Ravok setup did not finish in " + path_utf8(root) + ". Run the Ravok installer again to repair it.",
+                {"Run the Ravok installer and choose Repair"});
+  }
+}
+
+void require_complete_native_install_image(const std::filesystem::path& executable) {
+  int levels = 0;
+  std::filesystem::path directory = executable.parent_path();
+  while (!directory.empty() && directory != directory.parent_path()) {
+    require(++levels <= maximum_image_levels, "unsafe_path", "Native image path is too deep");
+    require_complete_native_install(directory);
+    for (const char* marker : package_markers) {
+      require(!is_present(directory / marker), "native_install_incomplete",
+              "This image belongs to an unfinished package; it cannot start");
+    }
+    directory = directory.parent_path();
+  }
+}
+
+}  // namespace ravok

@@ -1,0 +1,288 @@
+#include "app/launcher_store.hpp"
+
+#include <algorithm>
+#include <chrono>
+#include <cstddef>
+#include <exception>
+#include <limits>
+#include <optional>
+#include <string>
+#include <system_error>
+#include <thread>
+#include <utility>
+
+#include "app/data_folder.hpp"
+#include "domain/crypto.hpp"
+#include "domain/error.hpp"
+#include "domain/paths.hpp"
+#include "platform/file_status.hpp"
+#include "platform/files.hpp"
+#include "platform/managed_paths.hpp"
+#include "platform/native_platform.hpp"
+#include "platform/posix_files.hpp"
+#include "platform/snapshot_archive.hpp"
+#include "platform/snapshot_tree.hpp"
+#include "platform/storage.hpp"
+
+namespace ravok {
+namespace {
+
+constexpr std::uint64_t document_limit = 32'768;
+constexpr std::uint64_t manifest_limit = 524'288;
+constexpr int maximum_versions = 64;
+constexpr std::size_t digest_characters = 64;
+constexpr std::size_t nonce_characters = 32;
+constexpr const char* format = "ravok-launcher-store-v1";
+constexpr std::string_view state = "launcher_state";
+constexpr std::string_view malformed = "Launcher installation record is malformed; it was preserved";
+constexpr std::chrono::milliseconds owner_pause(5);
+constexpr std::chrono::seconds owner_patience(2);
+
+bool is_lower_hex(std::string_view text, std::size_t characters) {
+  return text.size() == characters &&
+         std::all_of(text.begin(), text.end(), [](char c) { return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'f'); });
+}
+
+const std::string& hash_identity(const Json& value) {
+  const std::string& text = value.get_ref<const std::string&>();
+  require(is_lower_hex(text, digest_characters), state, "Launcher manifest identity is invalid");
+  return text;
+}
+
+void nonce_identity(const Json& value) {
+  require(is_lower_hex(value.get_ref<const std::string&>(), nonce_characters), state,
+          "Launcher startup identity is invalid");
+}
+
+void reference_shape(const Json& value) {
+  if (!value.is_null()) {
+    hash_identity(value.at("manifest_sha256"));
+    text_at(value, "build_id");
+  }
+}
+
+void require_document(const Json& document) {
+  require(is_integer(document.at("schema_version"), 1) && document.at("format") == format, "unsupported_schema",
+          "Unknown launcher state was preserved");
+  positive_version(document.at("generation"));
+  for (const char* key : {"active", "rollback", "candidate"}) {
+    reference_shape(document.at(key));
+  }
+  const Json& attempt = document.at("attempt");
+  if (!attempt.is_null()) {
+    nonce_identity(attempt.at("nonce"));
+    reference_shape(attempt.at("reference"));
+    require(!attempt.at("reference").is_null() && document.at("candidate").is_null(), state,
+            "Launcher candidate/startup state is contradictory");
+  }
+  const Json& failed = document.at("failed_candidate");
+  if (!failed.is_null()) {
+    reference_shape(failed.at("reference"));
+  }
+}
+
+Json fresh_document() {
+  return {{"schema_version", 1U}, {"format", format},     {"generation", 0U},   {"active", nullptr},
+          {"rollback", nullptr},  {"candidate", nullptr}, {"attempt", nullptr}, {"failed_candidate", nullptr}};
+}
+
+Json make_reference(std::string sha256, std::string build_id) {
+  return {{"manifest_sha256", std::move(sha256)}, {"build_id", std::move(build_id)}};
+}
+
+// One form of the root for whatever form it is given in.
+std::filesystem::path ordinary_root(const std::filesystem::path& path) {
+  const std::filesystem::path canonical =
+      std::filesystem::weakly_canonical(std::filesystem::absolute(path)).lexically_normal();
+  // A separator at the end names the same folder.
+  const std::filesystem::path named = canonical.has_filename() ? canonical : canonical.parent_path();
+  return safe_join(named.root_path(), path_utf8(named.relative_path()), false);
+}
+
+bool is_empty_directory(const std::filesystem::path& path) {
+  std::error_code problem;
+  return std::filesystem::is_empty(path, problem) && !problem;
+}
+
+std::optional<std::filesystem::file_time_type> write_time(const std::filesystem::path& path) {
+  std::error_code problem;
+  const auto time = std::filesystem::last_write_time(path, problem);
+  return problem ? std::nullopt : std::optional(time);
+}
+
+}  // namespace
+
+LauncherStore::LauncherStore(const std::filesystem::path& root, LaunchView)
+    : root_(ordinary_root(root)), store_(root_ / "launcher") {}
+
+LauncherStore::LauncherStore(const std::filesystem::path& root, bool allow_incomplete)
+    : LauncherStore(root, LaunchView()) {
+  if (!allow_incomplete) {
+    require_complete_native_install(root_);
+  }
+  private_directory(store_);
+  for (const char* name : {"versions", "manifests", "downloads", "download-intents", "staging", "intents", "health",
+                           "leases/versions", "leases/attempts"}) {
+    private_directory(store_ / name);
+  }
+  load();
+}
+
+std::unique_ptr<LauncherStore> LauncherStore::existing(const std::filesystem::path& root) {
+  std::unique_ptr<LauncherStore> store = for_launch(root);
+  inspect_storage_directory(store->store_);
+  for (const char* name : {"manifests", "downloads", "download-intents", "intents"}) {
+    inspect_storage_directory(store->store_ / name);
+  }
+  store->load();
+  return store;
+}
+
+std::unique_ptr<LauncherStore> LauncherStore::for_launch(const std::filesystem::path& root) {
+  std::unique_ptr<LauncherStore> store(new LauncherStore(root, LaunchView()));
+  require_complete_native_install(store->root_);
+  return store;
+}
+
+Json LauncherStore::load() const {
+  const std::filesystem::path path = store_ / "installation.json";
+  if (is_missing(path)) {
+    return fresh_document();
+  }
+  Json document = parse_json(read_file(path, document_limit), document_limit);
+  refuse_malformed(state, malformed, [&] { require_document(document); });
+  return document;
+}
+
+void LauncherStore::save(Json document) const {
+  const std::uint64_t generation = document.at("generation").get<std::uint64_t>();
+  require(generation < std::numeric_limits<std::uint64_t>::max(), state, "Launcher state generation is exhausted");
+  document["generation"] = generation + 1;
+  const std::string text = document.dump();
+  require(text.size() <= document_limit, state, "Launcher state exceeds its durable bound");
+  atomic_write(store_ / "installation.json", text);
+}
+
+Json LauncherStore::status() const {
+  Json document = load();
+  const bool installed = !document.at("active").is_null();
+  document["installed"] = installed;
+  return document;
+}
+
+Json LauncherStore::selection() const {
+  try {
+    return load();
+  } catch (const Error& error) {
+    if (error.code != "launcher_state" && error.code != "unsupported_schema" && error.code != "invalid_json") {
+      throw;
+    }
+  } catch (const Json::exception&) {
+    // As unusable as the others.
+  }
+  return nullptr;
+}
+
+std::unique_ptr<FileLock> LauncherStore::owner() const {
+  const auto deadline = std::chrono::steady_clock::now() + owner_patience;
+  for (;;) {
+    try {
+      return std::make_unique<FileLock>(store_ / "bootstrap.lock", false, LockMode::exclusive);
+    } catch (const Error& error) {
+      if (error.code != "busy" || std::chrono::steady_clock::now() >= deadline) {
+        throw;
+      }
+    }
+    std::this_thread::sleep_for(owner_pause);
+  }
+}
+
+std::filesystem::path LauncherStore::manifest_path(std::string_view sha256) const {
+  return store_ / "manifests" / (std::string(sha256) + ".json");
+}
+
+LauncherManifest LauncherStore::manifest(const Json& reference) const {
+  require(!reference.is_null(), "launcher_missing", "Install a verified launcher first");
+  const std::string sha256 = refuse_malformed(state, malformed, [&] {
+    reference_shape(reference);
+    return text_at(reference, "manifest_sha256");
+  });
+  const std::string text = read_file(manifest_path(sha256), manifest_limit);
+  require(digest(text, "sha256") == sha256, "content_mismatch", "Stored launcher manifest changed");
+  LauncherManifest manifest = LauncherManifest::parse(parse_json(text, manifest_limit));
+  require(manifest.build_id == text_at(reference, "build_id") && manifest.platform == native_platform(), state,
+          "Launcher identity/platform differs from its local reference");
+  return manifest;
+}
+
+std::filesystem::path LauncherStore::payload(const Json& reference) const {
+  require(!reference.is_null(), "launcher_missing", "No working launcher is installed");
+  return refuse_malformed(state, malformed, [&] {
+    reference_shape(reference);
+    return store_ / "versions" / text_at(reference, "manifest_sha256");
+  });
+}
+
+Json LauncherStore::fallback_active() const {
+  Json best;
+  std::filesystem::file_time_type best_time;
+  int entries = 0;
+  for (const auto& entry : std::filesystem::directory_iterator(store_ / "versions")) {
+    require(++entries <= maximum_versions, state, "Too many launcher versions to choose a fallback");
+    const std::string name = path_utf8(entry.path().filename());
+    const auto status = link_status_of(entry.path());
+    if (!status || !is_directory(*status) || name.size() != digest_characters) {
+      continue;
+    }
+    try {
+      const Json document = parse_json(read_file(manifest_path(name), manifest_limit), manifest_limit);
+      Json reference = make_reference(name, text_at(document, "build_id"));
+      manifest(reference);
+      const auto time = write_time(entry.path());
+      if (time && (best.is_null() || *time > best_time)) {
+        best = std::move(reference);
+        best_time = *time;
+      }
+    } catch (const std::exception&) {
+      // Not a version that could be started.
+    }
+  }
+  require(!best.is_null(), "launcher_missing", "No installed Ravok version could be started");
+  return best;
+}
+
+void LauncherStore::require_new() const {
+  const Json document = load();
+  bool is_new = document.at("generation") == 0 && is_empty_directory(store_ / "manifests") &&
+                is_empty_directory(store_ / "versions");
+  for (const char* key : {"active", "candidate", "rollback", "attempt", "failed_candidate"}) {
+    is_new = is_new && document.at(key).is_null();
+  }
+  require(is_new, "already_installed", "Initial launcher seeding requires a new owned profile");
+}
+
+Json LauncherStore::seed_initial(std::string_view manifest_text, const std::filesystem::path& archive,
+                                 const ProgressCallback& progress) const {
+  const std::unique_ptr<FileLock> lock = owner();
+  require_new();
+  const LauncherManifest manifest = LauncherManifest::parse(parse_json(manifest_text, manifest_limit));
+  require(manifest.platform == native_platform(), "launcher_incompatible",
+          "Initial launcher targets another native platform");
+  const std::string sha256 = digest(manifest_text, "sha256");
+  const Json reference = make_reference(sha256, manifest.build_id);
+  const std::filesystem::path folder = payload(reference);
+  require_path_room(root_, folder.lexically_relative(root_), manifest.longest_native_path());
+  // The archive is here already, and none of it has to be downloaded.
+  const Json plan = plan_install_storage(manifest, inspect_storage_volume(root_), true, 0, false);
+  require_install_storage(plan.at("volume"), "launcher");
+
+  atomic_create(manifest_path(sha256), manifest_text);
+  extract_snapshot(manifest, archive, folder, progress, nullptr);
+  verify_snapshot_tree(manifest, folder, progress);
+  Json document = load();
+  document["candidate"] = reference;
+  save(std::move(document));
+  return reference;
+}
+
+}  // namespace ravok

@@ -1,0 +1,39 @@
+// What the client accepts as a role document of a TUF repository: checked before any signature is
+// counted and before any value is trusted. Stricter than the framework in fixed ways: hashes are
+// SHA-256 and SHA-512, a key is identified by its canonical form, a delegation has exactly one path
+// selector, names and patterns are bounded, and no key signs twice.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <string_view>
+
+#include "domain/json.hpp"
+
+namespace ravok {
+
+using TufTime = std::chrono::sys_time<std::chrono::microseconds>;
+
+// Returns when the document is a role document of this kind: "root", "timestamp", "snapshot" or
+// "targets". Fails with "invalid_metadata", "metadata_type", "unsupported_spec", "invalid_version",
+// "invalid_expiry", "invalid_length", "invalid_hashes", "unsupported_hash", "size_limit", and as
+// verify_keys and the rule for relative paths do.
+void shape(const Json& document, std::string_view kind);
+
+// Returns when the authority has a positive threshold and names only keys of `keys`. Fails with
+// "invalid_metadata" or "invalid_version".
+void authority_shape(const Json& authority, const Json& keys);
+
+// Returns for a non-empty object of SHA-256 and SHA-512 digests, in either case. Fails with
+// "invalid_hashes" or "unsupported_hash".
+void hashes_shape(const Json& hashes);
+
+// Returns the "length" of a file description, in bytes. Fails with "invalid_metadata" without one and
+// "invalid_length" for what is no size.
+std::uint64_t length(const Json& file);
+
+// Returns the time of a text such as "2030-01-31T23:59:59Z", with up to nine digits of a fraction of
+// which six count. Fails with "invalid_expiry".
+TufTime parse_tuf_time(std::string_view text);
+
+}  // namespace ravok
