@@ -14,11 +14,6 @@ namespace ravok {
 namespace {
 
 constexpr std::size_t maximum_path_bytes = 4096;
-constexpr int maximum_image_levels = 256;
-constexpr const char* incomplete_name = ".ravok-setup-incomplete";
-constexpr std::array<const char*, 3> package_markers = {".ravok-native-bundle-incomplete.json",
-                                                        ".ravok-initial-package-incomplete.json",
-                                                        ".ravok-launcher-package-incomplete.json"};
 constexpr std::chrono::milliseconds pause(100);
 
 using Clock = std::chrono::steady_clock;
@@ -56,14 +51,12 @@ class Patience {
   const Cancellation& cancellation_;
 };
 
-bool is_present(const std::filesystem::path& path) { return !is_missing(path); }
-
 }  // namespace
 
 DataPaths::DataPaths(const std::filesystem::path& data_root)
     : root(data_root),
       native(root / "native"),
-      incomplete_marker(root / incomplete_name),
+      incomplete_marker(root / incomplete_install_marker),
       setup_lock(root / ".ravok-setup.lock"),
       bootstrap_lock(root / ".native-bootstrap.lock"),
       installation_record(native / "installation.json"),
@@ -117,28 +110,6 @@ std::unique_ptr<NativeFileLock> wait_for_ravok_closed(const DataPaths& paths, st
     patience.take([&] { return FileLock(lease.path(), false, LockMode::exclusive); });
   }
   return lock;
-}
-
-void require_complete_native_install(const std::filesystem::path& root) {
-  if (is_present(root / incomplete_name)) {
-    throw Error("native_install_incomplete",
-                "Ravok setup did not finish in " + path_utf8(root) + ". Run the Ravok installer again to repair it.",
-                {"Run the Ravok installer and choose Repair"});
-  }
-}
-
-void require_complete_native_install_image(const std::filesystem::path& executable) {
-  int levels = 0;
-  std::filesystem::path directory = executable.parent_path();
-  while (!directory.empty() && directory != directory.parent_path()) {
-    require(++levels <= maximum_image_levels, "unsafe_path", "Native image path is too deep");
-    require_complete_native_install(directory);
-    for (const char* marker : package_markers) {
-      require(!is_present(directory / marker), "native_install_incomplete",
-              "This image belongs to an unfinished package; it cannot start");
-    }
-    directory = directory.parent_path();
-  }
 }
 
 }  // namespace ravok

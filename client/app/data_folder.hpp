@@ -1,5 +1,5 @@
-// The one folder that holds a whole installation: its names, how a user's choice of it is judged, who is
-// using it, and how programs refuse to run from an unfinished one.
+// The one folder that holds a whole installation: its names, how a user's choice of it is judged, and who is
+// using it.
 #pragma once
 
 #include <array>
@@ -11,6 +11,7 @@
 
 #include "app/brand.hpp"
 #include "app/setup_callbacks.hpp"
+#include "platform/complete_install.hpp"
 #include "platform/native_lock.hpp"
 
 namespace ravok {
@@ -68,12 +69,5 @@ bool within(const std::filesystem::path& path, const std::filesystem::path& base
 // "ravok_running", "cancelled", and as the locks do.
 std::unique_ptr<NativeFileLock> wait_for_ravok_closed(const DataPaths& paths, std::chrono::milliseconds timeout,
                                                       const Cancellation& cancellation);
-
-// Fails with "native_install_incomplete" when a commit into the folder `root` has not ended.
-void require_complete_native_install(const std::filesystem::path& root);
-
-// The same for every folder above a program's file, and for the markers of a package that is being put
-// together. Fails with "unsafe_path" beyond 256 folders.
-void require_complete_native_install_image(const std::filesystem::path& executable);
 
 }  // namespace ravok

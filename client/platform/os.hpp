@@ -25,6 +25,9 @@ std::string_view data_root_below_home();
 // told.
 std::optional<std::string> executable_path(std::size_t limit);
 
+// The program that shows a directory to the user, by its path or by its name on the search path.
+std::string_view directory_opener();
+
 // --- Durability and blocks -----------------------------------------------------------------
 
 // Flushes a file or directory to stable storage, through the device's own cache where the system
@@ -86,5 +89,15 @@ std::string_view path_key_form();
 // The name as a directory compares it. Fails with "unsafe_path" for a name that the comparison
 // cannot take, such as one that is not UTF-8 where names are normalised.
 std::string compared_name(std::string_view name, bool case_sensitive);
+
+// --- Shortcuts -----------------------------------------------------------------------------
+
+// What a shortcut is: an entry of the desktop's menu, or a document that a registered program opens.
+enum class ShortcutForm { desktop_entry, launch_document };
+ShortcutForm shortcut_form();
+
+// Registers an application bundle as the one that opens its documents. Returns whether that worked: never
+// on a system without such documents.
+bool register_application(const std::string& path);
 
 }  // namespace ravok::os

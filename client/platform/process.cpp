@@ -1,12 +1,22 @@
 #include "platform/process.hpp"
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <system_error>
+
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include "domain/error.hpp"
 #include "domain/paths.hpp"
+#include "platform/descriptor.hpp"
+#include "platform/file_status.hpp"
 #include "platform/os.hpp"
+
+extern char** environ;
 
 namespace ravok {
 namespace {
@@ -16,6 +26,10 @@ constexpr std::size_t maximum_argument_bytes = 131072;
 constexpr std::size_t maximum_key_characters = 127;
 constexpr std::size_t maximum_environment_bound = 131072;
 constexpr std::size_t maximum_executable_path_bytes = 32768;
+constexpr std::size_t maximum_replacement_arguments = 64;
+constexpr std::size_t maximum_replacement_argument_bytes = 4096;
+constexpr std::size_t maximum_replacement_bytes = 32768;
+constexpr std::string_view interrupt_variable = "RAVOK_LAUNCHER_INTERRUPT_READER";
 
 // Reads no byte beyond the first `bound` + 1, however long the text is.
 std::string bounded_bytes(const char* text, std::size_t bound, std::string_view code) {
@@ -28,6 +42,101 @@ std::string bounded_bytes(const char* text, std::size_t bound, std::string_view 
 bool is_key_character(char c) {
   return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || c == '_';
 }
+
+bool is_ordinary(const std::filesystem::path& path, mode_t type) {
+  const auto status = path.is_absolute() ? link_status_of(path) : std::nullopt;
+  return status && (status->st_mode & S_IFMT) == type;
+}
+
+bool has_nul(std::string_view text) { return text.find('\0') != std::string_view::npos; }
+
+std::vector<std::string> replacement_arguments(const std::filesystem::path& image,
+                                               const std::vector<std::string>& arguments) {
+  require(arguments.size() <= maximum_replacement_arguments, "argument_limit", "Too many replacement arguments");
+  std::vector<std::string> table = {image.native()};
+  std::size_t total = 0;
+  for (const std::string& argument : arguments) {
+    require(!has_nul(argument) && argument.size() <= maximum_replacement_argument_bytes, "argument_encoding",
+            "Invalid maintenance argument");
+    total += argument.size();
+    table.push_back(argument);
+  }
+  require(total <= maximum_replacement_bytes, "argument_limit", "Maintenance arguments exceed their bound");
+  return table;
+}
+
+bool is_inherited(std::string_view key, const ProcessEnvironment& environment, bool scrub) {
+  const bool of_loader = key.starts_with("LD_") || key.starts_with("DYLD_");
+  return key != interrupt_variable && !environment.contains(std::string(key)) && !(scrub && of_loader);
+}
+
+std::vector<std::string> replacement_environment(const ProcessEnvironment& environment, bool scrub) {
+  std::vector<std::string> table;
+  for (char** entry = environ; entry != nullptr && *entry != nullptr; ++entry) {
+    const std::string_view text = *entry;
+    if (is_inherited(text.substr(0, text.find('=')), environment, scrub)) {
+      table.emplace_back(text);
+    }
+  }
+  for (const auto& [key, value] : environment) {
+    require(!key.empty() && key.find('=') == std::string::npos && !has_nul(key) && !has_nul(value), "argument_encoding",
+            "Invalid maintenance environment");
+    require(key != interrupt_variable, "argument_encoding", "Maintenance cannot inherit launcher interrupt authority");
+    table.push_back(key + "=" + value);
+  }
+  return table;
+}
+
+// The table that the system wants: pointers into the texts, and a null behind the last.
+std::vector<char*> pointers_to(std::vector<std::string>& texts) {
+  std::vector<char*> table;
+  for (std::string& text : texts) {
+    table.push_back(text.data());
+  }
+  table.push_back(nullptr);
+  return table;
+}
+
+[[noreturn]] void replace_image(const std::filesystem::path& image, const std::vector<std::string>& arguments,
+                                const std::filesystem::path& directory, const ProcessEnvironment& environment,
+                                bool scrub) {
+  require(is_ordinary(image, S_IFREG) && is_ordinary(directory, S_IFDIR), "process_start",
+          "Replacement image or directory is unavailable");
+  std::vector<std::string> argument_texts = replacement_arguments(image, arguments);
+  std::vector<std::string> environment_texts = replacement_environment(environment, scrub);
+  const std::vector<char*> argument_table = pointers_to(argument_texts);
+  const std::vector<char*> environment_table = pointers_to(environment_texts);
+  std::error_code unknown;
+  const std::filesystem::path before = std::filesystem::current_path(unknown);
+  require(!unknown && chdir(directory.c_str()) == 0, "process_start", "Cannot enter the external maintenance runtime");
+  execve(image.c_str(), argument_table.data(), environment_table.data());
+  const int problem = errno;
+  // What was the current directory a moment ago; if it is gone, there is none to go back to.
+  static_cast<void>(chdir(before.c_str()) == 0);
+  fail("process_start", "Cannot replace this process (native error " + std::to_string(problem) + ")");
+}
+
+// The redirections of a process that is to be started.
+class SpawnActions {
+ public:
+  SpawnActions() : initialized_(posix_spawn_file_actions_init(&actions_) == 0) {}
+  ~SpawnActions() {
+    if (initialized_) {
+      posix_spawn_file_actions_destroy(&actions_);
+    }
+  }
+  SpawnActions(const SpawnActions&) = delete;
+  SpawnActions& operator=(const SpawnActions&) = delete;
+
+  bool duplicate(int from, int to) {
+    return initialized_ && posix_spawn_file_actions_adddup2(&actions_, from, to) == 0;
+  }
+  const posix_spawn_file_actions_t* get() const { return &actions_; }
+
+ private:
+  posix_spawn_file_actions_t actions_;
+  bool initialized_;
+};
 
 }  // namespace
 
@@ -63,6 +172,34 @@ std::filesystem::path current_executable_path() {
   const std::optional<std::string> path = os::executable_path(maximum_executable_path_bytes);
   require(path.has_value(), "launcher_identity", "Cannot identify this native executable within its path bound");
   return path_from_utf8(*path);
+}
+
+void replace_process(const std::filesystem::path& image, const std::vector<std::string>& arguments,
+                     const std::filesystem::path& directory, const ProcessEnvironment& environment) {
+  replace_image(image, arguments, directory, environment, true);
+}
+
+void exec_process(const std::filesystem::path& image, const std::vector<std::string>& arguments,
+                  const std::filesystem::path& directory, const ProcessEnvironment& environment) {
+  replace_image(image, arguments, directory, environment, false);
+}
+
+void open_directory(const std::filesystem::path& path) {
+  const auto status = link_status_of(path);
+  require(status && is_directory(*status), "location_unavailable", "Local directory is unavailable");
+  SpawnActions actions;
+  // What the opener says is nothing that this program's reader waits for.
+  require(actions.duplicate(STDERR_FILENO, STDOUT_FILENO), "desktop_unavailable",
+          "Cannot initialize native directory opening");
+  std::vector<std::string> texts = {std::string(os::directory_opener()), path.native()};
+  const std::vector<char*> table = pointers_to(texts);
+  pid_t child = 0;
+  require(posix_spawnp(&child, texts.front().c_str(), actions.get(), nullptr, table.data(), environ) == 0,
+          "desktop_unavailable", "No native directory opener is available");
+  int end = 0;
+  const pid_t ended = retry_interrupted([&] { return waitpid(child, &end, 0); });
+  require(ended == child && WIFEXITED(end) && WEXITSTATUS(end) == 0, "desktop_unavailable",
+          "Native directory opening failed");
 }
 
 }  // namespace ravok

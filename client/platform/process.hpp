@@ -1,9 +1,10 @@
 // What enters through the process image, bounded before it is believed: arguments, environment
-// values and the program's own path.
+// values and the program's own path; and what replaces that image, by the same rules.
 #pragma once
 
 #include <cstddef>
 #include <filesystem>
+#include <map>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -22,5 +23,22 @@ std::optional<std::string> process_environment(std::string_view key, std::size_t
 
 // Returns the absolute path of the running image. Fails with "launcher_identity".
 std::filesystem::path current_executable_path();
+
+// Variables laid over the inherited ones.
+using ProcessEnvironment = std::map<std::string, std::string>;
+
+// Replace this process with another program, in another directory, both absolute and no links, and return
+// only by failing. The arguments, at most 64 of at most 4096 bytes, do not hold the program's name. The
+// variable that hands the console's interrupts to a launcher is never inherited; replace_process also
+// keeps back the variables of the dynamic loader. Fail with "process_start", "argument_limit" or
+// "argument_encoding"; then nothing has changed.
+[[noreturn]] void replace_process(const std::filesystem::path& image, const std::vector<std::string>& arguments,
+                                  const std::filesystem::path& directory, const ProcessEnvironment& environment);
+[[noreturn]] void exec_process(const std::filesystem::path& image, const std::vector<std::string>& arguments,
+                               const std::filesystem::path& directory, const ProcessEnvironment& environment);
+
+// Shows a directory to the user with the desktop's own program. Fails with "location_unavailable" or
+// "desktop_unavailable".
+void open_directory(const std::filesystem::path& path);
 
 }  // namespace ravok

@@ -21,4 +21,10 @@ std::optional<std::string> executable_path(std::size_t limit) {
   return path;
 }
 
+std::string_view directory_opener() { return "xdg-open"; }
+
+ShortcutForm shortcut_form() { return ShortcutForm::desktop_entry; }
+
+bool register_application(const std::string&) { return false; }
+
 }  // namespace ravok::os

@@ -4,6 +4,8 @@
 #include <cstring>
 #include <limits>
 
+#include <CoreFoundation/CoreFoundation.h>
+#include <CoreServices/CoreServices.h>
 #include <mach-o/dyld.h>
 
 namespace ravok::os {
@@ -25,6 +27,21 @@ std::optional<std::string> executable_path(std::size_t limit) {
   }
   path.resize(std::strlen(path.c_str()));
   return path;
+}
+
+std::string_view directory_opener() { return "/usr/bin/open"; }
+
+ShortcutForm shortcut_form() { return ShortcutForm::launch_document; }
+
+bool register_application(const std::string& path) {
+  const CFURLRef url = CFURLCreateFromFileSystemRepresentation(nullptr, reinterpret_cast<const UInt8*>(path.data()),
+                                                               static_cast<CFIndex>(path.size()), true);
+  if (url == nullptr) {
+    return false;
+  }
+  const OSStatus answer = LSRegisterURL(url, true);
+  CFRelease(url);
+  return answer == 0;
 }
 
 }  // namespace ravok::os

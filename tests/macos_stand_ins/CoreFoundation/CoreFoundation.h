@@ -16,6 +16,7 @@ typedef const struct __CFAllocator* CFAllocatorRef;
 typedef const struct __CFString* CFStringRef;
 typedef struct __CFString* CFMutableStringRef;
 typedef const struct __CFLocale* CFLocaleRef;
+typedef const struct __CFURL* CFURLRef;
 typedef struct {
   CFIndex location;
   CFIndex length;
@@ -28,6 +29,8 @@ typedef CFOptionFlags CFStringCompareFlags;
 enum { kCFCompareCaseInsensitive = 1 };
 
 void CFRelease(CFTypeRef value);
+CFURLRef CFURLCreateFromFileSystemRepresentation(CFAllocatorRef allocator, const UInt8* path, CFIndex count,
+                                                 Boolean directory);
 CFStringRef CFStringCreateWithBytes(CFAllocatorRef allocator, const UInt8* bytes, CFIndex count,
                                     CFStringEncoding encoding, Boolean external);
 CFMutableStringRef CFStringCreateMutableCopy(CFAllocatorRef allocator, CFIndex maximum, CFStringRef text);

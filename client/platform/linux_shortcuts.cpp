@@ -1,0 +1,115 @@
+#include "platform/linux_shortcuts.hpp"
+
+#include <cstddef>
+#include <optional>
+#include <string_view>
+
+#include "domain/error.hpp"
+#include "domain/identifier.hpp"
+#include "domain/paths.hpp"
+#include "platform/file_status.hpp"
+#include "platform/files.hpp"
+#include "platform/os.hpp"
+#include "platform/process.hpp"
+
+namespace ravok {
+namespace {
+
+constexpr std::size_t environment_bound = 8192;
+constexpr shortcut_rules::FormWords words = {"Desktop entries", "Desktop-entry"};
+
+void require_linux(std::string_view message) {
+  require(os::shortcut_form() == os::ShortcutForm::desktop_entry, "unsupported_platform", message);
+}
+
+// A text value of an entry: the backslash begins an escape, and blanks at the front would be lost.
+std::string escaped(std::string_view text) {
+  std::string value;
+  for (const char c : text) {
+    if (c == ' ' && value.empty()) {
+      value += "\\s";
+    } else if (c == '\\') {
+      value += "\\\\";
+    } else {
+      value += c;
+    }
+  }
+  return value;
+}
+
+// An argument of a command line, in quotes: what a shell would read in them stands behind a backslash, and a
+// percent sign, which would begin a field code, is doubled.
+std::string quoted(std::string_view argument) {
+  std::string text = "\"";
+  for (const char c : argument) {
+    if (c == '"' || c == '`' || c == '$' || c == '\\') {
+      text += '\\';
+    } else if (c == '%') {
+      text += '%';
+    }
+    text += c;
+  }
+  return text + '"';
+}
+
+std::string command_line(const DesktopShortcut& shortcut) {
+  std::string line = quoted(path_utf8(shortcut.bootstrap)) + " --data-dir " + quoted(path_utf8(shortcut.data_root));
+  if (!shortcut.game_id.empty()) {
+    line += " --launch " + quoted(shortcut.game_id);
+  }
+  return line;
+}
+
+std::optional<std::filesystem::path> brand_icon(const std::filesystem::path& data_root) {
+  const std::filesystem::path icon = data_root / "native/brand.ico";
+  const auto status = link_status_of(icon);
+  return status && S_ISREG(status->st_mode) ? std::optional(icon) : std::nullopt;
+}
+
+}  // namespace
+
+std::filesystem::path linux_menu_directory() {
+  require_linux("Application menu creation requires Linux");
+  const std::optional<std::string> data_home = process_environment("XDG_DATA_HOME", environment_bound);
+  // A relative value is to be ignored.
+  if (data_home && std::filesystem::path(*data_home).is_absolute()) {
+    return std::filesystem::path(*data_home) / "applications";
+  }
+  const std::optional<std::string> home = process_environment("HOME", environment_bound);
+  require(home && std::filesystem::path(*home).is_absolute(), "user_path", "Cannot locate the user's application menu");
+  return std::filesystem::path(*home) / ".local/share/applications";
+}
+
+std::string linux_desktop_entry(const DesktopShortcut& shortcut) {
+  require_linux("Linux desktop entries require a Linux native build");
+  shortcut_rules::bounded_text(shortcut.name, shortcut_rules::maximum_name_bytes);
+  shortcut_rules::absolute_path_below_root(shortcut.bootstrap);
+  shortcut_rules::absolute_path_below_root(shortcut.data_root);
+  if (!shortcut.game_id.empty()) {
+    validate_identifier(shortcut.game_id);
+  }
+  std::string text = "[Desktop Entry]\nType=Application\nVersion=1.0\n";
+  text += "Name=" + escaped(shortcut.name) + "\n";
+  text += "Exec=" + escaped(command_line(shortcut)) + "\n";
+  if (const auto icon = brand_icon(shortcut.data_root)) {
+    text += "Icon=" + escaped(path_utf8(*icon)) + "\n";
+  }
+  return text + "Terminal=false\nCategories=Game;\n";
+}
+
+Json create_linux_desktop_entry(const DesktopShortcut& shortcut, const std::filesystem::path& path) {
+  const std::string text = linux_desktop_entry(shortcut);
+  require(path.extension() == ".desktop", "shortcut_path", "Linux desktop entries must end in .desktop");
+  shortcut_rules::require_new_file(shortcut, path, words);
+  shortcut_rules::require_stable_bootstrap(shortcut.bootstrap, "Linux");
+  atomic_create(path, text);
+  return {{"schema_version", 1},
+          {"created", true},
+          {"path", path_utf8(path)},
+          {"game_id", shortcut.game_id},
+          {"bootstrap", path_utf8(shortcut.bootstrap)},
+          {"data_root", path_utf8(shortcut.data_root)},
+          {"shortcut_abi", 1}};
+}
+
+}  // namespace ravok
