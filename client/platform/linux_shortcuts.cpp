@@ -39,7 +39,7 @@ std::string escaped(std::string_view text) {
 
 // An argument of a command line, in quotes: what a shell would read in them stands behind a backslash, and a
 // percent sign, which would begin a field code, is doubled.
-std::string quoted(std::string_view argument) {
+std::string in_quotes(std::string_view argument) {
   std::string text = "\"";
   for (const char c : argument) {
     if (c == '"' || c == '`' || c == '$' || c == '\\') {
@@ -53,9 +53,9 @@ std::string quoted(std::string_view argument) {
 }
 
 std::string command_line(const DesktopShortcut& shortcut) {
-  std::string line = quoted(path_utf8(shortcut.bootstrap)) + " --data-dir " + quoted(path_utf8(shortcut.data_root));
+  std::string line = in_quotes(path_utf8(shortcut.bootstrap)) + " --data-dir " + in_quotes(path_utf8(shortcut.data_root));
   if (!shortcut.game_id.empty()) {
-    line += " --launch " + quoted(shortcut.game_id);
+    line += " --launch " + in_quotes(shortcut.game_id);
   }
   return line;
 }
