@@ -209,5 +209,10 @@ TEST(Sha256, LeavesTheLibrarysTypeErrorForAValueThatIsNoText) {
   EXPECT_THROW(sha256(Json(nullptr)), Json::type_error);
 }
 
+TEST(IsInteger, DoesNotWrapAround) {
+  EXPECT_FALSE(is_integer(Json(std::numeric_limits<std::uint64_t>::max()), -1));
+  EXPECT_FALSE(is_integer(Json((std::uint64_t{1} << 32) + 1), 1));
+}
+
 }  // namespace
 }  // namespace ravok
