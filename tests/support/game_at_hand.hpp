@@ -1,6 +1,7 @@
 // A game for the platform that the tests run on, as the records of its installation name it.
 #pragma once
 
+#include <filesystem>
 #include <string>
 #include <utility>
 #include <vector>
@@ -8,6 +9,7 @@
 #include "domain/crypto.hpp"
 #include "domain/game_manifest.hpp"
 #include "domain/json.hpp"
+#include "platform/install_records.hpp"
 #include "platform/native_platform.hpp"
 #include "support/manifest_builder.hpp"
 
@@ -31,6 +33,14 @@ inline Json reference_to(const GameManifest& game) {
           {"build_id", game.build_id},
           {"manifest_ref", digest(game.raw.dump(), "sha256")},
           {"manifest_target", "games/game/build-1.json"}};
+}
+
+// The preparation of the game's installation into the versions folder, with its staging directory.
+inline Json as_prepared(const GameManifest& game, const std::filesystem::path& versions,
+                        const DirectoryIdentity& staging) {
+  Json preparation = make_install_preparation(game, reference_to(game), versions);
+  record_install_preparation(preparation, staging);
+  return preparation;
 }
 
 }  // namespace ravok::testing
