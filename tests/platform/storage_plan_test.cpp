@@ -260,8 +260,8 @@ TEST(RequireInstallStorage, NamesTheCountWithItsUnit) {
       {{{"path", "/games"}, {"shortfall_file_entries", 21}}, "21 more file entries"},
       {{{"path", "/games"}, {"shortfall_bytes", 21}}, "21 more bytes"},
   };
-  for (const auto& [budget, missing] : cases) {
-    EXPECT_FAILURE(require_install_storage(budget, ""), "insufficient_space", refusal(missing));
+  for (const auto& entry : cases) {
+    EXPECT_FAILURE(require_install_storage(entry.first, ""), "insufficient_space", refusal(entry.second));
   }
 }
 
