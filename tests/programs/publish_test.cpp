@@ -1,0 +1,1 @@
+#include "platform/snapshot_tree.hpp"
