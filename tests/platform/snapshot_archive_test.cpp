@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdint>
+#include <iterator>
 #include <limits>
 #include <set>
 #include <stdexcept>
@@ -15,6 +16,7 @@
 #include <sys/stat.h>
 
 #include "domain/crypto.hpp"
+#include "platform/os.hpp"
 #include "platform/reserved_tree.hpp"
 #include "support/failure.hpp"
 #include "support/snapshot_builder.hpp"
@@ -222,6 +224,26 @@ TEST_F(ExtractSnapshotTest, MakesTheDirectoriesAboveItsStagingDirectory) {
   extract_snapshot(snapshot.manifest, snapshot.archive, root / "a/b/staging", {}, nullptr);
   EXPECT_EQ(root.read("a/b/staging/readme"), "text");
   EXPECT_EQ(mode_of(root / "a/b"), S_IFDIR | 0700u);
+}
+
+TEST_F(ExtractSnapshotTest, UnpacksAsManyLevelsAsPrivateDirectoriesMayHave) {
+  constexpr std::ptrdiff_t maximum_levels = 128;
+  const auto above = std::distance(staging.begin(), staging.end()) - 1;
+  std::string path;
+  for (std::ptrdiff_t level = above; level < maximum_levels; ++level) {
+    path += "d/";
+  }
+  Files deep = {{path + "program", "x", 0755}};
+  Members members = members_of(deep);
+  members[0].gnu_long_path = true;
+  extract(testing::write_tar_sample(root, deep, tar_archive(members)));
+  expect_unpacked(deep);
+  std::filesystem::remove_all(staging);
+
+  deep[0].path = members[0].path = "d/" + deep[0].path;
+  EXPECT_FAILURE(extract(testing::write_tar_sample(root, deep, tar_archive(members))), "size_limit",
+                 std::string(os::system_name()) + " directory ancestry exceeds its bound");
+  EXPECT_FALSE(std::filesystem::exists(staging / deep[0].path));
 }
 
 // --- The archive itself --------------------------------------------------------------------

@@ -443,7 +443,7 @@ TEST(SnapshotTreeBounds, WalksAsManyEntriesAsItsBoundAndNotOneMore) {
   EXPECT_FAILURE(damaged_snapshot_files(manifest, root / "tree", {}, 10), "size_limit", too_many);
 }
 
-TEST(SnapshotTreeBounds, CountsAnEntryBeforeItLooksAtIt) {
+TEST(SnapshotTreeBounds, CountsDamageUpToItsBoundOnEntries) {
   const TemporaryRoot root(in_memory);
   const SnapshotManifest manifest = testing::manifest_of({{"a", "x", 0755}}, "archive");
   const std::string first = root.write("tree/0", "x");
@@ -451,7 +451,6 @@ TEST(SnapshotTreeBounds, CountsAnEntryBeforeItLooksAtIt) {
   for (int i = 1; i <= maximum_entries; ++i) {
     ASSERT_EQ(link(first.c_str(), (prefix + std::to_string(i)).c_str()), 0) << i;
   }
-  // Each of them is a damaged entry, but there are too many to go on.
   EXPECT_FAILURE(damaged_snapshot_files(manifest, root / "tree", {}, 10), "size_limit", too_many);
   std::filesystem::remove(root / "tree/1");
   const DamagedFiles found = damaged_snapshot_files(manifest, root / "tree", {}, 10);
