@@ -194,6 +194,10 @@ class TarWriter {
                         archive_write_open(writer_.get(), this, nullptr, &TarWriter::take, nullptr) == ARCHIVE_OK;
     require_written(opened);
   }
+  // What was not finished is not to be finished now.
+  ~TarWriter() { abandoned_ = true; }
+  TarWriter(const TarWriter&) = delete;
+  TarWriter& operator=(const TarWriter&) = delete;
 
   void begin_file(const std::string& path, const SnapshotFile& file) {
     archive_entry_clear(entry_.get());
@@ -215,8 +219,8 @@ class TarWriter {
  private:
   struct ReleaseWriter {
     void operator()(::archive* writer) const {
-      // What was not finished is not to be finished now.
-      archive_write_fail(writer);
+      // After a failure, only an explicit close releases what the library holds.
+      archive_write_close(writer);
       archive_write_free(writer);
     }
   };
@@ -227,6 +231,9 @@ class TarWriter {
   // A failure of the sink must not cross the library's code: it is kept and goes on behind it.
   static la_ssize_t take(::archive*, void* self, const void* bytes, std::size_t size) noexcept {
     auto& writer = *static_cast<TarWriter*>(self);
+    if (writer.abandoned_) {
+      return -1;
+    }
     try {
       writer.compressor_.write({static_cast<const char*>(bytes), size});
       return static_cast<la_ssize_t>(size);
@@ -245,6 +252,7 @@ class TarWriter {
 
   Compressor& compressor_;
   std::exception_ptr problem_;
+  bool abandoned_ = false;
   std::unique_ptr<::archive, ReleaseWriter> writer_;
   std::unique_ptr<archive_entry, ReleaseEntry> entry_;
 };
