@@ -117,8 +117,8 @@ class Scan {
 
   void require_no_collision() const {
     PathTree paths;
-    for (const auto& [path, file] : files_) {
-      require_rule(path, [&] { paths.add_file(path); });
+    for (const auto& entry : files_) {
+      require_rule(entry.first, [&] { paths.add_file(entry.first); });
     }
     if (const auto both = paths.file_above_another()) {
       refuse("path_collision", "Package file is another file's parent directory", *both);

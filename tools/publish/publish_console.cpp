@@ -53,7 +53,8 @@ class ProgressLine {
   ProgressLine& operator=(const ProgressLine&) = delete;
 
   void show(std::uint64_t done, std::uint64_t total) {
-    const int percent = total == 0 ? 100 : static_cast<int>(static_cast<double>(done) * 100 / static_cast<double>(total));
+    const int percent =
+        total == 0 ? 100 : static_cast<int>(static_cast<double>(done) * 100 / static_cast<double>(total));
     if (terminal_ && percent != last_) {
       std::fprintf(stderr, "\rPacking… %d %%", percent);
       last_ = percent;
@@ -155,8 +156,7 @@ void complete(SnapshotOptions& options) {
     publication.helpers.push_back(read_helper(helper));
   }
   if (!options.presentation_file.empty()) {
-    publication.presentation =
-        parse_json(read_file(path_from_utf8(options.presentation_file), text_limit), text_limit);
+    publication.presentation = parse_json(read_file(path_from_utf8(options.presentation_file), text_limit), text_limit);
   }
   if (!options.release_notes_file.empty()) {
     publication.release_notes = read_file(path_from_utf8(options.release_notes_file), text_limit);
@@ -175,9 +175,9 @@ void publish(const CLI::App& command, SnapshotOptions& options, const std::funct
       return !cancelled();
     });
   }
-  std::printf("Packed %llu files, %s, into %s (%s)\nManifest: %s\n",
-              static_cast<unsigned long long>(published.files), shown_size(published.expanded_length).c_str(),
-              published.archive.c_str(), shown_size(published.archive_length).c_str(), published.manifest.c_str());
+  std::printf("Packed %llu files, %s, into %s (%s)\nManifest: %s\n", static_cast<unsigned long long>(published.files),
+              shown_size(published.expanded_length).c_str(), published.archive.c_str(),
+              shown_size(published.archive_length).c_str(), published.manifest.c_str());
   require(std::fflush(stdout) == 0 && std::ferror(stdout) == 0, "output_failed", "Cannot write to standard output");
 }
 

@@ -1,0 +1,126 @@
+#include <algorithm>
+#include <cstdint>
+#include <fstream>
+#include <functional>
+#include <string>
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "platform/files.hpp"
+#include "platform/snapshot_archive.hpp"
+#include "platform/snapshot_pack.hpp"
+#include "support/temporary_root.hpp"
+
+namespace ravok {
+namespace {
+
+using testing::TemporaryRoot;
+
+constexpr std::uint64_t mebibyte = 1 << 20;
+constexpr std::uint64_t allowance = 16 * mebibyte;
+// Of the level that the tests pack with.
+constexpr int level = 3;
+constexpr std::uint64_t window = 2 * mebibyte;
+
+void write_file(const std::filesystem::path& path, std::uint64_t length, std::uint32_t state) {
+  std::filesystem::create_directories(path.parent_path());
+  std::ofstream file(path, std::ios::binary);
+  std::string piece(4096, '\0');
+  for (std::uint64_t written = 0; written < length; written += piece.size()) {
+    for (std::size_t i = 0; i < piece.size(); i += 4) {
+      state = state * 1664525u + 1013904223u;
+      piece[i] = static_cast<char>(state >> 24);
+    }
+    file.write(piece.data(), static_cast<std::streamsize>(std::min<std::uint64_t>(piece.size(), length - written)));
+  }
+  file.close();
+  ASSERT_EQ(chmod(path.c_str(), 0755), 0);
+}
+
+// Bytes of this process by a line of the kernel's account of it.
+std::uint64_t account(const std::string& line) {
+  std::ifstream status("/proc/self/status");
+  for (std::string word; status >> word;) {
+    if (word == line) {
+      std::uint64_t kibibytes = 0;
+      status >> kibibytes;
+      return kibibytes * 1024;
+    }
+  }
+  return 0;
+}
+
+// The most memory that the work takes beyond what is there before it, in a process of its own.
+std::uint64_t peak_of(const std::function<void()>& work) {
+  int ends[2] = {};
+  EXPECT_EQ(pipe(ends), 0);
+  const pid_t child = fork();
+  if (child == 0) {
+    // From here on, the peak is counted afresh.
+    std::ofstream("/proc/self/clear_refs") << 5;
+    const std::uint64_t before = account("VmRSS:");
+    work();
+    const std::uint64_t peak = account("VmHWM:");
+    const std::uint64_t taken = before != 0 && peak > before ? peak - before : 0;
+    _exit(write(ends[1], &taken, sizeof taken) == sizeof taken ? 0 : 1);
+  }
+  std::uint64_t taken = 0;
+  EXPECT_EQ(read(ends[0], &taken, sizeof taken), static_cast<ssize_t>(sizeof taken));
+  int status = 0;
+  EXPECT_EQ(waitpid(child, &status, 0), child);
+  EXPECT_EQ(status, 0);
+  close(ends[0]);
+  close(ends[1]);
+  return taken;
+}
+
+struct Packed {
+  SnapshotManifest manifest;
+  std::filesystem::path archive;
+};
+
+Packed pack(const TemporaryRoot& root) {
+  SnapshotInventory inventory = scan_snapshot_tree(root / "tree");
+  ExportFile file(root / "archive");
+  const PackedArchive archive =
+      pack_snapshot(root / "tree", inventory, level, [&](std::string_view bytes) { file.write(bytes); }, {});
+  file.commit();
+  Packed packed{.manifest = {}, .archive = root / "archive"};
+  packed.manifest.archive_length = archive.length;
+  packed.manifest.archive_sha256 = archive.sha256;
+  for (const auto& [path, entry] : inventory) {
+    packed.manifest.expanded_length += entry.length;
+  }
+  packed.manifest.files = std::move(inventory);
+  return packed;
+}
+
+void expect_bounded_extraction(const TemporaryRoot& root) {
+  const Packed packed = pack(root);
+  const std::uint64_t peak =
+      peak_of([&] { extract_snapshot(packed.manifest, packed.archive, root / "staging", {}, nullptr); });
+  EXPECT_GT(peak, 0u);
+  EXPECT_LE(peak, window + allowance);
+  EXPECT_TRUE(std::filesystem::exists(root / "staging"));
+}
+
+TEST(SnapshotMemory, IsBoundedForOneLargeFile) {
+  const TemporaryRoot root;
+  write_file(root / "tree/large", 192 * mebibyte, 1);
+  expect_bounded_extraction(root);
+}
+
+TEST(SnapshotMemory, IsBoundedForManyFiles) {
+  const TemporaryRoot root;
+  for (int i = 0; i < 3000; ++i) {
+    write_file(root / ("tree/directory-" + std::to_string(i % 60) + "/file-" + std::to_string(i)), 100,
+               static_cast<std::uint32_t>(i));
+  }
+  expect_bounded_extraction(root);
+}
+
+}  // namespace
+}  // namespace ravok
