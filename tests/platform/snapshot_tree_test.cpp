@@ -156,6 +156,25 @@ TEST_F(SnapshotTreeTest, TellsHowFarItIsAtLeastOnceAPiece) {
   expect_steps();
 }
 
+TEST(SnapshotTreeProgress, IsToldBeforeEachFileWithinItAndAtTheEnd) {
+  const TemporaryRoot root;
+  const Files files = {{"a", "one", 0755}, {"b", "four"}};
+  const SnapshotManifest manifest = testing::manifest_of(files, "archive");
+  for (const SampleFile& file : files) {
+    ASSERT_EQ(chmod(root.write("tree/" + file.path, file.content).c_str(), 0700), 0);
+  }
+  std::vector<std::uint64_t> done;
+  const auto keep = [&](std::uint64_t bytes, std::uint64_t) {
+    done.push_back(bytes);
+    return true;
+  };
+  const std::vector<std::uint64_t> expected = {0, 0, 3, 3, 3, 7, 7};
+  verify_snapshot_tree(manifest, root / "tree", keep);
+  EXPECT_EQ(std::exchange(done, {}), expected);
+  damaged_snapshot_files(manifest, root / "tree", keep, 10);
+  EXPECT_EQ(done, expected);
+}
+
 TEST_F(SnapshotTreeTest, CountsDamagedFilesAsDone) {
   std::filesystem::remove(tree / "data/deep/large");
   append("data/text", "x");

@@ -258,6 +258,8 @@ TEST_F(TreePathsTest, FindsItsWayAgainAfterAFailure) {
   expect_opened("a/file");
   expect_none("missing/file", ENOENT);
   expect_opened("file");
+  expect_none("a/b/missing/file", ENOENT);
+  expect_opened("file");
 }
 
 TEST_F(TreePathsTest, KeepsADirectoryOpenForTheNextPath) {
