@@ -97,10 +97,10 @@ TEST_F(ExportFileTest, LeavesItsParentAsItIs) {
   EXPECT_EQ(mode_of(root / "exports"), 0755u);
 }
 
-TEST_F(ExportFileTest, TakesANameInTheWorkingDirectory) {
+TEST_F(ExportFileTest, TakesThePathOfTheWorkingDirectory) {
   const std::filesystem::path before = std::filesystem::current_path();
   std::filesystem::current_path(root.path());
-  ExportFile file("export");
+  ExportFile file("./export");
   file.write("content");
   file.commit();
   std::filesystem::current_path(before);
