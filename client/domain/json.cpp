@@ -212,7 +212,10 @@ std::string sha256(const Json& value) {
 
 const std::string& text_at(const Json& object, const char* key) { return object.at(key).get_ref<const std::string&>(); }
 
-bool is_integer(const Json& value, std::int64_t expected) { return value.is_number_integer() && value == expected; }
+bool is_integer(const Json& value, std::int64_t expected) {
+  // The library compares an unsigned number with a negative one by its bits.
+  return value.is_number_integer() && value == expected && (expected >= 0 || !value.is_number_unsigned());
+}
 
 bool has_exactly(const Json& value, std::initializer_list<std::string_view> keys) {
   return value.is_object() && value.size() == keys.size() &&

@@ -64,4 +64,8 @@ void validate_relative_path(std::string_view path, bool portable) {
   }
 }
 
+std::filesystem::path without_end_separator(const std::filesystem::path& path) {
+  return path.has_filename() || path == path.root_path() ? path : path.parent_path();
+}
+
 }  // namespace ravok

@@ -22,4 +22,7 @@ std::size_t native_length(std::string_view text);
 // platform can hold. Fails with "unsafe_path".
 void validate_relative_path(std::string_view path, bool portable);
 
+// Returns the path without separators at its end: with one, a path names what a link there points to.
+std::filesystem::path without_end_separator(const std::filesystem::path& path);
+
 }  // namespace ravok

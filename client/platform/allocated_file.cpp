@@ -54,6 +54,7 @@ struct AllocatedFile::Implementation {
   bool owned = false;
   bool identity_known = false;
   bool must_be_private = false;
+  Descriptor parent;  // of a file that is to be written, held from its check on
   Descriptor descriptor;
 
   Implementation(std::filesystem::path path, std::uint64_t length) {
@@ -64,9 +65,9 @@ struct AllocatedFile::Implementation {
   ~Implementation() {
     descriptor.reset();
     if (owned && identity_known) {
-      const auto status = link_status_of(reservation.path);
+      const auto status = link_status_at(parent.get(), name().c_str());
       if (status && S_ISREG(status->st_mode) && is_recorded(*status)) {
-        unlink(reservation.path.c_str());
+        unlinkat(parent.get(), name().c_str(), 0);
       }
     }
   }
@@ -82,8 +83,10 @@ struct AllocatedFile::Implementation {
     return status && is_recorded(*status);
   }
 
-  void open_with(int flags) {
-    descriptor = Descriptor(retry_interrupted([&] { return open(reservation.path.c_str(), flags, 0600); }));
+  std::string name() const { return reservation.path.filename(); }
+
+  void open_for_inspection() {
+    descriptor = Descriptor(retry_interrupted([&] { return open(reservation.path.c_str(), inspection_flags); }));
   }
 
   // Opens a file that is to be written: one that exists, or with O_CREAT one that does not.
@@ -91,9 +94,10 @@ struct AllocatedFile::Implementation {
     require(reservation.size <= static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max()), "size_limit",
             "File allocation exceeds native length bounds");
     reservation.path = absolute_form(reservation.path);
-    const auto parent = link_status_of(reservation.path.parent_path());
-    require(parent && is_directory(*parent), "unsafe_path", "Allocation requires an ordinary parent directory");
-    open_with(flags);
+    parent = Descriptor(
+        retry_interrupted([&] { return open(reservation.path.parent_path().c_str(), os::passage_flags()); }));
+    require(static_cast<bool>(parent), "unsafe_path", "Allocation requires an ordinary parent directory");
+    descriptor = Descriptor(retry_interrupted([&] { return openat(parent.get(), name().c_str(), flags, 0600); }));
     if (!descriptor) {
       storage_failure(errno, "unsafe_path", "Cannot exclusively create or reopen a prepared allocation");
     }
@@ -217,7 +221,7 @@ void AllocatedFile::verify_identity(const FileReservation& reservation) {
   Implementation file(reservation.path, reservation.size);
   file.reservation = reservation;
   file.identity_known = true;
-  file.open_with(inspection_flags);
+  file.open_for_inspection();
   require(static_cast<bool>(file.descriptor), "unsafe_path", "Cannot inspect owned partial file identity");
   const std::uint64_t size = file.inspect();
   require(size <= reservation.size && file.is_same_path(), "allocation_changed",
@@ -226,7 +230,7 @@ void AllocatedFile::verify_identity(const FileReservation& reservation) {
 
 FileReservation AllocatedFile::inspect_file(const std::filesystem::path& path) {
   Implementation file(absolute_form(path), 0);
-  file.open_with(inspection_flags);
+  file.open_for_inspection();
   require(static_cast<bool>(file.descriptor), "unsafe_path", "Cannot inspect cache file identity");
   file.reservation.size = file.inspect();
   file.require_same_path("Cache file changed during inspection");
@@ -268,9 +272,11 @@ void AllocatedFile::discard() {
   file.descriptor.reset();
   // Closing may take time.
   file.require_same_path("Partial path changed before disposal");
-  require(unlink(file.reservation.path.c_str()) == 0, "file_remove", "Cannot remove a discarded partial file");
-  sync_directory(file.reservation.path.parent_path());
+  require(unlinkat(file.parent.get(), file.name().c_str(), 0) == 0, "file_remove",
+          "Cannot remove a discarded partial file");
+  // What may come to that name from here on is another's.
   file.owned = false;
+  sync_directory(file.reservation.path.parent_path());
 }
 
 void AllocatedFile::synchronize() { implementation_->synchronize(); }

@@ -11,6 +11,7 @@
 #include <unistd.h>
 
 #include "domain/error.hpp"
+#include "domain/paths.hpp"
 #include "platform/descriptor.hpp"
 #include "platform/file_status.hpp"
 #include "platform/managed_paths.hpp"
@@ -32,10 +33,6 @@ void run(const std::function<void()>& hook) {
   if (hook) {
     hook();
   }
-}
-
-std::filesystem::path without_end_separator(std::filesystem::path path) {
-  return path.has_filename() || path == path.root_path() ? path : path.parent_path();
 }
 
 // --- Commit --------------------------------------------------------------------------------

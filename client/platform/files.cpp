@@ -25,12 +25,18 @@ constexpr std::size_t maximum_path_bytes = 4096;
 constexpr std::size_t piece_bytes = 65536;
 constexpr int read_flags = O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC;
 
+// The system would read such a path only as far as the NUL.
+void require_no_nul(const std::filesystem::path& path) {
+  require(path.native().find('\0') == std::string::npos, "unsafe_path", "Native path contains a NUL byte");
+}
+
 Descriptor open_for_reading(const std::filesystem::path& path) {
   return Descriptor(retry_interrupted([&] { return open(path.c_str(), read_flags); }));
 }
 
 // Opens an ordinary file and tells its size in bytes.
 Descriptor open_ordinary(const std::filesystem::path& path, std::uint64_t& size) {
+  require_no_nul(path);
   Descriptor file = open_for_reading(path);
   if (!file) {
     fail(errno == ELOOP ? "unsafe_path" : "file_read", "Cannot open file: " + path_utf8(path));
@@ -94,10 +100,6 @@ struct Writer {
   bool is_private;
   bool durable;
 };
-
-std::filesystem::path parent_of(const std::filesystem::path& path) {
-  return path.has_parent_path() ? path.parent_path() : std::filesystem::path(".");
-}
 
 Descriptor open_export_parent(const std::filesystem::path& parent) {
   Descriptor directory(retry_interrupted([&] { return open(parent.c_str(), os::passage_flags()); }));
@@ -191,7 +193,7 @@ class Transaction {
     FileStatus held;
     FileStatus named;
     // By a link of the system, the path may lead there too.
-    if (fstat(parent(), &held) != 0 || stat(parent_of(destination_.path).c_str(), &named) != 0) {
+    if (fstat(parent(), &held) != 0 || stat(destination_.path.parent_path().c_str(), &named) != 0) {
       transaction_failure(errno, message);
     }
     if (!same_file(held, named)) {
@@ -207,7 +209,8 @@ class Transaction {
 };
 
 Destination open_destination(const std::filesystem::path& path, bool is_private) {
-  const std::filesystem::path parent = parent_of(path);
+  require_no_nul(path);
+  const std::filesystem::path parent = path.parent_path();
   Destination destination{path, is_private ? posix_files::open_private_directory(parent) : open_export_parent(parent)};
   require(!destination.is_link(), "unsafe_path", "Refusing to replace a symbolic link");
   return destination;

@@ -80,7 +80,7 @@ bool has_ordinary_parent(const std::filesystem::path& path) {
 }  // namespace
 
 FileLock::FileLock(const std::filesystem::path& path, bool wait, LockMode mode) {
-  const Descriptor parent = posix_files::open_private_directory(path.has_parent_path() ? path.parent_path() : ".");
+  const Descriptor parent = posix_files::open_private_directory(path.parent_path());
   if (is_bounded(path)) {
     file_ = create_or_open(parent.get(), path.filename(), O_RDWR | O_NOFOLLOW | O_CLOEXEC);
   }

@@ -56,6 +56,10 @@ Walk walk(const std::filesystem::path& path, bool leaf) {
     const int flags = may_be_file ? O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC : posix_files::walk_flags;
     const bool ordinary = *name != "." && *name != "..";
     Descriptor next(ordinary ? retry_interrupted([&] { return openat(deepest.get(), name->c_str(), flags); }) : -1);
+    if (!next && ordinary && errno == EACCES && !may_be_file) {
+      // What may not be read may still be passed through.
+      next = Descriptor(retry_interrupted([&] { return openat(deepest.get(), name->c_str(), os::passage_flags()); }));
+    }
     if (!next && ordinary && errno == ENOENT) {
       break;
     }

@@ -12,6 +12,7 @@
 #include <unistd.h>
 
 #include "domain/error.hpp"
+#include "domain/paths.hpp"
 #include "platform/descriptor.hpp"
 #include "platform/file_status.hpp"
 #include "platform/managed_paths.hpp"
@@ -36,11 +37,7 @@ bool climbs(const std::filesystem::path& path) {
 
 // The path with the system's links resolved and no separator at its end.
 std::filesystem::path target_of(const std::filesystem::path& path) {
-  std::filesystem::path target = resolve_system_links(path);
-  if (!target.has_filename() && target != target.root_path()) {
-    target = target.parent_path();
-  }
-  return target;
+  return without_end_separator(resolve_system_links(path));
 }
 
 bool is_bounded_below_root(const std::filesystem::path& target) {
@@ -56,8 +53,13 @@ bool is_private_file(const FileStatus& status) {
          (status.st_mode & (S_IRWXG | S_IRWXO | S_ISUID | S_ISGID | S_ISVTX)) == 0;
 }
 
+// A level that this user may not read, such as a folder of all users' homes, may still be passed through.
 Descriptor open_at(int parent, const char* name) {
-  return Descriptor(retry_interrupted([&] { return openat(parent, name, posix_files::walk_flags); }));
+  Descriptor level(retry_interrupted([&] { return openat(parent, name, posix_files::walk_flags); }));
+  if (!level && errno == EACCES) {
+    level = Descriptor(retry_interrupted([&] { return openat(parent, name, os::passage_flags()); }));
+  }
+  return level;
 }
 
 Descriptor open_root(const std::filesystem::path& target) {

@@ -31,6 +31,9 @@ constexpr std::size_t piece_bytes = 65536;
 constexpr std::uint64_t maximum_bytes = std::uint64_t{1} << 42;
 constexpr std::size_t maximum_files = 100'000;
 constexpr std::size_t maximum_entries = 250'000;
+// Of directories below each other: with it, the place of the installation has levels left below the client's
+// own bound.
+constexpr std::ptrdiff_t maximum_depth = 96;
 constexpr int minimum_level = 1;
 constexpr int maximum_level = 19;
 
@@ -84,6 +87,9 @@ class Scan {
  private:
   void add_file(const TreeEntry& entry) {
     require_rule(entry.path, [&] { validate_relative_path(entry.path, true); });
+    if (std::count(entry.path.begin(), entry.path.end(), '/') > maximum_depth) {
+      refuse("size_limit", "Package directories are nested too deeply", entry.path);
+    }
     if (!is_ascii(entry.path)) {
       refuse("invalid_manifest", "The v1 package profile requires ASCII file paths", entry.path);
     }
@@ -194,6 +200,10 @@ class TarWriter {
                         archive_write_open(writer_.get(), this, nullptr, &TarWriter::take, nullptr) == ARCHIVE_OK;
     require_written(opened);
   }
+  // What was not finished is not to be finished now.
+  ~TarWriter() { abandoned_ = true; }
+  TarWriter(const TarWriter&) = delete;
+  TarWriter& operator=(const TarWriter&) = delete;
 
   void begin_file(const std::string& path, const SnapshotFile& file) {
     archive_entry_clear(entry_.get());
@@ -215,8 +225,8 @@ class TarWriter {
  private:
   struct ReleaseWriter {
     void operator()(::archive* writer) const {
-      // What was not finished is not to be finished now.
-      archive_write_fail(writer);
+      // After a failure, only an explicit close releases what the library holds.
+      archive_write_close(writer);
       archive_write_free(writer);
     }
   };
@@ -227,6 +237,9 @@ class TarWriter {
   // A failure of the sink must not cross the library's code: it is kept and goes on behind it.
   static la_ssize_t take(::archive*, void* self, const void* bytes, std::size_t size) noexcept {
     auto& writer = *static_cast<TarWriter*>(self);
+    if (writer.abandoned_) {
+      return -1;
+    }
     try {
       writer.compressor_.write({static_cast<const char*>(bytes), size});
       return static_cast<la_ssize_t>(size);
@@ -245,6 +258,7 @@ class TarWriter {
 
   Compressor& compressor_;
   std::exception_ptr problem_;
+  bool abandoned_ = false;
   std::unique_ptr<::archive, ReleaseWriter> writer_;
   std::unique_ptr<archive_entry, ReleaseEntry> entry_;
 };

@@ -25,13 +25,8 @@ constexpr std::uint64_t default_margin_entries = 64;
 constexpr std::uint64_t native_margin_bytes = 20'971'520;
 constexpr std::string_view overflow = "Peak storage calculation overflowed";
 
-// What a path with a separator at its end names, so that a link there is seen as one.
-std::filesystem::path without_final_separator(const std::filesystem::path& path) {
-  return path.has_filename() || path == path.root_path() ? path : path.parent_path();
-}
-
 bool is_ordinary_directory(const std::filesystem::path& path) {
-  const auto status = link_status_of(without_final_separator(path));
+  const auto status = link_status_of(without_end_separator(path));
   return status && is_directory(*status);
 }
 
@@ -157,10 +152,11 @@ void finish_storage_volume_budget(Json& budget) {
 }
 
 DirectoryIdentity inspect_storage_directory(const std::filesystem::path& path) {
-  const Descriptor directory(retry_interrupted([&] { return open(path.c_str(), posix_files::walk_flags); }));
+  const std::filesystem::path name = without_end_separator(path);
+  const Descriptor directory(retry_interrupted([&] { return open(name.c_str(), posix_files::walk_flags); }));
   require(static_cast<bool>(directory), "unsafe_path", "Cannot inspect prepared directory identity");
   const auto opened = status_of(directory.get());
-  const auto named = link_status_of(path);
+  const auto named = link_status_of(name);
   require(opened && named && is_directory(*opened) && is_directory(*named) && same_file(*opened, *named), "unsafe_path",
           "Prepared directory is linked, replaced or unavailable");
   return {device_number(*opened), opened->st_ino};

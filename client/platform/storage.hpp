@@ -49,8 +49,8 @@ Json make_storage_volume_budget(const StorageVolume& volume);
 
 // Completes a budget in place with the additional demand, the peak, and what is short of it, in
 // bytes and in file entries; the last three of the file entries are null where the volume does not
-// count them. The budget must hold all twelve keys of make_storage_volume_budget with sizes as their
-// values, or a JSON exception is thrown.
+// count them. The budget must hold all twelve keys of make_storage_volume_budget, unsigned sizes; without one
+// of them a JSON exception is thrown.
 // Fails with "size_limit" when a figure is no unsigned 64-bit number. After any failure the budget
 // is as it was.
 void finish_storage_volume_budget(Json& budget);

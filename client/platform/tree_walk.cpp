@@ -10,6 +10,7 @@
 #include <fcntl.h>
 
 #include "domain/error.hpp"
+#include "domain/paths.hpp"
 #include "platform/file_status.hpp"
 #include "platform/os.hpp"
 #include "platform/posix_files.hpp"
@@ -85,9 +86,7 @@ Descriptor open_level(int parent, const char* name, int flags) {
 }  // namespace
 
 Descriptor open_tree(const std::filesystem::path& root) {
-  // With a separator at its end, a path names what a link there points to.
-  const std::filesystem::path named = root.has_filename() || root == root.root_path() ? root : root.parent_path();
-  return open_level(AT_FDCWD, named.c_str(), posix_files::walk_flags);
+  return open_level(AT_FDCWD, without_end_separator(root).c_str(), posix_files::walk_flags);
 }
 
 void walk_tree(Descriptor root, const std::function<void(const TreeEntry&)>& visit) {

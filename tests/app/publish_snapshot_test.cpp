@@ -136,6 +136,30 @@ TEST(PublishSnapshot, CarriesAGibibyteInAFewFiles) {
   verify_snapshot_tree(manifest, root / "staging", {});
 }
 
+std::string nested(int levels) {
+  std::string path;
+  for (int i = 0; i < levels; ++i) {
+    path += "d/";
+  }
+  return path + "file";
+}
+
+TEST(PublishSnapshot, LeavesLevelsForThePlaceOfTheInstallation) {
+  for (const int levels : {96, 97}) {
+    const TemporaryRoot root;
+    const std::string path = nested(levels);
+    root.write("tree/" + path, "x");
+    ASSERT_EQ(chmod((root / "tree" / path).c_str(), 0755), 0);
+    if (levels == 96) {
+      EXPECT_EQ(publish_snapshot(game_of(root, path), {}).files, 1u);
+    } else {
+      EXPECT_FAILURE(publish_snapshot(game_of(root, path), {}), "size_limit",
+                     "Package directories are nested too deeply: " + path);
+      EXPECT_TRUE(std::filesystem::is_empty(root / "output"));
+    }
+  }
+}
+
 TEST(PublishSnapshot, LeavesNothingBehindWhenItIsCancelled) {
   const TemporaryRoot root;
   root.write("tree/program", std::string(1 << 20, 'x'));

@@ -2,6 +2,7 @@
 
 #include <cmath>
 #include <limits>
+#include <new>
 #include <string>
 
 #include <gtest/gtest.h>
@@ -207,6 +208,70 @@ TEST(Sha256, RefusesAnyOtherText) {
 TEST(Sha256, LeavesTheLibrarysTypeErrorForAValueThatIsNoText) {
   EXPECT_THROW(sha256(Json(1)), Json::type_error);
   EXPECT_THROW(sha256(Json(nullptr)), Json::type_error);
+}
+
+TEST(TextAt, FindsTheTextOfAKey) {
+  const Json object = {{"a", "x"}, {"b", ""}, {"c", 1}};
+  EXPECT_EQ(&text_at(object, "a"), object["a"].get_ptr<const std::string*>());
+  EXPECT_EQ(text_at(object, "b"), "");
+}
+
+TEST(TextAt, LeavesTheLibrarysExceptionWhereThereIsNone) {
+  EXPECT_THROW(text_at(Json::object(), "a"), Json::out_of_range);
+  EXPECT_THROW(text_at(Json{{"a", 1}}, "a"), Json::type_error);
+  EXPECT_THROW(text_at(Json{{"a", nullptr}}, "a"), Json::type_error);
+  EXPECT_THROW(text_at(Json(1), "a"), Json::type_error);
+}
+
+TEST(IsInteger, KnowsTheNumberInBothIntegerTypes) {
+  EXPECT_TRUE(is_integer(Json(std::int64_t{1}), 1));
+  EXPECT_TRUE(is_integer(Json(std::uint64_t{1}), 1));
+  EXPECT_TRUE(is_integer(Json(-1), -1));
+  EXPECT_TRUE(is_integer(Json(std::uint64_t{0}), 0));
+}
+
+TEST(IsInteger, TellsOtherNumbersAndTypesApart) {
+  for (const Json& value : {Json(2), Json(0), Json(-1), Json(1.0), Json("1"), Json(true), Json(nullptr), Json{1}}) {
+    EXPECT_FALSE(is_integer(value, 1)) << value;
+  }
+  EXPECT_FALSE(is_integer(Json(0.0), 0));
+  EXPECT_FALSE(is_integer(Json(false), 0));
+}
+
+TEST(IsInteger, DoesNotWrapAround) {
+  EXPECT_FALSE(is_integer(Json(std::numeric_limits<std::uint64_t>::max()), -1));
+  EXPECT_FALSE(is_integer(Json((std::uint64_t{1} << 32) + 1), 1));
+}
+
+TEST(HasExactly, WantsEveryKeyAndNoOther) {
+  EXPECT_TRUE(has_exactly(Json{{"a", 1}, {"b", nullptr}}, {"b", "a"}));
+  EXPECT_TRUE(has_exactly(Json::object(), {}));
+  EXPECT_FALSE(has_exactly(Json{{"a", 1}}, {"a", "b"}));
+  EXPECT_FALSE(has_exactly(Json{{"a", 1}, {"b", 2}, {"c", 3}}, {"a", "b"}));
+  EXPECT_FALSE(has_exactly(Json{{"a", 1}, {"B", 2}}, {"a", "b"}));
+}
+
+TEST(HasExactly, WantsAnObject) {
+  for (const Json& value : {Json(nullptr), Json(1), Json("a"), Json::array()}) {
+    EXPECT_FALSE(has_exactly(value, {})) << value;
+  }
+  EXPECT_FALSE(has_exactly(Json::array({"a"}), {"a"}));
+}
+
+TEST(RefuseMalformed, ReturnsWhatTheWorkReturns) {
+  EXPECT_EQ(refuse_malformed("code", "message", [] { return 7; }), 7);
+}
+
+TEST(RefuseMalformed, GivesEveryExceptionOfTheLibraryOneForm) {
+  const Json object = Json::object();
+  EXPECT_FAILURE(refuse_malformed("code", "message", [&] { return object.at("a"); }), "code", "message");
+  EXPECT_FAILURE(refuse_malformed("code", "message", [&] { return object.get<int>(); }), "code", "message");
+  EXPECT_FAILURE(refuse_malformed("code", "message", [] { return Json::parse("{"); }), "code", "message");
+}
+
+TEST(RefuseMalformed, LetsOtherFailuresPass) {
+  EXPECT_FAILURE(refuse_malformed("code", "message", [] { fail("other", "words"); }), "other", "words");
+  EXPECT_THROW(refuse_malformed("code", "message", []() -> int { throw std::bad_alloc(); }), std::bad_alloc);
 }
 
 }  // namespace

@@ -101,9 +101,9 @@ ssize_t __wrap_pread(int descriptor, void* bytes, std::size_t count, off_t offse
   return through<ssize_t>("pread", [&] { return __real_pread(descriptor, bytes, count, offset); });
 }
 
-int __real_unlink(const char* path);
-int __wrap_unlink(const char* path) {
-  return through<int>("unlink", [&] { return __real_unlink(path); });
+int __real_unlinkat(int directory, const char* path, int flags);
+int __wrap_unlinkat(int directory, const char* path, int flags) {
+  return through<int>("unlink", [&] { return __real_unlinkat(directory, path, flags); });
 }
 
 // The number of bytes that one call writes at most; 0 for no limit.

@@ -298,10 +298,25 @@ TEST_F(AtomicWrite, ReplacesOneNameOfAFileAndKeepsTheOthers) {
   EXPECT_EQ(root_.read("second"), "old");
 }
 
-TEST_F(AtomicWrite, TakesANameInTheWorkingDirectory) {
+TEST_F(AtomicWrite, NeedsAPathWithADirectoryAndLeavesTheWorkingOneAlone) {
+  ASSERT_EQ(chmod(root_.path().c_str(), 0755), 0);
   const WorkingDirectory set(root_.path());
-  atomic_write("record.json", "content");
-  EXPECT_EQ(root_.read("record.json"), "content");
+  for (const char* name : {"", "record.json"}) {
+    EXPECT_FAILURE(atomic_write(name, "content"), "unsafe_path",
+                   "Linux private directory needs a bounded path below a root");
+  }
+  EXPECT_EQ(root_.names(), Names{});
+  EXPECT_EQ(link_status_of(root_.path())->st_mode & 0777, 0755u);
+}
+
+TEST_F(AtomicWrite, RefusesANulWhichWouldCutThePathShort) {
+  root_.write("record", "old");
+  const std::filesystem::path path = (root_ / "record").native() + std::string("\0x", 2);
+  EXPECT_FAILURE(atomic_write(path, "new"), "unsafe_path", "Native path contains a NUL byte");
+  EXPECT_FAILURE(atomic_create(path, "new"), "unsafe_path", "Native path contains a NUL byte");
+  EXPECT_FAILURE(read_file(path, 10), "unsafe_path", "Native path contains a NUL byte");
+  EXPECT_EQ(root_.read("record"), "old");
+  EXPECT_EQ(root_.names(), Names{"record"});
 }
 
 TEST_F(AtomicWrite, RefusesALinkAndKeepsItAndItsTarget) {
@@ -451,9 +466,12 @@ TEST_F(AtomicCreate, LeavesTheModeToTheMask) {
   EXPECT_EQ(mode_of(root_ / "export.json"), 0400u);
 }
 
-TEST_F(AtomicCreate, TakesANameInTheWorkingDirectory) {
+TEST_F(AtomicCreate, TakesThePathOfTheWorkingDirectoryButNoBareName) {
   const WorkingDirectory set(root_.path());
-  atomic_create("export.json", "content");
+  for (const char* name : {"", "export.json"}) {
+    EXPECT_FAILURE(atomic_create(name, "content"), "unsafe_path", refused_parent);
+  }
+  atomic_create("./export.json", "content");
   EXPECT_EQ(root_.read("export.json"), "content");
 }
 

@@ -262,7 +262,7 @@ TEST_F(PosixFilesFault, PrivateDirectoryNewNamesTheStepThatFailed) {
     const char* message;
   } steps[] = {
       {failing("anchor", EMFILE), "unsafe_path", "Cannot open new private directory ancestry"},
-      {failing("openat", EACCES), "unsafe_path", "New private directory requires ordinary existing parents"},
+      {failing("openat", EMFILE), "unsafe_path", "New private directory requires ordinary existing parents"},
       {failing("mkdirat", ENOSPC), "native_install_commit", "Cannot reserve new private staging directory"},
       {failing("openat", EMFILE, levels_ + 1), "permissions", "Cannot anchor new Linux staging directory"},
       {failing("fchmod", EPERM), "permissions", "Cannot make new Linux storage private"},

@@ -1,17 +1,21 @@
 #include <algorithm>
 #include <array>
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <memory>
+#include <span>
 #include <sstream>
+#include <system_error>
 
 #include <blkid/blkid.h>
 #include <fcntl.h>
+#include <linux/btrfs.h>
 #include <linux/fs.h>
 #include <linux/magic.h>
 #include <sys/ioctl.h>
+#include <sys/stat.h>
 #include <sys/statfs.h>
-#include <sys/sysmacros.h>
 #include <unistd.h>
 #include <utf8proc.h>
 
@@ -34,6 +38,11 @@ constexpr std::array<std::uint32_t, 13> network_file_systems = {
     0x19830326,  // BeeGFS
 };
 
+// The same behind a process of the user's, by the name that the mount gives.
+constexpr std::array<std::string_view, 9> network_kinds = {"fuse.sshfs",      "fuse.glusterfs", "fuse.rclone",
+                                                           "fuse.s3fs",       "fuse.davfs",     "fuse.curlftpfs",
+                                                           "fuse.gvfsd-fuse", "fuse.smbnetfs",  "fuse.cephfs"};
+
 // File systems that compare names without case in every directory.
 constexpr std::array<std::uint32_t, 2> case_insensitive_file_systems = {MSDOS_SUPER_MAGIC, EXFAT_SUPER_MAGIC};
 
@@ -55,32 +64,70 @@ bool is_one_of(const std::array<std::uint32_t, size>& kinds, std::uint32_t kind)
   return std::find(kinds.begin(), kinds.end(), kind) != kinds.end();
 }
 
-std::string uuid_of_file_system(int descriptor) {
-  FileSystemUuid uuid{};
-  if (ioctl(descriptor, get_file_system_uuid, &uuid) != 0 || uuid.length != uuid.bytes.size() ||
-      std::all_of(uuid.bytes.begin(), uuid.bytes.end(), [](std::uint8_t byte) { return byte == 0; })) {
-    return {};
-  }
-  std::string text = hex(uuid.bytes);
+std::string uuid_text(std::span<const std::uint8_t> bytes) {
+  std::string text = hex(bytes);
   for (const std::size_t position : {20u, 16u, 12u, 8u}) {
     text.insert(position, 1, '-');
   }
   return text;
 }
 
-std::string uuid_of_block_device(dev_t device) {
+std::string uuid_of_file_system(int descriptor) {
+  FileSystemUuid uuid{};
+  if (ioctl(descriptor, get_file_system_uuid, &uuid) != 0 || uuid.length != uuid.bytes.size() ||
+      std::all_of(uuid.bytes.begin(), uuid.bytes.end(), [](std::uint8_t byte) { return byte == 0; })) {
+    return {};
+  }
+  return uuid_text(uuid.bytes);
+}
+
+std::string uuid_of_btrfs(int descriptor) {
+  btrfs_ioctl_fs_info_args information{};
+  if (file_system_kind(descriptor) != BTRFS_SUPER_MAGIC || ioctl(descriptor, BTRFS_IOC_FS_INFO, &information) != 0) {
+    return {};
+  }
+  return uuid_text(information.fsid);
+}
+
+// The name that the system's device manager gives the block device by the UUID that it found on it, which
+// every user may read.
+std::string uuid_listed_for(dev_t device) {
+  std::error_code problem;
+  for (std::filesystem::directory_iterator entry("/dev/disk/by-uuid", problem), end; !problem && entry != end;
+       entry.increment(problem)) {
+    struct stat status;
+    if (stat(entry->path().c_str(), &status) == 0 && S_ISBLK(status.st_mode) && status.st_rdev == device) {
+      return entry->path().filename();
+    }
+  }
+  return {};
+}
+
+std::string uuid_probed_on(const std::string& device) {
   struct Release {
     void operator()(char* text) const { std::free(text); }
   };
-  const std::unique_ptr<char, Release> name(blkid_devno_to_devname(device));
-  const std::unique_ptr<char, Release> uuid(name ? blkid_get_tag_value(nullptr, "UUID", name.get()) : nullptr);
+  const std::unique_ptr<char, Release> uuid(blkid_get_tag_value(nullptr, "UUID", device.c_str()));
   return uuid ? std::string(uuid.get()) : std::string();
 }
 
-std::string identity_of(int descriptor, dev_t device) {
+std::string uuid_of_block_device(const std::string& source) {
+  struct stat status;
+  if (!source.starts_with('/') || stat(source.c_str(), &status) != 0 || !S_ISBLK(status.st_mode)) {
+    return {};
+  }
+  const std::string listed = uuid_listed_for(status.st_rdev);
+  return listed.empty() ? uuid_probed_on(source) : listed;
+}
+
+// `source` is what the mount names as its device.
+std::string identity_of(int descriptor, dev_t device, const std::string& source) {
   std::string identity = uuid_of_file_system(descriptor);
   if (identity.empty()) {
-    identity = uuid_of_block_device(device);
+    identity = uuid_of_btrfs(descriptor);
+  }
+  if (identity.empty()) {
+    identity = uuid_of_block_device(source);
   }
   return identity.empty() ? "device:" + std::to_string(device) : identity;
 }
@@ -112,11 +159,16 @@ std::string without_escapes(std::string_view text) {
   return plain;
 }
 
-// Where the mount is, and what of the volume is mounted there. A mount that the process cannot
-// name, as in a changed root, is all that the process sees.
-void read_mount(long mount, Volume& volume) {
-  volume.mount_path = "/";
-  volume.mounted_below = "/";
+// A line of the kernel's table of mounts.
+struct Mount {
+  std::string path = "/";   // where it is
+  std::string below = "/";  // what of the volume is mounted there
+  std::string kind;         // of file system
+  std::string source;       // its device, where it has one
+};
+
+// A mount that the process cannot name, as in a changed root, is all that the process sees.
+Mount read_mount(long wanted) {
   std::ifstream mounts("/proc/self/mountinfo");
   for (std::string line; std::getline(mounts, line);) {
     std::istringstream fields(line);
@@ -125,12 +177,20 @@ void read_mount(long mount, Volume& volume) {
     std::string device;
     std::string below;
     std::string path;
-    if (fields >> number >> parent >> device >> below >> path && number == mount) {
-      volume.mount_path = without_escapes(path);
-      volume.mounted_below = without_escapes(below);
-      return;
+    if (!(fields >> number >> parent >> device >> below >> path) || number != wanted) {
+      continue;
     }
+    Mount mount{without_escapes(path), without_escapes(below), {}, {}};
+    // Options, of which there may be any number, end with a dash.
+    for (std::string word; fields >> word && word != "-";) {
+    }
+    std::string source;
+    if (fields >> mount.kind >> source) {
+      mount.source = without_escapes(source);
+    }
+    return mount;
   }
+  return {};
 }
 
 std::string mapped(std::string_view name, utf8proc_option_t options) {
@@ -164,16 +224,16 @@ std::optional<std::string> descriptor_path(int descriptor) {
 }
 
 Volume local_volume(int descriptor) {
-  require(!is_one_of(network_file_systems, file_system_kind(descriptor)), "unsafe_path",
-          "Linux setup control storage requires a local volume");
+  constexpr const char* not_local = "Linux setup control storage requires a local volume";
+  require(!is_one_of(network_file_systems, file_system_kind(descriptor)), "unsafe_path", not_local);
   const auto status = status_of(descriptor);
-  const long mount = mount_of(descriptor);
-  require(status && mount >= 0, "unsafe_path", unidentified);
-  Volume volume;
-  volume.identity = identity_of(descriptor, status->st_dev);
-  volume.id = device_number(*status);
-  read_mount(mount, volume);
-  return volume;
+  const long number = mount_of(descriptor);
+  require(status && number >= 0, "unsafe_path", unidentified);
+  const Mount mount = read_mount(number);
+  require(std::find(network_kinds.begin(), network_kinds.end(), mount.kind) == network_kinds.end(), "unsafe_path",
+          not_local);
+  return {identity_of(descriptor, status->st_dev, mount.source), static_cast<std::uint64_t>(number), mount.path,
+          mount.below};
 }
 
 bool compares_case(int directory) {
@@ -190,8 +250,9 @@ std::string compared_name(std::string_view name, bool case_sensitive) {
   if (case_sensitive) {
     return std::string(name);
   }
-  const auto decompose = static_cast<utf8proc_option_t>(UTF8PROC_STABLE | UTF8PROC_DECOMPOSE);
-  const auto fold = static_cast<utf8proc_option_t>(UTF8PROC_STABLE | UTF8PROC_DECOMPOSE | UTF8PROC_CASEFOLD);
+  // Characters that show nothing take no part in the comparison either.
+  const auto decompose = static_cast<utf8proc_option_t>(UTF8PROC_STABLE | UTF8PROC_DECOMPOSE | UTF8PROC_IGNORE);
+  const auto fold = static_cast<utf8proc_option_t>(decompose | UTF8PROC_CASEFOLD);
   return mapped(mapped(name, decompose), fold);
 }
 

@@ -1,0 +1,721 @@
+// ravok-publish as a publisher meets it, and beside it the archivers of the system, which must read what
+// it writes, and write what the client reads.
+
+#include <algorithm>
+#include <chrono>
+#include <csignal>
+#include <filesystem>
+#include <map>
+#include <optional>
+#include <set>
+#include <string>
+#include <system_error>
+#include <vector>
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "domain/bootstrap_contract.hpp"
+#include "domain/crypto.hpp"
+#include "domain/game_manifest.hpp"
+#include "domain/launcher_contract.hpp"
+#include "domain/manifest.hpp"
+#include "platform/native_platform.hpp"
+#include "platform/snapshot_archive.hpp"
+#include "platform/snapshot_tree.hpp"
+#include "support/companion.hpp"
+#include "support/failure.hpp"
+#include "support/process.hpp"
+#include "support/snapshot_builder.hpp"
+#include "support/temporary_root.hpp"
+
+namespace ravok {
+namespace {
+
+using testing::noise;
+using testing::ProgramResult;
+using testing::run_program;
+using testing::SampleFile;
+using testing::TemporaryRoot;
+
+using Arguments = std::vector<std::string>;
+using Files = std::vector<SampleFile>;
+using Names = std::vector<std::string>;
+
+constexpr const char* see_help = "\nRun with --help for more information.\n";
+
+// What a file is, but for its times and its owner.
+struct Seen {
+  mode_t mode;
+  std::string content;
+  bool operator==(const Seen&) const = default;
+};
+
+class PublishTest : public ::testing::Test {
+ protected:
+  const TemporaryRoot root;
+  const std::filesystem::path tree = root / "tree";
+  const std::filesystem::path output = root.directory("output");
+  const std::string platform{native_platform()};
+  const std::string game = "game-" + platform + "-build-1";
+
+  std::filesystem::path put(const std::string& path, const std::string& content = "x", mode_t mode = 0644) const {
+    const std::filesystem::path file = root.write(path, content);
+    EXPECT_EQ(chmod(file.c_str(), mode), 0) << path;
+    return file;
+  }
+
+  void put_tree(const Files& files, const std::string& directory = "tree") const {
+    for (const SampleFile& file : files) {
+      put(directory + "/" + file.path, file.content, file.mode);
+    }
+  }
+
+  void put_program() const { put("tree/bin/program", "#!program", 0755); }
+
+  static ProgramResult publisher(const Arguments& arguments, const std::string& output_path = "") {
+    return run_program({RAVOK_PUBLISH, arguments, {}, output_path});
+  }
+
+  Arguments common(const std::string& kind) const {
+    return {"snapshot", tree,           "--kind",      kind,       "--build-id",
+            "build-1",  "--executable", "bin/program", "--output", output};
+  }
+
+  static Arguments with(Arguments arguments, const Arguments& more) {
+    arguments.insert(arguments.end(), more.begin(), more.end());
+    return arguments;
+  }
+
+  Arguments of_game(const Arguments& more = {}) const {
+    return with(with(common("game"), {"--game-id", "game", "--display-name", "The Game"}), more);
+  }
+
+  Names outputs() const {
+    Names names;
+    for (const auto& entry : std::filesystem::directory_iterator(output)) {
+      names.push_back(entry.path().filename());
+    }
+    std::sort(names.begin(), names.end());
+    return names;
+  }
+
+  void expect_published(const Arguments& arguments) const {
+    const ProgramResult result = publisher(arguments);
+    EXPECT_EQ(result.exit_code, 0);
+    EXPECT_EQ(result.errors, "");
+  }
+
+  void expect_refused(const Arguments& arguments, int exit_code, const std::string& errors,
+                      const Names& left = {}) const {
+    const ProgramResult result = publisher(arguments);
+    EXPECT_EQ(result.exit_code, exit_code) << errors;
+    EXPECT_EQ(result.output, "");
+    EXPECT_EQ(result.errors, errors);
+    EXPECT_EQ(outputs(), left);
+  }
+
+  void expect_tree_refused(const std::string& errors) const { expect_refused(of_game(), 1, errors + "\n"); }
+
+  std::string read_output(const std::string& name) const { return root.read("output/" + name); }
+  Json document(const std::string& name) const {
+    const std::string text = read_output(name);
+    return parse_json(text, text.size());
+  }
+
+  // All that lies below a directory; of directories, only the names.
+  std::map<std::string, Seen> seen(const std::filesystem::path& directory) const {
+    std::map<std::string, Seen> found;
+    for (const auto& entry : std::filesystem::recursive_directory_iterator(directory)) {
+      struct stat status;
+      EXPECT_EQ(lstat(entry.path().c_str(), &status), 0);
+      const std::string path = entry.path().lexically_relative(directory);
+      if (S_ISREG(status.st_mode)) {
+        found[path] = {status.st_mode, root.read(entry.path().lexically_relative(root.path()).native())};
+      } else {
+        found[path] = {status.st_mode & S_IFMT, ""};
+      }
+    }
+    return found;
+  }
+};
+
+// --- What is published ---------------------------------------------------------------------
+
+TEST_F(PublishTest, TellsWhatItWrote) {
+  put_program();
+  put("tree/data", std::string(1536 - 9, 'x'));
+  const ProgramResult result = publisher(of_game());
+  const std::filesystem::path archive = output / (game + ".tar.zst");
+  EXPECT_EQ(result.exit_code, 0);
+  EXPECT_EQ(result.errors, "");
+  EXPECT_EQ(result.output, "Packed 2 files, 1.5 KiB, into " + archive.native() + " (" +
+                               std::to_string(std::filesystem::file_size(archive)) +
+                               " bytes)\nManifest: " + (output / (game + ".manifest.json")).native() + "\n");
+  EXPECT_EQ(outputs(), (Names{game + ".manifest.json", game + ".tar.zst"}));
+}
+
+TEST_F(PublishTest, PublishesAGameAsTheClientReadsIt) {
+  put_program();
+  put("tree/data/level", "some level");
+  put("presentation", R"({"tagline":"Play it","monogram":"G"})");
+  put("notes", "First\nrelease");
+  expect_published(of_game({"--presentation", root / "presentation", "--release-notes", root / "notes",
+                            "--sdk-required", "--target", "builds/game/one.tar.zst", "--level", "1"}));
+  EXPECT_EQ(outputs(), (Names{game + ".manifest.json", "one.tar.zst"}));
+  const GameManifest manifest = GameManifest::parse(document(game + ".manifest.json"));
+  EXPECT_EQ(manifest.build_id, "build-1");
+  EXPECT_EQ(manifest.platform, platform);
+  EXPECT_EQ(manifest.executable, "bin/program");
+  EXPECT_EQ(manifest.target, "builds/game/one.tar.zst");
+  EXPECT_EQ(manifest.game_id, "game");
+  EXPECT_EQ(manifest.display_name, "The Game");
+  EXPECT_EQ(manifest.presentation.tagline, "Play it");
+  EXPECT_EQ(manifest.presentation.monogram, "G");
+  EXPECT_EQ(manifest.release_notes, "First\nrelease");
+  EXPECT_TRUE(manifest.sdk_required);
+  EXPECT_EQ(manifest.archive_length, std::filesystem::file_size(output / "one.tar.zst"));
+  EXPECT_EQ(manifest.archive_sha256, digest(read_output("one.tar.zst"), "sha256"));
+  EXPECT_EQ(manifest.expanded_length, 19u);
+  ASSERT_EQ(manifest.files.size(), 2u);
+  EXPECT_TRUE(manifest.files.at("bin/program").executable);
+  EXPECT_EQ(manifest.files.at("bin/program").length, 9u);
+  EXPECT_EQ(manifest.files.at("bin/program").sha256, digest("#!program", "sha256"));
+  EXPECT_FALSE(manifest.files.at("data/level").executable);
+}
+
+TEST_F(PublishTest, PublishesAGameWithNothingThatIsOptional) {
+  put_program();
+  expect_published(of_game());
+  const GameManifest manifest = GameManifest::parse(document(game + ".manifest.json"));
+  EXPECT_EQ(manifest.target, game + ".tar.zst");
+  EXPECT_EQ(manifest.release_notes, "");
+  EXPECT_FALSE(manifest.sdk_required);
+  EXPECT_FALSE(manifest.raw.contains("presentation"));
+}
+
+TEST_F(PublishTest, PublishesALauncherAsTheClientReadsIt) {
+  put_program();
+  put("tree/bin/window", "#!window", 0755);
+  put("tree/bin/crash", "#!crash", 0755);
+  put("tree/bin/maintain", "#!maintain", 0755);
+  expect_published(with(common("launcher"), {"--gui-executable", "bin/window", "--helper", "crash-handler=bin/crash",
+                                             "--helper", "maintenance=bin/maintain"}));
+  const std::string name = launcher_manifest_target(platform);
+  EXPECT_EQ(outputs(), (Names{"launcher-" + platform + "-build-1.tar.zst", name}));
+  const LauncherManifest manifest = LauncherManifest::parse(document(name));
+  EXPECT_EQ(manifest.executable, "bin/program");
+  EXPECT_EQ(manifest.gui_executable, "bin/window");
+  EXPECT_EQ(manifest.runtime_helpers, (std::set<std::string>{"bin/crash", "bin/maintain"}));
+  EXPECT_EQ(manifest.target, "launcher-" + platform + "-build-1.tar.zst");
+}
+
+TEST_F(PublishTest, PublishesABootstrapOfEveryPlatformAsTheClientReadsIt) {
+  constexpr const char* helper = "bin/RavokShortcut.app/Contents/MacOS/ravok-shortcut";
+  put("linux/bin/ravok-bootstrap", "#!", 0755);
+  put("macos/bin/ravok-bootstrap", "#!", 0755);
+  put(std::string("macos/") + helper, "#!", 0755);
+  put("macos/bin/RavokShortcut.app/Contents/Info.plist", "<plist/>");
+  put("windows/bin/ravok-bootstrap.exe", "MZ", 0755);
+  put("windows/bin/ravok-bootstrap-gui.exe", "MZ", 0755);
+  const struct {
+    const char* tree;
+    const char* platform;
+    const char* executable;
+    Arguments more;
+  } cases[] = {
+      {"linux", "linux-x86_64", "bin/ravok-bootstrap", {}},
+      {"macos", "macos-aarch64", "bin/ravok-bootstrap", {"--shortcut-executable", helper}},
+      {"windows", "windows-x86_64", "bin/ravok-bootstrap.exe", {"--gui-executable", "bin/ravok-bootstrap-gui.exe"}}};
+  for (const auto& bootstrap : cases) {
+    expect_published(with({"snapshot", root / bootstrap.tree, "--kind", "bootstrap", "--build-id", "build-1",
+                           "--executable", bootstrap.executable, "--platform", bootstrap.platform, "--output", output},
+                          bootstrap.more));
+    const std::string name = std::string("bootstrap-") + bootstrap.platform;
+    const SnapshotManifest manifest = SnapshotManifest::parse(document(name + ".manifest.json"));
+    EXPECT_NO_THROW(validate_bootstrap_contract(manifest)) << bootstrap.platform;
+    EXPECT_EQ(manifest.archive_sha256, digest(read_output(name + "-build-1.tar.zst"), "sha256"));
+  }
+}
+
+TEST_F(PublishTest, PublishesWhatTheClientUnpacks) {
+  put_program();
+  put("tree/data/empty", "");
+  put("tree/data/large", noise(300'000));
+  put("tree/data/a name with blanks, (signs) & 'quotes'", "x");
+  put("tree/tool", "#!tool", 0755);
+  std::filesystem::create_hard_link(tree / "tool", tree / "same-tool");
+  expect_published(of_game());
+  const GameManifest manifest = GameManifest::parse(document(game + ".manifest.json"));
+  verify_snapshot_tree(manifest, tree, {});
+  extract_snapshot(manifest, output / (game + ".tar.zst"), root / "staging", {}, nullptr);
+  EXPECT_EQ(manifest.files.size(), 6u);
+}
+
+TEST_F(PublishTest, MakesTheSameBytesOfTheSameFiles) {
+  const Files files = {{"bin/program", "#!program", 0755}, {"z/y/x", noise(100'000)}, {"a", "a"}, {"b/empty"}};
+  put_tree(files);
+  Files reversed = files;
+  std::reverse(reversed.begin(), reversed.end());
+  put_tree(reversed, "another-tree");
+  const auto long_ago = std::filesystem::file_time_type::clock::now() - std::chrono::hours(100'000);
+  for (const SampleFile& file : files) {
+    std::filesystem::last_write_time(root / ("another-tree/" + file.path), long_ago);
+  }
+  const auto publish_from = [&](const char* directory, const char* level) {
+    Arguments arguments = of_game({"--level", level});
+    arguments[1] = root / directory;
+    expect_published(arguments);
+    const std::string bytes = read_output(game + ".manifest.json") + read_output(game + ".tar.zst");
+    std::filesystem::remove(output / (game + ".tar.zst"));
+    std::filesystem::remove(output / (game + ".manifest.json"));
+    return bytes;
+  };
+  const std::string first = publish_from("tree", "12");
+  EXPECT_TRUE(first == publish_from("tree", "12"));
+  EXPECT_TRUE(first == publish_from("another-tree", "12"));
+  put("another-tree/a", "b");
+  EXPECT_FALSE(first == publish_from("another-tree", "12"));
+}
+
+TEST_F(PublishTest, WritesWhereItStandsByDefault) {
+  put_program();
+  Arguments arguments = of_game();
+  arguments.erase(arguments.begin() + 8, arguments.begin() + 10);
+  arguments.insert(arguments.begin(), {"-c", "cd \"$0\" && exec \"$@\"", output, RAVOK_PUBLISH});
+  const ProgramResult result = run_program({"/bin/sh", arguments, {}, ""});
+  EXPECT_EQ(result.exit_code, 0);
+  EXPECT_EQ(result.errors, "");
+  EXPECT_EQ(outputs(), (Names{game + ".manifest.json", game + ".tar.zst"}));
+}
+
+TEST_F(PublishTest, TakesADirectoryBesideTheTreeThatItsNameBeginsLike) {
+  put_program();
+  root.directory("tree-output");
+  Arguments arguments = of_game();
+  arguments[9] = root / "tree-output";
+  expect_published(arguments);
+  EXPECT_TRUE(std::filesystem::exists(root / "tree-output" / (game + ".tar.zst")));
+}
+
+// --- What is refused of a tree -------------------------------------------------------------
+
+TEST_F(PublishTest, RefusesNamesThatNoSnapshotMayHold) {
+  put_program();
+  const struct {
+    const char* name;
+    const char* message;
+  } cases[] = {{"back\\slash", "Path must be a safe relative path: back\\slash"},
+               {"a:b", "Path contains an unsafe component: a:b"},
+               {"name.", "Path is not portable across supported platforms: name."},
+               {"a?", "Path is not portable across supported platforms: a?"},
+               {"a\nb", "Path is not portable across supported platforms: a?b"},
+               {"a\x1b[2Jb", "Path is not portable across supported platforms: a?[2Jb"},
+               {"con.txt", "Path uses a reserved platform name: con.txt"},
+               {"\xc3\xa4", "The v1 package profile requires ASCII file paths: \xc3\xa4"},
+               {"a\x7f", "The v1 package profile requires ASCII file paths: a?"}};
+  for (const auto& refused : cases) {
+    put(std::string("tree/") + refused.name);
+    expect_tree_refused(refused.message);
+    std::filesystem::remove(tree / refused.name);
+  }
+  put("tree/aux/file");
+  expect_tree_refused("Path uses a reserved platform name: aux/file");
+  std::filesystem::remove_all(tree / "aux");
+  expect_published(of_game());
+}
+
+TEST_F(PublishTest, RefusesEveryModeButTwo) {
+  put_program();
+  for (const mode_t mode : {0600u, 0700u, 0640u, 0664u, 0444u, 0777u, 0u, 04755u, 02755u, 01644u}) {
+    put("tree/file", "x", mode);
+    expect_tree_refused("Package modes must be 0644 or 0755: file");
+    std::filesystem::remove(tree / "file");
+  }
+}
+
+TEST_F(PublishTest, RefusesWhatIsNoFile) {
+  constexpr const char* message = "Only ordinary files are accepted in snapshots: thing";
+  put_program();
+  for (const char* target : {"bin/program", "bin", "missing", "/etc/passwd"}) {
+    std::filesystem::create_symlink(target, tree / "thing");
+    expect_tree_refused(message);
+    std::filesystem::remove(tree / "thing");
+  }
+  ASSERT_EQ(mkfifo((tree / "thing").c_str(), 0644), 0);
+  expect_tree_refused(message);
+}
+
+TEST_F(PublishTest, RefusesDirectoriesWithoutAFile) {
+  put_program();
+  root.directory("tree/empty");
+  expect_tree_refused("Snapshots hold no empty directories: empty");
+  std::filesystem::remove(tree / "empty");
+  root.directory("tree/a/b/c");
+  expect_tree_refused("Snapshots hold no empty directories: a");
+  put("tree/a/file");
+  expect_tree_refused("Snapshots hold no empty directories: a/b");
+  // A name that begins alike is not below it.
+  std::filesystem::remove_all(tree / "a");
+  root.directory("tree/dir");
+  put("tree/dir0/file");
+  expect_tree_refused("Snapshots hold no empty directories: dir");
+}
+
+TEST_F(PublishTest, RefusesATreeWithoutFiles) {
+  root.directory("tree");
+  expect_tree_refused("Package file count exceeds bounds");
+}
+
+TEST_F(PublishTest, RefusesNamesThatDifferOnlyInCase) {
+  put_program();
+  put("tree/README");
+  put("tree/readme");
+  expect_tree_refused("Package contains duplicate or case-colliding paths: readme");
+  std::filesystem::remove(tree / "README");
+  put("tree/Dir/one");
+  put("tree/dir/two");
+  expect_tree_refused("Package directories differ only in case: dir/two");
+  std::filesystem::remove_all(tree / "Dir");
+  put("tree/DIR");
+  expect_tree_refused("Package file is another file's parent directory: dir");
+}
+
+TEST_F(PublishTest, RefusesATreeThatIsNone) {
+  expect_tree_refused("Expected a plain directory: " + tree.native());
+  put("tree");
+  expect_tree_refused("Expected a plain directory: " + tree.native());
+  std::filesystem::remove(tree);
+  put("real/bin/program", "#!program", 0755);
+  std::filesystem::create_directory_symlink("real", tree);
+  expect_tree_refused("Expected a plain directory: " + tree.native());
+}
+
+TEST_F(PublishTest, RefusesAFileLargerThanAllSnapshots) {
+  put_program();
+  put("tree/large");
+  std::error_code problem;
+  std::filesystem::resize_file(tree / "large", (std::uint64_t{1} << 42) + 1, problem);
+  if (problem) {
+    GTEST_SKIP() << "the volume holds no files of that size";
+  }
+  expect_tree_refused("Expanded package exceeds size bounds: large");
+}
+
+TEST_F(PublishTest, RefusesATreeWithoutItsExecutable) {
+  constexpr const char* message = "Declared executable is missing or not executable";
+  put("tree/other", "x", 0755);
+  expect_tree_refused(message);
+  put("tree/bin/program", "x", 0644);
+  expect_tree_refused(message);
+}
+
+// --- What is refused of the output ---------------------------------------------------------
+
+TEST_F(PublishTest, ReplacesNothing) {
+  put_program();
+  for (const std::string& name : {game + ".tar.zst", game + ".manifest.json"}) {
+    put("output/" + name, "mine");
+    expect_refused(of_game(), 1, "The output already exists: " + (output / name).native() + "\n", {name});
+    EXPECT_EQ(read_output(name), "mine");
+    std::filesystem::remove(output / name);
+    std::filesystem::create_symlink("missing", output / name);
+    expect_refused(of_game(), 1, "The output already exists: " + (output / name).native() + "\n", {name});
+    std::filesystem::remove(output / name);
+  }
+}
+
+TEST_F(PublishTest, WritesNothingIntoTheTree) {
+  put_program();
+  std::filesystem::create_directory_symlink("tree/bin", root / "link");
+  for (const std::filesystem::path& inside : {tree, tree / "bin", root / "link"}) {
+    Arguments arguments = of_game();
+    arguments[9] = inside;
+    expect_refused(arguments, 1, "The output directory must lie outside the tree\n");
+  }
+  EXPECT_EQ(seen(tree).size(), 2u);
+}
+
+TEST_F(PublishTest, NeedsADirectoryToWriteTo) {
+  put_program();
+  put("file");
+  for (const char* name : {"missing", "file"}) {
+    Arguments arguments = of_game();
+    arguments[9] = root / name;
+    expect_refused(arguments, 1, "Export parent must be an existing plain directory\n");
+  }
+  EXPECT_FALSE(std::filesystem::exists(root / "missing"));
+}
+
+TEST_F(PublishTest, SaysSoWhenItsOutputCannotBeWritten) {
+  put_program();
+  const ProgramResult result = publisher(of_game(), "/dev/full");
+  EXPECT_EQ(result.exit_code, 1);
+  EXPECT_EQ(result.errors, "Cannot write to standard output\n");
+}
+
+TEST_F(PublishTest, LeavesNothingBehindWhenItIsInterrupted) {
+  put_program();
+  put("tree/large");
+  // More than it packs while a signal is on its way.
+  std::filesystem::resize_file(tree / "large", std::uint64_t{1} << 36);
+  for (const int signal : {SIGINT, SIGTERM}) {
+    testing::Companion program(RAVOK_PUBLISH, of_game({"--level", "1"}));
+    while (outputs().empty() && !program.has_ended()) {
+    }
+    program.send_signal(signal);
+    EXPECT_EQ(program.wait(), 4);
+    EXPECT_EQ(outputs(), Names{});
+  }
+}
+
+// --- What is refused of the command line ---------------------------------------------------
+
+TEST_F(PublishTest, KnowsThreeKinds) {
+  put_program();
+  for (const char* kind : {"toy", "", "Game"}) {
+    expect_refused(common(kind), 2, std::string("--kind is bootstrap, launcher or game, not ") + kind + "\n");
+  }
+}
+
+TEST_F(PublishTest, NeedsWhatEveryKindNeeds) {
+  put_program();
+  const Arguments whole = of_game();
+  for (const char* name : {"--kind", "--build-id", "--executable"}) {
+    Arguments arguments = whole;
+    const auto option = std::find(arguments.begin(), arguments.end(), name);
+    arguments.erase(option, option + 2);
+    expect_refused(arguments, 2, std::string(name) + " is required" + see_help);
+  }
+  Arguments arguments = whole;
+  arguments.erase(arguments.begin() + 1);
+  expect_refused(arguments, 2, std::string("TREE is required") + see_help);
+}
+
+TEST_F(PublishTest, NeedsWhatItsKindNeeds) {
+  put_program();
+  expect_refused(with(common("game"), {"--display-name", "The Game"}), 2,
+                 "--game-id is required for this kind of snapshot\n");
+  expect_refused(with(common("game"), {"--game-id", "game"}), 2,
+                 "--display-name is required for this kind of snapshot\n");
+  expect_refused(common("launcher"), 2, "--gui-executable is required for this kind of snapshot\n");
+}
+
+TEST_F(PublishTest, TakesNoOptionOfAnotherKind) {
+  put_program();
+  const struct {
+    Arguments option;
+    Arguments kinds;
+    const char* owner;
+  } cases[] = {{{"--game-id", "game"}, {"bootstrap", "launcher"}, "a game"},
+               {{"--display-name", "x"}, {"bootstrap", "launcher"}, "a game"},
+               {{"--presentation", "x"}, {"bootstrap", "launcher"}, "a game"},
+               {{"--release-notes", "x"}, {"bootstrap", "launcher"}, "a game"},
+               {{"--sdk-required"}, {"bootstrap", "launcher"}, "a game"},
+               {{"--helper", "maintenance=bin/x"}, {"bootstrap", "game"}, "a launcher"},
+               {{"--shortcut-executable", "bin/x"}, {"launcher", "game"}, "a bootstrap"},
+               {{"--gui-executable", "bin/x"}, {"game"}, "a bootstrap or a launcher"}};
+  for (const auto& foreign : cases) {
+    for (const std::string& kind : foreign.kinds) {
+      expect_refused(with(common(kind), foreign.option), 2, foreign.option[0] + " is only for " + foreign.owner + "\n");
+    }
+  }
+}
+
+TEST_F(PublishTest, TakesOnlyWhatItKnows) {
+  put_program();
+  expect_refused({}, 2, std::string("A subcommand is required") + see_help);
+  expect_refused(of_game({"--bogus"}), 2, std::string("The following argument was not expected: --bogus") + see_help);
+  expect_refused(of_game({"another"}), 2, std::string("The following argument was not expected: another") + see_help);
+  for (const char* level : {"0", "20", "x", "-1"}) {
+    expect_refused(of_game({"--level", level}), 2,
+                   std::string("--level: Value ") + level + " not in range 1 to 19" + see_help);
+  }
+}
+
+TEST_F(PublishTest, NeedsARoleForEachHelper) {
+  put_program();
+  put("tree/bin/window", "x", 0755);
+  expect_refused(with(common("launcher"), {"--gui-executable", "bin/window", "--helper", "bin/x"}), 2,
+                 "A helper is named as ROLE=PATH: bin/x\n");
+}
+
+TEST_F(PublishTest, RefusesWhatTheClientWouldRefuse) {
+  put_program();
+  put("tree/bin/window", "x", 0755);
+  put("tree/bin/helper", "x", 0755);
+  const Arguments launcher = with(common("launcher"), {"--gui-executable", "bin/window"});
+  put("broken", "{");
+  put("foreign", R"({"colour":"red"})");
+  put("notes", std::string(16'385, 'x'));
+  Arguments bad_build = of_game();
+  bad_build[5] = "Build 1";
+  Arguments bad_game = of_game();
+  bad_game[11] = "The Game";
+  const struct {
+    Arguments arguments;
+    const char* message;
+  } cases[] = {
+      {bad_build, "Game and build IDs use lower-case letters, digits, dots and hyphens"},
+      {bad_game, "Game and build IDs use lower-case letters, digits, dots and hyphens"},
+      {of_game({"--platform", "amiga"}), "Unknown snapshot platform"},
+      {of_game({"--platform", "../x"}), "Path contains an unsafe component"},
+      {of_game({"--target", "../x"}), "Path contains an unsafe component"},
+      {of_game({"--presentation", root / "foreign"}), "Unknown game presentation field"},
+      {of_game({"--release-notes", root / "notes"}), "Release notes exceed 16 KiB"},
+      {launcher, "Every native helper needs declared lifetime ownership"},
+      {with(launcher, {"--helper", "cook=bin/helper"}), "Unsupported native helper ownership contract"},
+      {with(launcher, {"--helper", "maintenance=bin/other"}),
+       "Native helper is missing, repeated or overlaps a frontend"},
+      {with(common("launcher"), {"--gui-executable", "bin/none"}),
+       "GUI launcher executable is missing or not executable"},
+      {with(common("launcher"), {"--gui-executable", "bin/program"}), "GUI and CLI need separate native entry points"},
+      {common("bootstrap"), "Initial bootstrap has a missing or incompatible stable entry point"}};
+  for (const auto& refused : cases) {
+    expect_refused(refused.arguments, 1, std::string(refused.message) + "\n");
+  }
+  put("linux/bin/ravok-bootstrap", "#!", 0755);
+  put("linux/bin/other", "#!", 0755);
+  expect_refused({"snapshot", root / "linux", "--kind", "bootstrap", "--build-id", "build-1", "--executable",
+                  "bin/ravok-bootstrap", "--platform", "linux-x86_64", "--output", output},
+                 1, "Initial bootstrap snapshot contains an undeclared executable helper\n");
+}
+
+TEST_F(PublishTest, NeedsTheFilesThatItIsToRead) {
+  put_program();
+  const std::string missing = root / "missing";
+  for (const char* option : {"--presentation", "--release-notes"}) {
+    expect_refused(of_game({option, missing}), 1, "Cannot open file: " + missing + "\n");
+  }
+}
+
+// --- The archivers of the system -----------------------------------------------------------
+
+class ArchiverTest : public PublishTest {
+ protected:
+  const Files files = {{"bin/program", "#!program", 0755},
+                       {"data/deep/er/large", noise(300'000)},
+                       {"data/empty"},
+                       {"data/name with blanks", "blank"},
+                       {std::string(90, 'd') + "/" + std::string(90, 'n'), "long"},
+                       {"tool", std::string(512, 't'), 0755}};
+
+  static ProgramResult shell(const std::string& command, const Arguments& arguments) {
+    Arguments words = {"-c", "set -e; " + command, "sh"};
+    words.insert(words.end(), arguments.begin(), arguments.end());
+    return run_program({"/bin/sh", words, {{"PATH", "/usr/local/bin:/usr/bin:/bin"}, {"LC_ALL", "C"}}, ""});
+  }
+
+  void SetUp() override {
+    const ProgramResult versions = shell("tar --version; zstd --version", {});
+    if (versions.output.find("GNU tar") == std::string::npos || versions.exit_code != 0) {
+      GTEST_SKIP() << "GNU tar and zstd are not installed";
+    }
+  }
+
+  // Packs the tree's files with the system's archivers.
+  std::string packed(const std::string& format, const std::string& compressor) const {
+    std::string list;
+    for (const SampleFile& file : files) {
+      list += file.path + "\n";
+    }
+    root.write("list", list);
+    const ProgramResult result = shell(
+        "cd \"$1\"; tar " + format + " --no-recursion -T ../list -cf ../tar; " + compressor + " <../tar >../packed",
+        {tree});
+    EXPECT_EQ(result.exit_code, 0) << format;
+    EXPECT_EQ(result.errors, "") << format;
+    return root.read("packed");
+  }
+
+  void expect_unpacked(const std::string& archive) const {
+    const testing::Sample sample = testing::write_sample(root, files, archive);
+    extract_snapshot(sample.manifest, sample.archive, root / "staging", {}, nullptr);
+    std::map<std::string, Seen> expected = seen(tree);
+    for (auto& [path, file] : expected) {
+      if (S_ISREG(file.mode)) {
+        file.mode = S_IFREG | (file.mode & S_IRWXU);
+      }
+    }
+    EXPECT_TRUE(seen(root / "staging") == expected);
+    std::filesystem::remove_all(root / "staging");
+  }
+};
+
+TEST_F(ArchiverTest, UnpackWhatIsPublished) {
+  put_tree(files);
+  expect_published(of_game());
+  root.directory("unpacked");
+  const ProgramResult result =
+      shell("zstd -dcq \"$1\" | tar -xpf - -C \"$2\"", {output / (game + ".tar.zst"), root / "unpacked"});
+  EXPECT_EQ(result.exit_code, 0);
+  EXPECT_EQ(result.errors, "");
+  EXPECT_TRUE(seen(root / "unpacked") == seen(tree));
+}
+
+TEST_F(ArchiverTest, ListNothingInWhatIsPublishedThatTellsOfItsMaker) {
+  put_tree(files);
+  expect_published(of_game());
+  const ProgramResult result =
+      shell("zstd -dcq \"$1\" | tar -tvf - --numeric-owner --utc | grep -v ' 0/0 .* 1970-01-01 00:00 ' || true",
+            {output / (game + ".tar.zst")});
+  EXPECT_EQ(result.exit_code, 0);
+  EXPECT_EQ(result.errors, "");
+  EXPECT_EQ(result.output, "");
+}
+
+TEST_F(ArchiverTest, FindThePublishedFrameWhole) {
+  put_tree(files);
+  expect_published(of_game());
+  EXPECT_EQ(shell("zstd -tq \"$1\"", {output / (game + ".tar.zst")}).exit_code, 0);
+}
+
+TEST_F(ArchiverTest, PackWhatTheClientUnpacks) {
+  put_tree(files);
+  expect_unpacked(packed("--format=ustar --owner=0 --group=0 --mtime=@0", "zstd --no-progress -3 -c"));
+  expect_unpacked(packed("--format=gnu", "zstd -q -1 -c"));
+  expect_unpacked(packed("--format=pax", "zstd -q -19 -c"));
+  expect_unpacked(packed("--format=oldgnu --owner=somebody:1234", "zstd -q --no-check -c"));
+}
+
+TEST_F(ArchiverTest, PackWhatTheClientUnpacksWithWindowsUpToTheBound) {
+  put_tree(files);
+  expect_unpacked(packed("--format=ustar", "zstd -q --long=26 -c"));
+  const std::string archive = packed("--format=ustar", "zstd -q --long=27 -c");
+  const testing::Sample sample = testing::write_sample(root, files, archive);
+  EXPECT_FAILURE(extract_snapshot(sample.manifest, sample.archive, root / "staging", {}, nullptr), "archive",
+                 "Snapshot decoding failed or exceeds the 64 MiB window limit");
+}
+
+TEST_F(ArchiverTest, PackWhatTheClientRefuses) {
+  put_tree(files);
+  const struct {
+    const char* command;
+    const char* message;
+  } cases[] = {
+      {"ln -s bin/program link; tar -cf ../tar link bin/program", "Only ordinary files are accepted in snapshots"},
+      {"ln tool hard; tar -cf ../tar tool hard", "Only ordinary files are accepted in snapshots"},
+      {"tar -cf ../tar bin", "Only ordinary files are accepted in snapshots"},
+      {"truncate -s 1M data/empty; tar -cSf ../tar data/empty", "Only ordinary files are accepted in snapshots"},
+      {"truncate -s 1M data/empty; tar --format=pax --sparse-version=1.0 -cSf ../tar data/empty",
+       "Only ordinary files are accepted in snapshots"},
+      {"tar --owner=0 -cPf ../tar \"$PWD/tool\"", "Path must be a safe relative path"},
+      {"cd bin; tar -cPf ../../tar ../tool", "Path contains an unsafe component"},
+      {"chmod 0600 tool; tar -cf ../tar tool", "Archive file length or mode differs from manifest"}};
+  for (const auto& refused : cases) {
+    const ProgramResult result = shell(std::string("cp -pR \"$1\" \"$1-copy\"; cd \"$1-copy\"; ") + refused.command +
+                                           "; cd \"$1-copy\"; zstd -q -c <../tar >../packed; rm -r \"$1-copy\"",
+                                       {tree});
+    ASSERT_EQ(result.exit_code, 0) << refused.command << "\n" << result.errors;
+    const testing::Sample sample = testing::write_sample(root, files, root.read("packed"));
+    const std::optional<Error> failure =
+        testing::failure_of([&] { extract_snapshot(sample.manifest, sample.archive, root / "staging", {}, nullptr); });
+    ASSERT_TRUE(failure) << refused.command;
+    EXPECT_STREQ(failure->what(), refused.message) << refused.command;
+    std::filesystem::remove_all(root / "staging");
+  }
+}
+
+}  // namespace
+}  // namespace ravok

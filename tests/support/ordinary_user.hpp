@@ -1,0 +1,52 @@
+// What keeps a test's user from reading its own tree, also where that is user 0.
+#pragma once
+
+#include <filesystem>
+#include <string>
+#include <utility>
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "support/temporary_root.hpp"
+
+namespace ravok::testing {
+
+// Where the system's rules would not stop user 0, the test goes on as another user, to whom the
+// tree is given.
+class OrdinaryUser {
+ public:
+  explicit OrdinaryUser(const TemporaryRoot& root) {
+    if (is_root()) {
+      give(root.path());
+      for (const std::string& name : root.names()) {
+        give(root / name);
+      }
+      EXPECT_EQ(seteuid(somebody), 0);
+    }
+  }
+  ~OrdinaryUser() { EXPECT_EQ(seteuid(getuid()), 0); }
+  OrdinaryUser(const OrdinaryUser&) = delete;
+  OrdinaryUser& operator=(const OrdinaryUser&) = delete;
+
+ private:
+  static constexpr uid_t somebody = 65534;
+  static void give(const std::filesystem::path& path) { EXPECT_EQ(chown(path.c_str(), somebody, somebody), 0); }
+};
+
+// Gives a directory another mode for as long as it lives.
+class WithMode {
+ public:
+  WithMode(std::filesystem::path path, mode_t mode) : path_(std::move(path)) {
+    EXPECT_EQ(chmod(path_.c_str(), mode), 0);
+  }
+  ~WithMode() { EXPECT_EQ(chmod(path_.c_str(), 0700), 0); }
+  WithMode(const WithMode&) = delete;
+  WithMode& operator=(const WithMode&) = delete;
+
+ private:
+  std::filesystem::path path_;
+};
+
+}  // namespace ravok::testing
