@@ -21,6 +21,8 @@ constexpr std::string_view default_name = "Ravok";
 constexpr std::size_t maximum_name_bytes = 64;
 constexpr std::size_t maximum_id_bytes = 80;
 constexpr std::size_t maximum_publisher_bytes = 128;
+constexpr std::size_t minimum_icon_bytes = 22;
+constexpr std::string_view icon_start("\0\0\1\0", 4);
 constexpr std::uint64_t record_limit = 65'536;
 
 bool is_control(char c) { return static_cast<unsigned char>(c) < 32 || c == 127; }
@@ -71,6 +73,11 @@ void validate_brand_name(std::string_view name) {
           "A brand name is 1 to 64 bytes and also names a folder: no control characters, none of < > : \" / \\ | ? *, "
           "and no leading space or trailing space or dot");
   require(!is_device_name(name), code, "A brand name cannot be a Windows device name");
+}
+
+void validate_brand_icon(std::string_view bytes) {
+  require(bytes.size() >= minimum_icon_bytes && bytes.starts_with(icon_start), code,
+          "The brand icon is not an .ico file");
 }
 
 Brand parse_brand(const Json& document) {

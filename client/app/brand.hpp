@@ -35,6 +35,9 @@ struct UninstallEntry {
 // "invalid_native_package".
 void validate_brand_name(std::string_view name);
 
+// Returns for the bytes of an .ico file, as far as its first bytes tell. Fails with "invalid_native_package".
+void validate_brand_icon(std::string_view bytes);
+
 // Returns the brand of an object of exactly four keys. Fails with "invalid_native_package" and as
 // validate_identifier does.
 Brand parse_brand(const Json& document);

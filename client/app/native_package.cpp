@@ -26,18 +26,7 @@ namespace ravok {
 namespace {
 
 constexpr std::string_view invalid = "invalid_native_package";
-constexpr const char* descriptor_name = "initial-package.json";
-constexpr std::uint64_t descriptor_limit = 524'288;
-constexpr std::uint64_t document_limit = 524'288;
-constexpr std::uint64_t ca_bundle_limit = 1'048'576;
-constexpr std::uint64_t icon_limit = 1'048'576;
-constexpr std::uint64_t theme_definition_limit = 65'536;
-constexpr std::uint64_t theme_file_limit = 4'194'304;
-constexpr std::uint64_t theme_files_limit = 16'777'216;
-constexpr std::uint64_t archives_limit = 1'073'741'824;
 constexpr std::size_t maximum_game_name_bytes = 80;
-constexpr std::size_t minimum_icon_bytes = 22;
-constexpr std::string_view icon_start("\0\0\1\0", 4);
 
 struct Resource {
   std::string path;
@@ -98,8 +87,8 @@ Resource parse_resource(const Json& value, std::uint64_t limit) {
 
 void check_resource_name(const std::string& name) {
   validate_relative_path(name, true);
-  require(name.find('/') == std::string::npos && name.front() != '.' && name != descriptor_name, invalid,
-          "Initial package resources need distinct flat names");
+  require(name.find('/') == std::string::npos && name.front() != '.' && name != package_limits::descriptor_name,
+          invalid, "Initial package resources need distinct flat names");
 }
 
 std::string read_resource(const std::filesystem::path& directory, const Resource& resource, std::uint64_t limit) {
@@ -116,20 +105,20 @@ void require_seal(std::string_view seal, std::string_view message) {
 constexpr std::string_view no_seal = "This installer has no package seal; build it with RAVOK_INITIAL_PACKAGE_SHA256";
 
 Json sealed_descriptor(const std::filesystem::path& path, std::string_view seal) {
-  const std::string text = read_file(path / descriptor_name, descriptor_limit);
+  const std::string text = read_file(path / package_limits::descriptor_name, package_limits::descriptor);
   require(digest(text, "sha256") == seal, "native_install_trust",
           "This package is not the one this installer was built for");
-  return parse_json(text, descriptor_limit);
+  return parse_json(text, package_limits::descriptor);
 }
 
 ThemeResources parse_theme_resources(const Json& value) {
   require_fields(value, {"definition", "files"});
   require(value.at("files").is_object(), invalid, "Brand theme files must be an object");
   ThemeResources theme;
-  theme.definition = parse_resource(value.at("definition"), theme_definition_limit);
+  theme.definition = parse_resource(value.at("definition"), package_limits::theme_definition);
   require(theme.definition.path == "theme.json", invalid, "Brand theme definition must be theme.json");
   for (const auto& [name, file] : value.at("files").items()) {
-    Resource resource = parse_resource(file, theme_file_limit);
+    Resource resource = parse_resource(file, package_limits::theme_file);
     require(resource.path == "theme-" + name, invalid, "Brand theme files are stored as theme-NAME");
     theme.files.emplace_back(name, std::move(resource));
   }
@@ -151,7 +140,7 @@ BrandResources parse_descriptor_brand(const Json& descriptor) {
   }
   resources.brand = parse_brand(brand);
   if (!icon.is_null()) {
-    resources.icon = parse_resource(icon, icon_limit);
+    resources.icon = parse_resource(icon, package_limits::icon);
   }
   return resources;
 }
@@ -189,7 +178,8 @@ struct ReadTheme {
 void require_bounded_files(const ThemeResources& theme) {
   std::uint64_t total = 0;
   for (const auto& [name, file] : theme.files) {
-    require(file.length <= theme_files_limit - total, "size_limit", "Brand theme files exceed 16 MiB together");
+    require(file.length <= package_limits::theme_files - total, "size_limit",
+            "Brand theme files exceed 16 MiB together");
     total += file.length;
   }
 }
@@ -202,14 +192,14 @@ ReadTheme read_sealed_theme(const std::filesystem::path& directory, const ThemeR
     sealed_names.insert(name);
   }
   ReadTheme read;
-  read.sealed.definition = read_resource(directory, theme.definition, theme_definition_limit);
-  const Json definition = parse_json(read.sealed.definition, theme_definition_limit);
+  read.sealed.definition = read_resource(directory, theme.definition, package_limits::theme_definition);
+  const Json definition = parse_json(read.sealed.definition, package_limits::theme_definition);
   const std::vector<std::string> named = theme_files(definition);
   require_bounded_files(theme);
   require(std::set<std::string>(named.begin(), named.end()) == sealed_names, invalid,
           "Brand theme files differ from its definition");
   for (const auto& [name, file] : theme.files) {
-    read.sealed.files.emplace_back(name, read_resource(directory, file, theme_file_limit));
+    read.sealed.files.emplace_back(name, read_resource(directory, file, package_limits::theme_file));
   }
   read.theme = parse_theme(definition, reader_of(read.sealed.files));
   return read;
@@ -260,27 +250,26 @@ class PackageReader {
 
   void read_documents() {
     const Resource root = parse_resource(descriptor_.at("root"), tuf_root_limit);
-    const Resource bootstrap = parse_resource(descriptor_.at("bootstrap_manifest"), document_limit);
-    const Resource launcher = parse_resource(descriptor_.at("launcher_manifest"), document_limit);
+    const Resource bootstrap = parse_resource(descriptor_.at("bootstrap_manifest"), package_limits::document);
+    const Resource launcher = parse_resource(descriptor_.at("launcher_manifest"), package_limits::document);
     resources_ = {root, bootstrap, launcher};
     const Json& ca_bundle = descriptor_.at("ca_bundle");
     if (!ca_bundle.is_null()) {
-      resources_.push_back(parse_resource(ca_bundle, ca_bundle_limit));
+      resources_.push_back(parse_resource(ca_bundle, package_limits::ca_bundle));
     }
     package_.root_json = read_resource(package_.directory, root, tuf_root_limit);
-    package_.bootstrap_manifest_json = read_resource(package_.directory, bootstrap, document_limit);
-    package_.launcher_manifest_json = read_resource(package_.directory, launcher, document_limit);
+    package_.bootstrap_manifest_json = read_resource(package_.directory, bootstrap, package_limits::document);
+    package_.launcher_manifest_json = read_resource(package_.directory, launcher, package_limits::document);
     if (!ca_bundle.is_null()) {
-      package_.ca_bundle = read_resource(package_.directory, resources_.back(), ca_bundle_limit);
+      package_.ca_bundle = read_resource(package_.directory, resources_.back(), package_limits::ca_bundle);
     }
   }
 
   void read_brand() {
     if (brand_.icon) {
       resources_.push_back(*brand_.icon);
-      package_.brand_icon = read_resource(package_.directory, *brand_.icon, icon_limit);
-      require(package_.brand_icon.size() >= minimum_icon_bytes && package_.brand_icon.starts_with(icon_start), invalid,
-              "The brand icon is not an .ico file");
+      package_.brand_icon = read_resource(package_.directory, *brand_.icon, package_limits::icon);
+      validate_brand_icon(package_.brand_icon);
     }
     if (brand_.theme) {
       resources_.push_back(brand_.theme->definition);
@@ -300,15 +289,16 @@ class PackageReader {
   }
 
   void parse_manifests() {
-    package_.bootstrap = SnapshotManifest::parse(parse_json(package_.bootstrap_manifest_json, document_limit));
+    package_.bootstrap =
+        SnapshotManifest::parse(parse_json(package_.bootstrap_manifest_json, package_limits::document));
     validate_bootstrap_contract(package_.bootstrap);
-    package_.launcher = LauncherManifest::parse(parse_json(package_.launcher_manifest_json, document_limit));
+    package_.launcher = LauncherManifest::parse(parse_json(package_.launcher_manifest_json, package_limits::document));
     require(package_.launcher.runtime_lease_abi == 2 && package_.launcher.staging_abi == 1, "launcher_incompatible",
             "The initial launcher needs the current runtime contracts");
     require(package_.bootstrap.platform == native_platform() && package_.launcher.platform == native_platform(),
             "launcher_incompatible", "Package images are for another platform");
-    require(package_.bootstrap.archive_length <= archives_limit &&
-                package_.launcher.archive_length <= archives_limit - package_.bootstrap.archive_length,
+    require(package_.bootstrap.archive_length <= package_limits::archives &&
+                package_.launcher.archive_length <= package_limits::archives - package_.bootstrap.archive_length,
             "size_limit", "Initial package payload is too large");
     for (const SnapshotManifest* manifest : {&package_.bootstrap, static_cast<SnapshotManifest*>(&package_.launcher)}) {
       resources_.push_back({manifest->target, manifest->archive_sha256, manifest->archive_length});
@@ -316,7 +306,7 @@ class PackageReader {
   }
 
   void require_no_other_entry() const {
-    std::set<std::string> names = {descriptor_name};
+    std::set<std::string> names = {package_limits::descriptor_name};
     for (const Resource& resource : resources_) {
       check_resource_name(resource.path);
       require(names.insert(resource.path).second, invalid, "Initial package resources overlap");
@@ -393,7 +383,7 @@ std::optional<std::string> package_brand_icon(const std::filesystem::path& path,
       return std::nullopt;
     }
     check_resource_name(resources.icon->path);
-    std::string bytes = read_file(path / resources.icon->path, icon_limit);
+    std::string bytes = read_file(path / resources.icon->path, package_limits::icon);
     require(digest(bytes, "sha256") == resources.icon->sha256, "content_mismatch",
             "Initial package icon differs from its descriptor");
     return bytes;

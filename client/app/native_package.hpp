@@ -3,6 +3,7 @@
 // missing, changed or beyond that is refused.
 #pragma once
 
+#include <cstdint>
 #include <filesystem>
 #include <optional>
 #include <string>
@@ -18,6 +19,21 @@
 #include "platform/progress.hpp"
 
 namespace ravok {
+
+// What the parts of a package are called and may measure, in bytes.
+namespace package_limits {
+
+inline constexpr const char* descriptor_name = "initial-package.json";
+inline constexpr std::uint64_t descriptor = 524'288;
+inline constexpr std::uint64_t document = 524'288;
+inline constexpr std::uint64_t ca_bundle = 1'048'576;
+inline constexpr std::uint64_t icon = 1'048'576;
+inline constexpr std::uint64_t theme_definition = 65'536;
+inline constexpr std::uint64_t theme_file = 4'194'304;
+inline constexpr std::uint64_t theme_files = 16'777'216;
+inline constexpr std::uint64_t archives = 1'073'741'824;
+
+}  // namespace package_limits
 
 struct FeaturedGame {
   std::string id;

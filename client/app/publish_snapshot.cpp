@@ -4,6 +4,7 @@
 #include <system_error>
 #include <utility>
 
+#include "app/publish_files.hpp"
 #include "domain/bootstrap_contract.hpp"
 #include "domain/error.hpp"
 #include "domain/game_manifest.hpp"
@@ -11,7 +12,6 @@
 #include "domain/launcher_contract.hpp"
 #include "domain/manifest.hpp"
 #include "domain/paths.hpp"
-#include "platform/file_status.hpp"
 #include "platform/files.hpp"
 #include "platform/snapshot_pack.hpp"
 
@@ -158,10 +158,6 @@ void require_accepted(SnapshotKind kind, const Json& document) {
   }
 }
 
-void require_absent(const std::filesystem::path& path) {
-  require(is_missing(path), "output_exists", "The output already exists: " + path_utf8(path));
-}
-
 void require_outside(const std::filesystem::path& output, const std::filesystem::path& tree) {
   std::error_code problem;
   const std::filesystem::path below = std::filesystem::relative(output, tree, problem);
@@ -169,30 +165,8 @@ void require_outside(const std::filesystem::path& output, const std::filesystem:
           "The output directory must lie outside the tree");
 }
 
-// A file that was made and is taken away again unless all goes well.
-class Undo {
- public:
-  explicit Undo(std::filesystem::path path) : path_(std::move(path)) {}
-  ~Undo() {
-    if (armed_) {
-      std::error_code ignored;
-      std::filesystem::remove(path_, ignored);
-    }
-  }
-  Undo(const Undo&) = delete;
-  Undo& operator=(const Undo&) = delete;
-
-  void disarm() { armed_ = false; }
-
- private:
-  std::filesystem::path path_;
-  bool armed_ = true;
-};
-
 void write_manifest(const std::filesystem::path& path, SnapshotKind kind, const Json& document) {
-  ExportFile file(path);
-  file.write(document.dump());
-  file.commit();
+  write_new_file(path, document.dump());
   Undo undo(path);
   require_accepted(kind, parse_json(read_file(path, manifest_limit), manifest_limit));
   undo.disarm();

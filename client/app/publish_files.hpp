@@ -1,0 +1,58 @@
+// What the publishing units share: outputs that must be new, that go again unless all went well, and
+// refusals that name the file they are about.
+#pragma once
+
+#include <filesystem>
+#include <string>
+#include <string_view>
+#include <system_error>
+#include <utility>
+
+#include "domain/error.hpp"
+#include "domain/paths.hpp"
+
+namespace ravok {
+
+// Fails with "output_exists" when anything is at the path.
+void require_absent(const std::filesystem::path& path);
+
+// Writes a file of mode 0644 that must not exist yet, durably. Fails as ExportFile does.
+void write_new_file(const std::filesystem::path& path, std::string_view bytes);
+
+// Returns the path of an output in the form in which its directory has a name too.
+std::filesystem::path output_path(const std::filesystem::path& path);
+
+// Returns what `work` does; a failure of the system's own keeps its code, and its message begins with the path
+// unless it has it already.
+template <typename Work>
+auto about(const std::filesystem::path& path, Work work) {
+  try {
+    return work();
+  } catch (const Error& error) {
+    const std::string message = error.what();
+    const std::string name = path_utf8(path);
+    fail(error.code, message.find(name) == std::string::npos ? name + ": " + message : message);
+  }
+}
+
+// A file that was made and is taken away again unless all goes well.
+class Undo {
+ public:
+  explicit Undo(std::filesystem::path path) : path_(std::move(path)) {}
+  ~Undo() {
+    if (armed_) {
+      std::error_code ignored;
+      std::filesystem::remove(path_, ignored);
+    }
+  }
+  Undo(const Undo&) = delete;
+  Undo& operator=(const Undo&) = delete;
+
+  void disarm() { armed_ = false; }
+
+ private:
+  std::filesystem::path path_;
+  bool armed_ = true;
+};
+
+}  // namespace ravok

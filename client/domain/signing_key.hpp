@@ -1,0 +1,58 @@
+// A publisher's private key: made, kept as a document, and used to sign what clients verify.
+#pragma once
+
+#include <memory>
+#include <string>
+#include <string_view>
+
+#include "domain/json.hpp"
+
+struct evp_pkey_st;
+
+namespace ravok {
+
+struct SignatureScheme;
+
+class SigningKey {
+ public:
+  // Makes a new key of one of the ten schemes, by its name; RSA keys have 3072 bits. Fails with
+  // "unknown_scheme" or "crypto_failure".
+  static SigningKey generate(std::string_view scheme);
+
+  // Reads what `document` gave. Fails with "invalid_key".
+  static SigningKey parse(const Json& document);
+
+  ~SigningKey();
+  SigningKey(SigningKey&&) noexcept;
+  SigningKey& operator=(SigningKey&&) noexcept;
+  SigningKey(const SigningKey&) = delete;
+  SigningKey& operator=(const SigningKey&) = delete;
+
+  // The private key as a document, to be kept from everybody else. Fails with "crypto_failure".
+  Json document() const;
+
+  // The public key object as role documents hold it, and its identifier.
+  const Json& key() const { return key_; }
+  const std::string& id() const { return id_; }
+
+  // Returns the signature of the payload as lower-case hexadecimal. Fails with "crypto_failure".
+  std::string sign(std::string_view payload) const;
+
+ private:
+  struct Release {
+    void operator()(evp_pkey_st* key) const;
+  };
+  using Handle = std::unique_ptr<evp_pkey_st, Release>;
+  SigningKey(const SignatureScheme& scheme, Handle handle);
+
+  const SignatureScheme* scheme_;
+  Handle handle_;
+  Json key_;
+  std::string id_;
+};
+
+// Returns the identifier of a public key object: the digest of its canonical form. Fails with
+// "invalid_number".
+std::string key_id(const Json& key);
+
+}  // namespace ravok

@@ -1,0 +1,48 @@
+#include "publish/terminal.hpp"
+
+#include <array>
+#include <cstddef>
+#include <cstdio>
+#include <utility>
+
+#include <unistd.h>
+
+#include "domain/error.hpp"
+
+namespace ravok {
+
+std::string shown_size(std::uint64_t bytes) {
+  constexpr std::array<const char*, 5> units = {"bytes", "KiB", "MiB", "GiB", "TiB"};
+  auto value = static_cast<double>(bytes);
+  std::size_t unit = 0;
+  while (value >= 1024 && unit + 1 < units.size()) {
+    value /= 1024;
+    ++unit;
+  }
+  std::array<char, 32> text{};
+  std::snprintf(text.data(), text.size(), unit == 0 ? "%.0f %s" : "%.1f %s", value, units[unit]);
+  return text.data();
+}
+
+void say(const std::string& text) {
+  std::fputs(text.c_str(), stdout);
+  require(std::fflush(stdout) == 0 && std::ferror(stdout) == 0, "output_failed", "Cannot write to standard output");
+}
+
+ProgressLine::ProgressLine(std::string work) : work_(std::move(work)), terminal_(isatty(STDERR_FILENO) != 0) {}
+
+ProgressLine::~ProgressLine() {
+  if (last_ >= 0) {
+    std::fputs("\r\033[K", stderr);
+  }
+}
+
+void ProgressLine::show(std::uint64_t done, std::uint64_t total) {
+  const int percent = total == 0 ? 100 : static_cast<int>(static_cast<double>(done) * 100 / static_cast<double>(total));
+  if (terminal_ && percent != last_) {
+    std::fprintf(stderr, "\r%s… %d %%", work_.c_str(), percent);
+    last_ = percent;
+  }
+}
+
+}  // namespace ravok
