@@ -67,8 +67,8 @@ PublishedRoot publish_root(const RootPublication& publication) {
   const Json body = make_body(publication);
   const Json signatures = sign(body, publication.root.keys);
   require(signatures.size() >= publication.root.threshold, "signature_threshold",
-          "The role root needs " + std::to_string(publication.root.threshold) + " private keys to sign with, not " +
-              std::to_string(signatures.size()));
+          "The threshold of the role root is " + std::to_string(publication.root.threshold) +
+              ", and the private keys to sign with are " + std::to_string(signatures.size()));
   const std::string text = Json({{"signed", body}, {"signatures", signatures}}).dump(2) + "\n";
   require_first_root(text);
 

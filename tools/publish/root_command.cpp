@@ -12,7 +12,7 @@ namespace ravok {
 namespace {
 
 void add_role(CLI::App& command, const std::string& role, const std::string& keys, RolePublication& publication) {
-  command.add_option("--" + role, publication.keys, keys)->required()->expected(1)->type_name("FILE");
+  command.add_option("--" + role, publication.keys, keys)->required()->allow_extra_args(false)->type_name("FILE");
   command
       .add_option("--" + role + "-threshold", publication.threshold,
                   "How many keys of the role " + role + " must sign, by default 1")
