@@ -1,0 +1,143 @@
+// The commands of ravok-publish that come after the snapshots: keys, the first root, the package.
+
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include "app/native_package.hpp"
+#include "domain/crypto.hpp"
+#include "platform/native_platform.hpp"
+#include "support/process.hpp"
+#include "support/temporary_root.hpp"
+
+namespace ravok {
+namespace {
+
+using testing::ProgramResult;
+using testing::run_program;
+using testing::TemporaryRoot;
+using Arguments = std::vector<std::string>;
+
+constexpr const char* see_help = "\nRun with --help for more information.\n";
+
+class PublishRepository : public ::testing::Test {
+ protected:
+  static ProgramResult publisher(const Arguments& arguments) { return run_program({RAVOK_PUBLISH, arguments, {}, ""}); }
+
+  std::string expect_published(const Arguments& arguments) const {
+    const ProgramResult result = publisher(arguments);
+    EXPECT_EQ(result.exit_code, 0) << result.errors;
+    EXPECT_EQ(result.errors, "");
+    return result.output;
+  }
+
+  void expect_refused(const Arguments& arguments, int exit_code, const std::string& errors) const {
+    const std::vector<std::string> before = root.names();
+    const ProgramResult result = publisher(arguments);
+    EXPECT_EQ(result.exit_code, exit_code);
+    EXPECT_EQ(result.output, "");
+    EXPECT_EQ(result.errors, errors);
+    EXPECT_EQ(root.names(), before);
+  }
+
+  void put_program(const std::string& path) const { ASSERT_EQ(chmod(root.write(path, "#!program").c_str(), 0755), 0); }
+
+  Arguments root_arguments() const {
+    const std::string key = root / "key";
+    return {"root",        root / "root.json", "--expires",  "2050-01-01T00:00:00Z", "--root",    key,
+            "--timestamp", key + ".pub",       "--snapshot", key + ".pub",           "--targets", key + ".pub"};
+  }
+
+  const TemporaryRoot root;
+};
+
+TEST_F(PublishRepository, SaysWhatKeyItMadeAndNeverShowsThePrivateOne) {
+  const std::string said = expect_published({"key", root / "key"});
+  const Json key = parse_json(root.read("key.pub"), 65'536);
+  EXPECT_EQ(said, "Key ID: " + digest(canonical_json(key), "sha256") + "\nPrivate key, to be kept from everybody: " +
+                      (root / "key").native() + "\nPublic key: " + (root / "key.pub").native() + "\n");
+  struct stat status;
+  ASSERT_EQ(lstat((root / "key").c_str(), &status), 0);
+  EXPECT_EQ(status.st_mode & 07777, 0600u);
+}
+
+TEST_F(PublishRepository, RefusesAKeyOfNoSchemeAndASecondKeyOfTheSameName) {
+  expect_refused({"key", root / "key", "--scheme", "none"}, 1,
+                 "There is no scheme none; there are rsassa-pss-sha256, rsassa-pss-sha384, rsassa-pss-sha512, "
+                 "ecdsa-sha2-nistp256, ecdsa-sha2-nistp384, ecdsa-sha2-nistp521, ed25519, ml-dsa-44/1, ml-dsa-65/1, "
+                 "ml-dsa-87/1\n");
+  expect_published({"key", root / "key", "--scheme", "ml-dsa-65/1"});
+  expect_refused({"key", root / "key"}, 1, "The output already exists: " + (root / "key").native() + "\n");
+  expect_refused({"key"}, 2, std::string("FILE is required") + see_help);
+}
+
+TEST_F(PublishRepository, TakesSeveralKeysOfARoleAndSaysHowManySigned) {
+  for (const char* name : {"key", "second"}) {
+    expect_published({"key", root / name});
+  }
+  Arguments arguments = root_arguments();
+  for (const std::string& more :
+       {std::string("--root"), (root / "second").native(), std::string("--root-threshold"), std::string("2")}) {
+    arguments.push_back(more);
+  }
+  EXPECT_EQ(expect_published(arguments), "Root with 2 signatures: " + (root / "root.json").native() + "\n");
+}
+
+TEST_F(PublishRepository, RefusesARootThatNobodySigns) {
+  expect_published({"key", root / "key"});
+  Arguments arguments = root_arguments();
+  arguments.at(5) += ".pub";
+  expect_refused(arguments, 1, "The threshold of the role root is 1, and the private keys to sign with are 0\n");
+  arguments.resize(10);
+  expect_refused(arguments, 2, std::string("--targets is required") + see_help);
+}
+
+TEST_F(PublishRepository, MakesAPackageOutOfItsOwnSnapshotsAndPrintsTheSeal) {
+  put_program("bootstrap/bin/ravok-bootstrap");
+  put_program("launcher/bin/console");
+  put_program("launcher/bin/window");
+  const std::string out = root.directory("out");
+  expect_published({"snapshot", root / "bootstrap", "--kind", "bootstrap", "--build-id", "one", "--executable",
+                    "bin/ravok-bootstrap", "--output", out});
+  expect_published({"snapshot", root / "launcher", "--kind", "launcher", "--build-id", "one", "--executable",
+                    "bin/console", "--gui-executable", "bin/window", "--output", out});
+  expect_published({"key", root / "key"});
+  expect_published(root_arguments());
+  const std::string platform(native_platform());
+  const std::string package = root / "package";
+  const Arguments arguments = {"package",         package,
+                               "--bootstrap",     out + "/bootstrap-" + platform + ".manifest.json",
+                               "--launcher",      out + "/launcher-" + platform + ".manifest.json",
+                               "--root",          root / "root.json",
+                               "--origin",        "https://updates.example.com",
+                               "--featured-game", "game=The Game"};
+  const std::string said = expect_published(arguments);
+  const std::size_t seal = said.find("\nSeal: ");
+  ASSERT_NE(seal, std::string::npos) << said;
+  EXPECT_TRUE(said.starts_with("Package: " + package + " ("));
+  const NativePackage read = read_native_package(package, said.substr(seal + 7, 64), {});
+  EXPECT_EQ(read.featured_game->name, "The Game");
+
+  expect_refused(arguments, 1, "The output already exists: " + package + "\n");
+  Arguments unnamed = arguments;
+  unnamed.back() = "game";
+  unnamed.at(1) += "-2";
+  expect_refused(unnamed, 2, "A featured game is named as ID=NAME: game\n");
+  Arguments half_branded = arguments;
+  half_branded.at(10) = "--brand-name";
+  half_branded.at(1) += "-2";
+  expect_refused(half_branded, 2, std::string("--brand-name requires --brand-id") + see_help);
+}
+
+TEST_F(PublishRepository, NamesItsCommandsWhereNoneIsGiven) {
+  expect_refused({}, 2, std::string("A subcommand is required") + see_help);
+  const std::string help = expect_published({"--help"});
+  for (const char* command : {"snapshot", "key", "root", "package"}) {
+    EXPECT_NE(help.find(command), std::string::npos) << command;
+  }
+}
+
+}  // namespace
+}  // namespace ravok
