@@ -128,8 +128,11 @@ LauncherStore::LauncherStore(const std::filesystem::path& root, bool allow_incom
   load();
 }
 
-std::unique_ptr<LauncherStore> LauncherStore::existing(const std::filesystem::path& root) {
-  std::unique_ptr<LauncherStore> store = for_launch(root);
+std::unique_ptr<LauncherStore> LauncherStore::existing(const std::filesystem::path& root, bool allow_incomplete) {
+  std::unique_ptr<LauncherStore> store(new LauncherStore(root, LaunchView()));
+  if (!allow_incomplete) {
+    require_complete_native_install(store->root_);
+  }
   inspect_storage_directory(store->store_);
   for (const char* name : {"manifests", "downloads", "download-intents", "intents"}) {
     inspect_storage_directory(store->store_ / name);

@@ -25,9 +25,9 @@ class LauncherStore {
   // private_directory and load do.
   explicit LauncherStore(const std::filesystem::path& root, bool allow_incomplete = false);
 
-  // Opens a store that must be there, and makes nothing. Fails as the other does, and as
-  // inspect_storage_directory.
-  static std::unique_ptr<LauncherStore> existing(const std::filesystem::path& root);
+  // Opens a store that must be there, and makes nothing. Only a repair, which proves what an interrupted setup
+  // has left, passes `allow_incomplete`. Fails as the other does, and as inspect_storage_directory.
+  static std::unique_ptr<LauncherStore> existing(const std::filesystem::path& root, bool allow_incomplete = false);
 
   // Opens a store for its paths alone: looks at no directory and no document.
   static std::unique_ptr<LauncherStore> for_launch(const std::filesystem::path& root);

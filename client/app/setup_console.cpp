@@ -5,9 +5,15 @@
 #include <memory>
 #include <optional>
 
+#include "app/brand.hpp"
+#include "app/data_folder.hpp"
+#include "app/native_package.hpp"
 #include "app/setup_command.hpp"
+#include "app/setup_execution.hpp"
 #include "domain/json.hpp"
+#include "platform/complete_install.hpp"
 #include "platform/managed_paths.hpp"
+#include "platform/process.hpp"
 
 namespace ravok {
 namespace {
@@ -41,25 +47,51 @@ std::string_view phase_line(std::string_view phase) {
   return phase == "installing" ? "Installing…\n" : "Removing…\n";
 }
 
-void run_parsed_command(const SetupCommand& command, std::string_view program_name) {
+// The brand of what is to be installed, and with it the folder unless the user chose one.
+void use_package_brand(SetupCommand& command, std::string_view package_seal) {
+  const std::optional<Brand> brand = package_brand(command.package, package_seal);
+  if (brand) {
+    set_product_name(brand->name);
+  }
+  if (!command.data_root_chosen) {
+    command.data_root = default_install_folder(brand);
+  }
+}
+
+void choose_brand(SetupCommand& command, std::string_view package_seal) {
+  if (needs_package(command.command) && command.package.empty()) {
+    command.package = adjacent_initial_package(current_executable_path());
+  }
+  if (needs_package(command.command) && !command.package.empty()) {
+    use_package_brand(command, package_seal);
+  } else {
+    use_installed_brand(command.data_root);
+  }
+}
+
+void run_parsed_command(SetupCommand command, std::string_view program_name, std::string_view package_seal,
+                        const std::function<bool()>& cancel) {
   const bool installer = program_name == installer_name;
   if (command.help) {
     print_result(setup_usage(program_name, installer));
     return;
   }
+  require_complete_native_install_image(current_executable_path());
   require(!needs_package(command.command) || installer, "usage", "Use the Ravok installer to install or repair Ravok");
-  fail("command_unavailable", "This command is not available in this build of Ravok");
+  choose_brand(command, package_seal);
+  const Json document = run_setup_command(command, package_seal, console_callbacks(command.json, cancel));
+  print_result((command.json ? document.dump() : setup_summary(command, document)) + "\n");
 }
 
 }  // namespace
 
-int run_setup_console(const std::vector<std::string>& arguments, std::string_view program_name, std::string_view,
-                      const std::function<bool()>&) {
+int run_setup_console(const std::vector<std::string>& arguments, std::string_view program_name,
+                      std::string_view package_seal, const std::function<bool()>& cancel) {
   bool json = false;
   try {
     const SetupCommand command = parse_setup_command(arguments, user_data_root());
     json = command.json;
-    run_parsed_command(command, program_name);
+    run_parsed_command(command, program_name, package_seal, cancel);
     return 0;
   } catch (const Error& error) {
     if (json) {

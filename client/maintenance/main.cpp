@@ -1,9 +1,12 @@
 #include "app/setup_console.hpp"
 #include "domain/crypto.hpp"
+#include "platform/interrupt.hpp"
 #include "platform/process.hpp"
 
 // What fails before there is a command line ends the process as the runtime ends it.
 int main(int argc, char** argv) {
   ravok::initialize_client_runtime();
-  return ravok::run_setup_console(ravok::process_arguments(argc, argv), "ravok-maintenance", "", {});
+  const ravok::ConsoleInterrupt interrupt(true);
+  return ravok::run_setup_console(ravok::process_arguments(argc, argv), "ravok-maintenance", "",
+                                  [&] { return interrupt.requested(); });
 }

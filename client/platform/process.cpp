@@ -29,7 +29,6 @@ constexpr std::size_t maximum_executable_path_bytes = 32768;
 constexpr std::size_t maximum_replacement_arguments = 64;
 constexpr std::size_t maximum_replacement_argument_bytes = 4096;
 constexpr std::size_t maximum_replacement_bytes = 32768;
-constexpr std::string_view interrupt_variable = "RAVOK_LAUNCHER_INTERRUPT_READER";
 
 // Reads no byte beyond the first `bound` + 1, however long the text is.
 std::string bounded_bytes(const char* text, std::size_t bound, std::string_view code) {
@@ -67,7 +66,7 @@ std::vector<std::string> replacement_arguments(const std::filesystem::path& imag
 
 bool is_inherited(std::string_view key, const ProcessEnvironment& environment, bool scrub) {
   const bool of_loader = key.starts_with("LD_") || key.starts_with("DYLD_");
-  return key != interrupt_variable && !environment.contains(std::string(key)) && !(scrub && of_loader);
+  return key != interrupt_reader_variable && !environment.contains(std::string(key)) && !(scrub && of_loader);
 }
 
 std::vector<std::string> replacement_environment(const ProcessEnvironment& environment, bool scrub) {
@@ -81,7 +80,8 @@ std::vector<std::string> replacement_environment(const ProcessEnvironment& envir
   for (const auto& [key, value] : environment) {
     require(!key.empty() && key.find('=') == std::string::npos && !has_nul(key) && !has_nul(value), "argument_encoding",
             "Invalid maintenance environment");
-    require(key != interrupt_variable, "argument_encoding", "Maintenance cannot inherit launcher interrupt authority");
+    require(key != interrupt_reader_variable, "argument_encoding",
+            "Maintenance cannot inherit launcher interrupt authority");
     table.push_back(key + "=" + value);
   }
   return table;

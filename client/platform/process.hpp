@@ -24,6 +24,9 @@ std::optional<std::string> process_environment(std::string_view key, std::size_t
 // Returns the absolute path of the running image. Fails with "launcher_identity".
 std::filesystem::path current_executable_path();
 
+// The variable that announces the pipe for a forwarded interrupt to a child.
+inline constexpr std::string_view interrupt_reader_variable = "RAVOK_LAUNCHER_INTERRUPT_READER";
+
 // Variables laid over the inherited ones.
 using ProcessEnvironment = std::map<std::string, std::string>;
 

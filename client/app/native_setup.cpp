@@ -1,0 +1,82 @@
+#include "app/native_setup.hpp"
+
+#include <exception>
+#include <utility>
+
+#include "app/setup_execution.hpp"
+#include "domain/error.hpp"
+
+namespace ravok {
+
+NativeSetup::~NativeSetup() {
+  cancel_requested_ = true;
+  if (thread_.joinable()) {
+    thread_.join();
+  }
+}
+
+void NativeSetup::start(SetupCommand command) {
+  {
+    const std::lock_guard lock(mutex_);
+    require(!view_.running, "busy", "Setup is already running");
+    view_ = View();
+    view_.running = true;
+  }
+  if (thread_.joinable()) {
+    thread_.join();
+  }
+  cancel_requested_ = false;
+  thread_ = std::thread([this, command = std::move(command)] { run(command); });
+}
+
+NativeSetup::View NativeSetup::view() const {
+  const std::lock_guard lock(mutex_);
+  return view_;
+}
+
+void NativeSetup::set_wakeup(std::function<void()> wakeup) {
+  const std::lock_guard lock(mutex_);
+  wakeup_ = std::move(wakeup);
+}
+
+void NativeSetup::run(const SetupCommand& command) {
+  NativeSetupCallbacks callbacks;
+  callbacks.cancelled = [this] { return cancel_requested_.load(); };
+  callbacks.progress = [this](std::string_view phase, std::uint64_t done, std::uint64_t total) {
+    publish([&](View& view) {
+      view.phase = phase;
+      view.done = done;
+      view.total = total;
+    });
+  };
+  View outcome;
+  try {
+    outcome.result = run_setup_command(command, package_seal_, callbacks);
+  } catch (const Error& error) {
+    outcome.error_code = error.code;
+    outcome.error_message = error.what();
+  } catch (const std::exception& problem) {
+    outcome.error_code = "setup_failed";
+    outcome.error_message = problem.what();
+  }
+  publish([&](View& view) {
+    view.running = false;
+    view.result = std::move(outcome.result);
+    view.error_code = std::move(outcome.error_code);
+    view.error_message = std::move(outcome.error_message);
+  });
+}
+
+void NativeSetup::publish(const std::function<void(View&)>& change) {
+  std::function<void()> wakeup;
+  {
+    const std::lock_guard lock(mutex_);
+    change(view_);
+    wakeup = wakeup_;
+  }
+  if (wakeup) {
+    wakeup();
+  }
+}
+
+}  // namespace ravok

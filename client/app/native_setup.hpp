@@ -1,0 +1,59 @@
+// One setup command on a thread of its own, for a front end with a window: it starts the command, looks at a
+// snapshot whenever it likes, is woken when something changes, and may ask the command to stop.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <functional>
+#include <mutex>
+#include <string>
+#include <thread>
+
+#include "app/setup_command.hpp"
+#include "domain/json.hpp"
+
+namespace ravok {
+
+class NativeSetup {
+ public:
+  struct View {
+    bool running = false;
+    std::string phase;  // "verifying", "installing" or "removing"; empty at first
+    std::uint64_t done = 0;
+    std::uint64_t total = 0;
+    Json result;             // of a command that succeeded, otherwise null
+    std::string error_code;  // of one that failed, otherwise empty
+    std::string error_message;
+  };
+
+  explicit NativeSetup(std::string package_seal) : package_seal_(std::move(package_seal)) {}
+  // Asks a running command to stop, and waits until it has.
+  ~NativeSetup();
+  NativeSetup(const NativeSetup&) = delete;
+  NativeSetup& operator=(const NativeSetup&) = delete;
+
+  // Begins a command. How it ends is told by the snapshot. Fails with "busy" while another is running.
+  void start(SetupCommand command);
+
+  // Returns the snapshot. One that is no longer running holds the outcome.
+  View view() const;
+
+  // Asks the running command to stop at its next safe point. Never blocks.
+  void cancel() { cancel_requested_ = true; }
+
+  // Sets what is called after each change of the snapshot, on the command's own thread and with no lock held.
+  void set_wakeup(std::function<void()> wakeup);
+
+ private:
+  void run(const SetupCommand& command);
+  void publish(const std::function<void(View&)>& change);
+
+  const std::string package_seal_;
+  mutable std::mutex mutex_;
+  View view_;                     // guarded by the mutex
+  std::function<void()> wakeup_;  // the same
+  std::atomic<bool> cancel_requested_ = false;
+  std::thread thread_;
+};
+
+}  // namespace ravok
