@@ -1,7 +1,13 @@
 #include "app/publish_files.hpp"
 
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include "domain/crypto.hpp"
 #include "platform/file_status.hpp"
 #include "platform/files.hpp"
+#include "platform/os.hpp"
+#include "platform/tree.hpp"
 
 namespace ravok {
 
@@ -17,6 +23,25 @@ void write_new_file(const std::filesystem::path& path, std::string_view bytes) {
   ExportFile file(path);
   file.write(bytes);
   file.commit();
+}
+
+NewFolder::NewFolder(const std::filesystem::path& output)
+    : output_(output), path_(output.native() + "." + random_id() + ".tmp") {
+  require(mkdir(path_.c_str(), 0755) == 0, "file_write", "Cannot make the directory " + path_utf8(path_));
+}
+
+NewFolder::~NewFolder() {
+  if (!path_.empty()) {
+    remove_path_quietly(path_);
+  }
+}
+
+void NewFolder::commit() {
+  sync_directory(path_);
+  require(os::rename_exclusive(AT_FDCWD, path_.c_str(), AT_FDCWD, output_.c_str()) == 0, "file_write",
+          "Cannot give the directory its name: " + path_utf8(output_));
+  path_.clear();
+  sync_directory(output_.parent_path());
 }
 
 }  // namespace ravok

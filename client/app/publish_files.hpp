@@ -35,6 +35,26 @@ auto about(const std::filesystem::path& path, Work work) {
   }
 }
 
+// A directory that appears whole or not at all: it is filled beside its place, under another name.
+class NewFolder {
+ public:
+  // Fails with "file_write".
+  explicit NewFolder(const std::filesystem::path& output);
+  ~NewFolder();
+  NewFolder(const NewFolder&) = delete;
+  NewFolder& operator=(const NewFolder&) = delete;
+
+  // Where it is filled.
+  const std::filesystem::path& path() const { return path_; }
+
+  // Gives the folder its name, durably. Fails with "file_write" and "file_sync".
+  void commit();
+
+ private:
+  std::filesystem::path output_;
+  std::filesystem::path path_;
+};
+
 // A file that was made and is taken away again unless all goes well.
 class Undo {
  public:

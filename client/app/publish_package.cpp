@@ -7,7 +7,6 @@
 #include <vector>
 
 #include <fcntl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include "app/publish_files.hpp"
@@ -19,8 +18,6 @@
 #include "platform/descriptor.hpp"
 #include "platform/files.hpp"
 #include "platform/native_platform.hpp"
-#include "platform/os.hpp"
-#include "platform/tree.hpp"
 #include "transport/https.hpp"
 #include "tuf/tuf.hpp"
 
@@ -28,37 +25,6 @@ namespace ravok {
 namespace {
 
 constexpr std::size_t piece_bytes = 65'536;
-
-// A package in the making, in a directory of its own beside the one that it will be.
-class PackageFolder {
- public:
-  explicit PackageFolder(const std::filesystem::path& output)
-      : output_(output), path_(output.native() + "." + random_id() + ".tmp") {
-    require(mkdir(path_.c_str(), 0755) == 0, "file_write", "Cannot make the package's directory: " + path_utf8(path_));
-  }
-  ~PackageFolder() {
-    if (!path_.empty()) {
-      remove_path_quietly(path_);
-    }
-  }
-  PackageFolder(const PackageFolder&) = delete;
-  PackageFolder& operator=(const PackageFolder&) = delete;
-
-  const std::filesystem::path& path() const { return path_; }
-
-  // Gives the folder its name, durably.
-  void commit() {
-    sync_directory(path_);
-    const bool moved = os::rename_exclusive(AT_FDCWD, path_.c_str(), AT_FDCWD, output_.c_str()) == 0;
-    require(moved, "file_write", "Cannot give the package its name: " + path_utf8(output_));
-    path_.clear();
-    sync_directory(output_.parent_path());
-  }
-
- private:
-  std::filesystem::path output_;
-  std::filesystem::path path_;
-};
 
 Json resource(const std::string& name, std::uint64_t length, const std::string& sha256) {
   return {{"path", name}, {"length", length}, {"sha256", sha256}};
@@ -234,7 +200,7 @@ PublishedPackage publish_package(const PackagePublication& publication, const Pr
   }
   const std::uint64_t work = 2 * total;
 
-  PackageFolder folder(published.directory);
+  NewFolder folder(published.directory);
   std::uint64_t copied = 0;
   for (const Archive& archive : inputs.archives()) {
     about(archive.file, [&] {

@@ -20,5 +20,6 @@ PublishCommand add_snapshot_command(CLI::App& program);
 PublishCommand add_key_command(CLI::App& program);
 PublishCommand add_root_command(CLI::App& program);
 PublishCommand add_package_command(CLI::App& program);
+PublishCommand add_installer_command(CLI::App& program);
 
 }  // namespace ravok

@@ -26,8 +26,9 @@ int exit_code(const std::string& code) {
 int run_publish_console(int count, const char* const* words, const std::function<bool()>& cancelled) {
   CLI::App program("Makes what the client reads.", "ravok-publish");
   program.require_subcommand(1);
-  const std::array<PublishCommand, 4> commands = {add_snapshot_command(program), add_key_command(program),
-                                                  add_root_command(program), add_package_command(program)};
+  const std::array<PublishCommand, 5> commands = {add_snapshot_command(program), add_key_command(program),
+                                                  add_root_command(program), add_package_command(program),
+                                                  add_installer_command(program)};
   try {
     program.parse(count, words);
   } catch (const CLI::ParseError& problem) {

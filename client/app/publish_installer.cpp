@@ -1,0 +1,87 @@
+#include "app/publish_installer.hpp"
+
+#include <algorithm>
+#include <cstddef>
+#include <cstdint>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "app/native_package.hpp"
+#include "app/package_seal.hpp"
+#include "app/publish_files.hpp"
+#include "domain/crypto.hpp"
+#include "platform/descriptor.hpp"
+#include "platform/files.hpp"
+
+namespace ravok {
+namespace {
+
+constexpr std::uint64_t program_limit = 268'435'456;
+constexpr std::size_t piece_bytes = 65'536;
+constexpr const char* package_name = "initial-package";
+constexpr const char* program_name = "ravok-install";
+
+std::string seal_of(const std::filesystem::path& package) {
+  const std::filesystem::path descriptor = package / package_limits::descriptor_name;
+  return digest(about(descriptor, [&] { return read_file(descriptor, package_limits::descriptor); }), "sha256");
+}
+
+void copy_file(const std::filesystem::path& from, const std::filesystem::path& to, const ProgressCallback& progress) {
+  const Descriptor input(retry_interrupted([&] { return open(from.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC); }));
+  require(static_cast<bool>(input), "file_read", "Cannot open file: " + path_utf8(from));
+  ExportFile output(to);
+  std::string buffer(piece_bytes, '\0');
+  for (;;) {
+    const ssize_t count = retry_interrupted([&] { return read(input.get(), buffer.data(), buffer.size()); });
+    require(count >= 0, "file_read", "Cannot read file: " + path_utf8(from));
+    if (count == 0) {
+      break;
+    }
+    output.write({buffer.data(), static_cast<std::size_t>(count)});
+    report(progress, static_cast<std::uint64_t>(count), 0);
+  }
+  output.commit();
+}
+
+}  // namespace
+
+PublishedInstaller publish_installer(const InstallerPublication& publication, const ProgressCallback& progress) {
+  PublishedInstaller published;
+  const std::filesystem::path output = output_path(publication.output);
+  published.program = output / program_name;
+  published.package = output / package_name;
+  published.seal = seal_of(publication.package);
+  require_absent(output);
+  const std::string program = about(
+      publication.program, [&] { return with_seal(read_file(publication.program, program_limit), published.seal); });
+
+  // Proved, copied, and proved again where it will be shipped from.
+  std::uint64_t whole = 0;
+  const auto pass = [&](std::uint64_t before) -> ProgressCallback {
+    return [&, before](std::uint64_t done, std::uint64_t total) {
+      whole = 3 * total;
+      return !progress || progress(before * total + done, whole);
+    };
+  };
+  read_native_package(publication.package, published.seal, pass(0));
+  NewFolder folder(output);
+  const std::filesystem::path package = folder.path() / package_name;
+  require(mkdir(package.c_str(), 0755) == 0, "file_write", "Cannot make the directory " + path_utf8(package));
+  std::uint64_t copied = whole / 3;
+  for (const auto& entry : std::filesystem::directory_iterator(publication.package)) {
+    copy_file(entry.path(), package / entry.path().filename(), [&](std::uint64_t count, std::uint64_t) {
+      copied += count;
+      return !progress || progress(std::min(copied, whole / 3 * 2), whole);
+    });
+  }
+  read_native_package(package, published.seal, pass(2));
+  const std::filesystem::path written = folder.path() / program_name;
+  write_new_file(written, program);
+  std::filesystem::permissions(written, std::filesystem::perms(0755));
+  folder.commit();
+  return published;
+}
+
+}  // namespace ravok

@@ -1,0 +1,19 @@
+#include "app/package_seal.hpp"
+#include "app/setup_console.hpp"
+#include "domain/crypto.hpp"
+#include "platform/interrupt.hpp"
+#include "platform/process.hpp"
+
+namespace {
+
+const volatile ravok::PackageSealSlot seal_slot = ravok::make_seal_slot(RAVOK_INITIAL_PACKAGE_SHA256);
+
+}  // namespace
+
+// What fails before there is a command line ends the process as the runtime ends it.
+int main(int argc, char** argv) {
+  ravok::initialize_client_runtime();
+  const ravok::ConsoleInterrupt interrupt(true);
+  return ravok::run_setup_console(ravok::process_arguments(argc, argv), "ravok-install", ravok::read_seal(seal_slot),
+                                  [&] { return interrupt.requested(); });
+}
