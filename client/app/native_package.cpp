@@ -305,7 +305,9 @@ class PackageReader {
     const Json root = parse_json(package_.root_json, tuf_root_limit);
     const Json& body = root.at("signed");
     verify_threshold(root, body.at("keys"), body.at("roles").at("root"));
-    require(parse_tuf_time(text_at(body, "expires")) > std::chrono::system_clock::now(), "expired_metadata",
+    // In the time's own unit, which reaches further than the clock's.
+    const auto now = std::chrono::floor<TufTime::duration>(std::chrono::system_clock::now());
+    require(parse_tuf_time(text_at(body, "expires")) > now, "expired_metadata",
             "The initial package's TUF root has expired");
   }
 
