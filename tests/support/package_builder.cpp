@@ -10,6 +10,7 @@
 #include "app/publish_snapshot.hpp"
 #include "domain/crypto.hpp"
 #include "platform/native_platform.hpp"
+#include "support/snapshot_builder.hpp"
 #include "support/temporary_root.hpp"
 
 namespace ravok::testing {
@@ -176,6 +177,13 @@ std::string InitialPackage::write(const std::filesystem::path& directory, const 
     write_bytes(directory / name, content);
   }
   return write_descriptor(directory, descriptor.dump());
+}
+
+std::string write_large_package(const std::filesystem::path& directory, std::uint64_t archive_bytes) {
+  InitialPackage package;
+  package.set_bootstrap_archive(noise(archive_bytes / 2, 1));
+  package.set_launcher_archive(noise(archive_bytes - archive_bytes / 2, 2));
+  return package.write(directory);
 }
 
 const std::string& archive_name(const Json& manifest) { return text_at(manifest.at("archive"), "target"); }

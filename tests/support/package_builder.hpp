@@ -49,6 +49,10 @@ struct InitialPackage {
   std::optional<Json> featured_game;
 };
 
+// Makes a good package whose two archives are together so long, of bytes without a pattern, and returns
+// its seal.
+std::string write_large_package(const std::filesystem::path& directory, std::uint64_t archive_bytes);
+
 // The name under which a manifest's archive lies in the package.
 const std::string& archive_name(const Json& manifest);
 
