@@ -9,6 +9,8 @@
 #include <functional>
 #include <iterator>
 #include <map>
+#include <optional>
+#include <stdexcept>
 #include <string>
 #include <utility>
 #include <vector>
@@ -16,10 +18,9 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
-#include "domain/crypto.hpp"
-#include "domain/paths.hpp"
 #include "platform/native_platform.hpp"
 #include "support/failure.hpp"
+#include "support/ordinary_user.hpp"
 #include "support/package_builder.hpp"
 #include "support/snapshot_builder.hpp"
 #include "support/temporary_root.hpp"
@@ -671,6 +672,19 @@ TEST_F(NativePackageTest, HoldsNothingThatItsDescriptorLeavesOut) {
   const std::string seal = rewrite();
   write_content(directory / "ca.pem", all.at("ca.pem"));
   EXPECT_FAILURE(read(seal), invalid, unexpected_entry + "ca.pem");
+}
+
+TEST_F(NativePackageTest, IsMalformedWhereTheSystemRefuses) {
+  const std::string seal = rewrite();
+  const testing::WithMode unlisted(directory, 0300);
+  const testing::OrdinaryUser user(root);
+  EXPECT_FAILURE(read(seal), invalid, malformed);
+}
+
+TEST_F(NativePackageTest, IsMalformedWhereTheCallerFails) {
+  const std::string seal = rewrite();
+  const auto throwing = [](std::uint64_t, std::uint64_t) -> bool { throw std::runtime_error("no terminal"); };
+  EXPECT_FAILURE(read_native_package(directory, seal, throwing), invalid, malformed);
 }
 
 // Changes while the package is read: `change` happens when the progress of the digests is told first.
