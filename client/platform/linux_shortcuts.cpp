@@ -53,7 +53,8 @@ std::string in_quotes(std::string_view argument) {
 }
 
 std::string command_line(const DesktopShortcut& shortcut) {
-  std::string line = in_quotes(path_utf8(shortcut.bootstrap)) + " --data-dir " + in_quotes(path_utf8(shortcut.data_root));
+  std::string line =
+      in_quotes(path_utf8(shortcut.bootstrap)) + " --data-dir " + in_quotes(path_utf8(shortcut.data_root));
   if (!shortcut.game_id.empty()) {
     line += " --launch " + in_quotes(shortcut.game_id);
   }
