@@ -143,18 +143,32 @@ class ShortcutsFault : public ::testing::Test {
     EXPECT_EQ(place_.read(place_.home() / "target.desktop"), "foreign");
   }
 
-  // A shortcut can be made, and all that is the client's own can be removed.
-  void judge_next_runs() const {
+  // Whether this is the first time that a spoilt run has left just this behind.
+  bool is_new_state() {
+    static const std::regex random("[0-9a-f]{32}");
+    std::string state = ledger();
+    for (const std::string& name : place_.root().names()) {
+      state += "\n" + std::regex_replace(name, random, "RANDOM");
+    }
+    for (const auto& each : files()) {
+      state += "\n" + each.first + ": " + each.second;
+    }
+    return states_.insert(state).second;
+  }
+
+  // A shortcut can be made, and all that is the client's own can be removed; tried once for each state.
+  bool judge_next_runs() {
+    if (!is_new_state()) {
+      return false;
+    }
     EXPECT_EQ(after(creating()).errors, "");
     EXPECT_EQ(place_.read(path("new")), made_);
-    judge_next_removal();
-  }
-  void judge_next_removal() const {
     const ProgramResult removal = after(removing());
     EXPECT_EQ(removal.errors, "");
     EXPECT_FALSE(exists("new"));
     EXPECT_EQ(ledger(), empty_ledger());
     judge_foreign();
+    return true;
   }
 
   void try_all(FaultPlan plan) const {
@@ -166,6 +180,7 @@ class ShortcutsFault : public ::testing::Test {
 
   const ShortcutPlace place_;
   std::string made_;
+  std::set<std::string> states_;
 };
 
 TEST_F(ShortcutsFault, ANewShortcutIsMadeAndRecordedOrIsNeither) {
@@ -272,8 +287,7 @@ TEST_F(ShortcutsFault, ARestoringMakesOnlyWhatIsMissing) {
     EXPECT_EQ(again.errors, "");
     EXPECT_EQ(place_.read(path("ours")), made_);
     EXPECT_EQ(ledger(), old_ledger());
-    judge_next_runs();
-    EXPECT_FALSE(exists("ours"));
+    EXPECT_TRUE(!judge_next_runs() || !exists("ours"));
   };
   try_all(plan);
 }

@@ -51,8 +51,8 @@ TEST(ProcessArguments, NeverLooksAtTheProgramsName) {
 
 TEST(ProcessArguments, RefusesAMissingTable) {
   const char* const table[] = {"program"};
-  for (const auto& [argc, argv] : {std::pair(0, &table[0]), std::pair(-1, &table[0])}) {
-    EXPECT_FAILURE(process_arguments(argc, argv), "argument_encoding", "Native command arguments are missing");
+  for (const int count : {0, -1}) {
+    EXPECT_FAILURE(process_arguments(count, table), "argument_encoding", "Native command arguments are missing");
   }
   EXPECT_FAILURE(process_arguments(1, nullptr), "argument_encoding", "Native command arguments are missing");
 }
