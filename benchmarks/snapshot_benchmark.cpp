@@ -12,12 +12,12 @@
 
 #include <benchmark/benchmark.h>
 #include <fcntl.h>
-#include <openssl/evp.h>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <zstd.h>
 
 #include "app/publish_snapshot.hpp"
+#include "bare_digest.hpp"
 #include "platform/files.hpp"
 #include "platform/snapshot_archive.hpp"
 #include "platform/snapshot_tree.hpp"
@@ -27,15 +27,10 @@
 namespace {
 
 using ravok::SnapshotManifest;
+using ravok::benchmarks::BareDigest;
+using ravok::benchmarks::check;
+using ravok::benchmarks::piece_bytes;
 using ravok::benchmarks::Scratch;
-
-constexpr std::size_t piece_bytes = 65536;
-
-void check(bool done) {
-  if (!done) {
-    std::abort();
-  }
-}
 
 // Content of which about a half compresses away.
 void write_content(const std::filesystem::path& path, std::uint64_t length, std::uint32_t seed) {
@@ -127,30 +122,6 @@ const Sample& real_sample() {
   static const Sample sample(fill_with_headers);
   return sample;
 }
-
-// The library's digest of a file, with a context and a buffer that are kept.
-class BareDigest {
- public:
-  void file(const char* path) {
-    const int file = open(path, O_RDONLY | O_CLOEXEC);
-    check(file >= 0 && EVP_DigestInit_ex(context_.get(), EVP_sha256(), nullptr) == 1);
-    ssize_t count = 0;
-    while ((count = read(file, buffer_.data(), buffer_.size())) > 0) {
-      EVP_DigestUpdate(context_.get(), buffer_.data(), static_cast<std::size_t>(count));
-    }
-    std::array<unsigned char, EVP_MAX_MD_SIZE> value;
-    check(count == 0 && EVP_DigestFinal_ex(context_.get(), value.data(), nullptr) == 1);
-    benchmark::DoNotOptimize(value);
-    close(file);
-  }
-
- private:
-  struct Release {
-    void operator()(EVP_MD_CTX* context) const { EVP_MD_CTX_free(context); }
-  };
-  std::unique_ptr<EVP_MD_CTX, Release> context_{EVP_MD_CTX_new()};
-  std::vector<unsigned char> buffer_ = std::vector<unsigned char>(piece_bytes);
-};
 
 std::vector<std::string> file_paths(const Sample& sample, const std::filesystem::path& root) {
   std::vector<std::string> paths;

@@ -1,7 +1,6 @@
 #include "app/native_package.hpp"
 
 #include <algorithm>
-#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <exception>
@@ -42,7 +41,6 @@ struct ThemeResources {
 // What a descriptor says of a brand.
 struct BrandResources {
   std::optional<Brand> brand;
-  std::optional<Resource> icon;
   std::optional<ThemeResources> theme;
 };
 
@@ -132,17 +130,21 @@ BrandResources parse_descriptor_brand(const Json& descriptor) {
   }
   Json brand = descriptor.at("brand");
   require(brand.is_object() && brand.contains("icon"), invalid, "Brand has unknown or missing fields");
-  const Json icon = brand.at("icon");
-  brand["icon"] = !icon.is_null();
+  brand["icon"] = !brand.at("icon").is_null();
   if (brand.contains("theme")) {
     resources.theme = parse_theme_resources(brand.at("theme"));
     brand.erase("theme");
   }
   resources.brand = parse_brand(brand);
-  if (!icon.is_null()) {
-    resources.icon = parse_resource(icon, package_limits::icon);
-  }
   return resources;
+}
+
+// Of a descriptor whose brand was parsed.
+std::optional<Resource> parse_brand_icon(const Json& descriptor, const BrandResources& resources) {
+  if (!resources.brand || !resources.brand->icon) {
+    return std::nullopt;
+  }
+  return parse_resource(descriptor.at("brand").at("icon"), package_limits::icon);
 }
 
 std::optional<FeaturedGame> parse_featured_game(const Json& descriptor) {
@@ -214,9 +216,9 @@ class PackageReader {
   }
 
   NativePackage read(const ProgressCallback& progress) {
-    const auto status = link_status_of(path_);
-    require(status && is_directory(*status), invalid, "Choose an initial package directory");
+    require_directory(path_);
     package_.directory = std::filesystem::absolute(path_).lexically_normal();
+    require_directory(without_end_separator(package_.directory));
     read_descriptor();
     read_documents();
     read_brand();
@@ -228,10 +230,17 @@ class PackageReader {
   }
 
  private:
+  // A separator or a dot at the end of a path would lead through a link there.
+  static void require_directory(const std::filesystem::path& path) {
+    const auto status = link_status_of(path);
+    require(status && is_directory(*status), invalid, "Choose an initial package directory");
+  }
+
   void read_descriptor() {
     descriptor_ = sealed_descriptor(package_.directory, package_.descriptor_sha256);
     package_.featured_game = parse_featured_game(descriptor_);
     brand_ = parse_descriptor_brand(descriptor_);
+    icon_ = parse_brand_icon(descriptor_, brand_);
     package_.brand = brand_.brand;
     if (descriptor_.is_object()) {
       descriptor_.erase("featured_game");
@@ -266,9 +275,9 @@ class PackageReader {
   }
 
   void read_brand() {
-    if (brand_.icon) {
-      resources_.push_back(*brand_.icon);
-      package_.brand_icon = read_resource(package_.directory, *brand_.icon, package_limits::icon);
+    if (icon_) {
+      resources_.push_back(*icon_);
+      package_.brand_icon = read_resource(package_.directory, *icon_, package_limits::icon);
       validate_brand_icon(package_.brand_icon);
     }
     if (brand_.theme) {
@@ -284,7 +293,7 @@ class PackageReader {
     const Json root = parse_json(package_.root_json, tuf_root_limit);
     const Json& body = root.at("signed");
     verify_threshold(root, body.at("keys"), body.at("roles").at("root"));
-    require(parse_tuf_time(text_at(body, "expires")) > std::chrono::system_clock::now(), "expired_metadata",
+    require(!has_passed(parse_tuf_time(text_at(body, "expires"))), "expired_metadata",
             "The initial package's TUF root has expired");
   }
 
@@ -350,13 +359,9 @@ class PackageReader {
   NativePackage package_;
   Json descriptor_;
   BrandResources brand_;
+  std::optional<Resource> icon_;
   std::vector<Resource> resources_;
 };
-
-BrandResources sealed_brand(const std::filesystem::path& path, std::string_view seal, std::string_view without_seal) {
-  require_seal(seal, without_seal);
-  return parse_descriptor_brand(sealed_descriptor(path, seal));
-}
 
 }  // namespace
 
@@ -366,25 +371,31 @@ NativePackage read_native_package(const std::filesystem::path& path, std::string
 }
 
 std::optional<Brand> package_brand(const std::filesystem::path& path, std::string_view seal) {
-  return read_sealed([&] { return sealed_brand(path, seal, no_seal).brand; });
+  return read_sealed([&] {
+    require_seal(seal, no_seal);
+    return parse_descriptor_brand(sealed_descriptor(path, seal)).brand;
+  });
 }
 
 std::optional<Theme> package_theme(const std::filesystem::path& path, std::string_view seal) {
   return read_sealed([&]() -> std::optional<Theme> {
-    const BrandResources resources = sealed_brand(path, seal, "This installer has no package seal");
+    require_seal(seal, "This installer has no package seal");
+    const BrandResources resources = parse_descriptor_brand(sealed_descriptor(path, seal));
     return resources.theme ? std::optional(read_sealed_theme(path, *resources.theme).theme) : std::nullopt;
   });
 }
 
 std::optional<std::string> package_brand_icon(const std::filesystem::path& path, std::string_view seal) {
   return read_sealed([&]() -> std::optional<std::string> {
-    const BrandResources resources = sealed_brand(path, seal, no_seal);
-    if (!resources.icon) {
+    require_seal(seal, no_seal);
+    const Json descriptor = sealed_descriptor(path, seal);
+    const std::optional<Resource> icon = parse_brand_icon(descriptor, parse_descriptor_brand(descriptor));
+    if (!icon) {
       return std::nullopt;
     }
-    check_resource_name(resources.icon->path);
-    std::string bytes = read_file(path / resources.icon->path, package_limits::icon);
-    require(digest(bytes, "sha256") == resources.icon->sha256, "content_mismatch",
+    check_resource_name(icon->path);
+    std::string bytes = read_file(path / icon->path, package_limits::icon);
+    require(digest(bytes, "sha256") == icon->sha256, "content_mismatch",
             "Initial package icon differs from its descriptor");
     return bytes;
   });

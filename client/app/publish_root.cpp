@@ -1,7 +1,5 @@
 #include "app/publish_root.hpp"
 
-#include <chrono>
-
 #include "app/publish_files.hpp"
 #include "app/publish_key.hpp"
 #include "domain/json.hpp"
@@ -84,7 +82,7 @@ void require_first_root(const std::string& text) {
   shape(root, "root");
   const Json& body = root.at("signed");
   verify_threshold(root, body.at("keys"), body.at("roles").at("root"));
-  require(parse_tuf_time(text_at(body, "expires")) > std::chrono::system_clock::now(), "expired_metadata",
+  require(!has_passed(parse_tuf_time(text_at(body, "expires"))), "expired_metadata",
           "The root document would have expired already");
 }
 

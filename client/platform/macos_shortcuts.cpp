@@ -41,15 +41,14 @@ void require_document_form(const Json& document) {
 
 std::string macos_launch_document(const DesktopShortcut& shortcut) {
   require_choices(shortcut.game_id, shortcut.name);
-  shortcut_rules::bounded_text(path_utf8(shortcut.bootstrap), shortcut_rules::maximum_path_bytes);
-  shortcut_rules::bounded_text(path_utf8(shortcut.data_root), shortcut_rules::maximum_path_bytes);
   const Json document = {{"schema_version", 1},
                          {"kind", kind},
                          {"bootstrap", path_utf8(shortcut.bootstrap)},
                          {"data_root", path_utf8(shortcut.data_root)},
                          {"game_id", shortcut.game_id},
                          {"name", shortcut.name}};
-  std::string text = document.dump();
+  std::string text =
+      refuse_malformed("shortcut_text", "Shortcut text must be valid UTF-8", [&] { return document.dump(); });
   require(text.size() <= document_limit, "size_limit", "Launch document exceeds its byte bound");
   return text;
 }

@@ -8,6 +8,7 @@
 #include <system_error>
 #include <utility>
 
+#include <fcntl.h>
 #include <unistd.h>
 
 #include "domain/crypto.hpp"
@@ -78,7 +79,9 @@ void write_ledger(const std::filesystem::path& root, const Rows& rows) {
     entries.push_back({{"path", path_utf8(row.path)}, {"game", row.game}, {"name", row.name}, {"sha256", row.sha256}});
   }
   const Json document = {{"schema_version", 1}, {"kind", ledger_kind}, {"entries", std::move(entries)}};
-  atomic_write(ledger_path(root), document.dump());
+  const std::string text = document.dump();
+  require(text.size() <= ledger_limit, "size_limit", "Too many recorded shortcuts");
+  atomic_write(ledger_path(root), text);
 }
 
 // Whether the file is the one that was made. What is missing, or can no longer be read, is not.
@@ -94,12 +97,32 @@ bool is_unchanged(const OwnedShortcut& row) {
   }
 }
 
-OwnedShortcut create_recorded(const DesktopShortcut& shortcut, const std::filesystem::path& path) {
-  create_native_shortcut(shortcut, path);
+OwnedShortcut recorded(const DesktopShortcut& shortcut, const std::filesystem::path& path) {
   return {path, shortcut.game_id, shortcut.name, digest(read_file(path, shortcut_limit), "sha256")};
 }
 
-// A file that stands aside while another takes its place, and comes back unless that succeeds.
+// A new shortcut that goes again unless it comes to be recorded.
+class Unrecorded {
+ public:
+  explicit Unrecorded(std::filesystem::path path) : path_(std::move(path)), made_(link_status_of(path_)) {}
+  ~Unrecorded() {
+    const auto status = made_ ? link_status_of(path_) : std::nullopt;
+    if (status && same_file(*status, *made_)) {
+      unlink(path_.c_str());
+    }
+  }
+  Unrecorded(const Unrecorded&) = delete;
+  Unrecorded& operator=(const Unrecorded&) = delete;
+
+  void dismiss() { made_.reset(); }
+
+ private:
+  std::filesystem::path path_;
+  std::optional<FileStatus> made_;
+};
+
+// A file that stands aside while another takes its place, and comes back unless that succeeds. It never comes back
+// over what others have put there meanwhile.
 class StandAside {
  public:
   explicit StandAside(std::filesystem::path path) : path_(std::move(path)), aside_(path_) {
@@ -112,7 +135,7 @@ class StandAside {
   }
   ~StandAside() {
     if (moved_) {
-      rename(aside_.c_str(), path_.c_str());
+      os::rename_exclusive(AT_FDCWD, aside_.c_str(), AT_FDCWD, path_.c_str());
     }
   }
   StandAside(const StandAside&) = delete;
@@ -205,15 +228,24 @@ Json create_owned_native_shortcut(const DesktopShortcut& shortcut, const std::fi
   if (row != rows.end() && is_unchanged(*row)) {
     return answer(false, row->game);
   }
+  std::optional<StandAside> changed;
   if (row != rows.end()) {
-    StandAside changed(target);
-    *row = create_recorded(shortcut, target);
-    changed.dismiss();
+    changed.emplace(target);
   } else {
     require(rows.size() < maximum_rows, "size_limit", "Too many recorded shortcuts");
-    rows.push_back(create_recorded(shortcut, target));
+  }
+  create_native_shortcut(shortcut, target);
+  Unrecorded made(target);
+  if (row != rows.end()) {
+    *row = recorded(shortcut, target);
+  } else {
+    rows.push_back(recorded(shortcut, target));
   }
   write_ledger(root, rows);
+  made.dismiss();
+  if (changed) {
+    changed->dismiss();
+  }
   return answer(true, shortcut.game_id);
 }
 
@@ -250,7 +282,9 @@ std::vector<std::filesystem::path> restore_owned_native_shortcuts(const std::fil
   std::vector<std::filesystem::path> made;
   for (OwnedShortcut& row : rows) {
     if (is_missing(row.path)) {
-      row = create_recorded({bootstrap, data_root, row.game, row.name}, row.path);
+      const DesktopShortcut shortcut = {bootstrap, data_root, row.game, row.name};
+      create_native_shortcut(shortcut, row.path);
+      row = recorded(shortcut, row.path);
       made.push_back(row.path);
     }
   }

@@ -43,8 +43,9 @@ void create_native_shortcut(const DesktopShortcut& shortcut, const std::filesyst
 
 // Makes a shortcut outside the data folder and records it, and returns a document with "created", "path" and
 // "game_id". A recorded one that nobody has changed is left as it is; a changed one is replaced. Fails with
-// "native_install_incomplete", "shortcut_path", "size_limit" beyond 128 rows, "shortcut_ledger", and as
-// create_native_shortcut does.
+// "native_install_incomplete", "shortcut_path", "size_limit" beyond 128 rows or 262,144 bytes of them,
+// "shortcut_ledger", and as create_native_shortcut and the writing do; there is then no new file, and the changed one
+// is still there.
 Json create_owned_native_shortcut(const DesktopShortcut& shortcut, const std::filesystem::path& path);
 
 // Returns the rows of the ledger. Fails with "shortcut_ledger".

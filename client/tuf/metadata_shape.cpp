@@ -248,4 +248,9 @@ TufTime parse_tuf_time(std::string_view text) {
   return text.size() == 20 ? whole : whole + read_fraction(text.substr(20, text.size() - 21));
 }
 
+bool has_passed(TufTime time) {
+  // In the time's own unit, which reaches further than the clock's.
+  return time <= std::chrono::floor<TufTime::duration>(std::chrono::system_clock::now());
+}
+
 }  // namespace ravok

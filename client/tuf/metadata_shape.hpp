@@ -36,4 +36,7 @@ std::uint64_t length(const Json& file);
 // which six count. Fails with "invalid_expiry".
 TufTime parse_tuf_time(std::string_view text);
 
+// Whether the time is not after the present.
+bool has_passed(TufTime time);
+
 }  // namespace ravok

@@ -1,8 +1,8 @@
 #include "platform/managed_paths.hpp"
 
-#include <cstdlib>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -12,37 +12,15 @@
 #include "platform/os.hpp"
 #include "support/failure.hpp"
 #include "support/temporary_root.hpp"
+#include "support/with_environment.hpp"
 
 namespace ravok {
 namespace {
 
 using testing::TemporaryRoot;
+using testing::WithEnvironment;
 
 constexpr const char* link_in_path = "Managed path contains a symbolic link";
-
-// HOME with another value for as long as it lives.
-class Home {
- public:
-  explicit Home(const char* value) {
-    if (const char* const before = std::getenv("HOME")) {
-      before_ = before;
-    }
-    set(value);
-  }
-  ~Home() { set(before_ ? before_->c_str() : nullptr); }
-  Home(const Home&) = delete;
-  Home& operator=(const Home&) = delete;
-
- private:
-  static void set(const char* value) {
-    if (value == nullptr) {
-      unsetenv("HOME");
-    } else {
-      setenv("HOME", value, 1);
-    }
-  }
-  std::optional<std::string> before_;
-};
 
 TEST(SafeJoin, JoinsWhatExistsAndWhatDoesNot) {
   const TemporaryRoot root;
@@ -162,7 +140,7 @@ TEST_F(SystemLinks, ThatLeadToThemselvesEndAtTheBound) {
 }
 
 TEST(UserDataRoot, LiesBelowHome) {
-  const Home home("/home/somebody");
+  const WithEnvironment home("HOME", "/home/somebody");
   const std::string expected =
       native_platform() == "linux-x86_64" ? ".local/share/Ravok" : "Library/Application Support/Ravok";
   EXPECT_EQ(user_data_root(), "/home/somebody/" + expected);
@@ -170,8 +148,9 @@ TEST(UserDataRoot, LiesBelowHome) {
 }
 
 TEST(UserDataRoot, NeedsAnAbsoluteHome) {
-  for (const char* value : {static_cast<const char*>(nullptr), "", "relative/home", "~"}) {
-    const Home home(value);
+  for (const std::optional<std::string>& value :
+       std::vector<std::optional<std::string>>{std::nullopt, "", "relative/home", "~"}) {
+    const WithEnvironment home("HOME", value);
     EXPECT_FAILURE(user_data_root(), "user_path", "HOME must identify an absolute user directory");
   }
 }

@@ -1,0 +1,296 @@
+// Whatever call of a shortcut's making, removal or restoring is spoilt: the ledger is the old one or the new one, what
+// is not the client's own stays as it was, and the next run does its work.
+
+#include <algorithm>
+#include <csignal>
+#include <filesystem>
+#include <functional>
+#include <iostream>
+#include <map>
+#include <regex>
+#include <set>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "domain/crypto.hpp"
+#include "fault/fault_runner.hpp"
+#include "platform/linux_shortcuts.hpp"
+#include "support/process.hpp"
+#include "support/shortcut_place.hpp"
+
+namespace ravok::testing {
+namespace {
+
+using Codes = std::set<std::string>;
+using Files = std::map<std::string, std::string>;
+
+const Codes codes_of_reading = {"busy",        "file_read",       "file_sync",  "lock_failed",
+                                "permissions", "shortcut_ledger", "unsafe_path"};
+
+Codes operator+(Codes some, const Codes& others) {
+  some.insert(others.begin(), others.end());
+  return some;
+}
+
+const Codes codes_of_writing = codes_of_reading + Codes{"file_write", "insufficient_space"};
+const Codes codes_of_making = codes_of_writing + Codes{"already_exists", "native_install_incomplete", "shortcut_path"};
+const Codes codes_of_removing = codes_of_writing + Codes{"file_remove"};
+
+// After these words a new file is in place, and only perhaps not durable.
+bool is_in_place(const std::string& words) {
+  return words.starts_with("file_sync: ") || words == "file_write: Cannot finish export transaction (5)\n";
+}
+
+class ShortcutsFault : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    place_.write(place_.home() / "target.desktop", "foreign");
+    made_ = linux_desktop_entry(place_.shortcut());
+  }
+
+  // Besides what a run is about there are always a shortcut that is recorded and unchanged, one that the user has
+  // edited, one in whose place there is a link to a file that looks like it, and a file that was never recorded.
+  void reset(bool with_edited_new = false) const {
+    std::filesystem::remove_all(place_.desktop());
+    std::filesystem::create_directory(place_.desktop());
+    std::filesystem::remove_all(place_.data() / "native");
+    place_.write(path("ours"), made_);
+    place_.write(path("edited"), "edited by the user");
+    std::filesystem::create_symlink(place_.home() / "target.desktop", path("linked"));
+    place_.write(path("foreign"), made_);
+    Json entries = old_entries();
+    if (with_edited_new) {
+      place_.write(path("new"), "edited by the user");
+      entries.push_back(row("new", digest("as it once was", "sha256")));
+    }
+    place_.write_ledger(ledger_document(entries).dump());
+  }
+
+  Json row(const std::string& name, const std::string& sha256) const { return ledger_entry(path(name), sha256); }
+  Json old_entries() const {
+    return Json::array({row("ours", digest(made_, "sha256")), row("edited", digest(made_, "sha256")),
+                        row("linked", digest("foreign", "sha256"))});
+  }
+  std::string old_ledger() const { return ledger_document(old_entries()).dump(); }
+  std::string new_ledger() const {
+    Json entries = old_entries();
+    entries.push_back(row("new", digest(made_, "sha256")));
+    return ledger_document(entries).dump();
+  }
+  static std::string empty_ledger() { return ledger_document(Json::array()).dump(); }
+
+  std::filesystem::path path(const std::string& name) const { return place_.desktop() / (name + ".desktop"); }
+
+  static ProgramRun sample(const std::vector<std::string>& arguments) {
+    return {RAVOK_SAMPLE_SHORTCUTS, arguments, {{"HOME", "/nowhere"}}, ""};
+  }
+  ProgramRun creating() const { return sample({"create", place_.data(), place_.bootstrap(), path("new")}); }
+  ProgramRun removing() const { return sample({"remove", place_.data()}); }
+  ProgramRun restoring() const { return sample({"restore", place_.data(), place_.bootstrap()}); }
+  ProgramResult after(const ProgramRun& run) const { return run_with_fault(run, place_.root().path()).result; }
+
+  // The files on the desktop with their content, but for those that no program would show.
+  Files files() const {
+    Files found;
+    for (const auto& each : std::filesystem::directory_iterator(place_.desktop())) {
+      const std::string name = each.path().filename();
+      if (!is_transaction(name) && !each.is_symlink()) {
+        found[name] = place_.read(each.path());
+      }
+    }
+    return found;
+  }
+
+  // The transaction files on the desktop and beside the ledger.
+  std::vector<std::string> strays() const {
+    std::vector<std::string> found;
+    for (const std::string& name : place_.root().names()) {
+      if (is_transaction(name)) {
+        found.push_back(name);
+      }
+    }
+    return found;
+  }
+  static bool is_transaction(const std::string& name) {
+    static const std::regex form(".*\\.[0-9a-f]{32}\\.tmp");
+    return std::regex_match(name, form);
+  }
+
+  bool exists(const std::string& name) const { return files().contains(name + ".desktop"); }
+  std::string ledger() const { return place_.read(place_.ledger()); }
+
+  static void judge_ending(const FaultOutcome& outcome, const Codes& codes) {
+    if (ends_process(outcome.mode)) {
+      EXPECT_EQ(outcome.result.signal, SIGKILL);
+    } else if (outcome.result.exit_code != 0) {
+      EXPECT_EQ(outcome.result.exit_code, 1);
+      const std::string code = outcome.result.errors.substr(0, outcome.result.errors.find(':'));
+      EXPECT_TRUE(codes.contains(code)) << outcome.result.errors;
+    } else {
+      EXPECT_EQ(outcome.result.errors, "");
+    }
+  }
+
+  // What is not the client's own is as it was.
+  void judge_foreign() const {
+    const Files now = files();
+    EXPECT_EQ(now.count("foreign.desktop"), 1u);
+    EXPECT_EQ(now.at("foreign.desktop"), made_);
+    EXPECT_EQ(now.at("edited.desktop"), "edited by the user");
+    EXPECT_EQ(std::filesystem::read_symlink(path("linked")), place_.home() / "target.desktop");
+    EXPECT_EQ(place_.read(place_.home() / "target.desktop"), "foreign");
+  }
+
+  // Whether this is the first time that a spoilt run has left just this behind.
+  bool is_new_state() {
+    static const std::regex random("[0-9a-f]{32}");
+    std::string state = ledger();
+    for (const std::string& name : place_.root().names()) {
+      state += "\n" + std::regex_replace(name, random, "RANDOM");
+    }
+    for (const auto& each : files()) {
+      state += "\n" + each.first + ": " + each.second;
+    }
+    return states_.insert(state).second;
+  }
+
+  // A shortcut can be made, and all that is the client's own can be removed; tried once for each state.
+  bool judge_next_runs() {
+    if (!is_new_state()) {
+      return false;
+    }
+    EXPECT_EQ(after(creating()).errors, "");
+    EXPECT_EQ(place_.read(path("new")), made_);
+    const ProgramResult removal = after(removing());
+    EXPECT_EQ(removal.errors, "");
+    EXPECT_FALSE(exists("new"));
+    EXPECT_EQ(ledger(), empty_ledger());
+    judge_foreign();
+    return true;
+  }
+
+  void try_all(FaultPlan plan) const {
+    plan.root = place_.root().path();
+    const FaultTable table = run_faults(plan);
+    std::cout << table;
+    EXPECT_GT(table.runs, 20u);  // what was tried had a beginning, a middle and an end
+  }
+
+  const ShortcutPlace place_;
+  std::string made_;
+  std::set<std::string> states_;
+};
+
+TEST_F(ShortcutsFault, ANewShortcutIsMadeAndRecordedOrIsNeither) {
+  FaultPlan plan;
+  plan.run = creating();
+  plan.reset = [&] { reset(); };
+  plan.judge = [&](const FaultOutcome& outcome) {
+    judge_ending(outcome, codes_of_making);
+    judge_foreign();
+    EXPECT_TRUE(exists("ours"));
+    const bool recorded = ledger() == new_ledger();
+    EXPECT_TRUE(recorded || ledger() == old_ledger()) << ledger();
+    EXPECT_LE(strays().size(), ends_process(outcome.mode) ? 1u : 0u);
+    EXPECT_TRUE(!exists("new") || place_.read(path("new")) == made_);
+    if (outcome.result.exit_code == 0) {
+      EXPECT_TRUE(recorded && exists("new"));
+    } else if (!ends_process(outcome.mode)) {
+      EXPECT_TRUE(!exists("new") || is_in_place(outcome.result.errors)) << outcome.result.errors;
+    }
+    if (exists("new") && !recorded) {
+      // It could be anybody's, and is preserved.
+      EXPECT_EQ(after(creating()).errors,
+                "already_exists: Desktop-entry destination already exists; it was preserved\n");
+      EXPECT_EQ(place_.read(path("new")), made_);
+      std::filesystem::remove(path("new"));
+    }
+    judge_next_runs();
+  };
+  try_all(plan);
+}
+
+TEST_F(ShortcutsFault, AnEditedShortcutIsReplacedOrStaysSomewhere) {
+  FaultPlan plan;
+  plan.run = creating();
+  plan.reset = [&] { reset(true); };
+  Json entries = old_entries();
+  entries.push_back(row("new", digest("as it once was", "sha256")));
+  const std::string edited_ledger = ledger_document(entries).dump();
+  plan.judge = [&](const FaultOutcome& outcome) {
+    judge_ending(outcome, codes_of_making);
+    judge_foreign();
+    const bool recorded = ledger() == new_ledger();
+    EXPECT_TRUE(recorded || ledger() == edited_ledger) << ledger();
+    if (outcome.result.exit_code == 0) {
+      EXPECT_TRUE(recorded);
+      EXPECT_EQ(place_.read(path("new")), made_);
+    } else if (ends_process(outcome.mode)) {
+      // Until the ledger has the new one, what the user wrote is there, aside or in its place.
+      const std::vector<std::string> aside = strays();
+      const bool stays = (exists("new") && place_.read(path("new")) == "edited by the user") ||
+                         std::any_of(aside.begin(), aside.end(), [&](const std::string& name) {
+                           return place_.root().read(name) == "edited by the user";
+                         });
+      EXPECT_TRUE(stays || recorded);
+    } else if (!is_in_place(outcome.result.errors)) {
+      EXPECT_EQ(place_.read(path("new")), "edited by the user") << outcome.result.errors;
+      EXPECT_FALSE(recorded);
+    }
+    judge_next_runs();
+  };
+  try_all(plan);
+}
+
+TEST_F(ShortcutsFault, ARemovalTakesOnlyTheClientsOwn) {
+  FaultPlan plan;
+  plan.run = removing();
+  plan.reset = [&] { reset(); };
+  plan.judge = [&](const FaultOutcome& outcome) {
+    judge_ending(outcome, codes_of_removing);
+    judge_foreign();
+    EXPECT_LE(strays().size(), ends_process(outcome.mode) ? 1u : 0u);
+    EXPECT_TRUE(ledger() == old_ledger() || ledger() == empty_ledger()) << ledger();
+    const bool looks_uninstalled = outcome.call.name == "stat" && outcome.call.path == place_.data() / "native";
+    if (outcome.result.exit_code == 0 && looks_uninstalled) {
+      EXPECT_EQ(outcome.result.output, "");
+      EXPECT_EQ(ledger(), old_ledger());
+    } else if (outcome.result.exit_code == 0) {
+      EXPECT_EQ(ledger(), empty_ledger());
+      // A shortcut that cannot be read is not known to be the client's own.
+      const std::string said = exists("ours") ? "changed " : "removed ";
+      EXPECT_NE(outcome.result.output.find(said + path("ours").native() + "\n"), std::string::npos);
+    } else if (ledger() == empty_ledger()) {
+      EXPECT_FALSE(exists("ours"));
+    }
+    judge_next_runs();
+  };
+  try_all(plan);
+}
+
+TEST_F(ShortcutsFault, ARestoringMakesOnlyWhatIsMissing) {
+  FaultPlan plan;
+  plan.run = restoring();
+  plan.reset = [&] {
+    reset();
+    std::filesystem::remove(path("ours"));
+  };
+  plan.judge = [&](const FaultOutcome& outcome) {
+    judge_ending(outcome, codes_of_making);
+    judge_foreign();
+    EXPECT_LE(strays().size(), ends_process(outcome.mode) ? 1u : 0u);
+    EXPECT_EQ(ledger(), old_ledger());
+    EXPECT_TRUE(!exists("ours") || place_.read(path("ours")) == made_);
+    const ProgramResult again = after(restoring());
+    EXPECT_EQ(again.errors, "");
+    EXPECT_EQ(place_.read(path("ours")), made_);
+    EXPECT_EQ(ledger(), old_ledger());
+    EXPECT_TRUE(!judge_next_runs() || !exists("ours"));
+  };
+  try_all(plan);
+}
+
+}  // namespace
+}  // namespace ravok::testing

@@ -1,0 +1,37 @@
+// A variable of the environment with another value.
+#pragma once
+
+#include <cstdlib>
+#include <optional>
+#include <string>
+#include <utility>
+
+namespace ravok::testing {
+
+// Sets or, without a value, unsets the variable for as long as it lives.
+class WithEnvironment {
+ public:
+  WithEnvironment(std::string key, const std::optional<std::string>& value) : key_(std::move(key)) {
+    if (const char* const before = std::getenv(key_.c_str())) {
+      before_ = before;
+    }
+    set(value);
+  }
+  ~WithEnvironment() { set(before_); }
+  WithEnvironment(const WithEnvironment&) = delete;
+  WithEnvironment& operator=(const WithEnvironment&) = delete;
+
+ private:
+  void set(const std::optional<std::string>& value) const {
+    if (value) {
+      setenv(key_.c_str(), value->c_str(), 1);
+    } else {
+      unsetenv(key_.c_str());
+    }
+  }
+
+  std::string key_;
+  std::optional<std::string> before_;
+};
+
+}  // namespace ravok::testing
