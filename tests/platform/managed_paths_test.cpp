@@ -1,7 +1,5 @@
 #include "platform/managed_paths.hpp"
 
-#include <cstdlib>
-#include <optional>
 #include <string>
 
 #include <gtest/gtest.h>
@@ -11,38 +9,16 @@
 #include "platform/native_platform.hpp"
 #include "platform/os.hpp"
 #include "support/failure.hpp"
+#include "support/home.hpp"
 #include "support/temporary_root.hpp"
 
 namespace ravok {
 namespace {
 
+using testing::Home;
 using testing::TemporaryRoot;
 
 constexpr const char* link_in_path = "Managed path contains a symbolic link";
-
-// HOME with another value for as long as it lives.
-class Home {
- public:
-  explicit Home(const char* value) {
-    if (const char* const before = std::getenv("HOME")) {
-      before_ = before;
-    }
-    set(value);
-  }
-  ~Home() { set(before_ ? before_->c_str() : nullptr); }
-  Home(const Home&) = delete;
-  Home& operator=(const Home&) = delete;
-
- private:
-  static void set(const char* value) {
-    if (value == nullptr) {
-      unsetenv("HOME");
-    } else {
-      setenv("HOME", value, 1);
-    }
-  }
-  std::optional<std::string> before_;
-};
 
 TEST(SafeJoin, JoinsWhatExistsAndWhatDoesNot) {
   const TemporaryRoot root;
