@@ -6,7 +6,6 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <string>
@@ -15,10 +14,10 @@
 
 #include <sys/resource.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include "domain/crypto.hpp"
 #include "domain/error.hpp"
+#include "memory_root.hpp"
 #include "platform/snapshot_archive.hpp"
 #include "platform/snapshot_tree.hpp"
 #include "property.hpp"
@@ -27,25 +26,6 @@
 namespace {
 
 using ravok::fuzz::must_hold;
-
-// A volume in memory flushes quickly.
-std::filesystem::path make_root() {
-  const std::filesystem::path memory = "/dev/shm";
-  const bool has_memory = access(memory.c_str(), W_OK) == 0;
-  std::string pattern = (has_memory ? memory : std::filesystem::temp_directory_path()) / "ravok-fuzz-XXXXXX";
-  if (mkdtemp(pattern.data()) == nullptr) {
-    std::abort();
-  }
-  return pattern;
-}
-
-struct Root {
-  std::filesystem::path path = make_root();
-  ~Root() {
-    std::error_code ignored;
-    std::filesystem::remove_all(path, ignored);
-  }
-};
 
 struct ExpectedFile {
   const char* path;
@@ -111,7 +91,7 @@ void check_memory() {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  static const Root root;
+  static const ravok::fuzz::MemoryRoot root;
   const std::string archive = archive_of({reinterpret_cast<const char*>(data), size});
   const std::filesystem::path path = root.path / "archive";
   const std::filesystem::path staging = root.path / "staging";
