@@ -24,12 +24,13 @@
 #include "support/package_builder.hpp"
 #include "support/snapshot_builder.hpp"
 #include "support/temporary_root.hpp"
+#include "support/theme_builder.hpp"
 
 namespace ravok {
 namespace {
 
 using testing::archive_name;
-using testing::bitmap_file;
+using testing::bitmap;
 using testing::icon_file;
 using testing::InitialPackage;
 using testing::noise;
@@ -1082,7 +1083,7 @@ TEST_F(NativePackageTest, ShowsItsTheme) {
   EXPECT_EQ(theme->regular_font, package.theme_files.at("plain.ttf"));
   EXPECT_EQ(theme->bold_font, std::nullopt);
   ASSERT_TRUE(theme->icon);
-  EXPECT_EQ(theme->icon->bytes, bitmap_file(3, 2));
+  EXPECT_EQ(theme->icon->bytes, bitmap(3, 2));
   EXPECT_TRUE(theme->icon->pixel_art);
 }
 
@@ -1121,7 +1122,7 @@ TEST_F(PackageThemeTest, HasExactlyTheFilesOfItsDefinition) {
   package.theme_files.erase("more.txt");
   package.theme_files.erase("badge.bmp");
   expect_theme_refused(invalid, differ);
-  package.theme_files["Badge.bmp"] = bitmap_file(3, 2);
+  package.theme_files["Badge.bmp"] = bitmap(3, 2);
   expect_theme_refused(invalid, differ);
 }
 
@@ -1138,9 +1139,9 @@ TEST_F(PackageThemeTest, IsRefusedByItsOwnRules) {
   package.theme_files["plain.ttf"] = "no font";
   expect_theme_refused("invalid_theme", "Theme fonts must be TrueType or OpenType files");
   package.theme_files = good_package().theme_files;
-  package.theme_files["badge.bmp"] = bitmap_file(257, 1);
+  package.theme_files["badge.bmp"] = bitmap(257, 1);
   expect_theme_refused("invalid_theme", "Theme image is larger than 256×256 pixels");
-  package.theme_files["badge.bmp"] = bitmap_file(256, 257);
+  package.theme_files["badge.bmp"] = bitmap(256, 257);
   expect_theme_refused("size_limit", "File exceeds read limit");
   package.theme_files = good_package().theme_files;
   (*package.theme)["schema_version"] = 2;
@@ -1167,7 +1168,7 @@ void fill_theme(InitialPackage& package) {
   for (const char* name : {"a.ttf", "b.ttf", "c.ttf"}) {
     package.theme_files[name] = "true" + std::string(4'194'300, 'f');
   }
-  package.theme_files["banner.bmp"] = bitmap_file(1000, 1000);
+  package.theme_files["banner.bmp"] = bitmap(1000, 1000);
   std::size_t left = 4'194'304 - package.theme_files["banner.bmp"].size();
   for (int i = 0; left > 0; ++i) {
     const std::string name = "notice-" + std::to_string(i) + ".txt";
