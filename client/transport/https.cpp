@@ -37,6 +37,8 @@ bool has_part(const CURLU* url, CURLUPart part) {
 
 void require_service_url(const std::string& base_url) {
   require(base_url.starts_with(scheme), "https_required", "Ravok service URLs must use HTTPS");
+  // The library reads a text up to its first NUL.
+  require(base_url.find('\0') == std::string::npos, "invalid_url", "Invalid service URL");
   const Url url(curl_url());
   require(url && curl_url_set(url.get(), CURLUPART_URL, base_url.c_str(), 0) == CURLUE_OK, "invalid_url",
           "Invalid service URL");
@@ -72,8 +74,6 @@ HttpsTransport::HttpsTransport(std::string base_url, std::filesystem::path ca_bu
   initialize_client_runtime();
   require(bytes_per_second_ <= maximum_rate, "download_limit", "Download limit exceeds 1 GiB/s");
   require_library();
-  // The library reads a text up to its first NUL.
-  require(base_url_.find('\0') == std::string::npos, "invalid_url", "Invalid service URL");
   require_service_url(base_url_);
   origin_ = base_url_.substr(0, base_url_.find('/', scheme.size()));
   if (!base_url_.ends_with('/')) {
