@@ -3,6 +3,7 @@
 #include <cstddef>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -114,7 +115,7 @@ TEST(DefaultInstallFolder, LiesBesideThatOfRavokUnderTheBrandsName) {
 }
 
 TEST(DefaultInstallFolder, NeedsAnAbsoluteHome) {
-  for (const char* value : {static_cast<const char*>(nullptr), "", "home"}) {
+  for (const std::optional<std::string>& value : {std::optional<std::string>(), {""}, {"home"}}) {
     const WithEnvironment home("HOME", value);
     EXPECT_FAILURE(default_install_folder(std::nullopt), "user_path", "HOME must identify an absolute user directory");
     EXPECT_FAILURE(default_install_folder(Brand{"Foo", "foo", "Foo", false}), "user_path",

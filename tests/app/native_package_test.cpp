@@ -1079,7 +1079,7 @@ TEST_F(NativePackageTest, ShowsItsTheme) {
   append_byte(directory / "extra");
   const std::optional<Theme> theme = package_theme(directory, seal);
   ASSERT_TRUE(theme);
-  EXPECT_EQ(theme->panel, (Rgb{0x10, 0x10, 0x10}));
+  EXPECT_EQ(theme->panel, (Rgb{0x02, 0x02, 0x02}));
   EXPECT_EQ(theme->regular_font, package.theme_files.at("plain.ttf"));
   EXPECT_EQ(theme->bold_font, std::nullopt);
   ASSERT_TRUE(theme->icon);
