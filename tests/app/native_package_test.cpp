@@ -1219,7 +1219,7 @@ Fault of_pieces(std::function<void(InitialPackage&)> happen, const std::string& 
 
 Fault of_descriptor(const std::string& pointer, const Json& value, const std::string& code,
                     const std::string& message) {
-  return {Stage::descriptor, [=](Scene& scene) { scene.descriptor[Pointer(pointer)] = value; }, code, message};
+  return {Stage::descriptor, [=](Scene& scene) { scene.descriptor[Pointer("/" + pointer)] = value; }, code, message};
 }
 
 Fault of_file(const std::string& name, void (*happen)(const std::filesystem::path&), const std::string& code,
@@ -1255,19 +1255,19 @@ std::vector<Fault> faults() {
        other_package},
       {Stage::text, [](Scene& scene) { scene.text.insert(1, "\"kind\":1,"); }, "duplicate_key",
        "JSON contains a duplicate object key"},
-      of_descriptor("/featured_game/name", "", invalid, "Featured game name must be 1 to 80 bytes"),
-      of_descriptor("/brand/theme/definition/path", "x", invalid, "Brand theme definition must be theme.json"),
-      of_descriptor("/brand/theme/files/plain.ttf/path", "x", invalid, "Brand theme files are stored as theme-NAME"),
-      of_descriptor("/brand/publisher", "", invalid, "Brand publisher must be 1 to 128 bytes of plain text"),
-      of_descriptor("/brand/icon/length", 0, "size_limit", too_long),
-      of_descriptor("/other", 1, invalid, other_fields),
-      of_descriptor("/schema_version", 2, "unsupported_schema", "Unsupported initial package schema"),
-      of_descriptor("/platform", other_platform(), incompatible, "This package is for another platform"),
-      of_descriptor("/origin", "https://games.example/", "invalid_origin", other_origin),
-      of_descriptor("/root/length", -1, invalid, no_length),
-      of_descriptor("/bootstrap_manifest/length", 0, "size_limit", too_long),
-      of_descriptor("/launcher_manifest/sha256", "", invalid, no_hash),
-      of_descriptor("/ca_bundle/other", 1, invalid, other_fields),
+      of_descriptor("featured_game/name", "", invalid, "Featured game name must be 1 to 80 bytes"),
+      of_descriptor("brand/theme/definition/path", "x", invalid, "Brand theme definition must be theme.json"),
+      of_descriptor("brand/theme/files/plain.ttf/path", "x", invalid, "Brand theme files are stored as theme-NAME"),
+      of_descriptor("brand/publisher", "", invalid, "Brand publisher must be 1 to 128 bytes of plain text"),
+      of_descriptor("brand/icon/length", 0, "size_limit", too_long),
+      of_descriptor("other", 1, invalid, other_fields),
+      of_descriptor("schema_version", 2, "unsupported_schema", "Unsupported initial package schema"),
+      of_descriptor("platform", other_platform(), incompatible, "This package is for another platform"),
+      of_descriptor("origin", "https://games.example/", "invalid_origin", other_origin),
+      of_descriptor("root/length", -1, invalid, no_length),
+      of_descriptor("bootstrap_manifest/length", 0, "size_limit", too_long),
+      of_descriptor("launcher_manifest/sha256", "", invalid, no_hash),
+      of_descriptor("ca_bundle/other", 1, invalid, other_fields),
       of_file("root.json", append_byte, changed, changed_resource + "root.json"),
       of_file("bootstrap.json", append_byte, changed, changed_resource + "bootstrap.json"),
       of_file("launcher.json", append_byte, changed, changed_resource + "launcher.json"),

@@ -6,16 +6,14 @@
 //   sample_store seed ROOT MANIFEST ARCHIVE  seeds the store with its first version
 
 #include <cstdint>
-#include <exception>
 #include <filesystem>
-#include <iostream>
 #include <string>
 #include <utility>
 #include <vector>
 
 #include "app/launcher_store.hpp"
-#include "domain/error.hpp"
 #include "platform/files.hpp"
+#include "sample_main.hpp"
 
 namespace ravok {
 namespace {
@@ -46,17 +44,4 @@ int run(const std::vector<std::string>& arguments) {
 }  // namespace
 }  // namespace ravok
 
-int main(int argc, char** argv) {
-  try {
-    return ravok::run({argv + 1, argv + argc});
-  } catch (const ravok::Error& error) {
-    std::cerr << error.code << ": " << error.what() << '\n';
-    return 1;
-  } catch (const std::filesystem::filesystem_error& error) {
-    std::cerr << "file system: " << error.code().message() << '\n';
-    return 2;
-  } catch (const std::exception& error) {
-    std::cerr << "not an Error: " << error.what() << '\n';
-    return 3;
-  }
-}
+int main(int argc, char** argv) { return ravok::testing::sample_main(argc, argv, ravok::run); }
