@@ -71,14 +71,23 @@ struct Level {
   bool is_new = false;
 };
 
+void flush_new_name(int parent) {
+  require(posix_files::sync(parent) == 0, "file_sync",
+          on_this_system("Cannot synchronize new ", " directory ownership"));
+}
+
 // Opens one level below a verified parent, making it where it is missing.
 Level open_or_make_level(int parent, const char* name) {
   Level level{open_at(parent, name)};
   if (!level.directory && errno == ENOENT) {
-    require(mkdirat(parent, name, 0700) == 0, "permissions",
+    level.is_new = mkdirat(parent, name, 0700) == 0;
+    require(level.is_new || errno == EEXIST, "permissions",
             on_this_system("Cannot reserve a new ", " private directory"));
+    if (!level.is_new) {
+      // Another process has just made it: judged like any that was there before, but its name may not be durable.
+      flush_new_name(parent);
+    }
     level.directory = open_at(parent, name);
-    level.is_new = true;
   }
   require(static_cast<bool>(level.directory), "unsafe_path",
           on_this_system("", " directory ancestry is missing or linked"));
@@ -92,8 +101,7 @@ Level open_or_make_level(int parent, const char* name) {
 // Makes a new level private, and its name durable before anything is made inside it.
 void secure_new_level(int parent, int directory) {
   posix_files::secure_new_private(directory, true);
-  require(posix_files::sync(parent) == 0, "file_sync",
-          on_this_system("Cannot synchronize new ", " directory ownership"));
+  flush_new_name(parent);
 }
 
 void tighten(int directory) {

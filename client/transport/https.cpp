@@ -35,15 +35,23 @@ bool has_part(const CURLU* url, CURLUPart part) {
   return answer == CURLUE_OK && text != nullptr;
 }
 
+constexpr const char* no_more = "Service URL must not contain credentials, query, or fragment";
+
 void require_service_url(const std::string& base_url) {
   require(base_url.starts_with(scheme), "https_required", "Ravok service URLs must use HTTPS");
+  // The library reads a text up to its first NUL.
+  require(base_url.find('\0') == std::string::npos, "invalid_url", "Invalid service URL");
   const Url url(curl_url());
   require(url && curl_url_set(url.get(), CURLUPART_URL, base_url.c_str(), 0) == CURLUE_OK, "invalid_url",
           "Invalid service URL");
-  require(has_part(url.get(), CURLUPART_HOST), "invalid_url", "URL must contain a hostname");
+  // The library would look for a host behind any number of slashes.
+  require(base_url[scheme.size()] != '/' && has_part(url.get(), CURLUPART_HOST), "invalid_url",
+          "URL must contain a hostname");
   for (const CURLUPart part : {CURLUPART_USER, CURLUPART_PASSWORD, CURLUPART_QUERY, CURLUPART_FRAGMENT}) {
-    require(!has_part(url.get(), part), "invalid_url", "Service URL must not contain credentials, query, or fragment");
+    require(!has_part(url.get(), part), "invalid_url", no_more);
   }
+  // An empty one of these is none to the library, and would still stand between the base and a path.
+  require(base_url.find_first_of("?#") == std::string::npos, "invalid_url", no_more);
 }
 
 bool is_unreserved(char c) {
@@ -72,8 +80,6 @@ HttpsTransport::HttpsTransport(std::string base_url, std::filesystem::path ca_bu
   initialize_client_runtime();
   require(bytes_per_second_ <= maximum_rate, "download_limit", "Download limit exceeds 1 GiB/s");
   require_library();
-  // The library reads a text up to its first NUL.
-  require(base_url_.find('\0') == std::string::npos, "invalid_url", "Invalid service URL");
   require_service_url(base_url_);
   origin_ = base_url_.substr(0, base_url_.find('/', scheme.size()));
   if (!base_url_.ends_with('/')) {

@@ -38,7 +38,7 @@ void require_signatures(const Json& signatures) {
   }
 }
 
-// A number as the specification of versions writes it: no sign, no leading zero.
+// A number as a version is written: no sign, no leading zero.
 bool is_plain_number(std::string_view text) {
   return !text.empty() && are_digits(text) && (text == "0" || text.front() != '0');
 }

@@ -24,12 +24,13 @@
 #include "support/package_builder.hpp"
 #include "support/snapshot_builder.hpp"
 #include "support/temporary_root.hpp"
+#include "support/theme_builder.hpp"
 
 namespace ravok {
 namespace {
 
 using testing::archive_name;
-using testing::bitmap_file;
+using testing::bitmap;
 using testing::icon_file;
 using testing::InitialPackage;
 using testing::noise;
@@ -1078,11 +1079,11 @@ TEST_F(NativePackageTest, ShowsItsTheme) {
   append_byte(directory / "extra");
   const std::optional<Theme> theme = package_theme(directory, seal);
   ASSERT_TRUE(theme);
-  EXPECT_EQ(theme->panel, (Rgb{0x10, 0x10, 0x10}));
+  EXPECT_EQ(theme->panel, (Rgb{0x02, 0x02, 0x02}));
   EXPECT_EQ(theme->regular_font, package.theme_files.at("plain.ttf"));
   EXPECT_EQ(theme->bold_font, std::nullopt);
   ASSERT_TRUE(theme->icon);
-  EXPECT_EQ(theme->icon->bytes, bitmap_file(3, 2));
+  EXPECT_EQ(theme->icon->bytes, bitmap(3, 2));
   EXPECT_TRUE(theme->icon->pixel_art);
 }
 
@@ -1121,7 +1122,7 @@ TEST_F(PackageThemeTest, HasExactlyTheFilesOfItsDefinition) {
   package.theme_files.erase("more.txt");
   package.theme_files.erase("badge.bmp");
   expect_theme_refused(invalid, differ);
-  package.theme_files["Badge.bmp"] = bitmap_file(3, 2);
+  package.theme_files["Badge.bmp"] = bitmap(3, 2);
   expect_theme_refused(invalid, differ);
 }
 
@@ -1138,9 +1139,9 @@ TEST_F(PackageThemeTest, IsRefusedByItsOwnRules) {
   package.theme_files["plain.ttf"] = "no font";
   expect_theme_refused("invalid_theme", "Theme fonts must be TrueType or OpenType files");
   package.theme_files = good_package().theme_files;
-  package.theme_files["badge.bmp"] = bitmap_file(257, 1);
+  package.theme_files["badge.bmp"] = bitmap(257, 1);
   expect_theme_refused("invalid_theme", "Theme image is larger than 256×256 pixels");
-  package.theme_files["badge.bmp"] = bitmap_file(256, 257);
+  package.theme_files["badge.bmp"] = bitmap(256, 257);
   expect_theme_refused("size_limit", "File exceeds read limit");
   package.theme_files = good_package().theme_files;
   (*package.theme)["schema_version"] = 2;
@@ -1167,7 +1168,7 @@ void fill_theme(InitialPackage& package) {
   for (const char* name : {"a.ttf", "b.ttf", "c.ttf"}) {
     package.theme_files[name] = "true" + std::string(4'194'300, 'f');
   }
-  package.theme_files["banner.bmp"] = bitmap_file(1000, 1000);
+  package.theme_files["banner.bmp"] = bitmap(1000, 1000);
   std::size_t left = 4'194'304 - package.theme_files["banner.bmp"].size();
   for (int i = 0; left > 0; ++i) {
     const std::string name = "notice-" + std::to_string(i) + ".txt";
@@ -1218,7 +1219,7 @@ Fault of_pieces(std::function<void(InitialPackage&)> happen, const std::string& 
 
 Fault of_descriptor(const std::string& pointer, const Json& value, const std::string& code,
                     const std::string& message) {
-  return {Stage::descriptor, [=](Scene& scene) { scene.descriptor[Pointer(pointer)] = value; }, code, message};
+  return {Stage::descriptor, [=](Scene& scene) { scene.descriptor[Pointer("/" + pointer)] = value; }, code, message};
 }
 
 Fault of_file(const std::string& name, void (*happen)(const std::filesystem::path&), const std::string& code,
@@ -1254,19 +1255,19 @@ std::vector<Fault> faults() {
        other_package},
       {Stage::text, [](Scene& scene) { scene.text.insert(1, "\"kind\":1,"); }, "duplicate_key",
        "JSON contains a duplicate object key"},
-      of_descriptor("/featured_game/name", "", invalid, "Featured game name must be 1 to 80 bytes"),
-      of_descriptor("/brand/theme/definition/path", "x", invalid, "Brand theme definition must be theme.json"),
-      of_descriptor("/brand/theme/files/plain.ttf/path", "x", invalid, "Brand theme files are stored as theme-NAME"),
-      of_descriptor("/brand/publisher", "", invalid, "Brand publisher must be 1 to 128 bytes of plain text"),
-      of_descriptor("/brand/icon/length", 0, "size_limit", too_long),
-      of_descriptor("/other", 1, invalid, other_fields),
-      of_descriptor("/schema_version", 2, "unsupported_schema", "Unsupported initial package schema"),
-      of_descriptor("/platform", other_platform(), incompatible, "This package is for another platform"),
-      of_descriptor("/origin", "https://games.example/", "invalid_origin", other_origin),
-      of_descriptor("/root/length", -1, invalid, no_length),
-      of_descriptor("/bootstrap_manifest/length", 0, "size_limit", too_long),
-      of_descriptor("/launcher_manifest/sha256", "", invalid, no_hash),
-      of_descriptor("/ca_bundle/other", 1, invalid, other_fields),
+      of_descriptor("featured_game/name", "", invalid, "Featured game name must be 1 to 80 bytes"),
+      of_descriptor("brand/theme/definition/path", "x", invalid, "Brand theme definition must be theme.json"),
+      of_descriptor("brand/theme/files/plain.ttf/path", "x", invalid, "Brand theme files are stored as theme-NAME"),
+      of_descriptor("brand/publisher", "", invalid, "Brand publisher must be 1 to 128 bytes of plain text"),
+      of_descriptor("brand/icon/length", 0, "size_limit", too_long),
+      of_descriptor("other", 1, invalid, other_fields),
+      of_descriptor("schema_version", 2, "unsupported_schema", "Unsupported initial package schema"),
+      of_descriptor("platform", other_platform(), incompatible, "This package is for another platform"),
+      of_descriptor("origin", "https://games.example/", "invalid_origin", other_origin),
+      of_descriptor("root/length", -1, invalid, no_length),
+      of_descriptor("bootstrap_manifest/length", 0, "size_limit", too_long),
+      of_descriptor("launcher_manifest/sha256", "", invalid, no_hash),
+      of_descriptor("ca_bundle/other", 1, invalid, other_fields),
       of_file("root.json", append_byte, changed, changed_resource + "root.json"),
       of_file("bootstrap.json", append_byte, changed, changed_resource + "bootstrap.json"),
       of_file("launcher.json", append_byte, changed, changed_resource + "launcher.json"),

@@ -8,11 +8,14 @@
 #include <gtest/gtest.h>
 
 #include "support/failure.hpp"
+#include "support/launcher_builder.hpp"
 #include "support/manifest_builder.hpp"
 
 namespace ravok {
 namespace {
 
+using testing::as_launcher;
+using testing::launcher_helper;
 using testing::manifest_document;
 using testing::ManifestFile;
 
@@ -34,25 +37,10 @@ constexpr const char* unclaimed = "Every native helper needs declared lifetime o
 constexpr const char* malformed = "Launcher manifest has missing or malformed fields";
 constexpr const char* bad_process = "Launcher health needs its exact native process and interface";
 
-Json helper(const std::string& path) { return {{"path", path}, {"role", "maintenance"}, {"lease_abi", 1}}; }
-
 // Names these files behind the two entry points, and these helpers.
 Json launcher_document(std::vector<ManifestFile> files, const std::vector<std::string>& helpers) {
   files.insert(files.begin(), {"bin/window", 5, 0755});
-  Json document = manifest_document(files);
-  document["kind"] = "ravok-launcher-release";
-  document["bootstrap_abi"] = 1;
-  document["health_abi"] = 1;
-  document["application_schema"] = {{"minimum", 1}, {"maximum", 1}};
-  document["runtime_lease_abi"] = 2;
-  document["staging_abi"] = 1;
-  document["console_interrupt_abi"] = 1;
-  document["gui_executable"] = "bin/window";
-  document["runtime_helpers"] = Json::array();
-  for (const std::string& path : helpers) {
-    document["runtime_helpers"].push_back(helper(path));
-  }
-  return document;
+  return as_launcher(manifest_document(files), helpers);
 }
 
 Json full_document() {

@@ -10,9 +10,7 @@
 
 #include <cerrno>
 #include <cstdint>
-#include <exception>
 #include <filesystem>
-#include <iostream>
 #include <optional>
 #include <sstream>
 #include <string>
@@ -21,10 +19,10 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "domain/error.hpp"
 #include "platform/allocated_file.hpp"
 #include "platform/atomic_commit.hpp"
 #include "platform/files.hpp"
+#include "sample_main.hpp"
 
 namespace ravok {
 namespace {
@@ -124,14 +122,4 @@ int run(const std::vector<std::string>& arguments) {
 }  // namespace
 }  // namespace ravok
 
-int main(int argc, char** argv) {
-  try {
-    return ravok::run({argv + 1, argv + argc});
-  } catch (const ravok::Error& error) {
-    std::cerr << error.code << ": " << error.what() << '\n';
-    return 1;
-  } catch (const std::exception& error) {
-    std::cerr << "not an Error: " << error.what() << '\n';
-    return 3;
-  }
-}
+int main(int argc, char** argv) { return ravok::testing::sample_main(argc, argv, ravok::run); }

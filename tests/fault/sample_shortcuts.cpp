@@ -5,14 +5,13 @@
 //   sample_shortcuts remove ROOT                   prints "removed PATH" and "changed PATH"
 //   sample_shortcuts restore ROOT BOOTSTRAP        prints "made PATH"
 
-#include <exception>
 #include <filesystem>
 #include <iostream>
 #include <string>
 #include <vector>
 
-#include "domain/error.hpp"
 #include "platform/shortcuts.hpp"
+#include "sample_main.hpp"
 
 namespace ravok {
 namespace {
@@ -42,14 +41,4 @@ int run(const std::vector<std::string>& arguments) {
 }  // namespace
 }  // namespace ravok
 
-int main(int argc, char** argv) {
-  try {
-    return ravok::run({argv + 1, argv + argc});
-  } catch (const ravok::Error& error) {
-    std::cerr << error.code << ": " << error.what() << '\n';
-    return 1;
-  } catch (const std::exception& error) {
-    std::cerr << "not an Error: " << error.what() << '\n';
-    return 3;
-  }
-}
+int main(int argc, char** argv) { return ravok::testing::sample_main(argc, argv, ravok::run); }

@@ -8,14 +8,11 @@
 //   sample_snapshot abandon MANIFEST HOME            removes what both records bind, and then the records
 
 #include <cstdint>
-#include <exception>
 #include <filesystem>
-#include <iostream>
 #include <string>
 #include <vector>
 
 #include "domain/crypto.hpp"
-#include "domain/error.hpp"
 #include "domain/game_manifest.hpp"
 #include "domain/json.hpp"
 #include "platform/file_status.hpp"
@@ -24,6 +21,7 @@
 #include "platform/reserved_tree.hpp"
 #include "platform/snapshot_archive.hpp"
 #include "platform/tree.hpp"
+#include "sample_main.hpp"
 
 namespace ravok {
 namespace {
@@ -119,17 +117,4 @@ int run(const std::vector<std::string>& arguments) {
 }  // namespace
 }  // namespace ravok
 
-int main(int argc, char** argv) {
-  try {
-    return ravok::run({argv + 1, argv + argc});
-  } catch (const ravok::Error& error) {
-    std::cerr << error.code << ": " << error.what() << '\n';
-    return 1;
-  } catch (const std::filesystem::filesystem_error& error) {
-    std::cerr << "file system: " << error.code().message() << '\n';
-    return 2;
-  } catch (const std::exception& error) {
-    std::cerr << "not an Error: " << error.what() << '\n';
-    return 3;
-  }
-}
+int main(int argc, char** argv) { return ravok::testing::sample_main(argc, argv, ravok::run); }

@@ -189,7 +189,7 @@ TEST_F(PosixFilesFault, PrivateDirectoryNamesTheStepThatFailedAndMakesNothing) {
       {failing("anchor", EMFILE), "unsafe_path", "Cannot anchor Linux directory ancestry"},
       {failing("openat", EMFILE, levels_ + 1), "unsafe_path", "Linux directory ancestry is missing or linked"},
       {failing("mkdirat", ENOSPC), "permissions", "Cannot reserve a new Linux private directory"},
-      {failing("mkdirat", EEXIST), "permissions", "Cannot reserve a new Linux private directory"},
+      {failing("mkdirat", EEXIST), "unsafe_path", "Linux directory ancestry is missing or linked"},
   };
   for (const auto& step : steps) {
     const Planned set(step.plan);

@@ -1,11 +1,13 @@
 #include "platform/posix_files.hpp"
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <cstdint>
 #include <cstring>
 #include <limits>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -459,6 +461,24 @@ TEST_F(PosixFiles, PrivateDirectoryNewWalksAtMost128ParentLevels) {
   EXPECT_NO_THROW(private_directory_new(deep_path(root_.path(), 129)));
   EXPECT_FAILURE(private_directory_new(deep_path(root_.path(), 130)), "size_limit",
                  "New private directory ancestry exceeds its bound");
+}
+
+TEST(PrivateDirectory, IsMadeByAllWhoAskForItAtOnce) {
+  constexpr int rounds = 200;
+  const TemporaryRoot root;
+  std::atomic<int> refused{0};
+  std::vector<std::thread> askers;
+  for (int i = 0; i < 4; ++i) {
+    askers.emplace_back([&] {
+      for (int round = 0; round < rounds; ++round) {
+        refused += testing::failure_of([&] { private_directory(root / (std::to_string(round) + "/a/b")); }) ? 1 : 0;
+      }
+    });
+  }
+  for (std::thread& asker : askers) {
+    asker.join();
+  }
+  EXPECT_EQ(refused, 0);
 }
 
 }  // namespace

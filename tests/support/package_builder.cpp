@@ -12,6 +12,7 @@
 #include "platform/native_platform.hpp"
 #include "support/snapshot_builder.hpp"
 #include "support/temporary_root.hpp"
+#include "support/theme_builder.hpp"
 
 namespace ravok::testing {
 namespace {
@@ -87,10 +88,12 @@ void set_archive(Json& manifest, std::string& archive, std::string bytes) {
   manifest["archive"]["sha256"] = digest(archive, "sha256");
 }
 
-void put_number(std::string& bytes, std::size_t offset, std::size_t size, std::uint32_t number) {
-  for (std::size_t i = 0; i < size; ++i) {
-    bytes[offset + i] = static_cast<char>(number >> (8 * i) & 255);
-  }
+// A theme with one font and one image.
+Json theme_of(const std::string& font, const std::string& icon) {
+  Json definition = theme_definition();
+  definition["fonts"] = {{"regular", font}};
+  definition["images"] = {{"icon", {{"file", icon}, {"pixel_art", true}}}};
+  return definition;
 }
 
 }  // namespace
@@ -104,8 +107,8 @@ InitialPackage::InitialPackage()
       launcher_archive(launcher_release().archive),
       brand({{"name", "Acme Games"}, {"id", "acme"}, {"publisher", "Acme"}}),
       icon(icon_file(64)),
-      theme(theme_definition("plain.ttf", "badge.bmp")),
-      theme_files({{"plain.ttf", std::string("\0\1\0\0font", 8)}, {"badge.bmp", bitmap_file(3, 2)}}),
+      theme(theme_of("plain.ttf", "badge.bmp")),
+      theme_files({{"plain.ttf", font_file()}, {"badge.bmp", bitmap(3, 2)}}),
       featured_game({{"id", "first-game"}, {"name", "The First Game"}}) {
   sign_root();
 }
@@ -201,34 +204,6 @@ std::string icon_file(std::size_t size) {
   std::string bytes("\0\0\1\0", 4);
   bytes.resize(size, 'i');
   return bytes;
-}
-
-std::string bitmap_file(std::uint32_t width, std::uint32_t height) {
-  constexpr std::uint32_t header_bytes = 54;
-  std::string bytes(header_bytes + (width * 3 + 3) / 4 * 4 * height, '\0');
-  bytes.replace(0, 2, "BM");
-  put_number(bytes, 2, 4, static_cast<std::uint32_t>(bytes.size()));
-  put_number(bytes, 10, 4, header_bytes);
-  put_number(bytes, 14, 4, 40);
-  put_number(bytes, 18, 4, width);
-  put_number(bytes, 22, 4, height);
-  put_number(bytes, 26, 2, 1);
-  put_number(bytes, 28, 2, 24);
-  return bytes;
-}
-
-Json theme_definition(const std::string& font, const std::string& icon) {
-  return {{"schema_version", 1},
-          {"kind", "ravok-theme"},
-          {"colors", {{"background", "#000000"},  {"panel", "#101010"},    {"raised", "#181818"},
-                      {"well", "#000000"},        {"border", "#808080"},   {"text", "#ffffff"},
-                      {"muted", "#c0c0c0"},       {"accent", "#0000c0"},   {"accent_hover", "#0000d0"},
-                      {"accent_text", "#ffffff"}, {"danger", "#a00000"},   {"danger_hover", "#b00000"},
-                      {"danger_text", "#ffffff"}, {"warning", "#ffff00"},  {"success", "#00ff00"},
-                      {"focus", "#ffff00"},       {"disabled", "#303030"}, {"disabled_text", "#808080"},
-                      {"paper", "#000000"},       {"ink", "#ffffff"},      {"ink_muted", "#c0c0c0"}}},
-          {"fonts", {{"regular", font}}},
-          {"images", {{"icon", {{"file", icon}, {"pixel_art", true}}}}}};
 }
 
 }  // namespace ravok::testing

@@ -65,10 +65,4 @@ std::string write_descriptor(const std::filesystem::path& directory, std::string
 // An icon file of so many bytes, at least 4.
 std::string icon_file(std::size_t size);
 
-// A bitmap of 24 bits a pixel.
-std::string bitmap_file(std::uint32_t width, std::uint32_t height);
-
-// A theme's definition in readable colours, which names these files as its regular font and its icon.
-Json theme_definition(const std::string& font, const std::string& icon);
-
 }  // namespace ravok::testing
