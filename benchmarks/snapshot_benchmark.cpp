@@ -18,6 +18,7 @@
 
 #include "app/publish_snapshot.hpp"
 #include "bare_digest.hpp"
+#include "bare_extraction.hpp"
 #include "platform/files.hpp"
 #include "platform/snapshot_archive.hpp"
 #include "platform/snapshot_tree.hpp"
@@ -29,25 +30,10 @@ namespace {
 using ravok::SnapshotManifest;
 using ravok::benchmarks::BareDigest;
 using ravok::benchmarks::check;
-using ravok::benchmarks::piece_bytes;
+using ravok::benchmarks::extract_bare;
+using ravok::benchmarks::file_paths;
 using ravok::benchmarks::Scratch;
-
-// Content of which about a half compresses away.
-void write_content(const std::filesystem::path& path, std::uint64_t length, std::uint32_t seed) {
-  std::filesystem::create_directories(path.parent_path());
-  std::ofstream file(path, std::ios::binary);
-  std::uint32_t state = seed * 2654435761u + 1;
-  std::string piece(4096, '\0');
-  for (std::uint64_t written = 0; written < length; written += piece.size()) {
-    for (std::size_t i = 0; i < piece.size(); i += 2) {
-      state = state * 1664525u + 1013904223u;
-      piece[i] = static_cast<char>(state >> 24);
-    }
-    file.write(piece.data(), static_cast<std::streamsize>(piece.size()));
-  }
-  file.close();
-  check(file.good() && chmod(path.c_str(), 0644) == 0);
-}
+using ravok::benchmarks::write_content;
 
 // A published tree, made once and warm.
 struct Sample {
@@ -123,14 +109,6 @@ const Sample& real_sample() {
   return sample;
 }
 
-std::vector<std::string> file_paths(const Sample& sample, const std::filesystem::path& root) {
-  std::vector<std::string> paths;
-  for (const auto& [path, file] : sample.manifest.files) {
-    paths.push_back(root / path);
-  }
-  return paths;
-}
-
 void verify(benchmark::State& state, const Sample& sample) {
   for (auto _ : state) {
     ravok::verify_snapshot_tree(sample.manifest, sample.tree(), {});
@@ -138,7 +116,7 @@ void verify(benchmark::State& state, const Sample& sample) {
 }
 
 void digest_all(benchmark::State& state, const Sample& sample) {
-  const std::vector<std::string> paths = file_paths(sample, sample.tree());
+  const std::vector<std::string> paths = file_paths(sample.manifest, sample.tree());
   BareDigest digest;
   for (auto _ : state) {
     for (const std::string& path : paths) {
@@ -156,98 +134,13 @@ void extract(benchmark::State& state, const Sample& sample) {
   }
 }
 
-// The bytes of an archive's only frame, decoded as they are asked for.
-class BareDecoder {
- public:
-  explicit BareDecoder(const std::filesystem::path& archive) : file_(open(archive.c_str(), O_RDONLY | O_CLOEXEC)) {}
-  ~BareDecoder() { close(file_); }
-  BareDecoder(const BareDecoder&) = delete;
-  BareDecoder& operator=(const BareDecoder&) = delete;
-
-  // Returns at most `most` of the next bytes.
-  std::string_view next(std::size_t most) {
-    while (taken_ == decoded_) {
-      if (input_.pos == input_.size) {
-        const ssize_t count = read(file_, in_.data(), in_.size());
-        check(count > 0);
-        input_ = {in_.data(), static_cast<std::size_t>(count), 0};
-      }
-      ZSTD_outBuffer output = {out_.data(), out_.size(), 0};
-      check(ZSTD_isError(ZSTD_decompressStream(context_.get(), &output, &input_)) == 0);
-      taken_ = 0;
-      decoded_ = output.pos;
-    }
-    const std::size_t size = std::min(most, decoded_ - taken_);
-    taken_ += size;
-    return {out_.data() + taken_ - size, size};
-  }
-
-  void take(char* bytes, std::size_t size) {
-    while (size > 0) {
-      const std::string_view piece = next(size);
-      piece.copy(bytes, piece.size());
-      bytes += piece.size();
-      size -= piece.size();
-    }
-  }
-
- private:
-  struct Release {
-    void operator()(ZSTD_DCtx* context) const { ZSTD_freeDCtx(context); }
-  };
-  int file_;
-  std::unique_ptr<ZSTD_DCtx, Release> context_{ZSTD_createDCtx()};
-  std::vector<char> in_ = std::vector<char>(piece_bytes);
-  std::vector<char> out_ = std::vector<char>(piece_bytes);
-  ZSTD_inBuffer input_ = {nullptr, 0, 0};
-  std::size_t taken_ = 0;
-  std::size_t decoded_ = 0;
-};
-
-void write_whole(int file, std::string_view bytes) {
-  check(write(file, bytes.data(), bytes.size()) == static_cast<ssize_t>(bytes.size()));
-}
-
-// What cannot be left out: the archive is digested and decoded, each file is written and flushed, and
-// then digested twice.
-void extract_bare(const Sample& sample, BareDigest& digest) {
-  digest.file(sample.archive.c_str());
-  BareDecoder decoder(sample.archive);
-  check(mkdir(sample.staging().c_str(), 0700) == 0);
-  std::array<char, 512> header;
-  for (;;) {
-    decoder.take(header.data(), header.size());
-    if (header[0] == '\0') {
-      break;
-    }
-    const std::filesystem::path path = sample.staging() / header.data();
-    std::uint64_t left = std::strtoull(std::string(header.data() + 124, 12).c_str(), nullptr, 8);
-    const std::uint64_t padding = (512 - left % 512) % 512;
-    if (mkdir(path.parent_path().c_str(), 0700) != 0) {
-      std::filesystem::create_directories(path.parent_path());
-    }
-    const int file = open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
-    while (left > 0) {
-      const std::string_view bytes = decoder.next(std::min<std::uint64_t>(left, piece_bytes));
-      write_whole(file, bytes);
-      left -= bytes.size();
-    }
-    check(fsync(file) == 0 && close(file) == 0);
-    digest.file(path.c_str());
-    decoder.take(header.data(), padding);
-  }
-  for (const std::string& path : file_paths(sample, sample.staging())) {
-    digest.file(path.c_str());
-  }
-}
-
 void extract_yardstick(benchmark::State& state, const Sample& sample) {
   BareDigest digest;
   for (auto _ : state) {
     state.PauseTiming();
     sample.clear_staging();
     state.ResumeTiming();
-    extract_bare(sample, digest);
+    extract_bare(sample.archive, sample.staging(), file_paths(sample.manifest, sample.staging()), digest);
   }
 }
 

@@ -1,0 +1,193 @@
+// A product of 300 MB in 3,000 files: installed, looked at, and repaired where nothing is to be repaired.
+
+#include <cstdint>
+#include <cstdlib>
+#include <filesystem>
+#include <string>
+#include <vector>
+
+#include <benchmark/benchmark.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "app/native_install.hpp"
+#include "app/publish_key.hpp"
+#include "app/publish_package.hpp"
+#include "app/publish_root.hpp"
+#include "app/publish_snapshot.hpp"
+#include "bare_digest.hpp"
+#include "bare_extraction.hpp"
+#include "platform/native_platform.hpp"
+#include "processes.hpp"
+#include "scratch.hpp"
+
+namespace {
+
+using ravok::benchmarks::BareDigest;
+using ravok::benchmarks::check;
+using ravok::benchmarks::extract_bare;
+using ravok::benchmarks::file_paths;
+using ravok::benchmarks::run;
+using ravok::benchmarks::Scratch;
+using ravok::benchmarks::write_content;
+
+constexpr int bootstrap_files = 100;
+constexpr int launcher_files = 2900;
+constexpr std::uint64_t file_bytes = 102'400;
+
+// A published product, and one data folder in which it is installed.
+class Product {
+ public:
+  Product() {
+    setenv("HOME", scratch_.path().c_str(), 1);
+    unsetenv("XDG_DATA_HOME");
+    const std::filesystem::path bootstrap =
+        snapshot(ravok::SnapshotKind::bootstrap, "bootstrap", {"bin/ravok-bootstrap"}, bootstrap_files);
+    const std::filesystem::path launcher =
+        snapshot(ravok::SnapshotKind::launcher, "launcher", {"bin/launcher", "bin/launcher-gui"}, launcher_files);
+    ravok::publish_key(scratch_.path() / "key", "ed25519");
+    const ravok::RolePublication role = {{scratch_.path() / "key"}, 1};
+    ravok::publish_root({scratch_.path() / "root.json", "2090-01-01T00:00:00Z", role, role, role, role});
+    ravok::PackagePublication publication;
+    publication.output = directory();
+    publication.bootstrap_manifest = bootstrap;
+    publication.launcher_manifest = launcher;
+    publication.root = scratch_.path() / "root.json";
+    publication.origin = "https://updates.example.com";
+    seal = ravok::publish_package(publication, {}).seal;
+    package = ravok::read_native_package(directory(), seal, {});
+    install(installed());
+  }
+
+  std::filesystem::path directory() const { return scratch_.path() / "package"; }
+  std::filesystem::path installed() const { return scratch_.path() / "installed"; }
+  std::filesystem::path fresh() const { return scratch_.path() / "fresh"; }
+
+  void clear_fresh() const {
+    std::filesystem::remove_all(fresh());
+    sync();
+  }
+
+  void install(const std::filesystem::path& data_root) const {
+    ravok::NativeInstaller::install({directory(), data_root, false, false}, seal, {});
+  }
+
+  void digest_package(BareDigest& digest) const {
+    for (const auto& entry : std::filesystem::directory_iterator(directory())) {
+      digest.file(entry.path().c_str());
+    }
+  }
+
+  std::string seal;
+  ravok::NativePackage package;
+
+ private:
+  std::filesystem::path snapshot(ravok::SnapshotKind kind, const std::string& name,
+                                 const std::vector<std::string>& programs, int files) const {
+    const std::filesystem::path tree = scratch_.path() / name;
+    for (const std::string& program : programs) {
+      write_content(tree / program, file_bytes, 1);
+      check(chmod((tree / program).c_str(), 0755) == 0);
+    }
+    for (int i = 0; i < files - static_cast<int>(programs.size()); ++i) {
+      write_content(tree / ("data/" + std::to_string(i / 100)) / ("file-" + std::to_string(i)), file_bytes,
+                    static_cast<std::uint32_t>(i));
+    }
+    ravok::SnapshotPublication publication;
+    publication.kind = kind;
+    publication.tree = tree;
+    publication.output = scratch_.path();
+    publication.build_id = "sample";
+    publication.platform = ravok::native_platform();
+    publication.executable = programs.front();
+    publication.gui_executable = programs.size() > 1 ? programs.back() : "";
+    publication.level = 1;
+    return ravok::publish_snapshot(publication, {}).manifest;
+  }
+
+  Scratch scratch_;
+};
+
+const Product& product() {
+  static const Product made;
+  return made;
+}
+
+void install(benchmark::State& state) {
+  for (auto _ : state) {
+    state.PauseTiming();
+    product().clear_fresh();
+    state.ResumeTiming();
+    product().install(product().fresh());
+  }
+}
+
+// The package is digested; each archive is digested again and unpacked, and its files are digested once as they
+// are written and twice as a whole.
+void install_yardstick(benchmark::State& state) {
+  const ravok::NativePackage& package = product().package;
+  BareDigest digest;
+  for (auto _ : state) {
+    state.PauseTiming();
+    product().clear_fresh();
+    state.ResumeTiming();
+    product().digest_package(digest);
+    check(mkdir(product().fresh().c_str(), 0700) == 0);
+    const auto unpack = [&](const ravok::SnapshotManifest& manifest, const std::filesystem::path& archive,
+                            const char* name) {
+      const std::filesystem::path staging = product().fresh() / name;
+      const std::vector<std::string> files = file_paths(manifest, staging);
+      extract_bare(archive, staging, files, digest);
+      for (const std::string& file : files) {
+        digest.file(file.c_str());
+      }
+    };
+    unpack(package.bootstrap, package.bootstrap_archive(), "bootstrap");
+    unpack(package.launcher, package.launcher_archive(), "launcher");
+  }
+}
+
+void repair_intact(benchmark::State& state) {
+  for (auto _ : state) {
+    ravok::NativeInstaller::install({product().directory(), product().installed(), true, false}, product().seal, {});
+  }
+}
+
+// The package, and the installed files.
+void repair_intact_yardstick(benchmark::State& state) {
+  const ravok::NativePackage& package = product().package;
+  std::vector<std::string> files = file_paths(package.bootstrap, product().installed() / "native/bootstrap");
+  for (const auto& version : std::filesystem::directory_iterator(product().installed() / "launcher/versions")) {
+    for (const std::string& file : file_paths(package.launcher, version.path())) {
+      files.push_back(file);
+    }
+  }
+  BareDigest digest;
+  for (auto _ : state) {
+    product().digest_package(digest);
+    for (const std::string& file : files) {
+      digest.file(file.c_str());
+    }
+  }
+}
+
+void maintenance_status(benchmark::State& state) {
+  for (auto _ : state) {
+    run(RAVOK_MAINTENANCE, {"status", "--data-dir", product().installed()});
+  }
+}
+
+void maintenance_status_yardstick(benchmark::State& state) {
+  for (auto _ : state) {
+    run(RAVOK_EMPTY_PROGRAM, {});
+  }
+}
+
+BENCHMARK(install)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(install_yardstick)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(repair_intact)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(repair_intact_yardstick)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(maintenance_status)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(maintenance_status_yardstick)->Unit(benchmark::kMillisecond)->UseRealTime();
+
+}  // namespace
