@@ -19,6 +19,7 @@ namespace {
 
 using testing::InstallPlace;
 using testing::manifest_document;
+using testing::same_tree;
 using testing::TreeState;
 using testing::utc_text;
 
@@ -227,7 +228,7 @@ TEST_F(InstallationRecord, OfASetupThatCannotBeWrittenIsPassedOver) {
   std::filesystem::create_symlink("elsewhere", paths.status_record);
   const TreeState before = place.state();
   write_status(paths, "repair", "failed", "message");
-  EXPECT_EQ(place.state(), before);
+  EXPECT_TRUE(same_tree(place.state(), before));
   std::filesystem::remove(paths.status_record);
   place.write("native/setup-status.json", "former");
   write_status(paths, "repair", "failed", "not UTF-8: \xff");
@@ -356,7 +357,7 @@ TEST_F(InstallationRecord, StatusOfAnInstallationTellsAllThatIsKnown) {
                                       {"outcome", "failed"},
                                       {"message", "It went wrong"},
                                       {"finished_at", "2030-01-31T23:59:59Z"}}}}));
-  EXPECT_EQ(place.state(), before);
+  EXPECT_TRUE(same_tree(place.state(), before));
 }
 
 TEST_F(InstallationRecord, StatusTakesNoLock) {
@@ -470,7 +471,7 @@ TEST_F(InstallationRecord, ExistingStoreMakesNothing) {
   const TreeState before = place.state();
   EXPECT_FAILURE(LauncherStore::existing(paths.root), "unsafe_path", no_directory);
   EXPECT_FAILURE(LauncherStore::existing(paths.root, true), "unsafe_path", no_directory);
-  EXPECT_EQ(place.state(), before);
+  EXPECT_TRUE(same_tree(place.state(), before));
 }
 
 TEST_F(InstallationRecord, ExistingStoreNeedsEachOfItsRecordsFolders) {
@@ -493,7 +494,7 @@ TEST_F(InstallationRecord, ExistingStoreOfAnInterruptedSetupIsOpenedOnlyOnReques
       "Ravok setup did not finish in " + paths.root.native() + ". Run the Ravok installer again to repair it.");
   EXPECT_EQ(LauncherStore::existing(paths.root, true)->store(), paths.launcher);
   EXPECT_TRUE(LauncherStore::existing(paths.root, true)->status().at("candidate").is_null());
-  EXPECT_EQ(place.state(), before);
+  EXPECT_TRUE(same_tree(place.state(), before));
   std::filesystem::remove(paths.incomplete_marker);
   EXPECT_NO_THROW(LauncherStore::existing(paths.root));
 }

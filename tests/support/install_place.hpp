@@ -7,6 +7,8 @@
 #include <string>
 #include <string_view>
 
+#include <unistd.h>
+
 #include "app/data_folder.hpp"
 #include "app/native_install.hpp"
 #include "platform/shortcuts.hpp"
@@ -98,7 +100,13 @@ class InstallPlace {
     return NativeInstaller::install(request, seal_, callbacks);
   }
 
-  const TemporaryRoot root_;
+  // In memory where that can be had: setup flushes all that it writes.
+  static std::filesystem::path base() {
+    const std::filesystem::path memory = "/dev/shm";
+    return access(memory.c_str(), W_OK | X_OK) == 0 ? memory : std::filesystem::temp_directory_path();
+  }
+
+  const TemporaryRoot root_{base()};
   const WithEnvironment home_{"HOME", root_.directory("home").native()};
   const WithEnvironment data_home_{"XDG_DATA_HOME", std::nullopt};
   const DataPaths paths_{root_ / "data"};

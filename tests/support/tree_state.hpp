@@ -7,8 +7,10 @@
 #include <map>
 #include <sstream>
 #include <string>
-#include <string_view>
+#include <system_error>
 #include <vector>
+
+#include <gtest/gtest.h>
 
 #include "platform/file_status.hpp"
 
@@ -54,6 +56,22 @@ inline TreeState without(TreeState state, const std::vector<std::string>& paths)
 inline TreeState only(TreeState state, const std::string& path) {
   std::erase_if(state, [&](const auto& node) { return node.first != path && !node.first.starts_with(path + "/"); });
   return state;
+}
+
+// Succeeds when both states are the same, and otherwise names what differs.
+inline ::testing::AssertionResult same_tree(const TreeState& actual, const TreeState& expected) {
+  std::string differences;
+  const auto look = [&](const TreeState& first, const TreeState& second, const char* words) {
+    for (const auto& [path, node] : first) {
+      const auto other = second.find(path);
+      if (other == second.end() || other->second != node) {
+        differences += "\n" + std::string(words) + path + ": " + node.substr(0, 200);
+      }
+    }
+  };
+  look(actual, expected, "is       ");
+  look(expected, actual, "expected ");
+  return differences.empty() ? ::testing::AssertionSuccess() : ::testing::AssertionFailure() << differences;
 }
 
 }  // namespace ravok::testing
