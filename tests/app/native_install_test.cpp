@@ -406,6 +406,15 @@ TEST_F(NativeInstall, RefusesAFileInPlaceOfAFolder) {
   EXPECT_EQ(place.root().read("data"), "a file");
 }
 
+TEST_F(NativeInstall, RefusesAFolderBehindALink) {
+  place.root().directory("elsewhere");
+  const OrdinaryUser user(place.root());
+  std::filesystem::create_directory_symlink("elsewhere", place.root() / "link");
+  EXPECT_FAILURE(NativeInstaller::install({place.package_directory(), place.root() / "link/data"}, place.seal(), {}),
+                 "unsafe_path", "Linux directory ancestry is missing or linked");
+  EXPECT_TRUE(same_tree(tree_state(place.root() / "elsewhere"), TreeState()));
+}
+
 TEST_F(NativeInstall, TakesAnEmptyFolder) {
   std::filesystem::create_directory(data);
   EXPECT_NO_THROW(place.install());
@@ -450,6 +459,31 @@ TEST_F(NativeInstall, FailsAtOnceWhileAnotherSetupRuns) {
   EXPECT_FAILURE(place.install(), "busy", busy_words);
   EXPECT_TRUE(same_tree(place.state(), before));
   EXPECT_TRUE(same_tree(place.player_data(), player));
+}
+
+TEST_F(NativeInstall, TakesTheSetupLockFirst) {
+  place.write_player_data();
+  const NativeFileLock other(paths.setup_lock, true, NativeLockSharing::others, LockMode::exclusive);
+  const NativeFileLock client(paths.bootstrap_lock, true, NativeLockSharing::none, LockMode::shared);
+  const TreeState before = place.state();
+  EXPECT_FAILURE(place.install(), "busy", busy_words);
+  EXPECT_TRUE(same_tree(place.state(), before));
+}
+
+TEST_F(NativeInstall, MakesItsShortcutWithoutALock) {
+  place.package.featured_game.reset();
+  place.republish();
+  bool held = true;
+  // The first new file is the launcher's manifest, the second the shortcut.
+  const Planned plan(meanwhile(
+      "link",
+      [&] {
+        EXPECT_TRUE(std::filesystem::is_directory(place.entry().parent_path()));
+        held = is_locked(paths.setup_lock) || is_locked(paths.bootstrap_lock);
+      },
+      2));
+  EXPECT_EQ(place.install(true).shortcuts, Paths{place.entry()});
+  EXPECT_FALSE(held);
 }
 
 TEST_F(NativeInstall, RecordsARepairThatFoundAnotherSetup) {
@@ -616,6 +650,28 @@ TEST_F(NativeInstall, IsLastAskedBeforeAnythingIsChanged) {
   EXPECT_GE(untouched.size(), 5u);
   EXPECT_EQ(std::count(untouched.begin(), untouched.end(), false), 0);
   EXPECT_FALSE(same_tree(lasting(), before));
+}
+
+TEST_F(NativeInstall, IsAskedBehindEachPartThatItPrepares) {
+  const auto prepared = [&](const char* path) { return std::filesystem::exists(paths.staging / path); };
+  bool behind_bootstrap = false;
+  bool behind_launcher = false;
+  bool behind_trust = false;
+  bool reported = false;
+  place.callbacks.progress = [&](std::string_view, std::uint64_t, std::uint64_t) { reported = true; };
+  place.callbacks.cancelled = [&] {
+    if (!std::exchange(reported, false)) {
+      const bool launcher = prepared("launcher-root/launcher/installation.json");
+      behind_bootstrap = behind_bootstrap || (prepared("bootstrap/data/notes") && !prepared("launcher-root"));
+      behind_launcher = behind_launcher || (launcher && !prepared("trust"));
+      behind_trust = behind_trust || (launcher && prepared("trust/root.json"));
+    }
+    return false;
+  };
+  place.install();
+  EXPECT_TRUE(behind_bootstrap);
+  EXPECT_TRUE(behind_launcher);
+  EXPECT_TRUE(behind_trust);
 }
 
 TEST_F(NativeInstall, CancelledRepairKeepsAllAndIsRecorded) {
@@ -796,7 +852,7 @@ TEST_F(NativeInstall, RepairRemovesOldImagesBeforeItVerifies) {
   EXPECT_TRUE(same_tree(lasting(), good));
 }
 
-TEST_F(NativeInstall, RepairRemovesOldImagesOfABootstrapThatItKeepsAlone) {
+TEST_F(NativeInstall, RepairRemovesNothingElseThatLooksOld) {
   place.install();
   place.write("launcher/downloads/part.old", "kept");
   place.write("native/bootstrap/data/notes.older", "not old");
