@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <ctime>
 #include <filesystem>
 #include <functional>
@@ -713,6 +714,56 @@ TEST_F(NativeInstall, CancelledRepairKeepsAllAndIsRecorded) {
   EXPECT_LT(recorded, all);
   place.callbacks = {};
   EXPECT_EQ(place.repair().replaced, all_parts);
+}
+
+TEST_F(NativeInstall, RecordsAFailedRepairWithoutALock) {
+  place.install();
+  const FileLock game(paths.launcher / "leases/versions/game", false, LockMode::shared);
+  bool held = true;
+  const Planned plan(meanwhile("rename", [&] {
+    EXPECT_TRUE(place.state().contains("native/setup-status.json"));
+    held = is_locked(paths.setup_lock) || is_locked(paths.bootstrap_lock);
+  }));
+  EXPECT_FAILURE(place.repair(), "ravok_running", running_words);
+  EXPECT_EQ(plan.count("rename"), 1);
+  EXPECT_FALSE(held);
+}
+
+// Whichever call fails, the folder is as it was, or says that it must be repaired, or is whole.
+TEST_F(NativeInstall, ThatFailsAnywhereKeepsThePlayersDataAndAKnownState) {
+  const TreeState player = place.write_player_data();
+  for (const char* call : {"open", "openat", "create", "rename", "mkdirat", "fsync"}) {
+    int unchanged = 0;
+    int known = 0;
+    for (int count = 1;; ++count) {
+      const auto [failed, happened] = [&] {
+        const Planned plan(testing::failing(call, EIO, count));
+        const bool failure = failure_of([&] { place.install(); }).has_value();
+        return std::make_pair(failure, plan.happened());
+      }();
+      const NativeInstallStatus status = NativeInstaller::status(data);
+      EXPECT_TRUE(same_tree(place.player_data(), player)) << call << count;
+      EXPECT_TRUE(failed || status.installed) << call << count;
+      if (failed && !status.installed && !status.incomplete) {
+        ++unchanged;
+        EXPECT_TRUE(same_tree(place.state(), player)) << call << count;
+      } else {
+        ++known;
+        EXPECT_NO_THROW(place.repair()) << call << count;
+        EXPECT_TRUE(NativeInstaller::status(data).installed) << call << count;
+      }
+      for (const auto& entry : std::filesystem::directory_iterator(data)) {
+        if (entry.path().filename() != "userdata" && entry.path().filename() != "settings.json") {
+          std::filesystem::remove_all(entry.path());
+        }
+      }
+      if (!happened) {
+        break;
+      }
+    }
+    EXPECT_GE(unchanged, 1) << call;
+    EXPECT_GE(known, 2) << call;
+  }
 }
 
 TEST_F(NativeInstall, PassesFailuresOfAnotherTypeThrough) {
