@@ -1,0 +1,59 @@
+// All that stands below a folder, so that a test can say of it what has stayed byte for byte.
+#pragma once
+
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <map>
+#include <sstream>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "platform/file_status.hpp"
+
+namespace ravok::testing {
+
+// Paths below the folder, each with its kind and mode, and with a file's bytes or a link's target.
+using TreeState = std::map<std::string, std::string>;
+
+inline TreeState tree_state(const std::filesystem::path& root) {
+  TreeState state;
+  std::error_code missing;
+  for (const auto& entry : std::filesystem::recursive_directory_iterator(root, missing)) {
+    const auto status = link_status_of(entry.path());
+    std::ostringstream node;
+    node << std::oct << (status ? mode_bits(*status) : 0);
+    if (entry.is_symlink()) {
+      node.str("link " + std::filesystem::read_symlink(entry.path()).native());
+    } else if (entry.is_directory()) {
+      node << " directory";
+    } else if (entry.is_regular_file()) {
+      std::ifstream file(entry.path(), std::ios::binary);
+      node << " file " << std::string{std::istreambuf_iterator<char>(file), {}};
+    }
+    state.emplace(entry.path().lexically_relative(root).native(), node.str());
+  }
+  return state;
+}
+
+// The state without these paths and what lies below them.
+inline TreeState without(TreeState state, const std::vector<std::string>& paths) {
+  std::erase_if(state, [&](const auto& node) {
+    for (const std::string& path : paths) {
+      if (node.first == path || node.first.starts_with(path + "/")) {
+        return true;
+      }
+    }
+    return false;
+  });
+  return state;
+}
+
+// Only this path and what lies below it.
+inline TreeState only(TreeState state, const std::string& path) {
+  std::erase_if(state, [&](const auto& node) { return node.first != path && !node.first.starts_with(path + "/"); });
+  return state;
+}
+
+}  // namespace ravok::testing
