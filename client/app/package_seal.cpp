@@ -2,8 +2,6 @@
 
 #include <algorithm>
 
-#include "domain/error.hpp"
-
 namespace ravok {
 namespace {
 
@@ -16,22 +14,14 @@ bool is_seal(std::string_view text) {
 }  // namespace
 
 std::string read_seal(const volatile PackageSealSlot& slot) {
-  // Read from memory, whatever the compiler knew of the slot when it was built.
-  const volatile char* const bytes = reinterpret_cast<const volatile char*>(&slot) + package_seal_mark.size();
+  // Read from memory, whatever the compiler knew of the slot when it was built; and without a second copy of the
+  // mark in the image.
+  const volatile char* const bytes = reinterpret_cast<const volatile char*>(&slot) + offsetof(PackageSealSlot, seal);
   std::string seal;
   for (std::size_t i = 0; i < seal_characters; ++i) {
     seal += bytes[i];
   }
   return is_seal(seal) ? seal : "";
-}
-
-std::string with_seal(std::string image, std::string_view seal) {
-  const std::size_t slot = image.find(package_seal_mark);
-  require(slot != std::string::npos && image.find(package_seal_mark, slot + 1) == std::string::npos &&
-              image.size() - slot >= sizeof(PackageSealSlot),
-          "invalid_installer", "The program has no place for a package seal");
-  image.replace(slot + package_seal_mark.size(), seal_characters, seal);
-  return image;
 }
 
 }  // namespace ravok

@@ -34,8 +34,4 @@ constexpr PackageSealSlot make_seal_slot(std::string_view seal) {
 // Returns the seal in a slot as it is in the running image, or an empty text if it has none.
 std::string read_seal(const volatile PackageSealSlot& slot);
 
-// Returns an installer's image with this seal in its slot. Fails with "invalid_installer" for bytes that have not
-// exactly one slot.
-std::string with_seal(std::string image, std::string_view seal);
-
 }  // namespace ravok

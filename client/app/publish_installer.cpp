@@ -47,6 +47,15 @@ void copy_file(const std::filesystem::path& from, const std::filesystem::path& t
 
 }  // namespace
 
+std::string with_seal(std::string image, std::string_view seal) {
+  const std::size_t slot = image.find(package_seal_mark);
+  require(slot != std::string::npos && image.find(package_seal_mark, slot + 1) == std::string::npos &&
+              image.size() - slot >= sizeof(PackageSealSlot),
+          "invalid_installer", "The program has no place for a package seal");
+  image.replace(slot + package_seal_mark.size(), seal_characters, seal);
+  return image;
+}
+
 PublishedInstaller publish_installer(const InstallerPublication& publication, const ProgressCallback& progress) {
   PublishedInstaller published;
   const std::filesystem::path output = output_path(publication.output);

@@ -4,6 +4,7 @@
 
 #include <filesystem>
 #include <string>
+#include <string_view>
 
 #include "platform/progress.hpp"
 
@@ -20,6 +21,10 @@ struct PublishedInstaller {
   std::filesystem::path package;
   std::string seal;
 };
+
+// Returns an installer's image with this seal in its slot. Fails with "invalid_installer" for bytes that have not
+// exactly one slot.
+std::string with_seal(std::string image, std::string_view seal);
 
 // Writes "ravok-install" and "initial-package" into a new folder and reads the package there with the seal in the
 // program. `progress`, which may be empty, is told of the bytes proved, copied and proved again. After a failure
