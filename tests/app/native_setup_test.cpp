@@ -92,7 +92,7 @@ class NativeSetupTest : public ::testing::Test {
     EXPECT_EQ(view.error_message, message);
   }
 
-  const InstallPlace place;
+  InstallPlace place;
 };
 
 TEST_F(NativeSetupTest, IsIdleAtFirst) {

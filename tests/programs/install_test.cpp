@@ -47,6 +47,8 @@ void expect(const ProgramResult& result, int exit_code, const std::string& outpu
 class Installer : public ::testing::Test {
  protected:
   Installer() {
+    // The folders of every user's home, which setup makes where they are missing and leaves.
+    place.root().directory("home/.local/share");
     place.package.featured_game.reset();
     publish();
   }
