@@ -23,6 +23,13 @@ constexpr std::size_t piece_bytes = 65'536;
 constexpr const char* package_name = "initial-package";
 constexpr const char* program_name = "ravok-install";
 
+// Whether a slot stands at the beginning of the bytes, with a seal or without: this program, which knows the mark
+// too, has something else behind it.
+bool is_slot(std::string_view bytes) {
+  const std::string_view seal = bytes.substr(package_seal_mark.size(), seal_characters);
+  return seal.size() == seal_characters && seal.find_first_not_of("0123456789abcdef-") == std::string_view::npos;
+}
+
 std::string seal_of(const std::filesystem::path& package) {
   const std::filesystem::path descriptor = package / package_limits::descriptor_name;
   return digest(about(descriptor, [&] { return read_file(descriptor, package_limits::descriptor); }), "sha256");
@@ -50,7 +57,7 @@ void copy_file(const std::filesystem::path& from, const std::filesystem::path& t
 std::string with_seal(std::string image, std::string_view seal) {
   const std::size_t slot = image.find(package_seal_mark);
   require(slot != std::string::npos && image.find(package_seal_mark, slot + 1) == std::string::npos &&
-              image.size() - slot >= sizeof(PackageSealSlot),
+              is_slot(std::string_view(image).substr(slot)),
           "invalid_installer", "The program has no place for a package seal");
   image.replace(slot + package_seal_mark.size(), seal_characters, seal);
   return image;

@@ -104,14 +104,17 @@ class ConsoleInterrupt::State {
  public:
   State() = default;
   ~State() {
+    if (!owner_) {
+      // Whoever owns the scope may be listening to the same pipe.
+      static_cast<void>(reader_.release());
+      return;
+    }
     if (installed_) {
       sigaction(SIGINT, &previous_, nullptr);
     }
     reader_.reset();
-    if (owner_) {
-      reader_attached = false;
-      scope_owned = 0;
-    }
+    reader_attached = false;
+    scope_owned = 0;
   }
   State(const State&) = delete;
   State& operator=(const State&) = delete;
@@ -125,7 +128,6 @@ class ConsoleInterrupt::State {
     require_inherited_reader(descriptor);
     protect(descriptor);
     reader_ = Descriptor(descriptor);
-    reader_attached = true;
   }
 
   void install() {
@@ -134,6 +136,7 @@ class ConsoleInterrupt::State {
             "Console cancellation handler is already installed");
     owner_ = true;
     interrupted = 0;
+    reader_attached = static_cast<bool>(reader_);
     struct sigaction action {};
     action.sa_handler = interrupt;
     sigemptyset(&action.sa_mask);

@@ -1,13 +1,20 @@
 #include "app/setup_console.hpp"
 
 #include <cstdlib>
+#include <filesystem>
+#include <functional>
 #include <string>
 #include <vector>
 
 #include <gtest/gtest.h>
 
+#include "app/brand.hpp"
+#include "support/install_place.hpp"
+
 namespace ravok {
 namespace {
+
+using testing::InstallPlace;
 
 struct Outcome {
   int code;
@@ -15,10 +22,11 @@ struct Outcome {
   std::string errors;
 };
 
-Outcome run(const std::vector<std::string>& arguments, std::string_view program = "ravok-maintenance") {
+Outcome run(const std::vector<std::string>& arguments, std::string_view program = "ravok-maintenance",
+            std::string_view seal = "", const std::function<bool()>& cancel = {}) {
   ::testing::internal::CaptureStdout();
   ::testing::internal::CaptureStderr();
-  const int code = run_setup_console(arguments, program, "", {});
+  const int code = run_setup_console(arguments, program, seal, cancel);
   return {code, ::testing::internal::GetCapturedStdout(), ::testing::internal::GetCapturedStderr()};
 }
 
@@ -93,14 +101,166 @@ TEST(RunSetupConsole, FailsWithoutAHomeBeforeJsonIsKnown) {
   EXPECT_EQ(result.errors, "HOME must identify an absolute user directory\n");
 }
 
-TEST(RunSetupConsole, FailsForACommandThatThisBuildCannotRun) {
-  const Outcome text = run({"status"});
-  EXPECT_EQ(text.code, 1);
-  EXPECT_EQ(text.output, "");
-  EXPECT_EQ(text.errors, "This command is not available in this build of Ravok\n");
-  EXPECT_EQ(run({"status", "--json"}).output,
-            "{\"problem\":{\"code\":\"command_unavailable\",\"message\":\"This command is not available in this build "
-            "of Ravok\"},\"schema_version\":1}\n");
+// The installer and the maintenance program in one home.
+class SetupConsole : public ::testing::Test {
+ protected:
+  ~SetupConsole() override {
+    set_product_name("Ravok");
+    set_product_icon({});
+  }
+
+  Outcome installer(std::vector<std::string> arguments, const std::function<bool()>& cancel = {}) const {
+    arguments.insert(arguments.end(), {"--package", place.package_directory()});
+    return run(arguments, "ravok-install", place.seal(), cancel);
+  }
+  std::filesystem::path default_folder(const std::string& name) const { return place.home() / ".local/share" / name; }
+  static void expect(const Outcome& outcome, int code, const std::string& output, const std::string& errors) {
+    EXPECT_EQ(outcome.code, code);
+    EXPECT_EQ(outcome.output, output);
+    EXPECT_EQ(outcome.errors, errors);
+  }
+  static std::string problem(const std::string& code, const std::string& message) {
+    return Json{{"schema_version", 1}, {"problem", {{"code", code}, {"message", message}}}}.dump() + "\n";
+  }
+  void expect_nothing_installed() const { EXPECT_EQ(place.root().names(), before); }
+
+  InstallPlace place;
+  const std::vector<std::string> before = place.root().names();
+};
+
+TEST_F(SetupConsole, InstallsABrandIntoAFolderOfItsName) {
+  const std::string folder = default_folder("Acme Games");
+  expect(installer({}), 0, "Installed Acme Games in " + folder + ".\n", "Verifying…\nInstalling…\n");
+  EXPECT_TRUE(std::filesystem::exists(folder + "/native/installation.json"));
+  EXPECT_FALSE(std::filesystem::exists(default_folder("Ravok")));
+  EXPECT_EQ(product_name(), "Acme Games");
+}
+
+TEST_F(SetupConsole, InstallsIntoItsOwnFolderWithoutABrand) {
+  place.package.brand.reset();
+  place.republish();
+  const std::string folder = default_folder("Ravok");
+  expect(installer({"install"}), 0, "Installed Ravok in " + folder + ".\n", "Verifying…\nInstalling…\n");
+  EXPECT_TRUE(std::filesystem::exists(folder + "/native/installation.json"));
+}
+
+TEST_F(SetupConsole, InstallsIntoTheFolderThatWasChosenWhateverTheBrand) {
+  expect(installer({"--data-dir", place.data()}), 0, "Installed Acme Games in " + place.data().native() + ".\n",
+         "Verifying…\nInstalling…\n");
+  EXPECT_FALSE(std::filesystem::exists(default_folder("Acme Games")));
+}
+
+TEST_F(SetupConsole, SaysNothingOfProgressUnderJson) {
+  const Outcome installed = installer({"--json", "--data-dir", place.data()});
+  expect(installed, 0,
+         Json{{"schema_version", 1},
+              {"installed", true},
+              {"repaired", false},
+              {"data_root", place.data()},
+              {"bootstrap", place.data() / "native/bootstrap/bin/ravok-bootstrap"},
+              {"replaced", {"bootstrap", "launcher", "trust"}},
+              {"shortcuts", Json::array()},
+              {"shortcut_problem", nullptr}}
+                 .dump() +
+             "\n",
+         "");
+}
+
+TEST_F(SetupConsole, SpeaksInTheNameOfWhatIsInstalled) {
+  place.install();
+  const std::string data = place.data();
+  const std::vector<std::string> folder = {"--data-dir", data};
+  const auto maintenance = [&](std::vector<std::string> arguments) {
+    set_product_name("Ravok");
+    arguments.insert(arguments.end(), folder.begin(), folder.end());
+    return run(arguments);
+  };
+  expect(maintenance({"status"}), 0, "Acme Games is installed in " + data + " (bootstrap build-1, launcher build-1).\n",
+         "");
+  expect(maintenance({"shortcut", "create"}), 0, "Created 1 shortcut(s).\n", "");
+  expect(maintenance({"shortcut", "remove"}), 0, "Removed 1 shortcut(s).\n", "");
+  expect(installer({"repair", "--data-dir", data}), 0,
+         "Repaired Acme Games in " + data + ". Everything was already intact.\n", "Verifying…\n");
+  expect(maintenance({"uninstall"}), 0, "Removed Acme Games from " + data + ".\n", "Removing…\n");
+  expect(maintenance({"status"}), 0, "Ravok is not installed in " + data + ".\n", "");
+}
+
+TEST_F(SetupConsole, AsksForThePackageThatDoesNotLieBesideIt) {
+  const std::string message = "Choose the initial package with --package DIR";
+  for (const char* command : {"install", "repair"}) {
+    expect(run({command}, "ravok-install", place.seal()), 2, "", message + "\n");
+    expect(run({command, "--json"}, "ravok-install", place.seal()), 2, problem("usage", message), message + "\n");
+  }
+  expect_nothing_installed();
+}
+
+TEST_F(SetupConsole, AsksForThePackageInTheNameOfTheInstalledBrand) {
+  place.install();
+  expect(run({"repair", "--data-dir", place.data()}, "ravok-install", place.seal()), 2, "",
+         "Choose the initial package with --package DIR\n");
+  EXPECT_EQ(product_name(), "Acme Games");
+}
+
+TEST_F(SetupConsole, RefusesAPackageThatItIsNotSealedFor) {
+  const std::string unsealed = "This installer has no package seal; build it with RAVOK_INITIAL_PACKAGE_SHA256";
+  const std::string other = "This package is not the one this installer was built for";
+  const std::vector<std::string> arguments = {"--json", "--package", place.package_directory()};
+  expect(run(arguments, "ravok-install"), 1, problem("native_install_trust", unsealed), unsealed + "\n");
+  expect(run(arguments, "ravok-install", std::string(64, 'a')), 1, problem("native_install_trust", other),
+         other + "\n");
+  expect_nothing_installed();
+}
+
+TEST_F(SetupConsole, EndsWithFourWhenTheUserCancels) {
+  const auto cancel = [] { return true; };
+  expect(installer({}, cancel), 4, "", "Verifying…\nSetup was cancelled\n");
+  expect(installer({"--json"}, cancel), 4, problem("cancelled", "Setup was cancelled"), "Setup was cancelled\n");
+  expect_nothing_installed();
+}
+
+TEST_F(SetupConsole, PassesAFailureOfTheCancelCallableOn) {
+  expect(installer({"--json"}, []() -> bool { fail("launcher_control", "Cannot read the channel"); }), 1,
+         problem("launcher_control", "Cannot read the channel"), "Cannot read the channel\n");
+  expect_nothing_installed();
+}
+
+TEST_F(SetupConsole, FailsInTheWordsOfTheOperation) {
+  const std::string message = "Ravok is not installed in " + place.data().native();
+  for (const std::vector<std::string>& arguments :
+       {std::vector<std::string>{"uninstall"}, {"shortcut", "create"}, {"shortcut", "remove"}}) {
+    std::vector<std::string> whole = arguments;
+    whole.insert(whole.end(), {"--data-dir", place.data()});
+    expect(run(whole), 1, "", message + "\n");
+    whole.emplace_back("--json");
+    expect(run(whole), 1, problem("not_installed", message), message + "\n");
+  }
+  expect_nothing_installed();
+}
+
+TEST_F(SetupConsole, PrintsNoDocumentForAnExceptionThatIsNotItsOwn) {
+  // A relative folder has no absolute path where there is no current directory.
+  const std::filesystem::path current = std::filesystem::current_path();
+  std::filesystem::current_path(place.root().directory("gone"));
+  std::filesystem::remove(place.root() / "gone");
+  std::string message;
+  try {
+    static_cast<void>(std::filesystem::absolute("relative"));
+  } catch (const std::filesystem::filesystem_error& error) {
+    message = error.what();
+  }
+  const Outcome outcome = run({"status", "--json", "--data-dir", "relative"});
+  std::filesystem::current_path(current);
+  expect(outcome, 1, "", message + "\n");
+}
+
+TEST_F(SetupConsole, PrintsNoDocumentThatIsNotUtf8) {
+  const std::string folder = place.root() / "\xff";
+  expect(run({"status", "--data-dir", folder}), 0, "Ravok is not installed in " + folder + ".\n", "");
+  const Outcome outcome = run({"status", "--json", "--data-dir", folder});
+  EXPECT_EQ(outcome.code, 1);
+  EXPECT_EQ(outcome.output, "");
+  EXPECT_EQ(outcome.errors, "[json.exception.type_error.316] invalid UTF-8 byte at index " +
+                                std::to_string(folder.size() - 1) + ": 0xFF\n");
 }
 
 TEST(ExitCode, LooksOnlyAtTheCode) {

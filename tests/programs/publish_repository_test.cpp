@@ -9,6 +9,7 @@
 #include "app/native_package.hpp"
 #include "domain/crypto.hpp"
 #include "platform/native_platform.hpp"
+#include "support/package_builder.hpp"
 #include "support/process.hpp"
 #include "support/temporary_root.hpp"
 
@@ -131,10 +132,40 @@ TEST_F(PublishRepository, MakesAPackageOutOfItsOwnSnapshotsAndPrintsTheSeal) {
   expect_refused(half_branded, 2, std::string("--brand-name requires --brand-id") + see_help);
 }
 
+TEST_F(PublishRepository, MakesAnInstallerOfItsOwnProgramAndSaysWhatItMade) {
+  const std::string package = root / "package";
+  const std::string folder = root / "installer";
+  const std::string seal = testing::InitialPackage().write(package);
+  const Arguments arguments = {"installer", package, folder};
+  EXPECT_EQ(expect_published(arguments),
+            "Installer: " + folder + "/ravok-install\nPackage: " + folder + "/initial-package\nSeal: " + seal + "\n");
+  expect_refused(arguments, 1, "The output already exists: " + folder + "\n");
+  const ProgramResult installed =
+      run_program({folder + "/ravok-install", {"--data-dir", root / "data"}, {{"HOME", root.directory("home")}}, ""});
+  EXPECT_EQ(installed.exit_code, 0) << installed.errors;
+  EXPECT_EQ(installed.output, "Installed Acme Games in " + (root / "data").native() + ".\n");
+  EXPECT_EQ(read_native_package(folder + "/initial-package", seal, {}).origin, "https://games.example");
+}
+
+TEST_F(PublishRepository, RefusesAnInstallerOfAnotherProgramOrWithoutAPackage) {
+  const std::string package = root / "package";
+  const std::string folder = root / "installer";
+  testing::InitialPackage().write(package);
+  const std::string program = root.write("program", "a program");
+  expect_refused({"installer", package, folder, "--program", program}, 1,
+                 program + ": The program has no place for a package seal\n");
+  expect_refused({"installer", package, folder, "--program", RAVOK_PUBLISH}, 1,
+                 std::string(RAVOK_PUBLISH) + ": The program has no place for a package seal\n");
+  expect_refused({"installer"}, 2, std::string("PACKAGE is required") + see_help);
+  expect_refused({"installer", package}, 2, std::string("DIR is required") + see_help);
+  expect_refused({"installer", root / "none", folder}, 1,
+                 "Cannot open file: " + (root / "none/initial-package.json").native() + "\n");
+}
+
 TEST_F(PublishRepository, NamesItsCommandsWhereNoneIsGiven) {
   expect_refused({}, 2, std::string("A subcommand is required") + see_help);
   const std::string help = expect_published({"--help"});
-  for (const char* command : {"snapshot", "key", "root", "package"}) {
+  for (const char* command : {"snapshot", "key", "root", "package", "installer"}) {
     EXPECT_NE(help.find(command), std::string::npos) << command;
   }
 }
