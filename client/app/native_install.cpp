@@ -55,7 +55,7 @@ std::string not_installed_in(const std::filesystem::path& root) {
   return "Ravok is not installed in " + path_utf8(root);
 }
 
-// Whether a folder without an installation may take one: it is empty, or an earlier data folder.
+// Whether a folder without an installation, whole or interrupted, may take one: it is empty, or an earlier data folder.
 bool may_take_installation(const DataPaths& paths) {
   bool empty = true;
   std::error_code problem;
@@ -186,7 +186,7 @@ class Installation {
     } else if (request_.repair) {
       require(is_incomplete(paths_), "not_installed", not_installed_in(paths_.root));
     } else {
-      require(root_was_missing_ || may_take_installation(paths_), "unsafe_path",
+      require(root_was_missing_ || is_incomplete(paths_) || may_take_installation(paths_), "unsafe_path",
               "Choose an empty folder or an earlier Ravok data folder");
     }
   }
