@@ -1,9 +1,11 @@
 // A sealed package, a user's home and a data folder, for tests of what setup does with them.
 #pragma once
 
+#include <algorithm>
+#include <chrono>
 #include <filesystem>
-#include <functional>
 #include <map>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -14,7 +16,7 @@
 #include "app/launcher_store.hpp"
 #include "app/native_install.hpp"
 #include "platform/file_status.hpp"
-#include "platform/files.hpp"
+#include "platform/shortcuts.hpp"
 #include "platform/snapshot_tree.hpp"
 #include "support/fast_volume.hpp"
 #include "support/package_builder.hpp"
