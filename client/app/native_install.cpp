@@ -137,7 +137,7 @@ class Installation {
     require_room();
     root_was_missing_ = is_missing(paths_.root);
     require_state();
-    private_directory(paths_.root);
+    make_root();
     NativeInstallResult result;
     try {
       result = with_system_failures([&] { return replace_parts(); });
@@ -191,9 +191,30 @@ class Installation {
     }
   }
 
+  void make_root() const {
+    try {
+      private_directory(paths_.root);
+    } catch (const Error& error) {
+      // Of two first installs, one finds that the other has just made it.
+      if (error.code != "permissions" || is_missing(paths_.root)) {
+        throw;
+      }
+      private_directory(paths_.root);
+    }
+  }
+
+  // What the folder was before the lock was held, another install may have changed.
+  void require_state_still() {
+    if (!request_.repair) {
+      root_was_missing_ = root_was_missing_ && is_missing(paths_.native);
+      require_state();
+    }
+  }
+
   NativeInstallResult replace_parts() {
     setup_lock_ =
         std::make_unique<NativeFileLock>(paths_.setup_lock, true, NativeLockSharing::others, LockMode::exclusive);
+    require_state_still();
     private_directory(paths_.native);
     bootstrap_lock_ = wait_for_ravok_closed(paths_, std::chrono::milliseconds(0), cancellation_);
     const InstallPlan plan = make_plan();
