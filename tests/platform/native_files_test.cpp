@@ -133,10 +133,14 @@ TEST(RenameReplace, NamesWhatItCannotMove) {
   root.write("full/inner", "inner");
   root.directory("tree");
   const Names before = root.names();
-  for (const auto& [from, to] :
-       {std::pair("missing", "file"), {"file", "full"}, {"tree", "full"}, {"tree", "file"}, {"file", "missing/file"}}) {
-    EXPECT_FAILURE(native_files::rename_replace(root / from, root / to), "file_write",
-                   "Cannot move " + (root / from).native() + " into place");
+  const std::pair<std::filesystem::path, std::filesystem::path> cases[] = {{root / "missing", root / "file"},
+                                                                           {root / "file", root / "full"},
+                                                                           {root / "tree", root / "full"},
+                                                                           {root / "tree", root / "file"},
+                                                                           {root / "file", root / "missing/file"}};
+  for (const auto& each : cases) {
+    EXPECT_FAILURE(native_files::rename_replace(each.first, each.second), "file_write",
+                   "Cannot move " + each.first.native() + " into place");
     EXPECT_EQ(root.names(), before);
   }
   EXPECT_EQ(root.read("file"), "file");
