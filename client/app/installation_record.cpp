@@ -69,6 +69,27 @@ std::string launcher_build(const DataPaths& paths) {
   }
 }
 
+NativeInstallStatus status_of_folder(const DataPaths& paths) {
+  NativeInstallStatus status;
+  status.data_root = paths.root;
+  status.incomplete = is_incomplete(paths);
+  status.installed = is_complete(paths);
+  if (!status.installed) {
+    return status;
+  }
+  check_installation(paths);
+  status.bootstrap_build = current_bootstrap(paths).build_id;
+  status.launcher_build = launcher_build(paths);
+  status.bootstrap_update_pending = bootstrap_update_pending(paths.root);
+  for (const OwnedShortcut& shortcut : owned_native_shortcuts(paths.root)) {
+    status.shortcuts.push_back(shortcut.path);
+  }
+  if (!is_missing(paths.status_record)) {
+    status.last_operation = read_record(paths.status_record, "Setup status record is malformed: ", parse_outcome);
+  }
+  return status;
+}
+
 }  // namespace
 
 bool is_incomplete(const DataPaths& paths) { return !is_missing(paths.incomplete_marker); }
@@ -125,24 +146,15 @@ bool bootstrap_update_pending(const std::filesystem::path& data_root) {
 
 NativeInstallStatus NativeInstaller::status(const std::filesystem::path& data_root) {
   const DataPaths paths(data_folder(data_root));
-  NativeInstallStatus status;
-  status.data_root = paths.root;
-  status.incomplete = is_incomplete(paths);
-  status.installed = is_complete(paths);
-  if (!status.installed) {
-    return status;
+  try {
+    return status_of_folder(paths);
+  } catch (const Error&) {
+    // A setup that runs beside may have begun to take away what was still complete.
+    if (is_complete(paths)) {
+      throw;
+    }
+    return status_of_folder(paths);
   }
-  check_installation(paths);
-  status.bootstrap_build = current_bootstrap(paths).build_id;
-  status.launcher_build = launcher_build(paths);
-  status.bootstrap_update_pending = bootstrap_update_pending(paths.root);
-  for (const OwnedShortcut& shortcut : owned_native_shortcuts(paths.root)) {
-    status.shortcuts.push_back(shortcut.path);
-  }
-  if (!is_missing(paths.status_record)) {
-    status.last_operation = read_record(paths.status_record, "Setup status record is malformed: ", parse_outcome);
-  }
-  return status;
 }
 
 Json NativeInstallStatus::to_json() const {

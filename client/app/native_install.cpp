@@ -40,6 +40,7 @@ struct InstallPlan {
 };
 
 constexpr const char* default_name = "Ravok";
+constexpr std::array<const char*, 4> old_trees = {"old-bootstrap", "old-launcher", "old-trust", "old-theme"};
 constexpr std::size_t version_name_characters = 64;
 constexpr std::array<const char*, 3> update_trees = {"bootstrap-update", "bootstrap-update.partial",
                                                      "bootstrap-downloads"};
@@ -55,7 +56,7 @@ std::string not_installed_in(const std::filesystem::path& root) {
   return "Ravok is not installed in " + path_utf8(root);
 }
 
-// Whether a folder without an installation may take one: it is empty, or an earlier data folder.
+// Whether a folder without an installation, whole or interrupted, may take one: it is empty, or an earlier data folder.
 bool may_take_installation(const DataPaths& paths) {
   bool empty = true;
   std::error_code problem;
@@ -186,14 +187,21 @@ class Installation {
     } else if (request_.repair) {
       require(is_incomplete(paths_), "not_installed", not_installed_in(paths_.root));
     } else {
-      require(root_was_missing_ || may_take_installation(paths_), "unsafe_path",
+      require(root_was_missing_ || is_incomplete(paths_) || may_take_installation(paths_), "unsafe_path",
               "Choose an empty folder or an earlier Ravok data folder");
     }
+  }
+
+  // What the folder was before the lock was held, another setup may have changed.
+  void require_state_still() {
+    root_was_missing_ = root_was_missing_ && is_missing(paths_.native);
+    require_state();
   }
 
   NativeInstallResult replace_parts() {
     setup_lock_ =
         std::make_unique<NativeFileLock>(paths_.setup_lock, true, NativeLockSharing::others, LockMode::exclusive);
+    require_state_still();
     private_directory(paths_.native);
     bootstrap_lock_ = wait_for_ravok_closed(paths_, std::chrono::milliseconds(0), cancellation_);
     const InstallPlan plan = make_plan();
@@ -250,6 +258,10 @@ class Installation {
     commit_icon();
     commit_theme();
     write_installation(paths_, package_);
+    // What did not prove whole may hold anything.
+    for (const char* name : old_trees) {
+      remove_path_quietly(paths_.staging / name);
+    }
     remove_plain_tree(paths_.staging);
     remove_setup_marker(paths_);
   }

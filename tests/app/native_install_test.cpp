@@ -1105,15 +1105,20 @@ TEST_F(NativeCommit, StoppedAtTheThemeHasNoNewRecord) {
   EXPECT_EQ(place.read("native/installation.json"), record);
 }
 
-TEST_F(NativeCommit, TakesTheMarkerAwayOnlyBehindStaging) {
+TEST_F(NativeCommit, ReplacesATreeWithLinksInIt) {
   std::filesystem::create_symlink("nowhere", paths.bootstrap_directory / "link");
-  EXPECT_FAILURE(place.repair(), "unsafe_path", "Tree contains a link or special file");
-  expect_status("repair", "failed", "Tree contains a link or special file");
-  expect_interrupted();
-  EXPECT_TRUE(has_old("old-bootstrap"));
-  EXPECT_EQ(place.record("native/installation.json").at("descriptor_sha256"), place.seal());
-  EXPECT_EQ(place.repair().replaced, Names());
+  EXPECT_EQ(place.repair().replaced, Names{"bootstrap"});
   expect_good();
+}
+
+TEST_F(NativeCommit, ReplacesALinkInPlaceOfATreeAndLeavesWhatItNames) {
+  const std::filesystem::path elsewhere = place.root().directory("elsewhere");
+  place.root().write("elsewhere/mine", "mine");
+  std::filesystem::remove_all(paths.bootstrap_directory);
+  std::filesystem::create_directory_symlink(elsewhere, paths.bootstrap_directory);
+  EXPECT_EQ(place.repair().replaced, Names{"bootstrap"});
+  expect_good();
+  EXPECT_EQ(place.root().read("elsewhere/mine"), "mine");
 }
 
 TEST_F(NativeCommit, InterruptedIsInstalledAnewInFull) {

@@ -21,12 +21,14 @@
 #include "platform/native_lock.hpp"
 #include "platform/posix_files.hpp"
 #include "support/companion.hpp"
+#include "support/fast_volume.hpp"
 #include "support/temporary_root.hpp"
 
 namespace ravok {
 namespace {
 
 using testing::Companion;
+using testing::fast_volume;
 using testing::TemporaryRoot;
 using Path = std::filesystem::path;
 
@@ -37,12 +39,6 @@ using Node = std::tuple<mode_t, ino_t, off_t, std::int64_t, std::string>;
 using Codes = std::set<std::string>;
 
 enum class Outcome { done, refused };
-
-// Where no flush waits for a disk, so that more happens in less time.
-Path fast_volume() {
-  const Path memory = "/dev/shm";
-  return access(memory.c_str(), W_OK) == 0 ? memory : std::filesystem::temp_directory_path();
-}
 
 class Races : public ::testing::Test {
  protected:
