@@ -72,8 +72,9 @@ std::string launcher_build(const DataPaths& paths) {
 NativeInstallStatus status_of_folder(const DataPaths& paths) {
   NativeInstallStatus status;
   status.data_root = paths.root;
-  status.incomplete = is_incomplete(paths);
-  status.installed = is_complete(paths);
+  const InstallationState state = installation_state(paths);
+  status.incomplete = state == InstallationState::interrupted;
+  status.installed = state == InstallationState::complete;
   if (!status.installed) {
     return status;
   }
@@ -92,9 +93,14 @@ NativeInstallStatus status_of_folder(const DataPaths& paths) {
 
 }  // namespace
 
-bool is_incomplete(const DataPaths& paths) { return !is_missing(paths.incomplete_marker); }
-
-bool is_complete(const DataPaths& paths) { return !is_missing(paths.installation_record) && !is_incomplete(paths); }
+InstallationState installation_state(const DataPaths& paths) {
+  // The record first: of a setup that runs beside, the marker is there before it and goes after it.
+  const bool recorded = !is_missing(paths.installation_record);
+  if (!is_missing(paths.incomplete_marker)) {
+    return InstallationState::interrupted;
+  }
+  return recorded ? InstallationState::complete : InstallationState::none;
+}
 
 void check_installation(const DataPaths& paths) {
   read_record(paths.installation_record, "Installation record is malformed: ", [&](const Json& document) {
@@ -150,7 +156,7 @@ NativeInstallStatus NativeInstaller::status(const std::filesystem::path& data_ro
     return status_of_folder(paths);
   } catch (const Error&) {
     // A setup that runs beside may have begun to take away what was still complete.
-    if (is_complete(paths)) {
+    if (installation_state(paths) == InstallationState::complete) {
       throw;
     }
     return status_of_folder(paths);

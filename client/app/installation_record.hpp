@@ -37,9 +37,14 @@ struct NativeInstallStatus {
   Json to_json() const;
 };
 
-// Whether a setup of the folder has begun and not ended, and whether its installation is there and whole.
-bool is_incomplete(const DataPaths& paths);
-bool is_complete(const DataPaths& paths);
+// What a data folder is, by its marker and its record alone. What cannot be looked at counts as there.
+enum class InstallationState {
+  none,
+  complete,
+  interrupted,  // a setup has begun and not ended
+};
+
+InstallationState installation_state(const DataPaths& paths);
 
 // Fails with "unsupported_schema" unless the installation record is one of this kind and version.
 void check_installation(const DataPaths& paths);

@@ -180,14 +180,14 @@ class Installation {
   }
 
   void require_state() const {
-    if (!root_was_missing_ && is_complete(paths_)) {
+    const InstallationState state = root_was_missing_ ? InstallationState::none : installation_state(paths_);
+    if (state == InstallationState::complete) {
       check_installation(paths_);
       require(request_.repair, "already_installed",
               "Ravok is already installed in " + path_utf8(paths_.root) + "; use repair");
-    } else if (request_.repair) {
-      require(is_incomplete(paths_), "not_installed", not_installed_in(paths_.root));
-    } else {
-      require(root_was_missing_ || is_incomplete(paths_) || may_take_installation(paths_), "unsafe_path",
+    } else if (state == InstallationState::none) {
+      require(!request_.repair, "not_installed", not_installed_in(paths_.root));
+      require(root_was_missing_ || may_take_installation(paths_), "unsafe_path",
               "Choose an empty folder or an earlier Ravok data folder");
     }
   }
@@ -358,7 +358,7 @@ class Installation {
       return;
     }
     remove_path_quietly(paths_.staging);
-    if (!is_incomplete(paths_) && is_missing(paths_.installation_record)) {
+    if (installation_state(paths_) == InstallationState::none) {
       remove_path_quietly(paths_.native);
       remove_quietly(paths_.setup_lock);
       remove_quietly(paths_.bootstrap_lock);

@@ -68,26 +68,21 @@ class InstallationRecord : public ::testing::Test {
 // --- The two files that tell the state ---------------------------------------------------------
 
 TEST_F(InstallationRecord, TellsTheStateOfAFolder) {
-  EXPECT_FALSE(is_incomplete(paths));
-  EXPECT_FALSE(is_complete(paths));
+  EXPECT_EQ(installation_state(paths), InstallationState::none);
   place.write("native/installation.json", "{}");
-  EXPECT_FALSE(is_incomplete(paths));
-  EXPECT_TRUE(is_complete(paths));
+  EXPECT_EQ(installation_state(paths), InstallationState::complete);
   place.write(".ravok-setup-incomplete", "");
-  EXPECT_TRUE(is_incomplete(paths));
-  EXPECT_FALSE(is_complete(paths));
+  EXPECT_EQ(installation_state(paths), InstallationState::interrupted);
   std::filesystem::remove(paths.installation_record);
-  EXPECT_TRUE(is_incomplete(paths));
-  EXPECT_FALSE(is_complete(paths));
+  EXPECT_EQ(installation_state(paths), InstallationState::interrupted);
 }
 
 TEST_F(InstallationRecord, FollowsNoLinkForTheState) {
   place.write("native/x", "");
   std::filesystem::create_symlink("nowhere", paths.installation_record);
-  EXPECT_TRUE(is_complete(paths));
+  EXPECT_EQ(installation_state(paths), InstallationState::complete);
   std::filesystem::create_symlink("nowhere", paths.incomplete_marker);
-  EXPECT_TRUE(is_incomplete(paths));
-  EXPECT_FALSE(is_complete(paths));
+  EXPECT_EQ(installation_state(paths), InstallationState::interrupted);
 }
 
 TEST_F(InstallationRecord, MarkerIsTheOnlyWordOfASetupThatRuns) {
@@ -96,7 +91,7 @@ TEST_F(InstallationRecord, MarkerIsTheOnlyWordOfASetupThatRuns) {
   EXPECT_EQ(place.read(".ravok-setup-incomplete"), R"({"kind":"ravok-setup-incomplete","schema_version":1})");
   EXPECT_TRUE(place.state().at(".ravok-setup-incomplete").starts_with("600 file "));
   remove_setup_marker(paths);
-  EXPECT_FALSE(is_incomplete(paths));
+  EXPECT_NE(installation_state(paths), InstallationState::interrupted);
   remove_setup_marker(paths);
   EXPECT_EQ(place.read("userdata/save"), "save");
 }
@@ -104,7 +99,7 @@ TEST_F(InstallationRecord, MarkerIsTheOnlyWordOfASetupThatRuns) {
 TEST_F(InstallationRecord, MarkerThatCannotGoIsAFailure) {
   place.write(".ravok-setup-incomplete/file", "");
   EXPECT_FAILURE(remove_setup_marker(paths), "file_remove", "Cannot remove " + paths.incomplete_marker.native());
-  EXPECT_TRUE(is_incomplete(paths));
+  EXPECT_EQ(installation_state(paths), InstallationState::interrupted);
 }
 
 TEST_F(InstallationRecord, MarkerIsNotWrittenThroughALink) {

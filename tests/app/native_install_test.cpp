@@ -641,11 +641,11 @@ TEST_F(NativeInstall, IsLastAskedBeforeAnythingIsChanged) {
   const TreeState before = lasting();
   std::vector<bool> untouched;
   place.callbacks.cancelled = [&] {
-    untouched.push_back(lasting() == before && !is_incomplete(paths));
+    untouched.push_back(lasting() == before && installation_state(paths) != InstallationState::interrupted);
     return false;
   };
   place.callbacks.progress = [&](std::string_view, std::uint64_t, std::uint64_t) {
-    untouched.push_back(lasting() == before && !is_incomplete(paths));
+    untouched.push_back(lasting() == before && installation_state(paths) != InstallationState::interrupted);
   };
   EXPECT_EQ(place.repair().replaced, all_parts);
   EXPECT_GE(untouched.size(), 5u);
@@ -702,7 +702,7 @@ TEST_F(NativeInstall, CancelledRepairKeepsAllAndIsRecorded) {
     };
     EXPECT_FAILURE(place.repair(), "cancelled", cancelled_words) << at;
     EXPECT_TRUE(same_tree(lasting(), damaged)) << at;
-    EXPECT_FALSE(is_incomplete(paths));
+    EXPECT_NE(installation_state(paths), InstallationState::interrupted);
     if (verifying) {
       EXPECT_FALSE(std::filesystem::exists(paths.status_record)) << at;
     } else {
@@ -786,7 +786,7 @@ TEST_F(NativeInstall, PassesFailuresOfAnotherTypeThrough) {
   };
   EXPECT_THROW(place.repair(), std::runtime_error);
   EXPECT_FALSE(std::filesystem::exists(paths.status_record));
-  EXPECT_FALSE(is_incomplete(paths));
+  EXPECT_NE(installation_state(paths), InstallationState::interrupted);
 }
 
 TEST_F(NativeInstall, ThrowsAwayWhatAnEarlierRunLeftInStaging) {
@@ -819,7 +819,7 @@ TEST_F(NativeInstall, RepairOfAnIntactFolderReplacesNothing) {
   EXPECT_EQ(result.executable, data / "native/bootstrap/bin/ravok-bootstrap");
   EXPECT_TRUE(same_tree(lasting(), before));
   EXPECT_LE(now, place.record("native/installation.json").at("installed_at").get<std::string>());
-  EXPECT_FALSE(is_incomplete(paths));
+  EXPECT_NE(installation_state(paths), InstallationState::interrupted);
   EXPECT_FALSE(std::filesystem::exists(paths.staging));
   expect_status("repair", "succeeded", "");
 }
@@ -981,7 +981,7 @@ TEST_F(NativeInstall, RepairThatCannotUnpackIsRecordedAndChangesNothing) {
   const TreeState before = lasting();
   EXPECT_FAILURE(place.repair(), "archive", no_archive);
   EXPECT_TRUE(same_tree(lasting(), before));
-  EXPECT_FALSE(is_incomplete(paths));
+  EXPECT_NE(installation_state(paths), InstallationState::interrupted);
   expect_status("repair", "failed", no_archive);
   EXPECT_FALSE(is_locked(paths.setup_lock));
   EXPECT_FALSE(is_locked(paths.bootstrap_lock));
@@ -1010,7 +1010,7 @@ class NativeCommit : public NativeInstall {
   }
 
   void expect_interrupted() const {
-    EXPECT_TRUE(is_incomplete(paths));
+    EXPECT_EQ(installation_state(paths), InstallationState::interrupted);
     EXPECT_FALSE(NativeInstaller::status(data).installed);
     EXPECT_TRUE(NativeInstaller::status(data).incomplete);
     EXPECT_FAILURE(require_complete_native_install(data), "native_install_incomplete",
@@ -1189,7 +1189,7 @@ TEST_F(NativeCrash, OfARepairIsFollowedByARepair) {
     int count = 1;
     for (; dies_at(call, count, [&] { place.repair(); }); ++count) {
       EXPECT_TRUE(same_tree(place.player_data(), player)) << count;
-      if (is_incomplete(paths)) {
+      if (installation_state(paths) == InstallationState::interrupted) {
         ++interrupted;
         expect_interrupted();
       } else if (place.record("native/installation.json") == former) {
@@ -1200,7 +1200,7 @@ TEST_F(NativeCrash, OfARepairIsFollowedByARepair) {
         }
       }
       place.repair();
-      EXPECT_FALSE(is_incomplete(paths)) << count;
+      EXPECT_NE(installation_state(paths), InstallationState::interrupted) << count;
       EXPECT_TRUE(same_tree(place.player_data(), player)) << count;
       for (const auto& [path, node] : good) {
         EXPECT_EQ(place.state().at(path), node) << count;
