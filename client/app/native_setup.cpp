@@ -1,12 +1,19 @@
 #include "app/native_setup.hpp"
 
 #include <exception>
+#include <system_error>
 #include <utility>
 
 #include "app/setup_execution.hpp"
 #include "domain/error.hpp"
 
 namespace ravok {
+namespace {
+
+// Of what failed in no way of this system's own.
+constexpr const char* failed_code = "setup_failed";
+
+}  // namespace
 
 NativeSetup::~NativeSetup() {
   cancel_requested_ = true;
@@ -26,7 +33,14 @@ void NativeSetup::start(SetupCommand command) {
     thread_.join();
   }
   cancel_requested_ = false;
-  thread_ = std::thread([this, command = std::move(command)] { run(command); });
+  try {
+    thread_ = std::thread([this, command = std::move(command)] { run(command); });
+  } catch (const std::system_error& problem) {
+    View outcome;
+    outcome.error_code = failed_code;
+    outcome.error_message = problem.what();
+    finish(std::move(outcome));
+  }
 }
 
 NativeSetup::View NativeSetup::view() const {
@@ -56,9 +70,13 @@ void NativeSetup::run(const SetupCommand& command) {
     outcome.error_code = error.code;
     outcome.error_message = error.what();
   } catch (const std::exception& problem) {
-    outcome.error_code = "setup_failed";
+    outcome.error_code = failed_code;
     outcome.error_message = problem.what();
   }
+  finish(std::move(outcome));
+}
+
+void NativeSetup::finish(View outcome) {
   publish([&](View& view) {
     view.running = false;
     view.result = std::move(outcome.result);

@@ -41,11 +41,13 @@ class NativeSetup {
   // Asks the running command to stop at its next safe point. Never blocks.
   void cancel() { cancel_requested_ = true; }
 
-  // Sets what is called after each change of the snapshot, on the command's own thread and with no lock held.
+  // Sets what is called after each change of the snapshot, with no lock held: on the command's own thread, or on that
+  // of start() where the system gives it none.
   void set_wakeup(std::function<void()> wakeup);
 
  private:
   void run(const SetupCommand& command);
+  void finish(View outcome);
   void publish(const std::function<void(View&)>& change);
 
   const std::string package_seal_;

@@ -1,17 +1,21 @@
 #include "app/native_setup.hpp"
 
 #include <atomic>
+#include <cerrno>
 #include <condition_variable>
+#include <cstddef>
 #include <filesystem>
 #include <functional>
 #include <future>
 #include <mutex>
 #include <string>
+#include <system_error>
 #include <thread>
 #include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
+#include <pthread.h>
 
 #include "platform/native_lock.hpp"
 #include "support/failure.hpp"
@@ -104,6 +108,45 @@ TEST_F(NativeSetupTest, IsIdleAtFirst) {
   EXPECT_EQ(view.total, 0u);
   expect_failed(view, "", "");
 }
+
+#ifdef __linux__
+
+// While it lives, the system has no room for another thread.
+class NoThreads {
+ public:
+  NoThreads() {
+    EXPECT_EQ(pthread_getattr_default_np(&former_), 0);
+    pthread_attr_t attributes;
+    EXPECT_EQ(pthread_getattr_default_np(&attributes), 0);
+    EXPECT_EQ(pthread_attr_setstacksize(&attributes, std::size_t{1} << 50), 0);
+    EXPECT_EQ(pthread_setattr_default_np(&attributes), 0);
+    pthread_attr_destroy(&attributes);
+  }
+  ~NoThreads() {
+    pthread_setattr_default_np(&former_);
+    pthread_attr_destroy(&former_);
+  }
+  NoThreads(const NoThreads&) = delete;
+  NoThreads& operator=(const NoThreads&) = delete;
+
+ private:
+  pthread_attr_t former_;
+};
+
+TEST_F(NativeSetupTest, EndsAtOnceWithoutAThread) {
+  FrontEnd front(place.seal());
+  {
+    const NoThreads none;
+    front.setup.start(status());
+  }
+  expect_failed(front.setup.view(), "setup_failed", std::system_error(EAGAIN, std::generic_category()).what());
+  EXPECT_EQ(front.views().size(), 1u);
+  front.forget();
+  front.setup.start(status());
+  EXPECT_EQ(front.wait().error_code, "");
+}
+
+#endif
 
 TEST_F(NativeSetupTest, InstallsAndHandsTheDocumentOver) {
   FrontEnd front(place.seal());

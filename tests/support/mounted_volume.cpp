@@ -24,6 +24,10 @@ MountedVolume::~MountedVolume() {
   }
 }
 
+bool MountedVolume::remount(const std::string& options) const {
+  return mounted_ && mount(nullptr, directory_.c_str(), nullptr, MS_REMOUNT, options.c_str()) == 0;
+}
+
 bool run_quietly(const std::string& command) { return std::system((command + " >/dev/null 2>&1").c_str()) == 0; }
 
 }  // namespace ravok::testing

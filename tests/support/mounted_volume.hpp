@@ -19,6 +19,9 @@ class MountedVolume {
   // Whether the volume could be mounted: only user 0 can, and only where the system lets it.
   bool mounted() const { return mounted_; }
 
+  // Mounts it with other options, such as another size; what it holds stays. Returns whether that succeeded.
+  bool remount(const std::string& options) const;
+
  private:
   std::filesystem::path directory_;
   bool mounted_ = false;

@@ -1,0 +1,358 @@
+#include "fault/setup_trial.hpp"
+
+#include <algorithm>
+#include <chrono>
+#include <csignal>
+#include <regex>
+#include <stdexcept>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "domain/error.hpp"
+#include "platform/complete_install.hpp"
+#include "support/failure.hpp"
+
+namespace ravok::testing {
+namespace {
+
+using Files = std::map<std::string, std::string>;
+
+const char* action_of(SetupOperation operation) {
+  switch (operation) {
+    case SetupOperation::first_install:
+    case SetupOperation::later_install:
+      return "install";
+    case SetupOperation::bootstrap_repair:
+    case SetupOperation::launcher_repair:
+    case SetupOperation::trust_repair:
+      return "repair";
+    case SetupOperation::bare_uninstall:
+    case SetupOperation::keeping_uninstall:
+      return "uninstall";
+    case SetupOperation::removing_uninstall:
+      return "remove";
+    case SetupOperation::cancelled_install:
+      return "cancel";
+  }
+  return "";
+}
+
+// The codes with which a run may refuse when a call of it fails. A record that cannot be read is "unsupported_schema",
+// and a new launcher store that cannot be seen to be empty "already_installed".
+const std::set<std::string> known_codes = {
+    "already_installed",
+    "unsupported_schema",
+    "allocation_changed",
+    "archive",
+    "content_mismatch",
+    "destination_exists",
+    "file_permissions",
+    "file_read",
+    "file_remove",
+    "file_sync",
+    "file_system",
+    "file_write",
+    "insufficient_space",
+    "invalid_native_package",
+    "lock_failed",
+    "permissions",
+    "space_reservation",
+    "staging_exists",
+    "storage",
+    "tree_read",
+    "unsafe_path",
+};
+
+// Makes a directory hold what another holds, and nothing else. It may be one where a volume is mounted.
+void make_copy(const std::filesystem::path& from, const std::filesystem::path& to) {
+  std::filesystem::create_directories(to);
+  for (const auto& entry : std::filesystem::directory_iterator(to)) {
+    std::filesystem::remove_all(entry.path());
+  }
+  std::filesystem::copy(from, to,
+                        std::filesystem::copy_options::recursive | std::filesystem::copy_options::copy_symlinks);
+}
+
+bool is_stray(const std::string& name) {
+  static const std::regex form(".*\\.[0-9a-f]{32}\\.tmp");
+  return name.ends_with(".tmp") && std::regex_match(name, form);
+}
+// The transaction files that an ended process leaves.
+std::set<std::string> strays(const Files& files) {
+  std::set<std::string> found;
+  for (const auto& [name, content] : files) {
+    if (is_stray(name)) {
+      found.insert(name);
+    }
+  }
+  return found;
+}
+
+// What two runs that did the same leave alike.
+std::string state_of(const Files& files) {
+  static const std::regex random("\\.[0-9a-f]{32}\\.tmp");
+  static const std::regex time("_at\":\"[-0-9T:]*Z");
+  std::string state;
+  for (const auto& [name, content] : files) {
+    state += is_stray(name) ? std::regex_replace(name, random, ".RANDOM.tmp") : name;
+    state += '\n';
+    state += name.ends_with("installation.json") || name.ends_with("status.json") || is_stray(name)
+                 ? std::regex_replace(content, time, "_at TIME")
+                 : content;
+    state += '\n';
+  }
+  return state;
+}
+
+Files player_data(const Files& files) {
+  Files found;
+  for (const auto& [name, content] : files) {
+    if (name.starts_with("data/userdata") || name == "data/settings.json") {
+      found[name] = content;
+    }
+  }
+  return found;
+}
+
+// What is left but for locks and what was being prepared.
+Files without_beginnings(Files files) {
+  std::erase_if(files, [](const auto& file) {
+    return file.first == "data/.ravok-setup.lock" || file.first == "data/.native-bootstrap.lock" ||
+           file.first.starts_with("data/native/staging/");
+  });
+  return files;
+}
+
+}  // namespace
+
+const char* name_of(SetupOperation operation) {
+  switch (operation) {
+    case SetupOperation::first_install:
+      return "FirstInstall";
+    case SetupOperation::later_install:
+      return "LaterInstall";
+    case SetupOperation::bootstrap_repair:
+      return "BootstrapRepair";
+    case SetupOperation::launcher_repair:
+      return "LauncherRepair";
+    case SetupOperation::trust_repair:
+      return "TrustRepair";
+    case SetupOperation::bare_uninstall:
+      return "BareUninstall";
+    case SetupOperation::keeping_uninstall:
+      return "KeepingUninstall";
+    case SetupOperation::removing_uninstall:
+      return "RemovingUninstall";
+    case SetupOperation::cancelled_install:
+      return "CancelledInstall";
+  }
+  return "";
+}
+
+SetupTrial::SetupTrial(SetupOperation operation) : operation_(operation) {
+  if (!starts_missing() && operation_ != SetupOperation::bare_uninstall) {
+    place_.write_player_data();
+  }
+  if (repairs() || uninstalls()) {
+    place_.install();
+  }
+  switch (operation_) {
+    case SetupOperation::bootstrap_repair:
+      place_.write("native/bootstrap/data/notes", "damage");
+      break;
+    case SetupOperation::launcher_repair:
+      place_.write(launcher_file(), "damage");
+      break;
+    case SetupOperation::trust_repair:
+      place_.write("trust/root.json", "damage");
+      break;
+    default:
+      break;
+  }
+  start_ = place_.all();
+  keep("start");
+}
+
+ProgramRun SetupTrial::program() const {
+  ProgramRun run = {RAVOK_SAMPLE_SETUP, {action(), place_.data()}, {{"HOME", place_.home()}}, ""};
+  if (!uninstalls()) {
+    run.arguments.insert(run.arguments.end(), {place_.package(), place_.seal()});
+  }
+  return run;
+}
+
+std::string SetupTrial::judge(const SetupEnding& ending) {
+  const Files left = place_.all();
+  const std::string state = expect_known_state();
+  if (operation_ != SetupOperation::removing_uninstall) {
+    EXPECT_EQ(player_data(left), player_data(start_));
+  }
+  judge_ending(ending, state, left);
+  if (states_.insert(state_of(left)).second) {
+    judge_next_runs(state, left);
+  }
+  return state;
+}
+
+std::string SetupTrial::action() const { return action_of(operation_); }
+
+bool SetupTrial::starts_missing() const {
+  return operation_ == SetupOperation::first_install || operation_ == SetupOperation::cancelled_install;
+}
+
+std::string SetupTrial::launcher_file() const {
+  for (const auto& [name, content] : place_.all()) {
+    if (name.starts_with("data/launcher/versions/") && name.ends_with("/bin/launcher")) {
+      return name.substr(5);
+    }
+  }
+  throw std::runtime_error("The launcher has no program");
+}
+
+// Keeps the place under another name, and takes it back from there.
+void SetupTrial::keep(const std::string& name) const { make_copy(place_.place(), place_.root() / name); }
+void SetupTrial::take(const std::string& name) const { make_copy(place_.root() / name, place_.place()); }
+
+// The folder says of itself what its two files mean, and refuses to start where it must. Returns its state.
+std::string SetupTrial::expect_known_state() const {
+  const bool marked = !is_missing(place_.paths().incomplete_marker);
+  const bool recorded = !is_missing(place_.paths().installation_record);
+  try {
+    const NativeInstallStatus status = place_.status();
+    EXPECT_EQ(status.incomplete, marked);
+    EXPECT_EQ(status.installed, recorded && !marked);
+  } catch (const std::exception& error) {
+    ADD_FAILURE() << "status: " << error.what();
+  }
+  if (marked) {
+    EXPECT_FAILURE(
+        require_complete_native_install(place_.data()), "native_install_incomplete",
+        "Ravok setup did not finish in " + place_.data().native() + ". Run the Ravok installer again to repair it.");
+    return "interrupted";
+  }
+  EXPECT_NO_THROW(require_complete_native_install(place_.data()));
+  return recorded ? "complete" : is_missing(place_.data()) ? "missing" : "not installed";
+}
+
+// Of the data folder, only the player's data is left; or nothing. The setup lock may be left where it was never held.
+void SetupTrial::expect_nothing_but_player_data(bool lock_may_stay) const {
+  Files found;
+  for (const auto& [name, content] : place_.all()) {
+    if (name.starts_with("data/") && name != "data/" && !(lock_may_stay && name == "data/.ravok-setup.lock")) {
+      found[name] = content;
+    }
+  }
+  EXPECT_EQ(found, player_data(found));
+  EXPECT_TRUE(lock_may_stay || is_missing(place_.data()) == found.empty());
+}
+
+void SetupTrial::judge_ending(const SetupEnding& ending, const std::string& state, const Files& left) const {
+  const ProgramResult& result = ending.result;
+  if (result.signal == SIGKILL) {
+    // Ended behind its commit, a run has left all of it.
+    if (installs() && state == "complete") {
+      place_.expect_complete();
+    }
+    return;
+  }
+  EXPECT_EQ(strays(left), std::set<std::string>{});
+  if (result.exit_code == 0) {
+    EXPECT_EQ(result.errors, "");
+    judge_success(state);
+    return;
+  }
+  EXPECT_EQ(result.exit_code, 1);
+  EXPECT_TRUE(known_codes.contains(result.errors.substr(0, result.errors.find(':')))) << result.errors;
+  judge_failure(ending, state, left);
+}
+
+void SetupTrial::judge_success(const std::string& state) const {
+  if (installs() || repairs()) {
+    place_.expect_complete();
+  } else if (uninstalls()) {
+    EXPECT_TRUE(state == "missing" || state == "not installed") << state;
+    // A lock file that could not be removed is no failure.
+    for (const std::string& name : place_.top_names()) {
+      EXPECT_TRUE(name == ".ravok-setup.lock" || name == ".native-bootstrap.lock" ||
+                  (action() == "uninstall" && (name == "userdata" || name == "settings.json")))
+          << name;
+    }
+  }
+}
+
+void SetupTrial::judge_failure(const SetupEnding& ending, const std::string& state, const Files& left) const {
+  const std::string& errors = ending.result.errors;
+  if (operation_ == SetupOperation::first_install) {
+    // Of a folder or a lock that could not be made whole, nobody knows whose it is.
+    const bool unowned =
+        ending.spoilt == place_.data() || ending.spoilt == place_.place() || ending.spoilt == place_.paths().setup_lock;
+    EXPECT_TRUE(state == "missing" || unowned) << state;
+    expect_nothing_but_player_data(unowned);
+  } else if (operation_ == SetupOperation::later_install) {
+    EXPECT_NE(state, "missing");
+    if (state == "not installed") {
+      expect_nothing_but_player_data(!left.contains("data/native/"));
+    } else if (state == "complete") {
+      // What fails behind the commit takes nothing back.
+      place_.expect_complete();
+    }
+  } else if (repairs()) {
+    EXPECT_TRUE(state == "interrupted" || state == "complete") << state;
+    const std::string record =
+        left.contains("data/native/setup-status.json") ? left.at("data/native/setup-status.json") : std::string("{}");
+    const Json status = Json::parse(record);
+    if (status.value("outcome", "") == "failed") {
+      EXPECT_EQ(status.value("action", ""), "repair");
+      EXPECT_EQ(status.value("message", "") + "\n", errors.substr(errors.find(": ") + 2));
+    } else if (state == "complete") {
+      // Not even the failure could be recorded; nothing has been replaced.
+      EXPECT_EQ(without_beginnings(left), without_beginnings(start_));
+    }
+  } else if (uninstalls() && state != "interrupted") {
+    EXPECT_EQ(state, "complete");
+    EXPECT_EQ(without_beginnings(left), without_beginnings(start_));
+  }
+}
+
+// Everything that may come next succeeds, each on the same state.
+void SetupTrial::judge_next_runs(const std::string& state, const Files& left) const {
+  keep("left");
+  const bool installed = state == "complete";
+  const bool marked = state == "interrupted";
+  if (installed || marked) {
+    expect_success("repair", left, [&] { place_.repair(); });
+    expect_success("uninstall", left, [&] { place_.uninstall(); });
+    expect_success("remove", left, [&] { place_.uninstall(true); });
+  }
+  if (place_.top_names() == std::vector<std::string>{".native-bootstrap.lock"}) {
+    // An uninstall could not remove it; alone, it is nothing that marks a data folder.
+    EXPECT_FAILURE(place_.install(), "unsafe_path", "Choose an empty folder or an earlier Ravok data folder");
+  } else if (!installed) {
+    expect_success("install", left, [&] { place_.install(); });
+  }
+}
+
+void SetupTrial::expect_success(const std::string& name, const Files& left, const std::function<void()>& run) const {
+  const ::testing::ScopedTrace trace(__FILE__, __LINE__, "the next " + name);
+  take("left");
+  try {
+    run();
+  } catch (const std::exception& error) {
+    ADD_FAILURE() << error.what();
+    return;
+  }
+  if (name == "install" || name == "repair") {
+    place_.expect_complete();
+    EXPECT_EQ(player_data(place_.all()), player_data(left));
+    // Nothing is left behind that an ended run had not left before.
+    for (const std::string& stray : strays(place_.all())) {
+      EXPECT_TRUE(left.contains(stray)) << stray;
+    }
+  } else {
+    expect_nothing_but_player_data();
+    EXPECT_EQ(player_data(place_.all()), name == "remove" ? Files() : player_data(left));
+  }
+}
+
+}  // namespace ravok::testing

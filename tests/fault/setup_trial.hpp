@@ -1,0 +1,88 @@
+// Setups of one small package that are cut short or spoilt: what each starts from, and what must be true of whatever
+// it leaves.
+#pragma once
+
+#include <cstddef>
+#include <filesystem>
+#include <functional>
+#include <map>
+#include <set>
+#include <string>
+
+#include "support/process.hpp"
+#include "support/setup_place.hpp"
+
+namespace ravok::testing {
+
+enum class SetupOperation {
+  first_install,       // into a missing folder
+  later_install,       // into a folder with a player's data
+  bootstrap_repair,    // of a damaged bootstrap
+  launcher_repair,     // of a damaged launcher
+  trust_repair,        // of a damaged trust root
+  bare_uninstall,      // without a player's data
+  keeping_uninstall,   // of all but a player's data
+  removing_uninstall,  // of that too
+  cancelled_install,   // into a missing folder
+};
+
+inline constexpr SetupOperation all_setup_operations[] = {
+    SetupOperation::first_install,     SetupOperation::later_install,      SetupOperation::bootstrap_repair,
+    SetupOperation::launcher_repair,   SetupOperation::trust_repair,       SetupOperation::bare_uninstall,
+    SetupOperation::keeping_uninstall, SetupOperation::removing_uninstall, SetupOperation::cancelled_install,
+};
+
+const char* name_of(SetupOperation operation);
+
+// How a setup ended.
+struct SetupEnding {
+  ProgramResult result;
+  // What the call that was made to fail concerned, if one was.
+  std::filesystem::path spoilt;
+};
+
+class SetupTrial {
+ public:
+  // Makes what the operation starts from.
+  explicit SetupTrial(SetupOperation operation);
+
+  const SetupPlace& place() const { return place_; }
+  // The program that carries the operation out.
+  ProgramRun program() const;
+
+  // Makes the place again as it was before the operation.
+  void restart() const { take("start"); }
+
+  // Judges what the operation has left: the folder is in a known state and says so, the player's data is as it was, and
+  // whatever may come next finishes. The state is returned; the place is left in one that is not told.
+  std::string judge(const SetupEnding& ending);
+
+  // How many states were met that differ in more than names and times that are new for each run.
+  std::size_t states() const { return states_.size(); }
+
+ private:
+  using Files = std::map<std::string, std::string>;
+
+  std::string action() const;
+  bool installs() const { return action() == "install"; }
+  bool repairs() const { return action() == "repair"; }
+  bool uninstalls() const { return action() == "uninstall" || action() == "remove"; }
+  bool starts_missing() const;
+  std::string launcher_file() const;
+  void keep(const std::string& name) const;
+  void take(const std::string& name) const;
+  std::string expect_known_state() const;
+  void expect_nothing_but_player_data(bool lock_may_stay = false) const;
+  void judge_ending(const SetupEnding& ending, const std::string& state, const Files& left) const;
+  void judge_success(const std::string& state) const;
+  void judge_failure(const SetupEnding& ending, const std::string& state, const Files& left) const;
+  void judge_next_runs(const std::string& state, const Files& left) const;
+  void expect_success(const std::string& name, const Files& left, const std::function<void()>& run) const;
+
+  const SetupOperation operation_;
+  const SetupPlace place_;
+  Files start_;
+  std::set<std::string> states_;
+};
+
+}  // namespace ravok::testing
