@@ -94,12 +94,19 @@ NativeInstallStatus status_of_folder(const DataPaths& paths) {
 }  // namespace
 
 InstallationState installation_state(const DataPaths& paths) {
-  // The record first: of a setup that runs beside, the marker is there before it and goes after it.
-  const bool recorded = !is_missing(paths.installation_record);
-  if (!is_missing(paths.incomplete_marker)) {
-    return InstallationState::interrupted;
+  // A setup that runs beside has its marker up before the record changes and until after. So the marker is looked at
+  // behind the record, and behind each later look at that.
+  bool recorded = !is_missing(paths.installation_record);
+  while (is_missing(paths.incomplete_marker)) {
+    if (recorded) {
+      return InstallationState::complete;
+    }
+    recorded = !is_missing(paths.installation_record);
+    if (!recorded) {
+      return InstallationState::none;
+    }
   }
-  return recorded ? InstallationState::complete : InstallationState::none;
+  return InstallationState::interrupted;
 }
 
 void check_installation(const DataPaths& paths) {

@@ -230,7 +230,11 @@ Json LauncherStore::fallback_active() const {
   Json best;
   std::filesystem::file_time_type best_time;
   int entries = 0;
-  for (const auto& entry : std::filesystem::directory_iterator(store_ / "versions")) {
+  std::error_code problem;
+  const std::filesystem::directory_iterator end;
+  for (auto next = std::filesystem::directory_iterator(store_ / "versions", problem); !problem && next != end;
+       next.increment(problem)) {
+    const std::filesystem::directory_entry& entry = *next;
     require(++entries <= maximum_versions, state, "Too many launcher versions to choose a fallback");
     const std::string name = path_utf8(entry.path().filename());
     const auto status = link_status_of(entry.path());

@@ -134,6 +134,7 @@ class Installation {
         paths_(data_folder(request.data_root)) {}
 
   NativeInstallResult run() {
+    require(is_utf8(path_utf8(paths_.root)), "unsafe_path", "The path of the data folder must be valid UTF-8");
     require_apart();
     require_room();
     root_was_missing_ = is_missing(paths_.root);

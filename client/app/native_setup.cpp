@@ -1,7 +1,6 @@
 #include "app/native_setup.hpp"
 
 #include <exception>
-#include <system_error>
 #include <utility>
 
 #include "app/setup_execution.hpp"
@@ -29,13 +28,13 @@ void NativeSetup::start(SetupCommand command) {
     view_ = View();
     view_.running = true;
   }
-  if (thread_.joinable()) {
-    thread_.join();
-  }
-  cancel_requested_ = false;
   try {
+    if (thread_.joinable()) {
+      thread_.join();
+    }
+    cancel_requested_ = false;
     thread_ = std::thread([this, command = std::move(command)] { run(command); });
-  } catch (const std::system_error& problem) {
+  } catch (const std::exception& problem) {
     View outcome;
     outcome.error_code = failed_code;
     outcome.error_message = problem.what();

@@ -18,6 +18,7 @@
 #include "domain/error.hpp"
 #include "domain/paths.hpp"
 #include "platform/file_status.hpp"
+#include "platform/files.hpp"
 #include "platform/native_files.hpp"
 #include "platform/native_lock.hpp"
 #include "platform/shortcuts.hpp"
@@ -81,6 +82,10 @@ class Removal {
     write_setup_marker(paths_);
     const std::optional<Brand> brand = installed_brand(paths_.root);
     native_files::remove_or_trash(paths_.installation_record, trash_);
+    if (!is_missing(paths_.native)) {
+      // The record is not to outlive the marker.
+      sync_directory(paths_.native);
+    }
     remove_uninstall_entry(uninstall_entry_key(brand));
     try {
       result_.changed_shortcuts = remove_owned_native_shortcuts(paths_.root).changed;
@@ -120,8 +125,9 @@ class Removal {
   void remove_traces() const {
     std::error_code problem;
     std::filesystem::remove(paths_.bootstrap_lock, problem);
-    std::filesystem::remove(paths_.setup_lock, problem);
     remove_setup_marker(paths_);
+    // Last, since without its file the lock excludes nobody.
+    std::filesystem::remove(paths_.setup_lock, problem);
     const bool empty = std::filesystem::is_empty(paths_.root, problem) && !problem;
     if (empty || request_.remove_data) {
       std::filesystem::remove(paths_.root, problem);

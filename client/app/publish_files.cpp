@@ -16,13 +16,16 @@ void require_absent(const std::filesystem::path& path) {
 }
 
 std::filesystem::path output_path(const std::filesystem::path& path) {
-  return path.has_parent_path() ? path : "." / path;
+  const std::filesystem::path named = path.has_filename() ? path : path.parent_path();
+  return named.has_parent_path() ? named : "." / named;
 }
 
 void write_new_file(const std::filesystem::path& path, std::string_view bytes) {
-  ExportFile file(path);
-  file.write(bytes);
-  file.commit();
+  gone_unless_durable(path, [&] {
+    ExportFile file(path);
+    file.write(bytes);
+    file.commit();
+  });
 }
 
 NewFolder::NewFolder(const std::filesystem::path& output)

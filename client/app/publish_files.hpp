@@ -16,10 +16,24 @@ namespace ravok {
 // Fails with "output_exists" when anything is at the path.
 void require_absent(const std::filesystem::path& path);
 
+// Does what makes a file. One that is in place without being durable goes again.
+template <typename Work>
+void gone_unless_durable(const std::filesystem::path& path, Work work) {
+  try {
+    work();
+  } catch (const Error& error) {
+    if (error.code == "file_sync") {
+      std::error_code ignored;
+      std::filesystem::remove(path, ignored);
+    }
+    throw;
+  }
+}
+
 // Writes a file of mode 0644 that must not exist yet, durably. Fails as ExportFile does.
 void write_new_file(const std::filesystem::path& path, std::string_view bytes);
 
-// Returns the path of an output in the form in which its directory has a name too.
+// Returns the path of an output in the form in which it and its directory have a name.
 std::filesystem::path output_path(const std::filesystem::path& path);
 
 // Returns what `work` does; a failure of the system's own keeps its code, and its message begins with the path

@@ -96,6 +96,7 @@ PublishedInstaller publish_installer(const InstallerPublication& publication, co
   const std::filesystem::path written = folder.path() / program_name;
   write_new_file(written, program);
   std::filesystem::permissions(written, std::filesystem::perms(0755));
+  sync_file(written);
   folder.commit();
   return published;
 }

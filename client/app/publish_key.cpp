@@ -16,7 +16,13 @@ constexpr std::uint64_t key_file_limit = 65'536;
 constexpr mode_t others = S_IRWXG | S_IRWXO;
 
 Json read_document(const std::filesystem::path& path) {
-  return parse_json(read_file(path, key_file_limit), key_file_limit);
+  const std::string text = read_file(path, key_file_limit);
+  try {
+    return parse_json(text, key_file_limit);
+  } catch (const Error& error) {
+    // The parser's own words may quote what must not be shown.
+    fail(error.code, "The file holds no key");
+  }
 }
 
 bool is_private(const Json& document) { return document.is_object() && document.contains("private"); }
@@ -45,7 +51,8 @@ PublishedKey publish_key(const std::filesystem::path& path, std::string_view sch
   require_absent(published.public_file);
   const SigningKey key = SigningKey::generate(scheme);
 
-  atomic_create(published.private_file, key.document().dump(2) + "\n");
+  gone_unless_durable(published.private_file,
+                      [&] { atomic_create(published.private_file, key.document().dump(2) + "\n"); });
   Undo undo_private(published.private_file);
   write_new_file(published.public_file, key.key().dump(2) + "\n");
   Undo undo_public(published.public_file);

@@ -65,7 +65,11 @@ void choose_brand(SetupCommand& command, std::string_view package_seal) {
   if (needs_package(command.command) && !command.package.empty()) {
     use_package_brand(command, package_seal);
   } else {
-    use_installed_brand(command.data_root);
+    try {
+      use_installed_brand(command.data_root);
+    } catch (const Error&) {
+      // A console shows no theme: one that is damaged, or that a setup beside is replacing, stops nothing.
+    }
   }
 }
 

@@ -212,6 +212,16 @@ std::string sha256(const Json& value) {
 
 const std::string& text_at(const Json& object, const char* key) { return object.at(key).get_ref<const std::string&>(); }
 
+bool is_utf8(std::string_view text) {
+  try {
+    // The strict writer refuses everything else.
+    static_cast<void>(Json(text).dump());
+    return true;
+  } catch (const Json::exception&) {
+    return false;
+  }
+}
+
 bool is_integer(const Json& value, std::int64_t expected) {
   // The library compares an unsigned number with a negative one by its bits.
   return value.is_number_integer() && value == expected && (expected >= 0 || !value.is_number_unsigned());

@@ -43,6 +43,9 @@ std::string sha256(const Json& value);
 // Returns the text under a key. Throws the JSON library's exception when there is none.
 const std::string& text_at(const Json& object, const char* key);
 
+// Whether the text is UTF-8, as every text of a document is.
+bool is_utf8(std::string_view text);
+
 // Whether the value is of an integer type and equal to `expected`.
 bool is_integer(const Json& value, std::int64_t expected);
 

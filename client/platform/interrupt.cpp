@@ -28,6 +28,8 @@ constexpr char request_byte = 1;
 
 std::atomic<std::uint32_t> scope_owned{0};
 std::atomic<bool> reader_attached{false};
+// The descriptor that the owner of the scope reads, or -1.
+std::atomic<int> listened{-1};
 volatile std::sig_atomic_t interrupted = 0;
 
 void interrupt(int) { interrupted = 1; }
@@ -105,14 +107,17 @@ class ConsoleInterrupt::State {
   State() = default;
   ~State() {
     if (!owner_) {
-      // Whoever owns the scope may be listening to the same pipe.
-      static_cast<void>(reader_.release());
+      if (reader_.get() == listened) {
+        // Whoever owns the scope goes on with it.
+        static_cast<void>(reader_.release());
+      }
       return;
     }
     if (installed_) {
       sigaction(SIGINT, &previous_, nullptr);
     }
     reader_.reset();
+    listened = -1;
     reader_attached = false;
     scope_owned = 0;
   }
@@ -136,6 +141,7 @@ class ConsoleInterrupt::State {
             "Console cancellation handler is already installed");
     owner_ = true;
     interrupted = 0;
+    listened = reader_.get();
     reader_attached = static_cast<bool>(reader_);
     struct sigaction action {};
     action.sa_handler = interrupt;
@@ -157,6 +163,7 @@ class ConsoleInterrupt::State {
     if (count == 0) {
       // A parent that is gone has asked for nothing.
       reader_.reset();
+      listened = -1;
       reader_attached = false;
       return false;
     }

@@ -103,7 +103,7 @@ Json create_linux_desktop_entry(const DesktopShortcut& shortcut, const std::file
   require(path.extension() == ".desktop", "shortcut_path", "Linux desktop entries must end in .desktop");
   shortcut_rules::require_new_file(shortcut, path, words);
   shortcut_rules::require_stable_bootstrap(shortcut.bootstrap, "Linux");
-  atomic_create(path, text);
+  shortcut_rules::create_file(path, text);
   return {{"schema_version", 1},
           {"created", true},
           {"path", path_utf8(path)},

@@ -73,7 +73,7 @@ Json create_macos_launch_document(const DesktopShortcut& shortcut, const std::fi
   shortcut_rules::require_new_file(shortcut, path, words);
   // No document is to exist that nothing can open.
   register_macos_shortcut_handler(shortcut.bootstrap);
-  atomic_create(path, text);
+  shortcut_rules::create_file(path, text);
   return {{"schema_version", 1},
           {"created", true},
           {"path", path_utf8(path)},

@@ -2,21 +2,22 @@
 
 #include <algorithm>
 
+#include <unistd.h>
+
 #include "domain/error.hpp"
 #include "domain/json.hpp"
 #include "domain/paths.hpp"
 #include "platform/file_status.hpp"
+#include "platform/files.hpp"
 #include "platform/path_keys.hpp"
 
 namespace ravok::shortcut_rules {
 namespace {
 
-bool is_utf8(std::string_view text) {
+bool holds(const std::filesystem::path& path, const std::string& text) {
   try {
-    // The strict writer refuses everything else.
-    static_cast<void>(Json(text).dump());
-    return true;
-  } catch (const Json::exception&) {
+    return read_file(path, text.size()) == text;
+  } catch (const Error&) {
     return false;
   }
 }
@@ -84,8 +85,21 @@ void require_new_file(const DesktopShortcut& shortcut, const std::filesystem::pa
 
 void require_stable_bootstrap(const std::filesystem::path& bootstrap, std::string_view system) {
   ordinary(bootstrap, false);
-  require(bootstrap.filename() == "ravok-bootstrap" && bootstrap.parent_path().filename() == "bin",
+  require(bootstrap.filename() == "ravok-bootstrap" && bootstrap.parent_path().filename() == "bin" &&
+              !is_in_launcher_payload(bootstrap.parent_path()),
           "shortcut_bootstrap", std::string(system) + " shortcuts require the stable native bootstrap");
+}
+
+void create_file(const std::filesystem::path& path, const std::string& text) {
+  try {
+    atomic_create(path, text);
+  } catch (const Error&) {
+    // It may be in place, and only not durable.
+    if (holds(path, text)) {
+      unlink(path.c_str());
+    }
+    throw;
+  }
 }
 
 }  // namespace ravok::shortcut_rules

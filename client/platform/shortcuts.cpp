@@ -271,6 +271,9 @@ ShortcutRemoval remove_owned_native_shortcuts(const std::filesystem::path& data_
     require(unlink(row.path.c_str()) == 0, "file_remove", "Cannot remove a recorded shortcut");
     removal.removed.push_back(row.path);
   }
+  for (const std::filesystem::path& path : removal.removed) {
+    sync_directory(path.parent_path());
+  }
   write_ledger(data_root, {});
   return removal;
 }
@@ -283,8 +286,16 @@ std::vector<std::filesystem::path> restore_owned_native_shortcuts(const std::fil
   for (OwnedShortcut& row : rows) {
     if (is_missing(row.path)) {
       const DesktopShortcut shortcut = {bootstrap, data_root, row.game, row.name};
-      create_native_shortcut(shortcut, row.path);
-      row = recorded(shortcut, row.path);
+      try {
+        create_native_shortcut(shortcut, row.path);
+        Unrecorded unrecorded(row.path);
+        row = recorded(shortcut, row.path);
+        unrecorded.dismiss();
+      } catch (const Error&) {
+        // What has been made so far is known by its new content.
+        write_ledger(data_root, rows);
+        throw;
+      }
       made.push_back(row.path);
     }
   }

@@ -653,6 +653,13 @@ TEST_F(Fallbacks, AreNoneInAnEmptyStore) {
   EXPECT_FAILURE(open()->fallback_active(), "launcher_missing", nothing_to_start);
 }
 
+TEST_F(Fallbacks, AreNoneWithoutTheirFolder) {
+  const auto store = open();
+  store_build("build-1");
+  std::filesystem::remove_all(root_ / "launcher/versions");
+  EXPECT_FAILURE(store->fallback_active(), "launcher_missing", nothing_to_start);
+}
+
 TEST_F(Fallbacks, AreTheFirstInTheListingOfTwoAlike) {
   const auto store = open();
   const auto time = std::filesystem::file_time_type::clock::now();

@@ -318,6 +318,19 @@ TEST_F(NativeInstall, RefusesABadChoiceOfAFolder) {
   EXPECT_TRUE(same_tree(tree_state(place.root() / "elsewhere"), TreeState()));
 }
 
+TEST_F(NativeInstall, RefusesAFolderWhoseNameIsNotUtf8) {
+  NativeInstallRequest request;
+  request.package = place.package_directory();
+  request.data_root = place.root() / "\xff";
+  const Names before = place.root().names();
+  for (const bool repair : {false, true}) {
+    request.repair = repair;
+    EXPECT_FAILURE(NativeInstaller::install(request, place.seal(), {}), "unsafe_path",
+                   "The path of the data folder must be valid UTF-8");
+  }
+  EXPECT_EQ(place.root().names(), before);
+}
+
 TEST_F(NativeInstall, KeepsPackageAndDataApart) {
   constexpr const char* overlap = "The package and data folders overlap";
   const std::filesystem::path package = place.package_directory();

@@ -109,6 +109,26 @@ TEST_F(NativeSetupTest, IsIdleAtFirst) {
   expect_failed(view, "", "");
 }
 
+TEST_F(NativeSetupTest, CannotWaitForTheThreadThatItIsStartedOn) {
+  FrontEnd front(place.seal());
+  std::atomic<bool> again = true;
+  front.setup.set_wakeup([&] {
+    if (again.exchange(false)) {
+      front.setup.start(status());
+    }
+  });
+  front.setup.start(status());
+  while (front.setup.view().error_code.empty()) {
+    std::this_thread::yield();
+  }
+  expect_failed(front.setup.view(), "setup_failed", std::system_error(EDEADLK, std::generic_category()).what());
+  front.setup.start(status());
+  while (front.setup.view().running) {
+    std::this_thread::yield();
+  }
+  EXPECT_EQ(front.setup.view().error_code, "");
+}
+
 #ifdef __linux__
 
 // While it lives, the system has no room for another thread.

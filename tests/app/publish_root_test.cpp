@@ -47,6 +47,12 @@ TEST(PublishKey, WritesBesideWhereItRunsWhenTheNameIsBare) {
   EXPECT_EQ(root.names(), (std::vector<std::string>{"key", "key.pub"}));
 }
 
+TEST(PublishKey, TakesASeparatorAtTheEndOfAName) {
+  const TemporaryRoot root;
+  EXPECT_EQ(publish_key(root / "key/", "ed25519").private_file, root / "key");
+  EXPECT_EQ(root.names(), (std::vector<std::string>{"key", "key.pub"}));
+}
+
 TEST(PublishKey, OverwritesNothing) {
   const TemporaryRoot root;
   root.write("key", "mine");
@@ -75,6 +81,20 @@ TEST(ReadKey, RefusesAPrivateKeyThatOthersMayRead) {
     ASSERT_EQ(chmod((root / "key").c_str(), mode), 0);
     EXPECT_FAILURE(read_signing_key(root / "key"), "permissions", message);
     EXPECT_FAILURE(read_public_key(root / "key"), "permissions", message);
+  }
+}
+
+TEST(ReadKey, QuotesNothingOfAFileThatIsCutOff) {
+  const TemporaryRoot root;
+  publish_key(root / "key", "ed25519");
+  const std::string whole = root.read("key");
+  const std::string message = (root / "key").native() + ": The file holds no key";
+  for (const std::size_t kept : {std::size_t{0}, whole.find("PRIVATE KEY") + 30, whole.rfind('"') + 1}) {
+    std::filesystem::resize_file(root / "key", kept);
+    EXPECT_FAILURE(read_signing_key(root / "key"), "invalid_json", message);
+    EXPECT_FAILURE(read_public_key(root / "key"), "invalid_json", message);
+    EXPECT_FAILURE(holds_private_key(root / "key"), "invalid_json", message);
+    root.write("key", whole);
   }
 }
 

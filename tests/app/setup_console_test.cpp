@@ -185,6 +185,17 @@ TEST_F(SetupConsole, SpeaksInTheNameOfWhatIsInstalled) {
   expect(maintenance({"status"}), 0, "Ravok is not installed in " + data + ".\n", "");
 }
 
+TEST_F(SetupConsole, IsNotStoppedByADamagedTheme) {
+  place.install();
+  const std::string data = place.data();
+  std::filesystem::remove(place.data() / "native/theme/plain.ttf");
+  expect(run({"status", "--data-dir", data}), 0,
+         "Acme Games is installed in " + data + " (bootstrap build-1, launcher build-1).\n", "");
+  place.write("native/theme/theme.json", "{");
+  expect(run({"shortcut", "create", "--data-dir", data}), 0, "Created 1 shortcut(s).\n", "");
+  expect(run({"uninstall", "--data-dir", data}), 0, "Removed Acme Games from " + data + ".\n", "Removing…\n");
+}
+
 TEST_F(SetupConsole, AsksForThePackageThatDoesNotLieBesideIt) {
   const std::string message = "Choose the initial package with --package DIR";
   for (const char* command : {"install", "repair"}) {

@@ -39,12 +39,15 @@ const char* action_of(SetupOperation operation) {
 }
 
 // The codes with which a run may refuse when a call of it fails. A record that cannot be read is "unsupported_schema",
-// and a new launcher store that cannot be seen to be empty "already_installed".
+// a new launcher store that cannot be seen to be empty "already_installed", a new trust store that cannot be seen to be
+// so "already_initialized", and its lock that cannot be taken "busy".
 const std::set<std::string> known_codes = {
     "already_installed",
     "unsupported_schema",
     "allocation_changed",
+    "already_initialized",
     "archive",
+    "busy",
     "content_mismatch",
     "destination_exists",
     "file_permissions",
@@ -62,6 +65,7 @@ const std::set<std::string> known_codes = {
     "storage",
     "tree_read",
     "unsafe_path",
+    "volume_query",
 };
 
 // Makes a directory hold what another holds, and nothing else. It may be one where a volume is mounted.
@@ -285,8 +289,9 @@ void SetupTrial::judge_failure(const SetupEnding& ending, const std::string& sta
   const std::string& errors = ending.result.errors;
   if (operation_ == SetupOperation::first_install) {
     // Of a folder or a lock that could not be made whole, nobody knows whose it is.
-    const bool unowned =
-        ending.spoilt == place_.data() || ending.spoilt == place_.place() || ending.spoilt == place_.paths().setup_lock;
+    const bool unowned = ending.spoilt == place_.data() || ending.spoilt == place_.place() ||
+                         ending.spoilt == place_.paths().setup_lock ||
+                         (errors.starts_with("lock_failed: ") && !left.contains("data/native/"));
     EXPECT_TRUE(state == "missing" || unowned) << state;
     expect_nothing_but_player_data(unowned);
   } else if (operation_ == SetupOperation::later_install) {

@@ -217,7 +217,7 @@ TEST(ConsoleInterrupt, LeavesAFirstOneWithoutAParentAsItIs) {
   EXPECT_FALSE(ConsoleInterrupt::parent_reader_attached());
   EXPECT_EQ(raise(SIGINT), 0);
   EXPECT_TRUE(first.requested());
-  close(channel.reader);
+  EXPECT_FALSE(is_open(channel.reader));
 }
 
 TEST(ConsoleInterrupt, SaysSoWhenTheHandlerCannotBeInstalled) {

@@ -245,10 +245,13 @@ TEST(DesktopEntryFile, LiesOutsideTheDataAndEveryLauncher) {
 
 TEST(DesktopEntryFile, StartsOnlyTheStableBootstrap) {
   const ShortcutPlace place;
-  DesktopShortcut shortcut = place.shortcut();
-  shortcut.bootstrap = place.write(place.data() / "launcher/versions/1/ravok-bootstrap", "");
-  EXPECT_FAILURE(create_linux_desktop_entry(shortcut, place.desktop() / "a.desktop"), "shortcut_bootstrap",
-                 "Linux shortcuts require the stable native bootstrap");
+  for (const char* other : {"launcher/versions/1/ravok-bootstrap", "launcher/versions/1/bin/ravok-bootstrap",
+                            "launcher/staging/1/bin/ravok-bootstrap", "native/bootstrap/bin/other"}) {
+    DesktopShortcut shortcut = place.shortcut();
+    shortcut.bootstrap = place.write(place.data() / other, "");
+    EXPECT_FAILURE(create_linux_desktop_entry(shortcut, place.desktop() / "a.desktop"), "shortcut_bootstrap",
+                   "Linux shortcuts require the stable native bootstrap");
+  }
   EXPECT_TRUE(std::filesystem::is_empty(place.desktop()));
 }
 

@@ -598,6 +598,22 @@ TEST_F(Shortcuts, WriteALedgerAlsoWhenNothingIsRestored) {
   EXPECT_EQ(ledger(), ledger_document(Json::array()).dump());
 }
 
+TEST_F(Shortcuts, ThatAreRestoredBeforeOneThatCannotBeAreStillTheClientsOwn) {
+  create(entry());
+  const std::filesystem::path folder = place_.home() / "folder";
+  std::filesystem::create_directory(folder);
+  create(folder / "gone.desktop");
+  std::filesystem::remove(entry());
+  std::filesystem::remove_all(folder);
+  const std::filesystem::path bootstrap = place_.write(place_.data() / "new/bin/ravok-bootstrap", "");
+  EXPECT_FAILURE(restore_owned_native_shortcuts(place_.data(), bootstrap), "shortcut_path",
+                 "Custom shortcut destinations require an existing parent directory");
+  EXPECT_EQ(rows().at(0).sha256, digest(place_.read(entry()), "sha256"));
+  const ShortcutRemoval removal = remove();
+  EXPECT_EQ(removal.removed, (std::vector<std::filesystem::path>{entry()}));
+  EXPECT_TRUE(removal.changed.empty());
+}
+
 TEST_F(Shortcuts, AreNotRestoredWhereALedgerMayNotPutThem) {
   for (const std::filesystem::path& bad : {place_.data() / "a.desktop", place_.home() / "missing/a.desktop",
                                            place_.home() / "a.txt", std::filesystem::path("a.desktop")}) {
