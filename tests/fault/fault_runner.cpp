@@ -134,8 +134,7 @@ FaultTable run_faults(const FaultPlan& plan) {
   table.calls = unspoilt.calls;
   for (const FaultCall& call : unspoilt.calls) {
     for (const FaultMode mode : call.modes) {
-      if (std::find(plan.modes.begin(), plan.modes.end(), mode) == plan.modes.end() ||
-          (plan.chooses && !plan.chooses(call, mode))) {
+      if (std::find(plan.modes.begin(), plan.modes.end(), mode) == plan.modes.end()) {
         continue;
       }
       plan.reset();

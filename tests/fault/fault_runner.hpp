@@ -64,8 +64,6 @@ struct FaultPlan {
   // Judges what a spoilt run left behind. Its failed expectations name the call and the mode.
   std::function<void(const FaultOutcome&)> judge;
   std::vector<FaultMode> modes = {std::begin(all_fault_modes), std::end(all_fault_modes)};
-  // Asked of every call and mode in their order: whether it is tried. Without it, all are.
-  std::function<bool(const FaultCall&, FaultMode)> chooses;
   // Guards against a program that never stops calling.
   std::uint64_t most_calls = 2000;
 };
