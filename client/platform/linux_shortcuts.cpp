@@ -103,14 +103,7 @@ Json create_linux_desktop_entry(const DesktopShortcut& shortcut, const std::file
   require(path.extension() == ".desktop", "shortcut_path", "Linux desktop entries must end in .desktop");
   shortcut_rules::require_new_file(shortcut, path, words);
   shortcut_rules::require_stable_bootstrap(shortcut.bootstrap, "Linux");
-  shortcut_rules::create_file(path, text);
-  return {{"schema_version", 1},
-          {"created", true},
-          {"path", path_utf8(path)},
-          {"game_id", shortcut.game_id},
-          {"bootstrap", path_utf8(shortcut.bootstrap)},
-          {"data_root", path_utf8(shortcut.data_root)},
-          {"shortcut_abi", 1}};
+  return shortcut_rules::create_file(shortcut, path, text);
 }
 
 }  // namespace ravok

@@ -73,14 +73,7 @@ Json create_macos_launch_document(const DesktopShortcut& shortcut, const std::fi
   shortcut_rules::require_new_file(shortcut, path, words);
   // No document is to exist that nothing can open.
   register_macos_shortcut_handler(shortcut.bootstrap);
-  shortcut_rules::create_file(path, text);
-  return {{"schema_version", 1},
-          {"created", true},
-          {"path", path_utf8(path)},
-          {"game_id", shortcut.game_id},
-          {"bootstrap", path_utf8(shortcut.bootstrap)},
-          {"data_root", path_utf8(shortcut.data_root)},
-          {"shortcut_abi", 1}};
+  return shortcut_rules::create_file(shortcut, path, text);
 }
 
 void register_macos_shortcut_handler(const std::filesystem::path& bootstrap) {

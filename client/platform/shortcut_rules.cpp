@@ -90,7 +90,7 @@ void require_stable_bootstrap(const std::filesystem::path& bootstrap, std::strin
           "shortcut_bootstrap", std::string(system) + " shortcuts require the stable native bootstrap");
 }
 
-void create_file(const std::filesystem::path& path, const std::string& text) {
+Json create_file(const DesktopShortcut& shortcut, const std::filesystem::path& path, const std::string& text) {
   try {
     atomic_create(path, text);
   } catch (const Error&) {
@@ -100,6 +100,13 @@ void create_file(const std::filesystem::path& path, const std::string& text) {
     }
     throw;
   }
+  return {{"schema_version", 1},
+          {"created", true},
+          {"path", path_utf8(path)},
+          {"game_id", shortcut.game_id},
+          {"bootstrap", path_utf8(shortcut.bootstrap)},
+          {"data_root", path_utf8(shortcut.data_root)},
+          {"shortcut_abi", 1}};
 }
 
 }  // namespace ravok::shortcut_rules

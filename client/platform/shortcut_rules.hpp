@@ -6,6 +6,8 @@
 #include <string>
 #include <string_view>
 
+#include "domain/json.hpp"
+
 namespace ravok {
 
 // What is asked of a new shortcut.
@@ -50,8 +52,9 @@ struct FormWords {
 };
 void require_new_file(const DesktopShortcut& shortcut, const std::filesystem::path& path, const FormWords& words);
 
-// Makes the new file, durably; one that cannot be made durable goes again. Fails as atomic_create does.
-void create_file(const std::filesystem::path& path, const std::string& text);
+// Makes the new file, durably, and returns the document that tells of it. One that cannot be made durable goes
+// again. Fails as atomic_create does.
+Json create_file(const DesktopShortcut& shortcut, const std::filesystem::path& path, const std::string& text);
 
 // Fails with "shortcut_bootstrap" unless the bootstrap is the stable one of an installation.
 void require_stable_bootstrap(const std::filesystem::path& bootstrap, std::string_view system);

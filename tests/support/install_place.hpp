@@ -7,11 +7,10 @@
 #include <string>
 #include <string_view>
 
-#include <unistd.h>
-
 #include "app/data_folder.hpp"
 #include "app/native_install.hpp"
 #include "platform/shortcuts.hpp"
+#include "support/fast_volume.hpp"
 #include "support/package_builder.hpp"
 #include "support/temporary_root.hpp"
 #include "support/tree_state.hpp"
@@ -100,13 +99,7 @@ class InstallPlace {
     return NativeInstaller::install(request, seal_, callbacks);
   }
 
-  // In memory where that can be had: setup flushes all that it writes.
-  static std::filesystem::path base() {
-    const std::filesystem::path memory = "/dev/shm";
-    return access(memory.c_str(), W_OK | X_OK) == 0 ? memory : std::filesystem::temp_directory_path();
-  }
-
-  const TemporaryRoot root_{base()};
+  const TemporaryRoot root_{fast_volume()};
   const WithEnvironment home_{"HOME", root_.directory("home").native()};
   const WithEnvironment data_home_{"XDG_DATA_HOME", std::nullopt};
   const DataPaths paths_{root_ / "data"};
