@@ -29,6 +29,9 @@ void NativeSetup::start(SetupCommand command) {
     view_.running = true;
   }
   try {
+    // A thread cannot wait for its own end.
+    require(thread_.get_id() != std::this_thread::get_id(), failed_code,
+            "Setup cannot be started from its own last wake-up");
     if (thread_.joinable()) {
       thread_.join();
     }
