@@ -24,16 +24,16 @@ NativeSetup::~NativeSetup() {
 void NativeSetup::start(SetupCommand command) {
   {
     const std::lock_guard lock(mutex_);
-    require(!view_.running, "busy", "Setup is already running");
+    // The last wake-up is still a part of the command.
+    require(!view_.running && worker_ != std::this_thread::get_id(), "busy", "Setup is already running");
     view_ = View();
     view_.running = true;
   }
   try {
-    // A thread cannot wait for its own end.
-    require(thread_.get_id() != std::this_thread::get_id(), failed_code,
-            "Setup cannot be started from its own last wake-up");
     if (thread_.joinable()) {
       thread_.join();
+      const std::lock_guard lock(mutex_);
+      worker_ = {};
     }
     cancel_requested_ = false;
     thread_ = std::thread([this, command = std::move(command)] { run(command); });
@@ -56,6 +56,10 @@ void NativeSetup::set_wakeup(std::function<void()> wakeup) {
 }
 
 void NativeSetup::run(const SetupCommand& command) {
+  {
+    const std::lock_guard lock(mutex_);
+    worker_ = std::this_thread::get_id();
+  }
   NativeSetupCallbacks callbacks;
   callbacks.cancelled = [this] { return cancel_requested_.load(); };
   callbacks.progress = [this](std::string_view phase, std::uint64_t done, std::uint64_t total) {

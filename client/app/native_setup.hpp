@@ -32,7 +32,8 @@ class NativeSetup {
   NativeSetup(const NativeSetup&) = delete;
   NativeSetup& operator=(const NativeSetup&) = delete;
 
-  // Begins a command. How it ends is told by the snapshot. Fails with "busy" while another is running.
+  // Begins a command. How it ends is told by the snapshot. Fails with "busy" while another is running, to the end of
+  // its last wake-up.
   void start(SetupCommand command);
 
   // Returns the snapshot. One that is no longer running holds the outcome.
@@ -54,6 +55,7 @@ class NativeSetup {
   mutable std::mutex mutex_;
   View view_;                     // guarded by the mutex
   std::function<void()> wakeup_;  // the same
+  std::thread::id worker_;        // the same: the last command's thread, until it is waited for
   std::atomic<bool> cancel_requested_ = false;
   std::thread thread_;
 };
