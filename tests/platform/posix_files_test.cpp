@@ -18,6 +18,7 @@
 #include "platform/descriptor.hpp"
 #include "platform/file_status.hpp"
 #include "platform/os.hpp"
+#include "support/access_list.hpp"
 #include "support/failure.hpp"
 #include "support/temporary_root.hpp"
 
@@ -25,33 +26,22 @@ namespace ravok {
 namespace {
 
 using testing::TemporaryRoot;
+using Entry = testing::AccessEntry;
 
 constexpr const char* access_list = "system.posix_acl_access";
 constexpr const char* default_list = "system.posix_acl_default";
 constexpr const char* foreign = "Existing Linux storage grants another identity access; preserve it";
 constexpr const char* not_private = "Linux private storage must be ordinary, owned and accessible only to this user";
 
-struct Entry {
-  std::uint16_t tag;
-  std::uint16_t permissions;
-  std::uint32_t id;
-};
-
-constexpr std::uint32_t nobody_in_particular = 0xffffffff;
-
 // An access list as the kernel stores it, with the entries of `named` among the usual ones.
 std::string list_of(const std::vector<Entry>& named, std::uint16_t group = 0) {
-  std::vector<Entry> entries = {{0x01, 7, nobody_in_particular}};
+  std::vector<Entry> entries = {{0x01, 7}};
   entries.insert(entries.end(), named.begin(), named.end());
-  entries.push_back({0x04, group, nobody_in_particular});
-  entries.push_back({0x10, 0, nobody_in_particular});
-  entries.push_back({0x20, 0, nobody_in_particular});
+  entries.push_back({0x04, group});
+  entries.push_back({0x10, 0});
+  entries.push_back({0x20, 0});
   std::stable_sort(entries.begin(), entries.end(), [](const Entry& a, const Entry& b) { return a.tag < b.tag; });
-  std::string list("\2\0\0\0", 4);
-  for (const Entry& entry : entries) {
-    list.append(reinterpret_cast<const char*>(&entry), sizeof entry);
-  }
-  return list;
+  return testing::stored_access_list(entries);
 }
 
 // `count` users' entries that grant nothing, in the ascending order that the kernel wants.
