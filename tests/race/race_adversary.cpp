@@ -15,6 +15,7 @@
 
 #include <fcntl.h>
 #include <poll.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include "platform/os.hpp"
@@ -28,11 +29,23 @@ struct Change {
   std::string second;
 };
 
+bool exists(const std::string& path) {
+  struct stat status;
+  return lstat(path.c_str(), &status) == 0;
+}
+
+// Each time after another while, so that it happens at any step of what is being done to `victim`.
 void plant(const std::string& victim, const std::string& planted) {
+  constexpr unsigned long longest_while = 256;
   static unsigned long number = 0;
+  if (!exists(victim)) {
+    return;
+  }
+  ++number;
+  for (unsigned long left = number * 37 % longest_while; left > 0 && exists(victim); --left) {
+  }
   const std::string aside = planted + "." + std::to_string(getpid()) + "." + std::to_string(number);
   if (os::rename_exclusive(AT_FDCWD, victim.c_str(), AT_FDCWD, aside.c_str()) == 0) {
-    ++number;
     // A second name of the link itself.
     [[maybe_unused]] const int ignored = linkat(AT_FDCWD, planted.c_str(), AT_FDCWD, victim.c_str(), 0);
   }
