@@ -15,11 +15,15 @@
 #include <sys/xattr.h>
 #include <unistd.h>
 
+#include "platform/atomic_commit.hpp"
 #include "platform/descriptor.hpp"
 #include "platform/file_status.hpp"
+#include "platform/files.hpp"
+#include "platform/native_lock.hpp"
 #include "platform/os.hpp"
 #include "support/access_list.hpp"
 #include "support/failure.hpp"
+#include "support/ordinary_user.hpp"
 #include "support/temporary_root.hpp"
 
 namespace ravok {
@@ -335,6 +339,41 @@ TEST_F(PosixFiles, PrivateDirectoryPreservesAForeignAccessListAndTheMode) {
   EXPECT_FAILURE(private_directory(directory), "permissions", foreign);
   EXPECT_EQ(stored_list(directory, access_list), before);
   EXPECT_EQ(mode_of(directory), 0750u);
+}
+
+// As where a folder of all users' homes may not be read.
+TEST_F(PosixFiles, PrivateStorageIsReachedThroughLevelsThatMayNotBeRead) {
+  private_node("homes/mine", true);
+  const testing::OrdinaryUser user(root_);
+  const testing::WithMode closed(root_ / "homes", 0100);
+  const auto mine = root_ / "homes/mine";
+  private_directory(mine);
+  private_directory(mine / "a/b");
+  private_directory_new(mine / "new");
+  for (const char* name : {"a", "a/b", "new"}) {
+    EXPECT_NO_THROW(posix_files::require_private_path(mine / name, true)) << name;
+  }
+  atomic_write(mine / "record", "content");
+  EXPECT_EQ(read_file(mine / "record", 64), "content");
+  EXPECT_TRUE(FileLock(mine / "locks/lock", false, LockMode::exclusive).matches_path(mine / "locks/lock"));
+  EXPECT_NO_THROW(NativeFileLock(mine / "own", true, NativeLockSharing::none, LockMode::exclusive));
+  commit_private_path_new(mine / "new", mine / "a/b/live", {});
+  EXPECT_EQ(mode_of(mine / "a/b/live"), 0700u);
+}
+
+TEST_F(PosixFiles, NothingIsMadeBelowALevelThatMayNotBePassed) {
+  private_node("homes/mine", true);
+  {
+    const testing::OrdinaryUser user(root_);
+    const testing::WithMode closed(root_ / "homes", 0600);
+    EXPECT_FAILURE(private_directory(root_ / "homes/mine/a"), "unsafe_path",
+                   "Linux directory ancestry is missing or linked");
+    EXPECT_FAILURE(private_directory_new(root_ / "homes/mine/new"), "unsafe_path",
+                   "New private directory requires ordinary existing parents");
+    EXPECT_FAILURE(NativeFileLock(root_ / "homes/mine/own", true, NativeLockSharing::none, LockMode::exclusive),
+                   "lock_failed", "Native ownership requires ordinary existing parents");
+  }
+  EXPECT_EQ(root_.names(), (std::vector<std::string>{"homes/", "homes/mine/"}));
 }
 
 TEST_F(PosixFiles, PrivateDirectoryRefusesALinkAtAnyLevel) {
