@@ -45,6 +45,11 @@ struct Walk {
   std::vector<std::string> missing;
 };
 
+Descriptor open_leaf(int parent, const char* name) {
+  constexpr int flags = O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC;
+  return Descriptor(retry_interrupted([&] { return openat(parent, name, flags); }));
+}
+
 Walk walk(const std::filesystem::path& path, bool leaf) {
   Descriptor deepest(retry_interrupted([&] { return open("/", posix_files::walk_flags); }));
   require_place(static_cast<bool>(deepest), "Cannot anchor ", " setup ancestry");
@@ -53,12 +58,11 @@ Walk walk(const std::filesystem::path& path, bool leaf) {
   auto name = names.begin();
   for (; name != names.end(); ++name) {
     const bool may_be_file = leaf && name + 1 == names.end();
-    const int flags = may_be_file ? O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC : posix_files::walk_flags;
     const bool ordinary = *name != "." && *name != "..";
-    Descriptor next(ordinary ? retry_interrupted([&] { return openat(deepest.get(), name->c_str(), flags); }) : -1);
-    if (!next && ordinary && errno == EACCES && !may_be_file) {
-      // What may not be read may still be passed through.
-      next = Descriptor(retry_interrupted([&] { return openat(deepest.get(), name->c_str(), os::passage_flags()); }));
+    Descriptor next;
+    if (ordinary) {
+      next =
+          may_be_file ? open_leaf(deepest.get(), name->c_str()) : posix_files::open_level(deepest.get(), name->c_str());
     }
     if (!next && ordinary && errno == ENOENT) {
       break;
@@ -99,13 +103,12 @@ ComparedNames compared_names(const Walk& place, const Walk& mounted) {
       physical(place.deepest.get()).lexically_relative(physical(mounted.deepest.get()));
   require_place(!relative.empty() && *relative.begin() != "..", "", " setup path escaped its mounted volume");
   ComparedNames compared{{}, os::compares_case(mounted.deepest.get())};
-  Descriptor directory(retry_interrupted([&] { return openat(mounted.deepest.get(), ".", posix_files::walk_flags); }));
+  Descriptor directory = posix_files::open_level(mounted.deepest.get(), ".");
   for (const std::string& name : relative == "." ? std::vector<std::string>() : names_of("/" / relative)) {
     require_place(static_cast<bool>(directory), "", " setup ancestry is linked, unavailable or changed");
     compared.names.push_back(os::compared_name(name, compared.case_sensitive));
     // Below the last level, which may be a file, nothing is asked for.
-    directory =
-        Descriptor(retry_interrupted([&] { return openat(directory.get(), name.c_str(), posix_files::walk_flags); }));
+    directory = posix_files::open_level(directory.get(), name.c_str());
     if (directory) {
       compared.case_sensitive = os::compares_case(directory.get());
     }

@@ -53,15 +53,6 @@ bool is_private_file(const FileStatus& status) {
          (status.st_mode & (S_IRWXG | S_IRWXO | S_ISUID | S_ISGID | S_ISVTX)) == 0;
 }
 
-// A level that this user may not read, such as a folder of all users' homes, may still be passed through.
-Descriptor open_at(int parent, const char* name) {
-  Descriptor level(retry_interrupted([&] { return openat(parent, name, posix_files::walk_flags); }));
-  if (!level && errno == EACCES) {
-    level = Descriptor(retry_interrupted([&] { return openat(parent, name, os::passage_flags()); }));
-  }
-  return level;
-}
-
 Descriptor open_root(const std::filesystem::path& target) {
   return Descriptor(retry_interrupted([&] { return open(target.root_path().c_str(), posix_files::walk_flags); }));
 }
@@ -78,7 +69,7 @@ void flush_new_name(int parent) {
 
 // Opens one level below a verified parent, making it where it is missing.
 Level open_or_make_level(int parent, const char* name) {
-  Level level{open_at(parent, name)};
+  Level level{posix_files::open_level(parent, name)};
   if (!level.directory && errno == ENOENT) {
     level.is_new = mkdirat(parent, name, 0700) == 0;
     require(level.is_new || errno == EEXIST, "permissions",
@@ -87,7 +78,7 @@ Level open_or_make_level(int parent, const char* name) {
       // Another process has just made it: judged like any that was there before, but its name may not be durable.
       flush_new_name(parent);
     }
-    level.directory = open_at(parent, name);
+    level.directory = posix_files::open_level(parent, name);
   }
   require(static_cast<bool>(level.directory), "unsafe_path",
           on_this_system("", " directory ancestry is missing or linked"));
@@ -121,7 +112,7 @@ Descriptor open_parent_chain(const std::filesystem::path& parent) {
   std::size_t levels = 0;
   for (const std::filesystem::path& component : parent.relative_path()) {
     require(++levels <= maximum_levels, "size_limit", "New private directory ancestry exceeds its bound");
-    directory = open_at(directory.get(), component.c_str());
+    directory = posix_files::open_level(directory.get(), component.c_str());
     require(static_cast<bool>(directory), "unsafe_path", "New private directory requires ordinary existing parents");
   }
   return directory;
@@ -236,15 +227,23 @@ Descriptor open_private_directory(const std::filesystem::path& path) {
 
 void private_directory(const std::filesystem::path& path) { open_private_directory(path); }
 
+Descriptor open_level(int parent, const char* name) {
+  Descriptor level(retry_interrupted([&] { return openat(parent, name, walk_flags); }));
+  if (!level && errno == EACCES) {
+    level = Descriptor(retry_interrupted([&] { return openat(parent, name, os::passage_flags()); }));
+  }
+  return level;
+}
+
 Descriptor open_passage(const std::filesystem::path& directory) {
   const std::filesystem::path target = target_of(directory);
-  const auto open_level = [](int parent, const std::filesystem::path& name) {
+  const auto open_component = [](int parent, const std::filesystem::path& name) {
     return Descriptor(retry_interrupted([&] { return openat(parent, name.c_str(), os::passage_flags()); }));
   };
-  Descriptor passage = open_level(AT_FDCWD, target.root_path());
+  Descriptor passage = open_component(AT_FDCWD, target.root_path());
   std::size_t levels = 0;
   for (const std::filesystem::path& component : target.relative_path()) {
-    passage = passage && ++levels <= maximum_levels ? open_level(passage.get(), component) : Descriptor();
+    passage = passage && ++levels <= maximum_levels ? open_component(passage.get(), component) : Descriptor();
   }
   return passage;
 }
@@ -265,7 +264,7 @@ void private_directory_new(const std::filesystem::path& path) {
   const Descriptor parent = open_parent_chain(target.parent_path());
   require(mkdirat(parent.get(), name.c_str(), 0700) == 0, "native_install_commit",
           "Cannot reserve new private staging directory");
-  const Descriptor directory = open_at(parent.get(), name.c_str());
+  const Descriptor directory = posix_files::open_level(parent.get(), name.c_str());
   require(static_cast<bool>(directory), "permissions", on_this_system("Cannot anchor new ", " staging directory"));
   posix_files::secure_new_private(directory.get(), true);
   const auto made = status_of(directory.get());

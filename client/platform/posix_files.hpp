@@ -53,6 +53,10 @@ void private_directory(const std::filesystem::path& path);
 // directory that was proved, whatever becomes of the path.
 Descriptor open_private_directory(const std::filesystem::path& path);
 
+// Opens one directory below an open one. A level that this user may not read, such as a folder of all
+// users' homes, is opened to pass through. Returns none with errno set.
+Descriptor open_level(int parent, const char* name);
+
 // Opens an existing directory to pass through, level by level from its root and through no link
 // but the system's own. Returns none when a level is missing, is no directory or is the 129th.
 Descriptor open_passage(const std::filesystem::path& directory);

@@ -76,12 +76,16 @@ class Retirement {
     require(unlinkat(parent, name, 0) == 0, "file_remove", "Cannot remove a declared managed file");
   }
 
-  // Removes a directory that holds nothing any more, and tells whether it is still there to be flushed.
+  // Removes a directory that holds nothing any more, and flushes one that still holds something.
   void remove_directory(const std::string& path) {
     const int parent = open_parent(path);
+    if (parent < 0) {
+      return;
+    }
     const char* const name = name_in(path);
-    const auto status = parent < 0 ? std::nullopt : link_status_at(parent, name);
+    const auto status = link_status_at(parent, name);
     if (!status) {
+      require(errno == ENOENT, "file_remove", "Cannot retire empty managed directory");
       return;
     }
     require(is_directory(*status), "unsafe_path", "Changed managed directory was preserved");

@@ -17,6 +17,7 @@
 
 #include "fault/fault_runner.hpp"
 #include "support/temporary_root.hpp"
+#include "support/tree_state.hpp"
 
 namespace ravok::testing {
 namespace {
@@ -124,6 +125,73 @@ const Messages resume_allocation = fill_allocation + read_record + sample_itself
                                        "allocation_changed: Prepared allocation path changed",
                                        "allocation_changed: Resume allocation changed",
                                    };
+
+const Messages commit_path = directory_flush + sample_itself +
+                             Messages{
+                                 "unsafe_path: Directory commit requires ordinary existing ancestry",
+                                 "permissions: Cannot inspect the Linux private storage ACL",
+                                 "native_install_commit: Commit source must be private and owned by this user",
+                                 "native_install_commit: Source identity changed during verification",
+                                 "native_install_commit: Cannot atomically install without replacing an existing "
+                                 "destination",
+                             };
+
+// After these there may be a new directory.
+const Messages after_new_directory = {
+    "permissions: Cannot anchor new Linux staging directory",
+    "permissions: New Linux private storage ownership changed",
+    "permissions: Cannot make new Linux storage private",
+    "permissions: Linux private storage must be ordinary, owned and accessible only to this user",
+    "permissions: Cannot inspect the Linux private storage ACL",
+    "permissions: New private staging directory permissions changed",
+    "native_install_commit: New private staging directory path changed",
+    "unsafe_path: Cannot open new private directory ancestry",
+    "unsafe_path: New private directory requires ordinary existing parents",
+};
+
+const Messages new_directory = after_new_directory + directory_flush + sample_itself +
+                               Messages{"native_install_commit: Cannot reserve new private staging directory"};
+
+const Messages take_lock = private_storage + Messages{
+                                                 "lock_failed: Cannot open operation lock",
+                                                 "lock_failed: Operation lock must be an ordinary private owned file",
+                                                 "busy: Another Ravok operation is using this state",
+                                                 "sample: The lock is not that of its path",
+                                             };
+
+const Messages take_ownership = {
+    "lock_failed: Native ownership requires ordinary existing parents",
+    "lock_failed: Native ownership requires an ordinary empty private file",
+    "lock_failed: Cannot acquire native installation ownership",
+    "lock_failed: Native ownership path changed while locking",
+    "permissions: New Linux private storage ownership changed",
+    "permissions: Cannot make new Linux storage private",
+    "permissions: Linux private storage must be ordinary, owned and accessible only to this user",
+    "permissions: Cannot inspect the Linux private storage ACL",
+    "sample: The lock is not that of its path",
+};
+
+// With these, nothing of a tree was removed.
+const Messages before_removal = {
+    "unsafe_path: Tree cleanup requires an ordinary directory",
+    "unsafe_path: Expected a plain directory",
+    "unsafe_path: Tree contains a link or special file",
+    "tree_read: Cannot read a directory of the tree",
+};
+
+// With these, none of a snapshot's files was removed.
+const Messages before_retirement = {
+    "unsafe_path: Managed snapshot retirement requires an ordinary directory",
+    "unsafe_path: A managed snapshot path became a link or special file; it was preserved",
+};
+
+const Messages retire_files =
+    before_retirement + directory_flush +
+    Messages{
+        "unsafe_path: Changed managed paths were preserved",   "unsafe_path: Changed managed directory was preserved",
+        "file_remove: Cannot remove a declared managed file",  "file_remove: Cannot retire empty managed directory",
+        "file_remove: Cannot retire empty snapshot directory",
+    };
 
 // What the sample said, without its line's end and without what is different in every run.
 std::string said(const ProgramResult& result) {
@@ -237,11 +305,13 @@ class FilesFault : public ::testing::Test {
   void expect_all_flushed(const std::vector<FaultCall>& calls) const {
     const std::vector<FaultMode>& modes = calls.back().modes;
     EXPECT_EQ(std::find(modes.begin(), modes.end(), FaultMode::power), modes.end());
-    const auto is_flush = [&](const FaultCall& call) { return call.name == "fsync" && call.path == home_; };
     const auto changed = std::find_if(calls.rbegin(), calls.rend(), [](const FaultCall& call) {
-      return is_one_of(call.name, {"rename", "renameat", "renameat2", "link", "linkat"});
+      return is_one_of(call.name,
+                       {"rename", "renameat", "renameat2", "link", "linkat", "unlink", "unlinkat", "remove"});
     });
-    EXPECT_TRUE(changed == calls.rend() || std::any_of(calls.rbegin(), changed, is_flush));
+    EXPECT_TRUE(changed == calls.rend() || std::any_of(calls.rbegin(), changed, [&](const FaultCall& call) {
+                  return call.name == "fsync" && call.path == changed->path.parent_path();
+                }));
   }
 
   void try_all(const FaultPlan& plan) const {
@@ -270,6 +340,90 @@ class FilesFault : public ::testing::Test {
       }
       EXPECT_EQ(again(plan).exit_code, 0);
       EXPECT_EQ(content("record.json"), "new content");
+    };
+    try_all(plan);
+  }
+
+  void try_commit(const std::string& content_name, const std::function<void()>& prepare) const {
+    FaultPlan plan;
+    plan.run = sample({"commit", home_ / "prepared", home_ / "live"});
+    plan.root = root_.path();
+    plan.reset = prepare;
+    prepare();
+    const TreeState whole = only(tree_state(home_), "prepared");
+    plan.judge = [&](const FaultOutcome& outcome) {
+      judge_ending(outcome, commit_path);
+      const bool committed = std::filesystem::exists(home_ / "live");
+      EXPECT_NE(std::filesystem::exists(home_ / "prepared"), committed);
+      EXPECT_EQ(tree_state(home_).size(), whole.size());
+      EXPECT_EQ(content((committed ? "live" : "prepared") + content_name), "new content");
+      if (!ends_process(outcome.mode)) {
+        EXPECT_EQ(committed, outcome.result.exit_code == 0 || directory_flush.contains(said(outcome.result)));
+      }
+      EXPECT_EQ(again(plan).exit_code, 0);
+      EXPECT_EQ(content("live" + content_name), "new content");
+      EXPECT_EQ(tree_state(home_).size(), whole.size());
+    };
+    try_all(plan);
+  }
+
+  // The lock's file is not there, or it is the empty private file that it must be; and it is taken by the next run.
+  void try_lock(const std::string& action, const Messages& messages, const std::function<void()>& prepare) const {
+    FaultPlan plan;
+    plan.run = sample({action, home_ / "lock"});
+    plan.root = root_.path();
+    plan.reset = prepare;
+    plan.judge = [&](const FaultOutcome& outcome) {
+      judge_ending(outcome, messages);
+      const TreeState lock = {{"lock", "600 file "}};
+      const TreeState left = tree_state(home_);
+      EXPECT_TRUE(left.empty() || same_tree(left, lock));
+      EXPECT_TRUE(outcome.result.exit_code != 0 || !left.empty());
+      EXPECT_EQ(again(plan).errors, "");
+      EXPECT_TRUE(same_tree(tree_state(home_), lock));
+    };
+    try_all(plan);
+  }
+
+  // Retires "a/b/one", "a/two" and "bin/program" of a tree that holds these files besides.
+  void try_retirement(const std::vector<std::string>& unmanaged) const {
+    const std::vector<std::string> managed = {"a/b/one", "a/two", "bin/program"};
+    FaultPlan plan;
+    plan.run = sample({"retire", home_ / "tree", managed[0], managed[1]});
+    plan.root = root_.path();
+    plan.reset = [&] {
+      reset();
+      root_.write("private/beside", "beside");
+      for (const std::string& name : managed) {
+        root_.write("private/tree/" + name, "managed");
+      }
+      for (const std::string& name : unmanaged) {
+        root_.write("private/tree/" + name, "mine");
+      }
+    };
+    plan.reset();
+    const TreeState whole = tree_state(home_);
+    // What is left in the end.
+    std::vector<std::string> gone = {"tree/a/b/one", "tree/a/two", "tree/bin"};
+    gone.emplace_back(unmanaged.empty() ? "tree" : "tree/a/b");
+    const TreeState retired = without(whole, gone);
+    plan.judge = [&](const FaultOutcome& outcome) {
+      judge_ending(outcome, retire_files);
+      const TreeState now = tree_state(home_);
+      for (const auto& [path, node] : retired) {
+        EXPECT_EQ(now.contains(path) ? now.at(path) : "nothing", node) << path;
+      }
+      for (const auto& [path, node] : now) {
+        EXPECT_EQ(whole.contains(path) ? whole.at(path) : "nothing", node) << path;
+      }
+      if (!ends_process(outcome.mode) && before_retirement.contains(said(outcome.result))) {
+        EXPECT_TRUE(same_tree(now, whole));
+      }
+      if (outcome.result.exit_code == 0) {
+        EXPECT_TRUE(same_tree(now, retired));
+      }
+      EXPECT_EQ(again(plan).errors, "");
+      EXPECT_TRUE(same_tree(tree_state(home_), retired));
     };
     try_all(plan);
   }
@@ -414,6 +568,95 @@ TEST_F(FilesFault, ResumedAllocatedFileIsNeverGivenUp) {
   };
   try_all(plan);
 }
+
+TEST_F(FilesFault, CommittedDirectoryIsWholeUnderOneOfItsNames) {
+  try_commit("/record.json", [&] {
+    reset();
+    make_private(home_ / "prepared");
+    root_.write("private/prepared/record.json", "new content");
+  });
+}
+
+TEST_F(FilesFault, CommittedFileIsWholeUnderOneOfItsNames) {
+  try_commit("", [&] {
+    reset();
+    std::filesystem::permissions(root_.write("private/prepared", "new content"),
+                                 std::filesystem::perms::owner_read | std::filesystem::perms::owner_write);
+  });
+}
+
+TEST_F(FilesFault, NewPrivateDirectoryIsPrivateOrNotThere) {
+  FaultPlan plan;
+  plan.run = sample({"private_directory_new", home_ / "new"});
+  plan.root = root_.path();
+  plan.reset = [&] { reset(); };
+  const TreeState made = {{"new", "700 directory"}};
+  plan.judge = [&](const FaultOutcome& outcome) {
+    judge_ending(outcome, new_directory);
+    const TreeState left = tree_state(home_);
+    EXPECT_TRUE(left.empty() || same_tree(left, made));
+    const std::string words = said(outcome.result);
+    if (outcome.result.exit_code == 0 || (!ends_process(outcome.mode) && directory_flush.contains(words))) {
+      EXPECT_FALSE(left.empty());
+    }
+    EXPECT_TRUE(left.empty() || ends_process(outcome.mode) || outcome.result.exit_code == 0 ||
+                after_new_directory.contains(words) || directory_flush.contains(words));
+    EXPECT_EQ(again(plan).errors, "");
+    EXPECT_TRUE(same_tree(tree_state(home_), made));
+  };
+  try_all(plan);
+}
+
+TEST_F(FilesFault, NewOperationLockIsAPrivateFileOrNotThere) {
+  try_lock("file_lock", take_lock, [&] { reset(); });
+}
+
+TEST_F(FilesFault, OperationLockInAMissingDirectoryIsAPrivateFileOrNotThere) {
+  try_lock("file_lock", take_lock, [&] { std::filesystem::remove_all(home_); });
+}
+
+TEST_F(FilesFault, NewOwnershipIsAnEmptyPrivateFileOrNotThere) {
+  try_lock("native_lock", take_ownership, [&] { reset(); });
+}
+
+TEST_F(FilesFault, RemovedTreeIsWholeUntilItIsMeasuredAndGoneInTheEnd) {
+  FaultPlan plan;
+  plan.run = sample({"remove", home_ / "tree"});
+  plan.root = root_.path();
+  plan.reset = [&] {
+    reset();
+    for (const char* name : {"beside", "tree/a/b/one", "tree/a/two", "tree/three"}) {
+      root_.write("private/" + std::string(name), name);
+    }
+  };
+  plan.reset();
+  const TreeState whole = tree_state(home_);
+  const TreeState removed = without(whole, {"tree"});
+  plan.judge = [&](const FaultOutcome& outcome) {
+    // The removal itself passes on the file system's own failure.
+    const bool halfway = outcome.result.exit_code == 2;
+    if (halfway) {
+      EXPECT_EQ(said(outcome.result), "file system: Input/output error");
+    } else {
+      judge_ending(outcome, before_removal + directory_flush);
+    }
+    const TreeState now = tree_state(home_);
+    EXPECT_TRUE(now.contains("beside"));
+    for (const auto& [path, node] : now) {
+      EXPECT_EQ(whole.contains(path) ? whole.at(path) : "nothing", node) << path;
+    }
+    if (!ends_process(outcome.mode) && !halfway) {
+      EXPECT_TRUE(same_tree(now, before_removal.contains(said(outcome.result)) ? whole : removed));
+    }
+    EXPECT_EQ(again(plan).errors, "");
+    EXPECT_TRUE(same_tree(tree_state(home_), removed));
+  };
+  try_all(plan);
+}
+
+TEST_F(FilesFault, RetiredSnapshotLosesItsOwnFilesOnlyAndGoesInTheEnd) { try_retirement({}); }
+
+TEST_F(FilesFault, RetiredSnapshotKeepsWhatIsNotItsOwn) { try_retirement({"a/mine"}); }
 
 }  // namespace
 }  // namespace ravok::testing

@@ -7,8 +7,15 @@
 //                                                 beside A before the step
 //   sample_files allocated PATH                   writes an executable of 204,800 bytes whose blocks are claimed first;
 //                                                 its reservation is recorded in PATH.record
+//   sample_files commit SOURCE DESTINATION        gives what is private at SOURCE its name, once
+//   sample_files private_directory_new PATH       makes a private directory; an empty one may stand there already
+//   sample_files file_lock PATH                   takes the operation lock and proves that it is that of the path
+//   sample_files native_lock PATH                 the same with the ownership of an installation
+//   sample_files remove PATH                      removes a plain tree
+//   sample_files retire ROOT PATH...              retires a snapshot of these files and "bin/program"
 
 #include <cerrno>
+#include <cstddef>
 #include <cstdint>
 #include <filesystem>
 #include <optional>
@@ -22,7 +29,11 @@
 #include "platform/allocated_file.hpp"
 #include "platform/atomic_commit.hpp"
 #include "platform/files.hpp"
+#include "platform/native_lock.hpp"
+#include "platform/posix_files.hpp"
+#include "platform/tree.hpp"
 #include "sample_main.hpp"
+#include "support/manifest_builder.hpp"
 
 namespace ravok {
 namespace {
@@ -58,6 +69,33 @@ void exchange_once(const std::filesystem::path& first, const std::filesystem::pa
     }
   }
   exchange_private_directories(first, second, [&] { atomic_write(record, before); });
+}
+
+void commit_once(const std::filesystem::path& source, const std::filesystem::path& destination) {
+  // An earlier run may have come to the step and not to the flush.
+  if (look_at(source) || !look_at(destination)) {
+    commit_private_path_new(source, destination, {});
+  }
+  sync_directory(destination.parent_path());
+}
+
+void make_private_directory(const std::filesystem::path& path) {
+  require(!look_at(path) || rmdir(path.c_str()) == 0, "sample", "The directory of an earlier run cannot be removed");
+  private_directory_new(path);
+  sync_directory(path.parent_path());
+}
+
+template <typename Lock>
+void prove(const Lock& lock, const std::filesystem::path& path) {
+  require(lock.matches_path(path), "sample", "The lock is not that of its path");
+}
+
+void retire(const std::vector<std::string>& arguments) {
+  std::vector<testing::ManifestFile> files;
+  for (std::size_t i = 2; i < arguments.size(); ++i) {
+    files.push_back({arguments[i]});
+  }
+  retire_snapshot_files(SnapshotManifest::parse(testing::manifest_document(files)), arguments[1], {});
 }
 
 std::string reservation_text(const FileReservation& reservation) {
@@ -113,6 +151,18 @@ int run(const std::vector<std::string>& arguments) {
     exchange_once(arguments[1], arguments[2]);
   } else if (action == "allocated" && arguments.size() == 2) {
     write_allocated(arguments[1]);
+  } else if (action == "commit" && arguments.size() == 3) {
+    commit_once(arguments[1], arguments[2]);
+  } else if (action == "private_directory_new" && arguments.size() == 2) {
+    make_private_directory(arguments[1]);
+  } else if (action == "file_lock" && arguments.size() == 2) {
+    prove(FileLock(arguments[1], false, LockMode::exclusive), arguments[1]);
+  } else if (action == "native_lock" && arguments.size() == 2) {
+    prove(NativeFileLock(arguments[1], true, NativeLockSharing::none, LockMode::exclusive), arguments[1]);
+  } else if (action == "remove" && arguments.size() == 2) {
+    remove_plain_tree(arguments[1]);
+  } else if (action == "retire" && arguments.size() >= 2) {
+    retire(arguments);
   } else {
     return 64;
   }

@@ -12,6 +12,7 @@
 #include "platform/os.hpp"
 #include "support/failure.hpp"
 #include "support/mounted_volume.hpp"
+#include "support/ordinary_user.hpp"
 #include "support/temporary_root.hpp"
 
 namespace ravok {
@@ -20,7 +21,9 @@ namespace {
 using path_keys::directory_key;
 using path_keys::path_key;
 using testing::MountedVolume;
+using testing::OrdinaryUser;
 using testing::TemporaryRoot;
+using testing::WithMode;
 
 constexpr const char* linked = "Linux setup ancestry is linked, unavailable or changed";
 
@@ -71,6 +74,25 @@ TEST(PathKey, TakesAFileAtItsEndOnlyWhereAsked) {
   EXPECT_TRUE(path_key(root / "file").ends_with("/file"));
   EXPECT_FAILURE(directory_key(root / "file"), "unsafe_path", linked);
   EXPECT_FAILURE(path_key(root / "file/below"), "unsafe_path", linked);
+}
+
+TEST(PathKey, IsTheSameBelowADirectoryThatMayOnlyBePassedThrough) {
+  const TemporaryRoot root;
+  root.directory("homes/mine");
+  const std::string key = directory_key(root / "homes/mine/new");
+  const OrdinaryUser user(root);
+  const WithMode closed(root / "homes", 0300);
+  EXPECT_EQ(directory_key(root / "homes/mine/new"), key);
+  EXPECT_EQ(path_key(root / "homes/mine/new"), key);
+}
+
+TEST(PathKey, RefusesAPlaceBelowADirectoryThatMayNotBePassed) {
+  const TemporaryRoot root;
+  root.directory("homes/mine");
+  const OrdinaryUser user(root);
+  const WithMode closed(root / "homes", 0600);
+  EXPECT_FAILURE(directory_key(root / "homes/mine"), "unsafe_path", linked);
+  EXPECT_FAILURE(path_key(root / "homes/new"), "unsafe_path", linked);
 }
 
 TEST(PathKey, RefusesLinks) {
@@ -199,6 +221,19 @@ TEST(ComparedName, DecomposesAndFoldsWhereItDoesNot) {
   EXPECT_EQ(os::compared_name("A\xcc\x88", false), "a\xcc\x88");
   EXPECT_EQ(os::compared_name("\xc3\x9f", false), "ss");
   EXPECT_FAILURE(os::compared_name("\xff", false), "unsafe_path", "Linux setup names must be valid UTF-8");
+}
+
+TEST(ComparedName, HoldsAtMost4096BytesOnceItIsFolded) {
+  constexpr const char* beyond = "Normalized Linux setup names exceed their bound";
+  EXPECT_EQ(os::compared_name(std::string(4096, 'A'), false), std::string(4096, 'a'));
+  EXPECT_FAILURE(os::compared_name(std::string(4097, 'A'), false), "unsafe_path", beyond);
+  // One letter of two bytes is decomposed to two of three.
+  std::string letters;
+  for (int i = 0; i < 1366; ++i) {
+    letters += "\xc3\xa9";
+  }
+  EXPECT_FAILURE(os::compared_name(letters, false), "unsafe_path", beyond);
+  EXPECT_EQ(os::compared_name(letters.substr(2), false).size(), 4095u);
 }
 
 TEST(DescriptorPath, IsThePathAsLongAsThereIsOne) {

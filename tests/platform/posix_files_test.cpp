@@ -15,43 +15,37 @@
 #include <sys/xattr.h>
 #include <unistd.h>
 
+#include "platform/atomic_commit.hpp"
 #include "platform/descriptor.hpp"
 #include "platform/file_status.hpp"
+#include "platform/files.hpp"
+#include "platform/native_lock.hpp"
 #include "platform/os.hpp"
+#include "support/access_list.hpp"
 #include "support/failure.hpp"
+#include "support/ordinary_user.hpp"
 #include "support/temporary_root.hpp"
 
 namespace ravok {
 namespace {
 
 using testing::TemporaryRoot;
+using Entry = testing::AccessEntry;
 
 constexpr const char* access_list = "system.posix_acl_access";
 constexpr const char* default_list = "system.posix_acl_default";
 constexpr const char* foreign = "Existing Linux storage grants another identity access; preserve it";
 constexpr const char* not_private = "Linux private storage must be ordinary, owned and accessible only to this user";
 
-struct Entry {
-  std::uint16_t tag;
-  std::uint16_t permissions;
-  std::uint32_t id;
-};
-
-constexpr std::uint32_t nobody_in_particular = 0xffffffff;
-
 // An access list as the kernel stores it, with the entries of `named` among the usual ones.
 std::string list_of(const std::vector<Entry>& named, std::uint16_t group = 0) {
-  std::vector<Entry> entries = {{0x01, 7, nobody_in_particular}};
+  std::vector<Entry> entries = {{0x01, 7}};
   entries.insert(entries.end(), named.begin(), named.end());
-  entries.push_back({0x04, group, nobody_in_particular});
-  entries.push_back({0x10, 0, nobody_in_particular});
-  entries.push_back({0x20, 0, nobody_in_particular});
+  entries.push_back({0x04, group});
+  entries.push_back({0x10, 0});
+  entries.push_back({0x20, 0});
   std::stable_sort(entries.begin(), entries.end(), [](const Entry& a, const Entry& b) { return a.tag < b.tag; });
-  std::string list("\2\0\0\0", 4);
-  for (const Entry& entry : entries) {
-    list.append(reinterpret_cast<const char*>(&entry), sizeof entry);
-  }
-  return list;
+  return testing::stored_access_list(entries);
 }
 
 // `count` users' entries that grant nothing, in the ascending order that the kernel wants.
@@ -345,6 +339,41 @@ TEST_F(PosixFiles, PrivateDirectoryPreservesAForeignAccessListAndTheMode) {
   EXPECT_FAILURE(private_directory(directory), "permissions", foreign);
   EXPECT_EQ(stored_list(directory, access_list), before);
   EXPECT_EQ(mode_of(directory), 0750u);
+}
+
+// As where a folder of all users' homes may not be read.
+TEST_F(PosixFiles, PrivateStorageIsReachedThroughLevelsThatMayNotBeRead) {
+  private_node("homes/mine", true);
+  const testing::OrdinaryUser user(root_);
+  const testing::WithMode closed(root_ / "homes", 0100);
+  const auto mine = root_ / "homes/mine";
+  private_directory(mine);
+  private_directory(mine / "a/b");
+  private_directory_new(mine / "new");
+  for (const char* name : {"a", "a/b", "new"}) {
+    EXPECT_NO_THROW(posix_files::require_private_path(mine / name, true)) << name;
+  }
+  atomic_write(mine / "record", "content");
+  EXPECT_EQ(read_file(mine / "record", 64), "content");
+  EXPECT_TRUE(FileLock(mine / "locks/lock", false, LockMode::exclusive).matches_path(mine / "locks/lock"));
+  EXPECT_NO_THROW(NativeFileLock(mine / "own", true, NativeLockSharing::none, LockMode::exclusive));
+  commit_private_path_new(mine / "new", mine / "a/b/live", {});
+  EXPECT_EQ(mode_of(mine / "a/b/live"), 0700u);
+}
+
+TEST_F(PosixFiles, NothingIsMadeBelowALevelThatMayNotBePassed) {
+  private_node("homes/mine", true);
+  {
+    const testing::OrdinaryUser user(root_);
+    const testing::WithMode closed(root_ / "homes", 0600);
+    EXPECT_FAILURE(private_directory(root_ / "homes/mine/a"), "unsafe_path",
+                   "Linux directory ancestry is missing or linked");
+    EXPECT_FAILURE(private_directory_new(root_ / "homes/mine/new"), "unsafe_path",
+                   "New private directory requires ordinary existing parents");
+    EXPECT_FAILURE(NativeFileLock(root_ / "homes/mine/own", true, NativeLockSharing::none, LockMode::exclusive),
+                   "lock_failed", "Native ownership requires ordinary existing parents");
+  }
+  EXPECT_EQ(root_.names(), (std::vector<std::string>{"homes/", "homes/mine/"}));
 }
 
 TEST_F(PosixFiles, PrivateDirectoryRefusesALinkAtAnyLevel) {

@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <filesystem>
+#include <functional>
 #include <limits>
 #include <string>
 #include <system_error>
@@ -17,6 +18,7 @@
 #include "support/manifest_builder.hpp"
 #include "support/ordinary_user.hpp"
 #include "support/temporary_root.hpp"
+#include "support/tree_state.hpp"
 
 namespace ravok {
 namespace {
@@ -272,6 +274,78 @@ TEST(RetireSnapshotFiles, PreservesWhatChangesUnderTheWork) {
   EXPECT_FAILURE(retire_snapshot_files(manifest_of({"z"}), root / "tree", swap), "unsafe_path",
                  "Changed managed paths were preserved");
   EXPECT_EQ(root.read("tree/z/mine"), "mine");
+}
+
+// A tree and, outside of it, directories that hold the same names.
+class RetirementOfASwappedTree : public ::testing::Test {
+ protected:
+  RetirementOfASwappedTree() {
+    for (const char* path : {"bin/program", "c/one", "c/two", "d/file"}) {
+      root_.write("tree/" + std::string(path), "x");
+      root_.write("outside/" + std::string(path), "theirs");
+    }
+  }
+
+  // Puts a link to the directory of that name outside in its place, before the file of that number, from 1.
+  std::function<void()> swap(const std::string& name, int before) {
+    return [this, name, before] {
+      if (++calls_ == before) {
+        std::filesystem::rename(root_ / "tree" / name, root_ / "moved");
+        std::filesystem::create_directory_symlink(root_ / "outside" / name, root_ / "tree" / name);
+      }
+    };
+  }
+
+  void expect_refused(const std::function<void()>& hook, const char* message) {
+    const testing::TreeState outside = testing::tree_state(root_ / "outside");
+    EXPECT_FAILURE(retire_snapshot_files(manifest_of({"c/one", "c/two", "d/file"}), root_ / "tree", hook),
+                   "unsafe_path", message);
+    EXPECT_TRUE(testing::same_tree(testing::tree_state(root_ / "outside"), outside));
+  }
+
+  const TemporaryRoot root_;
+  int calls_ = 0;
+};
+
+TEST_F(RetirementOfASwappedTree, GoesOnInTheDirectoryThatItHoldsAndThenRefusesTheLink) {
+  expect_refused(swap("c", 3), "Changed managed directory was preserved");
+  EXPECT_TRUE(std::filesystem::is_symlink(root_ / "tree/c"));
+  EXPECT_TRUE(std::filesystem::is_empty(root_ / "moved"));
+}
+
+TEST_F(RetirementOfASwappedTree, RefusesALinkThatItComesTo) {
+  expect_refused(swap("d", 4), "Managed path contains a symbolic link");
+  EXPECT_TRUE(std::filesystem::is_symlink(root_ / "tree/d"));
+  EXPECT_EQ(root_.read("moved/file"), "x");
+}
+
+TEST_F(RetirementOfASwappedTree, RefusesALinkInPlaceOfADirectoryThatIsEmptyAlready) {
+  std::filesystem::remove(root_ / "tree/d/file");
+  expect_refused(swap("d", 4), "Managed path contains a symbolic link");
+  EXPECT_TRUE(std::filesystem::is_symlink(root_ / "tree/d"));
+}
+
+TEST_F(RetirementOfASwappedTree, EmptiesTheTreeThatItHoldsAndPreservesWhatStandsInItsPlace) {
+  const auto swap_root = [this] {
+    if (++calls_ == 2) {
+      std::filesystem::rename(root_ / "tree", root_ / "moved");
+      std::filesystem::create_directory_symlink("outside", root_ / "tree");
+    }
+  };
+  expect_refused(swap_root, "Changed managed directory was preserved");
+  EXPECT_TRUE(std::filesystem::is_symlink(root_ / "tree"));
+  EXPECT_TRUE(std::filesystem::is_empty(root_ / "moved"));
+}
+
+TEST_F(RetirementOfASwappedTree, PreservesAnEmptyDirectoryThatStandsInItsPlace) {
+  const auto replace_root = [this] {
+    if (++calls_ == 2) {
+      std::filesystem::rename(root_ / "tree", root_ / "moved");
+      root_.directory("tree");
+    }
+  };
+  expect_refused(replace_root, "Changed managed directory was preserved");
+  EXPECT_TRUE(std::filesystem::is_directory(root_ / "tree"));
 }
 
 TEST(RetireSnapshotFiles, RunsTheHookBeforeEachFileAlsoAMissingOne) {

@@ -7,10 +7,12 @@
 #include <map>
 #include <set>
 #include <string>
+#include <system_error>
 #include <tuple>
 #include <vector>
 
 #include <gtest/gtest.h>
+#include <sched.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -20,8 +22,10 @@
 #include "platform/files.hpp"
 #include "platform/native_lock.hpp"
 #include "platform/posix_files.hpp"
+#include "platform/tree.hpp"
 #include "support/companion.hpp"
 #include "support/fast_volume.hpp"
+#include "support/manifest_builder.hpp"
 #include "support/temporary_root.hpp"
 
 namespace ravok {
@@ -312,6 +316,110 @@ TEST_F(Races, ARecordIsNeverReadThroughALink) {
       {"unsafe_path", "file_read"}, [&](int) { seen.insert(read_file(place_ / "record", 64)); });
   seen.erase("mine");
   EXPECT_TRUE(seen.empty());
+}
+
+// --- Removal of trees ----------------------------------------------------------------------
+
+// Trees that come to one name, one after the other, to be removed there. The victim holds the same, and links to it are
+// put in the place of the tree, or of a directory in it, in the middle of the work.
+class TreeRaces : public Races {
+ protected:
+  TreeRaces() {
+    make_tree("victim/copy");
+    link("tree-link", "../victim/copy");
+    std::filesystem::create_directory_symlink(root_ / "victim/copy/sub", root_ / "root/sub-link");
+    directory("root/left");
+    for (int i = 0; i < times; ++i) {
+      make_tree("root/work/" + std::to_string(i));
+    }
+  }
+
+  void run_removals(const Codes& codes, const std::function<void()>& operation) {
+    const std::vector<std::vector<std::string>> changes[] = {
+        {plant("tree/sub", "sub-link")}, {plant("tree/sub/inner", "sub-link")}, {plant("tree", "tree-link")}};
+    int next = 0;
+    for (const auto& change : changes) {
+      run(times / 3, change, codes, [&](int) {
+        std::error_code ignored;
+        const std::string number = std::to_string(next++);
+        std::filesystem::rename(root_ / "root/work" / number, tree_, ignored);
+        const MovedAway moved{tree_, root_ / "root/left" / number};
+        operation();
+      });
+    }
+  }
+
+  const Path tree_ = root_ / "root/tree";
+  const SnapshotManifest manifest_ = SnapshotManifest::parse(testing::manifest_document(manifest_files()));
+
+ private:
+  static constexpr int times = 600;
+  static constexpr int files = 12;
+
+  // Whatever is left there makes room for the next.
+  struct MovedAway {
+    ~MovedAway() {
+      std::error_code ignored;
+      std::filesystem::rename(from, to, ignored);
+    }
+    Path from;
+    Path to;
+  };
+
+  static std::vector<std::string> names() {
+    std::vector<std::string> names;
+    for (int i = 0; i < files; ++i) {
+      names.push_back("sub/" + std::to_string(i));
+      names.push_back("sub/inner/" + std::to_string(i));
+    }
+    return names;
+  }
+
+  static std::vector<testing::ManifestFile> manifest_files() {
+    std::vector<testing::ManifestFile> described;
+    for (const std::string& name : names()) {
+      described.push_back({name});
+    }
+    return described;
+  }
+
+  void make_tree(const std::string& tree) {
+    for (const std::string& name : names()) {
+      file(tree + "/" + name, "x");
+    }
+    file(tree + "/bin/program", "x");
+  }
+
+  std::vector<std::string> plant(const std::string& name, const std::string& planted) const {
+    return {"plant", root_ / "root" / name, root_ / "root" / planted};
+  }
+};
+
+TEST_F(TreeRaces, ATreeIsRemovedQuietlyWithoutAnythingBehindALink) {
+  run_removals({}, [&] { remove_path_quietly(tree_); });
+}
+
+TEST_F(TreeRaces, APlainTreeIsRemovedWithoutAnythingBehindALink) {
+  run_removals({"unsafe_path", "tree_read"}, [&] {
+    try {
+      remove_plain_tree(tree_);
+    } catch (const std::filesystem::filesystem_error&) {
+      // What is changed in the middle of its removal is left as it is.
+    }
+  });
+}
+
+TEST_F(TreeRaces, ASnapshotIsRetiredWithoutAnythingBehindALink) {
+  run_removals({"unsafe_path", "file_remove", "file_sync"},
+               [&] { retire_snapshot_files(manifest_, tree_, [] { sched_yield(); }); });
+}
+
+TEST_F(TreeRaces, ATreeIsMeasuredWithoutAnythingBehindALink) {
+  file("victim/copy/sub/large", std::string(1000, 'x'));
+  file("victim/copy/sub/inner/large", std::string(1000, 'x'));
+  std::uint64_t most = 0;
+  run_removals({"unsafe_path", "tree_read"}, [&] { most = std::max(most, tree_bytes(tree_, 100)); });
+  EXPECT_LE(most, 25u);
 }
 
 }  // namespace

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdarg>
+#include <cstring>
 #include <iterator>
 #include <utility>
 
@@ -42,10 +43,21 @@ std::string_view name_of_open(std::string_view path, int flags) {
   return "open";
 }
 
+std::string_view name_of_openat(std::string_view name, int flags) {
+  if ((flags & O_CREAT) != 0) {
+    return "create";
+  }
+  return name == "." ? "reopen directory" : "openat";
+}
+
 }  // namespace
 
 Plan failing(std::string_view call, int problem, int countdown) {
   return {.call = call, .countdown = countdown, .fails = true, .problem = problem};
+}
+
+Plan holding(std::string value, int countdown) {
+  return {.call = "fgetxattr", .countdown = countdown, .fails = true, .value = std::move(value)};
 }
 
 Plan meanwhile(std::string_view call, std::function<void()> event, int countdown) {
@@ -90,9 +102,13 @@ int __wrap_openat(int directory, const char* name, int flags, ...) {
   va_start(arguments, flags);
   const mode_t mode = (flags & O_CREAT) != 0 ? va_arg(arguments, mode_t) : 0;
   va_end(arguments);
-  const bool itself = std::string_view(name) == ".";
-  const char* const call = (flags & O_CREAT) != 0 ? "create" : itself ? "reopen directory" : "openat";
-  return is_failed(call) ? answer() : __real_openat(directory, name, flags, mode);
+  return is_failed(name_of_openat(name, flags)) ? answer() : __real_openat(directory, name, flags, mode);
+}
+
+// The checked form that the C library's headers make of a call whose flags the compiler does not know.
+int __real___openat_2(int directory, const char* name, int flags);
+int __wrap___openat_2(int directory, const char* name, int flags) {
+  return is_failed(name_of_openat(name, flags)) ? answer() : __real___openat_2(directory, name, flags);
 }
 
 int __real_mkdirat(int directory, const char* name, mode_t mode);
@@ -133,6 +149,11 @@ ssize_t __wrap_read(int file, void* bytes, std::size_t size) {
   return is_failed("read") ? answer() : __real_read(file, bytes, std::min(size, current.longest_piece));
 }
 
+ssize_t __real_readlink(const char* path, char* target, std::size_t size);
+ssize_t __wrap_readlink(const char* path, char* target, std::size_t size) {
+  return is_failed("readlink") ? answer() : __real_readlink(path, target, size);
+}
+
 ssize_t __real_write(int file, const void* bytes, std::size_t size);
 ssize_t __wrap_write(int file, const void* bytes, std::size_t size) {
   return is_failed("write") ? answer() : __real_write(file, bytes, std::min(size, current.longest_piece));
@@ -143,7 +164,18 @@ int __wrap_fchmod(int file, mode_t mode) { return is_failed("fchmod") ? answer()
 
 ssize_t __real_fgetxattr(int file, const char* name, void* value, std::size_t size);
 ssize_t __wrap_fgetxattr(int file, const char* name, void* value, std::size_t size) {
-  return is_failed("fgetxattr") ? answer() : __real_fgetxattr(file, name, value, size);
+  if (!is_failed("fgetxattr")) {
+    return __real_fgetxattr(file, name, value, size);
+  }
+  if (!current.value) {
+    return answer();
+  }
+  if (current.value->size() > size) {
+    errno = ERANGE;
+    return -1;
+  }
+  std::memcpy(value, current.value->data(), current.value->size());
+  return static_cast<ssize_t>(current.value->size());
 }
 
 int __real_fremovexattr(int file, const char* name);

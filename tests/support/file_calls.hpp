@@ -7,6 +7,7 @@
 
 #include <cstddef>
 #include <functional>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -23,10 +24,14 @@ struct Plan {
   std::function<void()> meanwhile = {};           // runs ahead of the call
   std::size_t longest_piece = std::string::npos;  // what one read or write moves at most, in bytes
   std::function<void(struct stat&)> revise = {};  // changes what every fstat answers
+  std::optional<std::string> value = {};          // what an fgetxattr that fails answers instead
 };
 
 // The call, the `countdown`th of its name, fails with this errno; 0 makes it answer 0.
 Plan failing(std::string_view call, int problem, int countdown = 1);
+
+// That attribute, the `countdown`th that is asked for, has this value.
+Plan holding(std::string value, int countdown = 1);
 
 // The event happens just ahead of the call, the `countdown`th of its name.
 Plan meanwhile(std::string_view call, std::function<void()> event, int countdown = 1);
