@@ -193,7 +193,7 @@ PublishedSnapshot publish_snapshot(const SnapshotPublication& publication, const
       publication.tree, inventory, publication.level, [&](std::string_view bytes) { file.write(bytes); }, progress);
   const Json document = make_document(publication, inventory, target, archive);
   require_accepted(publication.kind, document);
-  file.commit();
+  gone_unless_durable(published.archive, [&] { file.commit(); });
   // Without its manifest the archive is of no use to anybody.
   Undo undo(published.archive);
   write_manifest(published.manifest, publication.kind, document);
