@@ -582,6 +582,23 @@ TEST_F(PublishTest, RefusesWhatTheClientWouldRefuse) {
                  1, "Initial bootstrap snapshot contains an undeclared executable helper\n");
 }
 
+TEST_F(PublishTest, RefusesTextsThatNoManifestCanHold) {
+  constexpr const char* message = "The texts of a manifest must be valid UTF-8\n";
+  put_program();
+  put("notes", "caf\xe9");
+  Arguments bad_name = of_game();
+  bad_name[13] = "caf\xe9";
+  for (const Arguments& refused :
+       {bad_name, of_game({"--release-notes", root / "notes"}), of_game({"--target", "games/caf\xe9.tar.zst"})}) {
+    expect_refused(refused, 1, message);
+  }
+  put("notes", "caf\xc3\xa9");
+  Arguments name = of_game({"--release-notes", root / "notes", "--target", "games/caf\xc3\xa9.tar.zst"});
+  name[13] = "caf\xc3\xa9";
+  expect_published(name);
+  EXPECT_EQ(document(game + ".manifest.json").at("display_name"), "caf\xc3\xa9");
+}
+
 TEST_F(PublishTest, NeedsTheFilesThatItIsToRead) {
   put_program();
   const std::string missing = root / "missing";
