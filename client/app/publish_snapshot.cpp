@@ -188,6 +188,8 @@ PublishedSnapshot publish_snapshot(const SnapshotPublication& publication, const
   PublishedSnapshot published;
   published.archive = publication.output / path_from_utf8(target).filename();
   published.manifest = publication.output / manifest_name(publication);
+  require(published.archive != published.manifest, "output_exists",
+          "The archive and its manifest need different names: " + path_utf8(published.archive));
   require_absent(published.archive);
   require_absent(published.manifest);
 

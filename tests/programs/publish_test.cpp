@@ -426,6 +426,13 @@ TEST_F(PublishTest, ReplacesNothing) {
   }
 }
 
+TEST_F(PublishTest, NeedsTwoNamesForItsTwoFiles) {
+  put_program();
+  const std::string name = game + ".manifest.json";
+  expect_refused(of_game({"--target", "games/" + name}), 1,
+                 "The archive and its manifest need different names: " + (output / name).native() + "\n");
+}
+
 TEST_F(PublishTest, WritesNothingIntoTheTree) {
   put_program();
   std::filesystem::create_directory_symlink("tree/bin", root / "link");
