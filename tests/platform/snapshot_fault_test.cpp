@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <cstring>
 #include <functional>
+#include <limits>
 #include <map>
 #include <optional>
 #include <string>
@@ -45,6 +46,7 @@ struct Answers {
   bool content_can_be_compressed = true;
   bool writers_can_be_made = true;
   bool headers_can_be_written = true;
+  std::size_t longest_read = std::numeric_limits<std::size_t>::max();
   std::function<std::optional<ssize_t>(const std::string& path)> read;
   std::function<bool(const std::string& path)> flush;
   std::function<std::optional<la_ssize_t>(void* bytes, std::size_t size)> content;
@@ -83,7 +85,7 @@ int __wrap_fsync(int descriptor) {
 ssize_t __real_read(int descriptor, void* bytes, std::size_t size);
 ssize_t __wrap_read(int descriptor, void* bytes, std::size_t size) {
   const auto answer = answers.read ? answers.read(path_of(descriptor)) : std::nullopt;
-  return answer ? *answer : __real_read(descriptor, bytes, size);
+  return answer ? *answer : __real_read(descriptor, bytes, std::min(size, answers.longest_read));
 }
 
 dirent* __real_readdir(DIR* directory);
@@ -282,6 +284,23 @@ TEST_F(SnapshotFaultTest, ReadsOnWhenASignalInterruptsIt) {
   };
   extract();
   expect_unpacked();
+}
+
+TEST_F(SnapshotFaultTest, ReadsOnWhenAVolumeHandsOutLessThanItIsAskedFor) {
+  const auto pack = [&] {
+    SnapshotInventory inventory = scan_snapshot_tree(root / "tree");
+    return pack_snapshot(root / "tree", inventory, 1, [](std::string_view) {}, {}).sha256;
+  };
+  ASSERT_EQ(chmod(root.write("tree/file", noise(1000)).c_str(), 0644), 0);
+  const std::string whole = pack();
+  for (const std::size_t longest : {1u, 7u, 65'535u}) {
+    answers.longest_read = longest;
+    extract();
+    expect_unpacked();
+    EXPECT_EQ(damaged_snapshot_files(snapshot.manifest, staging, {}, 10).count, 0u);
+    EXPECT_EQ(pack(), whole);
+    std::filesystem::remove_all(staging);
+  }
 }
 
 TEST_F(SnapshotFaultTest, ReportsOrCountsAFileThatFailsWhileItIsRead) {
