@@ -186,6 +186,12 @@ TEST_F(ExtractSnapshotTest, UnpacksNamesThatDoNotFitTheirHeader) {
   EXPECT_FALSE(std::filesystem::exists(staging / "shortened"));
 }
 
+TEST_F(ExtractSnapshotTest, UnpacksNamesThatStandForMetadataElsewhere) {
+  const Files named = {{"data/._readme", "another", 0755}, {"data/readme", "text"}, {"._top"}, {"top", "x"}};
+  extract(testing::write_tar_sample(root, named, tar_archive(members_of(named))));
+  expect_unpacked(named);
+}
+
 TEST_F(ExtractSnapshotTest, UnpacksWhatAnExtendedHeaderSaysNothingForeignOf) {
   Members members = members_of(files);
   members[0].extended = {{"mtime", "1234.5"}, {"uname", "somebody"}, {"comment", "none"}};

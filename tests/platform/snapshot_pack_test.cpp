@@ -7,6 +7,7 @@
 #include <stdexcept>
 #include <string>
 #include <string_view>
+#include <system_error>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -135,6 +136,29 @@ TEST(SnapshotPackBounds, WalkAsManyEntriesAsTheClientWouldAndNotOneMore) {
   EXPECT_FAILURE(scan_snapshot_tree(root / "tree"), "archive_type", "Snapshots hold no empty directories: 1");
   root.directory("tree/more");
   EXPECT_FAILURE(scan_snapshot_tree(root / "tree"), "size_limit", "Game directory entry count exceeds bounds");
+}
+
+TEST_F(SnapshotPackTest, BoundsTheSumOfAllLengths) {
+  constexpr std::uint64_t maximum_bytes = std::uint64_t{1} << 42;
+  std::filesystem::remove_all(tree);
+  put("half", "");
+  put("other", "");
+  std::error_code problem;
+  std::filesystem::resize_file(tree / "half", maximum_bytes / 2, problem);
+  if (problem) {
+    GTEST_SKIP() << "the volume holds no files of that size";
+  }
+  std::filesystem::resize_file(tree / "other", maximum_bytes / 2);
+  EXPECT_EQ(scan().size(), 2u);
+  std::filesystem::resize_file(tree / "other", maximum_bytes / 2 + 1);
+  const auto failure = testing::failure_of([&] { scan(); });
+  ASSERT_TRUE(failure);
+  EXPECT_EQ(failure->code, "size_limit");
+  // Whichever the volume tells of last.
+  const std::string message = failure->what();
+  EXPECT_TRUE(message == "Expanded package exceeds size bounds: half" ||
+              message == "Expanded package exceeds size bounds: other")
+      << message;
 }
 
 // --- Packing -------------------------------------------------------------------------------
