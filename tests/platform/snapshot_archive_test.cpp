@@ -287,6 +287,18 @@ TEST_F(ExtractSnapshotTest, NeedsAnOrdinaryArchive) {
   EXPECT_EQ(names(), before);
 }
 
+TEST_F(ExtractSnapshotTest, TakesNoLinkToItsArchiveThatIsAsLongAsThat) {
+  const Files small = {{"program", "x", 0755}};
+  Sample snapshot = testing::write_tar_sample(root, small, tar_archive(members_of(small)));
+  const std::string name = "archive";
+  const std::string target = "." + std::string(snapshot.manifest.archive_length - 1 - name.size(), '/') + name;
+  snapshot.archive = root / "link";
+  std::filesystem::create_symlink(target, snapshot.archive);
+  ASSERT_EQ(std::filesystem::file_size(snapshot.archive), snapshot.manifest.archive_length);
+  EXPECT_FAILURE(extract(snapshot), "content_mismatch", not_authentic);
+  EXPECT_EQ(names(), Names{"link@"});
+}
+
 TEST_F(ExtractSnapshotTest, LooksAtTheArchiveAheadOfTheStagingDirectory) {
   Sample snapshot = sample();
   root.write("staging/mine", "mine");
