@@ -52,6 +52,13 @@ void require_names(const SnapshotPublication& publication) {
   }
 }
 
+// The texts that no parser of the client's has to look at byte by byte, as what it reads is UTF-8.
+void require_texts(const SnapshotPublication& publication) {
+  for (const std::string& text : {publication.target, publication.display_name, publication.release_notes}) {
+    require(is_utf8(text), "invalid_manifest", "The texts of a manifest must be valid UTF-8");
+  }
+}
+
 Json file_list(const SnapshotInventory& inventory) {
   // A digest of the right form stands where there is none yet.
   const std::string none(64, '0');
@@ -176,10 +183,13 @@ void write_manifest(const std::filesystem::path& path, SnapshotKind kind, const 
 
 PublishedSnapshot publish_snapshot(const SnapshotPublication& publication, const ProgressCallback& progress) {
   require_names(publication);
+  require_texts(publication);
   const std::string target = publication.target.empty() ? archive_name(publication) : publication.target;
   PublishedSnapshot published;
   published.archive = publication.output / path_from_utf8(target).filename();
   published.manifest = publication.output / manifest_name(publication);
+  require(published.archive != published.manifest, "output_exists",
+          "The archive and its manifest need different names: " + path_utf8(published.archive));
   require_absent(published.archive);
   require_absent(published.manifest);
 
@@ -193,7 +203,7 @@ PublishedSnapshot publish_snapshot(const SnapshotPublication& publication, const
       publication.tree, inventory, publication.level, [&](std::string_view bytes) { file.write(bytes); }, progress);
   const Json document = make_document(publication, inventory, target, archive);
   require_accepted(publication.kind, document);
-  file.commit();
+  gone_unless_durable(published.archive, [&] { file.commit(); });
   // Without its manifest the archive is of no use to anybody.
   Undo undo(published.archive);
   write_manifest(published.manifest, publication.kind, document);

@@ -54,7 +54,7 @@ struct PublishedSnapshot {
   std::uint64_t archive_length = 0;   // bytes
 };
 
-// Packs the tree and writes the archive and its manifest into the output directory, under names that
+// Packs the tree and writes the archive and its manifest into the output directory, under two names that
 // must not exist yet; the manifest is last. `progress`, which may be empty, is told of the content
 // bytes packed. Whatever the client would refuse is refused before anything is written, but for an
 // archive that comes out too large; after a failure nothing is left behind.

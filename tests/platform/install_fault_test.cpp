@@ -104,6 +104,16 @@ TEST_F(InstallFault, TheRootIsDurableBeforeItIsRecorded) {
   EXPECT_EQ(flushes, 2);
 }
 
+TEST_F(InstallFault, TheRemovalOfARootIsFlushed) {
+  // After the root and its parent.
+  const Planned set(meanwhile(
+      "fsync", [&] { EXPECT_FALSE(std::filesystem::exists(staging)); }, 3));
+  EXPECT_FAILURE(ReservedTree(game, staging, [](std::uint64_t, std::uint64_t) { return false; }, {}), "cancelled",
+                 "Storage preparation cancelled before download");
+  EXPECT_TRUE(set.happened());
+  EXPECT_EQ(set.count("fsync"), 3);
+}
+
 TEST_F(InstallFault, ARootThatIsNotDurableIsNotRecorded) {
   for (const int flush : {1, 2}) {
     bool recorded = false;

@@ -698,6 +698,7 @@ TEST_F(CleanupPreparedInstall, IsCheckedInOrder) {
   EXPECT_FAILURE(clean(preparation), "install_preparation_state", unrecorded);
   EXPECT_FAILURE(clean(prepare_with(identity_of(versions))), "allocation_changed", other_directory);
   EXPECT_FAILURE(clean(bound()), "unexpected_file", unmanaged_file);
+  EXPECT_EQ(root.names(), (Names{"link@", "staging/", "staging/stray", "versions/"}));
 }
 
 // --- What may lie in a directory that is removed -------------------------------------------
@@ -848,8 +849,10 @@ TEST_F(CleanupReadyInstall, RemovesNothingWithoutItsLastCheck) {
 TEST_F(CleanupReadyInstall, ProvesAllThatItWouldRemoveAlsoWithoutItsLastCheck) {
   activate();
   root.write("versions/1.0/stray", "x");
+  const auto before = all();
   EXPECT_FAILURE(clean_ready(ready_for(destination), false), "unexpected_file", unmanaged_file);
   EXPECT_FAILURE(clean_ready(ready_for(versions), false), "allocation_changed", activation_directory);
+  EXPECT_EQ(all(), before);
 }
 
 TEST_F(CleanupReadyInstall, LeavesAllAloneForARecordThatIsNotUnderstood) {
@@ -878,6 +881,29 @@ TEST_F(CleanupReadyInstall, LeavesAllAloneForAnotherManifestOrOperation) {
         << mismatch.what;
   }
   EXPECT_EQ(all(), before);
+}
+
+TEST_F(CleanupReadyInstall, IsCheckedInOrder) {
+  stage();
+  root.write("staging/stray", "x");
+  root.write("versions/1.0/stray", "x");
+  GameManifest other = game;
+  other.build_id = "build-2";
+  Json ready = ready_for(staging);
+  const auto before = all();
+  ready["staging_identity"] = nullptr;
+  EXPECT_FAILURE(cleanup_ready_install(other, ready, staging, destination, true), "install_ready_state", no_identity);
+  ready = ready_for(versions);
+  EXPECT_FAILURE(cleanup_ready_install(other, ready, staging, destination, true), "install_ready_state",
+                 other_readiness);
+  EXPECT_FAILURE(clean_ready(ready), "allocation_changed", other_directory);
+  ready = ready_for(staging);
+  EXPECT_FAILURE(clean_ready(ready), "unexpected_file", unmanaged_file);
+  EXPECT_EQ(all(), before);
+  std::filesystem::remove(staging / "stray");
+  EXPECT_FAILURE(clean_ready(ready), "allocation_changed", reappeared);
+  EXPECT_EQ(root.read("versions/1.0/stray"), "x");
+  EXPECT_EQ(root.read("staging/bin/program"), "0123456789");
 }
 
 TEST_F(CleanupReadyInstall, PreservesWhatReplacedTheStagingDirectory) {

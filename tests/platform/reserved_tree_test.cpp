@@ -219,6 +219,14 @@ TEST_F(ReservedTreeTest, IsGoneWhenCancelledAheadOfAnyFile) {
   EXPECT_NO_THROW(ReservedTree(manifest, staging, cancelling_at(5), {}));
 }
 
+TEST_F(ReservedTreeTest, IsGoneWhenItsCallbackThrowsAndPassesThatOn) {
+  for (int number = 1; number <= 4; ++number) {
+    const auto throwing = ahead_of(number, [] { throw std::runtime_error("no progress"); });
+    EXPECT_THROW(ReservedTree(manifest, staging, throwing, {}), std::runtime_error) << number;
+    EXPECT_EQ(root.names(), Names{}) << number;
+  }
+}
+
 TEST_F(ReservedTreeTest, LeavesForeignFilesBehindWhenCancelled) {
   const auto event = [&] { root.write("staging/bin/foreign", "foreign"); };
   EXPECT_FAILURE(ReservedTree(manifest, staging, cancelling_at(4, event), {}), "cancelled", cancelled);

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <iterator>
 #include <limits>
 #include <set>
@@ -185,6 +186,12 @@ TEST_F(ExtractSnapshotTest, UnpacksNamesThatDoNotFitTheirHeader) {
   EXPECT_FALSE(std::filesystem::exists(staging / "shortened"));
 }
 
+TEST_F(ExtractSnapshotTest, UnpacksNamesThatStandForMetadataElsewhere) {
+  const Files named = {{"data/._readme", "another", 0755}, {"data/readme", "text"}, {"._top"}, {"top", "x"}};
+  extract(testing::write_tar_sample(root, named, tar_archive(members_of(named))));
+  expect_unpacked(named);
+}
+
 TEST_F(ExtractSnapshotTest, UnpacksWhatAnExtendedHeaderSaysNothingForeignOf) {
   Members members = members_of(files);
   members[0].extended = {{"mtime", "1234.5"}, {"uname", "somebody"}, {"comment", "none"}};
@@ -280,11 +287,25 @@ TEST_F(ExtractSnapshotTest, NeedsAnOrdinaryArchive) {
   EXPECT_EQ(names(), before);
 }
 
+TEST_F(ExtractSnapshotTest, TakesNoLinkToItsArchiveThatIsAsLongAsThat) {
+  const Files small = {{"program", "x", 0755}};
+  Sample snapshot = testing::write_tar_sample(root, small, tar_archive(members_of(small)));
+  const std::string name = "archive";
+  const std::string target = "." + std::string(snapshot.manifest.archive_length - 1 - name.size(), '/') + name;
+  snapshot.archive = root / "link";
+  std::filesystem::create_symlink(target, snapshot.archive);
+  ASSERT_EQ(std::filesystem::file_size(snapshot.archive), snapshot.manifest.archive_length);
+  EXPECT_FAILURE(extract(snapshot), "content_mismatch", not_authentic);
+  EXPECT_EQ(names(), Names{"link@"});
+}
+
 TEST_F(ExtractSnapshotTest, LooksAtTheArchiveAheadOfTheStagingDirectory) {
   Sample snapshot = sample();
   root.write("staging/mine", "mine");
   snapshot.manifest.archive_sha256 = digest("", "sha256");
   EXPECT_FAILURE(extract(snapshot), "content_mismatch", not_authentic);
+  EXPECT_EQ(names(), (Names{"staging/", "staging/mine"}));
+  EXPECT_EQ(root.read("staging/mine"), "mine");
 }
 
 TEST_F(ExtractSnapshotTest, TouchesNothingThatIsThereAlready) {
@@ -578,6 +599,34 @@ TEST_F(ExtractSnapshotTest, RefusesContentThatTheManifestDoesNotTell) {
                         {"staging/", "staging/bin/", "staging/bin/program"});
 }
 
+// Each of these members breaks every rule from its own on.
+TEST_F(ExtractSnapshotTest, ChecksAMemberInItsOrder) {
+  const Members members = {{.path = "../\xff", .mode = 0600, .type = '2', .link_target = "x"},
+                           {.path = "../outside", .mode = 0600, .type = '2', .link_target = "x"},
+                           {.path = "other", .mode = 0600, .type = '2', .link_target = "x"},
+                           {.path = "other", .content = "x", .mode = 0600},
+                           {.path = "readme", .content = "xx", .mode = 0600}};
+  EXPECT_FAILURE(extract(testing::write_tar_sample(root, files, tar_archive(members)),
+                         [](std::uint64_t, std::uint64_t) { return false; }),
+                 "cancelled", cancelled);
+  EXPECT_EQ(names(), Names{"staging/"});
+  std::filesystem::remove_all(staging);
+  expect_member_refused(members[0], "archive_path", wrong_path);
+  expect_member_refused(members[1], "unsafe_path", unsafe_component);
+  expect_member_refused(members[2], "archive_type", wrong_type);
+  expect_member_refused(members[3], "archive_inventory", unexpected);
+  expect_member_refused(members[4], "archive_inventory", wrong_form);
+}
+
+TEST_F(ExtractSnapshotTest, FindsASecondMemberAheadOfItsForm) {
+  Members members = {members_of(files)[0], members_of(files)[0]};
+  members[1].content = "another";
+  members[1].mode = 0600;
+  EXPECT_FAILURE(extract(testing::write_tar_sample(root, files, tar_archive(members))), "archive_inventory",
+                 unexpected);
+  EXPECT_EQ(root.read("staging/bin/program"), "#!program");
+}
+
 // --- Malformed archives --------------------------------------------------------------------
 
 TEST_F(ExtractSnapshotTest, RefusesWhatIsNoTarArchive) {
@@ -842,6 +891,51 @@ TEST_F(ReservedExtractionTest, FindsWhatIsNotOfTheSnapshot) {
   std::filesystem::remove(staging / "foreign");
   extract(snapshot, {}, &reserved);
   expect_unpacked(files);
+}
+
+TEST_F(ReservedExtractionTest, StaysUsableAfterEveryMemberThatWasRefused) {
+  const Names before = names();
+  const Members whole = members_of(files);
+  struct Case {
+    const char* what;
+    std::function<void(Members&)> spoil;
+    const char* code;
+    const char* message;
+  };
+  const std::vector<Case> cases = {
+      {"content",
+       [](Members& members) {
+         members[1].content.at(piece_bytes) = members[1].content.at(piece_bytes) == 'x' ? 'y' : 'x';
+       },
+       "content_mismatch", wrong_content},
+      {"length", [](Members& members) { members[1].content += 'x'; }, "archive_inventory", wrong_form},
+      {"mode", [](Members& members) { members[2].mode = 0600; }, "archive_inventory", wrong_form},
+      {"type", [](Members& members) { members[2].type = '5'; }, "archive_type", wrong_type},
+      {"name", [](Members& members) { members[2].path = "../empty"; }, "unsafe_path", unsafe_component},
+      {"text", [](Members& members) { members[2].path = "\xff"; }, "archive_path", wrong_path},
+      {"unknown", [](Members& members) { members[3].path = "other"; }, "archive_inventory", unexpected},
+      {"second", [](Members& members) { members.push_back(members[0]); }, "archive_inventory", unexpected},
+      {"missing", [](Members& members) { members.pop_back(); }, "archive", malformed}};
+  for (const Case& spoilt : cases) {
+    SCOPED_TRACE(spoilt.what);
+    Members members = whole;
+    spoilt.spoil(members);
+    EXPECT_FAILURE(extract(testing::write_tar_sample(root, files, tar_archive(members)), {}, &reserved), spoilt.code,
+                   spoilt.message);
+    EXPECT_EQ(names(), before);
+    reserved.validate(snapshot.manifest, staging);
+  }
+  extract(sample(), {}, &reserved);
+  expect_unpacked(files);
+}
+
+TEST_F(ReservedExtractionTest, TouchesNothingForAnArchiveThatIsNotItsManifests) {
+  root.write("archive", "another");
+  EXPECT_FAILURE(extract(snapshot, {}, &reserved), "content_mismatch", not_authentic);
+  for (const SampleFile& file : files) {
+    EXPECT_TRUE(root.read("staging/" + file.path) == std::string(file.content.size(), '\0')) << file.path;
+    EXPECT_EQ(mode_of(staging / file.path), S_IFREG | 0600u) << file.path;
+  }
 }
 
 TEST_F(ReservedExtractionTest, StaysUsableAfterAnArchiveThatWasRefused) {

@@ -6,12 +6,16 @@
 #include <cerrno>
 #include <cstring>
 #include <functional>
+#include <limits>
 #include <map>
 #include <optional>
 #include <string>
+#include <string_view>
+#include <utility>
 #include <vector>
 
 #include <archive.h>
+#include <archive_entry.h>
 #include <dirent.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -20,6 +24,7 @@
 
 #include "platform/reserved_tree.hpp"
 #include "platform/snapshot_archive.hpp"
+#include "platform/snapshot_pack.hpp"
 #include "platform/snapshot_tree.hpp"
 #include "platform/tree_walk.hpp"
 #include "support/failure.hpp"
@@ -36,6 +41,12 @@ struct Answers {
   bool readers_can_be_made = true;
   bool types_are_told = true;
   bool names_can_be_read = true;
+  bool files_are_told_once = true;
+  bool compressors_can_be_made = true;
+  bool content_can_be_compressed = true;
+  bool writers_can_be_made = true;
+  bool headers_can_be_written = true;
+  std::size_t longest_read = std::numeric_limits<std::size_t>::max();
   std::function<std::optional<ssize_t>(const std::string& path)> read;
   std::function<bool(const std::string& path)> flush;
   std::function<std::optional<la_ssize_t>(void* bytes, std::size_t size)> content;
@@ -74,7 +85,7 @@ int __wrap_fsync(int descriptor) {
 ssize_t __real_read(int descriptor, void* bytes, std::size_t size);
 ssize_t __wrap_read(int descriptor, void* bytes, std::size_t size) {
   const auto answer = answers.read ? answers.read(path_of(descriptor)) : std::nullopt;
-  return answer ? *answer : __real_read(descriptor, bytes, size);
+  return answer ? *answer : __real_read(descriptor, bytes, std::min(size, answers.longest_read));
 }
 
 dirent* __real_readdir(DIR* directory);
@@ -83,7 +94,13 @@ dirent* __wrap_readdir(DIR* directory) {
     errno = EIO;
     return nullptr;
   }
+  // A file stays the entry of its directory until the next one is read.
+  static dirent* told = nullptr;
+  if (dirent* const again = std::exchange(told, nullptr); again != nullptr && !answers.files_are_told_once) {
+    return again;
+  }
   dirent* const entry = __real_readdir(directory);
+  told = entry != nullptr && entry->d_type == DT_REG ? entry : nullptr;
   if (entry != nullptr && !answers.types_are_told) {
     entry->d_type = DT_UNKNOWN;
   }
@@ -97,6 +114,26 @@ std::size_t __real_ZSTD_DCtx_setParameter(ZSTD_DCtx* context, ZSTD_dParameter pa
 std::size_t __wrap_ZSTD_DCtx_setParameter(ZSTD_DCtx* context, ZSTD_dParameter parameter, int value) {
   // A value out of bounds is the library's own way to fail.
   return __real_ZSTD_DCtx_setParameter(context, parameter, answers.windows_can_be_bounded ? value : -1);
+}
+
+ZSTD_CCtx* __real_ZSTD_createCCtx();
+ZSTD_CCtx* __wrap_ZSTD_createCCtx() { return answers.compressors_can_be_made ? __real_ZSTD_createCCtx() : nullptr; }
+
+std::size_t __real_ZSTD_compressStream2(ZSTD_CCtx* context, ZSTD_outBuffer* output, ZSTD_inBuffer* input,
+                                        ZSTD_EndDirective directive);
+std::size_t __wrap_ZSTD_compressStream2(ZSTD_CCtx* context, ZSTD_outBuffer* output, ZSTD_inBuffer* input,
+                                        ZSTD_EndDirective directive) {
+  // The last numbers are the library's errors.
+  return answers.content_can_be_compressed ? __real_ZSTD_compressStream2(context, output, input, directive)
+                                           : static_cast<std::size_t>(-1);
+}
+
+::archive* __real_archive_write_new();
+::archive* __wrap_archive_write_new() { return answers.writers_can_be_made ? __real_archive_write_new() : nullptr; }
+
+int __real_archive_write_header(::archive* writer, archive_entry* entry);
+int __wrap_archive_write_header(::archive* writer, archive_entry* entry) {
+  return answers.headers_can_be_written ? __real_archive_write_header(writer, entry) : ARCHIVE_FATAL;
 }
 
 ::archive* __real_archive_read_new();
@@ -249,6 +286,23 @@ TEST_F(SnapshotFaultTest, ReadsOnWhenASignalInterruptsIt) {
   expect_unpacked();
 }
 
+TEST_F(SnapshotFaultTest, ReadsOnWhenAVolumeHandsOutLessThanItIsAskedFor) {
+  const auto pack = [&] {
+    SnapshotInventory inventory = scan_snapshot_tree(root / "tree");
+    return pack_snapshot(root / "tree", inventory, 1, [](std::string_view) {}, {}).sha256;
+  };
+  ASSERT_EQ(chmod(root.write("tree/file", noise(1000)).c_str(), 0644), 0);
+  const std::string whole = pack();
+  for (const std::size_t longest : {1u, 7u, 65'535u}) {
+    answers.longest_read = longest;
+    extract();
+    expect_unpacked();
+    EXPECT_EQ(damaged_snapshot_files(snapshot.manifest, staging, {}, 10).count, 0u);
+    EXPECT_EQ(pack(), whole);
+    std::filesystem::remove_all(staging);
+  }
+}
+
 TEST_F(SnapshotFaultTest, ReportsOrCountsAFileThatFailsWhileItIsRead) {
   extract();
   for (const ProgressCallback& progress : {ProgressCallback(), ProgressCallback([](auto, auto) { return true; })}) {
@@ -281,6 +335,17 @@ TEST_F(SnapshotFaultTest, FailsWhereADirectoryCannotBeReadToItsEnd) {
                  "Cannot read a directory of the tree");
 }
 
+TEST_F(SnapshotFaultTest, FindsMoreFilesThanTheManifestHasWhereAVolumeTellsThemTwice) {
+  extract();
+  const Names before = root.names();
+  answers.files_are_told_once = false;
+  EXPECT_FAILURE(verify_snapshot_tree(snapshot.manifest, staging, {}), "size_limit",
+                 "Game tree contains too many files");
+  EXPECT_EQ(damaged_snapshot_files(snapshot.manifest, staging, {}, 10).count, 0u);
+  answers.files_are_told_once = true;
+  EXPECT_EQ(root.names(), before);
+}
+
 // --- Libraries -----------------------------------------------------------------------------
 
 TEST_F(SnapshotFaultTest, NeedsItsDecoders) {
@@ -297,6 +362,30 @@ TEST_F(SnapshotFaultTest, NeedsItsDecoders) {
     std::filesystem::remove_all(staging);
     answers = {};
   }
+}
+
+TEST_F(SnapshotFaultTest, PacksOnlyWithItsEncoders) {
+  ASSERT_EQ(chmod(root.write("tree/file", "x").c_str(), 0644), 0);
+  SnapshotInventory inventory = scan_snapshot_tree(root / "tree");
+  std::size_t bytes = 0;
+  const auto pack = [&] {
+    pack_snapshot(root / "tree", inventory, 1, [&](std::string_view piece) { bytes += piece.size(); }, {});
+  };
+  const struct {
+    bool Answers::*answer;
+    const char* message;
+  } cases[] = {{&Answers::compressors_can_be_made, "Cannot start the archive's compression"},
+               {&Answers::writers_can_be_made, "Cannot write the archive"},
+               {&Answers::headers_can_be_written, "Cannot write the archive"},
+               {&Answers::content_can_be_compressed, "Cannot compress the archive"}};
+  for (const auto& missing : cases) {
+    answers.*missing.answer = false;
+    EXPECT_FAILURE(pack(), "archive", missing.message);
+    EXPECT_EQ(bytes, 0u);
+    answers = {};
+  }
+  pack();
+  EXPECT_GT(bytes, 0u);
 }
 
 TEST_F(SnapshotFaultTest, WritesNothingBeyondTheLengthOfAFile) {

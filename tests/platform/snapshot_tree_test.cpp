@@ -4,6 +4,8 @@
 #include <cstdint>
 #include <filesystem>
 #include <fstream>
+#include <functional>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -17,6 +19,7 @@
 #include "support/ordinary_user.hpp"
 #include "support/snapshot_builder.hpp"
 #include "support/temporary_root.hpp"
+#include "support/tree_state.hpp"
 
 namespace ravok {
 namespace {
@@ -61,7 +64,9 @@ class SnapshotTreeTest : public ::testing::Test {
                        {"tool", "#!tool", 0755}};
   const SnapshotManifest manifest = testing::manifest_of(files, "archive");
 
-  SnapshotTreeTest() {
+  SnapshotTreeTest() { put_all(); }
+
+  void put_all() const {
     for (const SampleFile& file : files) {
       put(file.path, file.content);
       set_mode(file.path, file.mode == 0755 ? 0700 : 0600);
@@ -237,6 +242,14 @@ TEST_F(SnapshotTreeTest, WalksNoTreeWithALink) {
   verify();
 }
 
+TEST_F(SnapshotTreeTest, TellsALinkAheadOfItsName) {
+  for (const char* name : {"back\\slash", "a:b"}) {
+    std::filesystem::create_symlink("tool", tree / name);
+    expect_both_refuse("unsafe_path", linked);
+    std::filesystem::remove(tree / name);
+  }
+}
+
 TEST_F(SnapshotTreeTest, TakesNoLinkForAFileOrADirectoryOfTheManifest) {
   std::filesystem::rename(tree / "tool", root / "tool");
   std::filesystem::create_symlink(root / "tool", tree / "tool");
@@ -406,6 +419,82 @@ TEST_F(SnapshotTreeTest, FollowsNoLinkThatComesAfterTheWalk) {
     return true;
   };
   EXPECT_FAILURE(damaged(10, swap), "unsafe_path", "Managed path contains a symbolic link");
+}
+
+// What is done to the tree behind the walk, ahead of the first file that is read.
+TEST_F(SnapshotTreeTest, FindsWhatBecomesOfAFileAfterTheWalk) {
+  const struct {
+    std::function<void()> event;
+    const char* code;
+    std::string message;
+  } cases[] = {
+      {[] {}, "content_mismatch", differs("data/text")},
+      {[&] { root.directory("tree/data/text"); }, "content_mismatch", differs("data/text")},
+      {[&] { ASSERT_EQ(mkfifo((tree / "data/text").c_str(), 0600), 0); }, "content_mismatch", differs("data/text")},
+      {[&] { std::filesystem::create_symlink(root / "moved", tree / "data/text"); }, "unsafe_path",
+       "Managed path contains a symbolic link"}};
+  for (const auto& change : cases) {
+    bool happened = false;
+    const auto replace = [&](std::uint64_t, std::uint64_t) {
+      if (!std::exchange(happened, true)) {
+        std::filesystem::rename(tree / "data/text", root / "moved");
+        change.event();
+      }
+      return true;
+    };
+    EXPECT_FAILURE(verify(replace), change.code, change.message);
+    std::filesystem::remove(tree / "data/text");
+    std::filesystem::rename(root / "moved", tree / "data/text");
+  }
+  verify();
+}
+
+// Whatever was done to a tree, one of the two has something to say of it exactly when the other has.
+TEST_F(SnapshotTreeTest, IsWholeForTheOneWalkExactlyWhereItIsForTheOther) {
+  const auto replace = [&](const std::string& path, const std::function<void()>& make) {
+    std::filesystem::remove_all(tree / path);
+    make();
+  };
+  const std::vector<std::function<void(const std::string&)>> events = {
+      [](const std::string&) {},
+      [&](const std::string& path) { append(path, "x"); },
+      [&](const std::string& path) { replace(path, [] {}); },
+      [&](const std::string& path) { replace(path, [&] { root.directory("tree/" + path); }); },
+      [&](const std::string& path) { replace(path, [&] { EXPECT_EQ(mkfifo((tree / path).c_str(), 0700), 0); }); },
+      [&](const std::string& path) { replace(path, [&] { std::filesystem::create_symlink("x", tree / path); }); },
+      [&](const std::string& path) { replace(path, [&] { put(path, ""); }); },
+      [&](const std::string& path) { root.directory("tree/more/" + path); },
+      [&](const std::string& path) { put("more/" + path + ".more", "x"); },
+      [&](const std::string& path) { set_mode(path, 0700); },
+      [&](const std::string& path) { set_mode(path, 0600); },
+  };
+  int whole = 0;
+  for (std::size_t event = 0; event < events.size(); ++event) {
+    for (const SampleFile& file : files) {
+      events[event](file.path);
+      const auto refusal = testing::failure_of([&] { verify(); });
+      std::optional<DamagedFiles> found;
+      const auto problem = testing::failure_of([&] { found = damaged(); });
+      const bool has_damage = problem || found->count > 0;
+      EXPECT_EQ(has_damage, refusal.has_value()) << event << " of " << file.path;
+      EXPECT_TRUE(problem || found->paths.size() == found->count);
+      whole += refusal ? 0 : 1;
+      std::filesystem::remove_all(tree);
+      put_all();
+    }
+  }
+  // Nothing done, directories without files, and modes that forbid nothing.
+  EXPECT_EQ(whole, 5 + 1 + 5 + 5 + 3);
+}
+
+TEST_F(SnapshotTreeTest, LeavesTheTreeAsItIs) {
+  put("bin/program", "#!damaged");
+  set_mode("tool", 0600);
+  root.directory("tree/extra");
+  const testing::TreeState before = testing::tree_state(tree);
+  EXPECT_FAILURE(verify(), "content_mismatch", differs("bin/program"));
+  expect_damaged({"bin/program", "tool"});
+  EXPECT_TRUE(testing::same_tree(testing::tree_state(tree), before));
 }
 
 TEST_F(SnapshotTreeTest, ReportsOrCountsAFileThatItCannotRead) {

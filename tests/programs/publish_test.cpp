@@ -426,6 +426,13 @@ TEST_F(PublishTest, ReplacesNothing) {
   }
 }
 
+TEST_F(PublishTest, NeedsTwoNamesForItsTwoFiles) {
+  put_program();
+  const std::string name = game + ".manifest.json";
+  expect_refused(of_game({"--target", "games/" + name}), 1,
+                 "The archive and its manifest need different names: " + (output / name).native() + "\n");
+}
+
 TEST_F(PublishTest, WritesNothingIntoTheTree) {
   put_program();
   std::filesystem::create_directory_symlink("tree/bin", root / "link");
@@ -580,6 +587,23 @@ TEST_F(PublishTest, RefusesWhatTheClientWouldRefuse) {
   expect_refused({"snapshot", root / "linux", "--kind", "bootstrap", "--build-id", "build-1", "--executable",
                   "bin/ravok-bootstrap", "--platform", "linux-x86_64", "--output", output},
                  1, "Initial bootstrap snapshot contains an undeclared executable helper\n");
+}
+
+TEST_F(PublishTest, RefusesTextsThatNoManifestCanHold) {
+  constexpr const char* message = "The texts of a manifest must be valid UTF-8\n";
+  put_program();
+  put("notes", "caf\xe9");
+  Arguments bad_name = of_game();
+  bad_name[13] = "caf\xe9";
+  for (const Arguments& refused :
+       {bad_name, of_game({"--release-notes", root / "notes"}), of_game({"--target", "games/caf\xe9.tar.zst"})}) {
+    expect_refused(refused, 1, message);
+  }
+  put("notes", "caf\xc3\xa9");
+  Arguments name = of_game({"--release-notes", root / "notes", "--target", "games/caf\xc3\xa9.tar.zst"});
+  name[13] = "caf\xc3\xa9";
+  expect_published(name);
+  EXPECT_EQ(document(game + ".manifest.json").at("display_name"), "caf\xc3\xa9");
 }
 
 TEST_F(PublishTest, NeedsTheFilesThatItIsToRead) {
