@@ -77,7 +77,7 @@ std::filesystem::path data_folder(const std::filesystem::path& path) {
   const std::string text = path_utf8(path);
   require(!text.empty() && text.size() <= maximum_path_bytes && text.find('\0') == std::string::npos, "unsafe_path",
           "Choose a data folder");
-  const std::filesystem::path root = std::filesystem::absolute(path).lexically_normal();
+  std::filesystem::path root = std::filesystem::absolute(path).lexically_normal();
   require(root != root.root_path() && root.has_filename(), "unsafe_path",
           "The data folder cannot be a filesystem root");
   const auto status = link_status_of(root);

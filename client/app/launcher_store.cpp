@@ -276,7 +276,7 @@ Json LauncherStore::seed_initial(std::string_view manifest_text, const std::file
   require(manifest.platform == native_platform(), "launcher_incompatible",
           "Initial launcher targets another native platform");
   const std::string sha256 = digest(manifest_text, "sha256");
-  const Json reference = make_reference(sha256, manifest.build_id);
+  Json reference = make_reference(sha256, manifest.build_id);
   const std::filesystem::path folder = payload(reference);
   require_path_room(root_, folder.lexically_relative(root_), manifest.longest_native_path());
   // The archive is here already, and none of it has to be downloaded.

@@ -423,7 +423,7 @@ class Installation {
 };
 
 DataPaths installed_paths(const std::filesystem::path& data_root) {
-  const DataPaths paths(data_folder(data_root));
+  DataPaths paths(data_folder(data_root));
   require(!is_missing(paths.installation_record), "not_installed", not_installed_in(paths.root));
   return paths;
 }
@@ -460,8 +460,8 @@ std::filesystem::path NativeInstaller::create_shortcut(const std::filesystem::pa
   if (display_name.empty()) {
     display_name = product_name();
   }
-  const std::filesystem::path place = path.empty() ? native_menu_entry(paths.root, game, display_name)
-                                                   : std::filesystem::absolute(path).lexically_normal();
+  std::filesystem::path place = path.empty() ? native_menu_entry(paths.root, game, display_name)
+                                             : std::filesystem::absolute(path).lexically_normal();
   create_owned_native_shortcut({shortcut_bootstrap(paths), paths.root, game, display_name}, place);
   return place;
 }

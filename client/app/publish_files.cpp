@@ -43,8 +43,10 @@ void NewFolder::commit() {
   sync_directory(path_);
   require(os::rename_exclusive(AT_FDCWD, path_.c_str(), AT_FDCWD, output_.c_str()) == 0, "file_write",
           "Cannot give the directory its name: " + path_utf8(output_));
-  path_.clear();
+  // Under its new name it goes too, unless that lasts.
+  path_ = output_;
   sync_directory(output_.parent_path());
+  path_.clear();
 }
 
 }  // namespace ravok

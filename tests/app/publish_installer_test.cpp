@@ -13,7 +13,9 @@
 
 #include "app/native_package.hpp"
 #include "app/package_seal.hpp"
+#include "app/publish_files.hpp"
 #include "support/failure.hpp"
+#include "support/ordinary_user.hpp"
 #include "support/package_builder.hpp"
 #include "support/temporary_root.hpp"
 
@@ -27,6 +29,20 @@ using Names = std::vector<std::string>;
 const std::string seal = std::string(32, 'a') + std::string(32, '9');
 const std::string mark(package_seal_mark);
 const std::string empty_slot = mark + std::string(seal_characters, '-');
+
+TEST(NewFolder, GoesAgainUnlessItsNameLasts) {
+  const TemporaryRoot root;
+  const std::filesystem::path parent = root.directory("parent");
+  const testing::OrdinaryUser user(root);
+  {
+    NewFolder folder(parent / "output");
+    write_new_file(folder.path() / "file", "content");
+    const testing::WithMode closed(parent, 0300);
+    EXPECT_FAILURE(folder.commit(), "file_sync", "Cannot open directory for synchronization");
+    EXPECT_TRUE(std::filesystem::exists(parent / "output/file"));
+  }
+  EXPECT_TRUE(std::filesystem::is_empty(parent));
+}
 
 TEST(ReadSeal, ReturnsTheDigestOfASlot) {
   const volatile PackageSealSlot slot = make_seal_slot(seal);
