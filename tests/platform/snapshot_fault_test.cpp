@@ -88,14 +88,21 @@ ssize_t __wrap_read(int descriptor, void* bytes, std::size_t size) {
   return answer ? *answer : __real_read(descriptor, bytes, std::min(size, answers.longest_read));
 }
 
+// A file stays the entry of its directory until the next one is read, or the directory is closed.
+static dirent* told = nullptr;
+
+int __real_closedir(DIR* directory);
+int __wrap_closedir(DIR* directory) {
+  told = nullptr;
+  return __real_closedir(directory);
+}
+
 dirent* __real_readdir(DIR* directory);
 dirent* __wrap_readdir(DIR* directory) {
   if (!answers.names_can_be_read) {
     errno = EIO;
     return nullptr;
   }
-  // A file stays the entry of its directory until the next one is read.
-  static dirent* told = nullptr;
   if (dirent* const again = std::exchange(told, nullptr); again != nullptr && !answers.files_are_told_once) {
     return again;
   }
