@@ -27,7 +27,6 @@ constexpr std::size_t maximum_channel_bytes = 32;
 constexpr char request_byte = 1;
 
 std::atomic<std::uint32_t> scope_owned{0};
-std::atomic<bool> reader_attached{false};
 // The descriptor that the owner of the scope reads, or -1.
 std::atomic<int> listened{-1};
 volatile std::sig_atomic_t interrupted = 0;
@@ -118,7 +117,6 @@ class ConsoleInterrupt::State {
     }
     reader_.reset();
     listened = -1;
-    reader_attached = false;
     scope_owned = 0;
   }
   State(const State&) = delete;
@@ -142,7 +140,6 @@ class ConsoleInterrupt::State {
     owner_ = true;
     interrupted = 0;
     listened = reader_.get();
-    reader_attached = static_cast<bool>(reader_);
     struct sigaction action {};
     action.sa_handler = interrupt;
     sigemptyset(&action.sa_mask);
@@ -164,7 +161,6 @@ class ConsoleInterrupt::State {
       // A parent that is gone has asked for nothing.
       reader_.reset();
       listened = -1;
-      reader_attached = false;
       return false;
     }
     if (count < 0 && errno == EAGAIN) {
@@ -194,7 +190,7 @@ ConsoleInterrupt::~ConsoleInterrupt() = default;
 
 bool ConsoleInterrupt::requested() const { return state_->requested(); }
 
-bool ConsoleInterrupt::parent_reader_attached() { return reader_attached; }
+bool ConsoleInterrupt::parent_reader_attached() { return listened >= 0; }
 
 InterruptPipe::InterruptPipe() {
   int ends[2];

@@ -192,6 +192,8 @@ std::string SetupTrial::judge(const SetupEnding& ending) {
   if (operation_ != SetupOperation::removing_uninstall) {
     EXPECT_EQ(player_data(left), player_data(start_));
   }
+  // Whoever comes while an uninstall ends is kept out for as long as the marker stands.
+  EXPECT_TRUE(!uninstalls() || state != "interrupted" || !is_missing(place_.paths().setup_lock));
   judge_ending(ending, state, left);
   if (states_.insert(state_of(left)).second) {
     judge_next_runs(state, left);
