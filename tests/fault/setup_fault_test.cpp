@@ -1,6 +1,7 @@
 // Whatever call of an install, a repair or an uninstall is spoilt: the folder is in one of its known states and says
 // so, the player's data is as it was, and the next run finishes.
 
+#include <algorithm>
 #include <csignal>
 #include <cstdint>
 #include <iomanip>
@@ -50,6 +51,22 @@ INSTANTIATE_TEST_SUITE_P(Setup, SetupFault,
                            return std::string(name_of(std::get<0>(each.param))) + "_" +
                                   fault_mode_name(std::get<1>(each.param));
                          });
+
+TEST(SetupCalls, AnUninstallLetsTheEndOfTheRecordLastBeforeItTakesMore) {
+  const SetupTrial trial(SetupOperation::bare_uninstall);
+  const DataPaths paths = trial.place().paths();
+  const FaultRun run = run_with_fault(trial.program(), trial.place().root().path());
+  ASSERT_EQ(run.result.exit_code, 0) << run.result.errors;
+  const auto removal = std::find_if(run.calls.begin(), run.calls.end(), [&](const FaultCall& call) {
+    return call.name == "remove" && call.path == paths.installation_record;
+  });
+  const auto next = std::find_if(removal, run.calls.end(), [&](const FaultCall& call) {
+    return call.name == "fsync" || (call.name == "remove" && call.path != paths.installation_record);
+  });
+  ASSERT_NE(next, run.calls.end());
+  EXPECT_EQ(next->name, "fsync");
+  EXPECT_EQ(next->path, paths.native);
+}
 
 }  // namespace
 }  // namespace ravok::testing
