@@ -2,12 +2,13 @@
 
 #include <cstddef>
 #include <string>
-#include <system_error>
 #include <thread>
+#include <vector>
 
 #include "domain/error.hpp"
 #include "domain/paths.hpp"
 #include "platform/file_status.hpp"
+#include "platform/held_directory.hpp"
 #include "platform/managed_paths.hpp"
 
 namespace ravok {
@@ -50,6 +51,18 @@ class Patience {
   Clock::time_point deadline_;
   const Cancellation& cancellation_;
 };
+
+// The leases of versions; none where their folder, or one above it, is missing or no plain directory.
+std::vector<std::string> lease_names(const DataPaths& paths) {
+  std::optional<HeldDirectory> directory = HeldDirectory::open(paths.root);
+  for (const char* name : {"launcher", "leases", "versions"}) {
+    directory = directory->find_directory(name);
+    if (!directory) {
+      return {};
+    }
+  }
+  return directory->names();
+}
 
 }  // namespace
 
@@ -102,12 +115,8 @@ std::unique_ptr<NativeFileLock> wait_for_ravok_closed(const DataPaths& paths, st
     return std::make_unique<NativeFileLock>(paths.bootstrap_lock, true, NativeLockSharing::none, LockMode::exclusive);
   });
   const std::filesystem::path leases = paths.launcher / "leases/versions";
-  std::error_code ignored;
-  if (!std::filesystem::is_directory(leases, ignored)) {
-    return lock;
-  }
-  for (const auto& lease : std::filesystem::directory_iterator(leases)) {
-    patience.take([&] { return FileLock(lease.path(), false, LockMode::exclusive); });
+  for (const std::string& name : lease_names(paths)) {
+    patience.take([&] { return FileLock(leases / name, false, LockMode::exclusive); });
   }
   return lock;
 }

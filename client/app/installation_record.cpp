@@ -22,6 +22,7 @@ constexpr std::uint64_t record_limit = 65'536;
 constexpr std::uint64_t manifest_limit = 524'288;
 constexpr std::string_view unsupported = "unsupported_schema";
 constexpr const char* installation_kind = "ravok-installation";
+constexpr const char* installation_name = "installation.json";
 constexpr const char* status_kind = "ravok-setup-status";
 
 std::string present_time() {
@@ -91,17 +92,25 @@ NativeInstallStatus status_of_folder(const DataPaths& paths) {
   return status;
 }
 
+bool is_recorded(const DataPaths& paths) {
+  const auto native = link_status_of(paths.native);
+  return (!native || is_directory(*native)) && is_there(paths.installation_record);
+}
+
 }  // namespace
 
 InstallationState installation_state(const DataPaths& paths) {
   // A setup that runs beside has its marker up before the record changes and until after. So the marker is looked at
-  // behind the record, and behind each later look at that.
-  bool recorded = !is_missing(paths.installation_record);
-  while (is_missing(paths.incomplete_marker)) {
+  // after the record, and again after each later look at that.
+  bool recorded = is_recorded(paths);
+  while (!is_there(paths.incomplete_marker)) {
+    const auto native = link_status_of(paths.native);
+    require(!native || !S_ISLNK(native->st_mode), "unsafe_path",
+            path_utf8(paths.native) + " is a symbolic link, which setup does not follow; replace it with the folder");
     if (recorded) {
       return InstallationState::complete;
     }
-    recorded = !is_missing(paths.installation_record);
+    recorded = is_recorded(paths);
     if (!recorded) {
       return InstallationState::none;
     }
@@ -116,7 +125,7 @@ void check_installation(const DataPaths& paths) {
   });
 }
 
-void write_installation(const DataPaths& paths, const NativePackage& package) {
+void write_installation(const HeldDirectory& native, const NativePackage& package) {
   Json document = {{"schema_version", 1},
                    {"kind", installation_kind},
                    {"descriptor_sha256", package.descriptor_sha256},
@@ -125,16 +134,17 @@ void write_installation(const DataPaths& paths, const NativePackage& package) {
   if (package.brand) {
     document["brand"] = brand_json(*package.brand);
   }
-  atomic_write(paths.installation_record, document.dump());
+  native.write(installation_name, document.dump());
 }
 
 void write_status(const DataPaths& paths, std::string_view action, std::string_view outcome,
                   std::string_view message) noexcept {
   try {
-    if (std::filesystem::is_directory(paths.native)) {
+    const auto native = link_status_of(paths.native);
+    if (native && is_directory(*native)) {
       const Json document = {{"schema_version", 1}, {"kind", status_kind}, {"action", action},
                              {"outcome", outcome},  {"message", message},  {"finished_at", present_time()}};
-      atomic_write(paths.status_record, document.dump());
+      HeldDirectory::open_private(paths.native).write(paths.status_record.filename(), document.dump());
     }
   } catch (const std::exception&) {
     // The outcome stays what it is, recorded or not.

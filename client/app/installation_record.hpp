@@ -13,6 +13,7 @@
 #include "app/native_package.hpp"
 #include "domain/json.hpp"
 #include "domain/manifest.hpp"
+#include "platform/held_directory.hpp"
 
 namespace ravok {
 
@@ -37,20 +38,23 @@ struct NativeInstallStatus {
   Json to_json() const;
 };
 
-// What a data folder is, by its marker and its record alone. What cannot be looked at counts as there.
+// What a data folder is, by its marker and its record alone.
 enum class InstallationState {
   none,
   complete,
   interrupted,  // a setup has begun and not ended
 };
 
+// Fails with "permissions" or "file_system" for a folder that may not be looked into, and with "unsafe_path" where a
+// link has the place of the folder "native", unless the marker is there: no link is followed.
 InstallationState installation_state(const DataPaths& paths);
 
 // Fails with "unsupported_schema" unless the installation record is one of this kind and version.
 void check_installation(const DataPaths& paths);
 
-// Writes the record of a finished installation of a package. Fails as atomic_write does.
-void write_installation(const DataPaths& paths, const NativePackage& package);
+// Writes the record of a finished installation of a package into its folder "native". Fails as HeldDirectory::write
+// does.
+void write_installation(const HeldDirectory& native, const NativePackage& package);
 
 // Records how a setup ended, as far as that can be done: never fails.
 void write_status(const DataPaths& paths, std::string_view action, std::string_view outcome,

@@ -17,6 +17,7 @@
 #include "domain/paths.hpp"
 #include "platform/file_status.hpp"
 #include "platform/files.hpp"
+#include "platform/held_directory.hpp"
 #include "platform/managed_paths.hpp"
 #include "platform/native_platform.hpp"
 #include "platform/posix_files.hpp"
@@ -29,7 +30,7 @@ namespace {
 
 constexpr std::uint64_t document_limit = 32'768;
 constexpr std::uint64_t manifest_limit = 524'288;
-constexpr int maximum_versions = 64;
+constexpr std::size_t maximum_versions = 64;
 constexpr std::size_t digest_characters = 64;
 constexpr std::size_t nonce_characters = 32;
 constexpr const char* format = "ravok-launcher-store-v1";
@@ -97,11 +98,6 @@ std::filesystem::path ordinary_root(const std::filesystem::path& path) {
   // A separator at the end names the same folder.
   const std::filesystem::path named = canonical.has_filename() ? canonical : canonical.parent_path();
   return safe_join(named.root_path(), path_utf8(named.relative_path()), false);
-}
-
-bool is_empty_directory(const std::filesystem::path& path) {
-  std::error_code problem;
-  return std::filesystem::is_empty(path, problem) && !problem;
 }
 
 std::optional<std::filesystem::file_time_type> write_time(const std::filesystem::path& path) {
@@ -226,18 +222,23 @@ std::filesystem::path LauncherStore::payload(const Json& reference) const {
   });
 }
 
+std::optional<std::vector<std::string>> LauncherStore::names_below(const char* folder) const {
+  try {
+    const std::optional<HeldDirectory> found = HeldDirectory::open(store_).find_directory(folder);
+    return found ? std::optional(found->names(maximum_versions + 1)) : std::nullopt;
+  } catch (const Error&) {
+    return std::nullopt;
+  }
+}
+
 Json LauncherStore::fallback_active() const {
   Json best;
   std::filesystem::file_time_type best_time;
-  int entries = 0;
-  std::error_code problem;
-  const std::filesystem::directory_iterator end;
-  for (auto next = std::filesystem::directory_iterator(store_ / "versions", problem); !problem && next != end;
-       next.increment(problem)) {
-    const std::filesystem::directory_entry& entry = *next;
+  std::size_t entries = 0;
+  for (const std::string& name : names_below("versions").value_or(std::vector<std::string>())) {
     require(++entries <= maximum_versions, state, "Too many launcher versions to choose a fallback");
-    const std::string name = path_utf8(entry.path().filename());
-    const auto status = link_status_of(entry.path());
+    const std::filesystem::path folder = store_ / "versions" / name;
+    const auto status = link_status_of(folder);
     if (!status || !is_directory(*status) || name.size() != digest_characters) {
       continue;
     }
@@ -245,7 +246,7 @@ Json LauncherStore::fallback_active() const {
       const Json document = parse_json(read_file(manifest_path(name), manifest_limit), manifest_limit);
       Json reference = make_reference(name, text_at(document, "build_id"));
       manifest(reference);
-      const auto time = write_time(entry.path());
+      const auto time = write_time(folder);
       if (time && (best.is_null() || *time > best_time)) {
         best = std::move(reference);
         best_time = *time;
@@ -260,8 +261,8 @@ Json LauncherStore::fallback_active() const {
 
 void LauncherStore::require_new() const {
   const Json document = load();
-  bool is_new = document.at("generation") == 0 && is_empty_directory(store_ / "manifests") &&
-                is_empty_directory(store_ / "versions");
+  const auto is_empty = [&](const char* name) { return names_below(name) == std::vector<std::string>(); };
+  bool is_new = document.at("generation") == 0 && is_empty("manifests") && is_empty("versions");
   for (const char* key : {"active", "candidate", "rollback", "attempt", "failed_candidate"}) {
     is_new = is_new && document.at(key).is_null();
   }

@@ -8,7 +8,10 @@
 #include <cstdint>
 #include <filesystem>
 #include <memory>
+#include <optional>
+#include <string>
 #include <string_view>
+#include <vector>
 
 #include "domain/json.hpp"
 #include "domain/launcher_contract.hpp"
@@ -76,6 +79,8 @@ class LauncherStore {
 
   std::filesystem::path manifest_path(std::string_view sha256) const;
   void require_new() const;
+  // The first names in a folder of the store, one more than there may be versions; none where it cannot be read.
+  std::optional<std::vector<std::string>> names_below(const char* folder) const;
 
   std::filesystem::path root_;
   std::filesystem::path store_;

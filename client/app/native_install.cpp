@@ -1,83 +1,52 @@
 #include "app/native_install.hpp"
 
 #include <algorithm>
-#include <array>
 #include <cstddef>
 #include <exception>
 #include <memory>
-#include <system_error>
+#include <optional>
 #include <utility>
 
 #include "app/brand.hpp"
 #include "app/data_folder.hpp"
+#include "app/install_commit.hpp"
 #include "app/json_paths.hpp"
 #include "app/launcher_store.hpp"
 #include "app/native_package.hpp"
-#include "app/setup_marker.hpp"
 #include "app/system_failures.hpp"
-#include "app/theme_folder.hpp"
 #include "domain/error.hpp"
 #include "domain/paths.hpp"
 #include "platform/file_status.hpp"
 #include "platform/files.hpp"
+#include "platform/held_directory.hpp"
 #include "platform/managed_paths.hpp"
-#include "platform/native_files.hpp"
 #include "platform/native_lock.hpp"
 #include "platform/posix_files.hpp"
 #include "platform/snapshot_archive.hpp"
 #include "platform/snapshot_tree.hpp"
-#include "platform/tree.hpp"
 #include "tuf/tuf.hpp"
 
 namespace ravok {
 namespace {
 
-// What an install or repair has to put in place.
-struct InstallPlan {
-  bool replace_bootstrap = true;
-  bool replace_launcher = true;
-  bool replace_trust = true;
-};
-
 constexpr const char* default_name = "Ravok";
-constexpr std::array<const char*, 4> old_trees = {"old-bootstrap", "old-launcher", "old-trust", "old-theme"};
 constexpr std::size_t version_name_characters = 64;
-constexpr std::array<const char*, 3> update_trees = {"bootstrap-update", "bootstrap-update.partial",
-                                                     "bootstrap-downloads"};
-constexpr std::array<const char*, 3> update_records = {"bootstrap-update.json", "bootstrap-update.rejected",
-                                                       "bootstrap-old-files"};
-
-void remove_quietly(const std::filesystem::path& path) {
-  std::error_code ignored;
-  std::filesystem::remove(path, ignored);
-}
-
 std::string not_installed_in(const std::filesystem::path& root) {
   return "Ravok is not installed in " + path_utf8(root);
 }
 
 // Whether a folder without an installation, whole or interrupted, may take one: it is empty, or an earlier data folder.
 bool may_take_installation(const DataPaths& paths) {
-  bool empty = true;
-  std::error_code problem;
-  std::filesystem::directory_iterator entry(paths.root, problem);
-  for (; !problem && entry != std::filesystem::directory_iterator(); entry.increment(problem)) {
-    const std::string name = entry->path().filename();
-    if (std::find(ravok_entries.begin(), ravok_entries.end(), name) != ravok_entries.end()) {
-      return true;
-    }
-    empty = empty && name == paths.setup_lock.filename();
+  const auto status = link_status_of(paths.root);
+  if (!status || !is_directory(*status)) {
+    return false;
   }
-  return empty && !problem;
-}
-
-// Gives a prepared tree its place; what is there goes aside.
-void put_in_place(const std::filesystem::path& prepared, const std::filesystem::path& place,
-                  const std::filesystem::path& aside) {
-  if (!is_missing(place)) {
-    native_files::rename_replace(place, aside);
-  }
-  native_files::rename_replace(prepared, place);
+  const std::vector<std::string> names = HeldDirectory::open(paths.root).names();
+  const auto is_known = [](const std::string& name) {
+    return std::find(ravok_entries.begin(), ravok_entries.end(), name) != ravok_entries.end();
+  };
+  return std::any_of(names.begin(), names.end(), is_known) ||
+         std::all_of(names.begin(), names.end(), [&](const auto& name) { return name == paths.setup_lock.filename(); });
 }
 
 // Whether the work proves something whole: a failure means that it is not.
@@ -91,35 +60,36 @@ bool proves_whole(Work work) {
   }
 }
 
-// Images that were in use when an update replaced them.
-void remove_old_files(const std::filesystem::path& directory) {
-  std::error_code problem;
-  std::vector<std::filesystem::path> old;
-  std::filesystem::recursive_directory_iterator entry(directory, problem);
-  for (; !problem && entry != std::filesystem::recursive_directory_iterator(); entry.increment(problem)) {
-    if (entry->path().extension() == ".old") {
-      old.push_back(entry->path());
-    }
+// Fails with "unsafe_path" unless the names lead from one plain directory to the next.
+HeldDirectory require_plain(const HeldDirectory& directory, const std::filesystem::path& below) {
+  std::optional<HeldDirectory> found;
+  const HeldDirectory* last = &directory;
+  for (const std::filesystem::path& name : below) {
+    found = last->find_directory(name);
+    require(found.has_value(), "unsafe_path", "Expected a plain directory");
+    last = &*found;
   }
-  std::for_each(old.begin(), old.end(), remove_quietly);
+  return std::move(*found);
 }
 
-void verify_bootstrap(const DataPaths& paths, const ProgressCallback& progress) {
-  const auto status = link_status_of(paths.bootstrap_directory);
-  if (status && is_directory(*status)) {
-    remove_old_files(paths.bootstrap_directory);
-  }
-  verify_snapshot_tree(current_bootstrap(paths), paths.bootstrap_directory, progress);
+void verify_bootstrap(const DataPaths& paths, const HeldDirectory& native) {
+  // Images that were in use when an update replaced them.
+  require_plain(native, paths.bootstrap_directory.filename()).remove_matching_quietly([](const auto& name) {
+    return std::filesystem::path(name).extension() == ".old";
+  });
+  verify_snapshot_tree(current_bootstrap(paths), paths.bootstrap_directory, {});
 }
 
-void verify_launcher(const DataPaths& paths, const ProgressCallback& progress) {
+void verify_launcher(const DataPaths& paths, const HeldDirectory& root) {
+  require_plain(root, paths.launcher.filename() / "versions");
   const std::unique_ptr<LauncherStore> store = LauncherStore::existing(paths.root, true);
   const Json status = store->status();
   const Json& build = status.at("active").is_null() ? status.at("candidate") : status.at("active");
-  verify_snapshot_tree(store->manifest(build), store->payload(build), progress);
+  verify_snapshot_tree(store->manifest(build), store->payload(build), {});
 }
 
-void verify_trust(const DataPaths& paths) {
+void verify_trust(const DataPaths& paths, const HeldDirectory& root) {
+  require_plain(root, paths.trust.filename());
   parse_json(read_file(paths.trust / "root.json", tuf_root_limit), tuf_root_limit);
 }
 
@@ -139,7 +109,7 @@ class Installation {
     require_room();
     root_was_missing_ = is_missing(paths_.root);
     require_state();
-    private_directory(paths_.root);
+    root_ = HeldDirectory::open_private(paths_.root);
     NativeInstallResult result;
     try {
       result = with_system_failures([&] { return replace_parts(); });
@@ -203,22 +173,24 @@ class Installation {
     setup_lock_ =
         std::make_unique<NativeFileLock>(paths_.setup_lock, true, NativeLockSharing::others, LockMode::exclusive);
     require_state_still();
-    private_directory(paths_.native);
+    native_ = root_->private_directory(paths_.native.filename());
     bootstrap_lock_ = wait_for_ravok_closed(paths_, std::chrono::milliseconds(0), cancellation_);
     const InstallPlan plan = make_plan();
-    remove_path_quietly(paths_.staging);
-    private_directory(paths_.staging);
+    native_->remove_tree_quietly(paths_.staging.filename());
+    const HeldDirectory staging = native_->private_directory(paths_.staging.filename());
+    const InstallFolders folders = {*root_, *native_, staging};
     prepare(plan);
-    commit(plan);
+    require_clear_way(folders, paths_, package_, plan);
+    commit_install(folders, paths_, package_, plan);
     return describe(plan);
   }
 
   InstallPlan make_plan() const {
     InstallPlan plan;
     if (request_.repair) {
-      plan.replace_bootstrap = !proves_whole([&] { verify_bootstrap(paths_, {}); });
-      plan.replace_launcher = !proves_whole([&] { verify_launcher(paths_, {}); });
-      plan.replace_trust = !proves_whole([&] { verify_trust(paths_); });
+      plan.replace_bootstrap = !proves_whole([&] { verify_bootstrap(paths_, *native_); });
+      plan.replace_launcher = !proves_whole([&] { verify_launcher(paths_, *root_); });
+      plan.replace_trust = !proves_whole([&] { verify_trust(paths_, *root_); });
     }
     return plan;
   }
@@ -243,77 +215,6 @@ class Installation {
     cancellation_.check();
   }
 
-  // The marker is up before the first change; the record comes last, and the marker goes only after staging.
-  void commit(const InstallPlan& plan) const {
-    write_setup_marker(paths_);
-    if (plan.replace_bootstrap) {
-      commit_bootstrap();
-    }
-    if (plan.replace_launcher) {
-      put_in_place(paths_.staging / "launcher-root/launcher", paths_.launcher, paths_.staging / "old-launcher");
-    }
-    if (plan.replace_trust) {
-      put_in_place(paths_.staging / "trust", paths_.trust, paths_.staging / "old-trust");
-    }
-    commit_repository();
-    commit_icon();
-    commit_theme();
-    write_installation(paths_, package_);
-    // What did not prove whole may hold anything.
-    for (const char* name : old_trees) {
-      remove_path_quietly(paths_.staging / name);
-    }
-    remove_plain_tree(paths_.staging);
-    remove_setup_marker(paths_);
-  }
-
-  void commit_bootstrap() const {
-    put_in_place(paths_.staging / "bootstrap", paths_.bootstrap_directory, paths_.staging / "old-bootstrap");
-    atomic_write(paths_.bootstrap_manifest, package_.bootstrap_manifest_json);
-    // No update of the former bootstrap applies to this one.
-    for (const char* name : update_trees) {
-      remove_path_quietly(paths_.native / name);
-    }
-    for (const char* name : update_records) {
-      remove_quietly(paths_.native / name);
-    }
-  }
-
-  void commit_repository() const {
-    std::string ca_bundle;
-    if (!package_.ca_bundle.empty()) {
-      atomic_write(paths_.repository_ca, package_.ca_bundle);
-      ca_bundle = path_utf8(paths_.repository_ca);
-    }
-    const Json record = {{"schema_version", 1}, {"origin", package_.origin}, {"ca_bundle", ca_bundle}};
-    atomic_write(paths_.repository_record, record.dump());
-  }
-
-  void commit_icon() const {
-    const std::filesystem::path icon = brand_icon_path(paths_.root);
-    if (package_.brand_icon.empty()) {
-      remove_quietly(icon);
-    } else {
-      atomic_write(icon, package_.brand_icon);
-    }
-  }
-
-  void commit_theme() const {
-    const std::filesystem::path target = theme_directory(paths_.root);
-    const std::filesystem::path staged = paths_.staging / "theme";
-    remove_plain_tree(staged);
-    if (!package_.theme) {
-      remove_plain_tree(target);
-      return;
-    }
-    private_directory(staged);
-    atomic_write(staged / "theme.json", package_.theme->definition);
-    for (const auto& [name, bytes] : package_.theme->files) {
-      atomic_write(staged / name, bytes);
-    }
-    put_in_place(staged, target, paths_.staging / "old-theme");
-  }
-
   NativeInstallResult describe(const InstallPlan& plan) const {
     NativeInstallResult result;
     result.data_root = paths_.root;
@@ -335,34 +236,55 @@ class Installation {
     setup_lock_.reset();
   }
 
-  void give_up(const Error& error) {
+  // Never fails: the caller is to hear of what it is called for.
+  void give_up(const Error& error) noexcept {
     if (request_.repair) {
       release_locks();
       write_status(paths_, action(), "failed", error.what());
       return;
     }
-    // Under the lock still, so that nobody else's beginning is taken for what this run has left.
-    discard_failed_install();
+    try {
+      // Under the lock still, so that nobody else's beginning is taken for what this run has left.
+      discard_failed_install();
+    } catch (const std::exception&) {
+      // What is left, the next install takes away.
+    }
     release_locks();
   }
 
-  void discard_failed_install() const {
+  // Takes away what this run has made, in the folders that it has proved and no others.
+  void discard_failed_install() {
     if (!setup_lock_) {
       // Of what is in the folder, nothing is this run's; an empty one may be.
       if (root_was_missing_) {
-        remove_quietly(paths_.root);
+        root_->remove_itself_quietly();
       }
       return;
     }
     if (root_was_missing_) {
-      remove_path_quietly(paths_.root);
+      // What has its record is an installation, whatever has failed behind it.
+      if (!native_ || !native_->type_of(paths_.installation_record.filename())) {
+        for (const std::string& name : root_->names()) {
+          root_->remove_tree_quietly(name);
+        }
+        root_->remove_itself_quietly();
+      }
       return;
     }
-    remove_path_quietly(paths_.staging);
+    if (native_) {
+      native_->remove_tree_quietly(paths_.staging.filename());
+    }
     if (installation_state(paths_) == InstallationState::none) {
-      remove_path_quietly(paths_.native);
-      remove_quietly(paths_.setup_lock);
-      remove_quietly(paths_.bootstrap_lock);
+      const std::string native = paths_.native.filename();
+      if (native_) {
+        root_->remove_tree_quietly(native);
+      } else if (root_->type_of(native) == EntryType::directory) {
+        // Perhaps made, and not proved. What is in another's stays.
+        root_->remove_quietly(native);
+      }
+      // Still held, since without its file a lock excludes nobody.
+      root_->remove_quietly(paths_.bootstrap_lock.filename());
+      root_->remove_quietly(paths_.setup_lock.filename());
     }
   }
 
@@ -418,6 +340,8 @@ class Installation {
   const Cancellation cancellation_;
   const DataPaths paths_;
   bool root_was_missing_ = false;
+  std::optional<HeldDirectory> root_;    // since it was made private
+  std::optional<HeldDirectory> native_;  // the same
   std::unique_ptr<NativeFileLock> setup_lock_;
   std::unique_ptr<NativeFileLock> bootstrap_lock_;
 };

@@ -5,11 +5,11 @@
 #include <memory>
 #include <optional>
 #include <string>
-#include <system_error>
 #include <vector>
 
 #include "app/brand.hpp"
 #include "app/data_folder.hpp"
+#include "app/installation_record.hpp"
 #include "app/json_paths.hpp"
 #include "app/native_install.hpp"
 #include "app/setup_marker.hpp"
@@ -18,25 +18,14 @@
 #include "domain/error.hpp"
 #include "domain/paths.hpp"
 #include "platform/file_status.hpp"
-#include "platform/files.hpp"
+#include "platform/held_directory.hpp"
+#include "platform/mounts.hpp"
 #include "platform/native_files.hpp"
 #include "platform/native_lock.hpp"
 #include "platform/shortcuts.hpp"
 
 namespace ravok {
 namespace {
-
-// The direct entries of a directory.
-std::vector<std::filesystem::path> children(const std::filesystem::path& path) {
-  std::error_code problem;
-  std::vector<std::filesystem::path> found;
-  std::filesystem::directory_iterator entry(path, problem);
-  for (; !problem && entry != std::filesystem::directory_iterator(); entry.increment(problem)) {
-    found.push_back(entry->path());
-  }
-  require(!problem, "tree_read", "Cannot read a directory of the tree");
-  return found;
-}
 
 class Removal {
  public:
@@ -48,20 +37,26 @@ class Removal {
         trash_(native_files::temporary_directory(paths_.root) / ("ravok-removed-" + random_id())) {}
 
   NativeUninstallResult run() {
-    require(!is_missing(paths_.installation_record) || !is_missing(paths_.incomplete_marker), "not_installed",
+    require(installation_state(paths_) != InstallationState::none, "not_installed",
             "Ravok is not installed in " + path_utf8(paths_.root));
     result_.data_root = paths_.root;
     const NativeFileLock setup_lock(paths_.setup_lock, true, NativeLockSharing::others, LockMode::exclusive);
     const std::unique_ptr<NativeFileLock> bootstrap_lock =
         wait_for_ravok_closed(paths_, request_.close_timeout, cancellation_);
     cancellation_.check();
+    const HeldDirectory root = HeldDirectory::open(paths_.root);
+    require(root.is_in_place() && setup_lock.matches_path(paths_.setup_lock), "unsafe_path",
+            "The data folder was changed while setup worked in it");
+    require_no_mounts(root.descriptor(), paths_.root, [&](const std::filesystem::path& place) {
+      return !is_kept(*place.lexically_relative(paths_.root).begin());
+    });
     report(0);
-    withdraw();
-    for (const std::filesystem::path& child : children(paths_.root)) {
-      remove_child(child);
+    withdraw(root);
+    for (const std::string& name : root.names()) {
+      remove_child(root, name);
     }
     // Still under the locks, so that nobody begins an installation in a folder that is about to go.
-    remove_traces();
+    remove_traces(root);
     if (!result_.deferred.empty()) {
       native_files::remove_after_exit(trash_);
     }
@@ -78,13 +73,15 @@ class Removal {
   }
 
   // Ends the installation as such; what remains are files.
-  void withdraw() {
-    write_setup_marker(paths_);
-    const std::optional<Brand> brand = installed_brand(paths_.root);
-    native_files::remove_or_trash(paths_.installation_record, trash_);
-    if (!is_missing(paths_.native)) {
+  void withdraw(const HeldDirectory& root) {
+    write_setup_marker(root);
+    std::optional<Brand> brand;
+    // A link in its place is removed with the rest, and what it leads to is not looked at.
+    if (const auto native = root.find_directory(paths_.native.filename())) {
+      brand = installed_brand(paths_.root);
+      native->remove(paths_.installation_record.filename());
       // The record is not to outlive the marker.
-      sync_directory(paths_.native);
+      native->flush();
     }
     remove_uninstall_entry(uninstall_entry_key(brand));
     try {
@@ -94,43 +91,31 @@ class Removal {
     }
   }
 
-  void remove_child(const std::filesystem::path& child) {
-    if (child == paths_.incomplete_marker || child == paths_.bootstrap_lock || child == paths_.setup_lock) {
-      return;
-    }
-    const std::string name = child.filename();
-    if (!request_.remove_data && std::find(player_data.begin(), player_data.end(), name) != player_data.end()) {
-      result_.kept.push_back(child);
-      return;
-    }
-    remove_entry(child);
+  bool is_kept(const std::string& name) const {
+    return !request_.remove_data && std::find(player_data.begin(), player_data.end(), name) != player_data.end();
   }
 
-  void remove_entry(const std::filesystem::path& path) {
-    const auto status = link_status_of(path);
-    if (!status || !is_directory(*status)) {
-      if (!native_files::remove_or_trash(path, trash_)) {
-        result_.deferred.push_back(path);
-      }
+  void remove_child(const HeldDirectory& root, const std::string& name) {
+    if (name == paths_.incomplete_marker.filename() || name == paths_.bootstrap_lock.filename() ||
+        name == paths_.setup_lock.filename()) {
       return;
     }
-    for (const std::filesystem::path& child : children(path)) {
-      remove_entry(child);
+    if (is_kept(name)) {
+      result_.kept.push_back(paths_.root / name);
+      return;
     }
-    std::error_code problem;
-    std::filesystem::remove(path, problem);
-    require(!problem || !result_.deferred.empty(), "file_remove", "Cannot remove " + path_utf8(path));
+    root.remove_tree(name);
   }
 
-  void remove_traces() const {
-    std::error_code problem;
-    std::filesystem::remove(paths_.bootstrap_lock, problem);
-    remove_setup_marker(paths_);
+  void remove_traces(const HeldDirectory& root) const {
+    root.remove_quietly(paths_.bootstrap_lock.filename());
+    // A power cut must not bring back what the marker no longer guards.
+    root.flush();
+    remove_setup_marker(root);
     // Last, since without its file the lock excludes nobody.
-    std::filesystem::remove(paths_.setup_lock, problem);
-    const bool empty = std::filesystem::is_empty(paths_.root, problem) && !problem;
-    if (empty || request_.remove_data) {
-      std::filesystem::remove(paths_.root, problem);
+    root.remove_quietly(paths_.setup_lock.filename());
+    if (request_.remove_data || root.names().empty()) {
+      root.remove_itself_quietly();
     }
   }
 

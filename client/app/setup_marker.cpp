@@ -1,16 +1,15 @@
 #include "app/setup_marker.hpp"
 
 #include "domain/json.hpp"
-#include "platform/files.hpp"
-#include "platform/native_files.hpp"
+#include "platform/complete_install.hpp"
 
 namespace ravok {
 
-void write_setup_marker(const DataPaths& paths) {
+void write_setup_marker(const HeldDirectory& root) {
   const Json marker = {{"schema_version", 1}, {"kind", "ravok-setup-incomplete"}};
-  atomic_write(paths.incomplete_marker, marker.dump());
+  root.write(incomplete_install_marker, marker.dump());
 }
 
-void remove_setup_marker(const DataPaths& paths) { native_files::remove_or_trash(paths.incomplete_marker, {}); }
+void remove_setup_marker(const HeldDirectory& root) { root.remove(incomplete_install_marker); }
 
 }  // namespace ravok

@@ -7,6 +7,8 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include "domain/error.hpp"
+
 namespace ravok {
 
 class Descriptor {
@@ -42,6 +44,12 @@ class Descriptor {
  private:
   int value_ = -1;
 };
+
+// Fails with "too_many_files" when that is what a call has failed of.
+inline void require_descriptors(int problem) {
+  require(problem != EMFILE && problem != ENFILE, "too_many_files",
+          "Too many files are open; close other programs and try again");
+}
 
 // Repeats a system call, which answers -1 on failure, for as long as a signal interrupts it.
 template <typename Call>

@@ -221,8 +221,7 @@ void flush_parent(const Destination& destination) {
       Descriptor(retry_interrupted([&] { return openat(destination.parent.get(), ".", posix_files::walk_flags); })));
 }
 
-void atomic_file(const std::filesystem::path& path, std::string_view bytes, const Writer& writer) {
-  const Destination destination = open_destination(path, writer.is_private);
+void write_to(const Destination& destination, std::string_view bytes, const Writer& writer) {
   Transaction transaction(destination, 0600);
   if (writer.is_private) {
     transaction.make_private();
@@ -237,6 +236,10 @@ void atomic_file(const std::filesystem::path& path, std::string_view bytes, cons
   if (writer.durable) {
     flush_parent(destination);
   }
+}
+
+void atomic_file(const std::filesystem::path& path, std::string_view bytes, const Writer& writer) {
+  write_to(open_destination(path, writer.is_private), bytes, writer);
 }
 
 }  // namespace
@@ -269,6 +272,13 @@ void sync_directory(const std::filesystem::path& path) {
 
 void atomic_write(const std::filesystem::path& path, std::string_view bytes) {
   atomic_file(path, bytes, {.replace = true, .is_private = true, .durable = true});
+}
+
+void atomic_write_at(int directory, const std::filesystem::path& path, std::string_view bytes) {
+  require_no_nul(path);
+  Destination destination{path, Descriptor(fcntl(directory, F_DUPFD_CLOEXEC, 0))};
+  require_transaction(static_cast<bool>(destination.parent), "Cannot create transaction file");
+  write_to(destination, bytes, {.replace = true, .is_private = true, .durable = true});
 }
 
 void atomic_private_create(const std::filesystem::path& path, std::string_view bytes) {

@@ -38,6 +38,10 @@ void sync_directory(const std::filesystem::path& path);
 // does it, and its failures pass through.
 void atomic_write(const std::filesystem::path& path, std::string_view bytes);
 
+// Replaces or makes a private record in an open private directory, durably. `path` is where the record is. Unlike the
+// other writers it replaces a link, or whatever else but a directory, itself.
+void atomic_write_at(int directory, const std::filesystem::path& path, std::string_view bytes);
+
 // Makes a private record that must not exist yet, durably; the same for the parent.
 void atomic_private_create(const std::filesystem::path& path, std::string_view bytes);
 

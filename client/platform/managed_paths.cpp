@@ -1,6 +1,7 @@
 #include "platform/managed_paths.hpp"
 
 #include <array>
+#include <cerrno>
 #include <cstdlib>
 #include <string>
 #include <system_error>
@@ -79,6 +80,19 @@ std::filesystem::path safe_join(const std::filesystem::path& root, std::string_v
     require(!is_link(joined), "unsafe_path", "Managed path contains a symbolic link");
   }
   return joined;
+}
+
+bool is_there(const std::filesystem::path& path) {
+  struct stat status;
+  if (lstat(path.c_str(), &status) == 0) {
+    return true;
+  }
+  const int problem = errno;
+  if (problem != ENOENT && problem != ENOTDIR) {
+    fail(problem == EACCES || problem == EPERM ? "permissions" : "file_system",
+         "Cannot look at " + path_utf8(path) + ": " + std::generic_category().message(problem));
+  }
+  return false;
 }
 
 std::filesystem::path resolve_system_links(const std::filesystem::path& path) {

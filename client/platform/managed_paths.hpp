@@ -13,6 +13,10 @@ namespace ravok {
 // not looked at. Fails with "unsafe_path". Promises nothing against a change made meanwhile.
 std::filesystem::path safe_join(const std::filesystem::path& root, std::string_view relative, bool portable);
 
+// Returns whether the path names anything, a link at its end not followed. Fails where that cannot be told: with
+// "permissions" in a folder that may not be looked into, otherwise with "file_system".
+bool is_there(const std::filesystem::path& path);
+
 // Returns the path made absolute, with the links in it followed that only the system can have
 // made: owned by user 0 in a directory of user 0 that nobody else may write to. Other links stay
 // in the path, as does a tail that does not exist.

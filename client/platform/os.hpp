@@ -7,6 +7,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace ravok::os {
 
@@ -78,6 +79,13 @@ struct Volume {
 // The volume of an open file or directory. Fails with "unsafe_path" when it is no local volume of
 // a kind that setup may keep its state on, or cannot be told from others.
 Volume local_volume(int descriptor);
+
+// Whether an open directory is where a volume, or a part of one, is mounted. `parent_device` is the number of the
+// device that holds the directory above it.
+bool is_mounted(int directory, std::uint64_t parent_device);
+
+// The places below a canonical path where something is mounted.
+std::vector<std::string> mounts_below(const std::string& path);
 
 // Whether names in an open directory are compared with their case. Fails with "unsafe_path" when
 // that cannot be told.

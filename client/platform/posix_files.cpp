@@ -95,6 +95,15 @@ void secure_new_level(int parent, int directory) {
   flush_new_name(parent);
 }
 
+// Opens one level below a verified parent; a missing one is made, private and durable.
+Level open_secured_level(int parent, const char* name) {
+  Level level = open_or_make_level(parent, name);
+  if (level.is_new) {
+    secure_new_level(parent, level.directory.get());
+  }
+  return level;
+}
+
 void tighten(int directory) {
   const auto status = status_of(directory);
   if (status && status->st_uid == geteuid() && mode_bits(*status) != S_IRWXU) {
@@ -206,17 +215,9 @@ Descriptor open_private_directory(const std::filesystem::path& path) {
   std::size_t levels = 0;
   for (auto component = relative.begin(); component != relative.end();) {
     require(++levels <= maximum_levels, "size_limit", on_this_system("", " directory ancestry exceeds its bound"));
-    Level level = open_or_make_level(parent.get(), component->c_str());
-    if (level.is_new) {
-      secure_new_level(parent.get(), level.directory.get());
-    }
-    if (++component == relative.end()) {
-      if (!level.is_new) {
-        tighten(level.directory.get());
-      }
-      require_private_node(level.directory.get(), true);
-    }
-    parent = std::move(level.directory);
+    const std::string name = *component;
+    parent = ++component == relative.end() ? open_private_level(parent.get(), name.c_str())
+                                           : std::move(open_secured_level(parent.get(), name.c_str()).directory);
   }
   const auto opened = status_of(parent.get());
   const auto named = link_status_of(target);
@@ -226,6 +227,15 @@ Descriptor open_private_directory(const std::filesystem::path& path) {
 }
 
 void private_directory(const std::filesystem::path& path) { open_private_directory(path); }
+
+Descriptor open_private_level(int parent, const char* name) {
+  Level level = open_secured_level(parent, name);
+  if (!level.is_new) {
+    tighten(level.directory.get());
+  }
+  require_private_node(level.directory.get(), true);
+  return std::move(level.directory);
+}
 
 Descriptor open_level(int parent, const char* name) {
   Descriptor level(retry_interrupted([&] { return openat(parent, name, walk_flags); }));

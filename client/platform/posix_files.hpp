@@ -53,6 +53,10 @@ void private_directory(const std::filesystem::path& path);
 // directory that was proved, whatever becomes of the path.
 Descriptor open_private_directory(const std::filesystem::path& path);
 
+// Makes one directory below an open, proved one private, where it is missing too, and returns it open. Fails with
+// "unsafe_path", "permissions" or "file_sync".
+Descriptor open_private_level(int parent, const char* name);
+
 // Opens one directory below an open one. A level that this user may not read, such as a folder of all
 // users' homes, is opened to pass through. Returns none with errno set.
 Descriptor open_level(int parent, const char* name);

@@ -184,15 +184,13 @@ class Extraction {
 
 // Flushes every directory ahead of the one that holds it, and `staging` last.
 void synchronize_directories(const std::filesystem::path& staging) {
-  std::vector<std::filesystem::path> directories = {staging};
-  walk_tree(open_tree(staging), [&](const TreeEntry& entry) {
-    if (entry.type == EntryType::directory) {
-      directories.push_back(staging / entry.path);
-    }
-  });
-  for (auto directory = directories.rbegin(); directory != directories.rend(); ++directory) {
-    sync_directory(*directory);
-  }
+  TreeVisitor visitor;
+  visitor.visit = [](const TreeEntry&) {};
+  visitor.leave = [](const TreeEntry&, int self) {
+    require(posix_files::sync(self) == 0, "file_sync", "Could not durably synchronize directory");
+  };
+  walk_tree(open_tree(staging), visitor);
+  sync_directory(staging);
 }
 
 }  // namespace

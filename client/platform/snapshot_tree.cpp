@@ -21,6 +21,7 @@ constexpr int read_flags = O_RDONLY | O_NONBLOCK | O_CLOEXEC;
 
 Descriptor open_root(const std::filesystem::path& root) {
   Descriptor directory = open_tree(root);
+  require_descriptors(directory ? 0 : errno);
   require(static_cast<bool>(directory), "unsafe_path", "Game content directory is missing or linked");
   return directory;
 }
@@ -28,8 +29,7 @@ Descriptor open_root(const std::filesystem::path& root) {
 // Visits every file and every entry that is neither file nor directory, in a tree of bounded size
 // without links whose names could all be managed.
 template <typename Visit>
-void walk_contents(const SnapshotManifest& manifest, const std::filesystem::path& root, Descriptor directory,
-                   Visit visit) {
+void walk_contents(const SnapshotManifest& manifest, Descriptor directory, Visit visit) {
   std::size_t entries = 0;
   std::string path;
   walk_tree(std::move(directory), [&](const TreeEntry& entry) {
@@ -39,7 +39,7 @@ void walk_contents(const SnapshotManifest& manifest, const std::filesystem::path
     // The manifest's own paths have passed the rules.
     const bool managed = entry.type == EntryType::file && manifest.files.contains(path);
     if (!managed) {
-      safe_join(root, path, false);
+      validate_relative_path(path, false);
     }
     if (entry.type != EntryType::directory) {
       visit(path, managed);
@@ -102,6 +102,7 @@ class FileInspector {
   // from reading the file.
   void explain_missing(const std::string& path) const {
     const int problem = errno;
+    require_descriptors(problem);
     const std::filesystem::path file = safe_join(root_, path, true);
     require(problem == ENOENT || problem == ENOTDIR || problem == ENXIO, "file_read",
             "Could not open file for verification: " + path_utf8(file));
@@ -121,7 +122,7 @@ class FileInspector {
 void verify_snapshot_tree(const SnapshotManifest& manifest, const std::filesystem::path& root,
                           const ProgressCallback& progress) {
   std::size_t files = 0;
-  walk_contents(manifest, root, open_root(root), [&](const std::string&, bool managed) {
+  walk_contents(manifest, open_root(root), [&](const std::string&, bool managed) {
     require(managed, "unexpected_file", "Game tree contains an unmanaged file");
     require(++files <= manifest.files.size(), "size_limit", "Game tree contains too many files");
   });
@@ -147,7 +148,7 @@ DamagedFiles damaged_snapshot_files(const SnapshotManifest& manifest, const std:
       damaged.paths.push_back(path);
     }
   };
-  walk_contents(manifest, root, open_root(root), [&](const std::string& path, bool managed) {
+  walk_contents(manifest, open_root(root), [&](const std::string& path, bool managed) {
     if (!managed) {
       add(path);
     }

@@ -20,6 +20,7 @@
 #include "platform/files.hpp"
 #include "platform/managed_paths.hpp"
 #include "platform/posix_files.hpp"
+#include "platform/tree_removal.hpp"
 #include "platform/tree_walk.hpp"
 
 namespace ravok {
@@ -29,6 +30,16 @@ constexpr std::size_t maximum_removed_entries = 250000;
 
 std::filesystem::path parent_of(const std::filesystem::path& path) {
   return path.has_parent_path() ? path.parent_path() : std::filesystem::path(".");
+}
+
+// Removes what a path names, with all that it holds. Returns 0, or the native error number of the first failure.
+int remove_named(const std::filesystem::path& path) {
+  const Descriptor parent(
+      retry_interrupted([&] { return open(parent_of(path).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC); }));
+  if (!parent) {
+    return errno == ENOENT || errno == ENOTDIR ? 0 : errno;
+  }
+  return remove_tree_quietly_at(parent.get(), path.filename());
 }
 
 // The size of a file; nothing but directories and files is plain.
@@ -120,6 +131,7 @@ class Retirement {
     const int parent = paths_.parent_of(path);
     if (parent < 0) {
       const int problem = errno;
+      require_descriptors(problem);
       safe_join(root_, path, true);
       require(problem == ENOENT || problem == ENOTDIR, "unsafe_path", "Changed managed paths were preserved");
     }
@@ -127,6 +139,7 @@ class Retirement {
   }
 
   static void flush(const Descriptor& directory) {
+    require_descriptors(directory ? 0 : errno);
     require(directory && posix_files::sync(directory.get()) == 0, "file_sync",
             "Could not durably synchronize directory");
   }
@@ -161,15 +174,14 @@ void remove_plain_tree(const std::filesystem::path& path) {
   const auto status = link_status_of(tree);
   require(status && is_directory(*status), "unsafe_path", "Tree cleanup requires an ordinary directory");
   tree_bytes(tree, maximum_removed_entries);
-  std::filesystem::remove_all(tree);
+  if (const int problem = remove_named(tree); problem != 0) {
+    throw std::filesystem::filesystem_error("Cannot remove a tree", tree,
+                                            std::error_code(problem, std::generic_category()));
+  }
   sync_directory(parent_of(tree));
 }
 
-bool remove_path_quietly(const std::filesystem::path& path) {
-  std::error_code problem;
-  std::filesystem::remove_all(without_end_separator(path), problem);
-  return !problem;
-}
+bool remove_path_quietly(const std::filesystem::path& path) { return remove_named(without_end_separator(path)) == 0; }
 
 void validate_snapshot_retirement(const SnapshotManifest& manifest, const std::filesystem::path& root) {
   const std::filesystem::path tree = without_end_separator(root);

@@ -1,6 +1,7 @@
 // Walking a tree and opening what lies in it by descriptors, never through a link.
 #pragma once
 
+#include <cstddef>
 #include <filesystem>
 #include <functional>
 #include <string>
@@ -24,12 +25,32 @@ struct TreeEntry {
 // Opens a directory to walk it; none when there is none of that name, or a link in its place.
 Descriptor open_tree(const std::filesystem::path& root);
 
-// Visits everything below an open directory in the order in which the file system tells it, a
-// directory ahead of what it holds. Takes one open descriptor for each level. Fails with "tree_read"
-// when a directory cannot be read; what `visit` throws goes on.
+// What a walk calls.
+struct TreeVisitor {
+  // Told of every entry: all those of a directory first, in the order in which the file system tells them, and then
+  // what lies in its directories, one after the other.
+  std::function<void(const TreeEntry&)> visit;
+  // Told of a directory once all that it holds has been visited, with its own open descriptor; not of the root. May
+  // be empty. It may remove the directory.
+  std::function<void(const TreeEntry& entry, int self)> leave;
+  // Told of a directory that cannot be opened, which the walk then passes by. Where it is empty, the walk fails.
+  std::function<void(const TreeEntry&)> unreadable;
+  // Whether a volume that is mounted inside the tree ends the walk before anything of it is visited.
+  bool refuse_mounts = false;
+};
+
+// Visits everything below an open directory. At most 34 directories are open at a time, however deep the tree is, and
+// the time grows with the number of entries. Fails with "tree_read" when a directory cannot be read or is moved
+// meanwhile, with "too_many_files" when the system gives no more descriptors, with "unsafe_path" for a mounted volume
+// where those are refused; what the visitor throws goes on.
+void walk_tree(Descriptor root, const TreeVisitor& visitor);
 void walk_tree(Descriptor root, const std::function<void(const TreeEntry&)>& visit);
 
-// Opens files of a tree by their relative paths. The directories on the way stay open for the next
+// Returns the names in an open directory, the first `limit` of them in the order in which the file system tells them.
+// Fails as walk_tree does.
+std::vector<std::string> names_in(int directory, std::size_t limit);
+
+// Opens files of a tree by their relative paths. The last 32 directories on the way stay open for the next
 // path, so that files of one directory cost one call each.
 class TreePaths {
  public:
@@ -45,9 +66,11 @@ class TreePaths {
  private:
   struct Level {
     std::string name;
-    Descriptor directory;
+    Descriptor directory;  // none for all but the last levels
   };
 
+  // Keeps the levels that a path has in common with the last one, and returns the rest of it.
+  std::string_view keep_shared(std::string_view wanted);
   int last() const { return levels_.empty() ? root_.get() : levels_.back().directory.get(); }
 
   Descriptor root_;

@@ -13,6 +13,7 @@
 #include "support/failure.hpp"
 #include "support/install_place.hpp"
 #include "support/manifest_builder.hpp"
+#include "support/ordinary_user.hpp"
 
 namespace ravok {
 namespace {
@@ -87,25 +88,27 @@ TEST_F(InstallationRecord, FollowsNoLinkForTheState) {
 
 TEST_F(InstallationRecord, MarkerIsTheOnlyWordOfASetupThatRuns) {
   place.write("userdata/save", "save");
-  write_setup_marker(paths);
+  write_setup_marker(HeldDirectory::open_private(paths.root));
   EXPECT_EQ(place.read(".ravok-setup-incomplete"), R"({"kind":"ravok-setup-incomplete","schema_version":1})");
   EXPECT_TRUE(place.state().at(".ravok-setup-incomplete").starts_with("600 file "));
-  remove_setup_marker(paths);
+  remove_setup_marker(HeldDirectory::open(paths.root));
   EXPECT_NE(installation_state(paths), InstallationState::interrupted);
-  remove_setup_marker(paths);
+  remove_setup_marker(HeldDirectory::open(paths.root));
   EXPECT_EQ(place.read("userdata/save"), "save");
 }
 
 TEST_F(InstallationRecord, MarkerThatCannotGoIsAFailure) {
   place.write(".ravok-setup-incomplete/file", "");
-  EXPECT_FAILURE(remove_setup_marker(paths), "file_remove", "Cannot remove " + paths.incomplete_marker.native());
+  EXPECT_FAILURE(remove_setup_marker(HeldDirectory::open(paths.root)), "file_remove",
+                 "Cannot remove " + paths.incomplete_marker.native());
   EXPECT_EQ(installation_state(paths), InstallationState::interrupted);
 }
 
-TEST_F(InstallationRecord, MarkerIsNotWrittenThroughALink) {
+TEST_F(InstallationRecord, MarkerReplacesALinkInItsPlaceAndNotWhatThatLeadsTo) {
   place.write("elsewhere", "kept");
   std::filesystem::create_symlink("elsewhere", paths.incomplete_marker);
-  EXPECT_FAILURE(write_setup_marker(paths), "unsafe_path", "Refusing to replace a symbolic link");
+  write_setup_marker(HeldDirectory::open_private(paths.root));
+  EXPECT_TRUE(place.state().at(".ravok-setup-incomplete").starts_with("600 file "));
   EXPECT_EQ(place.read("elsewhere"), "kept");
 }
 
@@ -168,7 +171,7 @@ NativePackage package_to_record() {
 
 TEST_F(InstallationRecord, SaysWhatWasInstalledAndWhen) {
   const std::string before = utc_text(std::time(nullptr));
-  write_installation(paths, package_to_record());
+  write_installation(HeldDirectory::open_private(paths.native), package_to_record());
   const std::string time = place.record("native/installation.json").at("installed_at").get<std::string>();
   EXPECT_LE(before, time);
   EXPECT_LE(time, utc_text(std::time(nullptr)));
@@ -182,7 +185,7 @@ TEST_F(InstallationRecord, SaysWhatWasInstalledAndWhen) {
 TEST_F(InstallationRecord, NamesTheBrandOfABrandedPackage) {
   NativePackage package = package_to_record();
   package.brand = Brand{"Acme Games", "acme", "Acme", true};
-  write_installation(paths, package);
+  write_installation(HeldDirectory::open_private(paths.native), package);
   EXPECT_EQ(place.record("native/installation.json").at("brand"),
             Json({{"name", "Acme Games"}, {"id", "acme"}, {"publisher", "Acme"}, {"icon", true}}));
   EXPECT_EQ(place.record("native/installation.json").size(), 6u);
@@ -219,15 +222,50 @@ TEST_F(InstallationRecord, OfASetupNeedsTheNativeFolder) {
 }
 
 TEST_F(InstallationRecord, OfASetupThatCannotBeWrittenIsPassedOver) {
-  place.write("native/elsewhere", "kept");
-  std::filesystem::create_symlink("elsewhere", paths.status_record);
+  place.write("native/setup-status.json/file", "kept");
   const TreeState before = place.state();
   write_status(paths, "repair", "failed", "message");
   EXPECT_TRUE(same_tree(place.state(), before));
-  std::filesystem::remove(paths.status_record);
+  std::filesystem::remove_all(paths.status_record);
   place.write("native/setup-status.json", "former");
   write_status(paths, "repair", "failed", "not UTF-8: \xff");
   EXPECT_EQ(place.read("native/setup-status.json"), "former");
+}
+
+TEST_F(InstallationRecord, OfASetupReplacesALinkAndNotWhatThatLeadsTo) {
+  place.write("native/elsewhere", "kept");
+  std::filesystem::create_symlink("elsewhere", paths.status_record);
+  write_status(paths, "repair", "failed", "message");
+  EXPECT_EQ(place.read("native/elsewhere"), "kept");
+  EXPECT_EQ(place.record("native/setup-status.json").at("message"), "message");
+}
+
+TEST_F(InstallationRecord, OfASetupIsNotWrittenThroughALinkedFolder) {
+  place.write("elsewhere/file", "kept");
+  std::filesystem::create_directory_symlink("elsewhere", paths.native);
+  const TreeState before = place.state();
+  write_status(paths, "repair", "failed", "message");
+  EXPECT_TRUE(same_tree(place.state(), before));
+}
+
+TEST_F(InstallationRecord, IsNotLookedForBehindALink) {
+  place.write("elsewhere/installation.json", "{}");
+  std::filesystem::create_directory_symlink("elsewhere", paths.native);
+  EXPECT_FAILURE(
+      installation_state(paths), "unsafe_path",
+      paths.native.native() + " is a symbolic link, which setup does not follow; replace it with the folder");
+  place.write(".ravok-setup-incomplete", "{}");
+  EXPECT_EQ(installation_state(paths), InstallationState::interrupted);
+}
+
+TEST_F(InstallationRecord, OfAFolderThatMayNotBeLookedIntoIsUnknown) {
+  place.write("native/installation.json", "{}");
+  const testing::OrdinaryUser user(place.root());
+  for (const std::filesystem::path& folder : {paths.root, paths.native}) {
+    const testing::WithMode closed(folder, 0);
+    EXPECT_FAILURE(NativeInstaller::status(paths.root), "permissions",
+                   "Cannot look at " + paths.installation_record.native() + ": Permission denied");
+  }
 }
 
 // --- What the records say of the bootstrap -----------------------------------------------------

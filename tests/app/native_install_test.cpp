@@ -55,7 +55,6 @@ constexpr const char* busy_words = "Another worker owns this native installation
 constexpr const char* running_words = "Ravok or a game from this folder is still running; close it and try again";
 constexpr const char* choose_folder = "Choose an empty folder or an earlier Ravok data folder";
 constexpr const char* no_archive = "Snapshot must contain exactly one ordinary Zstandard frame";
-constexpr const char* link_refused = "Refusing to replace a symbolic link";
 
 class NativeInstall : public ::testing::Test {
  protected:
@@ -385,7 +384,7 @@ TEST_F(NativeInstall, RefusesADamagedRecordBeforeAnyLock) {
 TEST_F(NativeInstall, RepairsADamagedRecordOnceTheMarkerStands) {
   place.install();
   place.write("native/installation.json", "{");
-  write_setup_marker(paths);
+  write_setup_marker(HeldDirectory::open_private(paths.root));
   EXPECT_EQ(place.repair().replaced, Names());
   EXPECT_EQ(place.record("native/installation.json").at("descriptor_sha256"), place.seal());
   EXPECT_TRUE(NativeInstaller::status(data).installed);
@@ -553,15 +552,14 @@ TEST_F(NativeInstall, IntoAnEarlierFolderWithARunningClientKeepsThePlayersData) 
   EXPECT_TRUE(same_tree(place.state(), before));
 }
 
-TEST_F(NativeInstall, TellsOfTheFileSystemsFailuresAsItsOwn) {
+TEST_F(NativeInstall, TellsWhyTheLeasesCannotBeAskedFor) {
   place.install();
   damage_trust();
   const OrdinaryUser user(place.root());
   const std::filesystem::path leases = paths.launcher / "leases/versions";
   const testing::WithMode closed(leases, 0);
-  const std::string words =
-      "filesystem error: directory iterator cannot open directory: Permission denied [" + leases.native() + "]";
-  EXPECT_FAILURE(place.repair(), "file_system", words);
+  const std::string words = "Cannot open " + leases.native() + ": Permission denied";
+  EXPECT_FAILURE(place.repair(), "permissions", words);
   expect_status("repair", "failed", words);
 }
 
@@ -605,7 +603,7 @@ TEST_F(NativeInstall, ThatFailsOverAnInterruptedOneKeepsAllButStaging) {
   place.write_player_data();
   place.install();
   for (const bool recorded : {true, false}) {
-    write_setup_marker(paths);
+    write_setup_marker(HeldDirectory::open_private(paths.root));
     if (!recorded) {
       std::filesystem::remove(paths.installation_record);
     }
@@ -1011,15 +1009,17 @@ class NativeCommit : public NativeInstall {
     forget_status();
   }
 
-  // A repair stopped in the commit, by a link where it has to write a record.
-  void repair_into_link(const std::filesystem::path& record) {
-    std::filesystem::remove_all(record);
-    std::filesystem::create_symlink("nowhere", record);
-    EXPECT_FAILURE(place.repair(), "unsafe_path", link_refused);
-    expect_status("repair", "failed", link_refused);
+  // A repair stopped in the commit, where it has to write a record.
+  void repair_stopped_at(const std::filesystem::path& record) {
+    const std::optional<Error> failure = [&] {
+      const Planned plan(testing::failing_to_write(record.filename(), EIO));
+      return failure_of([&] { place.repair(); });
+    }();
+    ASSERT_TRUE(failure) << record;
+    EXPECT_EQ(failure->code, "file_write");
+    EXPECT_TRUE(std::string(failure->what()).starts_with("Cannot create transaction file " + record.native() + "."));
+    expect_status("repair", "failed", failure->what());
     EXPECT_TRUE(same_tree(place.player_data(), player));
-    EXPECT_TRUE(std::filesystem::is_symlink(record));
-    std::filesystem::remove(record);
   }
 
   void expect_interrupted() const {
@@ -1044,25 +1044,21 @@ class NativeCommit : public NativeInstall {
 
 TEST_F(NativeCommit, ChangesNothingUntilTheMarkerStands) {
   damage_all();
-  TreeState before = lasting();
-  before.erase(".ravok-setup-incomplete");
-  std::filesystem::create_symlink("nowhere", paths.incomplete_marker);
-  EXPECT_FAILURE(place.repair(), "unsafe_path", link_refused);
-  TreeState after = lasting();
-  after.erase(".ravok-setup-incomplete");
-  EXPECT_TRUE(same_tree(after, before));
-  expect_status("repair", "failed", link_refused);
+  const TreeState before = lasting();
+  repair_stopped_at(paths.incomplete_marker);
+  EXPECT_TRUE(same_tree(lasting(), before));
 }
 
 TEST_F(NativeCommit, StoppedAtTheBootstrapHasReplacedNothingElse) {
   damage_all();
-  repair_into_link(paths.bootstrap_manifest);
+  repair_stopped_at(paths.bootstrap_manifest);
   expect_interrupted();
   EXPECT_EQ(place.read("native/bootstrap/data/notes"), "notes");
   EXPECT_EQ(place.read("native/staging/old-bootstrap/data/notes"), "other");
   EXPECT_EQ(place.read(launcher_program()), "other");
   EXPECT_EQ(place.read("trust/root.json"), "{");
-  EXPECT_EQ(place.repair().replaced, all_parts);
+  // The former manifest is of the same build.
+  EXPECT_EQ(place.repair().replaced, (Names{"launcher", "trust"}));
   expect_good();
 }
 
@@ -1071,7 +1067,7 @@ TEST_F(NativeCommit, StoppedAtTheRepositoryHasReplacedAllParts) {
   place.write("native/brand.ico", "changed");
   const std::string record = place.read("native/installation.json");
   for (const auto& path : Paths{paths.repository_ca, paths.repository_record}) {
-    repair_into_link(path);
+    repair_stopped_at(path);
     expect_interrupted();
     EXPECT_EQ(place.read("native/bootstrap/data/notes"), "notes");
     EXPECT_EQ(place.read(launcher_program()), "#!bin/launcher");
@@ -1085,7 +1081,7 @@ TEST_F(NativeCommit, StoppedAtTheRepositoryHasReplacedAllParts) {
 
 TEST_F(NativeCommit, KeepsTheOldTreesUntilTheRecordIsWritten) {
   damage_all();
-  repair_into_link(paths.native / "brand.ico");
+  repair_stopped_at(paths.native / "brand.ico");
   expect_interrupted();
   EXPECT_EQ(place.read("native/staging/old-bootstrap/data/notes"), "other");
   EXPECT_EQ(place.read("native/staging/old-launcher/" + launcher_program().substr(9)), "other");
@@ -1095,9 +1091,9 @@ TEST_F(NativeCommit, KeepsTheOldTreesUntilTheRecordIsWritten) {
 }
 
 TEST_F(NativeCommit, WritesTheRecordBehindTheTheme) {
-  write_setup_marker(paths);
+  write_setup_marker(HeldDirectory::open_private(paths.root));
   place.write("native/theme/theme.json", "old");
-  repair_into_link(paths.installation_record);
+  repair_stopped_at(paths.installation_record);
   expect_interrupted();
   EXPECT_EQ(place.read("native/theme/theme.json"), place.package.theme->dump());
   EXPECT_EQ(place.read("native/staging/old-theme/theme.json"), "old");
@@ -1106,16 +1102,26 @@ TEST_F(NativeCommit, WritesTheRecordBehindTheTheme) {
 }
 
 TEST_F(NativeCommit, StoppedAtTheThemeHasNoNewRecord) {
+  const std::string record = place.read("native/installation.json");
+  place.write("native/brand.ico", "changed");
+  repair_stopped_at(paths.staging / "theme/theme.json");
+  expect_interrupted();
+  EXPECT_EQ(place.read("native/brand.ico"), *place.package.icon);
+  EXPECT_EQ(place.read("native/installation.json"), record);
+  EXPECT_EQ(place.repair().replaced, Names());
+  expect_good();
+}
+
+TEST_F(NativeCommit, TakesAwayAFileInPlaceOfAThemeThatThePackageHasNot) {
   std::filesystem::remove_all(paths.native / "theme");
   place.write("native/theme", "a file");
   place.package.brand.reset();
   place.package.featured_game.reset();
   place.republish();
-  const std::string record = place.read("native/installation.json");
-  EXPECT_FAILURE(place.repair(), "unsafe_path", "Tree cleanup requires an ordinary directory");
-  expect_interrupted();
+  place.repair();
   EXPECT_FALSE(std::filesystem::exists(paths.native / "brand.ico"));
-  EXPECT_EQ(place.read("native/installation.json"), record);
+  EXPECT_FALSE(std::filesystem::exists(paths.native / "theme"));
+  EXPECT_TRUE(NativeInstaller::status(data).installed);
 }
 
 TEST_F(NativeCommit, ReplacesATreeWithLinksInIt) {
@@ -1135,7 +1141,7 @@ TEST_F(NativeCommit, ReplacesALinkInPlaceOfATreeAndLeavesWhatItNames) {
 }
 
 TEST_F(NativeCommit, InterruptedIsInstalledAnewInFull) {
-  write_setup_marker(paths);
+  write_setup_marker(HeldDirectory::open_private(paths.root));
   place.write("userdata/saves/second", "save");
   const TreeState kept = place.player_data();
   const NativeInstallResult result = place.install();
@@ -1147,7 +1153,7 @@ TEST_F(NativeCommit, InterruptedIsInstalledAnewInFull) {
 }
 
 TEST_F(NativeCommit, InterruptedWithoutARecordIsRepaired) {
-  write_setup_marker(paths);
+  write_setup_marker(HeldDirectory::open_private(paths.root));
   std::filesystem::remove(paths.installation_record);
   EXPECT_EQ(place.repair().replaced, Names());
   expect_good();
@@ -1157,7 +1163,7 @@ TEST_F(NativeCommit, RepairReplacesATreeThatIsMissing) {
   const std::vector<std::pair<std::filesystem::path, std::string>> trees = {
       {paths.bootstrap_directory, "bootstrap"}, {paths.launcher, "launcher"}, {paths.trust, "trust"}};
   for (const auto& [tree, part] : trees) {
-    write_setup_marker(paths);
+    write_setup_marker(HeldDirectory::open_private(paths.root));
     std::filesystem::create_directory(paths.staging);
     std::filesystem::rename(tree, paths.staging / ("old-" + part));
     EXPECT_EQ(place.repair().replaced, Names{part});
@@ -1346,7 +1352,7 @@ TEST_F(NativeInstall, ShortcutsNeedAnInstallation) {
 
 TEST_F(NativeInstall, ShortcutsAreNotMadeOfAnInterruptedSetup) {
   place.install();
-  write_setup_marker(paths);
+  write_setup_marker(HeldDirectory::open_private(paths.root));
   EXPECT_FAILURE(NativeInstaller::create_shortcut(data, "", "", ""), "native_install_incomplete",
                  in_data("Ravok setup did not finish in ") + ". Run the Ravok installer again to repair it.");
   EXPECT_TRUE(same_tree(tree_state(place.home()), TreeState()));

@@ -203,10 +203,12 @@ TEST_F(NativeUninstall, TakesAFolderWithOnlyTheMarker) {
   EXPECT_TRUE(place_.uninstall().data_removed);
 }
 
-TEST_F(NativeUninstall, RefusesAMarkerThatIsALink) {
+TEST_F(NativeUninstall, ReplacesAMarkerThatIsALink) {
   place_.install();
-  std::filesystem::create_symlink("/nowhere", place_.data() / ".ravok-setup-incomplete");
-  expect_refused([&] { place_.uninstall(true); }, "unsafe_path", "Refusing to replace a symbolic link");
+  const std::filesystem::path elsewhere = place_.root().write("elsewhere", "kept");
+  std::filesystem::create_symlink(elsewhere, place_.data() / ".ravok-setup-incomplete");
+  EXPECT_TRUE(place_.uninstall(true).data_removed);
+  EXPECT_EQ(place_.root().read("elsewhere"), "kept");
 }
 
 TEST_F(NativeUninstall, TakesADamagedRecord) {

@@ -58,9 +58,15 @@ TEST_F(TreeFault, ARootThatCannotBeLookedAtIsNotPlain) {
 }
 
 TEST_F(TreeFault, ARootThatCannotBeOpenedIsNotRead) {
-  for (const int problem : {EACCES, EMFILE, ELOOP}) {
+  for (const int problem : {EACCES, ELOOP}) {
     const Planned set(failing("openat", problem));
     EXPECT_FAILURE(tree_bytes(root_ / "tree", 10), "tree_read", "Cannot read a directory of the tree") << problem;
+  }
+  for (const int problem : {EMFILE, ENFILE}) {
+    const Planned set(failing("openat", problem));
+    EXPECT_FAILURE(tree_bytes(root_ / "tree", 10), "too_many_files",
+                   "Too many files are open; close other programs and try again")
+        << problem;
   }
 }
 
@@ -72,7 +78,8 @@ TEST_F(TreeFault, NothingIsRemovedOfATreeThatCannotBeMeasured) {
   }
   {
     const Planned set(failing("openat", EMFILE, 2));
-    EXPECT_FAILURE(remove_plain_tree(root_ / "tree"), "tree_read", "Cannot read a directory of the tree");
+    EXPECT_FAILURE(remove_plain_tree(root_ / "tree"), "too_many_files",
+                   "Too many files are open; close other programs and try again");
   }
   // Neither missing nor a directory, for all that is known.
   const Planned set(failing("lstat", EACCES));
@@ -87,7 +94,8 @@ TEST_F(TreeFault, ARemovalThatMayNotBeDurableIsReported) {
     EXPECT_EQ(root_.names(), Names{});
   }
   root_.directory("tree");
-  const Planned set(failing("open directory", EMFILE));
+  // The first is that of the directory in which the tree is removed.
+  const Planned set(failing("open directory", EMFILE, 2));
   EXPECT_FAILURE(remove_plain_tree(root_ / "tree"), "file_sync", not_opened);
   EXPECT_EQ(root_.names(), Names{});
 }

@@ -1,6 +1,7 @@
 // How tests speak of failures: by code and by the whole message.
 #pragma once
 
+#include <filesystem>
 #include <optional>
 #include <string>
 
@@ -10,13 +11,16 @@
 
 namespace ravok::testing {
 
-// Runs `work` and returns the failure that it ends with, if any.
+// Runs `work` and returns the failure that it ends with, if any; one of the standard library's file operations has the
+// code "file_system".
 template <typename Work>
 std::optional<Error> failure_of(Work work) {
   try {
     work();
   } catch (const Error& error) {
     return error;
+  } catch (const std::filesystem::filesystem_error& problem) {
+    return Error("file_system", problem.what());
   }
   return std::nullopt;
 }

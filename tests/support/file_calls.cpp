@@ -19,9 +19,9 @@ std::vector<std::string> calls;
 std::size_t most_asked = 0;
 
 // Whether the call is the one that the plan fails, with errno set.
-bool is_failed(std::string_view call) {
+bool is_failed(std::string_view call, std::string_view name = {}) {
   calls.emplace_back(call);
-  if (current.call != call || --current.countdown != 0) {
+  if (current.call != call || !name.starts_with(current.beginning) || --current.countdown != 0) {
     return false;
   }
   if (current.meanwhile) {
@@ -54,6 +54,10 @@ std::string_view name_of_openat(std::string_view name, int flags) {
 
 Plan failing(std::string_view call, int problem, int countdown) {
   return {.call = call, .countdown = countdown, .fails = true, .problem = problem};
+}
+
+Plan failing_to_write(std::string name, int problem) {
+  return {.call = "create", .countdown = 1, .beginning = std::move(name) + ".", .fails = true, .problem = problem};
 }
 
 Plan holding(std::string value, int countdown) {
@@ -102,7 +106,7 @@ int __wrap_openat(int directory, const char* name, int flags, ...) {
   va_start(arguments, flags);
   const mode_t mode = (flags & O_CREAT) != 0 ? va_arg(arguments, mode_t) : 0;
   va_end(arguments);
-  return is_failed(name_of_openat(name, flags)) ? answer() : __real_openat(directory, name, flags, mode);
+  return is_failed(name_of_openat(name, flags), name) ? answer() : __real_openat(directory, name, flags, mode);
 }
 
 // The checked form that the C library's headers make of a call whose flags the compiler does not know.

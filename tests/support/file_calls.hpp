@@ -18,7 +18,8 @@ namespace ravok::testing {
 
 struct Plan {
   std::string_view call = {};
-  int countdown = 0;  // which of the calls of that name is meant, from 1
+  int countdown = 0;           // which of the calls of that name is meant, from 1
+  std::string beginning = {};  // of the file names that are meant by a "create"; empty for all
   bool fails = false;
   int problem = 0;                                // errno of the failure; 0 makes the call answer 0
   std::function<void()> meanwhile = {};           // runs ahead of the call
@@ -29,6 +30,9 @@ struct Plan {
 
 // The call, the `countdown`th of its name, fails with this errno; 0 makes it answer 0.
 Plan failing(std::string_view call, int problem, int countdown = 1);
+
+// The making of the transaction file of that name's file fails with this errno.
+Plan failing_to_write(std::string name, int problem);
 
 // That attribute, the `countdown`th that is asked for, has this value.
 Plan holding(std::string value, int countdown = 1);

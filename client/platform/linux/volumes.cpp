@@ -236,6 +236,35 @@ Volume local_volume(int descriptor) {
           mount.below};
 }
 
+bool is_mounted(int directory, std::uint64_t parent_device) {
+  struct statx information {};
+  if (statx(directory, "", AT_EMPTY_PATH | AT_NO_AUTOMOUNT, STATX_BASIC_STATS, &information) == 0 &&
+      (information.stx_attributes_mask & STATX_ATTR_MOUNT_ROOT) != 0) {
+    return (information.stx_attributes & STATX_ATTR_MOUNT_ROOT) != 0;
+  }
+  // A kernel that does not tell: all but a part of the same volume has another device.
+  const auto status = status_of(directory);
+  return !status || device_number(*status) != parent_device;
+}
+
+std::vector<std::string> mounts_below(const std::string& path) {
+  const std::string prefix = path.ends_with('/') ? path : path + '/';
+  std::vector<std::string> found;
+  std::ifstream mounts("/proc/self/mountinfo");
+  for (std::string line; std::getline(mounts, line);) {
+    std::istringstream fields(line);
+    std::string field;
+    // The path is the fifth field.
+    for (int i = 0; i < 5 && fields >> field; ++i) {
+    }
+    std::string place = without_escapes(field);
+    if (fields && place.starts_with(prefix)) {
+      found.push_back(std::move(place));
+    }
+  }
+  return found;
+}
+
 bool compares_case(int directory) {
   if (is_one_of(case_insensitive_file_systems, file_system_kind(directory))) {
     return false;

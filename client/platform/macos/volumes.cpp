@@ -3,6 +3,8 @@
 #include <cstring>
 #include <memory>
 #include <type_traits>
+#include <utility>
+#include <vector>
 
 #include <CoreFoundation/CoreFoundation.h>
 #include <fcntl.h>
@@ -13,6 +15,7 @@
 
 #include "domain/crypto.hpp"
 #include "domain/error.hpp"
+#include "platform/file_status.hpp"
 #include "platform/os.hpp"
 
 namespace ravok::os {
@@ -85,6 +88,28 @@ Volume local_volume(int descriptor) {
   volume.mount_path = std::string(path, length);
   volume.mounted_below = "/";
   return volume;
+}
+
+bool is_mounted(int directory, std::uint64_t parent_device) {
+  const auto status = status_of(directory);
+  return !status || device_number(*status) != parent_device;
+}
+
+std::vector<std::string> mounts_below(const std::string& path) {
+  const std::string prefix = path.ends_with('/') ? path : path + '/';
+  std::vector<std::string> found;
+  const int count = getfsstat(nullptr, 0, MNT_NOWAIT);
+  // Room for some that come meanwhile.
+  std::vector<struct statfs> mounts(count > 0 ? static_cast<std::size_t>(count) + 8 : 0);
+  const int filled = getfsstat(mounts.data(), static_cast<int>(mounts.size() * sizeof(struct statfs)), MNT_NOWAIT);
+  for (int i = 0; i < filled; ++i) {
+    const char* const name = mounts[static_cast<std::size_t>(i)].f_mntonname;
+    std::string place(name, strnlen(name, sizeof mounts.front().f_mntonname));
+    if (place.starts_with(prefix)) {
+      found.push_back(std::move(place));
+    }
+  }
+  return found;
 }
 
 bool compares_case(int directory) {
