@@ -6,6 +6,7 @@
 #include <map>
 #include <stdexcept>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <fcntl.h>
@@ -14,13 +15,18 @@
 #include <unistd.h>
 
 #include "platform/file_status.hpp"
+#include "support/deep_tree.hpp"
 #include "support/failure.hpp"
+#include "support/fast_volume.hpp"
+#include "support/few_descriptors.hpp"
 #include "support/ordinary_user.hpp"
 #include "support/temporary_root.hpp"
 
 namespace ravok {
 namespace {
 
+using testing::DeepTree;
+using testing::FewDescriptors;
 using testing::OrdinaryUser;
 using testing::TemporaryRoot;
 using testing::WithMode;
@@ -139,6 +145,97 @@ TEST(WalkTree, WalksDeepTreesAndLeavesNothingOpen) {
   EXPECT_EQ(open_files(), before);
 }
 
+TEST(WalkTree, NeedsFewDescriptorsAtAnyDepth) {
+  const TemporaryRoot root(testing::fast_volume());
+  constexpr std::size_t levels = 20'000;
+  const DeepTree deep(root.path(), levels);
+  std::size_t visits = 0;
+  std::size_t leaves = 0;
+  TreeVisitor visitor;
+  visitor.visit = [&](const TreeEntry&) { ++visits; };
+  visitor.leave = [&](const TreeEntry& entry, int self) {
+    ++leaves;
+    // By the directory above it and its name, it is the one that was walked through.
+    EXPECT_TRUE(same_file(*link_status_at(entry.directory, entry.name), *status_of(self)));
+  };
+  const FewDescriptors few(40);
+  walk_tree(open_tree(root.path()), visitor);
+  EXPECT_EQ(visits, levels + 1);
+  EXPECT_EQ(leaves, levels);
+}
+
+TEST(WalkTree, SaysThatDescriptorsHaveRunOut) {
+  const TemporaryRoot root;
+  root.directory("a/b/c");
+  Descriptor tree = open_tree(root.path());
+  const FewDescriptors none(0);
+  EXPECT_FAILURE(walk_tree(std::move(tree), ignore), "too_many_files",
+                 "Too many files are open; close other programs and try again");
+}
+
+TEST(WalkTree, LeavesADirectoryBehindAllThatItHolds) {
+  const TemporaryRoot root;
+  root.write("a/b/file", "x");
+  root.directory("a/c");
+  std::vector<std::string> order;
+  TreeVisitor visitor;
+  visitor.visit = [&](const TreeEntry& entry) { order.push_back("+" + std::string(entry.path)); };
+  visitor.leave = [&](const TreeEntry& entry, int) { order.push_back("-" + std::string(entry.path)); };
+  walk_tree(open_tree(root.path()), visitor);
+  const auto place = [&](const char* step) { return std::find(order.begin(), order.end(), step) - order.begin(); };
+  EXPECT_EQ(order.size(), 7u);
+  EXPECT_LT(place("+a/b"), place("+a/b/file"));
+  EXPECT_LT(place("+a/b/file"), place("-a/b"));
+  EXPECT_LT(place("-a/b"), place("-a"));
+  EXPECT_LT(place("-a/c"), place("-a"));
+}
+
+TEST(WalkTree, NoticesThatADirectoryIsMovedAwayWhileItIsFarBelow) {
+  const TemporaryRoot root;
+  std::string path = "tree/moved";
+  for (int i = 0; i < 60; ++i) {
+    path += "/d";
+  }
+  root.write(path + "/file", "x");
+  root.directory("elsewhere");
+  EXPECT_FAILURE(walk_tree(open_tree(root / "tree"),
+                           [&](const TreeEntry& entry) {
+                             if (entry.type == EntryType::file) {
+                               std::filesystem::rename(root / "tree/moved", root / "elsewhere/moved");
+                             }
+                           }),
+                 "tree_read", "A directory of the tree was moved while it was read");
+}
+
+TEST(WalkTree, TellsOfADirectoryThatItCannotReadWhereItIsAsked) {
+  const TemporaryRoot root;
+  root.write("d/file", "x");
+  root.write("e/file", "x");
+  const OrdinaryUser user(root);
+  const WithMode closed(root / "d", 0);
+  std::vector<std::string> unreadable;
+  std::vector<std::string> visited;
+  TreeVisitor visitor;
+  visitor.visit = [&](const TreeEntry& entry) { visited.emplace_back(entry.path); };
+  visitor.unreadable = [&](const TreeEntry& entry) { unreadable.emplace_back(entry.path); };
+  walk_tree(open_tree(root.path()), visitor);
+  std::sort(visited.begin(), visited.end());
+  EXPECT_EQ(visited, (std::vector<std::string>{"d", "e", "e/file"}));
+  EXPECT_EQ(unreadable, std::vector<std::string>{"d"});
+}
+
+TEST(NamesIn, AreAllButThoseWithoutANameOfTheirOwn) {
+  const TemporaryRoot root;
+  root.write("a/file", "x");
+  root.write("b", "x");
+  const Descriptor tree = open_tree(root.path());
+  std::vector<std::string> names = names_in(tree.get(), 10);
+  std::sort(names.begin(), names.end());
+  EXPECT_EQ(names, (std::vector<std::string>{"a", "b"}));
+  EXPECT_EQ(names_in(tree.get(), 10).size(), 2u);
+  EXPECT_EQ(names_in(tree.get(), 1).size(), 1u);
+}
+
 TEST(WalkTree, StopsWhereItsVisitThrows) {
   const TemporaryRoot root;
   root.write("a", "x");
@@ -217,6 +314,23 @@ TEST_F(TreePathsTest, OpensFilesAtAnyDepthInAnyOrder) {
       expect_opened(first);
       expect_opened(second);
     }
+  }
+}
+
+TEST_F(TreePathsTest, NeedsFewDescriptorsAtAnyDepth) {
+  std::vector<std::string> files;
+  std::string path;
+  for (int i = 0; i < 100; ++i) {
+    path += "d/";
+    files.push_back(path + "file");
+    root.write(files.back(), "x");
+  }
+  const FewDescriptors few(40);
+  for (const std::string& file : files) {
+    expect_opened(file);
+  }
+  for (const std::string& file : {files.back(), files.front(), files[50], files.back(), files[98]}) {
+    expect_opened(file);
   }
 }
 

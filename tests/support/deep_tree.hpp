@@ -1,0 +1,42 @@
+// A chain of directories, each in the one before, deeper than any path can tell.
+#pragma once
+
+#include <filesystem>
+#include <stdexcept>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include "platform/descriptor.hpp"
+#include "platform/posix_files.hpp"
+#include "platform/tree_removal.hpp"
+
+namespace ravok::testing {
+
+class DeepTree {
+ public:
+  static constexpr const char* name = "d";
+
+  // Makes the chain in a directory, with a file in the last.
+  DeepTree(const std::filesystem::path& root, int levels) : root_(open(root.c_str(), posix_files::walk_flags)) {
+    Descriptor last(openat(root_.get(), ".", posix_files::walk_flags));
+    for (int i = 0; i < levels; ++i) {
+      if (mkdirat(last.get(), name, 0700) != 0) {
+        throw std::runtime_error("Cannot make a deep tree for a test");
+      }
+      last = Descriptor(openat(last.get(), name, posix_files::walk_flags));
+    }
+    if (!Descriptor(openat(last.get(), "file", O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600))) {
+      throw std::runtime_error("Cannot make a deep tree for a test");
+    }
+  }
+  // The standard library could not remove what is left.
+  ~DeepTree() { remove_tree_quietly_at(root_.get(), name); }
+  DeepTree(const DeepTree&) = delete;
+  DeepTree& operator=(const DeepTree&) = delete;
+
+ private:
+  Descriptor root_;
+};
+
+}  // namespace ravok::testing

@@ -1,0 +1,31 @@
+// A process that the system gives few descriptors more.
+#pragma once
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+
+#include "platform/descriptor.hpp"
+
+namespace ravok::testing {
+
+class FewDescriptors {
+ public:
+  // Lets at most so many more be opened for as long as it lives.
+  explicit FewDescriptors(rlim_t more) {
+    EXPECT_EQ(getrlimit(RLIMIT_NOFILE, &before_), 0);
+    const int lowest_free = Descriptor(open("/", O_RDONLY | O_CLOEXEC)).get();
+    EXPECT_GE(lowest_free, 0);
+    rlimit few = before_;
+    few.rlim_cur = static_cast<rlim_t>(lowest_free) + more;
+    EXPECT_EQ(setrlimit(RLIMIT_NOFILE, &few), 0);
+  }
+  ~FewDescriptors() { EXPECT_EQ(setrlimit(RLIMIT_NOFILE, &before_), 0); }
+  FewDescriptors(const FewDescriptors&) = delete;
+  FewDescriptors& operator=(const FewDescriptors&) = delete;
+
+ private:
+  rlimit before_{};
+};
+
+}  // namespace ravok::testing
