@@ -266,12 +266,26 @@ TEST_F(SetupConsole, PrintsNoDocumentForAnExceptionThatIsNotItsOwn) {
 
 TEST_F(SetupConsole, PrintsNoDocumentThatIsNotUtf8) {
   const std::string folder = place.root() / "\xff";
-  expect(run({"status", "--data-dir", folder}), 0, "Ravok is not installed in " + folder + ".\n", "");
+  const std::string shown = place.root() / "\\xff";
+  expect(run({"status", "--data-dir", folder}), 0, "Ravok is not installed in " + shown + ".\n", "");
   const Outcome outcome = run({"status", "--json", "--data-dir", folder});
   EXPECT_EQ(outcome.code, 1);
   EXPECT_EQ(outcome.output, "");
   EXPECT_EQ(outcome.errors, "[json.exception.type_error.316] invalid UTF-8 byte at index " +
                                 std::to_string(folder.size() - 1) + ": 0xFF\n");
+}
+
+TEST_F(SetupConsole, PrintsAProblemDocumentWhateverTheMessageHolds) {
+  const auto expect_problem = [&](const std::string& name, const std::string& in_document, const std::string& shown) {
+    const std::string message = "Ravok is not installed in " + place.root().path().native() + "/";
+    expect(run({"uninstall", "--json", "--data-dir", place.root() / name}), 1,
+           problem("not_installed", message + in_document), message + shown + "\n");
+  };
+  expect_problem("a\xff", "a\\xff", "a\\xff");
+  expect_problem("\x1b[2J\xff", "\\x1b[2J\\xff", "\\x1b[2J\\xff");
+  // What is UTF-8 stands in the document as it is.
+  expect_problem("a\x1b\xc2\x9b\xc3\xa4", "a\x1b\xc2\x9b\xc3\xa4", "a\\x1b\\xc2\\x9b\xc3\xa4");
+  expect_nothing_installed();
 }
 
 TEST(ExitCode, LooksOnlyAtTheCode) {
