@@ -10,6 +10,7 @@
 #include "app/native_package.hpp"
 #include "app/setup_command.hpp"
 #include "app/setup_execution.hpp"
+#include "domain/display_text.hpp"
 #include "domain/json.hpp"
 #include "platform/complete_install.hpp"
 #include "platform/managed_paths.hpp"
@@ -29,15 +30,13 @@ void print_result(std::string_view text) {
 }
 
 // A failure to complain is not worth a second complaint.
-void print_problem(std::string_view message) { write_text(stderr, std::string(message) + "\n"); }
+void print_problem(std::string_view message) { write_text(stderr, shown_text(message) + "\n"); }
 
 void print_problem_document(const Error& error) {
-  const Json document = {{"schema_version", 1}, {"problem", {{"code", error.code}, {"message", error.what()}}}};
-  try {
-    write_text(stdout, document.dump() + "\n");
-  } catch (const Json::exception&) {
-    // A message that is not UTF-8 has no JSON form; it still goes to standard error as it is.
-  }
+  // A message that is not UTF-8 has no form of its own in JSON.
+  const std::string message = is_utf8(error.what()) ? error.what() : shown_text(error.what());
+  const Json document = {{"schema_version", 1}, {"problem", {{"code", error.code}, {"message", message}}}};
+  write_text(stdout, document.dump() + "\n");
 }
 
 std::string_view phase_line(std::string_view phase) {
@@ -84,7 +83,7 @@ void run_parsed_command(SetupCommand command, std::string_view program_name, std
   require(!needs_package(command.command) || installer, "usage", "Use the Ravok installer to install or repair Ravok");
   choose_brand(command, package_seal);
   const Json document = run_setup_command(command, package_seal, console_callbacks(command.json, cancel));
-  print_result((command.json ? document.dump() : setup_summary(command, document)) + "\n");
+  print_result((command.json ? document.dump() : shown_text(setup_summary(command, document))) + "\n");
 }
 
 }  // namespace

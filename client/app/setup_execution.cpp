@@ -6,25 +6,68 @@
 #include "app/json_paths.hpp"
 #include "app/native_install.hpp"
 #include "domain/error.hpp"
+#include "domain/paths.hpp"
+#include "platform/foreign_folders.hpp"
+#include "platform/shortcuts.hpp"
 
 namespace ravok {
 namespace {
 
 constexpr std::chrono::seconds close_timeout(15);
 
+// Before anything is written: what root makes among another user's files locks that user out.
+void require_own_folder(const SetupCommand& command) {
+  constexpr const char* remedy = ", who could not use what root writes there; run this as that user, or name ";
+  require(command.data_root_chosen || !foreign_home(), "user_path",
+          std::string("HOME is the home of another user") + remedy + "a folder with --data-dir");
+  if (const auto folder = foreign_folder(command.data_root)) {
+    fail("user_path", path_utf8(*folder) + " belongs to another user" + remedy + "another folder with --data-dir");
+  }
+}
+
+// Why no shortcut can be made: the menu is another user's. Empty if it is not, or cannot be told.
+std::string menu_problem() {
+  try {
+    const auto folder = foreign_folder(native_menu_directory());
+    return folder ? "The application menu lies in " + path_utf8(*folder) + ", which belongs to another user" : "";
+  } catch (const Error&) {
+    // The making of the shortcut says what is wrong.
+    return "";
+  }
+}
+
+std::filesystem::path create_shortcut(const SetupCommand& command) {
+  require_own_folder(command);
+  const std::string problem = menu_problem();
+  require(problem.empty(), "user_path", problem);
+  return NativeInstaller::create_shortcut(command.data_root, command.game, "", {});
+}
+
 [[noreturn]] void unknown_command() { fail("usage", "Unknown setup command"); }
 
 Json install(const SetupCommand& command, std::string_view package_seal, const NativeSetupCallbacks& callbacks) {
   require(!command.package.empty(), "usage", "Choose the initial package with --package DIR");
+  require_own_folder(command);
+  const std::string problem = menu_problem();
   NativeInstallRequest request;
   request.package = command.package;
   request.data_root = command.data_root;
   request.repair = command.command == SetupCommandKind::repair;
-  request.create_shortcut = true;
-  return NativeInstaller::install(request, package_seal, callbacks).to_json();
+  request.create_shortcut = problem.empty();
+  NativeInstallResult result = NativeInstaller::install(request, package_seal, callbacks);
+  if (result.shortcut_problem.empty()) {
+    result.shortcut_problem = problem;
+  }
+  return result.to_json();
+}
+
+Json uninstall(const SetupCommand& command, const NativeSetupCallbacks& callbacks) {
+  require_own_folder(command);
+  return NativeInstaller::uninstall({command.data_root, command.remove_data, close_timeout}, callbacks).to_json();
 }
 
 Json remove_shortcuts(const SetupCommand& command) {
+  require_own_folder(command);
   const ShortcutRemoval removal = NativeInstaller::remove_shortcuts(command.data_root);
   return {{"schema_version", 1}, {"removed", paths_json(removal.removed)}, {"changed", paths_json(removal.changed)}};
 }
@@ -85,10 +128,9 @@ Json run_setup_command(const SetupCommand& command, std::string_view package_sea
     case SetupCommandKind::status:
       return NativeInstaller::status(command.data_root).to_json();
     case SetupCommandKind::uninstall:
-      return NativeInstaller::uninstall({command.data_root, command.remove_data, close_timeout}, callbacks).to_json();
+      return uninstall(command, callbacks);
     case SetupCommandKind::shortcut_create:
-      return {{"schema_version", 1},
-              {"created", paths_json({NativeInstaller::create_shortcut(command.data_root, command.game, "", {})})}};
+      return {{"schema_version", 1}, {"created", paths_json({create_shortcut(command)})}};
     case SetupCommandKind::shortcut_remove:
       return remove_shortcuts(command);
   }

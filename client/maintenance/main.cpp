@@ -2,11 +2,16 @@
 #include "domain/crypto.hpp"
 #include "platform/interrupt.hpp"
 #include "platform/process.hpp"
+#include "platform/program_start.hpp"
 
 // What fails before there is a command line ends the process as the runtime ends it.
 int main(int argc, char** argv) {
+  if (!ravok::start_program()) {
+    return 1;
+  }
   ravok::initialize_client_runtime();
   const ravok::ConsoleInterrupt interrupt(true);
+  const ravok::TerminationSignals termination;
   return ravok::run_setup_console(ravok::process_arguments(argc, argv), "ravok-maintenance", "",
                                   [&] { return interrupt.requested(); });
 }

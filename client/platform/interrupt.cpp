@@ -33,6 +33,14 @@ volatile std::sig_atomic_t interrupted = 0;
 
 void interrupt(int) { interrupted = 1; }
 
+bool install_handler(int signal, struct sigaction* previous) {
+  struct sigaction action {};
+  action.sa_handler = interrupt;
+  sigemptyset(&action.sa_mask);
+  action.sa_flags = SA_RESTART;
+  return sigaction(signal, &action, previous) == 0;
+}
+
 // The number of an inherited descriptor, in the one form in which it may be written.
 int channel_descriptor(std::string_view value) {
   require(value.starts_with(channel_version), control, "Launcher interrupt channel version is invalid");
@@ -140,11 +148,7 @@ class ConsoleInterrupt::State {
     owner_ = true;
     interrupted = 0;
     listened = reader_.get();
-    struct sigaction action {};
-    action.sa_handler = interrupt;
-    sigemptyset(&action.sa_mask);
-    action.sa_flags = SA_RESTART;
-    require(sigaction(SIGINT, &action, &previous_) == 0, "signal", "Cannot enable safe cancellation from Ctrl+C");
+    require(install_handler(SIGINT, &previous_), "signal", "Cannot enable safe cancellation from Ctrl+C");
     installed_ = true;
   }
 
@@ -191,6 +195,30 @@ ConsoleInterrupt::~ConsoleInterrupt() = default;
 bool ConsoleInterrupt::requested() const { return state_->requested(); }
 
 bool ConsoleInterrupt::parent_reader_attached() { return listened >= 0; }
+
+TerminationSignals::TerminationSignals() {
+  for (Replaced& one : replaced_) {
+    const bool known = sigaction(one.signal, nullptr, &one.previous) == 0;
+    if (known && one.previous.sa_handler == SIG_IGN) {
+      continue;
+    }
+    one.installed = known && install_handler(one.signal, &one.previous);
+    if (!one.installed) {
+      restore();
+      fail("signal", "Cannot enable safe cancellation from a termination signal");
+    }
+  }
+}
+
+TerminationSignals::~TerminationSignals() { restore(); }
+
+void TerminationSignals::restore() {
+  for (const Replaced& one : replaced_) {
+    if (one.installed) {
+      sigaction(one.signal, &one.previous, nullptr);
+    }
+  }
+}
 
 InterruptPipe::InterruptPipe() {
   int ends[2];

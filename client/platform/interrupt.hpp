@@ -2,6 +2,8 @@
 // an end in the middle of a commit. A parent process can forward the request through an inherited pipe.
 #pragma once
 
+#include <array>
+#include <csignal>
 #include <memory>
 #include <string>
 
@@ -29,6 +31,28 @@ class ConsoleInterrupt {
  private:
   class State;
   const std::unique_ptr<State> state_;
+};
+
+// Makes SIGTERM, and the SIGHUP of a terminal that is closed, requests of the ConsoleInterrupt that is there, for as
+// long as it lives. One of them that is ignored stays so. A program that this one starts does not inherit it.
+class TerminationSignals {
+ public:
+  // Fails with "signal".
+  TerminationSignals();
+  ~TerminationSignals();
+  TerminationSignals(const TerminationSignals&) = delete;
+  TerminationSignals& operator=(const TerminationSignals&) = delete;
+
+ private:
+  struct Replaced {
+    int signal;
+    bool installed;
+    struct sigaction previous;
+  };
+
+  void restore();
+
+  std::array<Replaced, 2> replaced_{Replaced{SIGTERM, false, {}}, Replaced{SIGHUP, false, {}}};
 };
 
 // The parent's end: a pipe that a child process inherits, and through which one request is sent.

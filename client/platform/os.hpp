@@ -22,8 +22,8 @@ std::string_view system_name();
 // The relative path, below the user's home directory, of the folder that holds the client's data.
 std::string_view data_root_below_home();
 
-// The absolute path of the running image in at most `limit` bytes, or nothing when it cannot be
-// told.
+// The absolute path of the running image in at most `limit` bytes, without a link on the way, or
+// nothing when it cannot be told: the image may have been removed since, or replaced.
 std::optional<std::string> executable_path(std::size_t limit);
 
 // The program that shows a directory to the user, by its path or by its name on the search path.

@@ -47,6 +47,9 @@ bool is_ordinary(const std::filesystem::path& path, mode_t type) {
   return status && (status->st_mode & S_IFMT) == type;
 }
 
+// A separator behind a link would lead the system through it.
+bool is_plain_directory(const std::filesystem::path& path) { return is_ordinary(without_end_separator(path), S_IFDIR); }
+
 bool has_nul(std::string_view text) { return text.find('\0') != std::string_view::npos; }
 
 std::vector<std::string> replacement_arguments(const std::filesystem::path& image,
@@ -100,7 +103,7 @@ std::vector<char*> pointers_to(std::vector<std::string>& texts) {
 [[noreturn]] void replace_image(const std::filesystem::path& image, const std::vector<std::string>& arguments,
                                 const std::filesystem::path& directory, const ProcessEnvironment& environment,
                                 bool scrub) {
-  require(is_ordinary(image, S_IFREG) && is_ordinary(directory, S_IFDIR), "process_start",
+  require(is_ordinary(image, S_IFREG) && is_plain_directory(directory), "process_start",
           "Replacement image or directory is unavailable");
   std::vector<std::string> argument_texts = replacement_arguments(image, arguments);
   std::vector<std::string> environment_texts = replacement_environment(environment, scrub);
@@ -185,7 +188,7 @@ void exec_process(const std::filesystem::path& image, const std::vector<std::str
 }
 
 void open_directory(const std::filesystem::path& path) {
-  const auto status = link_status_of(path);
+  const auto status = link_status_of(without_end_separator(path));
   require(status && is_directory(*status), "location_unavailable", "Local directory is unavailable");
   SpawnActions actions;
   // What the opener says is nothing that this program's reader waits for.

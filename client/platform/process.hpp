@@ -21,7 +21,8 @@ std::vector<std::string> process_arguments(int argc, const char* const* argv);
 // 0-9 and "_", and with "environment_limit" for the bound or beyond it.
 std::optional<std::string> process_environment(std::string_view key, std::size_t bound);
 
-// Returns the absolute path of the running image. Fails with "launcher_identity".
+// Returns the absolute path of the running image. Fails with "launcher_identity", also for an image that has been
+// removed or replaced since it was started.
 std::filesystem::path current_executable_path();
 
 // The variable that announces the pipe for a forwarded interrupt to a child.

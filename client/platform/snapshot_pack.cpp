@@ -37,16 +37,8 @@ constexpr std::ptrdiff_t maximum_depth = 96;
 constexpr int minimum_level = 1;
 constexpr int maximum_level = 19;
 
-// A name as a terminal may show it.
-std::string shown(std::string_view path) {
-  std::string text(path);
-  std::replace_if(
-      text.begin(), text.end(), [](char c) { return static_cast<unsigned char>(c) < 32 || c == 127; }, '?');
-  return text;
-}
-
 [[noreturn]] void refuse(std::string_view code, std::string_view message, std::string_view path) {
-  fail(code, std::string(message) + ": " + shown(path));
+  fail(code, std::string(message) + ": " + std::string(path));
 }
 
 // Runs a rule of the client's and names the path that it refuses.

@@ -2,10 +2,15 @@
 
 #include <cstdio>
 
+#include "platform/program_start.hpp"
+
 int main(int argc, char** argv) {
+  if (!ravok::start_program()) {
+    return 1;
+  }
   std::printf("This is the sample %s.\n", SAMPLE_PROGRAM);
   for (int i = 1; i < argc; ++i) {
     std::printf("It was asked for: %s\n", argv[i]);
   }
-  return 0;
+  return std::fflush(stdout) == 0 && std::ferror(stdout) == 0 ? 0 : 1;
 }

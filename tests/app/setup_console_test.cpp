@@ -7,9 +7,11 @@
 #include <vector>
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include "app/brand.hpp"
 #include "support/install_place.hpp"
+#include "support/ordinary_user.hpp"
 
 namespace ravok {
 namespace {
@@ -266,12 +268,105 @@ TEST_F(SetupConsole, PrintsNoDocumentForAnExceptionThatIsNotItsOwn) {
 
 TEST_F(SetupConsole, PrintsNoDocumentThatIsNotUtf8) {
   const std::string folder = place.root() / "\xff";
-  expect(run({"status", "--data-dir", folder}), 0, "Ravok is not installed in " + folder + ".\n", "");
+  const std::string shown = place.root() / "\\xff";
+  expect(run({"status", "--data-dir", folder}), 0, "Ravok is not installed in " + shown + ".\n", "");
   const Outcome outcome = run({"status", "--json", "--data-dir", folder});
   EXPECT_EQ(outcome.code, 1);
   EXPECT_EQ(outcome.output, "");
   EXPECT_EQ(outcome.errors, "[json.exception.type_error.316] invalid UTF-8 byte at index " +
                                 std::to_string(folder.size() - 1) + ": 0xFF\n");
+}
+
+TEST_F(SetupConsole, PrintsAProblemDocumentWhateverTheMessageHolds) {
+  const auto expect_problem = [&](const std::string& name, const std::string& in_document, const std::string& shown) {
+    const std::string message = "Ravok is not installed in " + place.root().path().native() + "/";
+    expect(run({"uninstall", "--json", "--data-dir", place.root() / name}), 1,
+           problem("not_installed", message + in_document), message + shown + "\n");
+  };
+  expect_problem("a\xff", "a\\xff", "a\\xff");
+  expect_problem("\x1b[2J\xff", "\\x1b[2J\\xff", "\\x1b[2J\\xff");
+  // What is UTF-8 stands in the document as it is.
+  expect_problem("a\x1b\xc2\x9b\xc3\xa4", "a\x1b\xc2\x9b\xc3\xa4", "a\\x1b\\xc2\\x9b\xc3\xa4");
+  expect_nothing_installed();
+}
+
+// Root, in the home of another user or with a folder of that user's.
+class ConsoleOfRoot : public SetupConsole {
+ protected:
+  void SetUp() override {
+    if (!testing::is_root()) {
+      GTEST_SKIP() << "only root writes among another user's files";
+    }
+  }
+  static void give(const std::filesystem::path& path) { ASSERT_EQ(chown(path.c_str(), 65534, 65534), 0); }
+  void expect_refused(const std::vector<std::string>& arguments, const std::string& message) const {
+    expect(installer(arguments), 1, "", message + "\n");
+    std::vector<std::string> json = arguments;
+    json.emplace_back("--json");
+    expect(installer(json), 1, problem("user_path", message), message + "\n");
+  }
+  // The commands that take no package, by the maintenance program.
+  void expect_commands_refused(const std::vector<std::string>& folder, const std::string& message) const {
+    for (std::vector<std::string> arguments :
+         {std::vector<std::string>{"uninstall"}, {"shortcut", "create"}, {"shortcut", "remove"}}) {
+      arguments.insert(arguments.end(), folder.begin(), folder.end());
+      expect(run(arguments), 1, "", message + "\n");
+    }
+  }
+  static constexpr const char* remedy = ", who could not use what root writes there; run this as that user, or name ";
+};
+
+TEST_F(ConsoleOfRoot, RefusesTheHomeOfAnotherUser) {
+  give(place.home());
+  expect(run({"status"}), 0, "Ravok is not installed in " + default_folder("Ravok").native() + ".\n", "");
+  const std::string message = std::string("HOME is the home of another user") + remedy + "a folder with --data-dir";
+  expect_refused({"install"}, message);
+  expect_refused({"repair"}, message);
+  expect_commands_refused({}, message);
+  // A wrong command line is told first.
+  expect(run({"install"}, "ravok-install", place.seal()), 2, "", "Choose the initial package with --package DIR\n");
+  expect(run({"install"}), 2, "", "Use the Ravok installer to install or repair Ravok\n");
+  EXPECT_EQ(run({"install", "--help"}).code, 0);
+  expect_nothing_installed();
+}
+
+TEST_F(ConsoleOfRoot, RefusesAFolderOfAnotherUser) {
+  const std::filesystem::path theirs = place.root().directory("theirs");
+  give(theirs);
+  for (const std::filesystem::path& folder : {theirs, theirs / "new/data"}) {
+    const std::string message =
+        theirs.native() + " belongs to another user" + remedy + "another folder with --data-dir";
+    expect_refused({"install", "--data-dir", folder}, message);
+    expect_refused({"repair", "--data-dir", folder}, message);
+    expect_commands_refused({"--data-dir", folder}, message);
+    EXPECT_EQ(run({"status", "--data-dir", folder}).code, 0);
+  }
+  EXPECT_TRUE(std::filesystem::is_empty(theirs));
+}
+
+TEST_F(ConsoleOfRoot, InstallsBesideTheMenuOfAnotherUser) {
+  place.package.featured_game.reset();
+  place.republish();
+  give(place.home());
+  const std::string data = place.data();
+  const std::string message =
+      "The application menu lies in " + place.home().native() + ", which belongs to another user";
+  expect(installer({"--data-dir", data}), 0,
+         "Installed Acme Games in " + data + ". The shortcut could not be created: " + message + ".\n",
+         "Verifying…\nInstalling…\n");
+  expect(run({"shortcut", "create", "--data-dir", data}), 1, "", message + "\n");
+  EXPECT_TRUE(std::filesystem::is_empty(place.home()));
+  expect(installer({"repair", "--data-dir", data, "--json"}).code == 0 ? run({"uninstall", "--data-dir", data})
+                                                                       : Outcome{-1, "", ""},
+         0, "Removed Acme Games from " + data + ".\n", "Removing…\n");
+  EXPECT_TRUE(std::filesystem::is_empty(place.home()));
+}
+
+TEST_F(SetupConsole, RefusesAnOrdinaryUserNoFolder) {
+  const testing::OrdinaryUser user(place.root());
+  const testing::WithEnvironment home("HOME", "/");
+  expect(run({"uninstall"}), 1, "", "Ravok is not installed in /.local/share/Ravok\n");
+  expect(run({"uninstall", "--data-dir", "/new"}), 1, "", "Ravok is not installed in /new\n");
 }
 
 TEST(ExitCode, LooksOnlyAtTheCode) {

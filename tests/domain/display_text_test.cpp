@@ -1,7 +1,10 @@
 #include "domain/display_text.hpp"
 
+#include <array>
+#include <cstdio>
 #include <string>
 #include <string_view>
+#include <utility>
 
 #include <gtest/gtest.h>
 
@@ -46,6 +49,65 @@ TEST(IsDisplayable, JudgesNoLeadAlone) {
 }
 
 TEST(IsDisplayable, ReadsNothingBehindTheText) { EXPECT_TRUE(is_displayable(std::string_view("a\xc2\x85", 2), false)); }
+
+TEST(ShownText, KeepsWhatATerminalMayShow) {
+  for (const std::string_view text :
+       {"", "Removed Ravok from /home/a b/.local/share/Ravok.", "C:\\x1b", "\xc2\xa0", "\xc3\x85", "\xdf\xbf",
+        "\xe0\xa0\x80", "\xe2\x80\xa6", "\xe2\x80\xa9", "\xe2\x80\xaf", "\xe2\x81\xa5", "\xe2\x81\xaa", "\xed\x9f\xbf",
+        "\xee\x80\x80", "\xef\xbf\xbf", "\xf0\x90\x80\x80", "\xf4\x8f\xbf\xbf"}) {
+    EXPECT_EQ(shown_text(text), text);
+  }
+}
+
+TEST(ShownText, EscapesEveryControlCharacter) {
+  for (int code = 0; code < 256; ++code) {
+    std::array<char, 5> escape{};
+    std::snprintf(escape.data(), escape.size(), "\\x%02x", static_cast<unsigned>(code));
+    const bool is_shown = code >= 32 && code < 127;
+    // Alone, a byte beyond ASCII is no character.
+    const std::string byte(1, static_cast<char>(code));
+    EXPECT_EQ(shown_text("a" + byte + "b"), "a" + (is_shown ? byte : std::string(escape.data())) + "b") << code;
+    if (code >= 0x80 && code < 0xA0) {
+      EXPECT_EQ(shown_text("a\xc2" + byte + "b"), std::string("a\\xc2") + escape.data() + "b") << code;
+    }
+  }
+}
+
+TEST(ShownText, EscapesWhatTurnsTheDirectionOfWriting) {
+  for (const int last : {0xaa, 0xab, 0xac, 0xad, 0xae}) {
+    std::array<char, 5> escape{};
+    std::snprintf(escape.data(), escape.size(), "\\x%02x", static_cast<unsigned>(last));
+    EXPECT_EQ(shown_text(std::string("\xe2\x80") + static_cast<char>(last)), std::string("\\xe2\\x80") + escape.data());
+  }
+  for (const int last : {0xa6, 0xa7, 0xa8, 0xa9}) {
+    std::array<char, 5> escape{};
+    std::snprintf(escape.data(), escape.size(), "\\x%02x", static_cast<unsigned>(last));
+    EXPECT_EQ(shown_text(std::string("\xe2\x81") + static_cast<char>(last)), std::string("\\xe2\\x81") + escape.data());
+  }
+}
+
+TEST(ShownText, EscapesEachByteThatIsNoPartOfACharacter) {
+  const std::pair<std::string_view, std::string_view> cases[] = {
+      {"\xc3", "\\xc3"},           // ends too early
+      {"\xc3z", "\\xc3z"},         // goes on with something else
+      {"\xe2\x82", "\\xe2\\x82"},  // the same of three bytes
+      {"\xe2\x82z", "\\xe2\\x82z"},
+      {"\xf0\x9f\x8e", "\\xf0\\x9f\\x8e"},  // and of four
+      {"\xe2\xc3\xa4", "\\xe2\xc3\xa4"},    // a whole one follows
+      {"\xc0\xaf", "\\xc0\\xaf"},           // longer than needed
+      {"\xc1\xbf", "\\xc1\\xbf"},
+      {"\xe0\x9f\xbf", "\\xe0\\x9f\\xbf"},
+      {"\xf0\x8f\xbf\xbf", "\\xf0\\x8f\\xbf\\xbf"},
+      {"\xed\xa0\x80", "\\xed\\xa0\\x80"},  // halves of a pair
+      {"\xed\xbf\xbf", "\\xed\\xbf\\xbf"},
+      {"\xf4\x90\x80\x80", "\\xf4\\x90\\x80\\x80"},  // beyond the last number
+      {"\xf5\x80\x80\x80", "\\xf5\\x80\\x80\\x80"}};
+  for (const auto& [text, shown] : cases) {
+    EXPECT_EQ(shown_text(text), shown);
+  }
+}
+
+TEST(ShownText, ReadsNothingBehindTheText) { EXPECT_EQ(shown_text(std::string_view("a\xc3\xa4", 2)), "a\\xc3"); }
 
 }  // namespace
 }  // namespace ravok

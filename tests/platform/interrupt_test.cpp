@@ -15,6 +15,7 @@
 #include <unistd.h>
 
 #include "platform/process.hpp"
+#include "platform/program_start.hpp"
 #include "support/failure.hpp"
 #include "support/temporary_root.hpp"
 #include "support/with_environment.hpp"
@@ -25,6 +26,7 @@ namespace {
 std::optional<int> failing_command;
 bool pipe_fails = false;
 bool sigaction_fails = false;
+std::optional<int> failing_signal;
 
 }  // namespace
 
@@ -54,7 +56,7 @@ int __wrap_pipe(int* ends) {
 
 int __real_sigaction(int signal, const struct sigaction* action, struct sigaction* before);
 int __wrap_sigaction(int signal, const struct sigaction* action, struct sigaction* before) {
-  if (sigaction_fails) {
+  if (sigaction_fails || (failing_signal == signal && action != nullptr)) {
     errno = EINVAL;
     return -1;
   }
@@ -86,6 +88,23 @@ struct sigaction action_of(int signal) {
   EXPECT_EQ(sigaction(signal, nullptr, &action), 0);
   return action;
 }
+
+// Gives a signal another handler for as long as it lives.
+class WithHandler {
+ public:
+  WithHandler(int signal, void (*handler)(int)) : signal_(signal) {
+    struct sigaction action {};
+    action.sa_handler = handler;
+    EXPECT_EQ(sigaction(signal, &action, &before_), 0);
+  }
+  ~WithHandler() { EXPECT_EQ(sigaction(signal_, &before_, nullptr), 0); }
+  WithHandler(const WithHandler&) = delete;
+  WithHandler& operator=(const WithHandler&) = delete;
+
+ private:
+  int signal_;
+  struct sigaction before_ {};
+};
 
 bool is_pending(int signal) {
   sigset_t pending;
@@ -377,6 +396,68 @@ TEST(ConsoleInterrupt, SaysSoWhenTheReaderCannotBeProtected) {
     EXPECT_EQ(action_of(SIGINT).sa_handler, SIG_DFL);
     close(channel.reader);
   }
+}
+
+TEST(TerminationSignals, AreRequestsOfTheInterruptThatIsThere) {
+  for (const int signal : {SIGTERM, SIGHUP}) {
+    const WithHandler usual(signal, SIG_DFL);
+    const ConsoleInterrupt interrupt(false);
+    const TerminationSignals termination;
+    EXPECT_FALSE(interrupt.requested());
+    EXPECT_EQ(raise(signal), 0);
+    EXPECT_TRUE(interrupt.requested());
+    EXPECT_TRUE(interrupt.requested());
+  }
+}
+
+TEST(TerminationSignals, RestartTheCallsThatTheyMeet) {
+  for (const int signal : {SIGTERM, SIGHUP}) {
+    const WithHandler usual(signal, SIG_DFL);
+    const TerminationSignals termination;
+    const struct sigaction action = action_of(signal);
+    constexpr auto others = static_cast<unsigned>(SA_RESETHAND | SA_NODEFER | SA_SIGINFO);
+    constexpr auto restart = static_cast<unsigned>(SA_RESTART);
+    EXPECT_EQ(static_cast<unsigned>(action.sa_flags) & (restart | others), restart);
+  }
+}
+
+TEST(TerminationSignals, PutTheFormerActionsBack) {
+  for (const int signal : {SIGTERM, SIGHUP}) {
+    const WithHandler other(signal, other_handler);
+    { const TerminationSignals termination; }
+    EXPECT_EQ(action_of(signal).sa_handler, other_handler);
+  }
+}
+
+TEST(TerminationSignals, StayIgnoredWhereTheyWere) {
+  for (const int signal : {SIGTERM, SIGHUP}) {
+    const WithHandler ignored(signal, SIG_IGN);
+    {
+      const ConsoleInterrupt interrupt(false);
+      const TerminationSignals termination;
+      EXPECT_EQ(raise(signal), 0);
+      EXPECT_FALSE(interrupt.requested());
+    }
+    EXPECT_EQ(action_of(signal).sa_handler, SIG_IGN);
+  }
+}
+
+TEST(TerminationSignals, SayWhenTheyCannotBeTaken) {
+  const WithHandler usual_term(SIGTERM, SIG_DFL);
+  const WithHandler usual_hup(SIGHUP, SIG_DFL);
+  for (const int signal : {SIGTERM, SIGHUP}) {
+    failing_signal = signal;
+    EXPECT_FAILURE(TerminationSignals(), "signal", "Cannot enable safe cancellation from a termination signal");
+    failing_signal.reset();
+    EXPECT_EQ(action_of(SIGTERM).sa_handler, SIG_DFL);
+    EXPECT_EQ(action_of(SIGHUP).sa_handler, SIG_DFL);
+  }
+}
+
+TEST(StartProgram, SaysSoWhenTheSignalsOfFailedWritesCannotBeTaken) {
+  sigaction_fails = true;
+  EXPECT_FALSE(start_program());
+  sigaction_fails = false;
 }
 
 TEST(InterruptPipe, KeepsBothEndsFromOtherPrograms) {

@@ -311,14 +311,19 @@ TEST_P(ReplacedProcess, IsStartedFromAFileAndInADirectoryThatAreNoLinks) {
   std::filesystem::create_directory_symlink(root_.path(), root_ / "directory link");
   ASSERT_EQ(mkfifo((root_ / "pipe").c_str(), 0700), 0);
   for (const std::filesystem::path& bad :
-       {root_ / "link", root_ / "missing", root_.path(), root_ / "pipe",
+       {root_ / "link", root_ / "link/", image / "", root_ / "missing", root_.path(), root_ / "pipe",
         image.lexically_relative(std::filesystem::current_path()), std::filesystem::path()}) {
     expect_failure(bad, {}, root_.path(), {}, "process_start", message);
   }
   for (const std::filesystem::path& bad :
-       {root_ / "directory link", root_ / "missing", image, std::filesystem::path("."), std::filesystem::path()}) {
+       {root_ / "directory link", root_ / "directory link/", root_ / "directory link//", root_ / "missing", image,
+        std::filesystem::path("."), std::filesystem::path()}) {
     expect_failure(image, {}, bad, {}, "process_start", message);
   }
+}
+
+TEST_P(ReplacedProcess, IsStartedInADirectoryThatHasASeparatorAtItsEnd) {
+  EXPECT_EQ(said_by_successor(GetParam(), teller(), {}, root_.directory("directory") / "").back(), root_ / "directory");
 }
 
 TEST_P(ReplacedProcess, TakesAtMost64Arguments) {
@@ -419,7 +424,7 @@ TEST_F(OpenDirectory, ShowsOnlyADirectoryThatIsThere) {
   write_opener("touch '" + (root_ / "started").native() + "'");
   root_.write("file", "");
   std::filesystem::create_directory_symlink(root_.directory("directory"), root_ / "link");
-  for (const char* const bad : {"file", "link", "missing"}) {
+  for (const char* const bad : {"file", "link", "link/", "link//", "missing"}) {
     EXPECT_FAILURE(open_directory(root_ / bad), "location_unavailable", "Local directory is unavailable") << bad;
   }
   EXPECT_FAILURE(open_directory({}), "location_unavailable", "Local directory is unavailable");

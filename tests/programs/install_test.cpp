@@ -10,20 +10,17 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <spawn.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include "app/setup_command.hpp"
 #include "platform/descriptor.hpp"
-#include "support/install_place.hpp"
+#include "programs/installer_place.hpp"
 #include "support/process.hpp"
 
 namespace ravok {
 namespace {
 
 using testing::InitialPackage;
-using testing::InstallPlace;
 using testing::ProgramResult;
 using testing::run_program;
 using Arguments = std::vector<std::string>;
@@ -44,34 +41,14 @@ void expect(const ProgramResult& result, int exit_code, const std::string& outpu
   EXPECT_EQ(result.errors, errors);
 }
 
-class Installer : public ::testing::Test {
+class Installer : public ::testing::Test, protected testing::InstallerPlace {
  protected:
-  Installer() {
-    // The folders of every user's home, which setup makes where they are missing and leaves.
-    place.root().directory("home/.local/share");
-    place.package.featured_game.reset();
-    publish();
-  }
-
-  void publish() {
-    place.republish();
-    std::filesystem::remove_all(folder);
-    const ProgramResult published = run_program(
-        {RAVOK_PUBLISH, {"installer", place.package_directory(), folder, "--program", RAVOK_INSTALL}, {}, ""});
-    ASSERT_EQ(published.exit_code, 0) << published.errors;
-    before = place.root().names();
-  }
-
-  Environment environment(Environment more = {}) const {
-    more["HOME"] = place.home();
-    return more;
-  }
   ProgramResult run_from(const std::filesystem::path& program, const Arguments& arguments,
                          const Environment& more = {}) const {
     return run_program({program, arguments, environment(more), ""});
   }
   ProgramResult run(const Arguments& arguments, const Environment& more = {}) const {
-    return run_from(folder / "ravok-install", arguments, more);
+    return run_from(program(), arguments, more);
   }
   // The same with the data folder of the test.
   ProgramResult run_here(Arguments arguments) const {
@@ -86,7 +63,6 @@ class Installer : public ::testing::Test {
     expect(run(json), exit_code, problem(code, message), message + "\n");
     expect_nothing_left();
   }
-  void expect_nothing_left() const { EXPECT_EQ(place.root().names(), before); }
 
   Json setup_document(bool repaired, const Json& replaced, const Json& shortcuts) const {
     return {{"schema_version", 1},
@@ -118,10 +94,6 @@ class Installer : public ::testing::Test {
     const ProgramResult result = run_here({"status", "--json"});
     expect(result, 0, status_document(Json::parse(result.output), action).dump() + "\n", "");
   }
-
-  InstallPlace place;
-  const std::filesystem::path folder = place.root() / "installer";
-  std::vector<std::string> before;
 };
 
 TEST_F(Installer, LeadsThroughTheLifeOfAnInstallation) {
@@ -299,76 +271,6 @@ TEST_F(Installer, DoesNothingButHelpWithinAPackageThatIsNotFinished) {
     expect(run({"--help"}), 0, setup_usage("ravok-install", true), "");
     std::filesystem::remove(folder / marker);
   }
-}
-
-// A program whose standard error is so short of room that it cannot announce a second phase, and waits.
-class HeldProgram {
- public:
-  HeldProgram(std::string program, const Environment& environment) {
-    std::array<int, 2> ends{};
-    EXPECT_EQ(pipe2(ends.data(), O_CLOEXEC), 0);
-    reader_ = Descriptor(ends[0]);
-    Descriptor writer(ends[1]);
-    const std::string filling(page - verifying.size(), '.');
-    EXPECT_EQ(fcntl(writer.get(), F_SETPIPE_SZ, page), page);
-    EXPECT_EQ(write(writer.get(), filling.data(), filling.size()), static_cast<ssize_t>(filling.size()));
-    std::vector<std::string> variables;
-    for (const auto& [key, value] : environment) {
-      variables.push_back(key + "=" + value);
-    }
-    std::vector<char*> table;
-    for (std::string& variable : variables) {
-      table.push_back(variable.data());
-    }
-    table.push_back(nullptr);
-    std::array<char*, 2> arguments = {program.data(), nullptr};
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_adddup2(&actions, writer.get(), STDERR_FILENO);
-    EXPECT_EQ(posix_spawn(&child_, program.c_str(), &actions, nullptr, arguments.data(), table.data()), 0);
-    posix_spawn_file_actions_destroy(&actions);
-    EXPECT_EQ(read_bytes(filling.size()), filling);
-  }
-
-  // Waits until the program has announced its first phase, all but the end of that line.
-  std::string first_phase() { return read_bytes(verifying.size() - 1); }
-  void interrupt() const { EXPECT_EQ(kill(child_, SIGINT), 0); }
-  // What else it says on standard error.
-  std::string rest() { return read_bytes(page); }
-  int exit_code() const {
-    int status = 0;
-    EXPECT_EQ(retry_interrupted([&] { return waitpid(child_, &status, 0); }), child_);
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-  }
-
- private:
-  static constexpr int page = 4096;
-  static constexpr std::string_view verifying = "Verifying…\n";
-
-  std::string read_bytes(std::size_t size) {
-    std::string bytes;
-    char next = 0;
-    while (bytes.size() < size && retry_interrupted([&] { return read(reader_.get(), &next, 1); }) == 1) {
-      bytes += next;
-    }
-    return bytes;
-  }
-
-  pid_t child_ = 0;
-  Descriptor reader_;
-};
-
-TEST_F(Installer, EndsWithFourAndLeavesNothingWhenItIsInterrupted) {
-  HeldProgram program(folder / "ravok-install", environment());
-  EXPECT_EQ(program.first_phase(), "Verifying…");
-  program.interrupt();
-  // It is heard before the second phase or at its beginning.
-  const std::string rest = program.rest();
-  EXPECT_TRUE(rest == "\nSetup was cancelled\n" || rest == "\nInstalling…\nSetup was cancelled\n") << rest;
-  EXPECT_EQ(program.exit_code(), 4);
-  expect_nothing_left();
-  expect(run({"--data-dir", place.data()}), 0, "Installed Acme Games in " + place.data().native() + ".\n",
-         "Verifying…\nInstalling…\n");
 }
 
 // A pipe whose read end every program that is started inherits.

@@ -69,9 +69,9 @@ TEST(Maintenance, RefusesArgumentsThatAreEmptyUnknownRepeatedOrNotUtf8) {
                {{"x"}, "Unknown command: x"},
                {{"-x"}, "Unknown option: -x"},
                {{"status", "status"}, "Choose one command"},
-               {{"\xff\xfe"}, "Unknown command: \xff\xfe"},
-               {{"--\xff"}, "Unknown option: --\xff"},
-               {{"--json", "status", "--\xff"}, "Unknown option: --\xff"},
+               {{"\xff\xfe"}, "Unknown command: \\xff\\xfe"},
+               {{"--\xff"}, "Unknown option: --\\xff"},
+               {{"--json", "status", "--\xff"}, "Unknown option: --\\xff"},
                {{"shortcut"}, "Use shortcut create or shortcut remove"},
                {{"shortcut", "list"}, "Use shortcut create or shortcut remove"}};
   for (const auto& [arguments, message] : cases) {

@@ -310,11 +310,11 @@ TEST_F(PublishTest, RefusesNamesThatNoSnapshotMayHold) {
                {"a:b", "Path contains an unsafe component: a:b"},
                {"name.", "Path is not portable across supported platforms: name."},
                {"a?", "Path is not portable across supported platforms: a?"},
-               {"a\nb", "Path is not portable across supported platforms: a?b"},
-               {"a\x1b[2Jb", "Path is not portable across supported platforms: a?[2Jb"},
+               {"a\nb", "Path is not portable across supported platforms: a\\x0ab"},
+               {"a\x1b[2Jb", "Path is not portable across supported platforms: a\\x1b[2Jb"},
                {"con.txt", "Path uses a reserved platform name: con.txt"},
                {"\xc3\xa4", "The v1 package profile requires ASCII file paths: \xc3\xa4"},
-               {"a\x7f", "The v1 package profile requires ASCII file paths: a?"}};
+               {"a\x7f", "The v1 package profile requires ASCII file paths: a\\x7f"}};
   for (const auto& refused : cases) {
     put(std::string("tree/") + refused.name);
     expect_tree_refused(refused.message);

@@ -22,8 +22,8 @@ void publish(InstallerPublication publication, const Cancelled& cancelled) {
       return !cancelled();
     });
   }
-  say("Installer: " + path_utf8(published.program) + "\nPackage: " + path_utf8(published.package) +
-      "\nSeal: " + published.seal + "\n");
+  say({"Installer: " + path_utf8(published.program), "Package: " + path_utf8(published.package),
+       "Seal: " + published.seal});
 }
 
 }  // namespace

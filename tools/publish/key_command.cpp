@@ -16,8 +16,8 @@ struct KeyOptions {
 
 void publish(const KeyOptions& options) {
   const PublishedKey published = publish_key(options.output, options.scheme);
-  say("Key ID: " + published.id + "\nPrivate key, to be kept from everybody: " + path_utf8(published.private_file) +
-      "\nPublic key: " + path_utf8(published.public_file) + "\n");
+  say({"Key ID: " + published.id, "Private key, to be kept from everybody: " + path_utf8(published.private_file),
+       "Public key: " + path_utf8(published.public_file)});
 }
 
 }  // namespace

@@ -1,19 +1,14 @@
-#include <csignal>
-
 #include "domain/crypto.hpp"
+#include "platform/interrupt.hpp"
+#include "platform/program_start.hpp"
 #include "publish/publish_console.hpp"
 
-namespace {
-
-volatile std::sig_atomic_t interrupted = 0;
-
-void interrupt(int) { interrupted = 1; }
-
-}  // namespace
-
 int main(int count, char** words) {
-  std::signal(SIGINT, interrupt);
-  std::signal(SIGTERM, interrupt);
+  if (!ravok::start_program()) {
+    return 1;
+  }
   ravok::initialize_client_runtime();
-  return ravok::run_publish_console(count, words, [] { return interrupted != 0; });
+  const ravok::ConsoleInterrupt interrupt(false);
+  const ravok::TerminationSignals termination;
+  return ravok::run_publish_console(count, words, [&] { return interrupt.requested(); });
 }

@@ -73,8 +73,8 @@ void publish(const CLI::App& command, const PackageOptions& options, const Cance
       return !cancelled();
     });
   }
-  say("Package: " + path_utf8(published.directory) + " (" + shown_size(published.length) +
-      ")\nSeal: " + published.seal + "\n");
+  say({"Package: " + path_utf8(published.directory) + " (" + shown_size(published.length) + ")",
+       "Seal: " + published.seal});
 }
 
 }  // namespace

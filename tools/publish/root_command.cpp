@@ -21,8 +21,8 @@ void add_role(CLI::App& command, const std::string& role, const std::string& key
 
 void publish(const RootPublication& publication) {
   const PublishedRoot published = publish_root(publication);
-  say("Root with " + std::to_string(published.signatures) +
-      (published.signatures == 1 ? " signature: " : " signatures: ") + path_utf8(published.file) + "\n");
+  say({"Root with " + std::to_string(published.signatures) +
+       (published.signatures == 1 ? " signature: " : " signatures: ") + path_utf8(published.file)});
 }
 
 }  // namespace

@@ -132,9 +132,9 @@ void publish(const CLI::App& command, SnapshotOptions& options, const Cancelled&
       return !cancelled();
     });
   }
-  say("Packed " + std::to_string(published.files) + " files, " + shown_size(published.expanded_length) + ", into " +
-      path_utf8(published.archive) + " (" + shown_size(published.archive_length) +
-      ")\nManifest: " + path_utf8(published.manifest) + "\n");
+  say({"Packed " + std::to_string(published.files) + " files, " + shown_size(published.expanded_length) + ", into " +
+           path_utf8(published.archive) + " (" + shown_size(published.archive_length) + ")",
+       "Manifest: " + path_utf8(published.manifest)});
 }
 
 }  // namespace

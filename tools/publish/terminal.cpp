@@ -7,6 +7,7 @@
 
 #include <unistd.h>
 
+#include "domain/display_text.hpp"
 #include "domain/error.hpp"
 
 namespace ravok {
@@ -24,10 +25,20 @@ std::string shown_size(std::uint64_t bytes) {
   return text.data();
 }
 
-void say(const std::string& text) {
+void print(const std::string& text) {
   std::fputs(text.c_str(), stdout);
   require(std::fflush(stdout) == 0 && std::ferror(stdout) == 0, "output_failed", "Cannot write to standard output");
 }
+
+void say(const std::vector<std::string>& lines) {
+  std::string text;
+  for (const std::string& line : lines) {
+    text += shown_text(line) + "\n";
+  }
+  print(text);
+}
+
+void complain(const std::string& line) { std::fputs((shown_text(line) + "\n").c_str(), stderr); }
 
 ProgressLine::ProgressLine(std::string work) : work_(std::move(work)), terminal_(isatty(STDERR_FILENO) != 0) {}
 

@@ -3,14 +3,21 @@
 
 #include <cstdint>
 #include <string>
+#include <vector>
 
 namespace ravok {
 
 // Returns a size in bytes as people read it.
 std::string shown_size(std::uint64_t bytes);
 
-// Writes to standard output. Fails with "output_failed".
-void say(const std::string& text);
+// Writes to standard output, as it is. Fails with "output_failed".
+void print(const std::string& text);
+
+// Writes lines to standard output as a terminal may show them, each with its end. Fails with "output_failed".
+void say(const std::vector<std::string>& lines);
+
+// Writes a line to standard error as a terminal may show it.
+void complain(const std::string& line);
 
 // One line on a terminal that counts up to a hundred, and is gone with the object; nothing elsewhere.
 class ProgressLine {

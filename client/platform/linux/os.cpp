@@ -1,8 +1,24 @@
 #include "platform/os.hpp"
 
+#include <sys/stat.h>
 #include <unistd.h>
 
+#include "platform/file_status.hpp"
+
 namespace ravok::os {
+namespace {
+
+constexpr const char* running_image = "/proc/self/exe";
+
+// The system tells where the image lay when it was started. Since then it may have been removed, which adds words
+// to the path, and another file may have taken its place.
+bool is_running_image(const std::string& path) {
+  const auto named = link_status_of(path);
+  FileStatus running;
+  return named && stat(running_image, &running) == 0 && same_file(*named, running);
+}
+
+}  // namespace
 
 std::string_view platform_name() { return "linux-x86_64"; }
 
@@ -13,12 +29,12 @@ std::string_view data_root_below_home() { return ".local/share/Ravok"; }
 std::optional<std::string> executable_path(std::size_t limit) {
   // One byte more than allowed tells a path that is cut off from one that just fits.
   std::string path(limit + 1, '\0');
-  const ssize_t size = readlink("/proc/self/exe", path.data(), path.size());
+  const ssize_t size = readlink(running_image, path.data(), path.size());
   if (size <= 0 || static_cast<std::size_t>(size) > limit) {
     return std::nullopt;
   }
   path.resize(static_cast<std::size_t>(size));
-  return path;
+  return is_running_image(path) ? std::optional(path) : std::nullopt;
 }
 
 std::string_view directory_opener() { return "xdg-open"; }

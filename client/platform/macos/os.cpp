@@ -1,14 +1,22 @@
 #include "platform/os.hpp"
 
 #include <cstdint>
-#include <cstring>
+#include <cstdlib>
 #include <limits>
+#include <memory>
 
 #include <CoreFoundation/CoreFoundation.h>
 #include <CoreServices/CoreServices.h>
 #include <mach-o/dyld.h>
 
 namespace ravok::os {
+namespace {
+
+struct Release {
+  void operator()(char* text) const { std::free(text); }
+};
+
+}  // namespace
 
 std::string_view platform_name() { return "macos-aarch64"; }
 
@@ -25,8 +33,13 @@ std::optional<std::string> executable_path(std::size_t limit) {
   if (limit == 0 || _NSGetExecutablePath(path.data(), &size) != 0) {
     return std::nullopt;
   }
-  path.resize(std::strlen(path.c_str()));
-  return path;
+  // The system answers the path that was started, with links and steps upward on the way.
+  const std::unique_ptr<char, Release> resolved(realpath(path.c_str(), nullptr));
+  if (!resolved) {
+    return std::nullopt;
+  }
+  path = resolved.get();
+  return path.size() <= limit ? std::optional(path) : std::nullopt;
 }
 
 std::string_view directory_opener() { return "/usr/bin/open"; }
