@@ -103,7 +103,8 @@ class FileInspector {
   void explain_missing(const std::string& path) const {
     const int problem = errno;
     const std::filesystem::path file = safe_join(root_, path, true);
-    require(problem == ENOENT || problem == ENOTDIR || problem == ENXIO, "file_read",
+    // The last two are what systems say of a socket.
+    require(problem == ENOENT || problem == ENOTDIR || problem == ENXIO || problem == EOPNOTSUPP, "file_read",
             "Could not open file for verification: " + path_utf8(file));
   }
 
