@@ -1,10 +1,12 @@
 # The third-party libraries, either built by third_party/build or installed on this system.
 
+include(DependencySource)
 include(RequireVersion)
 
 set(RAVOK_DEPENDENCIES bundled CACHE STRING "Where the third-party libraries come from: bundled or system")
 set_property(CACHE RAVOK_DEPENDENCIES PROPERTY STRINGS bundled system)
 
+ravok_require_dependency_source("${RAVOK_DEPENDENCIES}" "${RAVOK_OS}")
 if(RAVOK_DEPENDENCIES STREQUAL "bundled")
   execute_process(
     COMMAND "${CMAKE_SOURCE_DIR}/third_party/build"
@@ -28,8 +30,6 @@ if(RAVOK_DEPENDENCIES STREQUAL "bundled")
   list(PREPEND CMAKE_PREFIX_PATH "${ravok_prefix}")
   set(OPENSSL_ROOT_DIR "${ravok_prefix}")
   set(OPENSSL_USE_STATIC_LIBS ON)
-elseif(NOT RAVOK_DEPENDENCIES STREQUAL "system")
-  message(FATAL_ERROR "RAVOK_DEPENDENCIES is bundled or system, not ${RAVOK_DEPENDENCIES}")
 endif()
 
 find_package(Threads REQUIRED)

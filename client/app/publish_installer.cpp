@@ -12,8 +12,10 @@
 #include "app/package_seal.hpp"
 #include "app/publish_files.hpp"
 #include "domain/crypto.hpp"
+#include "domain/program_image.hpp"
 #include "platform/descriptor.hpp"
 #include "platform/files.hpp"
+#include "platform/program_signing.hpp"
 
 namespace ravok {
 namespace {
@@ -52,6 +54,22 @@ void copy_file(const std::filesystem::path& from, const std::filesystem::path& t
   output.commit();
 }
 
+// Returns whether the program must be signed once its seal is in it.
+bool must_be_signed(const InstallerPublication& publication, const std::string& program) {
+  constexpr const char* code = "invalid_installer";
+  const ProgramImage image = inspect_program_image(program);
+  if (publication.signer.empty()) {
+    require(image != ProgramImage::signed_macos, code,
+            "A package seal breaks the signature of this program for macOS, which can be signed again on macOS alone; "
+            "make the installer there");
+    require(publication.signing_identity.empty(), code, "Programs are signed on macOS alone");
+    return false;
+  }
+  require(image != ProgramImage::other || publication.signing_identity.empty(), code,
+          "Only a program for macOS is signed");
+  return image != ProgramImage::other;
+}
+
 }  // namespace
 
 std::string with_seal(std::string image, std::string_view seal) {
@@ -70,8 +88,12 @@ PublishedInstaller publish_installer(const InstallerPublication& publication, co
   published.package = output / package_name;
   published.seal = seal_of(publication.package);
   require_absent(output);
-  const std::string program = about(
-      publication.program, [&] { return with_seal(read_file(publication.program, program_limit), published.seal); });
+  std::string program;
+  bool to_sign = false;
+  about(publication.program, [&] {
+    program = with_seal(read_file(publication.program, program_limit), published.seal);
+    to_sign = must_be_signed(publication, program);
+  });
 
   // Proved, copied, and proved again where it will be shipped from.
   std::uint64_t whole = 0;
@@ -96,6 +118,10 @@ PublishedInstaller publish_installer(const InstallerPublication& publication, co
   const std::filesystem::path written = folder.path() / program_name;
   write_new_file(written, program);
   std::filesystem::permissions(written, std::filesystem::perms(0755));
+  if (to_sign) {
+    sign_program(publication.signer, written,
+                 publication.signing_identity.empty() ? "-" : publication.signing_identity);
+  }
   sync_file(written);
   folder.commit();
   return published;

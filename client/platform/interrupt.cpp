@@ -16,6 +16,7 @@
 
 #include "domain/error.hpp"
 #include "platform/file_status.hpp"
+#include "platform/os.hpp"
 #include "platform/process.hpp"
 
 namespace ravok {
@@ -227,6 +228,7 @@ InterruptPipe::InterruptPipe() {
   writer_ = Descriptor(ends[1]);
   reader_ = relocated(std::move(reader_));
   writer_ = relocated(std::move(writer_));
+  os::keep_quiet_when_reader_gone(writer_.get());
 }
 
 std::string InterruptPipe::child_environment() const {

@@ -29,6 +29,13 @@ std::optional<std::string> executable_path(std::size_t limit);
 // The program that shows a directory to the user, by its path or by its name on the search path.
 std::string_view directory_opener();
 
+// The path of the program that signs the programs of this system, or an empty text on a system that starts them
+// unsigned.
+std::string_view program_signer();
+
+// Makes a write to a pipe fail without a signal once its reader is gone, where the system can be told so.
+void keep_quiet_when_reader_gone(int writer);
+
 // --- Durability and blocks -----------------------------------------------------------------
 
 // Flushes a file or directory to stable storage, through the device's own cache where the system

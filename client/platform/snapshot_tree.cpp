@@ -104,7 +104,8 @@ class FileInspector {
     const int problem = errno;
     require_descriptors(problem);
     const std::filesystem::path file = safe_join(root_, path, true);
-    require(problem == ENOENT || problem == ENOTDIR || problem == ENXIO, "file_read",
+    // The last two are what systems say of a socket.
+    require(problem == ENOENT || problem == ENOTDIR || problem == ENXIO || problem == EOPNOTSUPP, "file_read",
             "Could not open file for verification: " + path_utf8(file));
   }
 

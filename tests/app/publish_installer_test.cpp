@@ -89,6 +89,22 @@ class PublishInstaller : public ::testing::Test {
     EXPECT_EQ(root.names(), before);
   }
 
+  // A stand-in for the system's signer, which gets "--force --sign IDENTITY PROGRAM".
+  std::string signer(const std::string& script) {
+    const std::filesystem::path path = root.write("signer", "#!/bin/sh\n" + script + "\n");
+    std::filesystem::permissions(path, std::filesystem::perms(0755));
+    return path;
+  }
+
+  // The headers of a program for macOS with one command, which is that of a signature or another.
+  static std::string macos_program(bool is_signed) {
+    std::string image("\xcf\xfa\xed\xfe", 4);
+    for (const int number : {0, 0, 0, 1, 16, 0, 0, is_signed ? 0x1d : 0x1b, 16, 0, 0}) {
+      image += std::string{static_cast<char>(number), '\0', '\0', '\0'};
+    }
+    return image;
+  }
+
   static unsigned mode_of(const std::filesystem::path& path) {
     struct stat status {};
     EXPECT_EQ(lstat(path.c_str(), &status), 0);
@@ -188,6 +204,78 @@ TEST_F(PublishInstaller, RefusesAnOutputThatIsThere) {
 TEST_F(PublishInstaller, RefusesAProgramWithoutAPlaceForASeal) {
   root.write("program", "image");
   expect_refused("invalid_installer", publication.program.native() + ": The program has no place for a package seal");
+}
+
+TEST_F(PublishInstaller, LeavesAProgramOfAnotherSystemToItself) {
+  publication.signer = signer("exit 1");
+  publish_installer(publication, {});
+  EXPECT_EQ(root.read("installer/ravok-install"), "image " + mark + package_seal + " end");
+}
+
+TEST_F(PublishInstaller, SignsAProgramForMacosOnceItsSealIsInIt) {
+  for (const std::string& image : {macos_program(true), macos_program(false)}) {
+    root.write("program", image + empty_slot);
+    publication.signer = signer("printf '%s\n' \"$@\" >&2; printf signature >>\"$4\"");
+    ::testing::internal::CaptureStderr();
+    publish_installer(publication, {});
+    const std::string said = ::testing::internal::GetCapturedStderr();
+    EXPECT_TRUE(said.starts_with("--force\n--sign\n-\n" + root.path().native() + "/")) << said;
+    EXPECT_TRUE(said.ends_with("/ravok-install\n")) << said;
+    EXPECT_EQ(root.read("installer/ravok-install"), image + mark + package_seal + "signature");
+    EXPECT_EQ(mode_of(root / "installer/ravok-install"), 0755u);
+    std::filesystem::remove_all(publication.output);
+  }
+}
+
+TEST_F(PublishInstaller, SignsWithTheIdentityThatIsGivenAndSaysNothingOnStandardOutput) {
+  root.write("program", macos_program(true) + empty_slot);
+  publication.signing_identity = "Some One";
+  publication.signer = signer("test \"$3\" = 'Some One' && echo said");
+  ::testing::internal::CaptureStdout();
+  ::testing::internal::CaptureStderr();
+  publish_installer(publication, {});
+  EXPECT_EQ(::testing::internal::GetCapturedStdout(), "");
+  EXPECT_EQ(::testing::internal::GetCapturedStderr(), "said\n");
+}
+
+TEST_F(PublishInstaller, LeavesNothingWhenTheProgramCannotBeSigned) {
+  root.write("program", macos_program(true) + empty_slot);
+  for (const std::string& failing : {signer("exit 1"), signer("kill -9 $$"), (root / "none").native()}) {
+    publication.signer = failing;
+    expect_refused("program_signature", "Cannot sign the program; what its signer said stands above");
+  }
+}
+
+TEST_F(PublishInstaller, RefusesASignedProgramWhereNothingCanSignIt) {
+  root.write("program", macos_program(true) + empty_slot);
+  publication.signer = "";
+  expect_refused("invalid_installer",
+                 publication.program.native() +
+                     ": A package seal breaks the signature of this program for macOS, which can be signed again on "
+                     "macOS alone; make the installer there");
+}
+
+TEST_F(PublishInstaller, TakesAnUnsignedProgramForMacosWhereNothingCanSignIt) {
+  root.write("program", macos_program(false) + empty_slot);
+  publication.signer = "";
+  publish_installer(publication, {});
+  EXPECT_EQ(root.read("installer/ravok-install"), macos_program(false) + mark + package_seal);
+}
+
+TEST_F(PublishInstaller, RefusesAnIdentityWhereNothingIsSigned) {
+  publication.signing_identity = "Some One";
+  publication.signer = "";
+  expect_refused("invalid_installer", publication.program.native() + ": Programs are signed on macOS alone");
+  publication.signer = signer("exit 0");
+  expect_refused("invalid_installer", publication.program.native() + ": Only a program for macOS is signed");
+}
+
+TEST_F(PublishInstaller, RefusesAProgramForMacosWithDamagedHeaders) {
+  root.write("program", macos_program(true).substr(0, 20) + empty_slot.substr(0, 3));
+  expect_refused("invalid_installer", publication.program.native() + ": The program has no place for a package seal");
+  root.write("program", std::string("\xcf\xfa\xed\xfe", 4) + std::string(16, '\0') + "\xff\xff\xff\xff" + empty_slot);
+  expect_refused("invalid_program",
+                 publication.program.native() + ": The headers of this program for macOS are damaged");
 }
 
 TEST_F(PublishInstaller, RefusesAProgramThatIsNotThere) {

@@ -156,6 +156,8 @@ TEST_F(PublishRepository, RefusesAnInstallerOfAnotherProgramOrWithoutAPackage) {
                  program + ": The program has no place for a package seal\n");
   expect_refused({"installer", package, folder, "--program", RAVOK_PUBLISH}, 1,
                  std::string(RAVOK_PUBLISH) + ": The program has no place for a package seal\n");
+  const std::string own = std::filesystem::path(RAVOK_PUBLISH).parent_path() / "ravok-install";
+  expect_refused({"installer", package, folder, "--sign", "-"}, 1, own + ": Programs are signed on macOS alone\n");
   expect_refused({"installer"}, 2, std::string("PACKAGE is required") + see_help);
   expect_refused({"installer", package}, 2, std::string("DIR is required") + see_help);
   expect_refused({"installer", root / "none", folder}, 1,

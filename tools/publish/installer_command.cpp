@@ -36,6 +36,10 @@ PublishCommand add_installer_command(CLI::App& program) {
   command
       ->add_option("--program", publication->program, "The installer program; by default the one beside this program")
       ->type_name("FILE");
+  command
+      ->add_option("--sign", publication->signing_identity,
+                   "On macOS, the identity that signs the program; by default a signature that names nobody")
+      ->type_name("IDENTITY");
   return {command, [publication](const Cancelled& cancelled) { publish(*publication, cancelled); }};
 }
 

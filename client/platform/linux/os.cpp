@@ -39,6 +39,11 @@ std::optional<std::string> executable_path(std::size_t limit) {
 
 std::string_view directory_opener() { return "xdg-open"; }
 
+std::string_view program_signer() { return {}; }
+
+// The signal is for the thread that writes, which keeps it off by its own mask.
+void keep_quiet_when_reader_gone(int) {}
+
 ShortcutForm shortcut_form() { return ShortcutForm::desktop_entry; }
 
 bool register_application(const std::string&) { return false; }

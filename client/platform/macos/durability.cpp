@@ -17,7 +17,8 @@ int claim_blocks(int descriptor, std::uint64_t allocated, std::uint64_t length) 
   claim.fst_offset = 0;
   claim.fst_length = wanted;
   if (fcntl(descriptor, F_PREALLOCATE, &claim) != 0) {
-    return errno;
+    // Two numbers mean the same here.
+    return errno == EOPNOTSUPP ? ENOTSUP : errno;
   }
   return claim.fst_bytesalloc < wanted ? ENOSPC : 0;
 }

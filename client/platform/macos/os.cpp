@@ -2,11 +2,13 @@
 
 #include <cstdint>
 #include <cstdlib>
+#include <cstring>
 #include <limits>
 #include <memory>
 
 #include <CoreFoundation/CoreFoundation.h>
 #include <CoreServices/CoreServices.h>
+#include <fcntl.h>
 #include <mach-o/dyld.h>
 
 namespace ravok::os {
@@ -33,16 +35,19 @@ std::optional<std::string> executable_path(std::size_t limit) {
   if (limit == 0 || _NSGetExecutablePath(path.data(), &size) != 0) {
     return std::nullopt;
   }
-  // The system answers the path that was started, with links and steps upward on the way.
-  const std::unique_ptr<char, Release> resolved(realpath(path.c_str(), nullptr));
-  if (!resolved) {
-    return std::nullopt;
-  }
-  path = resolved.get();
-  return path.size() <= limit ? std::optional(path) : std::nullopt;
+  // The loader gives the path by which the program was started, which may be a link or go through one: those who
+  // look at the folders above the image want to know where it really is.
+  const std::unique_ptr<char, Release> image(realpath(path.c_str(), nullptr));
+  const std::size_t length = image ? std::strlen(image.get()) : 0;
+  return image && length <= limit ? std::optional(std::string(image.get(), length)) : std::nullopt;
 }
 
 std::string_view directory_opener() { return "/usr/bin/open"; }
+
+std::string_view program_signer() { return "/usr/bin/codesign"; }
+
+// The signal is for the whole process here: no thread could keep it off by its own mask.
+void keep_quiet_when_reader_gone(int writer) { fcntl(writer, F_SETNOSIGPIPE, 1); }
 
 ShortcutForm shortcut_form() { return ShortcutForm::launch_document; }
 

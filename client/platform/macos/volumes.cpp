@@ -10,6 +10,7 @@
 #include <fcntl.h>
 #include <sys/attr.h>
 #include <sys/mount.h>
+#include <sys/param.h>
 #include <unistd.h>
 #include <uuid/uuid.h>
 
@@ -22,7 +23,8 @@ namespace ravok::os {
 namespace {
 
 constexpr const char* unidentified = "Cannot identify the macOS setup volume and its case behavior";
-constexpr std::size_t path_bytes = 1024;
+// The system writes up to this many bytes, however large the buffer is.
+constexpr std::size_t path_bytes = MAXPATHLEN;
 constexpr std::size_t name_bytes = 4096;
 
 // The volume's attributes in the order in which the system packs them.
@@ -65,7 +67,7 @@ using Owned = std::unique_ptr<std::remove_pointer_t<Reference>, Release>;
 }  // namespace
 
 std::optional<std::string> descriptor_path(int descriptor) {
-  std::array<char, path_bytes> path;
+  std::array<char, path_bytes> path{};
   if (fcntl(descriptor, F_GETPATH_NOFIRMLINK, path.data()) != 0) {
     return std::nullopt;
   }
