@@ -539,7 +539,7 @@ class TreeRaces : public Races {
     int number = 0;
     for (const Change& change :
          {plant("tree/sub", "sub-link"), plant("tree/sub/inner", "sub-link"), plant("tree", "tree-link")}) {
-      run({150,
+      run({80,
            {change},
            codes,
            {done},
