@@ -10,6 +10,9 @@
 #include "support/failure.hpp"
 #include "support/temporary_root.hpp"
 #include "support/theme_builder.hpp"
+#include "support/tree_state.hpp"
+#include "support/with_environment.hpp"
+#include "support/working_directory.hpp"
 
 namespace ravok {
 namespace {
@@ -230,6 +233,19 @@ TEST_F(InstalledBrand, HasTheIconThatItDeclaresAndThatIsThere) {
   EXPECT_EQ(product_icon(), std::filesystem::path("/former"));
 }
 
+TEST_F(InstalledBrand, HasTheIconOfItsOwnInstallation) {
+  const TemporaryRoot other;
+  const std::filesystem::path icon = brand_icon_path(root_.path());
+  root_.write(icon.lexically_relative(root_.path()).native(), "icon");
+  record_brand(brand_document());
+  other.write("native/installation.json", root_.read("native/installation.json"));
+  use_installed_brand(other.path());
+  EXPECT_EQ(product_icon(), std::filesystem::path());
+  use_installed_brand(root_.path());
+  EXPECT_EQ(product_icon(), icon);
+  EXPECT_TRUE(std::filesystem::is_regular_file(root_ / "native/brand.ico"));
+}
+
 TEST_F(InstalledBrand, MayHaveItsIconThroughALink) {
   record_brand(brand_document());
   root_.write("elsewhere", "icon");
@@ -278,20 +294,30 @@ TEST_F(Branded, TextIsNotReplacedInItself) {
   EXPECT_EQ(branded("Ravok, Ravok!"), "Ravok Ravok, Ravok Ravok!");
 }
 
-TEST(BrandIcon, LiesBelowTheInstallation) {
-  EXPECT_EQ(brand_icon_path("/data/Foo"), std::filesystem::path("/data/Foo/native/brand.ico"));
-}
-
 TEST(UninstallEntries, AreNamedByTheBrand) {
   EXPECT_EQ(uninstall_entry_key(std::nullopt), "Ravok");
   EXPECT_EQ(uninstall_entry_key(Brand{"Acme", "acme", "Acme Ltd.", false}), "Ravok.acme");
 }
 
-TEST(UninstallEntries, AreNoneOnThisPlatform) {
+// Everywhere that a program may leave something for its user, there is something of the entry's name already.
+TEST(UninstallEntries, AreNeitherMadeNorTakenOnThisPlatform) {
   const TemporaryRoot root;
-  register_uninstall_entry({"Ravok", "Ravok", "", "", root / "data", root / "program", ""});
-  remove_uninstall_entry("Ravok");
-  EXPECT_TRUE(root.names().empty());
+  const testing::WithEnvironment home("HOME", root.directory("home").native());
+  const testing::WithEnvironment data_home("XDG_DATA_HOME", root.directory("home/data").native());
+  const testing::WithEnvironment settings("XDG_CONFIG_HOME", root.directory("home/config").native());
+  const testing::WithEnvironment temporary("TMPDIR", root.directory("temporary").native());
+  const testing::WorkingDirectory working(root.directory("working"));
+  for (const char* place :
+       {"data/", "home/", "home/data/", "home/data/applications/", "home/config/", "temporary/", "working/"}) {
+    root.write(place + std::string("Ravok.acme"), "mine");
+    root.write(place + std::string("Ravok.acme.desktop"), "mine");
+  }
+  root.write("data/program", "program");
+  const testing::TreeState before = testing::tree_state(root.path());
+  register_uninstall_entry({"Ravok.acme", "Acme", "Acme Ltd.", "", root / "data", root / "data/program", ""});
+  EXPECT_TRUE(testing::same_tree(testing::tree_state(root.path()), before));
+  remove_uninstall_entry("Ravok.acme");
+  EXPECT_TRUE(testing::same_tree(testing::tree_state(root.path()), before));
 }
 
 }  // namespace

@@ -8,7 +8,6 @@
 #include <memory>
 #include <optional>
 #include <string>
-#include <thread>
 #include <utility>
 #include <vector>
 
@@ -20,6 +19,8 @@
 #include "platform/file_status.hpp"
 #include "platform/files.hpp"
 #include "platform/posix_files.hpp"
+#include "support/clock_calls.hpp"
+#include "support/companion.hpp"
 #include "support/failure.hpp"
 #include "support/launcher_builder.hpp"
 #include "support/mounted_volume.hpp"
@@ -873,30 +874,36 @@ TEST_F(StoreOwners, HoldTheLockOfTheStore) {
 TEST_F(StoreOwners, AreWaitedForTwoSeconds) {
   const auto store = open();
   const auto held = store->owner();
-  const auto start = std::chrono::steady_clock::now();
+  const testing::StillClock clock;
   EXPECT_FAILURE(store->owner(), "busy", "Another Ravok operation is using this state");
-  EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::seconds(2));
-  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(3));
+  EXPECT_EQ(clock.slept(), std::chrono::seconds(2));
 }
 
 TEST_F(StoreOwners, FollowOneAnother) {
   const auto store = open();
-  auto held = store->owner();
-  std::thread holder([&] {
-    std::this_thread::sleep_for(std::chrono::milliseconds(30));
-    held.reset();
+  const std::filesystem::path lock = root_ / "launcher/bootstrap.lock";
+  testing::Companion other(RAVOK_LOCK_COMPANION, {"hold", lock, "exclusive"});
+  ASSERT_EQ(other.read_line(), "held");
+  int left = 3;
+  const testing::StillClock clock([&] {
+    if (--left == 0) {
+      other.close_input();
+      EXPECT_EQ(other.wait(), 0);
+    }
   });
-  EXPECT_NO_THROW(store->owner());
-  holder.join();
+  const auto owner = store->owner();
+  EXPECT_EQ(clock.sleeps(), 3u);
+  EXPECT_TRUE(owner->matches_path(lock));
+  EXPECT_FAILURE(FileLock(lock, false, LockMode::shared), "busy", "Another Ravok operation is using this state");
 }
 
 TEST_F(StoreOwners, FailAtOnceForALockThatIsNotPrivate) {
   const auto store = open();
   root_.write("launcher/bootstrap.lock", "");
   ASSERT_EQ(chmod((root_ / "launcher/bootstrap.lock").c_str(), 0644), 0);
-  const auto start = std::chrono::steady_clock::now();
+  const testing::StillClock clock;
   EXPECT_FAILURE(store->owner(), "lock_failed", "Operation lock must be an ordinary private owned file");
-  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(2));
+  EXPECT_EQ(clock.sleeps(), 0u);
 }
 
 }  // namespace

@@ -19,6 +19,7 @@
 
 #include "app/launcher_store.hpp"
 #include "app/setup_marker.hpp"
+#include "app/theme_folder.hpp"
 #include "domain/crypto.hpp"
 #include "domain/paths.hpp"
 #include "platform/complete_install.hpp"
@@ -30,6 +31,7 @@
 #include "support/mounted_volume.hpp"
 #include "support/ordinary_user.hpp"
 #include "support/snapshot_builder.hpp"
+#include "support/working_directory.hpp"
 
 namespace ravok {
 namespace {
@@ -100,6 +102,62 @@ class NativeInstall : public ::testing::Test {
     return failure && failure->code == "busy";
   }
 
+  // Every name of an installation and no other, each of its kind and mode, and what its parts hold.
+  void expect_whole_tree() const {
+    const std::string version = "launcher/versions/" + launcher_sha256();
+    std::vector<std::pair<std::string, std::string>> kinds;
+    for (const auto& [path, node] : place.state()) {
+      kinds.emplace_back(path, node.substr(0, node.find(' ', 4)));
+    }
+    const std::vector<std::pair<std::string, std::string>> expected = {
+        {".native-bootstrap.lock", "600 file"},
+        {".ravok-setup.lock", "600 file"},
+        {"launcher", "700 directory"},
+        {"launcher/bootstrap.lock", "600 file"},
+        {"launcher/download-intents", "700 directory"},
+        {"launcher/downloads", "700 directory"},
+        {"launcher/health", "700 directory"},
+        {"launcher/installation.json", "600 file"},
+        {"launcher/intents", "700 directory"},
+        {"launcher/leases", "700 directory"},
+        {"launcher/leases/attempts", "700 directory"},
+        {"launcher/leases/versions", "700 directory"},
+        {"launcher/manifests", "700 directory"},
+        {"launcher/manifests/" + launcher_sha256() + ".json", "600 file"},
+        {"launcher/staging", "700 directory"},
+        {"launcher/versions", "700 directory"},
+        {version, "700 directory"},
+        {version + "/bin", "700 directory"},
+        {version + "/bin/launcher", "700 file"},
+        {version + "/bin/window", "700 file"},
+        {"native", "700 directory"},
+        {"native/bootstrap", "700 directory"},
+        {"native/bootstrap.json", "600 file"},
+        {"native/bootstrap/bin", "700 directory"},
+        {"native/bootstrap/bin/ravok-bootstrap", "700 file"},
+        {"native/bootstrap/data", "700 directory"},
+        {"native/bootstrap/data/notes", "600 file"},
+        {"native/brand.ico", "600 file"},
+        {"native/installation.json", "600 file"},
+        {"native/setup-status.json", "600 file"},
+        {"native/theme", "700 directory"},
+        {"native/theme/badge.bmp", "600 file"},
+        {"native/theme/plain.ttf", "600 file"},
+        {"native/theme/theme.json", "600 file"},
+        {"repository-ca.pem", "600 file"},
+        {"repository.json", "600 file"},
+        {"trust", "700 directory"},
+        {"trust/.lock", "600 file"},
+        {"trust/root.json", "600 file"},
+    };
+    EXPECT_EQ(::testing::PrintToString(kinds), ::testing::PrintToString(expected));
+    EXPECT_TRUE(NativeInstaller::status(data).installed);
+    EXPECT_FALSE(NativeInstaller::status(data).incomplete);
+    EXPECT_EQ(place.read("native/bootstrap/bin/ravok-bootstrap"), "#!bin/ravok-bootstrap");
+    EXPECT_EQ(place.read(launcher_program()), "#!bin/launcher");
+    EXPECT_EQ(place.read("trust/root.json"), place.package.root);
+  }
+
   void install_unbranded() {
     place.package.brand.reset();
     place.package.featured_game.reset();
@@ -129,55 +187,24 @@ const Names all_parts = {"bootstrap", "launcher", "trust"};
 
 TEST_F(NativeInstall, LeavesTheWholeTree) {
   place.install();
-  const std::string version = "launcher/versions/" + launcher_sha256();
-  std::vector<std::pair<std::string, std::string>> kinds;
-  for (const auto& [path, node] : place.state()) {
-    kinds.emplace_back(path, node.substr(0, node.find(' ', 4)));
-  }
-  const std::vector<std::pair<std::string, std::string>> expected = {
-      {".native-bootstrap.lock", "600 file"},
-      {".ravok-setup.lock", "600 file"},
-      {"launcher", "700 directory"},
-      {"launcher/bootstrap.lock", "600 file"},
-      {"launcher/download-intents", "700 directory"},
-      {"launcher/downloads", "700 directory"},
-      {"launcher/health", "700 directory"},
-      {"launcher/installation.json", "600 file"},
-      {"launcher/intents", "700 directory"},
-      {"launcher/leases", "700 directory"},
-      {"launcher/leases/attempts", "700 directory"},
-      {"launcher/leases/versions", "700 directory"},
-      {"launcher/manifests", "700 directory"},
-      {"launcher/manifests/" + launcher_sha256() + ".json", "600 file"},
-      {"launcher/staging", "700 directory"},
-      {"launcher/versions", "700 directory"},
-      {version, "700 directory"},
-      {version + "/bin", "700 directory"},
-      {version + "/bin/launcher", "700 file"},
-      {version + "/bin/window", "700 file"},
-      {"native", "700 directory"},
-      {"native/bootstrap", "700 directory"},
-      {"native/bootstrap.json", "600 file"},
-      {"native/bootstrap/bin", "700 directory"},
-      {"native/bootstrap/bin/ravok-bootstrap", "700 file"},
-      {"native/bootstrap/data", "700 directory"},
-      {"native/bootstrap/data/notes", "600 file"},
-      {"native/brand.ico", "600 file"},
-      {"native/installation.json", "600 file"},
-      {"native/setup-status.json", "600 file"},
-      {"native/theme", "700 directory"},
-      {"native/theme/badge.bmp", "600 file"},
-      {"native/theme/plain.ttf", "600 file"},
-      {"native/theme/theme.json", "600 file"},
-      {"repository-ca.pem", "600 file"},
-      {"repository.json", "600 file"},
-      {"trust", "700 directory"},
-      {"trust/.lock", "600 file"},
-      {"trust/root.json", "600 file"},
-  };
-  EXPECT_EQ(::testing::PrintToString(kinds), ::testing::PrintToString(expected));
+  expect_whole_tree();
   EXPECT_EQ(std::filesystem::status(data).permissions(), std::filesystem::perms::owner_all);
   EXPECT_TRUE(same_tree(tree_state(place.home()), TreeState()));
+}
+
+TEST_F(NativeInstall, PutsTheBrandWhereTheProgramsLookForIt) {
+  place.install();
+  const std::string icon = brand_icon_path(data).lexically_relative(data);
+  EXPECT_EQ(place.read(icon), *place.package.icon);
+  const std::optional<Theme> theme = load_theme(theme_directory(data));
+  ASSERT_TRUE(theme);
+  EXPECT_EQ(theme->regular_font, place.package.theme_files.at("plain.ttf"));
+  place.package.brand.reset();
+  place.package.featured_game.reset();
+  place.republish();
+  place.repair();
+  EXPECT_FALSE(std::filesystem::exists(brand_icon_path(data)));
+  EXPECT_FALSE(std::filesystem::exists(theme_directory(data)));
 }
 
 TEST_F(NativeInstall, WritesTheDocumentsOfThePackage) {
@@ -430,13 +457,16 @@ TEST_F(NativeInstall, RefusesAFolderBehindALink) {
 
 TEST_F(NativeInstall, TakesAnEmptyFolder) {
   std::filesystem::create_directory(data);
-  EXPECT_NO_THROW(place.install());
+  std::filesystem::permissions(data, std::filesystem::perms(0755));
+  EXPECT_EQ(place.install().replaced, all_parts);
+  expect_whole_tree();
   EXPECT_EQ(std::filesystem::status(data).permissions(), std::filesystem::perms::owner_all);
 }
 
 TEST_F(NativeInstall, TakesAFolderThatHoldsTheSetupLockAlone) {
   place.write(".ravok-setup.lock", "");
   EXPECT_EQ(place.install().replaced, all_parts);
+  expect_whole_tree();
 }
 
 TEST_F(NativeInstall, TakesAnEarlierDataFolderWithWhateverElseIsThere) {
@@ -1383,10 +1413,8 @@ TEST_F(NativeInstall, ShortcutsAreNamedByWhatIsGiven) {
 
 TEST_F(NativeInstall, ShortcutsOfARelativePathLieBelowTheCurrentFolder) {
   place.install();
-  const std::filesystem::path former = std::filesystem::current_path();
-  std::filesystem::current_path(place.home());
+  const testing::WorkingDirectory working(place.home());
   EXPECT_EQ(NativeInstaller::create_shortcut(data, "", "", "Here.desktop"), place.home() / "Here.desktop");
-  std::filesystem::current_path(former);
   EXPECT_TRUE(std::filesystem::exists(place.home() / "Here.desktop"));
 }
 

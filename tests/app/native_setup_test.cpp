@@ -20,6 +20,7 @@
 #include "platform/native_lock.hpp"
 #include "support/failure.hpp"
 #include "support/install_place.hpp"
+#include "support/working_directory.hpp"
 
 namespace ravok {
 namespace {
@@ -235,8 +236,7 @@ TEST_F(NativeSetupTest, TellsOfAFailureInTheSnapshot) {
 
 TEST_F(NativeSetupTest, TellsOfAnotherExceptionToo) {
   // A relative folder has no absolute path where there is no current directory.
-  const std::filesystem::path before = std::filesystem::current_path();
-  std::filesystem::current_path(place.root().directory("gone"));
+  const testing::WorkingDirectory working(place.root().directory("gone"));
   std::filesystem::remove(place.root() / "gone");
   std::string message;
   try {
@@ -249,7 +249,6 @@ TEST_F(NativeSetupTest, TellsOfAnotherExceptionToo) {
   relative.data_root = "relative";
   front.setup.start(relative);
   const NativeSetup::View last = front.wait();
-  std::filesystem::current_path(before);
   EXPECT_NE(message, "");
   expect_failed(last, "setup_failed", message);
 }

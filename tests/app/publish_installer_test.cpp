@@ -18,6 +18,7 @@
 #include "support/ordinary_user.hpp"
 #include "support/package_builder.hpp"
 #include "support/temporary_root.hpp"
+#include "support/working_directory.hpp"
 
 namespace ravok {
 namespace {
@@ -151,11 +152,9 @@ TEST_F(PublishInstaller, ReplacesTheSealOfAnotherPackage) {
 }
 
 TEST_F(PublishInstaller, TakesAnOutputWithoutAFolderBeforeIt) {
-  const std::filesystem::path current = std::filesystem::current_path();
-  std::filesystem::current_path(root.path());
+  const testing::WorkingDirectory working(root.path());
   publication.output = "here";
   const PublishedInstaller published = publish_installer(publication, {});
-  std::filesystem::current_path(current);
   EXPECT_EQ(published.program, "./here/ravok-install");
   EXPECT_TRUE(std::filesystem::exists(root / "here/initial-package/initial-package.json"));
 }

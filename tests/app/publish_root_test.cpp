@@ -11,6 +11,7 @@
 #include "platform/files.hpp"
 #include "support/failure.hpp"
 #include "support/temporary_root.hpp"
+#include "support/working_directory.hpp"
 #include "tuf/tuf.hpp"
 
 namespace ravok {
@@ -39,10 +40,8 @@ TEST(PublishKey, WritesAPrivateAndAPublicFileOfTheSameKey) {
 
 TEST(PublishKey, WritesBesideWhereItRunsWhenTheNameIsBare) {
   const TemporaryRoot root;
-  const std::filesystem::path before = std::filesystem::current_path();
-  std::filesystem::current_path(root.path());
+  const testing::WorkingDirectory working(root.path());
   const PublishedKey published = publish_key("key", "ed25519");
-  std::filesystem::current_path(before);
   EXPECT_EQ(published.private_file, "./key");
   EXPECT_EQ(root.names(), (std::vector<std::string>{"key", "key.pub"}));
 }

@@ -12,6 +12,7 @@
 #include "app/brand.hpp"
 #include "support/install_place.hpp"
 #include "support/ordinary_user.hpp"
+#include "support/working_directory.hpp"
 
 namespace ravok {
 namespace {
@@ -252,8 +253,7 @@ TEST_F(SetupConsole, FailsInTheWordsOfTheOperation) {
 
 TEST_F(SetupConsole, PrintsNoDocumentForAnExceptionThatIsNotItsOwn) {
   // A relative folder has no absolute path where there is no current directory.
-  const std::filesystem::path current = std::filesystem::current_path();
-  std::filesystem::current_path(place.root().directory("gone"));
+  const testing::WorkingDirectory working(place.root().directory("gone"));
   std::filesystem::remove(place.root() / "gone");
   std::string message;
   try {
@@ -262,7 +262,6 @@ TEST_F(SetupConsole, PrintsNoDocumentForAnExceptionThatIsNotItsOwn) {
     message = error.what();
   }
   const Outcome outcome = run({"status", "--json", "--data-dir", "relative"});
-  std::filesystem::current_path(current);
   expect(outcome, 1, "", message + "\n");
 }
 

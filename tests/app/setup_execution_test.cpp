@@ -1,6 +1,7 @@
 #include "app/setup_execution.hpp"
 
 #include <algorithm>
+#include <chrono>
 #include <filesystem>
 #include <string>
 #include <utility>
@@ -10,6 +11,8 @@
 
 #include "app/brand.hpp"
 #include "app/installation_record.hpp"
+#include "platform/native_lock.hpp"
+#include "support/clock_calls.hpp"
 #include "support/failure.hpp"
 #include "support/install_place.hpp"
 
@@ -251,6 +254,17 @@ TEST_F(RunSetupCommand, UninstallsAndSaysWhatItLeft) {
   EXPECT_EQ(document, expected);
   EXPECT_EQ(place.state(), player);
   EXPECT_TRUE(std::filesystem::exists(place.entry()));
+}
+
+TEST_F(RunSetupCommand, GivesAClientFifteenSecondsToClose) {
+  place.install();
+  const NativeFileLock running(place.paths().bootstrap_lock, true, NativeLockSharing::none, LockMode::exclusive);
+  const testing::TreeState before = testing::without(place.state(), {".ravok-setup.lock"});
+  const testing::StillClock clock;
+  EXPECT_FAILURE(run(uninstall), "ravok_running",
+                 "Ravok or a game from this folder is still running; close it and try again");
+  EXPECT_EQ(clock.slept(), std::chrono::seconds(15));
+  EXPECT_TRUE(testing::same_tree(testing::without(place.state(), {".ravok-setup.lock"}), before));
 }
 
 TEST_F(RunSetupCommand, UninstallsThePlayersDataWhenToldTo) {

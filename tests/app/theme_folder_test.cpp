@@ -38,8 +38,15 @@ class ThemeFolder : public ::testing::Test {
   const std::filesystem::path folder_ = root_.directory("native/theme");
 };
 
-TEST_F(ThemeFolder, LiesBelowTheDataFolder) {
-  EXPECT_EQ(theme_directory("/data/Ravok"), std::filesystem::path("/data/Ravok/native/theme"));
+TEST_F(ThemeFolder, IsThatOfItsOwnInstallation) {
+  const TemporaryRoot other;
+  root_.write((theme_directory(root_.path()) / "theme.json").lexically_relative(root_.path()).native(),
+              theme_definition().dump());
+  use_installed_theme(other.path());
+  EXPECT_EQ(theme().background, Theme().background);
+  use_installed_theme(root_.path());
+  EXPECT_EQ(theme().background, (Rgb{1, 1, 1}));
+  EXPECT_EQ(theme_directory(root_.path()), folder_);
 }
 
 TEST_F(ThemeFolder, GivesADefinitionItsFiles) {

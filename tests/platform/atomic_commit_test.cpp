@@ -15,6 +15,7 @@
 #include "support/failure.hpp"
 #include "support/second_volume.hpp"
 #include "support/temporary_root.hpp"
+#include "support/working_directory.hpp"
 
 namespace ravok {
 namespace {
@@ -111,11 +112,9 @@ TEST_F(CommitPrivatePathNew, TakesParentsThatAreNotPrivate) {
 }
 
 TEST_F(CommitPrivatePathNew, TakesRelativePathsDotsAndSeparatorsAtTheEnd) {
-  const Path before = std::filesystem::current_path();
-  std::filesystem::current_path(root_.path());
+  const testing::WorkingDirectory working(root_.path());
   directory("source");
   EXPECT_NO_THROW(commit_private_path_new("./source/", "other/../place/", {}));
-  std::filesystem::current_path(before);
   EXPECT_EQ(root_.names(), (std::vector<std::string>{"place/"}));
 }
 
@@ -419,10 +418,8 @@ TEST_F(ExchangePrivateDirectories, SwapsTwoInOneParentAndBackAgain) {
 }
 
 TEST_F(ExchangePrivateDirectories, TakesRelativePathsDotsAndSeparatorsAtTheEnd) {
-  const Path before = std::filesystem::current_path();
-  std::filesystem::current_path(root_.path());
+  const testing::WorkingDirectory working(root_.path());
   EXPECT_NO_THROW(exchange_private_directories("left/./a/", "left/../right/b", {}));
-  std::filesystem::current_path(before);
   EXPECT_EQ(root_.read("left/a/token"), "B");
 }
 

@@ -12,6 +12,7 @@
 #include "platform/files.hpp"
 #include "support/failure.hpp"
 #include "support/temporary_root.hpp"
+#include "support/working_directory.hpp"
 
 namespace ravok {
 namespace {
@@ -98,12 +99,10 @@ TEST_F(ExportFileTest, LeavesItsParentAsItIs) {
 }
 
 TEST_F(ExportFileTest, TakesThePathOfTheWorkingDirectory) {
-  const std::filesystem::path before = std::filesystem::current_path();
-  std::filesystem::current_path(root.path());
+  const testing::WorkingDirectory working(root.path());
   ExportFile file("./export");
   file.write("content");
   file.commit();
-  std::filesystem::current_path(before);
   EXPECT_EQ(root.read("export"), "content");
 }
 

@@ -19,11 +19,13 @@
 #include "platform/file_status.hpp"
 #include "support/failure.hpp"
 #include "support/temporary_root.hpp"
+#include "support/working_directory.hpp"
 
 namespace ravok {
 namespace {
 
 using testing::TemporaryRoot;
+using testing::WorkingDirectory;
 
 constexpr const char* refused_link = "Refusing to replace a symbolic link";
 constexpr const char* refused_parent = "Export parent must be an existing plain directory";
@@ -49,23 +51,6 @@ class FileModeMask {
 
  private:
   mode_t before_;
-};
-
-// Makes another directory the working one for as long as it lives.
-class WorkingDirectory {
- public:
-  explicit WorkingDirectory(const std::filesystem::path& path) : before_(std::filesystem::current_path()) {
-    std::filesystem::current_path(path);
-  }
-  ~WorkingDirectory() {
-    std::error_code ignored;
-    std::filesystem::current_path(before_, ignored);
-  }
-  WorkingDirectory(const WorkingDirectory&) = delete;
-  WorkingDirectory& operator=(const WorkingDirectory&) = delete;
-
- private:
-  std::filesystem::path before_;
 };
 
 using Names = std::vector<std::string>;

@@ -16,6 +16,7 @@
 #include "support/companion.hpp"
 #include "support/failure.hpp"
 #include "support/temporary_root.hpp"
+#include "support/working_directory.hpp"
 
 namespace ravok {
 namespace {
@@ -221,12 +222,11 @@ TEST_F(FileLocks, DoNotMatchALinkToTheirFileOrNoPathAtAll) {
 }
 
 TEST_F(FileLocks, MatchARelativePath) {
-  const auto before = std::filesystem::current_path();
-  std::filesystem::current_path(root_.path());
+  std::optional<testing::WorkingDirectory> working(std::in_place, root_.path());
   EXPECT_FAILURE(take("lock"), "unsafe_path", "Linux private directory needs a bounded path below a root");
   const auto lock = take("./lock");
   EXPECT_TRUE(lock.matches_path("lock"));
-  std::filesystem::current_path(before);
+  working.reset();
   EXPECT_TRUE(lock.matches_path(root_ / "lock"));
 }
 

@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <filesystem>
 #include <functional>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <utility>
@@ -17,6 +18,7 @@
 #include "support/failure.hpp"
 #include "support/manifest_builder.hpp"
 #include "support/temporary_root.hpp"
+#include "support/working_directory.hpp"
 
 namespace ravok {
 namespace {
@@ -110,11 +112,10 @@ TEST_F(ReservedTreeTest, KnowsItsRootAndItsIdentity) {
 }
 
 TEST_F(ReservedTreeTest, MakesItsRootAbsolute) {
-  const std::filesystem::path before = std::filesystem::current_path();
-  std::filesystem::current_path(root.path());
+  std::optional<testing::WorkingDirectory> working(std::in_place, root.path());
   const ReservedTree tree(manifest, "staging", {}, {});
   EXPECT_NO_THROW(tree.validate(manifest, "staging"));
-  std::filesystem::current_path(before);
+  working.reset();
   EXPECT_EQ(tree.root(), staging);
   EXPECT_EQ(tree.file("readme", 70000).path, staging / "readme");
 }

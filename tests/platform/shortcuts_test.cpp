@@ -1,8 +1,6 @@
 #include "platform/shortcuts.hpp"
 
 #include <algorithm>
-#include <atomic>
-#include <chrono>
 #include <filesystem>
 #include <functional>
 #include <optional>
@@ -20,6 +18,7 @@
 #include "platform/os.hpp"
 #include "platform/path_keys.hpp"
 #include "support/failure.hpp"
+#include "support/lock_calls.hpp"
 #include "support/ordinary_user.hpp"
 #include "support/shortcut_place.hpp"
 #include "support/with_environment.hpp"
@@ -639,16 +638,12 @@ TEST_F(Shortcuts, AreNotRestoredWhereALedgerMayNotPutThem) {
 TEST_F(Shortcuts, WaitForWhoeverHoldsTheirLedger) {
   create(entry());
   std::optional<FileLock> held(std::in_place, place_.data() / "native/shortcuts.lock", true, LockMode::exclusive);
-  std::atomic<bool> ended = false;
-  std::thread remover([&] {
-    remove();
-    ended = true;
+  const testing::WhenLocked when_locked([&] {
+    EXPECT_TRUE(std::filesystem::exists(entry()));
+    held.reset();
   });
-  std::this_thread::sleep_for(std::chrono::milliseconds(100));
-  EXPECT_FALSE(ended);
-  EXPECT_TRUE(std::filesystem::exists(entry()));
-  held.reset();
-  remover.join();
+  remove();
+  EXPECT_EQ(when_locked.count(), 1u);
   EXPECT_FALSE(std::filesystem::exists(entry()));
 }
 

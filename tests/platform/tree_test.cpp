@@ -19,6 +19,7 @@
 #include "support/ordinary_user.hpp"
 #include "support/temporary_root.hpp"
 #include "support/tree_state.hpp"
+#include "support/working_directory.hpp"
 
 namespace ravok {
 namespace {
@@ -163,11 +164,9 @@ TEST(RemovePlainTree, TakesANameInTheWorkingDirectoryAndASeparatorAtTheEnd) {
   const TemporaryRoot root;
   root.write("tree/file", "x");
   root.write("other/file", "x");
-  const std::filesystem::path before = std::filesystem::current_path();
-  std::filesystem::current_path(root.path());
+  const testing::WorkingDirectory working(root.path());
   EXPECT_NO_THROW(remove_plain_tree("tree"));
   EXPECT_NO_THROW(remove_plain_tree("other/"));
-  std::filesystem::current_path(before);
   EXPECT_TRUE(root.names().empty());
 }
 

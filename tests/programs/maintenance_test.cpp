@@ -1,7 +1,6 @@
 // ravok-maintenance as a user meets it: a process with arguments, two streams and an exit code.
 
 #include <array>
-#include <chrono>
 #include <csignal>
 #include <filesystem>
 #include <map>
@@ -196,19 +195,6 @@ TEST_F(MaintenanceAt, EndsWithFourWhenItIsInterruptedBeforeItRemovesAnything) {
     EXPECT_EQ(testing::without(place.state(), {".ravok-setup.lock"}), before);
     EXPECT_TRUE(std::filesystem::exists(place.entry()));
   }
-}
-
-TEST_F(MaintenanceAt, GivesAClientFifteenSecondsToClose) {
-  place.install();
-  const NativeFileLock running(place.paths().bootstrap_lock, true, NativeLockSharing::none, LockMode::exclusive);
-  const testing::TreeState before = testing::without(place.state(), {".ravok-setup.lock"});
-  const auto start = std::chrono::steady_clock::now();
-  const std::string message = "Ravok or a game from this folder is still running; close it and try again";
-  expect(run({"uninstall", "--json"}), 1, problem("ravok_running", message), message + "\n");
-  const auto waited = std::chrono::steady_clock::now() - start;
-  EXPECT_GE(waited, std::chrono::milliseconds(15'000));
-  EXPECT_LT(waited, std::chrono::seconds(25));
-  EXPECT_EQ(testing::without(place.state(), {".ravok-setup.lock"}), before);
 }
 
 TEST(Maintenance, EndsAtOnceForAChannelThatIsWrong) {

@@ -2,19 +2,25 @@
 // ends; then everything is back under the name that it had, if nobody else moved it. It says
 // "ready" after the first round, and at its end how many rounds there were.
 //
-//   race_adversary [exchange A B | rename A B | plant A B]...
+//   race_adversary COUNTS [exchange A B | rename A B | plant A B]...
+//
+// COUNTS is a file of zeros that the test has mapped too: a number of 64 bits for each change, which grows by one
+// whenever the change or its undoing has really happened.
 //
 // A round does each change in turn and then undoes them from the last to the first. To plant is to move whatever comes
 // to A aside, to B with numbers behind it, and to put the link B in its place: that is not undone.
 
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
 #include <cstdio>
 #include <iostream>
-#include <iterator>
 #include <string>
 #include <vector>
 
 #include <fcntl.h>
 #include <poll.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -23,11 +29,20 @@
 namespace ravok {
 namespace {
 
+using Count = std::atomic<std::uint64_t>;
+
 struct Change {
   std::string kind;
   std::string first;
   std::string second;
+  Count* happened;
 };
+
+Count* map_counts(const char* path, std::size_t number) {
+  const int file = open(path, O_RDWR | O_CLOEXEC);
+  void* const memory = mmap(nullptr, number * sizeof(Count), PROT_READ | PROT_WRITE, MAP_SHARED, file, 0);
+  return memory == MAP_FAILED ? nullptr : static_cast<Count*>(memory);
+}
 
 bool exists(const std::string& path) {
   struct stat status;
@@ -35,32 +50,37 @@ bool exists(const std::string& path) {
 }
 
 // Each time after another while, so that it happens at any step of what is being done to `victim`.
-void plant(const std::string& victim, const std::string& planted) {
+bool plant(const std::string& victim, const std::string& planted) {
   constexpr unsigned long longest_while = 256;
   static unsigned long number = 0;
   if (!exists(victim)) {
-    return;
+    return false;
   }
   ++number;
   for (unsigned long left = number * 37 % longest_while; left > 0 && exists(victim); --left) {
   }
   const std::string aside = planted + "." + std::to_string(getpid()) + "." + std::to_string(number);
-  if (os::rename_exclusive(AT_FDCWD, victim.c_str(), AT_FDCWD, aside.c_str()) == 0) {
-    // A second name of the link itself.
-    [[maybe_unused]] const int ignored = linkat(AT_FDCWD, planted.c_str(), AT_FDCWD, victim.c_str(), 0);
-  }
+  // A second name of the link itself.
+  return os::rename_exclusive(AT_FDCWD, victim.c_str(), AT_FDCWD, aside.c_str()) == 0 &&
+         linkat(AT_FDCWD, planted.c_str(), AT_FDCWD, victim.c_str(), 0) == 0;
 }
 
-// Returns whether there is something to undo.
-bool apply(const Change& change, bool back) {
+// Returns whether it has happened.
+bool try_to(const Change& change, bool back) {
   if (change.kind == "plant") {
-    plant(change.first, change.second);
-    return false;
+    return plant(change.first, change.second);
   }
   const char* const from = (back ? change.second : change.first).c_str();
   const char* const to = (back ? change.first : change.second).c_str();
   return change.kind == "exchange" ? os::exchange_names(AT_FDCWD, from, AT_FDCWD, to) == 0
                                    : os::rename_exclusive(AT_FDCWD, from, AT_FDCWD, to) == 0;
+}
+
+// Returns whether there is something to undo.
+bool apply(const Change& change, bool back) {
+  const bool happened = try_to(change, back);
+  *change.happened += happened ? 1 : 0;
+  return happened && change.kind != "plant";
 }
 
 void do_round(const std::vector<Change>& changes) {
@@ -84,9 +104,15 @@ bool input_has_ended() {
 }  // namespace ravok
 
 int main(int count, char** words) {
+  const auto number = static_cast<std::size_t>(count > 2 ? (count - 2) / 3 : 0);
+  ravok::Count* const counts = number == 0 ? nullptr : ravok::map_counts(words[1], number);
+  if (counts == nullptr) {
+    return 1;
+  }
   std::vector<ravok::Change> changes;
-  for (int i = 1; i + 2 < count; i += 3) {
-    changes.push_back({words[i], words[i + 1], words[i + 2]});
+  for (std::size_t i = 0; i < number; ++i) {
+    char** const word = words + 2 + 3 * i;
+    changes.push_back({word[0], word[1], word[2], counts + i});
   }
   ravok::do_round(changes);
   std::cout << "ready" << std::endl;

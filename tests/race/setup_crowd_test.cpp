@@ -25,7 +25,9 @@ namespace {
 using Answers = std::map<std::string, std::set<std::string>>;
 
 constexpr int processes = 8;
-constexpr int rounds = 25;
+// At least so many; more, up to a bound, until the processes have really met.
+constexpr int least_rounds = 25;
+constexpr int most_rounds = 500;
 
 // What may be answered besides success, whoever else is at work. Neither a folder nor its lock can be taken while an
 // uninstall removes them; a record that an uninstall removes is not the one that was expected; and an install still
@@ -37,10 +39,12 @@ const Answers plain_answers = {
     {"status", {}},
 };
 
-// Of paths, all that may be said is that one has gone meanwhile.
+// Of paths, all that may be said is that one has gone meanwhile, or that the last names in the folder tell no more
+// whose it was, which is so just before an uninstall removes it.
 bool is_plain(const std::string& action, const std::string& code, const std::string& line) {
   return plain_answers.at(action).contains(code) &&
-         (code != "unsafe_path" || line.ends_with(" private directory path changed"));
+         (code != "unsafe_path" || line.ends_with(" private directory path changed") ||
+          line == "install unsafe_path: Choose an empty folder or an earlier Ravok data folder");
 }
 
 class SetupCrowd : public ::testing::Test {
@@ -114,7 +118,11 @@ TEST_P(SetupCrowdAtWork, LeavesAFolderThatOneMoreRunMakesWhole) {
   const std::vector<std::string> actions = {"install", "repair", "uninstall", "status"};
   std::minstd_rand random(1);
   std::map<std::string, int> counts;
-  for (int round = 0; round < rounds; ++round) {
+  const auto all_was_seen = [&] {
+    return counts["install done"] > 0 && counts["repair done"] > 0 && counts["uninstall done"] > 0 &&
+           counts["install busy"] + counts["repair busy"] + counts["uninstall busy"] > 0;
+  };
+  for (int round = 0; round < least_rounds || (!all_was_seen() && round < most_rounds); ++round) {
     std::vector<Work> works;
     for (int process = 0; process < processes; ++process) {
       const std::string action = actions[random() / 7 % actions.size()];
@@ -136,8 +144,7 @@ TEST_P(SetupCrowdAtWork, LeavesAFolderThatOneMoreRunMakesWhole) {
   for (const auto& [words, count] : counts) {
     std::cout << words << " (" << count << ")\n";
   }
-  EXPECT_GT(counts["install done"], 0);
-  EXPECT_GT(counts["uninstall done"], 0);
+  EXPECT_TRUE(all_was_seen());
   const NativeInstallStatus status = place_.status();
   if (status.installed || status.incomplete) {
     place_.repair();
@@ -155,14 +162,16 @@ INSTANTIATE_TEST_SUITE_P(Folder, SetupCrowdAtWork, ::testing::Bool(),
                          [](const auto& each) { return each.param ? "WithPlayerData" : "WithoutPlayerData"; });
 
 TEST_F(SetupCrowd, OfTwoFirstInstallsOneInstalls) {
-  for (int round = 0; round < rounds; ++round) {
+  bool met = false;
+  for (int round = 0; round < least_rounds || (!met && round < most_rounds); ++round) {
     const Work install = [&](std::ostream& stream) { answer(stream, "install"); };
     int done = 0;
     for (const auto& lines : at_once({install, install})) {
       ASSERT_EQ(lines.size(), 1u);
+      const bool busy = lines[0] == "install busy: Another worker owns this native installation";
+      met = met || busy;
       done += lines[0] == "install done" ? 1 : 0;
-      EXPECT_TRUE(lines[0] == "install done" ||
-                  lines[0] == "install busy: Another worker owns this native installation" ||
+      EXPECT_TRUE(lines[0] == "install done" || busy ||
                   lines[0].starts_with("install already_installed: Ravok is already installed in "))
           << lines[0];
     }
@@ -171,6 +180,7 @@ TEST_F(SetupCrowd, OfTwoFirstInstallsOneInstalls) {
     place_.uninstall();
     EXPECT_TRUE(is_missing(place_.data()));
   }
+  EXPECT_TRUE(met);
 }
 
 }  // namespace

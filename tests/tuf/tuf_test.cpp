@@ -1,8 +1,6 @@
 #include "tuf/tuf.hpp"
 
-#include <chrono>
 #include <filesystem>
-#include <future>
 #include <optional>
 #include <string>
 #include <vector>
@@ -13,6 +11,7 @@
 #include "domain/json.hpp"
 #include "platform/native_lock.hpp"
 #include "support/failure.hpp"
+#include "support/lock_calls.hpp"
 #include "support/signing.hpp"
 #include "support/temporary_root.hpp"
 
@@ -146,15 +145,13 @@ TEST_F(Initialize, RefusesALockThatIsNotPrivate) {
 
 TEST_F(Initialize, WaitsForTheLockAndThenSeesWhatItsHolderDid) {
   std::optional<FileLock> lock(std::in_place, root_ / ".lock", false, LockMode::shared);
-  std::future<std::optional<Error>> end =
-      std::async(std::launch::async, [this] { return testing::failure_of([this] { initialize(good()); }); });
-  EXPECT_EQ(end.wait_for(std::chrono::milliseconds(200)), std::future_status::timeout);
-  EXPECT_EQ(root_.names(), Names{".lock"});
-  root_.write("root.json", "of the holder");
-  lock.reset();
-  const std::optional<Error> failure = end.get();
-  ASSERT_TRUE(failure);
-  EXPECT_EQ(failure->code, "already_initialized");
+  const testing::WhenLocked when_locked([&] {
+    EXPECT_EQ(root_.names(), Names{".lock"});
+    root_.write("root.json", "of the holder");
+    lock.reset();
+  });
+  EXPECT_EQ(testing::failure_of([this] { initialize(good()); }).value().code, "already_initialized");
+  EXPECT_EQ(when_locked.count(), 1u);
   EXPECT_EQ(root_.read("root.json"), "of the holder");
 }
 
