@@ -1,9 +1,13 @@
 // The strict parser agrees, value for value and failure for failure, with the JSON library's
-// callback parser; what it accepts can be written and read again.
+// callback parser; what it accepts is one value with nothing but white space around it, and can be written and
+// read again.
 
+#include <algorithm>
+#include <cctype>
 #include <cstddef>
 #include <cstdint>
 #include <optional>
+#include <string>
 #include <string_view>
 
 #include "domain/error.hpp"
@@ -28,6 +32,49 @@ Outcome outcome(Parser parser, std::string_view text, std::uint64_t limit) {
   }
 }
 
+bool is_white_space(char c) { return c == ' ' || c == '\t' || c == '\n' || c == '\r'; }
+
+bool is_word(char c) { return std::isalnum(static_cast<unsigned char>(c)) != 0; }
+
+// Returns what stands behind the first value of a text that begins with one.
+std::string_view behind_value(std::string_view text) {
+  std::size_t open = 0;
+  bool quoted = false;
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    const char c = text[i];
+    if (quoted) {
+      quoted = c != '"';
+      i += c == '\\' ? 1 : 0;
+    } else if (c == '"') {
+      quoted = true;
+    } else if (c == '{' || c == '[') {
+      ++open;
+    } else if (c == '}' || c == ']') {
+      --open;
+    }
+    // A number or a word goes on for as long as more of it follows.
+    const bool goes_on = (is_word(c) || c == '-') && i + 1 < text.size() && is_word(text[i + 1]);
+    if (open == 0 && !quoted && !goes_on) {
+      return text.substr(i + 1);
+    }
+  }
+  return {};
+}
+
+// Whether a text that the parser accepts is a value with white space before and behind it, and a byte order mark
+// ahead of all at most.
+bool is_value_in_white_space(std::string_view text) {
+  constexpr std::string_view byte_order_mark = "\xEF\xBB\xBF";
+  text.remove_prefix(text.starts_with(byte_order_mark) ? byte_order_mark.size() : 0);
+  const auto value = std::find_if_not(text.begin(), text.end(), is_white_space);
+  text.remove_prefix(static_cast<std::size_t>(value - text.begin()));
+  if (text.empty() || std::string_view("{[\"-0123456789tfn").find(text.front()) == std::string_view::npos) {
+    return false;
+  }
+  const std::string_view rest = behind_value(text);
+  return std::all_of(rest.begin(), rest.end(), is_white_space);
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
@@ -40,6 +87,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   must_hold(ours.message == reference.message, "the message of a refusal is the reference's");
   must_hold(ours.value == reference.value, "the value is the reference's");
   if (ours.value) {
+    must_hold(is_value_in_white_space(text), "nothing but white space stands around the value");
     const std::string dumped = ours.value->dump();
     must_hold(ravok::parse_json(dumped, dumped.size()) == *ours.value, "what is written reads as the same value");
     const std::string canonical = ravok::canonical_json(*ours.value);

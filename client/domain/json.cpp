@@ -97,6 +97,17 @@ class StrictBuilder {
   Json* member_ = nullptr;
 };
 
+// The library takes a NUL behind the value for the end of the text and looks at nothing that follows it. Anywhere
+// else it refuses one by itself.
+void require_no_early_end(std::string_view input) {
+  const std::size_t end = input.find('\0');
+  if (end != std::string_view::npos) {
+    throw Json::parse_error::create(
+        101, end + 1,
+        "syntax error while parsing value - invalid literal; last read: '<U+0000>'; expected end of input", nullptr);
+  }
+}
+
 void write_quoted(std::string& out, std::string_view text) {
   out += '"';
   std::size_t written = 0;
@@ -179,6 +190,7 @@ Json parse_json(std::string_view input, std::uint64_t limit) {
   StrictBuilder builder(value);
   try {
     Json::sax_parse(input.begin(), input.end(), &builder);
+    require_no_early_end(input);
   } catch (const Json::exception& problem) {
     fail("invalid_json", problem.what());
   }

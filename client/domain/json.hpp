@@ -20,7 +20,8 @@ using Json = nlohmann::json;
 // "depth_limit" for anything inside more than 64 containers; "duplicate_key" for a key that
 // stands twice in one object, however it is spelled; "invalid_number" for a number that is not
 // an integer of 64 bits; "invalid_json", with the JSON library's own words, for all that is
-// not JSON.
+// not JSON, which is also anything but white space behind the value, and a number such as 1e400
+// that is beyond what a floating-point number can be. One byte order mark may come first.
 Json parse_json(std::string_view input, std::uint64_t limit);
 
 // Returns the byte-exact text that signatures and digests are made over: no white space, keys

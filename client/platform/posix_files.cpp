@@ -4,9 +4,10 @@
 #include <cerrno>
 #include <cstddef>
 #include <limits>
+#include <optional>
 #include <string>
 #include <string_view>
-#include <system_error>
+#include <utility>
 
 #include <sys/stat.h>
 #include <unistd.h>
@@ -25,8 +26,12 @@ constexpr std::size_t maximum_path_bytes = 4096;
 constexpr std::size_t maximum_levels = 128;
 constexpr std::uint64_t block_bytes = 512;
 
-std::string on_this_system(std::string_view before, std::string_view after) {
-  return std::string(before) + std::string(os::system_name()) + std::string(after);
+// Fails unless `condition` holds, in words that name the system between them. The message is put together for a
+// failure only, so that a lack of memory cannot come between two steps.
+void require_here(bool condition, std::string_view code, std::string_view before, std::string_view after) {
+  if (!condition) {
+    fail(code, std::string(before) + std::string(os::system_name()) + std::string(after));
+  }
 }
 
 bool has_nul(const std::filesystem::path& path) { return path.native().find('\0') != std::string::npos; }
@@ -57,35 +62,59 @@ Descriptor open_root(const std::filesystem::path& target) {
   return Descriptor(retry_interrupted([&] { return open(target.root_path().c_str(), posix_files::walk_flags); }));
 }
 
+Descriptor open_to_read(int parent, const char* name) {
+  return Descriptor(retry_interrupted([&] { return openat(parent, name, posix_files::walk_flags); }));
+}
+
+// Opens a directory that this process has just made. Where the process's mask has kept even its owner out, its mode
+// is set first: the mask belongs to all threads, so it stays as it is.
+Descriptor open_new_level(int parent, const char* name) {
+  Descriptor level = open_to_read(parent, name);
+  if (level || errno != EACCES) {
+    return level;
+  }
+  const auto made = link_status_at(parent, name);
+  if (made && is_directory(*made) && made->st_uid == geteuid() &&
+      fchmodat(parent, name, S_IRWXU, AT_SYMLINK_NOFOLLOW) == 0) {
+    level = open_to_read(parent, name);
+  }
+  const auto opened = level ? status_of(level.get()) : std::nullopt;
+  return opened && same_file(*opened, *made) ? std::move(level) : Descriptor();
+}
+
 struct Level {
   Descriptor directory;
   bool is_new = false;
 };
 
 void flush_new_name(int parent) {
-  require(posix_files::sync(parent) == 0, "file_sync",
-          on_this_system("Cannot synchronize new ", " directory ownership"));
+  require_here(posix_files::sync(parent) == 0, "file_sync", "Cannot synchronize new ", " directory ownership");
+}
+
+// The last level is opened to be made private, and those above it only to be passed through.
+Descriptor open_existing_level(int parent, const char* name, bool is_last) {
+  return is_last ? open_to_read(parent, name) : posix_files::open_level(parent, name);
 }
 
 // Opens one level below a verified parent, making it where it is missing.
-Level open_or_make_level(int parent, const char* name) {
-  Level level{posix_files::open_level(parent, name)};
+Level open_or_make_level(int parent, const char* name, bool is_last) {
+  Level level{open_existing_level(parent, name, is_last)};
   if (!level.directory && errno == ENOENT) {
     level.is_new = mkdirat(parent, name, 0700) == 0;
-    require(level.is_new || errno == EEXIST, "permissions",
-            on_this_system("Cannot reserve a new ", " private directory"));
-    if (!level.is_new) {
+    require_here(level.is_new || errno == EEXIST, "permissions", "Cannot reserve a new ", " private directory");
+    if (level.is_new) {
+      level.directory = open_new_level(parent, name);
+    } else {
       // Another process has just made it: judged like any that was there before, but its name may not be durable.
       flush_new_name(parent);
+      level.directory = open_existing_level(parent, name, is_last);
     }
-    level.directory = posix_files::open_level(parent, name);
   }
-  require(static_cast<bool>(level.directory), "unsafe_path",
-          on_this_system("", " directory ancestry is missing or linked"));
+  require_here(static_cast<bool>(level.directory), "unsafe_path", "", " directory ancestry is missing or linked");
   const auto opened = status_of(level.directory.get());
   const auto named = link_status_at(parent, name);
-  require(opened && named && is_directory(*opened) && is_directory(*named) && same_file(*opened, *named), "unsafe_path",
-          on_this_system("", " directory ancestry changed"));
+  require_here(opened && named && is_directory(*opened) && is_directory(*named) && same_file(*opened, *named),
+               "unsafe_path", "", " directory ancestry changed");
   return level;
 }
 
@@ -96,8 +125,8 @@ void secure_new_level(int parent, int directory) {
 }
 
 // Opens one level below a verified parent; a missing one is made, private and durable.
-Level open_secured_level(int parent, const char* name) {
-  Level level = open_or_make_level(parent, name);
+Level open_secured_level(int parent, const char* name, bool is_last) {
+  Level level = open_or_make_level(parent, name, is_last);
   if (level.is_new) {
     secure_new_level(parent, level.directory.get());
   }
@@ -109,8 +138,7 @@ void tighten(int directory) {
   if (status && status->st_uid == geteuid() && mode_bits(*status) != S_IRWXU) {
     // A change of mode would also change what an access list grants; a foreign one is preserved.
     posix_files::require_private_acl(directory);
-    require(fchmod(directory, S_IRWXU) == 0, "permissions",
-            on_this_system("Cannot restrict ", " directory permissions"));
+    require_here(fchmod(directory, S_IRWXU) == 0, "permissions", "Cannot restrict ", " directory permissions");
   }
 }
 
@@ -172,11 +200,11 @@ int reserve(int descriptor, std::uint64_t length) {
 
 void secure_new_private(int descriptor, bool directory) {
   const auto status = status_of(descriptor);
-  require(status && status->st_uid == geteuid() &&
-              (directory ? is_directory(*status) : is_single_link_file(*status) && status->st_size == 0),
-          "permissions", on_this_system("New ", " private storage ownership changed"));
-  require(os::clear_access_lists(descriptor, directory) && fchmod(descriptor, directory ? 0700 : 0600) == 0,
-          "permissions", on_this_system("Cannot make new ", " storage private"));
+  require_here(status && status->st_uid == geteuid() &&
+                   (directory ? is_directory(*status) : is_single_link_file(*status) && status->st_size == 0),
+               "permissions", "New ", " private storage ownership changed");
+  require_here(os::clear_access_lists(descriptor, directory) && fchmod(descriptor, directory ? 0700 : 0600) == 0,
+               "permissions", "Cannot make new ", " storage private");
   require_private_node(descriptor, directory);
 }
 
@@ -184,52 +212,51 @@ void require_private_acl(int descriptor) { os::require_owner_only_access(descrip
 
 void require_private_node(int descriptor, bool directory) {
   const auto status = status_of(descriptor);
-  require(status && (directory ? is_private_directory(*status) : is_private_file(*status)), "permissions",
-          on_this_system("", " private storage must be ordinary, owned and accessible only to this user"));
+  require_here(status && (directory ? is_private_directory(*status) : is_private_file(*status)), "permissions", "",
+               " private storage must be ordinary, owned and accessible only to this user");
   require_private_acl(descriptor);
 }
 
 void require_private_path(const std::filesystem::path& path, bool directory) {
-  require(path.is_absolute() && path.native().size() <= maximum_path_bytes && !has_nul(path), "unsafe_path",
-          on_this_system("", " private storage needs a bounded absolute path"));
+  require_here(path.is_absolute() && path.native().size() <= maximum_path_bytes && !has_nul(path), "unsafe_path", "",
+               " private storage needs a bounded absolute path");
   const int flags = O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC | (directory ? O_DIRECTORY : 0);
   const Descriptor node(retry_interrupted([&] { return open(path.c_str(), flags); }));
-  require(static_cast<bool>(node), "permissions", on_this_system("Cannot open ordinary ", " private storage"));
+  require_here(static_cast<bool>(node), "permissions", "Cannot open ordinary ", " private storage");
   require_private_node(node.get(), directory);
   const auto opened = status_of(node.get());
   const auto named = link_status_of(path);
-  require(opened && named && same_file(*opened, *named) && (opened->st_mode & S_IFMT) == (named->st_mode & S_IFMT),
-          "permissions", on_this_system("", " private storage path changed during inspection"));
+  require_here(opened && named && same_file(*opened, *named) && (opened->st_mode & S_IFMT) == (named->st_mode & S_IFMT),
+               "permissions", "", " private storage path changed during inspection");
 }
 
 Descriptor open_private_directory(const std::filesystem::path& path) {
-  const std::string below_root = on_this_system("", " private directory needs a bounded path below a root");
-  require(!path.empty() && !has_nul(path), "unsafe_path", below_root);
+  constexpr const char* below_root = " private directory needs a bounded path below a root";
+  require_here(!path.empty() && !has_nul(path), "unsafe_path", "", below_root);
   const std::filesystem::path target = target_of(path);
-  require(is_bounded_below_root(target), "unsafe_path", below_root);
-  require(!climbs(path), "unsafe_path", on_this_system("", " private directory cannot traverse parents"));
+  require_here(is_bounded_below_root(target), "unsafe_path", "", below_root);
+  require_here(!climbs(path), "unsafe_path", "", " private directory cannot traverse parents");
 
   Descriptor parent = open_root(target);
-  require(static_cast<bool>(parent), "unsafe_path", on_this_system("Cannot anchor ", " directory ancestry"));
+  require_here(static_cast<bool>(parent), "unsafe_path", "Cannot anchor ", " directory ancestry");
   const std::filesystem::path relative = target.relative_path();
   std::size_t levels = 0;
   for (auto component = relative.begin(); component != relative.end();) {
-    require(++levels <= maximum_levels, "size_limit", on_this_system("", " directory ancestry exceeds its bound"));
+    require_here(++levels <= maximum_levels, "size_limit", "", " directory ancestry exceeds its bound");
     const std::string name = *component;
     parent = ++component == relative.end() ? open_private_level(parent.get(), name.c_str())
-                                           : std::move(open_secured_level(parent.get(), name.c_str()).directory);
+                                           : open_secured_level(parent.get(), name.c_str(), false).directory;
   }
   const auto opened = status_of(parent.get());
   const auto named = link_status_of(target);
-  require(opened && named && same_file(*opened, *named), "unsafe_path",
-          on_this_system("", " private directory path changed"));
+  require_here(opened && named && same_file(*opened, *named), "unsafe_path", "", " private directory path changed");
   return parent;
 }
 
 void private_directory(const std::filesystem::path& path) { open_private_directory(path); }
 
 Descriptor open_private_level(int parent, const char* name) {
-  Level level = open_secured_level(parent, name);
+  Level level = open_secured_level(parent, name, true);
   if (!level.is_new) {
     tighten(level.directory.get());
   }
@@ -238,7 +265,7 @@ Descriptor open_private_level(int parent, const char* name) {
 }
 
 Descriptor open_level(int parent, const char* name) {
-  Descriptor level(retry_interrupted([&] { return openat(parent, name, walk_flags); }));
+  Descriptor level = open_to_read(parent, name);
   if (!level && errno == EACCES) {
     level = Descriptor(retry_interrupted([&] { return openat(parent, name, os::passage_flags()); }));
   }
@@ -274,8 +301,8 @@ void private_directory_new(const std::filesystem::path& path) {
   const Descriptor parent = open_parent_chain(target.parent_path());
   require(mkdirat(parent.get(), name.c_str(), 0700) == 0, "native_install_commit",
           "Cannot reserve new private staging directory");
-  const Descriptor directory = posix_files::open_level(parent.get(), name.c_str());
-  require(static_cast<bool>(directory), "permissions", on_this_system("Cannot anchor new ", " staging directory"));
+  const Descriptor directory = open_new_level(parent.get(), name.c_str());
+  require_here(static_cast<bool>(directory), "permissions", "Cannot anchor new ", " staging directory");
   posix_files::secure_new_private(directory.get(), true);
   const auto made = status_of(directory.get());
   require(made && is_owned_at_0700(*made), "permissions", "New private staging directory permissions changed");

@@ -42,9 +42,11 @@ void require_private_node(int descriptor, bool directory);
 // link at its end. Fails with "unsafe_path" or "permissions".
 void require_private_path(const std::filesystem::path& path, bool directory);
 
-// Makes the directory private, with the missing levels above it, and proves it. Levels that
-// exist above it must be real directories reached without a link other than the system's own;
-// an existing last level of this user is tightened to 0700. At most 128 levels.
+// Makes the directory private, with the missing levels above it, and proves it. What is made has
+// mode 0700 whatever the process's mask. Levels that exist above it must be real directories reached
+// without a link other than the system's own. An existing last level of this user is set to 0700,
+// set-id and sticky bits included, but must be readable for that: one that is not is refused with
+// "unsafe_path". At most 128 levels below the root, the last included, are walked.
 // Fails with "unsafe_path", "size_limit", "permissions" or "file_sync"; levels that were made
 // before a failure stay, empty and private.
 void private_directory(const std::filesystem::path& path);
@@ -70,7 +72,9 @@ Descriptor open_passage(const std::filesystem::path& directory);
 // The same as posix_files::private_directory.
 void private_directory(const std::filesystem::path& path);
 
-// Makes a private directory that must not exist yet, in a parent that must. Fails with
+// Makes a private directory that must not exist yet, in a parent that must, of mode 0700 whatever the
+// process's mask; a set-group bit that it takes over from its parent is cleared. The parent may lie at most 128
+// levels below the root, so the new directory itself may be the 129th. Fails with
 // "unsafe_path", "size_limit", "permissions", and with "native_install_commit" when the name
 // exists, cannot be made or is changed meanwhile; then the directory may be left behind.
 void private_directory_new(const std::filesystem::path& path);

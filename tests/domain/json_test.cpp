@@ -1,5 +1,6 @@
 #include "domain/json.hpp"
 
+#include <algorithm>
 #include <cmath>
 #include <limits>
 #include <new>
@@ -109,16 +110,62 @@ TEST(ParseJson, ChecksTheDepthBeforeTheNumber) {
 
 TEST(ParseJson, GivesTheLibrarysOwnWordsForWhatIsNotJson) {
   for (const char* text : {"", "[1,]", "// x", "/* x */ 1", "{} {}", "{\"a\"}", "\"\xff\"", "\"\n\"", "[1", "nul",
-                           "1e999", "{,}", "'a'", "01", "+1", "\"\\ud800\""}) {
+                           "1e400", "1e999", "{,}", "'a'", "01", "+1", "\"\\ud800\""}) {
     ASSERT_NE(library_message(text), "none") << text;
     EXPECT_FAILURE(parse_json(text, limit), "invalid_json", library_message(text)) << text;
   }
 }
 
+TEST(ParseJson, RefusesEveryByteBehindTheValueButWhiteSpace) {
+  for (const std::string value : {"{}", "[1]", "\"x\"", "true"}) {
+    for (int byte = 0; byte < 256; ++byte) {
+      const char c = static_cast<char>(byte);
+      const bool white_space = c == ' ' || c == '\t' || c == '\n' || c == '\r';
+      for (const std::string& tail : {std::string(1, c), c + std::string("garbage"), "\n" + std::string(1, c) + " "}) {
+        const auto failure = testing::failure_of([&] { parse_json(value + tail, limit); });
+        const bool accepted = white_space && tail.find('g') == std::string::npos;
+        EXPECT_EQ(failure ? failure->code : "none", accepted ? "none" : "invalid_json") << value << " and " << byte;
+      }
+    }
+  }
+}
+
+TEST(ParseJson, RefusesEveryByteAheadOfTheValueButWhiteSpace) {
+  for (int byte = 0; byte < 256; ++byte) {
+    const char c = static_cast<char>(byte);
+    const bool white_space = c == ' ' || c == '\t' || c == '\n' || c == '\r';
+    const auto failure = testing::failure_of([&] { parse_json(c + std::string("{}"), limit); });
+    EXPECT_EQ(failure ? failure->code : "none", white_space ? "none" : "invalid_json") << byte;
+  }
+  EXPECT_EQ(parse_json("\xEF\xBB\xBF{}", limit), Json::object());
+}
+
+TEST(ParseJson, RefusesANulWhereverItStands) {
+  const auto with_nul = [](std::string text) {
+    std::replace(text.begin(), text.end(), '#', '\0');
+    return text;
+  };
+  EXPECT_FAILURE(parse_json(with_nul("{}#garbage"), limit), "invalid_json",
+                 "[json.exception.parse_error.101] parse error at byte 3: syntax error while parsing value - invalid "
+                 "literal; last read: '<U+0000>'; expected end of input");
+  for (const char* text : {"#", "#{}", "{}#", "{} #", "7#", "7#8", "{}#{}", "[1#]", "[1,#2]", "{\"a\"#:1}",
+                           "{\"a\":1#}", "\"a#b\"", "{\"a#b\":1}", "\"a\\#\"", "tr#ue", "1#.5", "-#"}) {
+    const auto failure = testing::failure_of([&] { parse_json(with_nul(text), limit); });
+    EXPECT_EQ(failure ? failure->code : "none", "invalid_json") << text;
+  }
+  EXPECT_EQ(parse_json("\"a\\u0000b\"", limit), Json(std::string("a\0b", 3)));
+}
+
+TEST(ParseJson, KeepsTheFailureThatComesFirst) {
+  EXPECT_FAILURE(parse_json(std::string("1.5\0x", 5), limit), "invalid_number", floating);
+  EXPECT_FAILURE(parse_json(std::string("{\"a\":1,\"a\":2}\0", 14), limit), "duplicate_key", duplicate);
+}
+
 TEST(ParseJson, AgreesWithTheCallbackParser) {
   for (const std::string& text :
        {std::string("[1,{\"a\":[]},\"x\"]"), std::string("{\"a\":1,\"a\":1.5}"), std::string("{\"a\":1.5,\"a\":1}"),
-        std::string("[1.5,"), nested(66, "[", "", ""), nested(70, "{\"a\":", "", ""), std::string("[{\"a\":1,\"a\"")}) {
+        std::string("{}\0garbage", 10), std::string("[1,2] \0", 7), std::string("[\0]", 3), std::string("[1.5,"),
+        nested(66, "[", "", ""), nested(70, "{\"a\":", "", ""), std::string("[{\"a\":1,\"a\"")}) {
     const auto expected = testing::failure_of([&] { testing::reference_parse_json(text, limit); });
     if (expected) {
       EXPECT_FAILURE(parse_json(text, limit), expected->code, expected->what()) << text;

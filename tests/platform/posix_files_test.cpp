@@ -317,6 +317,55 @@ TEST_F(PosixFiles, PrivateDirectoryTightensOnlyTheLastLevel) {
   EXPECT_EQ(mode_of(root_ / "a/b"), 0700u);
 }
 
+TEST_F(PosixFiles, PrivateDirectoryRefusesALastLevelThatItCannotRead) {
+  private_node("a", true);
+  const testing::OrdinaryUser user(root_);
+  for (const mode_t mode : {0000u, 0100u, 0200u, 0300u}) {
+    const testing::WithMode closed(root_ / "a", mode);
+    for (const char* path : {"a", "a/"}) {
+      EXPECT_FAILURE(private_directory(root_ / path), "unsafe_path", "Linux directory ancestry is missing or linked")
+          << std::oct << mode;
+    }
+    EXPECT_FAILURE(atomic_write(root_ / "a/record", "content"), "unsafe_path",
+                   "Linux directory ancestry is missing or linked");
+    EXPECT_EQ(mode_of(root_ / "a"), mode);
+  }
+  EXPECT_EQ(root_.names(), (std::vector<std::string>{"a/"}));
+}
+
+TEST_F(PosixFiles, PrivateDirectorySetsTheModeOfALastLevelThatItCanRead) {
+  private_node("a", true);
+  const testing::OrdinaryUser user(root_);
+  for (const mode_t mode : {0400u, 0500u, 0600u, 0755u, 01700u, 02700u, 04700u}) {
+    ASSERT_EQ(chmod((root_ / "a").c_str(), mode), 0);
+    private_directory(root_ / "a");
+    EXPECT_EQ(mode_of(root_ / "a"), 0700u) << std::oct << mode;
+  }
+}
+
+TEST_F(PosixFiles, PrivateDirectoryRefusesAnUnreadableLastLevelOfAnotherUser) {
+  if (!testing::is_root()) {
+    GTEST_SKIP() << "only user 0 can leave a directory of its own to another user";
+  }
+  private_node("a", true);
+  const testing::OrdinaryUser user(root_);
+  ASSERT_EQ(seteuid(0), 0);
+  ASSERT_EQ(chown((root_ / "a").c_str(), 0, 0), 0);
+  ASSERT_EQ(chmod((root_ / "a").c_str(), 0711), 0);
+  ASSERT_EQ(seteuid(65534), 0);
+  EXPECT_FAILURE(private_directory(root_ / "a"), "unsafe_path", "Linux directory ancestry is missing or linked");
+  EXPECT_EQ(mode_of(root_ / "a"), 0711u);
+}
+
+TEST_F(PosixFiles, PrivateDirectoryNewClearsASetGroupBitOfItsParent) {
+  private_node("a", true);
+  ASSERT_EQ(chmod((root_ / "a").c_str(), 02700), 0);
+  private_directory_new(root_ / "a/new");
+  private_directory(root_ / "a/made");
+  EXPECT_EQ(mode_of(root_ / "a/new"), 0700u);
+  EXPECT_EQ(mode_of(root_ / "a/made"), 0700u);
+}
+
 TEST_F(PosixFiles, PrivateDirectoryRefusesADirectoryOfAnotherUser) {
   if (!testing::is_root()) {
     GTEST_SKIP() << "only user 0 can give a directory away";

@@ -2,6 +2,7 @@
 // keys: slow, plain, and independent of the one that it is a witness for.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <set>
 #include <string>
@@ -39,7 +40,14 @@ inline Json reference_parse_json(std::string_view input, std::uint64_t limit) {
     return true;
   };
   try {
-    return Json::parse(input, check);
+    Json value = Json::parse(input, check);
+    // The parser stops at a NUL that follows the value.
+    if (const std::size_t end = input.find('\0'); end != std::string_view::npos) {
+      throw Error("invalid_json", "[json.exception.parse_error.101] parse error at byte " + std::to_string(end + 1) +
+                                      ": syntax error while parsing value - invalid literal; last read: '<U+0000>'; "
+                                      "expected end of input");
+    }
+    return value;
   } catch (const Json::exception& problem) {
     throw Error("invalid_json", problem.what());
   }
