@@ -1,16 +1,19 @@
-// A ledger of shortcuts is refused by one code, or is within its bounds; and whatever it says, a removal by it takes
-// no file but one whose digest it knows. In the input an "@" stands for the directory that the shortcuts lie in.
+// A ledger of shortcuts is refused by one code, or every row is one that a creation could have written; and whatever
+// it says, a removal by it takes no file but one whose digest it knows, and none through a user's link. In the input an
+// "@" stands for the directory that the shortcuts lie in.
 
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <filesystem>
 #include <optional>
+#include <set>
 #include <string>
 #include <string_view>
 #include <vector>
 
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include "domain/crypto.hpp"
 #include "domain/error.hpp"
@@ -45,18 +48,44 @@ std::optional<std::vector<ravok::OwnedShortcut>> rows_of(const std::filesystem::
   }
 }
 
-void check_removal(const ravok::testing::TemporaryRoot& root, const std::vector<ravok::OwnedShortcut>& rows) {
-  const std::filesystem::path ours = root.write("desktop/ours", content);
-  const std::filesystem::path link = root / "desktop/link";
-  if (!std::filesystem::is_symlink(link)) {
-    std::filesystem::create_symlink("ours", link);
+void check_rows(const std::filesystem::path& data, const std::vector<ravok::OwnedShortcut>& rows) {
+  must_hold(rows.size() <= 128, "the rows are counted");
+  std::set<std::string> paths;
+  for (const ravok::OwnedShortcut& row : rows) {
+    must_hold(row.path.is_absolute() && row.path == row.path.lexically_normal(), "a path is absolute and normal");
+    must_hold(row.path.extension() == ravok::native_shortcut_extension(), "a path is of this system's form");
+    must_hold(!row.path.native().starts_with(data.native() + "/"), "a path leads out of the data folder");
+    must_hold(paths.insert(row.path).second, "no path stands twice");
+    must_hold(!row.name.empty() && row.name.size() <= 512, "a name is bounded");
+    must_hold(row.game.size() <= 80, "a game is bounded");
+    must_hold(row.sha256.size() == 64 && row.sha256.find_first_not_of("0123456789abcdef") == std::string::npos,
+              "a digest is one");
   }
+}
+
+void make_link(const std::filesystem::path& target, const std::filesystem::path& link) {
+  if (!std::filesystem::is_symlink(link)) {
+    std::filesystem::create_symlink(target, link);
+    // What user 0 links to may count as the system's own.
+    must_hold(!ravok::testing::is_root() || lchown(link.c_str(), 65534, 65534) == 0, "a link is a user's");
+  }
+}
+
+void check_removal(const ravok::testing::TemporaryRoot& root, const std::vector<ravok::OwnedShortcut>& rows) {
+  const std::string name = "ours" + std::string(ravok::native_shortcut_extension());
+  const std::filesystem::path ours = root.write("desktop/" + name, content);
+  const std::filesystem::path far = root.write("elsewhere/" + name, content);
+  const std::filesystem::path link = root / ("desktop/link" + std::string(ravok::native_shortcut_extension()));
+  make_link(name, link);
+  make_link("../elsewhere", root / "desktop/far");
   const bool known = std::any_of(rows.begin(), rows.end(), [&](const ravok::OwnedShortcut& row) {
-    return row.sha256 == ravok::digest(content, "sha256");
+    return row.path == ours && row.sha256 == ravok::digest(content, "sha256");
   });
   const ravok::ShortcutRemoval removal = ravok::remove_owned_native_shortcuts(root / "data");
-  must_hold(known || (removal.removed.empty() && std::filesystem::exists(ours)), "only what is known is removed");
+  must_hold(known == !std::filesystem::exists(ours), "what is known is removed, and nothing else");
+  must_hold(removal.removed.size() == (known ? 1u : 0u), "what is removed is told");
   must_hold(std::filesystem::is_symlink(link), "a link is never removed");
+  must_hold(std::filesystem::exists(far), "nothing is removed through a link");
   must_hold(removal.removed.size() + removal.changed.size() <= rows.size(), "every row is told of once");
   must_hold(rows_of(root / "data").value().empty(), "a removal empties the ledger");
 }
@@ -74,7 +103,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   if (!rows) {
     return 0;
   }
-  must_hold(rows->size() <= 128, "the rows are counted");
+  check_rows(root / "data", *rows);
   // Nothing of the machine's own is at stake, whatever the input names.
   if (std::all_of(rows->begin(), rows->end(), [&](const ravok::OwnedShortcut& row) {
         return row.path.lexically_normal().native().starts_with(directory + "/");

@@ -34,10 +34,8 @@ Descriptor open_for_reading(const std::filesystem::path& path) {
   return Descriptor(retry_interrupted([&] { return open(path.c_str(), read_flags); }));
 }
 
-// Opens an ordinary file and tells its size in bytes.
-Descriptor open_ordinary(const std::filesystem::path& path, std::uint64_t& size) {
-  require_no_nul(path);
-  Descriptor file = open_for_reading(path);
+// Returns the status of a file that was just opened for reading, and proves that it is an ordinary one.
+FileStatus require_ordinary(const Descriptor& file, const std::filesystem::path& path) {
   if (!file) {
     fail(errno == ELOOP ? "unsafe_path" : "file_read", "Cannot open file: " + path_utf8(path));
   }
@@ -45,8 +43,7 @@ Descriptor open_ordinary(const std::filesystem::path& path, std::uint64_t& size)
   if (!status || !S_ISREG(status->st_mode) || status->st_size < 0) {
     fail("unsafe_path", "Expected an ordinary file: " + path_utf8(path));
   }
-  size = static_cast<std::uint64_t>(status->st_size);
-  return file;
+  return *status;
 }
 
 // Reads exactly `count` bytes, which must be all that is left.
@@ -68,8 +65,9 @@ std::string read_to_end(int file, std::size_t count) {
 }
 
 std::string read_ordinary(const std::filesystem::path& path, std::uint64_t limit, bool tail, std::uint64_t* total) {
-  std::uint64_t size = 0;
-  const Descriptor file = open_ordinary(path, size);
+  require_no_nul(path);
+  const Descriptor file = open_for_reading(path);
+  const auto size = static_cast<std::uint64_t>(require_ordinary(file, path).st_size);
   if (total != nullptr) {
     *total = size;
   }
@@ -167,6 +165,9 @@ class Transaction {
     }
   }
 
+  // Flushes the file and keeps it open.
+  void flush() { require_transaction(posix_files::sync(file_.get()) == 0, "Cannot synchronize transaction file"); }
+
   void replace() {
     constexpr const char* not_committed = "Cannot commit transaction file";
     require_parent_in_place(not_committed);
@@ -181,6 +182,15 @@ class Transaction {
     require_transaction(linkat(parent(), name_.c_str(), parent(), destination_.name().c_str(), 0) == 0, not_created);
     require_transaction(remove(), "Cannot finish export transaction");
     committed_ = true;
+  }
+
+  // Removes the destination if it is this file, which must still be open.
+  void remove_created() const {
+    const auto made = status_of(file_.get());
+    const auto named = link_status_at(parent(), destination_.name().c_str());
+    if (made && named && same_file(*made, *named)) {
+      unlinkat(parent(), destination_.name().c_str(), 0);
+    }
   }
 
  private:
@@ -208,17 +218,24 @@ class Transaction {
   bool committed_ = false;
 };
 
+void require_no_link(const Destination& destination) {
+  require(!destination.is_link(), "unsafe_path", "Refusing to replace a symbolic link");
+}
+
 Destination open_destination(const std::filesystem::path& path, bool is_private) {
   require_no_nul(path);
   const std::filesystem::path parent = path.parent_path();
   Destination destination{path, is_private ? posix_files::open_private_directory(parent) : open_export_parent(parent)};
-  require(!destination.is_link(), "unsafe_path", "Refusing to replace a symbolic link");
+  require_no_link(destination);
   return destination;
 }
 
-void flush_parent(const Destination& destination) {
-  flush_and_close(
-      Descriptor(retry_interrupted([&] { return openat(destination.parent.get(), ".", posix_files::walk_flags); })));
+Destination open_proved_destination(const std::filesystem::path& path) {
+  require_no_nul(path);
+  Destination destination{path, posix_files::open_passage(path.parent_path())};
+  require(static_cast<bool>(destination.parent), "unsafe_path", "Export parent must be an existing plain directory");
+  require_no_link(destination);
+  return destination;
 }
 
 void write_to(const Destination& destination, std::string_view bytes, const Writer& writer) {
@@ -234,7 +251,7 @@ void write_to(const Destination& destination, std::string_view bytes, const Writ
     transaction.create();
   }
   if (writer.durable) {
-    flush_parent(destination);
+    sync_open_directory(destination.parent.get());
   }
 }
 
@@ -246,6 +263,16 @@ void atomic_file(const std::filesystem::path& path, std::string_view bytes, cons
 
 std::string read_file(const std::filesystem::path& path, std::uint64_t limit) {
   return read_ordinary(path, limit, false, nullptr);
+}
+
+OpenedFile read_file_at(int directory, const std::string& name, std::uint64_t limit) {
+  require_no_nul(name);
+  OpenedFile opened{Descriptor(retry_interrupted([&] { return openat(directory, name.c_str(), read_flags); })), {}, {}};
+  opened.status = require_ordinary(opened.file, name);
+  const auto size = static_cast<std::uint64_t>(opened.status.st_size);
+  require(size <= limit, "size_limit", "File exceeds read limit");
+  opened.bytes = read_to_end(opened.file.get(), static_cast<std::size_t>(size));
+  return opened;
 }
 
 std::string read_file_tail(const std::filesystem::path& path, std::uint64_t limit, std::uint64_t* total) {
@@ -270,6 +297,10 @@ void sync_directory(const std::filesystem::path& path) {
       Descriptor(retry_interrupted([&] { return open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC); })));
 }
 
+void sync_open_directory(int directory) {
+  flush_and_close(Descriptor(retry_interrupted([&] { return openat(directory, ".", posix_files::walk_flags); })));
+}
+
 void atomic_write(const std::filesystem::path& path, std::string_view bytes) {
   atomic_file(path, bytes, {.replace = true, .is_private = true, .durable = true});
 }
@@ -287,6 +318,20 @@ void atomic_private_create(const std::filesystem::path& path, std::string_view b
 
 void atomic_create(const std::filesystem::path& path, std::string_view bytes) {
   atomic_file(path, bytes, {.replace = false, .is_private = false, .durable = true});
+}
+
+void atomic_create_or_remove(const std::filesystem::path& path, std::string_view bytes) {
+  const Destination destination = open_proved_destination(path);
+  Transaction transaction(destination, 0600);
+  transaction.write_all(bytes);
+  transaction.flush();
+  try {
+    transaction.create();
+    sync_open_directory(destination.parent.get());
+  } catch (const Error&) {
+    transaction.remove_created();
+    throw;
+  }
 }
 
 void replace_private_file(const std::filesystem::path& path, std::string_view bytes) {
@@ -310,7 +355,7 @@ void ExportFile::write(std::string_view bytes) { implementation_->transaction.wr
 void ExportFile::commit() {
   implementation_->transaction.close(true);
   implementation_->transaction.create();
-  flush_parent(implementation_->destination);
+  sync_open_directory(implementation_->destination.parent.get());
 }
 
 }  // namespace ravok

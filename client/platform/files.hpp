@@ -11,6 +11,9 @@
 #include <string>
 #include <string_view>
 
+#include "platform/descriptor.hpp"
+#include "platform/file_status.hpp"
+
 namespace ravok {
 
 // Returns the whole of an ordinary file of at most `limit` bytes. Fails with "unsafe_path" for a
@@ -22,12 +25,25 @@ std::string read_file(const std::filesystem::path& path, std::uint64_t limit);
 // file's whole size in `total`, which may be null. Fails as read_file does, but for the bound.
 std::string read_file_tail(const std::filesystem::path& path, std::uint64_t limit, std::uint64_t* total);
 
+// A file's bytes, and the file itself: while it is open, no other file can have its identity.
+struct OpenedFile {
+  Descriptor file;
+  FileStatus status;
+  std::string bytes;
+};
+
+// Reads a file by its name in an open directory, which may be open only to pass through. Fails as read_file does.
+OpenedFile read_file_at(int directory, const std::string& name, std::uint64_t limit);
+
 // Flushes an ordinary file with one name, which must still be the one at the path afterwards, to
 // stable storage. Fails with "file_sync".
 void sync_file(const std::filesystem::path& path);
 
 // Flushes a directory's names to stable storage. Fails with "file_sync".
 void sync_directory(const std::filesystem::path& path);
+
+// The same for an open directory, which may be open only to pass through.
+void sync_open_directory(int directory);
 
 // The writers make a file of mode 0600. All fail with "unsafe_path" for a destination that is a
 // link, "insufficient_space" on a full disk, "file_write" for every other failed step, and
@@ -48,6 +64,11 @@ void atomic_private_create(const std::filesystem::path& path, std::string_view b
 // Makes a file that must not exist yet in a directory of the user's choice, which must be there
 // and no link, durably.
 void atomic_create(const std::filesystem::path& path, std::string_view bytes);
+
+// The same, but no link above the file is followed, except the system's own, and a failure leaves nothing: a file that
+// is in place, and could not be finished or flushed, is removed again. Only the file that this call has made is ever
+// removed, whatever has come to its name meanwhile.
+void atomic_create_or_remove(const std::filesystem::path& path, std::string_view bytes);
 
 // Replaces or makes a private file whose last update may be lost in a crash: nothing is flushed.
 void replace_private_file(const std::filesystem::path& path, std::string_view bytes);

@@ -3,6 +3,7 @@
 #include <cstddef>
 #include <optional>
 #include <string_view>
+#include <utility>
 
 #include "domain/error.hpp"
 #include "domain/identifier.hpp"
@@ -52,9 +53,19 @@ std::string in_quotes(std::string_view argument) {
   return text + '"';
 }
 
+// What the command line begins with: the program. Its path must not hold an equals sign by the standard, and desktops
+// look for a file of that path before they undo the doubling of a percent sign. A shell takes such a path as an
+// argument, where both may stand, and becomes that program.
+std::string program(const std::string& bootstrap) {
+  const std::string quoted = in_quotes(bootstrap);
+  if (bootstrap.find_first_of("%=") == std::string::npos) {
+    return quoted;
+  }
+  return "/bin/sh -c " + in_quotes(R"(exec "$0" "$@")") + " " + quoted;
+}
+
 std::string command_line(const DesktopShortcut& shortcut) {
-  std::string line =
-      in_quotes(path_utf8(shortcut.bootstrap)) + " --data-dir " + in_quotes(path_utf8(shortcut.data_root));
+  std::string line = program(path_utf8(shortcut.bootstrap)) + " --data-dir " + in_quotes(path_utf8(shortcut.data_root));
   if (!shortcut.game_id.empty()) {
     line += " --launch " + in_quotes(shortcut.game_id);
   }
@@ -98,12 +109,18 @@ std::string linux_desktop_entry(const DesktopShortcut& shortcut) {
   return text + "Terminal=false\nCategories=Game;\n";
 }
 
-Json create_linux_desktop_entry(const DesktopShortcut& shortcut, const std::filesystem::path& path) {
-  const std::string text = linux_desktop_entry(shortcut);
+shortcut_rules::NewFile prove_linux_desktop_entry(const DesktopShortcut& shortcut, const std::filesystem::path& path,
+                                                  shortcut_rules::Taken taken) {
+  std::string text = linux_desktop_entry(shortcut);
   require(path.extension() == ".desktop", "shortcut_path", "Linux desktop entries must end in .desktop");
-  shortcut_rules::require_new_file(shortcut, path, words);
+  shortcut_rules::NewFile file = shortcut_rules::prove_new_file(shortcut, path, std::move(text), words, taken);
   shortcut_rules::require_stable_bootstrap(shortcut.bootstrap, "Linux");
-  return shortcut_rules::create_file(shortcut, path, text);
+  return file;
+}
+
+Json create_linux_desktop_entry(const DesktopShortcut& shortcut, const std::filesystem::path& path) {
+  const shortcut_rules::NewFile file = prove_linux_desktop_entry(shortcut, path, shortcut_rules::Taken::refused);
+  return shortcut_rules::create_file(shortcut, file.path, file.text);
 }
 
 }  // namespace ravok

@@ -2,6 +2,7 @@
 
 #include <array>
 #include <cstdint>
+#include <utility>
 
 #include "domain/error.hpp"
 #include "domain/identifier.hpp"
@@ -67,13 +68,19 @@ DesktopShortcut parse_macos_launch_document(std::string_view text) {
   return shortcut;
 }
 
-Json create_macos_launch_document(const DesktopShortcut& shortcut, const std::filesystem::path& path) {
-  const std::string text = macos_launch_document(shortcut);
+shortcut_rules::NewFile prove_macos_launch_document(const DesktopShortcut& shortcut, const std::filesystem::path& path,
+                                                    shortcut_rules::Taken taken) {
+  std::string text = macos_launch_document(shortcut);
   require(path.extension() == ".ravok-launch", "shortcut_path", "macOS launch documents must end in .ravok-launch");
-  shortcut_rules::require_new_file(shortcut, path, words);
+  shortcut_rules::NewFile file = shortcut_rules::prove_new_file(shortcut, path, std::move(text), words, taken);
   // No document is to exist that nothing can open.
   register_macos_shortcut_handler(shortcut.bootstrap);
-  return shortcut_rules::create_file(shortcut, path, text);
+  return file;
+}
+
+Json create_macos_launch_document(const DesktopShortcut& shortcut, const std::filesystem::path& path) {
+  const shortcut_rules::NewFile file = prove_macos_launch_document(shortcut, path, shortcut_rules::Taken::refused);
+  return shortcut_rules::create_file(shortcut, file.path, file.text);
 }
 
 void register_macos_shortcut_handler(const std::filesystem::path& bootstrap) {

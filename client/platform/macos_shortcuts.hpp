@@ -19,8 +19,13 @@ std::string macos_launch_document(const DesktopShortcut& shortcut);
 // "shortcut_text", "shortcut_path", and as parse_json and validate_identifier do.
 DesktopShortcut parse_macos_launch_document(std::string_view text);
 
-// Writes a new launch document and returns what was made. Fails with "shortcut_path", "already_exists", as
-// register_macos_shortcut_handler and atomic_create do; then there is no new file.
+// Proves all that a new launch document needs, registers the application that opens it, and writes nothing. Fails with
+// "shortcut_path", "already_exists", and as macos_launch_document and register_macos_shortcut_handler do.
+shortcut_rules::NewFile prove_macos_launch_document(const DesktopShortcut& shortcut, const std::filesystem::path& path,
+                                                    shortcut_rules::Taken taken);
+
+// Writes a new launch document, whose name nothing may have yet, and returns what was made. Fails as
+// prove_macos_launch_document and atomic_create do; then there is no new file.
 Json create_macos_launch_document(const DesktopShortcut& shortcut, const std::filesystem::path& path);
 
 // Registers the application beside the stable bootstrap as the one that opens launch documents. Fails with

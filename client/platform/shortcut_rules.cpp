@@ -1,6 +1,8 @@
 #include "platform/shortcut_rules.hpp"
 
 #include <algorithm>
+#include <optional>
+#include <utility>
 
 #include <unistd.h>
 
@@ -9,17 +11,28 @@
 #include "domain/paths.hpp"
 #include "platform/file_status.hpp"
 #include "platform/files.hpp"
+#include "platform/os.hpp"
 #include "platform/path_keys.hpp"
+#include "platform/shortcut_file.hpp"
 
 namespace ravok::shortcut_rules {
 namespace {
 
-bool holds(const std::filesystem::path& path, const std::string& text) {
-  try {
-    return read_file(path, text.size()) == text;
-  } catch (const Error&) {
-    return false;
+// Whether the file is just what would be written, and nobody else's.
+bool is_same(const OpenedFile& file, const std::string& text) {
+  return is_single_link_file(file.status) && file.status.st_uid == geteuid() && file.bytes == text;
+}
+
+// What has the name, or nothing for what a request has to preserve.
+std::optional<Found> find(const std::filesystem::path& path, const std::string& text, Taken taken) {
+  if (is_missing(path)) {
+    return Found::nothing;
   }
+  const std::optional<OpenedFile> file = taken == Taken::refused ? std::nullopt : ShortcutFile(path).read();
+  if (file && is_same(*file, text)) {
+    return Found::same;
+  }
+  return file && taken == Taken::replaced ? std::optional(Found::other) : std::nullopt;
 }
 
 bool is_control(char c) { return static_cast<unsigned char>(c) < 32 || c == 127; }
@@ -30,6 +43,10 @@ bool is_absolute_and_normal(const std::filesystem::path& path) {
 }
 
 }  // namespace
+
+std::string_view extension() {
+  return os::shortcut_form() == os::ShortcutForm::desktop_entry ? ".desktop" : ".ravok-launch";
+}
 
 void bounded_text(std::string_view text, std::size_t bound) {
   require(!text.empty() && text.size() <= bound && std::none_of(text.begin(), text.end(), is_control), "shortcut_text",
@@ -54,10 +71,13 @@ void ordinary(const std::filesystem::path& path, bool directory) {
           "Shortcut inputs need existing ordinary files and directories");
 }
 
+bool is_key_within(const std::string& inner, const std::string& outer) {
+  // The key of a volume's root has the separator already.
+  return inner == outer || inner.starts_with(outer.ends_with('/') ? outer : outer + "/");
+}
+
 bool lies_within(const std::filesystem::path& place, const std::filesystem::path& directory) {
-  const std::string inner = path_keys::path_key(place);
-  const std::string outer = path_keys::directory_key(directory);
-  return inner == outer || inner.starts_with(outer + "/");
+  return is_key_within(path_keys::path_key(place), path_keys::directory_key(directory));
 }
 
 bool is_in_launcher_payload(const std::filesystem::path& directory) {
@@ -70,7 +90,8 @@ bool is_in_launcher_payload(const std::filesystem::path& directory) {
   return false;
 }
 
-void require_new_file(const DesktopShortcut& shortcut, const std::filesystem::path& path, const FormWords& words) {
+NewFile prove_new_file(const DesktopShortcut& shortcut, const std::filesystem::path& path, std::string text,
+                       const FormWords& words, Taken taken) {
   const std::filesystem::path parent = path.parent_path();
   ordinary(shortcut.bootstrap, false);
   ordinary(shortcut.data_root, true);
@@ -79,8 +100,14 @@ void require_new_file(const DesktopShortcut& shortcut, const std::filesystem::pa
           std::string(words.plural) + " must be outside application data");
   require(!is_in_launcher_payload(parent), "shortcut_path",
           std::string(words.plural) + " must be outside managed launcher payloads");
-  require(is_missing(path), "already_exists",
+  const std::optional<Found> found = find(path, text, taken);
+  require(found.has_value(), "already_exists",
           std::string(words.destination) + " destination already exists; it was preserved");
+  return {path, std::move(text), *found};
+}
+
+void require_new_file(const DesktopShortcut& shortcut, const std::filesystem::path& path, const FormWords& words) {
+  prove_new_file(shortcut, path, {}, words, Taken::refused);
 }
 
 void require_stable_bootstrap(const std::filesystem::path& bootstrap, std::string_view system) {
@@ -91,15 +118,7 @@ void require_stable_bootstrap(const std::filesystem::path& bootstrap, std::strin
 }
 
 Json create_file(const DesktopShortcut& shortcut, const std::filesystem::path& path, const std::string& text) {
-  try {
-    atomic_create(path, text);
-  } catch (const Error&) {
-    // It may be in place, and only not durable.
-    if (holds(path, text)) {
-      unlink(path.c_str());
-    }
-    throw;
-  }
+  atomic_create_or_remove(path, text);
   return {{"schema_version", 1},
           {"created", true},
           {"path", path_utf8(path)},

@@ -2,14 +2,11 @@
 
 #include <algorithm>
 #include <cstddef>
-#include <cstdint>
-#include <exception>
 #include <optional>
 #include <system_error>
 #include <utility>
 
-#include <fcntl.h>
-#include <unistd.h>
+#include <sys/stat.h>
 
 #include "domain/crypto.hpp"
 #include "domain/error.hpp"
@@ -17,7 +14,6 @@
 #include "domain/paths.hpp"
 #include "platform/complete_install.hpp"
 #include "platform/file_status.hpp"
-#include "platform/files.hpp"
 #include "platform/linux_shortcuts.hpp"
 #include "platform/macos_shortcuts.hpp"
 #include "platform/native_lock.hpp"
@@ -25,133 +21,17 @@
 #include "platform/path_keys.hpp"
 #include "platform/posix_files.hpp"
 #include "platform/process.hpp"
+#include "platform/shortcut_file.hpp"
 
 namespace ravok {
 namespace {
 
-constexpr std::uint64_t ledger_limit = 262'144;
-constexpr std::uint64_t shortcut_limit = 65'536;
-constexpr std::size_t maximum_rows = 128;
-constexpr std::size_t environment_bound = 8192;
-constexpr const char* ledger_kind = "ravok-shortcuts";
-
+using shortcut_rules::Found;
+using shortcut_rules::NewFile;
+using shortcut_rules::Taken;
 using Rows = std::vector<OwnedShortcut>;
 
-std::filesystem::path ledger_path(const std::filesystem::path& root) { return root / "native/shortcuts.json"; }
-
-FileLock lock_ledger(const std::filesystem::path& root) {
-  return FileLock(root / "native/shortcuts.lock", true, LockMode::exclusive);
-}
-
-Rows read_rows(const std::filesystem::path& path) {
-  const Json document = parse_json(read_file(path, ledger_limit), ledger_limit);
-  require(is_integer(document.at("schema_version"), 1) && document.at("kind") == ledger_kind &&
-              document.at("entries").is_array() && document.at("entries").size() <= maximum_rows,
-          "shortcut_ledger", "Unsupported shortcut list " + path_utf8(path));
-  Rows rows;
-  for (const Json& entry : document.at("entries")) {
-    rows.push_back({path_from_utf8(text_at(entry, "path")), text_at(entry, "game"), text_at(entry, "name"),
-                    text_at(entry, "sha256")});
-  }
-  return rows;
-}
-
-Rows read_ledger(const std::filesystem::path& root) {
-  const std::filesystem::path path = ledger_path(root);
-  if (is_missing(path)) {
-    return {};
-  }
-  try {
-    return read_rows(path);
-  } catch (const Error& error) {
-    if (error.code == "shortcut_ledger") {
-      throw;
-    }
-  } catch (const Json::exception&) {
-    // As malformed as what cannot be read.
-  }
-  fail("shortcut_ledger", "Shortcut list is malformed: " + path_utf8(path));
-}
-
-void write_ledger(const std::filesystem::path& root, const Rows& rows) {
-  Json entries = Json::array();
-  for (const OwnedShortcut& row : rows) {
-    entries.push_back({{"path", path_utf8(row.path)}, {"game", row.game}, {"name", row.name}, {"sha256", row.sha256}});
-  }
-  const Json document = {{"schema_version", 1}, {"kind", ledger_kind}, {"entries", std::move(entries)}};
-  const std::string text = document.dump();
-  require(text.size() <= ledger_limit, "size_limit", "Too many recorded shortcuts");
-  atomic_write(ledger_path(root), text);
-}
-
-// Whether the file is the one that was made. What is missing, or can no longer be read, is not.
-bool is_unchanged(const OwnedShortcut& row) {
-  const auto status = link_status_of(row.path);
-  if (!status || !S_ISREG(status->st_mode)) {
-    return false;
-  }
-  try {
-    return digest(read_file(row.path, shortcut_limit), "sha256") == row.sha256;
-  } catch (const Error&) {
-    return false;
-  }
-}
-
-OwnedShortcut recorded(const DesktopShortcut& shortcut, const std::filesystem::path& path) {
-  return {path, shortcut.game_id, shortcut.name, digest(read_file(path, shortcut_limit), "sha256")};
-}
-
-// A new shortcut that goes again unless it comes to be recorded.
-class Unrecorded {
- public:
-  explicit Unrecorded(std::filesystem::path path) : path_(std::move(path)), made_(link_status_of(path_)) {}
-  ~Unrecorded() {
-    const auto status = made_ ? link_status_of(path_) : std::nullopt;
-    if (status && same_file(*status, *made_)) {
-      unlink(path_.c_str());
-    }
-  }
-  Unrecorded(const Unrecorded&) = delete;
-  Unrecorded& operator=(const Unrecorded&) = delete;
-
-  void dismiss() { made_.reset(); }
-
- private:
-  std::filesystem::path path_;
-  std::optional<FileStatus> made_;
-};
-
-// A file that stands aside while another takes its place, and comes back unless that succeeds. It never comes back
-// over what others have put there meanwhile.
-class StandAside {
- public:
-  explicit StandAside(std::filesystem::path path) : path_(std::move(path)), aside_(path_) {
-    const auto status = link_status_of(path_);
-    if (status && S_ISREG(status->st_mode)) {
-      aside_ += "." + random_id() + ".tmp";
-      moved_ = rename(path_.c_str(), aside_.c_str()) == 0;
-      require(moved_, "shortcut_path", "Cannot replace a changed shortcut");
-    }
-  }
-  ~StandAside() {
-    if (moved_) {
-      os::rename_exclusive(AT_FDCWD, aside_.c_str(), AT_FDCWD, path_.c_str());
-    }
-  }
-  StandAside(const StandAside&) = delete;
-  StandAside& operator=(const StandAside&) = delete;
-
-  void dismiss() {
-    if (std::exchange(moved_, false)) {
-      unlink(aside_.c_str());
-    }
-  }
-
- private:
-  std::filesystem::path path_;
-  std::filesystem::path aside_;
-  bool moved_ = false;
-};
+constexpr std::size_t environment_bound = 8192;
 
 void require_plain_way(const std::filesystem::path& parent) {
   std::filesystem::path level = parent.root_path();
@@ -173,11 +53,148 @@ std::filesystem::path launch_document_directory() {
   return std::filesystem::path(*home) / "Desktop";
 }
 
+// Makes the folder of the default shortcuts where it is missing; any other must be there, and reached without a link.
+void provide_folder(const std::filesystem::path& folder) {
+  if (is_missing(folder)) {
+    require(folder == native_menu_directory(), "shortcut_path",
+            "Custom shortcut destinations require an existing parent directory");
+    private_directory(folder);
+  } else {
+    require_plain_way(folder);
+  }
+}
+
+NewFile prove_native_shortcut(const DesktopShortcut& shortcut, const std::filesystem::path& path, Taken taken) {
+  const std::filesystem::path target = shortcut_rules::absolute_path(path);
+  provide_folder(target.parent_path());
+  return os::shortcut_form() == os::ShortcutForm::desktop_entry ? prove_linux_desktop_entry(shortcut, target, taken)
+                                                                : prove_macos_launch_document(shortcut, target, taken);
+}
+
+// Makes the file, unless it is already there, and replaces another where that was allowed.
+void put_in_place(const DesktopShortcut& shortcut, const NewFile& file) {
+  if (file.found == Found::same) {
+    return;
+  }
+  std::optional<StandAside> other;
+  if (file.found == Found::other) {
+    other.emplace(file.path);
+  }
+  shortcut_rules::create_file(shortcut, file.path, file.text);
+  if (other) {
+    other->dismiss();
+  }
+}
+
+OwnedShortcut row_of(const DesktopShortcut& shortcut, const NewFile& file) {
+  return {file.path, shortcut.game_id, shortcut.name, digest(file.text, "sha256")};
+}
+
+void write_if_possible(const std::filesystem::path& root, const Rows& rows) {
+  try {
+    shortcut_ledger::write(root, rows);
+  } catch (const Error&) {
+    // The caller says why the ledger that stays does no harm.
+  }
+}
+
+// Puts a file in its place with a ledger that already names it, so that no file is ever there that the ledger does not
+// know, wherever the process ends. A row whose file is not there yet is made good by the next making or restoring.
+void put_recorded(const std::filesystem::path& root, const Rows& before, const Rows& after,
+                  const DesktopShortcut& shortcut, const NewFile& file) {
+  try {
+    shortcut_ledger::write(root, after);
+    put_in_place(shortcut, file);
+  } catch (const Error&) {
+    write_if_possible(root, before);
+    throw;
+  }
+}
+
+void require_outside(const std::filesystem::path& target, const std::filesystem::path& root) {
+  require(!shortcut_rules::lies_within(target, root), "shortcut_path", "Shortcuts must be outside the data folder");
+}
+
+// A request that is refused is to leave no lock file behind, so its place is proved ahead of the lock. Whoever holds
+// the lock may make or remove that very file meanwhile, which the key of its path then refuses; only the look under the
+// lock counts in that case.
+FileLock lock_for(const std::filesystem::path& target, const std::filesystem::path& root) {
+  bool needs_another_look = false;
+  try {
+    require_outside(target, root);
+  } catch (const Error& error) {
+    needs_another_look = error.code == "unsafe_path" && !is_missing(shortcut_ledger::lock_path(root));
+    if (!needs_another_look) {
+      throw;
+    }
+  }
+  FileLock lock = shortcut_ledger::lock(root);
+  if (needs_another_look) {
+    require_outside(target, root);
+  }
+  return lock;
+}
+
+// Whether the file is the one that was made. What is missing, or can no longer be read, is not.
+bool is_unchanged(const std::optional<OpenedFile>& file, const OwnedShortcut& row) {
+  return file && digest(file->bytes, "sha256") == row.sha256;
+}
+
+// A removal of recorded shortcuts, one after the other.
+class Removal {
+ public:
+  void remove(const OwnedShortcut& row) {
+    if (is_missing(row.path)) {
+      return;
+    }
+    ShortcutFile place(row.path);
+    const std::optional<OpenedFile> file = place.read();
+    const auto outcome = is_unchanged(file, row) ? place.remove(*file) : ShortcutFile::Removal::replaced;
+    if (outcome == ShortcutFile::Removal::removed) {
+      removed_.push_back(row.path);
+      keep_folder(std::move(place));
+    } else if (outcome == ShortcutFile::Removal::replaced) {
+      changed_.push_back(row.path);
+    } else if (outcome == ShortcutFile::Removal::failed) {
+      changed_.push_back(row.path);
+      kept_.push_back(row);
+    }
+  }
+
+  // Makes the removals durable. Fails with "file_sync".
+  void flush() const {
+    for (const ShortcutFile& folder : folders_) {
+      folder.flush_folder();
+    }
+  }
+
+  // The rows of shortcuts that are the client's own and could not be removed.
+  const Rows& kept() const { return kept_; }
+
+  ShortcutRemoval told() const { return {removed_, changed_}; }
+
+ private:
+  void keep_folder(ShortcutFile place) {
+    if (std::none_of(folders_.begin(), folders_.end(),
+                     [&](const ShortcutFile& each) { return each.shares_folder(place); })) {
+      folders_.push_back(std::move(place));
+    }
+  }
+
+  std::vector<std::filesystem::path> removed_;
+  std::vector<std::filesystem::path> changed_;
+  Rows kept_;
+  std::vector<ShortcutFile> folders_;
+};
+
+bool has_ledger_folder(const std::filesystem::path& root) {
+  std::error_code ignored;
+  return std::filesystem::is_directory(root / "native", ignored);
+}
+
 }  // namespace
 
-std::string_view native_shortcut_extension() {
-  return os::shortcut_form() == os::ShortcutForm::desktop_entry ? ".desktop" : ".ravok-launch";
-}
+std::string_view native_shortcut_extension() { return shortcut_rules::extension(); }
 
 std::filesystem::path native_menu_directory() {
   return os::shortcut_form() == os::ShortcutForm::desktop_entry ? linux_menu_directory() : launch_document_directory();
@@ -197,109 +214,94 @@ std::filesystem::path native_menu_entry(const std::filesystem::path& data_root, 
 }
 
 void create_native_shortcut(const DesktopShortcut& shortcut, const std::filesystem::path& path) {
-  const std::filesystem::path target = shortcut_rules::absolute_path(path);
-  const std::filesystem::path parent = target.parent_path();
-  if (is_missing(parent)) {
-    require(parent == native_menu_directory(), "shortcut_path",
-            "Custom shortcut destinations require an existing parent directory");
-    private_directory(parent);
-  } else {
-    require_plain_way(parent);
-  }
-  if (os::shortcut_form() == os::ShortcutForm::desktop_entry) {
-    create_linux_desktop_entry(shortcut, target);
-  } else {
-    create_macos_launch_document(shortcut, target);
-  }
+  put_in_place(shortcut, prove_native_shortcut(shortcut, path, Taken::refused));
 }
 
 Json create_owned_native_shortcut(const DesktopShortcut& shortcut, const std::filesystem::path& path) {
   const std::filesystem::path root = shortcut_rules::absolute_path(shortcut.data_root);
   require_complete_native_install(root);
   const std::filesystem::path target = shortcut_rules::absolute_path(path);
-  require(!shortcut_rules::lies_within(target, root), "shortcut_path", "Shortcuts must be outside the data folder");
-  const FileLock lock = lock_ledger(root);
-  Rows rows = read_ledger(root);
+  const FileLock lock = lock_for(target, root);
+  const Rows before = shortcut_ledger::read(root);
+  Rows rows = before;
   const auto row =
       std::find_if(rows.begin(), rows.end(), [&](const OwnedShortcut& each) { return each.path == target; });
   const auto answer = [&](bool created, const std::string& game) {
     return Json({{"schema_version", 1}, {"created", created}, {"path", path_utf8(target)}, {"game_id", game}});
   };
-  if (row != rows.end() && is_unchanged(*row)) {
+  if (row != rows.end() && is_unchanged(ShortcutFile(target).read(), *row)) {
     return answer(false, row->game);
   }
-  std::optional<StandAside> changed;
+  require(row != rows.end() || rows.size() < shortcut_ledger::maximum_rows, "size_limit",
+          "Too many recorded shortcuts");
+  const NewFile file = prove_native_shortcut(shortcut, target, row != rows.end() ? Taken::replaced : Taken::adopted);
   if (row != rows.end()) {
-    changed.emplace(target);
+    *row = row_of(shortcut, file);
   } else {
-    require(rows.size() < maximum_rows, "size_limit", "Too many recorded shortcuts");
+    rows.push_back(row_of(shortcut, file));
   }
-  create_native_shortcut(shortcut, target);
-  Unrecorded made(target);
-  if (row != rows.end()) {
-    *row = recorded(shortcut, target);
-  } else {
-    rows.push_back(recorded(shortcut, target));
-  }
-  write_ledger(root, rows);
-  made.dismiss();
-  if (changed) {
-    changed->dismiss();
-  }
-  return answer(true, shortcut.game_id);
+  put_recorded(root, before, rows, shortcut, file);
+  return answer(file.found != Found::same, shortcut.game_id);
 }
 
 std::vector<OwnedShortcut> owned_native_shortcuts(const std::filesystem::path& data_root) {
-  return read_ledger(data_root);
+  return shortcut_ledger::read(data_root);
 }
 
 ShortcutRemoval remove_owned_native_shortcuts(const std::filesystem::path& data_root) {
-  ShortcutRemoval removal;
-  std::error_code ignored;
-  if (!std::filesystem::is_directory(data_root / "native", ignored)) {
-    return removal;
+  if (!has_ledger_folder(data_root)) {
+    return {};
   }
-  const FileLock lock = lock_ledger(data_root);
-  for (const OwnedShortcut& row : read_ledger(data_root)) {
-    if (is_missing(row.path)) {
-      continue;
-    }
-    if (!is_unchanged(row)) {
-      removal.changed.push_back(row.path);
-      continue;
-    }
-    require(unlink(row.path.c_str()) == 0, "file_remove", "Cannot remove a recorded shortcut");
-    removal.removed.push_back(row.path);
+  const FileLock lock = shortcut_ledger::lock(data_root);
+  Removal removal;
+  for (const OwnedShortcut& row : shortcut_ledger::read(data_root)) {
+    removal.remove(row);
   }
-  for (const std::filesystem::path& path : removal.removed) {
-    sync_directory(path.parent_path());
+  removal.flush();
+  require(removal.kept().empty(), "file_remove", "Cannot remove a recorded shortcut");
+  shortcut_ledger::write(data_root, {});
+  return removal.told();
+}
+
+ShortcutRemoval release_owned_native_shortcuts(const std::filesystem::path& data_root) {
+  if (!has_ledger_folder(data_root)) {
+    return {};
   }
-  write_ledger(data_root, {});
-  return removal;
+  const FileLock lock = shortcut_ledger::lock(data_root);
+  Removal removal;
+  for (const OwnedShortcut& row : shortcut_ledger::read(data_root)) {
+    removal.remove(row);
+  }
+  try {
+    removal.flush();
+    shortcut_ledger::write(data_root, removal.kept());
+  } catch (const Error&) {
+    // The rows that stay name nothing any more, or what a power cut has brought back; the next release takes them.
+  }
+  return removal.told();
 }
 
 std::vector<std::filesystem::path> restore_owned_native_shortcuts(const std::filesystem::path& data_root,
                                                                   const std::filesystem::path& bootstrap) {
-  const FileLock lock = lock_ledger(data_root);
-  Rows rows = read_ledger(data_root);
+  const FileLock lock = shortcut_ledger::lock(data_root);
+  Rows rows = shortcut_ledger::read(data_root);
   std::vector<std::filesystem::path> made;
-  for (OwnedShortcut& row : rows) {
-    if (is_missing(row.path)) {
-      const DesktopShortcut shortcut = {bootstrap, data_root, row.game, row.name};
-      try {
-        create_native_shortcut(shortcut, row.path);
-        Unrecorded unrecorded(row.path);
-        row = recorded(shortcut, row.path);
-        unrecorded.dismiss();
-      } catch (const Error&) {
-        // What has been made so far is known by its new content.
-        write_ledger(data_root, rows);
-        throw;
-      }
-      made.push_back(row.path);
+  for (std::size_t i = 0; i < rows.size(); ++i) {
+    if (!is_missing(rows[i].path)) {
+      continue;
     }
+    const DesktopShortcut shortcut = {bootstrap, data_root, rows[i].game, rows[i].name};
+    const NewFile file = prove_native_shortcut(shortcut, rows[i].path, Taken::refused);
+    const Rows before = rows;
+    rows[i] = row_of(shortcut, file);
+    if (rows[i].sha256 == before[i].sha256) {
+      put_in_place(shortcut, file);
+    } else {
+      put_recorded(data_root, before, rows, shortcut, file);
+    }
+    made.push_back(file.path);
   }
-  write_ledger(data_root, rows);
+  shortcut_ledger::write(data_root, rows);
   return made;
 }
 

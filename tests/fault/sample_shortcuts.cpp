@@ -3,6 +3,7 @@
 //
 //   sample_shortcuts create ROOT BOOTSTRAP PATH
 //   sample_shortcuts remove ROOT                   prints "removed PATH" and "changed PATH"
+//   sample_shortcuts release ROOT                  prints the same
 //   sample_shortcuts restore ROOT BOOTSTRAP        prints "made PATH"
 
 #include <filesystem>
@@ -26,8 +27,9 @@ int run(const std::vector<std::string>& arguments) {
   const std::string action = arguments.empty() ? "" : arguments[0];
   if (action == "create" && arguments.size() == 4) {
     create_owned_native_shortcut({arguments[2], arguments[1], "game", "The Game"}, arguments[3]);
-  } else if (action == "remove" && arguments.size() == 2) {
-    const ShortcutRemoval removal = remove_owned_native_shortcuts(arguments[1]);
+  } else if ((action == "remove" || action == "release") && arguments.size() == 2) {
+    const ShortcutRemoval removal =
+        action == "remove" ? remove_owned_native_shortcuts(arguments[1]) : release_owned_native_shortcuts(arguments[1]);
     print("removed", removal.removed);
     print("changed", removal.changed);
   } else if (action == "restore" && arguments.size() == 3) {

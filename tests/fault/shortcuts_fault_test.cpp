@@ -1,8 +1,9 @@
-// Whatever call of a shortcut's making, removal or restoring is spoilt: the ledger is the old one or the new one, what
-// is not the client's own stays as it was, and the next run does its work.
+// Whatever call of a shortcut's making, removal or restoring is spoilt: the ledger is the old one or the new one, no
+// file is there that it does not know, what is not the client's own stays as it was, and the next run does its work.
 
 #include <algorithm>
 #include <csignal>
+#include <cstddef>
 #include <filesystem>
 #include <functional>
 #include <iostream>
@@ -13,6 +14,7 @@
 #include <vector>
 
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include "domain/crypto.hpp"
 #include "fault/fault_runner.hpp"
@@ -37,11 +39,6 @@ Codes operator+(Codes some, const Codes& others) {
 const Codes codes_of_writing = codes_of_reading + Codes{"file_write", "insufficient_space"};
 const Codes codes_of_making = codes_of_writing + Codes{"already_exists", "native_install_incomplete", "shortcut_path"};
 const Codes codes_of_removing = codes_of_writing + Codes{"file_remove"};
-
-// After these words a written record is in place, and only perhaps not durable.
-bool is_in_place(const std::string& words) {
-  return words.starts_with("file_sync: ") || words == "file_write: Cannot finish export transaction (5)\n";
-}
 
 class ShortcutsFault : public ::testing::Test {
  protected:
@@ -88,6 +85,7 @@ class ShortcutsFault : public ::testing::Test {
   }
   ProgramRun creating() const { return sample({"create", place_.data(), place_.bootstrap(), path("new")}); }
   ProgramRun removing() const { return sample({"remove", place_.data()}); }
+  ProgramRun releasing() const { return sample({"release", place_.data()}); }
   ProgramRun restoring() const { return sample({"restore", place_.data(), place_.bootstrap()}); }
   ProgramResult after(const ProgramRun& run) const { return run_with_fault(run, place_.root().path()).result; }
 
@@ -143,6 +141,13 @@ class ShortcutsFault : public ::testing::Test {
     EXPECT_EQ(place_.read(place_.home() / "target.desktop"), "foreign");
   }
 
+  std::ptrdiff_t rows_of(const std::string& name) const {
+    const Json document = parse_json(ledger(), 262'144);
+    const Json& entries = document.at("entries");
+    return std::count_if(entries.begin(), entries.end(),
+                         [&](const Json& entry) { return entry.at("path") == path(name).native(); });
+  }
+
   // Whether this is the first time that a spoilt run has left just this behind.
   bool is_new_state() {
     static const std::regex random("[0-9a-f]{32}");
@@ -163,6 +168,7 @@ class ShortcutsFault : public ::testing::Test {
     }
     EXPECT_EQ(after(creating()).errors, "");
     EXPECT_EQ(place_.read(path("new")), made_);
+    EXPECT_EQ(rows_of("new"), 1);
     const ProgramResult removal = after(removing());
     EXPECT_EQ(removal.errors, "");
     EXPECT_FALSE(exists("new"));
@@ -194,19 +200,37 @@ TEST_F(ShortcutsFault, ANewShortcutIsMadeAndRecordedOrIsNeither) {
     const bool recorded = ledger() == new_ledger();
     EXPECT_TRUE(recorded || ledger() == old_ledger()) << ledger();
     EXPECT_LE(strays().size(), ends_process(outcome.mode) ? 1u : 0u);
-    EXPECT_TRUE(!exists("new") || place_.read(path("new")) == made_);
+    EXPECT_TRUE(!exists("new") || (recorded && place_.read(path("new")) == made_));
     if (outcome.result.exit_code == 0) {
-      EXPECT_TRUE(recorded && exists("new"));
+      EXPECT_TRUE(exists("new"));
     } else if (!ends_process(outcome.mode)) {
-      EXPECT_FALSE(exists("new")) << outcome.result.errors;
+      EXPECT_FALSE(recorded || exists("new")) << outcome.result.errors;
     }
-    if (exists("new") && !recorded) {
-      // It could be anybody's, and is preserved.
-      EXPECT_EQ(after(creating()).errors,
-                "already_exists: Desktop-entry destination already exists; it was preserved\n");
-      EXPECT_EQ(place_.read(path("new")), made_);
-      std::filesystem::remove(path("new"));
-    }
+    judge_next_runs();
+  };
+  try_all(plan);
+}
+
+// The ledger went with its data folder, and the file is as it would be written.
+TEST_F(ShortcutsFault, AShortcutOfAFormerLedgerIsRecordedAndNeverTouched) {
+  FaultPlan plan;
+  plan.run = creating();
+  struct stat before = {};
+  plan.reset = [&] {
+    reset();
+    place_.write(path("new"), made_);
+    ASSERT_EQ(lstat(path("new").c_str(), &before), 0);
+  };
+  plan.judge = [&](const FaultOutcome& outcome) {
+    judge_ending(outcome, codes_of_making);
+    judge_foreign();
+    struct stat now = {};
+    ASSERT_EQ(lstat(path("new").c_str(), &now), 0);
+    EXPECT_EQ(now.st_ino, before.st_ino);
+    EXPECT_EQ(place_.read(path("new")), made_);
+    const bool recorded = ledger() == new_ledger();
+    EXPECT_TRUE(recorded || ledger() == old_ledger()) << ledger();
+    EXPECT_TRUE(recorded || outcome.result.exit_code != 0);
     judge_next_runs();
   };
   try_all(plan);
@@ -228,16 +252,17 @@ TEST_F(ShortcutsFault, AnEditedShortcutIsReplacedOrStaysSomewhere) {
       EXPECT_TRUE(recorded);
       EXPECT_EQ(place_.read(path("new")), made_);
     } else if (ends_process(outcome.mode)) {
-      // Until the ledger has the new one, what the user wrote is there, aside or in its place.
+      // Until the new one is in its place, what the user wrote is there, aside or in its own.
       const std::vector<std::string> aside = strays();
       const bool stays = (exists("new") && place_.read(path("new")) == "edited by the user") ||
                          std::any_of(aside.begin(), aside.end(), [&](const std::string& name) {
                            return place_.root().read(name) == "edited by the user";
                          });
-      EXPECT_TRUE(stays || recorded);
+      EXPECT_TRUE(stays || (recorded && exists("new") && place_.read(path("new")) == made_));
+      EXPECT_TRUE(!exists("new") || recorded || place_.read(path("new")) == "edited by the user");
     } else {
       EXPECT_EQ(place_.read(path("new")), "edited by the user") << outcome.result.errors;
-      EXPECT_TRUE(!recorded || is_in_place(outcome.result.errors)) << outcome.result.errors;
+      EXPECT_FALSE(recorded) << outcome.result.errors;
     }
     judge_next_runs();
   };
@@ -266,6 +291,59 @@ TEST_F(ShortcutsFault, ARemovalTakesOnlyTheClientsOwn) {
       EXPECT_FALSE(exists("ours"));
     }
     judge_next_runs();
+  };
+  try_all(plan);
+}
+
+TEST_F(ShortcutsFault, AReleaseTellsOfEveryShortcutThatStays) {
+  FaultPlan plan;
+  plan.run = releasing();
+  plan.reset = [&] { reset(); };
+  plan.judge = [&](const FaultOutcome& outcome) {
+    judge_ending(outcome, codes_of_reading);
+    judge_foreign();
+    const std::string kept_ledger = ledger_document(Json::array({row("ours", digest(made_, "sha256"))})).dump();
+    EXPECT_TRUE(ledger() == old_ledger() || ledger() == kept_ledger || ledger() == empty_ledger()) << ledger();
+    const bool looks_uninstalled = outcome.call.name == "stat" && outcome.call.path == place_.data() / "native";
+    if (outcome.result.exit_code == 0 && !looks_uninstalled) {
+      for (const char* const name : {"ours", "edited", "linked"}) {
+        const bool is_there = name != std::string("ours") || exists(name);
+        const std::string said = (is_there ? "changed " : "removed ") + path(name).native() + "\n";
+        EXPECT_NE(outcome.result.output.find(said), std::string::npos) << outcome.result.output;
+      }
+    }
+    judge_next_runs();
+  };
+  try_all(plan);
+}
+
+// The data folder has another bootstrap by now, and the restored shortcut another content.
+TEST_F(ShortcutsFault, ARestoringForAnotherBootstrapLeavesNoFileThatTheLedgerDoesNotKnow) {
+  DesktopShortcut moved = place_.shortcut();
+  moved.bootstrap = place_.write(place_.data() / "new/bin/ravok-bootstrap", "");
+  const std::string text = linux_desktop_entry(moved);
+  Json entries = old_entries();
+  entries[0] = row("ours", digest(text, "sha256"));
+  const std::string restored_ledger = ledger_document(entries).dump();
+  FaultPlan plan;
+  plan.run = sample({"restore", place_.data(), moved.bootstrap});
+  plan.reset = [&] {
+    reset();
+    std::filesystem::remove(path("ours"));
+  };
+  plan.judge = [&](const FaultOutcome& outcome) {
+    judge_ending(outcome, codes_of_making);
+    judge_foreign();
+    EXPECT_TRUE(ledger() == old_ledger() || ledger() == restored_ledger) << ledger();
+    EXPECT_TRUE(!exists("ours") || (place_.read(path("ours")) == text && ledger() == restored_ledger));
+    if (is_new_state()) {
+      EXPECT_EQ(after(plan.run).errors, "");
+      EXPECT_EQ(place_.read(path("ours")), text);
+      EXPECT_EQ(ledger(), restored_ledger);
+      EXPECT_EQ(after(removing()).errors, "");
+      EXPECT_FALSE(exists("ours"));
+      judge_foreign();
+    }
   };
   try_all(plan);
 }

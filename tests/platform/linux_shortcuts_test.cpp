@@ -1,5 +1,6 @@
 #include "platform/linux_shortcuts.hpp"
 
+#include <cstddef>
 #include <filesystem>
 #include <iterator>
 #include <optional>
@@ -11,6 +12,7 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include "support/companion.hpp"
 #include "support/desktop_entry.hpp"
 #include "support/failure.hpp"
 #include "support/ordinary_user.hpp"
@@ -27,6 +29,7 @@ using testing::started_by;
 using testing::WithEnvironment;
 
 constexpr const char* validator = "/usr/bin/desktop-file-validate";
+constexpr const char* launcher = "/usr/bin/gio";
 constexpr const char* unbounded = "Shortcut text must be bounded and contain no control characters";
 constexpr const char* not_below_root = "Shortcut paths must be absolute and normalized below a filesystem root";
 
@@ -42,12 +45,39 @@ constexpr const char* not_below_root = "Shortcut paths must be absolute and norm
   return ::testing::AssertionSuccess();
 }
 
+// What the program that a shortcut names is started with, itself first.
 std::vector<std::string> arguments_for(const DesktopShortcut& shortcut) {
   std::vector<std::string> arguments = {shortcut.bootstrap, "--data-dir", shortcut.data_root};
   if (!shortcut.game_id.empty()) {
     arguments.insert(arguments.end(), {"--launch", shortcut.game_id});
   }
   return arguments;
+}
+
+// The same for the program of its command line, which is a shell where no desktop would start the path itself.
+std::vector<std::string> command_for(const DesktopShortcut& shortcut) {
+  std::vector<std::string> command = arguments_for(shortcut);
+  if (shortcut.bootstrap.native().find_first_of("%=") != std::string::npos) {
+    command.insert(command.begin(), {"/bin/sh", "-c", "exec \"$0\" \"$@\""});
+  }
+  return command;
+}
+
+// What a desktop's own program, with nothing of this process's environment, starts by an entry: the lines that a
+// bootstrap writes of its arguments.
+std::vector<std::string> launched_by(const std::filesystem::path& path, std::size_t lines) {
+  if (!std::filesystem::exists(launcher)) {
+    throw std::runtime_error(std::string(launcher) + " is missing; scripts/install-packages installs it");
+  }
+  testing::Companion launch("/usr/bin/env", {"-i", "HOME=/nonexistent", launcher, "launch", path});
+  std::vector<std::string> told;
+  // The bootstrap may go on after the launcher; it ends the pipe that both write to.
+  for (std::size_t line = 0; line < lines; ++line) {
+    told.push_back(launch.read_line());
+  }
+  EXPECT_EQ(launch.read_line(), "") << path;
+  EXPECT_EQ(launch.wait(), 0) << path;
+  return told;
 }
 
 // Names of places that mean something to a shell, to the standard or to a reader of lines.
@@ -77,6 +107,17 @@ const std::vector<std::string> difficult_names = {
     "--launch",
     "[Desktop Entry]",
     "Exec=x",
+    "-dash",
+    "-c",
+    "%",
+    "=",
+    "%%f=%U",
+    "\"%=$`\\' x",
+    "%25",
+    "~",
+    "#",
+    ".hidden",
+    "'%'",
 };
 
 TEST(ExecRules, AreThoseOfTheStandard) {
@@ -115,10 +156,36 @@ TEST(DesktopEntry, StartsExactlyWhatWasAskedForFromEveryPlace) {
       const std::filesystem::path path = place.desktop() / (std::string("entry") + game + ".desktop");
       const DesktopShortcut shortcut = place.shortcut(game, "The Game");
       create_linux_desktop_entry(shortcut, path);
-      EXPECT_EQ(started_by(place.read(path)), arguments_for(shortcut)) << place.read(path);
+      EXPECT_EQ(started_by(place.read(path)), command_for(shortcut)) << place.read(path);
       EXPECT_TRUE(is_valid_entry(path)) << place.read(path);
     }
   }
+}
+
+TEST(DesktopEntry, IsStartedByADesktopFromEveryPlace) {
+  for (const std::string& name : difficult_names) {
+    const ShortcutPlace place(name);
+    place.write(place.bootstrap(), "#!/bin/sh\nprintf '%s\\n' \"$0\" \"$@\"\n");
+    std::filesystem::permissions(place.bootstrap(), std::filesystem::perms::owner_all);
+    for (const char* const game : {"game", ""}) {
+      const std::filesystem::path path = place.desktop() / (std::string("entry") + game + ".desktop");
+      const DesktopShortcut shortcut = place.shortcut(game, name);
+      create_linux_desktop_entry(shortcut, path);
+      const std::vector<std::string> expected = arguments_for(shortcut);
+      EXPECT_EQ(launched_by(path, expected.size()), expected) << place.read(path);
+    }
+  }
+}
+
+TEST(DesktopEntry, StartsAPathThatNoDesktopStartsByTheShell) {
+  const auto line = [](const char* bootstrap) {
+    return desktop_entry(linux_desktop_entry({bootstrap, "/data=%", "game", "Client"})).at("Exec");
+  };
+  const std::string shell = R"(/bin/sh -c "exec \"\$0\" \"\$@\"" )";
+  EXPECT_EQ(line("/50%/ravok-bootstrap"), shell + R"("/50%%/ravok-bootstrap" --data-dir "/data=%%" --launch "game")");
+  EXPECT_EQ(line("/a=b/ravok-bootstrap"), shell + R"("/a=b/ravok-bootstrap" --data-dir "/data=%%" --launch "game")");
+  // Only the program's own path is in question.
+  EXPECT_EQ(line("/opt/ravok-bootstrap"), R"("/opt/ravok-bootstrap" --data-dir "/data=%%" --launch "game")");
 }
 
 TEST(DesktopEntry, ShowsExactlyTheNameThatWasGiven) {

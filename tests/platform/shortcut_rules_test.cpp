@@ -16,6 +16,7 @@ using shortcut_rules::absolute_path;
 using shortcut_rules::absolute_path_below_root;
 using shortcut_rules::bounded_text;
 using shortcut_rules::is_in_launcher_payload;
+using shortcut_rules::is_key_within;
 using shortcut_rules::lies_within;
 using shortcut_rules::ordinary;
 using shortcut_rules::require_new_file;
@@ -107,6 +108,16 @@ TEST(ShortcutPlaces, LieWithinADirectoryByTheirKeys) {
   EXPECT_FALSE(lies_within(root / "ab", root / "a"));
   EXPECT_FALSE(lies_within(root / "ab/missing", root / "a"));
   EXPECT_FALSE(lies_within(root / "a", root / "a/b"));
+}
+
+TEST(ShortcutPlaces, LieWithinTheRootOfTheirVolume) {
+  EXPECT_TRUE(lies_within("/", "/"));
+  EXPECT_TRUE(is_key_within("linux-v1/volume/s/", "linux-v1/volume/s/"));
+  EXPECT_TRUE(is_key_within("linux-v1/volume/s/a", "linux-v1/volume/s/"));
+  EXPECT_TRUE(is_key_within("linux-v1/volume/s/a/b", "linux-v1/volume/s/a"));
+  EXPECT_FALSE(is_key_within("linux-v1/volume/s/ab", "linux-v1/volume/s/a"));
+  EXPECT_FALSE(is_key_within("linux-v1/other/s/a", "linux-v1/volume/s/"));
+  EXPECT_FALSE(is_key_within("linux-v1/volume/s/", "linux-v1/volume/s/a"));
 }
 
 TEST(LauncherPayload, IsWhatLiesInVersionsOrStagingOfALauncher) {

@@ -1,19 +1,29 @@
 #include "platform/shortcuts.hpp"
 
 #include <algorithm>
+#include <array>
+#include <atomic>
+#include <chrono>
 #include <filesystem>
+#include <fstream>
 #include <functional>
+#include <iterator>
+#include <map>
 #include <optional>
 #include <string>
 #include <string_view>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include "domain/crypto.hpp"
 #include "domain/error.hpp"
+#include "platform/linux_shortcuts.hpp"
 #include "platform/native_lock.hpp"
 #include "platform/os.hpp"
 #include "platform/path_keys.hpp"
@@ -73,6 +83,21 @@ class Shortcuts : public ::testing::Test {
     }
     std::sort(names.begin(), names.end());
     return names;
+  }
+
+  // A row for a file that is as the row says.
+  Json row_of(const std::filesystem::path& path) const {
+    return ledger_entry(path, digest(place_.read(path), "sha256"));
+  }
+  void record(const Json& entries) const { place_.write_ledger(ledger_document(entries).dump()); }
+
+  // What the text of a shortcut for a game would be now.
+  std::string text(const std::string& game = "game") const { return linux_desktop_entry(place_.shortcut(game)); }
+
+  struct stat status(const std::filesystem::path& path) const {
+    struct stat status = {};
+    EXPECT_EQ(lstat(path.c_str(), &status), 0) << path;
+    return status;
   }
 
   // A ledger of this many rows, of which none has a file.
@@ -209,7 +234,11 @@ TEST_F(Shortcuts, LieOutsideTheDataFolder) {
        {place_.data(), place_.data() / "a.desktop", place_.data() / "missing/a.desktop"}) {
     EXPECT_FAILURE(create(bad), "shortcut_path", "Shortcuts must be outside the data folder") << bad;
   }
-  EXPECT_FALSE(std::filesystem::exists(place_.ledger()));
+  testing::make_users_link(place_.desktop(), place_.home() / "link");
+  EXPECT_FAILURE(create(place_.home() / "link/a.desktop"), "unsafe_path",
+                 "Linux setup ancestry is linked, unavailable or changed");
+  // There is not even a lock.
+  EXPECT_FALSE(std::filesystem::exists(place_.data() / "native"));
   create(place_.write(place_.base() / "data2/keep", "").parent_path() / "a.desktop");
   EXPECT_EQ(rows().size(), 1u);
 }
@@ -254,13 +283,10 @@ TEST_F(Shortcuts, AreRecordedInTheOrderInWhichTheyWereMade) {
 TEST_F(Shortcuts, ThatAreThereUnchangedAreLeftAlone) {
   create(entry());
   const std::string before = ledger();
-  struct stat made = {};
-  ASSERT_EQ(lstat(entry().c_str(), &made), 0);
+  const struct stat made = status(entry());
   EXPECT_EQ(create(entry(), "other"),
             Json({{"schema_version", 1}, {"created", false}, {"path", entry().native()}, {"game_id", "game"}}));
-  struct stat now = {};
-  ASSERT_EQ(lstat(entry().c_str(), &now), 0);
-  EXPECT_EQ(now.st_ino, made.st_ino);
+  EXPECT_EQ(status(entry()).st_ino, made.st_ino);
   EXPECT_EQ(ledger(), before);
 }
 
@@ -325,6 +351,88 @@ TEST_F(Shortcuts, NeverTakeThePlaceOfALinkOrADirectoryThatReplacedThem) {
   EXPECT_EQ(ledger(), before);
 }
 
+TEST_F(Shortcuts, OutliveTheirDataFolderAndBelongToItsSuccessor) {
+  create(entry());
+  const struct stat made = status(entry());
+  std::filesystem::remove_all(place_.data() / "native");
+  EXPECT_EQ(create(entry()),
+            Json({{"schema_version", 1}, {"created", false}, {"path", entry().native()}, {"game_id", "game"}}));
+  const struct stat now = status(entry());
+  EXPECT_EQ(now.st_ino, made.st_ino);
+  EXPECT_EQ(now.st_mtim.tv_sec, made.st_mtim.tv_sec);
+  EXPECT_EQ(now.st_mtim.tv_nsec, made.st_mtim.tv_nsec);
+  EXPECT_EQ(now.st_ctim.tv_nsec, made.st_ctim.tv_nsec);
+  EXPECT_EQ(ledger(), ledger_document(Json::array({row_of(entry())})).dump());
+  EXPECT_EQ(on_desktop(), (std::vector<std::string>{"entry.desktop"}));
+  EXPECT_EQ(remove().removed, (std::vector<std::filesystem::path>{entry()}));
+}
+
+TEST_F(Shortcuts, ThatAreAsTheyWouldBeWrittenReplaceAStaleDigestUntouched) {
+  place_.write(entry(), text());
+  const struct stat made = status(entry());
+  record(Json::array({ledger_entry(entry())}));
+  EXPECT_EQ(create(entry()).at("created"), false);
+  EXPECT_EQ(status(entry()).st_ino, made.st_ino);
+  EXPECT_EQ(ledger(), ledger_document(Json::array({row_of(entry())})).dump());
+  EXPECT_EQ(remove().removed, (std::vector<std::filesystem::path>{entry()}));
+}
+
+TEST_F(Shortcuts, AreAdoptedOnlyWhenTheyAreTheUsersOwnToTheByte) {
+  place_.write(entry("longer"), text() + "\n");
+  place_.write(entry("shorter"), text().substr(0, text().size() - 1));
+  place_.write(entry("other game"), text("other"));
+  place_.write(entry("two names"), text());
+  std::filesystem::create_hard_link(entry("two names"), place_.home() / "second");
+  place_.write(place_.home() / "target", text());
+  std::filesystem::create_symlink(place_.home() / "target", entry("link"));
+  std::vector<std::string> names = {"longer", "shorter", "other game", "two names"};
+  if (testing::is_root()) {
+    place_.write(entry("foreign"), text());
+    ASSERT_EQ(chown(entry("foreign").c_str(), 65534, 65534), 0);
+    names.push_back("foreign");
+  }
+  for (const std::string& name : names) {
+    const std::string before = place_.read(entry(name));
+    const struct stat status_before = status(entry(name));
+    EXPECT_FAILURE(create(entry(name)), "already_exists", preserved) << name;
+    EXPECT_EQ(place_.read(entry(name)), before);
+    EXPECT_EQ(status(entry(name)).st_ino, status_before.st_ino);
+  }
+  expect_refused_link(entry("link"));
+  EXPECT_TRUE(rows().empty());
+}
+
+TEST_F(Shortcuts, AreAdoptedOnlyWhereTheyCouldBeMade) {
+  const std::filesystem::path payload = place_.base() / "other/launcher/versions/a.desktop";
+  place_.write(payload, text());
+  EXPECT_FAILURE(create(payload), "shortcut_path", "Desktop entries must be outside managed launcher payloads");
+  DesktopShortcut shortcut = place_.shortcut();
+  shortcut.bootstrap = place_.write(place_.data() / "bin/other", "");
+  place_.write(entry(), linux_desktop_entry(shortcut));
+  EXPECT_FAILURE(create_owned_native_shortcut(shortcut, entry()), "shortcut_bootstrap",
+                 "Linux shortcuts require the stable native bootstrap");
+  EXPECT_TRUE(rows().empty());
+}
+
+TEST_F(Shortcuts, AreNotAdoptedByAMakingThatRecordsNothing) {
+  create_native_shortcut(place_.shortcut(), entry());
+  EXPECT_FAILURE(create_native_shortcut(place_.shortcut(), entry()), "already_exists", preserved);
+  EXPECT_FAILURE(create_linux_desktop_entry(place_.shortcut(), entry()), "already_exists", preserved);
+}
+
+TEST_F(Shortcuts, NeverTakeThePlaceOfAChangedFileThatNoShortcutCanBe) {
+  create(entry());
+  const std::string before = ledger();
+  const std::string longest(65'536, 'a');
+  place_.write(entry(), longest + "a");
+  EXPECT_FAILURE(create(entry()), "already_exists", preserved);
+  EXPECT_EQ(place_.read(entry()), longest + "a");
+  EXPECT_EQ(ledger(), before);
+  place_.write(entry(), longest);
+  EXPECT_EQ(create(entry()).at("created"), true);
+  EXPECT_EQ(on_desktop(), (std::vector<std::string>{"entry.desktop"}));
+}
+
 TEST_F(Shortcuts, AreNotMadeForAClientInRepair) {
   place_.write(place_.data() / ".ravok-setup-incomplete", "");
   EXPECT_FAILURE(
@@ -354,13 +462,21 @@ TEST_F(Shortcuts, AreMadeAgainAlsoWhenTheLedgerIsFull) {
 }
 
 TEST_F(Shortcuts, NeverMakeALedgerThatCouldNotBeReadAgain) {
+  std::filesystem::path deep = place_.home() / "missing";
+  for (int i = 0; i < 10; ++i) {
+    deep /= std::string(200, 'd');
+  }
   Json entries = Json::array();
   for (int i = 0; i < 100; ++i) {
-    entries.push_back(ledger_entry(entry("row-" + std::to_string(i))));
-    entries.back()["game"] = std::string(2000, 'g');
+    entries.push_back(ledger_entry(deep / (std::to_string(i) + ".desktop")));
   }
   entries.push_back(ledger_entry(entry("changed")));
-  entries[0]["game"] = std::string(2000 + 262'144 - ledger_document(entries).dump().size(), 'g');
+  // The rest of the room goes to the names of as many rows as it takes.
+  for (std::size_t rest = 262'144 - ledger_document(entries).dump().size(), i = 0; rest > 0; ++i) {
+    const std::size_t part = std::min<std::size_t>(rest, 500);
+    entries.at(i)["name"] = text_at(entries.at(i), "name") + std::string(part, 'n');
+    rest -= part;
+  }
   const std::string full = ledger_document(entries).dump();
   ASSERT_EQ(full.size(), 262'144u);
   place_.write_ledger(full);
@@ -443,6 +559,90 @@ TEST_F(Shortcuts, RefuseALedgerWithARowThatIsMalformed) {
   Json row = ledger_entry(entry());
   row["path"] = std::string("/a\0b", 4);
   expect_refused_ledger(ledger_document(Json::array({row})).dump(), message);
+}
+
+TEST_F(Shortcuts, RefuseALedgerWithARowThatNoCreationWrites) {
+  const std::string message = "Shortcut list is malformed: " + place_.ledger().native();
+  const std::vector<std::pair<const char*, Json>> bad = {
+      {"path", "mine.desktop"},
+      {"path", "../Desktop/mine.desktop"},
+      {"path", (place_.home() / "../home/Desktop/mine.desktop").native()},
+      {"path", (place_.desktop() / "./mine.desktop").native()},
+      {"path", place_.desktop().native() + "//mine.desktop"},
+      {"path", entry("mine").native() + "/"},
+      {"path", (place_.desktop() / "mine").native()},
+      {"path", (place_.desktop() / "mine.txt").native()},
+      {"path", (place_.desktop() / "mine.ravok-launch").native()},
+      {"path", (place_.desktop() / ".desktop").native()},
+      {"path", (place_.desktop() / "mi\nne.desktop").native()},
+      {"path", "/" + std::string(4096, 'a') + ".desktop"},
+      {"path", "/"},
+      {"path", ""},
+      {"path", (place_.data() / "a.desktop").native()},
+      {"path", (place_.data() / "bootstrap/a.desktop").native()},
+      {"path", (place_.base() / "other/launcher/versions/1/a.desktop").native()},
+      {"game", "Game"},
+      {"game", "../game"},
+      {"game", std::string(81, 'g')},
+      {"name", ""},
+      {"name", std::string(513, 'n')},
+      {"name", "two\nlines"},
+      {"sha256", ""},
+      {"sha256", std::string(63, 'a')},
+      {"sha256", std::string(65, 'a')},
+      {"sha256", std::string(64, 'A')},
+      {"sha256", std::string(64, 'g')},
+  };
+  for (const auto& [key, value] : bad) {
+    Json row = ledger_entry(entry("mine"), digest("mine", "sha256"));
+    row[key] = value;
+    expect_refused_ledger(ledger_document(Json::array({ledger_entry(entry("good")), row})).dump(), message);
+  }
+}
+
+TEST_F(Shortcuts, RefuseALedgerWithOnePathTwice) {
+  const Json row = ledger_entry(entry("mine"), digest("mine", "sha256"));
+  Json other = ledger_entry(entry("mine"));
+  other["game"] = "other";
+  for (const Json& second : {row, other}) {
+    expect_refused_ledger(ledger_document(Json::array({row, second})).dump(),
+                          "Shortcut list is malformed: " + place_.ledger().native());
+  }
+}
+
+TEST_F(Shortcuts, RefuseALedgerWithARowInTheDataFolderBehindTheSystemsLink) {
+  if (!testing::is_root()) {
+    GTEST_SKIP() << "only user 0 can make a link that counts as the system's";
+  }
+  std::filesystem::create_directory_symlink(place_.data(), place_.base() / "system");
+  const std::filesystem::path inside = place_.data() / "a.desktop";
+  place_.write(inside, "mine");
+  place_.write_ledger(
+      ledger_document(Json::array({ledger_entry(place_.base() / "system/a.desktop", digest("mine", "sha256"))}))
+          .dump());
+  EXPECT_FAILURE(remove(), "shortcut_ledger", "Shortcut list is malformed: " + place_.ledger().native());
+  EXPECT_EQ(place_.read(inside), "mine");
+}
+
+TEST_F(Shortcuts, ReadEveryRowThatACreationWrites) {
+  const std::vector<std::string> names = {"a", std::string(512, 'n'), " \"';=%\\", "\xc3\xa9 \xf0\x9f\x8e\xae"};
+  const std::vector<std::string> games = {"", "a", std::string(80, 'g'), "a-b.c0"};
+  std::vector<std::filesystem::path> paths = {
+      entry("a.b"), entry(" "),       entry("%f=\"\\$`'"),         entry("\xc3\xa9 \xe6\xb8\xb8"),
+      entry("-"),   entry(".hidden"), entry(std::string(200, 'p'))};
+  const std::filesystem::path similar = place_.base() / "data2/launcher/version";
+  std::filesystem::create_directories(similar);
+  paths.push_back(similar / "a.desktop");
+  for (std::size_t i = 0; i < paths.size(); ++i) {
+    const std::string& name = names[i % names.size()];
+    const std::string& game = games[i / 2 % games.size()];
+    create_owned_native_shortcut(place_.shortcut(game, name), paths[i]);
+    ASSERT_EQ(rows().size(), i + 1);
+    EXPECT_EQ(rows()[i].path, paths[i]);
+    EXPECT_EQ(rows()[i].game, game);
+    EXPECT_EQ(rows()[i].name, name);
+  }
+  EXPECT_EQ(remove().removed, paths);
 }
 
 TEST_F(Shortcuts, ReadALedgerUpToItsBound) {
@@ -552,16 +752,111 @@ TEST_F(Shortcuts, ThatCannotBeReadCountAsChanged) {
   EXPECT_EQ(on_desktop(), (std::vector<std::string>{"entry.desktop"}));
 }
 
-TEST_F(Shortcuts, ThatCannotBeRemovedKeepTheLedger) {
-  std::filesystem::create_directory(place_.home() / "closed");
+TEST_F(Shortcuts, BehindALinkCountAsChanged) {
   create(entry());
-  create(place_.home() / "closed/entry.desktop");
+  const std::filesystem::path moved = place_.home() / "moved";
+  std::filesystem::rename(place_.desktop(), moved);
+  testing::make_users_link(moved, place_.desktop());
+  const ShortcutRemoval removal = remove();
+  EXPECT_TRUE(removal.removed.empty());
+  EXPECT_EQ(removal.changed, (std::vector<std::filesystem::path>{entry()}));
+  EXPECT_EQ(place_.read(moved / "entry.desktop"), text());
+  EXPECT_TRUE(rows().empty());
+}
+
+TEST_F(Shortcuts, BehindALinkAreNotReplaced) {
+  const std::filesystem::path far = place_.home() / "far";
+  const std::filesystem::path file = place_.write(far / "entry.desktop", "mine");
+  const struct stat before = status(file);
+  // The row was written while its folder was there; the request comes to a link in its place.
+  create(entry());
+  std::filesystem::remove_all(place_.desktop());
+  testing::make_users_link(far, place_.desktop());
+  const std::string old = ledger();
+  EXPECT_FAILURE(create(entry()), "unsafe_path", "Linux setup ancestry is linked, unavailable or changed");
+  EXPECT_EQ(place_.read(file), "mine");
+  EXPECT_EQ(status(file).st_ino, before.st_ino);
+  EXPECT_EQ(std::distance(std::filesystem::directory_iterator(far), {}), 1);
+  EXPECT_EQ(ledger(), old);
+}
+
+TEST_F(Shortcuts, ThatCannotBeRemovedKeepTheLedgerButNotTheOthers) {
+  std::filesystem::create_directory(place_.home() / "closed");
+  const std::filesystem::path kept = place_.home() / "closed/entry.desktop";
+  create(entry("a"));
+  create(kept);
+  create(entry("b"));
   const std::string before = ledger();
+  {
+    const testing::OrdinaryUser user(place_.root());
+    const testing::WithMode closed(place_.home() / "closed", 0500);
+    EXPECT_FAILURE(remove(), "file_remove", "Cannot remove a recorded shortcut");
+    EXPECT_EQ(ledger(), before);
+    EXPECT_TRUE(on_desktop().empty());
+    EXPECT_TRUE(std::filesystem::exists(kept));
+  }
   const testing::OrdinaryUser user(place_.root());
-  const testing::WithMode closed(place_.home() / "closed", 0500);
-  EXPECT_FAILURE(remove(), "file_remove", "Cannot remove a recorded shortcut");
-  EXPECT_EQ(ledger(), before);
-  EXPECT_TRUE(std::filesystem::exists(place_.home() / "closed/entry.desktop"));
+  const ShortcutRemoval removal = remove();
+  EXPECT_EQ(removal.removed, (std::vector<std::filesystem::path>{kept}));
+  EXPECT_TRUE(removal.changed.empty());
+  EXPECT_TRUE(rows().empty());
+}
+
+// --- Releasing ---------------------------------------------------------------------------------
+
+TEST_F(Shortcuts, AreReleasedAsTheyAreRemoved) {
+  create(entry("ours"));
+  create(entry("edited"));
+  create(entry("gone"));
+  place_.write(entry("edited"), "changed");
+  std::filesystem::remove(entry("gone"));
+  const ShortcutRemoval release = release_owned_native_shortcuts(place_.data());
+  EXPECT_EQ(release.removed, (std::vector<std::filesystem::path>{entry("ours")}));
+  EXPECT_EQ(release.changed, (std::vector<std::filesystem::path>{entry("edited")}));
+  EXPECT_EQ(on_desktop(), (std::vector<std::string>{"edited.desktop"}));
+  EXPECT_EQ(ledger(), ledger_document(Json::array()).dump());
+}
+
+TEST_F(Shortcuts, ThatCannotBeRemovedAreToldOfByEveryRelease) {
+  std::filesystem::create_directory(place_.home() / "closed");
+  const std::filesystem::path kept = place_.home() / "closed/entry.desktop";
+  create(entry("a"));
+  create(kept);
+  create(entry("b"));
+  create(entry("edited"));
+  place_.write(entry("edited"), "changed");
+  {
+    const testing::OrdinaryUser user(place_.root());
+    const testing::WithMode closed(place_.home() / "closed", 0500);
+    ShortcutRemoval release = release_owned_native_shortcuts(place_.data());
+    EXPECT_EQ(release.removed, (std::vector<std::filesystem::path>{entry("a"), entry("b")}));
+    EXPECT_EQ(release.changed, (std::vector<std::filesystem::path>{kept, entry("edited")}));
+    EXPECT_EQ(on_desktop(), (std::vector<std::string>{"edited.desktop"}));
+    EXPECT_EQ(ledger(), ledger_document(Json::array({row_of(kept)})).dump());
+    release = release_owned_native_shortcuts(place_.data());
+    EXPECT_TRUE(release.removed.empty());
+    EXPECT_EQ(release.changed, (std::vector<std::filesystem::path>{kept}));
+  }
+  const testing::OrdinaryUser user(place_.root());
+  const ShortcutRemoval release = release_owned_native_shortcuts(place_.data());
+  EXPECT_EQ(release.removed, (std::vector<std::filesystem::path>{kept}));
+  EXPECT_TRUE(release.changed.empty());
+  EXPECT_TRUE(rows().empty());
+}
+
+TEST_F(Shortcuts, AreNotReleasedByALedgerThatCannotBeRead) {
+  create(entry());
+  place_.write_ledger("{");
+  EXPECT_FAILURE(release_owned_native_shortcuts(place_.data()), "shortcut_ledger",
+                 "Shortcut list is malformed: " + place_.ledger().native());
+  EXPECT_EQ(on_desktop(), (std::vector<std::string>{"entry.desktop"}));
+  EXPECT_EQ(ledger(), "{");
+}
+
+TEST_F(Shortcuts, HaveNothingToReleaseWithoutAnInstallation) {
+  const ShortcutRemoval release = release_owned_native_shortcuts(place_.data());
+  EXPECT_TRUE(release.removed.empty() && release.changed.empty());
+  EXPECT_FALSE(std::filesystem::exists(place_.data() / "native"));
 }
 
 // --- Restoring ---------------------------------------------------------------------------------
@@ -622,18 +917,85 @@ TEST_F(Shortcuts, ThatAreRestoredBeforeOneThatCannotBeAreStillTheClientsOwn) {
   EXPECT_TRUE(removal.changed.empty());
 }
 
-TEST_F(Shortcuts, AreNotRestoredWhereALedgerMayNotPutThem) {
-  for (const std::filesystem::path& bad : {place_.data() / "a.desktop", place_.home() / "missing/a.desktop",
-                                           place_.home() / "a.txt", std::filesystem::path("a.desktop")}) {
-    const std::string content = ledger_document(Json::array({ledger_entry(bad)})).dump();
-    place_.write_ledger(content);
-    EXPECT_EQ(testing::failure_of([&] { restore(); }).value().code, "shortcut_path") << bad;
-    EXPECT_FALSE(std::filesystem::exists(bad));
-    EXPECT_EQ(ledger(), content);
-  }
+TEST_F(Shortcuts, AreNotRestoredInAFolderThatIsGone) {
+  const std::filesystem::path gone = place_.home() / "missing/a.desktop";
+  record(Json::array({ledger_entry(gone)}));
+  const std::string before = ledger();
+  EXPECT_FAILURE(restore(), "shortcut_path", "Custom shortcut destinations require an existing parent directory");
+  EXPECT_FALSE(std::filesystem::exists(gone.parent_path()));
+  EXPECT_EQ(ledger(), before);
+}
+
+TEST_F(Shortcuts, AreNotRestoredThroughALink) {
+  testing::make_users_link(place_.desktop(), place_.home() / "link");
+  record(Json::array({ledger_entry(place_.home() / "link/a.desktop")}));
+  const std::string before = ledger();
+  EXPECT_FAILURE(restore(), "shortcut_path", link_in_path);
+  EXPECT_TRUE(on_desktop().empty());
+  EXPECT_EQ(ledger(), before);
 }
 
 // --- One after the other -----------------------------------------------------------------------
+
+// Eight processes begin at once and ask 250 times each: for shortcuts that all of them want, and for some of their own.
+TEST_F(Shortcuts, AreMadeOnceHoweverManyProcessesAsk) {
+  constexpr int processes = 8;
+  constexpr int calls = 250;
+  std::array<int, 2> start = {};
+  ASSERT_EQ(pipe(start.data()), 0);
+  std::vector<pid_t> children;
+  for (int process = 0; process < processes; ++process) {
+    const pid_t child = fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+      close(start[1]);
+      char end = 0;
+      static_cast<void>(!read(start[0], &end, 1));
+      std::string told;
+      for (int call = 0; call < calls; ++call) {
+        const std::string name = call % 100 == 99 ? "own-" + std::to_string(process) + "-" + std::to_string(call)
+                                                  : "shared-" + std::to_string(call % 20);
+        std::string answer;
+        try {
+          answer = create(entry(name)).at("created") == true ? "made" : "there";
+        } catch (const Error& error) {
+          answer = error.code + ": " + error.what();
+        }
+        told += name + " " + answer + "\n";
+      }
+      std::ofstream(place_.base() / ("told-" + std::to_string(process))) << told;
+      _exit(0);
+    }
+    children.push_back(child);
+  }
+  close(start[0]);
+  close(start[1]);
+  for (const pid_t child : children) {
+    int status = -1;
+    EXPECT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_EQ(status, 0);
+  }
+  std::map<std::string, int> made;
+  int answers = 0;
+  for (int process = 0; process < processes; ++process) {
+    std::ifstream told(place_.base() / ("told-" + std::to_string(process)));
+    std::string name;
+    std::string answer;
+    while (told >> name && std::getline(told >> std::ws, answer)) {
+      ++answers;
+      EXPECT_TRUE(answer == "made" || answer == "there") << name << " " << answer;
+      made[name] += answer == "made" ? 1 : 0;
+    }
+  }
+  EXPECT_EQ(answers, processes * calls);
+  for (const auto& [name, times] : made) {
+    EXPECT_EQ(times, 1) << name;
+  }
+  EXPECT_EQ(made.size(), 20u + 2 * processes);
+  EXPECT_EQ(rows().size(), made.size());
+  EXPECT_EQ(on_desktop().size(), made.size());
+  EXPECT_EQ(remove().removed.size(), made.size());
+}
 
 TEST_F(Shortcuts, WaitForWhoeverHoldsTheirLedger) {
   create(entry());

@@ -6,6 +6,9 @@
 #include <string_view>
 #include <vector>
 
+#include <gtest/gtest.h>
+#include <unistd.h>
+
 #include "domain/json.hpp"
 #include "platform/shortcut_rules.hpp"
 #include "support/temporary_root.hpp"
@@ -57,6 +60,14 @@ class ShortcutPlace {
   const WithEnvironment home_;
   const WithEnvironment data_home_;
 };
+
+// Makes a link to a directory that counts as a user's, also where user 0's own would be the system's.
+inline void make_users_link(const std::filesystem::path& target, const std::filesystem::path& link) {
+  std::filesystem::create_directory_symlink(target, link);
+  if (is_root()) {
+    EXPECT_EQ(lchown(link.c_str(), 65534, 65534), 0);
+  }
+}
 
 // A ledger with these rows, each a path, a game, a name and a digest.
 inline Json ledger_document(const Json& entries) {
