@@ -116,12 +116,22 @@ LauncherStore::LauncherStore(const std::filesystem::path& root, bool allow_incom
   if (!allow_incomplete) {
     require_complete_native_install(root_);
   }
+  make_directories();
+  load();
+}
+
+LauncherStore::LauncherStore(const std::filesystem::path& root, AsItStands)
+    : root_(std::filesystem::absolute(root).lexically_normal()), store_(root_ / "launcher") {
+  make_directories();
+  load();
+}
+
+void LauncherStore::make_directories() const {
   private_directory(store_);
   for (const char* name : {"versions", "manifests", "downloads", "download-intents", "staging", "intents", "health",
                            "leases/versions", "leases/attempts"}) {
     private_directory(store_ / name);
   }
-  load();
 }
 
 std::unique_ptr<LauncherStore> LauncherStore::existing(const std::filesystem::path& root, bool allow_incomplete) {

@@ -28,6 +28,11 @@ class LauncherStore {
   // private_directory and load do.
   explicit LauncherStore(const std::filesystem::path& root, bool allow_incomplete = false);
 
+  // The same, with `allow_incomplete`, for a root that is used as it stands: no link in it is followed, where the other
+  // follows those of the user. Fails with "unsafe_path" for a link.
+  struct AsItStands {};
+  LauncherStore(const std::filesystem::path& root, AsItStands);
+
   // Opens a store that must be there, and makes nothing. Only a repair, which proves what an interrupted setup
   // has left, passes `allow_incomplete`. Fails as the other does, and as inspect_storage_directory.
   static std::unique_ptr<LauncherStore> existing(const std::filesystem::path& root, bool allow_incomplete = false);
@@ -77,6 +82,7 @@ class LauncherStore {
   struct LaunchView {};
   LauncherStore(const std::filesystem::path& root, LaunchView);
 
+  void make_directories() const;
   std::filesystem::path manifest_path(std::string_view sha256) const;
   void require_new() const;
   // The first names in a folder of the store, one more than there may be versions; none where it cannot be read.

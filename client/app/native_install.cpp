@@ -374,7 +374,7 @@ NativeInstallResult NativeInstaller::install(const NativeInstallRequest& request
 
 void NativeInstaller::seed_launcher(const std::filesystem::path& root, std::string_view manifest_json,
                                     const std::filesystem::path& archive, const ProgressCallback& progress) {
-  LauncherStore(root, true).seed_initial(manifest_json, archive, progress);
+  LauncherStore(root, LauncherStore::AsItStands()).seed_initial(manifest_json, archive, progress);
 }
 
 std::filesystem::path NativeInstaller::create_shortcut(const std::filesystem::path& data_root, const std::string& game,

@@ -85,9 +85,21 @@ class Removal {
     }
     remove_uninstall_entry(uninstall_entry_key(brand));
     try {
-      result_.changed_shortcuts = remove_owned_native_shortcuts(paths_.root).changed;
+      result_.changed_shortcuts = release_owned_native_shortcuts(paths_.root).changed;
     } catch (const Error&) {
-      // Shortcuts never stop an uninstall.
+      tell_of_default_shortcut();
+    }
+  }
+
+  // Shortcuts never stop an uninstall. Where it is not known which there are, the default one may be left.
+  void tell_of_default_shortcut() {
+    try {
+      const std::filesystem::path entry = native_menu_entry(paths_.root, "", product_name());
+      if (!is_missing(entry)) {
+        result_.changed_shortcuts.push_back(entry);
+      }
+    } catch (const Error&) {
+      // There is no place for one.
     }
   }
 

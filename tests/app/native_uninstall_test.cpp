@@ -338,8 +338,8 @@ TEST_F(NativeUninstall, IsNotStoppedByALedgerThatCannotBeRead) {
   place_.write("native/shortcuts.json", "damage");
   const NativeUninstallResult result = place_.uninstall();
   EXPECT_TRUE(result.data_removed);
-  EXPECT_EQ(result.changed_shortcuts, Paths{});
-  // Nothing says that it is the client's own.
+  // Nothing says that it is the client's own, but the user is told of it.
+  EXPECT_EQ(result.changed_shortcuts, Paths{shortcut});
   EXPECT_FALSE(is_missing(shortcut));
 }
 

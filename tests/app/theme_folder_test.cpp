@@ -42,6 +42,7 @@ TEST_F(ThemeFolder, IsThatOfItsOwnInstallation) {
   const TemporaryRoot other;
   root_.write((theme_directory(root_.path()) / "theme.json").lexically_relative(root_.path()).native(),
               theme_definition().dump());
+  set_theme(Theme());
   use_installed_theme(other.path());
   EXPECT_EQ(theme().background, Theme().background);
   use_installed_theme(root_.path());
