@@ -22,7 +22,7 @@ std::vector<std::string> process_arguments(int argc, const char* const* argv);
 std::optional<std::string> process_environment(std::string_view key, std::size_t bound);
 
 // Returns the absolute path of the running image. Fails with "launcher_identity", also for an image that has been
-// removed or replaced since it was started.
+// removed since it was started or, where the system tells, replaced.
 std::filesystem::path current_executable_path();
 
 // The variable that announces the pipe for a forwarded interrupt to a child.
