@@ -1,13 +1,15 @@
 #include "app/publish_files.hpp"
 
+#include <utility>
+
 #include <fcntl.h>
 #include <sys/stat.h>
 
 #include "domain/crypto.hpp"
 #include "platform/file_status.hpp"
-#include "platform/files.hpp"
 #include "platform/os.hpp"
-#include "platform/tree.hpp"
+#include "platform/posix_files.hpp"
+#include "platform/tree_removal.hpp"
 
 namespace ravok {
 
@@ -20,33 +22,61 @@ std::filesystem::path output_path(const std::filesystem::path& path) {
   return named.has_parent_path() ? named : "." / named;
 }
 
-void write_new_file(const std::filesystem::path& path, std::string_view bytes) {
-  gone_unless_durable(path, [&] {
-    ExportFile file(path);
-    file.write(bytes);
+void write_new_file(const std::filesystem::path& path, std::string_view bytes) { NewFile(path, bytes).keep(); }
+
+void commit_or_remove(ExportFile& file) {
+  try {
     file.commit();
-  });
+  } catch (const Error&) {
+    file.remove();
+    throw;
+  }
+}
+
+NewFile::NewFile(const std::filesystem::path& path, std::string_view bytes, ExportAccess access) : file_(path, access) {
+  file_.write(bytes);
+  commit_or_remove(file_);
+}
+
+NewFile::~NewFile() {
+  if (!kept_) {
+    file_.remove();
+  }
 }
 
 NewFolder::NewFolder(const std::filesystem::path& output)
-    : output_(output), path_(output.native() + "." + random_id() + ".tmp") {
-  require(mkdir(path_.c_str(), 0755) == 0, "file_write", "Cannot make the directory " + path_utf8(path_));
+    : output_(output),
+      path_(output.native() + "." + random_id() + ".tmp"),
+      name_(path_.filename()),
+      parent_(
+          retry_interrupted([&] { return open(output.parent_path().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC); })) {
+  require(parent_ && mkdirat(parent_.get(), name_.c_str(), 0755) == 0, "file_write",
+          "Cannot make the directory " + path_utf8(path_));
+  folder_ =
+      Descriptor(retry_interrupted([&] { return openat(parent_.get(), name_.c_str(), posix_files::walk_flags); }));
+  require(static_cast<bool>(folder_), "file_write", "Cannot make the directory " + path_utf8(path_));
 }
 
 NewFolder::~NewFolder() {
-  if (!path_.empty()) {
-    remove_path_quietly(path_);
+  if (committed_) {
+    return;
+  }
+  const auto made = status_of(folder_.get());
+  const auto named = link_status_at(parent_.get(), name_.c_str());
+  if (made && named && same_file(*made, *named)) {
+    remove_tree_quietly_at(parent_.get(), name_);
   }
 }
 
 void NewFolder::commit() {
-  sync_directory(path_);
-  require(os::rename_exclusive(AT_FDCWD, path_.c_str(), AT_FDCWD, output_.c_str()) == 0, "file_write",
+  constexpr const char* not_durable = "Could not durably synchronize directory";
+  require(posix_files::sync(folder_.get()) == 0, "file_sync", not_durable);
+  std::string name = output_.filename();
+  require(os::rename_exclusive(parent_.get(), name_.c_str(), parent_.get(), name.c_str()) == 0, "file_write",
           "Cannot give the directory its name: " + path_utf8(output_));
-  // Under its new name it goes too, unless that lasts.
-  path_ = output_;
-  sync_directory(output_.parent_path());
-  path_.clear();
+  name_ = std::move(name);
+  require(posix_files::sync(parent_.get()) == 0, "file_sync", not_durable);
+  committed_ = true;
 }
 
 }  // namespace ravok

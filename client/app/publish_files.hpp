@@ -5,32 +5,18 @@
 #include <filesystem>
 #include <string>
 #include <string_view>
-#include <system_error>
-#include <utility>
 
 #include "domain/error.hpp"
 #include "domain/paths.hpp"
+#include "platform/descriptor.hpp"
+#include "platform/files.hpp"
 
 namespace ravok {
 
 // Fails with "output_exists" when anything is at the path.
 void require_absent(const std::filesystem::path& path);
 
-// Does what makes a file. One that is in place without being durable goes again.
-template <typename Work>
-void gone_unless_durable(const std::filesystem::path& path, Work work) {
-  try {
-    work();
-  } catch (const Error& error) {
-    if (error.code == "file_sync") {
-      std::error_code ignored;
-      std::filesystem::remove(path, ignored);
-    }
-    throw;
-  }
-}
-
-// Writes a file of mode 0644 that must not exist yet, durably. Fails as ExportFile does.
+// Writes a file of mode 0644 that must not exist yet, durably. Fails as ExportFile does; then there is no file.
 void write_new_file(const std::filesystem::path& path, std::string_view bytes);
 
 // Returns the path of an output in the form in which it and its directory have a name.
@@ -49,7 +35,28 @@ auto about(const std::filesystem::path& path, Work work) {
   }
 }
 
-// A directory that appears whole or not at all: it is filled beside its place, under another name.
+// Gives an output its name. One that could not be made durable is removed, so that nothing stays that a power cut may
+// take back. Fails as ExportFile::commit does.
+void commit_or_remove(ExportFile& file);
+
+// A file that is made, and is taken away again unless all goes well: it alone, whatever has come to its name.
+class NewFile {
+ public:
+  // Fails as ExportFile does; then there is no file.
+  NewFile(const std::filesystem::path& path, std::string_view bytes, ExportAccess access = ExportAccess::everybody);
+  ~NewFile();
+  NewFile(const NewFile&) = delete;
+  NewFile& operator=(const NewFile&) = delete;
+
+  void keep() { kept_ = true; }
+
+ private:
+  ExportFile file_;
+  bool kept_ = false;
+};
+
+// A directory that appears whole or not at all: it is filled beside its place, under another name. One that goes before
+// its commit, or could not be made durable, is removed: it alone, whatever has come to its name.
 class NewFolder {
  public:
   // Fails with "file_write".
@@ -67,26 +74,10 @@ class NewFolder {
  private:
   std::filesystem::path output_;
   std::filesystem::path path_;
-};
-
-// A file that was made and is taken away again unless all goes well.
-class Undo {
- public:
-  explicit Undo(std::filesystem::path path) : path_(std::move(path)) {}
-  ~Undo() {
-    if (armed_) {
-      std::error_code ignored;
-      std::filesystem::remove(path_, ignored);
-    }
-  }
-  Undo(const Undo&) = delete;
-  Undo& operator=(const Undo&) = delete;
-
-  void disarm() { armed_ = false; }
-
- private:
-  std::filesystem::path path_;
-  bool armed_ = true;
+  std::string name_;  // its present one
+  Descriptor parent_;
+  Descriptor folder_;
+  bool committed_ = false;
 };
 
 }  // namespace ravok

@@ -51,17 +51,14 @@ PublishedKey publish_key(const std::filesystem::path& path, std::string_view sch
   require_absent(published.public_file);
   const SigningKey key = SigningKey::generate(scheme);
 
-  gone_unless_durable(published.private_file,
-                      [&] { atomic_create(published.private_file, key.document().dump(2) + "\n"); });
-  Undo undo_private(published.private_file);
-  write_new_file(published.public_file, key.key().dump(2) + "\n");
-  Undo undo_public(published.public_file);
+  NewFile private_file(published.private_file, key.document().dump(2) + "\n", ExportAccess::owner);
+  NewFile public_file(published.public_file, key.key().dump(2) + "\n");
 
   published.id = read_signing_key(published.private_file).id();
   require(published.id == key.id() && key_id(read_public_key(published.public_file)) == key.id(), "invalid_key",
           "The key files differ from the key that was made");
-  undo_private.disarm();
-  undo_public.disarm();
+  private_file.keep();
+  public_file.keep();
   return published;
 }
 

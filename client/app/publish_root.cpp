@@ -70,10 +70,9 @@ PublishedRoot publish_root(const RootPublication& publication) {
   const std::string text = Json({{"signed", body}, {"signatures", signatures}}).dump(2) + "\n";
   require_first_root(text);
 
-  write_new_file(output, text);
-  Undo undo(output);
+  NewFile file(output, text);
   require_first_root(read_file(output, tuf_root_limit));
-  undo.disarm();
+  file.keep();
   return {output, signatures.size()};
 }
 

@@ -173,10 +173,9 @@ void require_outside(const std::filesystem::path& output, const std::filesystem:
 }
 
 void write_manifest(const std::filesystem::path& path, SnapshotKind kind, const Json& document) {
-  write_new_file(path, document.dump());
-  Undo undo(path);
+  NewFile file(path, document.dump());
   require_accepted(kind, parse_json(read_file(path, manifest_limit), manifest_limit));
-  undo.disarm();
+  file.keep();
 }
 
 }  // namespace
@@ -203,11 +202,14 @@ PublishedSnapshot publish_snapshot(const SnapshotPublication& publication, const
       publication.tree, inventory, publication.level, [&](std::string_view bytes) { file.write(bytes); }, progress);
   const Json document = make_document(publication, inventory, target, archive);
   require_accepted(publication.kind, document);
-  gone_unless_durable(published.archive, [&] { file.commit(); });
-  // Without its manifest the archive is of no use to anybody.
-  Undo undo(published.archive);
-  write_manifest(published.manifest, publication.kind, document);
-  undo.disarm();
+  commit_or_remove(file);
+  try {
+    write_manifest(published.manifest, publication.kind, document);
+  } catch (...) {
+    // Without its manifest the archive is of no use to anybody.
+    file.remove();
+    throw;
+  }
   published.files = inventory.size();
   published.expanded_length = expanded_length(inventory);
   published.archive_length = archive.length;

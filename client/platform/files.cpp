@@ -339,21 +339,24 @@ void replace_private_file(const std::filesystem::path& path, std::string_view by
 }
 
 struct ExportFile::Implementation {
-  explicit Implementation(const std::filesystem::path& path)
-      : destination(open_destination(path, false)), transaction(destination, 0644) {}
+  Implementation(const std::filesystem::path& path, mode_t mode)
+      : destination(open_destination(path, false)), transaction(destination, mode) {}
 
   Destination destination;
   Transaction transaction;
 };
 
-ExportFile::ExportFile(const std::filesystem::path& path) : implementation_(std::make_unique<Implementation>(path)) {}
+ExportFile::ExportFile(const std::filesystem::path& path, ExportAccess access)
+    : implementation_(std::make_unique<Implementation>(path, access == ExportAccess::owner ? 0600 : 0644)) {}
 
 ExportFile::~ExportFile() = default;
 
 void ExportFile::write(std::string_view bytes) { implementation_->transaction.write_all(bytes); }
 
+void ExportFile::remove() noexcept { implementation_->transaction.remove_created(); }
+
 void ExportFile::commit() {
-  implementation_->transaction.close(true);
+  implementation_->transaction.flush();
   implementation_->transaction.create();
   sync_open_directory(implementation_->destination.parent.get());
 }

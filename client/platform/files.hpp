@@ -73,13 +73,16 @@ void atomic_create_or_remove(const std::filesystem::path& path, std::string_view
 // Replaces or makes a private file whose last update may be lost in a crash: nothing is flushed.
 void replace_private_file(const std::filesystem::path& path, std::string_view bytes);
 
+// Who may read a new file, as limited by the process's mask.
+enum class ExportAccess { everybody, owner };
+
 // A file of any size that is written piece by piece and appears whole or not at all, under a name
 // that must not exist yet, in a directory of the user's choice. It is made with mode 0644, as limited
-// by the process's mask. An object that goes before its commit leaves nothing behind.
+// by the process's mask, or 0600. An object that goes before its commit leaves nothing behind.
 class ExportFile {
  public:
   // Fails as atomic_create does.
-  explicit ExportFile(const std::filesystem::path& path);
+  explicit ExportFile(const std::filesystem::path& path, ExportAccess access = ExportAccess::everybody);
   ~ExportFile();
   ExportFile(const ExportFile&) = delete;
   ExportFile& operator=(const ExportFile&) = delete;
@@ -89,6 +92,9 @@ class ExportFile {
 
   // Flushes the file and gives it its name, durably. Fails as atomic_create does.
   void commit();
+
+  // Takes the committed file away again, as far as that goes, if it still has its name: never another file.
+  void remove() noexcept;
 
  private:
   struct Implementation;
