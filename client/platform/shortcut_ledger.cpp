@@ -13,7 +13,7 @@
 #include "domain/paths.hpp"
 #include "platform/file_status.hpp"
 #include "platform/files.hpp"
-#include "platform/path_keys.hpp"
+#include "platform/managed_paths.hpp"
 #include "platform/shortcut_rules.hpp"
 
 namespace ravok::shortcut_ledger {
@@ -26,45 +26,56 @@ constexpr const char* kind = "ravok-shortcuts";
 
 std::filesystem::path ledger_path(const std::filesystem::path& root) { return root / "native/shortcuts.json"; }
 
-std::optional<std::string> key_of(const std::filesystem::path& directory) {
+std::filesystem::path resolved(const std::filesystem::path& path) {
   try {
-    return path_keys::directory_key(directory);
+    return resolve_system_links(path);
   } catch (const Error&) {
-    return std::nullopt;
+    return {};  // what cannot be resolved leads nowhere
   }
 }
 
-// Tells which places lie in the data folder. Most rows share their parent, whose key takes many looks at the system.
+// Tells which places lie in the data folder. Most rows share their parent, so each is looked at once.
 class DataFolder {
  public:
   explicit DataFolder(const std::filesystem::path& root) {
     std::error_code problem;
     path_ = without_end_separator(std::filesystem::absolute(root, problem).lexically_normal());
+    status_ = link_status_of(resolved(path_));
   }
 
-  // Whether the place of a file is known to lie in the folder, by its spelling or by the keys.
+  // Whether the place of a file is known to lie in the folder, by its spelling or because a level above it is the
+  // folder. What lies behind a user's link is not known.
   bool is_known_to_hold(const std::filesystem::path& file) {
     if (file == path_ || file.native().starts_with(path_.native() + "/")) {
       return true;
     }
     const auto [known, is_new] = parents_.try_emplace(file.parent_path(), false);
     if (is_new) {
-      known->second = holds_by_key(known->first);
+      known->second = is_above(known->first);
     }
     return known->second;
   }
 
  private:
-  bool holds_by_key(const std::filesystem::path& parent) {
-    if (!key_) {
-      key_ = key_of(path_).value_or("");
+  // Walks down from the root as far as there are directories.
+  bool is_above(const std::filesystem::path& parent) const {
+    const std::filesystem::path place = resolved(parent);
+    std::filesystem::path level = place.root_path();
+    for (const std::filesystem::path& name : place.relative_path()) {
+      level /= name;
+      const auto status = link_status_of(level);
+      if (!status || !is_directory(*status)) {
+        return false;
+      }
+      if (status_ && same_file(*status, *status_)) {
+        return true;
+      }
     }
-    const std::optional<std::string> inner = key_of(parent);
-    return inner && !key_->empty() && shortcut_rules::is_key_within(*inner, *key_);
+    return false;
   }
 
   std::filesystem::path path_;
-  std::optional<std::string> key_;  // empty when it cannot be had
+  std::optional<FileStatus> status_;
   std::map<std::filesystem::path, bool> parents_;
 };
 
