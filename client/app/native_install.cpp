@@ -292,18 +292,22 @@ class Installation {
   void make_shortcuts(NativeInstallResult& result) const {
     try {
       result.shortcuts = with_system_failures([&] { return shortcuts(); });
+      // A first install that was cut short has made none, and a repair makes only those again that are recorded.
+      result.shortcut_missing = request_.repair && has_own_shortcut() && owned_native_shortcuts(paths_.root).empty();
     } catch (const Error& error) {
       result.shortcut_problem = error.what();
     }
   }
+
+  // The front end of a featured game makes that game's own.
+  bool has_own_shortcut() const { return !package_.brand || !package_.featured_game; }
 
   std::vector<std::filesystem::path> shortcuts() const {
     const std::filesystem::path bootstrap = shortcut_bootstrap(paths_);
     if (request_.repair) {
       return restore_owned_native_shortcuts(paths_.root, bootstrap);
     }
-    // The front end of a featured game makes that game's own.
-    if (!request_.create_shortcut || (package_.brand && package_.featured_game)) {
+    if (!request_.create_shortcut || !has_own_shortcut()) {
       return {};
     }
     const std::string name = package_.brand ? package_.brand->name : default_name;
@@ -395,14 +399,18 @@ ShortcutRemoval NativeInstaller::remove_shortcuts(const std::filesystem::path& d
 }
 
 Json NativeInstallResult::to_json() const {
-  return {{"schema_version", 1},
-          {"installed", true},
-          {"repaired", repaired},
-          {"data_root", path_utf8(data_root)},
-          {"bootstrap", path_utf8(executable)},
-          {"replaced", replaced},
-          {"shortcuts", paths_json(shortcuts)},
-          {"shortcut_problem", shortcut_problem.empty() ? Json() : Json(shortcut_problem)}};
+  Json document = {{"schema_version", 1},
+                   {"installed", true},
+                   {"repaired", repaired},
+                   {"data_root", path_utf8(data_root)},
+                   {"bootstrap", path_utf8(executable)},
+                   {"replaced", replaced},
+                   {"shortcuts", paths_json(shortcuts)},
+                   {"shortcut_problem", shortcut_problem.empty() ? Json() : Json(shortcut_problem)}};
+  if (shortcut_missing) {
+    document["shortcut_missing"] = true;
+  }
+  return document;
 }
 
 }  // namespace ravok

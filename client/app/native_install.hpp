@@ -30,6 +30,9 @@ struct NativeInstallResult {
   std::vector<std::string> replaced;             // out of "bootstrap", "launcher" and "trust", in this order
   std::vector<std::filesystem::path> shortcuts;  // made, or made again
   std::string shortcut_problem;                  // empty if none
+  bool shortcut_missing = false;                 // after a repair: the client has no shortcut, and could have one
+
+  // With "shortcut_missing" only where that is so.
 
   Json to_json() const;
 };

@@ -81,6 +81,8 @@ std::string install_summary(const SetupCommand& command, const Json& document) {
   }
   if (!document.at("shortcut_problem").is_null()) {
     text += " The shortcut could not be created: " + text_at(document, "shortcut_problem") + ".";
+  } else if (document.contains("shortcut_missing")) {
+    text += " There is no shortcut; shortcut create makes one.";
   }
   return text;
 }

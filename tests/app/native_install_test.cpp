@@ -807,6 +807,41 @@ TEST_F(NativeInstall, ThatFailsAnywhereKeepsThePlayersDataAndAKnownState) {
   }
 }
 
+// Whatever fails once the record is written, what was installed is not taken away again.
+TEST_F(NativeInstall, ThatFailsBehindItsRecordIsKept) {
+  int kept = 0;
+  for (const char* call : {"open", "openat", "fsync", "unlink"}) {
+    bool happened = true;
+    for (int count = 1; happened; ++count) {
+      bool failed = false;
+      {
+        const Planned plan(testing::failing(call, EIO, count));
+        failed = failure_of([&] { place.install(); }).has_value();
+        happened = plan.happened();
+      }
+      // The folder itself, made and found wanting, is not yet anything.
+      if (failed && std::filesystem::exists(data) && !std::filesystem::is_empty(data)) {
+        ++kept;
+        EXPECT_TRUE(std::filesystem::exists(paths.installation_record)) << call << count;
+        place.repair();
+        EXPECT_TRUE(NativeInstaller::status(data).installed) << call << count;
+      }
+      std::filesystem::remove_all(data);
+    }
+  }
+  EXPECT_GE(kept, 2);
+}
+
+TEST_F(NativeInstall, TellsThatARepairedClientHasNoShortcut) {
+  install_unbranded();
+  EXPECT_FALSE(place.repair(true).shortcut_missing);
+  std::filesystem::remove(paths.native / "shortcuts.json");
+  const NativeInstallResult result = place.repair(true);
+  EXPECT_TRUE(result.shortcut_missing);
+  EXPECT_EQ(result.to_json().at("shortcut_missing"), true);
+  EXPECT_EQ(result.shortcut_problem, "");
+}
+
 TEST_F(NativeInstall, PassesFailuresOfAnotherTypeThrough) {
   place.callbacks.progress = [](std::string_view phase, std::uint64_t, std::uint64_t) {
     if (phase == "installing") {

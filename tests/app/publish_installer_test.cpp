@@ -15,6 +15,7 @@
 #include "app/package_seal.hpp"
 #include "app/publish_files.hpp"
 #include "support/failure.hpp"
+#include "support/file_calls.hpp"
 #include "support/ordinary_user.hpp"
 #include "support/package_builder.hpp"
 #include "support/temporary_root.hpp"
@@ -33,16 +34,51 @@ const std::string empty_slot = mark + std::string(seal_characters, '-');
 
 TEST(NewFolder, GoesAgainUnlessItsNameLasts) {
   const TemporaryRoot root;
-  const std::filesystem::path parent = root.directory("parent");
-  const testing::OrdinaryUser user(root);
   {
-    NewFolder folder(parent / "output");
+    NewFolder folder(root / "output");
     write_new_file(folder.path() / "file", "content");
-    const testing::WithMode closed(parent, 0300);
-    EXPECT_FAILURE(folder.commit(), "file_sync", "Cannot open directory for synchronization");
-    EXPECT_TRUE(std::filesystem::exists(parent / "output/file"));
+    // The second is that of the directory that holds the folder.
+    const testing::Planned plan(testing::failing("fsync", EIO, 2));
+    EXPECT_FAILURE(folder.commit(), "file_sync", "Could not durably synchronize directory");
+    EXPECT_TRUE(std::filesystem::exists(root / "output/file"));
   }
-  EXPECT_TRUE(std::filesystem::is_empty(parent));
+  EXPECT_EQ(root.names(), Names());
+}
+
+TEST(NewFolder, TakesNothingAwayThatOthersHavePutInItsPlace) {
+  const TemporaryRoot root;
+  {
+    const NewFolder folder(root / "output");
+    std::filesystem::rename(folder.path(), root / "moved");
+    std::filesystem::create_directory(folder.path());
+    root.write(folder.path().filename().native() + "/theirs", "theirs");
+  }
+  EXPECT_EQ(root.names().size(), 3u);
+}
+
+TEST(NewFile, GoesAgainUnlessItIsKept) {
+  const TemporaryRoot root;
+  { const NewFile file(root / "output", "content"); }
+  EXPECT_EQ(root.names(), Names());
+  NewFile(root / "output", "content").keep();
+  EXPECT_EQ(root.read("output"), "content");
+}
+
+TEST(NewFile, GoesAgainUnlessItIsDurable) {
+  const TemporaryRoot root;
+  const testing::Planned plan(testing::failing("fsync", EIO, 2));
+  EXPECT_FAILURE(write_new_file(root / "output", "content"), "file_sync", "Could not durably synchronize directory");
+  EXPECT_EQ(root.names(), Names());
+}
+
+TEST(NewFile, TakesNoOtherFileAwayEvenOneThatHoldsTheSame) {
+  const TemporaryRoot root;
+  {
+    const NewFile file(root / "output", "content");
+    std::filesystem::remove(root / "output");
+    root.write("output", "content");
+  }
+  EXPECT_EQ(root.names(), Names{"output"});
 }
 
 TEST(ReadSeal, ReturnsTheDigestOfASlot) {

@@ -346,6 +346,9 @@ TEST_P(SetupSummary, OfARepair) {
   EXPECT_EQ(said(repair, {{"replaced", Json::array()}}), in_root + " Everything was already intact.");
   EXPECT_EQ(said(repair, {{"replaced", Json::array()}, {"shortcut_problem", "No Ravok here"}}),
             in_root + " Everything was already intact. The shortcut could not be created: No Ravok here.");
+  EXPECT_EQ(said(repair, {{"shortcut_missing", true}}), in_root + " There is no shortcut; shortcut create makes one.");
+  EXPECT_EQ(said(repair, {{"shortcut_missing", true}, {"shortcut_problem", "Oh"}}),
+            in_root + " The shortcut could not be created: Oh.");
 }
 
 TEST_P(SetupSummary, OfAnUninstall) {

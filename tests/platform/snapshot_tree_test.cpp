@@ -15,7 +15,9 @@
 #include <unistd.h>
 
 #include "domain/paths.hpp"
+#include "support/deep_tree.hpp"
 #include "support/failure.hpp"
+#include "support/few_descriptors.hpp"
 #include "support/ordinary_user.hpp"
 #include "support/snapshot_builder.hpp"
 #include "support/temporary_root.hpp"
@@ -101,6 +103,27 @@ class SnapshotTreeTest : public ::testing::Test {
     EXPECT_FAILURE(damaged(), code, message);
   }
 };
+
+// As deep as a managed path can be, which a tree walked by full paths would take minutes for.
+TEST_F(SnapshotTreeTest, PassesADeepChainOfDirectoriesWithFewDescriptors) {
+  const testing::DeepTree chain(tree / "data", 2000);
+  std::filesystem::remove_all(tree / "data" / "text");
+  {
+    const testing::FewDescriptors few(80);
+    EXPECT_EQ(damaged().count, 2u);
+    EXPECT_FAILURE(verify(), "unexpected_file", unmanaged);
+  }
+}
+
+TEST_F(SnapshotTreeTest, RefusesAChainDeeperThanAnyManagedPath) {
+  const testing::DeepTree chain(tree / "data", 5000);
+  expect_both_refuse("unsafe_path", "Path must be a safe relative path");
+}
+
+TEST_F(SnapshotTreeTest, SaysThatDescriptorsHaveRunOut) {
+  const testing::FewDescriptors none(0);
+  expect_both_refuse("too_many_files", "Too many files are open; close other programs and try again");
+}
 
 // --- A whole tree --------------------------------------------------------------------------
 
