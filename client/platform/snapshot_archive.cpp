@@ -14,6 +14,7 @@
 #include <archive_entry.h>
 
 #include "domain/error.hpp"
+#include "domain/paths.hpp"
 #include "platform/allocated_file.hpp"
 #include "platform/bounded_zstd.hpp"
 #include "platform/file_digest.hpp"
@@ -200,14 +201,15 @@ void synchronize_directories(const std::filesystem::path& staging) {
 void extract_snapshot(const SnapshotManifest& manifest, const std::filesystem::path& archive,
                       const std::filesystem::path& staging, const ProgressCallback& progress,
                       const ReservedTree* reserved) {
+  const std::filesystem::path root = without_end_separator(staging);
   require_authentic(manifest, archive);
-  prepare_staging(manifest, staging, reserved);
+  prepare_staging(manifest, root, reserved);
   {
     const auto decoder = std::make_unique<BoundedZstd>(archive, decoded_limit(manifest));
-    std::make_unique<Extraction>(manifest, staging, progress, reserved)->unpack(*decoder);
+    std::make_unique<Extraction>(manifest, root, progress, reserved)->unpack(*decoder);
   }
-  verify_snapshot_tree(manifest, staging, progress);
-  synchronize_directories(staging);
+  verify_snapshot_tree(manifest, root, progress);
+  synchronize_directories(root);
 }
 
 }  // namespace ravok
