@@ -39,6 +39,11 @@ struct ReleaseReader {
 };
 using Reader = std::unique_ptr<::archive, ReleaseReader>;
 
+struct ReleaseEntry {
+  void operator()(archive_entry* entry) const { archive_entry_free(entry); }
+};
+using Entry = std::unique_ptr<archive_entry, ReleaseEntry>;
+
 void require_authentic(const SnapshotManifest& manifest, const std::filesystem::path& archive) {
   const auto status = link_status_of(archive);
   require(status && S_ISREG(status->st_mode) &&
@@ -64,11 +69,14 @@ std::uint64_t decoded_limit(const SnapshotManifest& manifest) {
 Reader open_reader(BoundedZstd& decoder) {
   Reader reader(archive_read_new());
   require(reader != nullptr, "archive", "Cannot allocate archive decoder");
-  // With the option off, no name stands for the metadata of another.
+  // With the option off, no name stands for the metadata of another. The steps of opening are taken one by one, as
+  // archive_read_open goes on without the memory for its data.
   const bool opened = archive_read_support_filter_none(reader.get()) == ARCHIVE_OK &&
                       archive_read_support_format_tar(reader.get()) == ARCHIVE_OK &&
                       archive_read_set_format_option(reader.get(), "tar", "mac-ext", nullptr) == ARCHIVE_OK &&
-                      archive_read_open(reader.get(), &decoder, nullptr, BoundedZstd::callback, nullptr) == ARCHIVE_OK;
+                      archive_read_set_read_callback(reader.get(), BoundedZstd::callback) == ARCHIVE_OK &&
+                      archive_read_set_callback_data(reader.get(), &decoder) == ARCHIVE_OK &&
+                      archive_read_open1(reader.get()) == ARCHIVE_OK;
   if (!opened) {
     decoder.require_no_error();
     fail("archive", "Cannot open snapshot archive");
@@ -121,10 +129,12 @@ class Extraction {
   // Unpacks every entry. Fails with "archive" when the archive does not end as it should.
   void unpack(BoundedZstd& decoder) {
     const Reader reader = open_reader(decoder);
-    archive_entry* entry = nullptr;
+    // An entry of our own: the reader goes on without the memory for its own.
+    const Entry entry(archive_entry_new2(reader.get()));
+    require(entry != nullptr, "archive", "Cannot allocate archive decoder");
     int answer = ARCHIVE_OK;
-    while ((answer = archive_read_next_header(reader.get(), &entry)) == ARCHIVE_OK) {
-      unpack_entry(reader.get(), entry, decoder);
+    while ((answer = archive_read_next_header2(reader.get(), entry.get())) == ARCHIVE_OK) {
+      unpack_entry(reader.get(), entry.get(), decoder);
     }
     decoder.require_no_error();
     require(answer == ARCHIVE_EOF && seen_.size() == manifest_.files.size(), "archive",

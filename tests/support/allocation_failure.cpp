@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -174,6 +175,7 @@ void load_unwinder() {
 
 [[noreturn]] void run_in_child(int answer, const std::function<void()>& work) {
   std::set_terminate(tell_and_abort);
+  std::signal(SIGSEGV, [](int) { tell_and_abort(); });
   Report report;
   const std::ptrdiff_t before = open_descriptors();
   run_short(report, work);
