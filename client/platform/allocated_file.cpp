@@ -65,9 +65,9 @@ struct AllocatedFile::Implementation {
   ~Implementation() {
     descriptor.reset();
     if (owned && identity_known) {
-      const auto status = link_status_at(parent.get(), name().c_str());
+      const auto status = link_status_at(parent.get(), name());
       if (status && S_ISREG(status->st_mode) && is_recorded(*status)) {
-        unlinkat(parent.get(), name().c_str(), 0);
+        unlinkat(parent.get(), name(), 0);
       }
     }
   }
@@ -83,7 +83,12 @@ struct AllocatedFile::Implementation {
     return status && is_recorded(*status);
   }
 
-  std::string name() const { return reservation.path.filename(); }
+  // The last component of the path. It is looked up in place: the destructor must not need memory.
+  const char* name() const {
+    const std::string& text = reservation.path.native();
+    const std::size_t separator = text.rfind('/');
+    return text.c_str() + (separator == std::string::npos ? 0 : separator + 1);
+  }
 
   void open_for_inspection() {
     descriptor = Descriptor(retry_interrupted([&] { return open(reservation.path.c_str(), inspection_flags); }));
@@ -97,7 +102,7 @@ struct AllocatedFile::Implementation {
     parent = Descriptor(
         retry_interrupted([&] { return open(reservation.path.parent_path().c_str(), os::passage_flags()); }));
     require(static_cast<bool>(parent), "unsafe_path", "Allocation requires an ordinary parent directory");
-    descriptor = Descriptor(retry_interrupted([&] { return openat(parent.get(), name().c_str(), flags, 0600); }));
+    descriptor = Descriptor(retry_interrupted([&] { return openat(parent.get(), name(), flags, 0600); }));
     if (!descriptor) {
       storage_failure(errno, "unsafe_path", "Cannot exclusively create or reopen a prepared allocation");
     }
@@ -118,8 +123,9 @@ struct AllocatedFile::Implementation {
     require(status && is_single_link_file(*status) && status->st_size >= 0, "unsafe_path",
             "Allocation requires an ordinary single-link file");
     if (must_be_private) {
-      require(is_private(*status), "permissions",
-              std::string(os::system_name()) + " allocation must remain private and owned");
+      if (!is_private(*status)) {
+        fail("permissions", std::string(os::system_name()) + " allocation must remain private and owned");
+      }
       posix_files::require_private_acl(descriptor.get());
     }
     if (identity_known) {
@@ -149,8 +155,9 @@ struct AllocatedFile::Implementation {
     require(problem != ENOSPC && problem != EDQUOT, "insufficient_space",
             "Cannot reserve file data; free space or choose other game storage");
     const bool cannot_claim = problem == ENOTSUP || problem == ENOSYS;
-    require(problem == 0 || cannot_claim, "space_reservation",
-            "Native file allocation failed (" + std::to_string(problem) + ")");
+    if (problem != 0 && !cannot_claim) {
+      fail("space_reservation", "Native file allocation failed (" + std::to_string(problem) + ")");
+    }
     reservation.allocated = !cannot_claim;
   }
 
@@ -272,8 +279,7 @@ void AllocatedFile::discard() {
   file.descriptor.reset();
   // Closing may take time.
   file.require_same_path("Partial path changed before disposal");
-  require(unlinkat(file.parent.get(), file.name().c_str(), 0) == 0, "file_remove",
-          "Cannot remove a discarded partial file");
+  require(unlinkat(file.parent.get(), file.name(), 0) == 0, "file_remove", "Cannot remove a discarded partial file");
   // What may come to that name from here on is another's.
   file.owned = false;
   sync_directory(file.reservation.path.parent_path());
@@ -308,9 +314,10 @@ void AllocatedFile::read_prefix(std::uint64_t length, const ContentSink& sink, c
 FileReservation AllocatedFile::retain_reservation() {
   Implementation& file = *implementation_;
   require(file.written == 0 && file.is_same_path(), "allocation_changed", "Cannot retain a changed allocation");
+  FileReservation reservation = file.reservation;
   file.descriptor.reset();
   file.owned = false;
-  return file.reservation;
+  return reservation;
 }
 
 void AllocatedFile::write(std::string_view bytes) {

@@ -39,13 +39,16 @@ struct FileReservation {
 // a size that it can have. The file is then left as it is.
 class AllocatedFile {
  public:
-  // Told of a new file before its blocks are claimed, to record durably that it exists.
+  // Told of a new file before its blocks are claimed, to record durably that it exists. What it is given has
+  // `allocated` false, as nothing is claimed yet: it tells the file again, but is not one to reopen the file
+  // with once the blocks are claimed. That is what reservation() returns after the making.
   using OwnershipCallback = std::function<void(const FileReservation&)>;
   // Given the content in order; the text lasts for the call only.
   using ContentSink = std::function<void(std::string_view bytes)>;
 
   // Makes a file of `length` bytes, at most 2^63 - 1, where nothing may exist yet, in an ordinary
-  // directory. `callback` may be empty; what it throws goes on, and the file is removed.
+  // directory; a path that ends with a separator names no file. The mode is 0600 whatever the process's
+  // mask. `callback` may be empty; what it throws goes on, and the file is removed.
   // Fails with "size_limit", "unsafe_path", "permissions", "allocation_changed",
   // "insufficient_space" without room, and "space_reservation" when blocks cannot be claimed for
   // another reason than that the volume has no such thing.

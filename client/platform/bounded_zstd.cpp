@@ -87,7 +87,16 @@ void BoundedZstd::finish() {
   }
 }
 
-void BoundedZstd::require_no_error() const { require(error_.empty(), "archive", error_); }
+void BoundedZstd::require_no_error() const {
+  if (!failure_) {
+    return;
+  }
+  try {
+    std::rethrow_exception(failure_);
+  } catch (const Error& error) {
+    fail("archive", error.what());
+  }
+}
 
 ssize_t BoundedZstd::callback(::archive* reader, void* self, const void** block) noexcept {
   auto& decoder = *static_cast<BoundedZstd*>(self);
@@ -95,8 +104,11 @@ ssize_t BoundedZstd::callback(::archive* reader, void* self, const void** block)
     *block = decoder.output();
     return static_cast<ssize_t>(decoder.read());
   } catch (const Error& error) {
-    decoder.error_ = error.what();
+    decoder.failure_ = std::current_exception();
     archive_set_error(reader, EINVAL, "%s", error.what());
+    return -1;
+  } catch (...) {
+    decoder.failure_ = std::current_exception();
     return -1;
   }
 }

@@ -5,10 +5,9 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <exception>
 #include <filesystem>
 #include <memory>
-#include <string>
-#include <string_view>
 
 #include <sys/types.h>
 
@@ -38,14 +37,14 @@ class BoundedZstd {
   // What the last read decoded.
   const std::uint8_t* output() const { return output_.data(); }
 
-  // Reads to the end of the frame. Fails as read does, and with "archive" for a failure that a
-  // callback has kept.
+  // Reads to the end of the frame. Fails as require_no_error does, and then as read does.
   void finish();
 
-  // Fails with "archive" when a callback has kept a failure, with its message.
+  // Fails when a callback has kept a failure: with "archive" and its message for one of the system's own, and with
+  // the same exception for any other, such as a lack of memory.
   void require_no_error() const;
 
-  // The tar reader's way to read; `self` is a BoundedZstd. A failure is kept, as it must not cross the
+  // The tar reader's way to read; `self` is a BoundedZstd. A failure of any kind is kept, as it must not cross the
   // reader's code, and answered with -1.
   static ssize_t callback(::archive* reader, void* self, const void** block) noexcept;
 
@@ -68,7 +67,7 @@ class BoundedZstd {
   std::uint64_t limit_;
   std::uint64_t decoded_ = 0;
   bool ended_ = false;
-  std::string error_;
+  std::exception_ptr failure_;  // of a callback
 };
 
 }  // namespace ravok

@@ -39,15 +39,17 @@ OpenedFile read_file_at(int directory, const std::string& name, std::uint64_t li
 // stable storage. Fails with "file_sync".
 void sync_file(const std::filesystem::path& path);
 
-// Flushes a directory's names to stable storage. Fails with "file_sync".
+// Flushes a directory's names to stable storage. A link at the end of the path is followed, unlike everywhere else
+// here. Fails with "file_sync".
 void sync_directory(const std::filesystem::path& path);
 
 // The same for an open directory, which may be open only to pass through.
 void sync_open_directory(int directory);
 
-// The writers make a file of mode 0600. All fail with "unsafe_path" for a destination that is a
-// link, "insufficient_space" on a full disk, "file_write" for every other failed step, and
-// "file_sync" when only the last flush, of the directory, failed and the new content is in place.
+// The writers make a file of mode 0600: a private one whatever the process's mask, any other as limited by it. All
+// want a path with a directory in it and refuse a bare file name, "./name" aside, with "unsafe_path". All fail with
+// "unsafe_path" for a destination that is a link, "insufficient_space" on a full disk, "file_write" for every other
+// failed step, and "file_sync" when only the last flush, of the directory, failed and the new content is in place.
 // After any other failure the destination is as it was.
 
 // Replaces or makes a private record durably. The parent is made private as private_directory

@@ -1,11 +1,16 @@
 #include "platform/reserved_tree.hpp"
 
+#include <algorithm>
 #include <set>
 #include <string_view>
+#include <system_error>
 
+#include <fcntl.h>
 #include <unistd.h>
 
 #include "domain/error.hpp"
+#include "domain/paths.hpp"
+#include "platform/descriptor.hpp"
 #include "platform/file_status.hpp"
 #include "platform/files.hpp"
 #include "platform/managed_paths.hpp"
@@ -13,24 +18,57 @@
 
 namespace ravok {
 
+namespace {
+
+// The absolute form of a root, with or without a separator at its end; empty where there is none.
+std::filesystem::path place_of(const std::filesystem::path& root) {
+  std::error_code ignored;
+  return without_end_separator(std::filesystem::absolute(root, ignored));
+}
+
+// The directories of a manifest below a root, each ahead of the one that holds it.
+std::vector<std::string> directories_below(const std::filesystem::path& root, const SnapshotManifest& manifest) {
+  const std::set<std::string_view> names = manifest.directories();
+  std::vector<std::string> directories;
+  directories.reserve(names.size());
+  for (auto name = names.rbegin(); name != names.rend(); ++name) {
+    directories.push_back((root / *name).native());
+  }
+  return directories;
+}
+
+bool is_identical(const FileStatus& status, std::uint64_t device, std::uint64_t inode) {
+  return device_number(status) == device && status.st_ino == inode;
+}
+
+bool is_reserved(const FileStatus& status, const FileReservation& reservation) {
+  return is_single_link_file(status) && is_identical(status, reservation.device, reservation.inode) &&
+         static_cast<std::uint64_t>(status.st_size) <= reservation.size;
+}
+
+}  // namespace
+
 ReservedTree::ReservedTree(const SnapshotManifest& manifest, const std::filesystem::path& root,
                            const ProgressCallback& progress, const Recorder& recorder)
-    : root_(std::filesystem::absolute(root)) {
+    : root_(place_of(root)) {
   require(is_missing(root_), "staging_exists", "A fresh reservation directory is required");
-  const auto parent = link_status_of(root_.parent_path());
-  require(parent && is_directory(*parent), "unsafe_path", "Allocation requires an ordinary parent directory");
+  const std::filesystem::path parent = root_.parent_path();
+  const auto status = link_status_of(parent);
+  require(status && is_directory(*status), "unsafe_path", "Allocation requires an ordinary parent directory");
+  // All that removing the tree takes is at hand before it is made: where memory has run out, it still goes.
+  const std::vector<std::string> directories = directories_below(root_, manifest);
   private_directory_new(root_);
   identity_ = inspect_storage_directory(root_);
   try {
-    reserve(manifest, progress, recorder);
+    reserve(manifest, directories, progress, recorder);
   } catch (...) {
-    remove_reserved(manifest);
+    remove_reserved(directories, parent);
     throw;
   }
 }
 
-void ReservedTree::reserve(const SnapshotManifest& manifest, const ProgressCallback& progress,
-                           const Recorder& recorder) {
+void ReservedTree::reserve(const SnapshotManifest& manifest, const std::vector<std::string>& directories,
+                           const ProgressCallback& progress, const Recorder& recorder) {
   sync_directory(root_);
   sync_directory(root_.parent_path());
   if (recorder) {
@@ -39,7 +77,8 @@ void ReservedTree::reserve(const SnapshotManifest& manifest, const ProgressCallb
   require(inspect_storage_directory(root_) == identity_, "allocation_changed",
           "Prepared root changed while recording ownership");
   reserve_files(manifest, progress);
-  synchronize(manifest);
+  std::for_each(directories.begin(), directories.end(), sync_directory);
+  sync_directory(root_);
   require(inspect_storage_directory(root_) == identity_, "allocation_changed",
           "Prepared directory changed during reservation");
 }
@@ -50,42 +89,39 @@ void ReservedTree::reserve_files(const SnapshotManifest& manifest, const Progres
             "Storage preparation cancelled before download");
     const std::filesystem::path output = safe_join(root_, path, true);
     private_directory(output.parent_path());
-    const FileReservation reservation = AllocatedFile(output, file.length, nullptr).retain_reservation();
     requested_bytes_ = storage_add(requested_bytes_, file.length);
+    // Its place in the inventory first: a file that exists must not go unrecorded.
+    FileReservation& reservation = files_.emplace_hint(files_.end(), path, FileReservation())->second;
+    reservation = AllocatedFile(output, file.length, nullptr).retain_reservation();
     if (reservation.allocated) {
       reserved_bytes_ = storage_add(reserved_bytes_, file.length);
     }
-    files_.emplace_hint(files_.end(), path, reservation);
   }
 }
 
-// Each directory ahead of the one that holds it, and the root last.
-void ReservedTree::synchronize(const SnapshotManifest& manifest) const {
-  const std::set<std::string_view> directories = manifest.directories();
-  for (auto directory = directories.rbegin(); directory != directories.rend(); ++directory) {
-    sync_directory(root_ / *directory);
+// What cannot be proved ours stays; its owner's record binds it.
+void ReservedTree::remove_reserved(const std::vector<std::string>& directories,
+                                   const std::filesystem::path& parent) const noexcept {
+  const auto found = link_status_of(root_);
+  if (!found || !is_directory(*found) || !is_identical(*found, identity_.device, identity_.inode)) {
+    return;
   }
-  sync_directory(root_);
-}
-
-void ReservedTree::remove_reserved(const SnapshotManifest& manifest) const noexcept {
-  try {
-    if (inspect_storage_directory(root_) != identity_) {
+  for (const auto& [name, reservation] : files_) {
+    if (reservation.path.empty()) {
+      continue;  // Its making failed.
+    }
+    const auto file = link_status_of(reservation.path);
+    if (!file || !is_reserved(*file, reservation)) {
       return;
     }
-    for (const auto& [path, reservation] : files_) {
-      AllocatedFile::verify_identity(reservation);
-      unlink(reservation.path.c_str());
-    }
-    const std::set<std::string_view> directories = manifest.directories();
-    for (auto directory = directories.rbegin(); directory != directories.rend(); ++directory) {
-      rmdir((root_ / *directory).c_str());
-    }
-    if (rmdir(root_.c_str()) == 0) {
-      sync_directory(root_.parent_path());
-    }
-  } catch (...) {
-    // What cannot be proved ours stays; its owner's record binds it.
+    unlink(reservation.path.c_str());
+  }
+  for (const std::string& directory : directories) {
+    rmdir(directory.c_str());
+  }
+  if (rmdir(root_.c_str()) == 0) {
+    const Descriptor holder(open(parent.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    posix_files::sync(holder.get());
   }
 }
 
@@ -98,7 +134,7 @@ const FileReservation& ReservedTree::file(std::string_view path, std::uint64_t l
 
 void ReservedTree::validate(const SnapshotManifest& manifest, const std::filesystem::path& root) const {
   require(files_.size() == manifest.files.size() && requested_bytes_ == manifest.expanded_length &&
-              std::filesystem::absolute(root) == root_ && inspect_storage_directory(root_) == identity_,
+              place_of(root) == root_ && inspect_storage_directory(root_) == identity_,
           "allocation_changed", "Prepared tree differs from the requested snapshot");
   for (const auto& [path, expected] : manifest.files) {
     file(path, expected.length);

@@ -9,6 +9,7 @@
 #include <map>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "domain/json.hpp"
 #include "domain/manifest.hpp"
@@ -24,19 +25,22 @@ class ReservedTree {
   using Recorder = std::function<void(const DirectoryIdentity&)>;
 
   // Makes `root`, which must not exist yet in an ordinary directory, with a reserved file for every
-  // file of the manifest. `progress`, which may be empty, is told before each file of the bytes
-  // reserved; `recorder` may be empty. Where this fails after the root is made, what was reserved is
-  // removed again as far as it is provably ours.
+  // file of the manifest. A separator at the end of `root` means nothing. `progress`, which may be empty, is told
+  // before each file of the bytes reserved; `recorder` may be empty. Where this fails after the root is made, what
+  // was reserved is removed again as far as it is provably ours; a failure of the making of the root itself may
+  // leave it, empty and unrecorded.
   // Fails with "staging_exists", "allocation_changed", "cancelled", and as safe_join, private_directory,
   // private_directory_new, AllocatedFile and sync_directory do.
   ReservedTree(const SnapshotManifest& manifest, const std::filesystem::path& root, const ProgressCallback& progress,
                const Recorder& recorder);
 
-  // Returns the reservation of a file. Fails with "allocation_changed" for any other path or length.
+  // Returns the reservation of a file, which AllocatedFile reopens it with. Fails with "allocation_changed" for any
+  // other path or length.
   const FileReservation& file(std::string_view path, std::uint64_t length) const;
 
-  // Proves that this is the tree of that manifest at that place. Fails with "allocation_changed" and as
-  // inspect_storage_directory does.
+  // Proves that this is the tree of that manifest at that place, named as it was at the making but for a separator
+  // at its end and for what makes it absolute. Fails with "allocation_changed" and as inspect_storage_directory
+  // does.
   void validate(const SnapshotManifest& manifest, const std::filesystem::path& root) const;
 
   // Returns an object of `requested_bytes`, `reserved_bytes`, `file_count` and `data_reserved`, which
@@ -47,10 +51,10 @@ class ReservedTree {
   const DirectoryIdentity& identity() const { return identity_; }
 
  private:
-  void reserve(const SnapshotManifest& manifest, const ProgressCallback& progress, const Recorder& recorder);
+  void reserve(const SnapshotManifest& manifest, const std::vector<std::string>& directories,
+               const ProgressCallback& progress, const Recorder& recorder);
   void reserve_files(const SnapshotManifest& manifest, const ProgressCallback& progress);
-  void synchronize(const SnapshotManifest& manifest) const;
-  void remove_reserved(const SnapshotManifest& manifest) const noexcept;
+  void remove_reserved(const std::vector<std::string>& directories, const std::filesystem::path& parent) const noexcept;
 
   std::filesystem::path root_;
   DirectoryIdentity identity_;

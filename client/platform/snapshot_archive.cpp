@@ -14,6 +14,7 @@
 #include <archive_entry.h>
 
 #include "domain/error.hpp"
+#include "domain/paths.hpp"
 #include "platform/allocated_file.hpp"
 #include "platform/bounded_zstd.hpp"
 #include "platform/file_digest.hpp"
@@ -37,6 +38,11 @@ struct ReleaseReader {
   void operator()(::archive* reader) const { archive_read_free(reader); }
 };
 using Reader = std::unique_ptr<::archive, ReleaseReader>;
+
+struct ReleaseEntry {
+  void operator()(archive_entry* entry) const { archive_entry_free(entry); }
+};
+using Entry = std::unique_ptr<archive_entry, ReleaseEntry>;
 
 void require_authentic(const SnapshotManifest& manifest, const std::filesystem::path& archive) {
   const auto status = link_status_of(archive);
@@ -63,11 +69,14 @@ std::uint64_t decoded_limit(const SnapshotManifest& manifest) {
 Reader open_reader(BoundedZstd& decoder) {
   Reader reader(archive_read_new());
   require(reader != nullptr, "archive", "Cannot allocate archive decoder");
-  // With the option off, no name stands for the metadata of another.
+  // With the option off, no name stands for the metadata of another. The steps of opening are taken one by one, as
+  // archive_read_open goes on without the memory for its data.
   const bool opened = archive_read_support_filter_none(reader.get()) == ARCHIVE_OK &&
                       archive_read_support_format_tar(reader.get()) == ARCHIVE_OK &&
                       archive_read_set_format_option(reader.get(), "tar", "mac-ext", nullptr) == ARCHIVE_OK &&
-                      archive_read_open(reader.get(), &decoder, nullptr, BoundedZstd::callback, nullptr) == ARCHIVE_OK;
+                      archive_read_set_read_callback(reader.get(), BoundedZstd::callback) == ARCHIVE_OK &&
+                      archive_read_set_callback_data(reader.get(), &decoder) == ARCHIVE_OK &&
+                      archive_read_open1(reader.get()) == ARCHIVE_OK;
   if (!opened) {
     decoder.require_no_error();
     fail("archive", "Cannot open snapshot archive");
@@ -120,10 +129,12 @@ class Extraction {
   // Unpacks every entry. Fails with "archive" when the archive does not end as it should.
   void unpack(BoundedZstd& decoder) {
     const Reader reader = open_reader(decoder);
-    archive_entry* entry = nullptr;
+    // An entry of our own: the reader goes on without the memory for its own.
+    const Entry entry(archive_entry_new2(reader.get()));
+    require(entry != nullptr, "archive", "Cannot allocate archive decoder");
     int answer = ARCHIVE_OK;
-    while ((answer = archive_read_next_header(reader.get(), &entry)) == ARCHIVE_OK) {
-      unpack_entry(reader.get(), entry, decoder);
+    while ((answer = archive_read_next_header2(reader.get(), entry.get())) == ARCHIVE_OK) {
+      unpack_entry(reader.get(), entry.get(), decoder);
     }
     decoder.require_no_error();
     require(answer == ARCHIVE_EOF && seen_.size() == manifest_.files.size(), "archive",
@@ -198,14 +209,15 @@ void synchronize_directories(const std::filesystem::path& staging) {
 void extract_snapshot(const SnapshotManifest& manifest, const std::filesystem::path& archive,
                       const std::filesystem::path& staging, const ProgressCallback& progress,
                       const ReservedTree* reserved) {
+  const std::filesystem::path root = without_end_separator(staging);
   require_authentic(manifest, archive);
-  prepare_staging(manifest, staging, reserved);
+  prepare_staging(manifest, root, reserved);
   {
     const auto decoder = std::make_unique<BoundedZstd>(archive, decoded_limit(manifest));
-    std::make_unique<Extraction>(manifest, staging, progress, reserved)->unpack(*decoder);
+    std::make_unique<Extraction>(manifest, root, progress, reserved)->unpack(*decoder);
   }
-  verify_snapshot_tree(manifest, staging, progress);
-  synchronize_directories(staging);
+  verify_snapshot_tree(manifest, root, progress);
+  synchronize_directories(root);
 }
 
 }  // namespace ravok

@@ -14,9 +14,10 @@ class ReservedTree;
 // Unpacks an archive of the form "tar.zst-v1" below `staging`, file by file, each durable and read
 // back, and proves the whole tree at the end. Without `reserved`, which may be null, `staging` must not
 // exist and is made as a private directory; with it, `staging` is the reserved tree's root, and the
-// files go into the blocks that it holds. `progress`, which may be empty, is told of the bytes
-// unpacked and then of the bytes proved; it is asked at least once in every 65,536 bytes. The caller
-// holds the lock of what is unpacked.
+// files go into the blocks that it holds. A separator at the end of `staging` means nothing: what lies there is never
+// reached through a link. One at the end of `archive` makes it no file. `progress`, which may be empty, is told of the
+// bytes unpacked and then of the bytes proved; it is asked at least once in every 65,536 bytes. The caller holds the
+// lock of what is unpacked.
 //
 // Memory is bounded by the decoder's window, 64 MiB at most, and the names of the manifest's files.
 //

@@ -83,6 +83,40 @@ class ReservedTreeTest : public ::testing::Test {
   }
 };
 
+// --- Places --------------------------------------------------------------------------------
+
+TEST_F(ReservedTreeTest, TakesASeparatorAtTheEndOfItsRootForNothing) {
+  for (const char* end : {"/", "//"}) {
+    std::filesystem::remove_all(staging);
+    const ReservedTree tree(manifest, staging.native() + end, {}, {});
+    EXPECT_EQ(tree.root(), staging);
+    EXPECT_EQ(tree.file("readme", 70000).path, staging / "readme");
+    EXPECT_NO_THROW(tree.validate(manifest, staging));
+    EXPECT_NO_THROW(tree.validate(manifest, staging.native() + end));
+  }
+  EXPECT_NO_THROW(ReservedTree(manifest, root / "other", {}, {}).validate(manifest, (root / "other").native() + "/"));
+}
+
+TEST_F(ReservedTreeTest, RefusesWhatIsThereWithOrWithoutASeparator) {
+  root.write("file", "x");
+  root.directory("real");
+  std::filesystem::create_symlink("real", root / "link");
+  std::filesystem::create_symlink("nowhere", root / "dangling");
+  const Names before = root.names();
+  for (const char* name : {"file", "real", "link", "dangling"}) {
+    for (const char* end : {"", "/"}) {
+      EXPECT_FAILURE(ReservedTree(manifest, (root / name).native() + end, {}, {}), "staging_exists", not_fresh)
+          << name << end;
+    }
+  }
+  EXPECT_EQ(root.names(), before);
+}
+
+TEST_F(ReservedTreeTest, RefusesAPathWithoutAPlace) {
+  EXPECT_FAILURE(ReservedTree(manifest, "", {}, {}), "unsafe_path", no_parent);
+  EXPECT_FAILURE(reserve().validate(manifest, ""), "allocation_changed", another_snapshot);
+}
+
 // --- Making --------------------------------------------------------------------------------
 
 TEST_F(ReservedTreeTest, MakesAPrivateFileWithItsBlocksForEveryFile) {

@@ -331,6 +331,47 @@ TEST_F(ExtractSnapshotTest, TouchesNothingThatIsThereAlready) {
   EXPECT_EQ(names(), Names{"staging@"});
 }
 
+// --- Places --------------------------------------------------------------------------------
+
+TEST_F(ExtractSnapshotTest, TakesASeparatorAtTheEndOfTheStagingDirectoryForNothing) {
+  const Sample snapshot = sample();
+  extract_snapshot(snapshot.manifest, snapshot.archive, staging.native() + "/", {}, nullptr);
+  expect_unpacked(files);
+  std::filesystem::remove_all(staging);
+
+  for (const auto& [made, used] : {std::pair{"", "/"}, {"/", ""}, {"/", "//"}}) {
+    const ReservedTree reserved = reserve(snapshot, staging.native() + made);
+    extract_snapshot(snapshot.manifest, snapshot.archive, staging.native() + used, {}, &reserved);
+    expect_unpacked(files);
+    std::filesystem::remove_all(staging);
+  }
+}
+
+TEST_F(ExtractSnapshotTest, RefusesWhatIsThereWithOrWithoutASeparator) {
+  const Sample snapshot = sample();
+  root.write("file", "mine");
+  root.directory("real");
+  std::filesystem::create_symlink("real", root / "link");
+  std::filesystem::create_symlink("nowhere", root / "dangling");
+  const Names before = names();
+  for (const char* name : {"file", "real", "link", "dangling"}) {
+    for (const char* end : {"", "/"}) {
+      const std::string place = (root / name).native() + end;
+      EXPECT_FAILURE(extract_snapshot(snapshot.manifest, snapshot.archive, place, {}, nullptr), "staging_exists",
+                     not_fresh)
+          << place;
+    }
+  }
+  EXPECT_EQ(names(), before);
+}
+
+TEST_F(ExtractSnapshotTest, KnowsNoArchiveBehindASeparatorAtItsEnd) {
+  const Sample snapshot = sample();
+  EXPECT_FAILURE(extract_snapshot(snapshot.manifest, snapshot.archive.native() + "/", staging, {}, nullptr),
+                 "content_mismatch", not_authentic);
+  EXPECT_EQ(names(), Names());
+}
+
 // --- The frame -----------------------------------------------------------------------------
 
 TEST_F(ExtractSnapshotTest, RefusesAnythingButOneFrame) {
