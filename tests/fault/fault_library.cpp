@@ -10,12 +10,21 @@
 //   RAVOK_FAULT_MODE     What happens at that call:
 //                          exit    the process ends by SIGKILL before the call
 //                          power   the same, and what was written to a file and not flushed since is lost
+//                          names   the same as power, and names are lost that were made, moved or removed since the
+//                                  last flush of their directory; pending_names.hpp says which can be
 //                          torn    the first half of the bytes is written, then the process ends by SIGKILL
 //                          eio     the call fails with EIO
 //                          enospc  the call fails with ENOSPC
+//   RAVOK_FAULT_STORE    An empty directory on the volume of the root and not below it. It keeps what the program
+//                        removes, so that a power cut can bring it back. Without it, no name is lost.
+//   RAVOK_FAULT_LOST     Which names the mode "names" loses: "all"; "only N", the change that call N made; "but N",
+//                        all but that one.
 //   RAVOK_FAULT_REPORT   A file that gets one line for every counted call, with a tab between the fields: the number,
 //                        the function, the modes possible for this very call (separated by commas), the mode that
-//                        was applied or "-", and the path.
+//                        was applied or "-", how many files were flushed before, the numbers of the calls whose
+//                        changes of names a power cut could lose here (separated by commas; "-" for none, "=" for the
+//                        same as in the line before), and the path. A last line stands for the end of a process that
+//                        ends by itself, with the number that follows and "end" as its function.
 //   RAVOK_FAULT_PROGRAM  The file name of the program to act in; any other passes the variables on to those that it
 //                        starts. Without it the library acts in the first program.
 //
@@ -60,13 +69,29 @@
 #include <sys/xattr.h>
 #include <unistd.h>
 
+#include "fault/pending_names.hpp"
+
+namespace ravok::fault {
+
+void refuse(const char* problem) {
+  char line[256];
+  const int size = std::snprintf(line, sizeof line, "fault library: %s\n", problem);
+  syscall(SYS_write, STDERR_FILENO, line, static_cast<std::size_t>(size));
+  syscall(SYS_exit_group, 125);
+  std::abort();
+}
+
+}  // namespace ravok::fault
+
 namespace {
+
+using namespace ravok::fault;
 
 // --- What the library is told ----------------------------------------------------------------
 
-enum class Mode { none, exit, power, torn, eio, enospc };
+enum class Mode { none, exit, power, names, torn, eio, enospc };
 
-constexpr const char* mode_names[] = {"-", "exit", "power", "torn", "eio", "enospc"};
+constexpr const char* mode_names[] = {"-", "exit", "power", "names", "torn", "eio", "enospc"};
 constexpr unsigned seconds_to_live = 30;
 // Descriptors of the library's own lie above those that a program counts on.
 constexpr int first_own_descriptor = 512;
@@ -87,12 +112,17 @@ struct Control {
   std::size_t root_size = 0;
   std::uint64_t chosen = 0;
   Mode mode = Mode::none;
+  NameLoss loss;
   int report = -1;
+  std::uint64_t reported_names = 0;  // the version of what was reported last
   std::atomic<bool> armed = false;
   std::atomic<std::uint64_t> count = 0;
+  std::atomic<std::uint64_t> flushed_files = 0;
 };
 
 constinit Control control;
+// The number of the call that this thread is in, or 0 for one that is not counted.
+constinit thread_local std::uint64_t current_call = 0;
 
 class KeptErrno {
  public:
@@ -206,6 +236,7 @@ void note_flush(int descriptor) {
   if (WrittenFile* const file = find_written(status)) {
     file->flushed_size = status.st_size;
     file->flushed = true;
+    ++control.flushed_files;
   }
 }
 
@@ -311,14 +342,25 @@ bool is_counted(const Text& path) {
 
 // --- Counting and spoiling -------------------------------------------------------------------
 
-bool is_possible(Mode mode, unsigned faults, bool unflushed) {
+// What could happen to a call.
+struct Chances {
+  unsigned faults = 0;
+  bool unflushed = false;  // files
+  bool names_pending = false;
+  bool goes_on = true;  // it is not the end of the process
+};
+
+bool is_possible(Mode mode, const Chances& chances) {
+  const unsigned faults = chances.faults;
   switch (mode) {
     case Mode::none:
       return false;
     case Mode::exit:
-      return true;
+      return chances.goes_on;
     case Mode::power:
-      return unflushed;
+      return chances.unflushed;
+    case Mode::names:
+      return chances.names_pending;
     case Mode::torn:
       return (faults & can_tear) != 0;
     case Mode::eio:
@@ -329,13 +371,13 @@ bool is_possible(Mode mode, unsigned faults, bool unflushed) {
   return false;
 }
 
-void report(std::uint64_t number, const char* name, unsigned faults, bool unflushed, Mode applied, Text& path) {
+void report(std::uint64_t number, const char* name, const Chances& chances, Mode applied, Text& path) {
   if (control.report < 0) {
     return;
   }
   char modes[64] = "";
-  for (const Mode mode : {Mode::exit, Mode::power, Mode::torn, Mode::eio, Mode::enospc}) {
-    if (is_possible(mode, faults, unflushed)) {
+  for (const Mode mode : {Mode::exit, Mode::power, Mode::names, Mode::torn, Mode::eio, Mode::enospc}) {
+    if (is_possible(mode, chances)) {
       std::strcat(modes, modes[0] == '\0' ? "" : ",");
       std::strcat(modes, mode_names[static_cast<int>(mode)]);
     }
@@ -343,14 +385,47 @@ void report(std::uint64_t number, const char* name, unsigned faults, bool unflus
   for (char* byte = path.bytes; *byte != '\0'; ++byte) {
     *byte = *byte == '\n' ? '?' : *byte;
   }
-  char line[sizeof path.bytes + 256];
-  const int size = std::snprintf(line, sizeof line, "%llu\t%s\t%s\t%s\t%s\n", static_cast<unsigned long long>(number),
-                                 name, modes, mode_names[static_cast<int>(applied)], path.bytes);
+  static char pending[65536];
+  std::strcpy(pending, number == 1 ? "-" : "=");
+  if (names_version() != control.reported_names) {
+    control.reported_names = names_version();
+    list_pending_names(pending, sizeof pending);
+  }
+  static char line[sizeof path.bytes + sizeof pending + 256];
+  const int size =
+      std::snprintf(line, sizeof line, "%llu\t%s\t%s\t%s\t%llu\t%s\t%s\n", static_cast<unsigned long long>(number),
+                    name, modes, mode_names[static_cast<int>(applied)],
+                    static_cast<unsigned long long>(control.flushed_files), pending, path.bytes);
   syscall(SYS_write, control.report, line, static_cast<std::size_t>(size));
+}
+
+// Counts what has come, reports it, and says whether it is to be spoilt; a process that is to end does so here.
+bool is_chosen(const char* name, Chances chances, Text& path) {
+  static constinit std::atomic_flag counting = ATOMIC_FLAG_INIT;
+  while (counting.test_and_set(std::memory_order_acquire)) {
+  }
+  const std::uint64_t number = ++control.count;
+  current_call = number;
+  chances.unflushed = anything_unflushed();
+  chances.names_pending = names_pending();
+  const bool chosen = number == control.chosen && is_possible(control.mode, chances);
+  report(number, name, chances, chosen ? control.mode : Mode::none, path);
+  counting.clear(std::memory_order_release);
+  if (chosen && (control.mode == Mode::power || control.mode == Mode::names)) {
+    lose_unflushed();
+  }
+  if (chosen && control.mode == Mode::names) {
+    lose_names(control.loss);
+  }
+  if (chosen && (control.mode == Mode::power || control.mode == Mode::names || control.mode == Mode::exit)) {
+    end_process();
+  }
+  return chosen;
 }
 
 // Counts the call, and does to it what is to be done: `untouched`, `tear`, or the errno value to fail with.
 int spoil(const char* name, unsigned faults, const Subject& subject) {
+  current_call = 0;
   if (!control.active) {
     return untouched;
   }
@@ -359,29 +434,19 @@ int spoil(const char* name, unsigned faults, const Subject& subject) {
   if (!resolve(subject, path) || !is_counted(path) || syscall(SYS_getpid) != control.process) {
     return untouched;
   }
-  const std::uint64_t number = ++control.count;
-  const bool unflushed = anything_unflushed();
-  const bool chosen = number == control.chosen && is_possible(control.mode, faults, unflushed);
-  report(number, name, faults, unflushed, chosen ? control.mode : Mode::none, path);
-  if (!chosen) {
+  if (!is_chosen(name, {.faults = faults}, path)) {
     return untouched;
   }
   switch (control.mode) {
-    case Mode::none:
-      return untouched;
-    case Mode::power:
-      lose_unflushed();
-      end_process();
-    case Mode::exit:
-      end_process();
     case Mode::torn:
       return tear;
     case Mode::eio:
       return EIO;
     case Mode::enospc:
       return ENOSPC;
+    default:
+      return untouched;
   }
-  return untouched;
 }
 
 // --- The functions behind ours ---------------------------------------------------------------
@@ -435,7 +500,97 @@ auto counted_pointer(unsigned faults, const Subject& subject, Arguments... argum
 
 constexpr unsigned taking_space = can_eio | can_enospc;
 
-unsigned faults_of_open(int flags) { return (flags & O_CREAT) != 0 ? taking_space : can_eio; }
+bool succeeded(int result) { return result >= 0; }
+bool succeeded(const void* result) { return result != nullptr; }
+
+// Whether the names of the present call are watched.
+bool is_watched() { return names_watched() && current_call != 0; }
+
+// Carries out a call that may make a name, with its number.
+template <typename Call>
+auto making(const Subject& subject, Call call) -> decltype(call()) {
+  if (!is_watched()) {
+    return call();
+  }
+  const Making before = before_making(subject.descriptor, subject.path);
+  const auto result = call();
+  if (succeeded(result)) {
+    made(before, current_call);
+  }
+  return result;
+}
+
+// A function that makes a name, answers -1 and sets errno when it fails.
+template <Name name, typename Function, typename... Arguments>
+int counted_making(const Subject& reported, const Subject& made, Arguments... arguments) {
+  if (const int problem = spoil(name.text, taking_space, reported); problem != untouched) {
+    errno = problem;
+    return -1;
+  }
+  return making(made, [&] { return next<name, Function>()(arguments...); });
+}
+
+// A function that opens a file, and makes it where it may.
+template <Name name, typename Function, typename... Arguments>
+int counted_open(int flags, const Subject& subject, Arguments... arguments) {
+  const bool may_make = (flags & O_CREAT) != 0;
+  if (const int problem = spoil(name.text, may_make ? taking_space : can_eio, subject); problem != untouched) {
+    errno = problem;
+    return -1;
+  }
+  const auto call = [&] { return next<name, Function>()(arguments...); };
+  return may_make ? making(subject, call) : call();
+}
+
+template <Name name, typename... Arguments>
+FILE* counted_stream(const char* path, const char* mode) {
+  const bool may_make = mode[0] != 'r';
+  if (const int problem = spoil(name.text, may_make ? taking_space : can_eio, named(path)); problem != untouched) {
+    errno = problem;
+    return nullptr;
+  }
+  const auto call = [&] { return next<name, FILE*(const char*, const char*)>()(path, mode); };
+  return may_make ? making(named(path), call) : call();
+}
+
+// A function that removes the name of a directory or that of anything else.
+template <Name name, typename Function, typename... Arguments>
+int counted_removal(const Subject& subject, bool of_directory, Arguments... arguments) {
+  if (const int problem = spoil(name.text, can_eio, subject); problem != untouched) {
+    errno = problem;
+    return -1;
+  }
+  if (!is_watched()) {
+    return next<name, Function>()(arguments...);
+  }
+  const Removing before = before_removing(subject.descriptor, subject.path, of_directory);
+  const int result = before.done ? 0 : next<name, Function>()(arguments...);
+  if (result == 0) {
+    removed(before, current_call);
+  }
+  return result;
+}
+
+template <Name name, typename Function, typename... Arguments>
+int counted_move(const Subject& from, const Subject& to, unsigned flags, Arguments... arguments) {
+  if (const int problem = spoil(name.text, taking_space, from); problem != untouched) {
+    errno = problem;
+    return -1;
+  }
+  if (!is_watched()) {
+    return next<name, Function>()(arguments...);
+  }
+  const Moving before = before_moving(from.descriptor, from.path, to.descriptor, to.path, flags);
+  const int result = next<name, Function>()(arguments...);
+  moved(before, current_call, result == 0);
+  return result;
+}
+
+bool is_directory(const char* path) {
+  const KeptErrno kept;
+  struct stat status;
+  return syscall(SYS_newfstatat, AT_FDCWD, path, &status, AT_SYMLINK_NOFOLLOW) == 0 && S_ISDIR(status.st_mode);
+}
 
 bool takes_mode(int flags) { return (flags & O_CREAT) != 0 || (flags & O_TMPFILE) == O_TMPFILE; }
 
@@ -488,19 +643,15 @@ int counted_flush(int descriptor) {
   if (!control.active || !control.armed || !status_of(descriptor, status)) {
     return next<name, Function>()(descriptor);
   }
-  note_flush(descriptor);
+  if (S_ISDIR(status.st_mode)) {
+    flush_names(status);
+  } else {
+    note_flush(descriptor);
+  }
   return 0;
 }
 
 // --- The start -------------------------------------------------------------------------------
-
-[[noreturn]] void refuse(const char* problem) {
-  char line[256];
-  const int size = std::snprintf(line, sizeof line, "fault library: %s\n", problem);
-  syscall(SYS_write, STDERR_FILENO, line, static_cast<std::size_t>(size));
-  syscall(SYS_exit_group, 125);
-  std::abort();
-}
 
 bool is_this_program(const char* name) {
   Text path{};
@@ -512,12 +663,12 @@ bool is_this_program(const char* name) {
 }
 
 Mode mode_called(const char* name) {
-  for (const Mode mode : {Mode::exit, Mode::power, Mode::torn, Mode::eio, Mode::enospc}) {
+  for (const Mode mode : {Mode::exit, Mode::power, Mode::names, Mode::torn, Mode::eio, Mode::enospc}) {
     if (std::strcmp(name, mode_names[static_cast<int>(mode)]) == 0) {
       return mode;
     }
   }
-  refuse("RAVOK_FAULT_MODE must be exit, power, torn, eio or enospc");
+  refuse("RAVOK_FAULT_MODE must be exit, power, names, torn, eio or enospc");
 }
 
 void take_root(const char* root) {
@@ -538,6 +689,26 @@ void take_call(const char* call, const char* mode) {
   }
   if (control.chosen > 0) {
     control.mode = mode_called(mode == nullptr ? "" : mode);
+  }
+}
+
+void take_loss(const char* loss) {
+  const struct {
+    const char* word;
+    NameLoss::Kind kind;
+  } kinds[] = {{"only ", NameLoss::Kind::only}, {"but ", NameLoss::Kind::but}};
+  for (const auto& [word, kind] : kinds) {
+    const std::size_t size = std::strlen(word);
+    if (std::strncmp(loss, word, size) == 0 && loss[size] >= '0' && loss[size] <= '9') {
+      char* end = nullptr;
+      control.loss = {kind, std::strtoull(loss + size, &end, 10)};
+      if (*end == '\0') {
+        return;
+      }
+    }
+  }
+  if (std::strcmp(loss, "all") != 0) {
+    refuse("RAVOK_FAULT_LOST must be all, only N or but N");
   }
 }
 
@@ -565,16 +736,31 @@ __attribute__((constructor)) void start() {
   if (const char* const call = std::getenv("RAVOK_FAULT_CALL")) {
     take_call(call, std::getenv("RAVOK_FAULT_MODE"));
   }
+  if (const char* const loss = std::getenv("RAVOK_FAULT_LOST")) {
+    take_loss(loss);
+  }
+  if (const char* const store = std::getenv("RAVOK_FAULT_STORE")) {
+    watch_names(root, store);
+  }
   if (const char* const path = std::getenv("RAVOK_FAULT_REPORT")) {
     take_report(path);
   }
-  for (const char* variable : {"RAVOK_FAULT_ROOT", "RAVOK_FAULT_CALL", "RAVOK_FAULT_MODE", "RAVOK_FAULT_REPORT",
-                               "RAVOK_FAULT_PROGRAM", "LD_PRELOAD"}) {
+  for (const char* variable : {"RAVOK_FAULT_ROOT", "RAVOK_FAULT_CALL", "RAVOK_FAULT_MODE", "RAVOK_FAULT_LOST",
+                               "RAVOK_FAULT_STORE", "RAVOK_FAULT_REPORT", "RAVOK_FAULT_PROGRAM", "LD_PRELOAD"}) {
     unsetenv(variable);
   }
   alarm(seconds_to_live);
   control.process = getpid();
   control.active = true;
+}
+
+// What a program has done is not safe by its end.
+__attribute__((destructor)) void finish() {
+  Text path{};
+  if (control.active && control.armed && syscall(SYS_getpid) == control.process) {
+    append(path, control.root);
+    is_chosen("end", {.goes_on = false}, path);
+  }
 }
 
 }  // namespace
@@ -593,7 +779,7 @@ int open(const char* path, int flags, ...) {
     mode = va_arg(arguments, mode_t);
     va_end(arguments);
   }
-  return counted<"open", int(const char*, int, ...)>(faults_of_open(flags), named(path), path, flags, mode);
+  return counted_open<"open", int(const char*, int, ...)>(flags, named(path), path, flags, mode);
 }
 
 int open64(const char* path, int flags, ...) {
@@ -604,7 +790,7 @@ int open64(const char* path, int flags, ...) {
     mode = va_arg(arguments, mode_t);
     va_end(arguments);
   }
-  return counted<"open64", int(const char*, int, ...)>(faults_of_open(flags), named(path), path, flags, mode);
+  return counted_open<"open64", int(const char*, int, ...)>(flags, named(path), path, flags, mode);
 }
 
 int openat(int directory, const char* path, int flags, ...) {
@@ -615,8 +801,8 @@ int openat(int directory, const char* path, int flags, ...) {
     mode = va_arg(arguments, mode_t);
     va_end(arguments);
   }
-  return counted<"openat", int(int, const char*, int, ...)>(faults_of_open(flags), at(directory, path), directory, path,
-                                                            flags, mode);
+  return counted_open<"openat", int(int, const char*, int, ...)>(flags, at(directory, path), directory, path, flags,
+                                                                 mode);
 }
 
 int openat64(int directory, const char* path, int flags, ...) {
@@ -627,8 +813,8 @@ int openat64(int directory, const char* path, int flags, ...) {
     mode = va_arg(arguments, mode_t);
     va_end(arguments);
   }
-  return counted<"openat64", int(int, const char*, int, ...)>(faults_of_open(flags), at(directory, path), directory,
-                                                              path, flags, mode);
+  return counted_open<"openat64", int(int, const char*, int, ...)>(flags, at(directory, path), directory, path, flags,
+                                                                   mode);
 }
 
 int __open_2(const char* path, int flags) {
@@ -648,22 +834,16 @@ int __openat64_2(int directory, const char* path, int flags) {
 }
 
 int creat(const char* path, mode_t mode) {
-  return counted<"creat", int(const char*, mode_t)>(taking_space, named(path), path, mode);
+  return counted_open<"creat", int(const char*, mode_t)>(O_CREAT, named(path), path, mode);
 }
 
 int creat64(const char* path, mode_t mode) {
-  return counted<"creat64", int(const char*, mode_t)>(taking_space, named(path), path, mode);
+  return counted_open<"creat64", int(const char*, mode_t)>(O_CREAT, named(path), path, mode);
 }
 
-FILE* fopen(const char* path, const char* mode) {
-  return counted_pointer<"fopen", FILE*(const char*, const char*)>(mode[0] == 'r' ? can_eio : taking_space, named(path),
-                                                                   path, mode);
-}
+FILE* fopen(const char* path, const char* mode) { return counted_stream<"fopen">(path, mode); }
 
-FILE* fopen64(const char* path, const char* mode) {
-  return counted_pointer<"fopen64", FILE*(const char*, const char*)>(mode[0] == 'r' ? can_eio : taking_space,
-                                                                     named(path), path, mode);
-}
+FILE* fopen64(const char* path, const char* mode) { return counted_stream<"fopen64">(path, mode); }
 
 int close(int descriptor) {
   const bool writable = control.active && (syscall(SYS_fcntl, descriptor, F_GETFL) & O_ACCMODE) != O_RDONLY;
@@ -792,54 +972,58 @@ int fdatasync(int descriptor) { return counted_flush<"fdatasync", int(int)>(desc
 // Names.
 
 int rename(const char* from, const char* to) noexcept {
-  return counted<"rename", int(const char*, const char*)>(taking_space, named(from), from, to);
+  return counted_move<"rename", int(const char*, const char*)>(named(from), named(to), 0, from, to);
 }
 
 int renameat(int from_directory, const char* from, int to_directory, const char* to) noexcept {
-  return counted<"renameat", int(int, const char*, int, const char*)>(taking_space, at(from_directory, from),
-                                                                      from_directory, from, to_directory, to);
+  return counted_move<"renameat", int(int, const char*, int, const char*)>(
+      at(from_directory, from), at(to_directory, to), 0, from_directory, from, to_directory, to);
 }
 
 int renameat2(int from_directory, const char* from, int to_directory, const char* to, unsigned flags) noexcept {
-  return counted<"renameat2", int(int, const char*, int, const char*, unsigned)>(
-      taking_space, at(from_directory, from), from_directory, from, to_directory, to, flags);
+  return counted_move<"renameat2", int(int, const char*, int, const char*, unsigned)>(
+      at(from_directory, from), at(to_directory, to), flags, from_directory, from, to_directory, to, flags);
 }
 
 int link(const char* from, const char* to) noexcept {
-  return counted<"link", int(const char*, const char*)>(taking_space, named(from), from, to);
+  return counted_making<"link", int(const char*, const char*)>(named(from), named(to), from, to);
 }
 
 int linkat(int from_directory, const char* from, int to_directory, const char* to, int flags) noexcept {
-  return counted<"linkat", int(int, const char*, int, const char*, int)>(taking_space, at(from_directory, from),
-                                                                         from_directory, from, to_directory, to, flags);
+  return counted_making<"linkat", int(int, const char*, int, const char*, int)>(
+      at(from_directory, from), at(to_directory, to), from_directory, from, to_directory, to, flags);
 }
 
 int symlink(const char* target, const char* path) noexcept {
-  return counted<"symlink", int(const char*, const char*)>(taking_space, named(path), target, path);
+  return counted_making<"symlink", int(const char*, const char*)>(named(path), named(path), target, path);
 }
 
 int symlinkat(const char* target, int directory, const char* path) noexcept {
-  return counted<"symlinkat", int(const char*, int, const char*)>(taking_space, at(directory, path), target, directory,
-                                                                  path);
+  return counted_making<"symlinkat", int(const char*, int, const char*)>(at(directory, path), at(directory, path),
+                                                                         target, directory, path);
 }
 
-int unlink(const char* path) noexcept { return counted<"unlink", int(const char*)>(can_eio, named(path), path); }
+int unlink(const char* path) noexcept { return counted_removal<"unlink", int(const char*)>(named(path), false, path); }
 
 int unlinkat(int directory, const char* path, int flags) noexcept {
-  return counted<"unlinkat", int(int, const char*, int)>(can_eio, at(directory, path), directory, path, flags);
+  return counted_removal<"unlinkat", int(int, const char*, int)>(at(directory, path), (flags & AT_REMOVEDIR) != 0,
+                                                                 directory, path, flags);
 }
 
-int remove(const char* path) noexcept { return counted<"remove", int(const char*)>(can_eio, named(path), path); }
+int remove(const char* path) noexcept {
+  return counted_removal<"remove", int(const char*)>(named(path), is_directory(path), path);
+}
 
 int mkdir(const char* path, mode_t mode) noexcept {
-  return counted<"mkdir", int(const char*, mode_t)>(taking_space, named(path), path, mode);
+  return counted_making<"mkdir", int(const char*, mode_t)>(named(path), named(path), path, mode);
 }
 
 int mkdirat(int directory, const char* path, mode_t mode) noexcept {
-  return counted<"mkdirat", int(int, const char*, mode_t)>(taking_space, at(directory, path), directory, path, mode);
+  return counted_making<"mkdirat", int(int, const char*, mode_t)>(at(directory, path), at(directory, path), directory,
+                                                                  path, mode);
 }
 
-int rmdir(const char* path) noexcept { return counted<"rmdir", int(const char*)>(can_eio, named(path), path); }
+int rmdir(const char* path) noexcept { return counted_removal<"rmdir", int(const char*)>(named(path), true, path); }
 
 ssize_t readlink(const char* path, char* bytes, size_t size) noexcept {
   return counted<"readlink", ssize_t(const char*, char*, size_t)>(can_eio, named(path), path, bytes, size);

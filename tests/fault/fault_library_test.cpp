@@ -11,9 +11,11 @@
 #include <vector>
 
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include "fault/fault_runner.hpp"
 #include "support/temporary_root.hpp"
+#include "support/tree_state.hpp"
 
 namespace ravok::testing {
 namespace {
@@ -94,11 +96,11 @@ TEST_F(FaultLibrary, EndsOrFailsEveryCallExactlyWhereItIsTold) {
   }
 }
 
-TEST_F(FaultLibrary, SpoilsNothingBeyondTheLastCall) {
+TEST_F(FaultLibrary, SpoilsNothingBeyondTheEnd) {
   const std::vector<FaultCall> calls = counted_steps();
   for (const FaultMode mode : all_fault_modes) {
     clear();
-    const FaultRun run = run_with_fault(steps_, root_.path(), calls.size() + 1, mode);
+    const FaultRun run = run_with_fault(steps_, root_.path(), calls.size() + 2, mode);
     EXPECT_EQ(run.result.exit_code, 0);
     EXPECT_EQ(run.result.output, first_names(calls, calls.size()));
     EXPECT_TRUE(std::all_of(run.calls.begin(), run.calls.end(), [](const FaultCall& c) { return c.applied.empty(); }));
@@ -177,6 +179,225 @@ TEST_F(FaultLibrary, LosesWithThePowerWhatWasNotFlushed) {
   EXPECT_EQ(root_.read("flushed"), "content");
 }
 
+TEST_F(FaultLibrary, TellsOfTheEndOfAProcessThatEndsByItself) {
+  const ProgramRun run = sample({"unflushed", root_.path()});
+  const FaultRun counted = run_with_fault(run, root_.path());
+  ASSERT_TRUE(counted.end);
+  EXPECT_EQ(counted.end->name, "end");
+  EXPECT_EQ(counted.end->number, counted.calls.size() + 1);
+  EXPECT_EQ(counted.end->modes, (std::vector<FaultMode>{FaultMode::power, FaultMode::names}));
+  const FaultRun cut = run_with_fault(run, root_.path(), counted.end->number, FaultMode::power);
+  EXPECT_EQ(cut.result.signal, SIGKILL);
+  EXPECT_EQ(cut.end->applied, (std::vector<FaultMode>{FaultMode::power}));
+  EXPECT_FALSE(run_with_fault(run, root_.path(), 1, FaultMode::exit).end);
+}
+
+// Names that are changed in a directory where there are files "old" and "target", "full/in" and a directory "empty".
+class LostNames : public ::testing::Test {
+ protected:
+  using Steps = std::vector<std::string>;
+
+  LostNames() : work_(root_ / "work") { restart(); }
+
+  void restart() const {
+    std::filesystem::remove_all(work_);
+    for (const char* name : {"old", "target", "full/in"}) {
+      root_.write(std::string("work/") + name, name);
+    }
+    root_.directory("work/empty");
+  }
+
+  ProgramRun program(const Steps& steps) const {
+    ProgramRun run = sample({"names", work_});
+    run.arguments.insert(run.arguments.end(), steps.begin(), steps.end());
+    return run;
+  }
+
+  // The unspoilt run, after which everything is as it was before.
+  FaultRun counted(const Steps& steps) const {
+    restart();
+    FaultRun run = run_with_fault(program(steps), root_.path());
+    EXPECT_EQ(run.result.exit_code, 0) << run.result.output;
+    restart();
+    return run;
+  }
+
+  std::size_t pending(const Steps& steps) const { return counted(steps).end.value().pending.size(); }
+
+  // What the steps leave, without a loss.
+  TreeState after(const Steps& steps) const {
+    restart();
+    EXPECT_EQ(run_program(program(steps)).exit_code, 0);
+    return tree_state(work_);
+  }
+
+  // What is left of the steps when the power goes after the last and these changes are lost; `changes` counts those
+  // that may be, from 0.
+  TreeState left(const Steps& steps, NameLoss::Kind kind, std::size_t change = 0) const {
+    const FaultRun run = counted(steps);
+    const FaultCall last = run.calls.back();
+    EXPECT_EQ(last.name, "stat");
+    const NameLoss loss = {kind, kind == NameLoss::Kind::all ? 0 : last.pending.at(change)};
+    const FaultRun cut = run_with_fault(program(steps), root_.path(), last.number, FaultMode::names, loss);
+    EXPECT_EQ(cut.result.signal, SIGKILL) << cut.result.errors;
+    EXPECT_EQ(cut.calls.back().applied, (std::vector<FaultMode>{FaultMode::names}));
+    return tree_state(work_);
+  }
+
+  const TemporaryRoot root_;
+  const std::filesystem::path work_;
+};
+
+constexpr NameLoss::Kind all = NameLoss::Kind::all;
+constexpr NameLoss::Kind only = NameLoss::Kind::only;
+constexpr NameLoss::Kind but = NameLoss::Kind::but;
+
+TEST_F(LostNames, EveryKindOfChangeIsTakenBack) {
+  const TreeState before = tree_state(work_);
+  for (const char* step :
+       {"make:new", "mkdir:new", "link:old:new", "symlink:old:new", "unlink:old", "remove:old", "remove:empty",
+        "rmdir:empty", "rename:old:new", "rename:old:target", "rename:old:empty/new", "rename:full:empty",
+        "rename:full:moved", "new:old:moved", "swap:old:target", "swap:old:full", "unlink:full/in"}) {
+    const ::testing::ScopedTrace trace(__FILE__, __LINE__, step);
+    EXPECT_FALSE(same_tree(after({step}), before));
+    EXPECT_TRUE(same_tree(left({step}, all), before));
+    EXPECT_TRUE(same_tree(left({step}, but), after({step})));
+  }
+}
+
+TEST_F(LostNames, AFlushedDirectoryKeepsItsNames) {
+  for (const Steps& steps :
+       {Steps{"make:new", "flush:."}, Steps{"mkdir:new", "flush:."}, Steps{"link:old:new", "flush:."},
+        Steps{"unlink:old", "flush:."}, Steps{"rmdir:empty", "flush:."}, Steps{"rename:old:target", "flush:."},
+        Steps{"rename:old:full/new", "flush:full"}, Steps{"swap:old:target", "flush:."},
+        Steps{"swap:old:full/in", "flush:.", "flush:full"}}) {
+    const ::testing::ScopedTrace trace(__FILE__, __LINE__, steps.front());
+    const FaultRun run = counted(steps);
+    EXPECT_EQ(run.end.value().pending, std::vector<std::uint64_t>{});
+    EXPECT_EQ(run.end.value().modes, std::vector<FaultMode>{});
+  }
+}
+
+TEST_F(LostNames, AnotherDirectorysFlushKeepsNothing) {
+  EXPECT_EQ(pending({"make:new", "flush:full"}), 1u);
+  EXPECT_EQ(pending({"make:full/new", "flush:."}), 1u);
+  EXPECT_EQ(pending({"rename:old:full/new", "flush:."}), 1u);
+  EXPECT_EQ(pending({"rename:full/in:new", "flush:full"}), 1u);
+  EXPECT_EQ(pending({"swap:old:full/in", "flush:."}), 1u);
+  EXPECT_EQ(pending({"swap:old:full/in", "flush:full"}), 1u);
+}
+
+TEST_F(LostNames, ChangesAreLostEachByItselfAndAllButEach) {
+  const Steps steps = {"make:a", "unlink:old", "rename:target:b"};
+  EXPECT_TRUE(same_tree(left(steps, only, 0), after({"unlink:old", "rename:target:b"})));
+  EXPECT_TRUE(same_tree(left(steps, only, 1), after({"make:a", "rename:target:b"})));
+  EXPECT_TRUE(same_tree(left(steps, only, 2), after({"make:a", "unlink:old"})));
+  EXPECT_TRUE(same_tree(left(steps, but, 0), after({"make:a"})));
+  EXPECT_TRUE(same_tree(left(steps, but, 1), after({"unlink:old"})));
+  EXPECT_TRUE(same_tree(left(steps, but, 2), after({"rename:target:b"})));
+  EXPECT_TRUE(same_tree(left(steps, all), after({})));
+}
+
+TEST_F(LostNames, WhatCannotBeWithoutALostChangeIsLostToo) {
+  EXPECT_TRUE(same_tree(left({"mkdir:a", "make:a/b", "mkdir:a/c", "rename:old:a/d"}, only, 0), after({})));
+  EXPECT_TRUE(same_tree(left({"mkdir:a", "make:a/b", "flush:a"}, all), after({})));
+  EXPECT_TRUE(same_tree(left({"make:a", "rename:a:target"}, only, 0), after({})));
+  EXPECT_TRUE(same_tree(left({"make:a", "rename:a:target"}, only, 1), after({"make:a"})));
+  EXPECT_TRUE(same_tree(left({"unlink:full/in", "rmdir:full"}, only, 0), after({})));
+  EXPECT_TRUE(same_tree(left({"unlink:full/in", "rmdir:full"}, only, 1), after({"unlink:full/in"})));
+  EXPECT_TRUE(same_tree(left({"unlink:old", "make:old"}, only, 0), after({})));
+  EXPECT_TRUE(same_tree(left({"unlink:old", "make:old", "unlink:old"}, only, 1), after({"unlink:old"})));
+  EXPECT_TRUE(same_tree(left({"rename:old:a", "rename:a:b", "rename:b:c"}, only, 0), after({})));
+  EXPECT_TRUE(same_tree(left({"rename:old:a", "rename:a:b", "rename:b:c"}, only, 1), after({"rename:old:a"})));
+  EXPECT_TRUE(same_tree(left({"link:old:a", "unlink:old"}, only, 1), after({"link:old:a"})));
+  EXPECT_TRUE(same_tree(left({"link:old:a", "unlink:old"}, only, 0), after({"unlink:old"})));
+}
+
+TEST_F(LostNames, WhatLastsTakesAlongWhatItStandsOn) {
+  EXPECT_EQ(pending({"make:a", "rename:a:full/a"}), 2u);
+  EXPECT_EQ(pending({"make:a", "rename:a:full/a", "flush:full"}), 0u);
+  EXPECT_EQ(pending({"make:a", "make:b", "rename:a:full/a", "flush:full"}), 1u);
+  EXPECT_EQ(pending({"rename:old:full/old", "make:old", "flush:."}), 0u);
+  EXPECT_EQ(pending({"unlink:full/in", "rmdir:full"}), 2u);
+  EXPECT_EQ(pending({"unlink:full/in", "rmdir:full", "flush:."}), 0u);
+  EXPECT_EQ(pending({"rename:full/in:empty/in", "rmdir:full", "flush:."}), 0u);
+}
+
+TEST_F(LostNames, WhatComesBackIsWhatItWas) {
+  struct stat before = {};
+  struct stat now = {};
+  for (const Steps& steps : {Steps{"unlink:old"}, Steps{"link:old:a", "unlink:old"}, Steps{"rename:target:old"},
+                             Steps{"rename:old:a", "unlink:a", "make:old"}}) {
+    const ::testing::ScopedTrace trace(__FILE__, __LINE__, steps.front());
+    restart();
+    const FaultCall last = run_with_fault(program(steps), root_.path()).calls.back();
+    restart();
+    ASSERT_EQ(lstat((work_ / "old").c_str(), &before), 0);
+    run_with_fault(program(steps), root_.path(), last.number, FaultMode::names);
+    ASSERT_EQ(lstat((work_ / "old").c_str(), &now), 0);
+    EXPECT_EQ(now.st_ino, before.st_ino);
+    EXPECT_EQ(now.st_nlink, 1u);
+    EXPECT_EQ(root_.read("work/old"), "old");
+  }
+}
+
+TEST_F(LostNames, AProgramSeesNothingOfWhatIsKept) {
+  const Steps steps = {"link:old:a", "unlink:old", "rename:a:target", "unlink:full/in", "rmdir:full", "mkdir:full"};
+  const TreeState plain = after(steps);
+  restart();
+  EXPECT_EQ(run_with_fault(program(steps), root_.path()).result.exit_code, 0);
+  EXPECT_TRUE(same_tree(tree_state(work_), plain));
+  struct stat status = {};
+  ASSERT_EQ(lstat((work_ / "target").c_str(), &status), 0);
+  EXPECT_EQ(status.st_nlink, 1u);
+  EXPECT_EQ(root_.names(), (std::vector<std::string>{"work/", "work/empty/", "work/full/", "work/target"}));
+}
+
+TEST_F(LostNames, FailingChangesFailAsTheyWould) {
+  const std::pair<const char*, int> cases[] = {{"rmdir:full", ENOTEMPTY},        {"rmdir:old", ENOTDIR},
+                                               {"unlink:nothing", ENOENT},       {"rename:full:old", ENOTDIR},
+                                               {"rename:empty:full", ENOTEMPTY}, {"rename:old:empty", EISDIR},
+                                               {"new:old:target", EEXIST},       {"mkdir:old", EEXIST},
+                                               {"rename:nothing:old", ENOENT},   {"link:old:target", EEXIST}};
+  for (const auto& [step, problem] : cases) {
+    restart();
+    const TreeState before = tree_state(work_);
+    const FaultRun run = run_with_fault(program({step}), root_.path());
+    EXPECT_EQ(run.result.output, std::string(step) + ": " + std::to_string(problem) + "\n");
+    EXPECT_EQ(run.end.value().pending, std::vector<std::uint64_t>{}) << step;
+    EXPECT_TRUE(same_tree(tree_state(work_), before)) << step;
+  }
+}
+
+TEST_F(LostNames, CutsDifferInWhatTheyLeaveAndAreBounded) {
+  const auto text = [&](const Steps& steps, std::uint64_t most) {
+    const FaultRun run = counted(steps);
+    std::vector<std::string> cuts;
+    for (const NameCut& cut : name_cuts(run, most)) {
+      const char* kind = cut.loss.kind == all ? "all" : cut.loss.kind == only ? "only " : "but ";
+      const std::string change = cut.loss.kind == all ? "" : run.calls.at(cut.loss.change - 1).name;
+      cuts.push_back((cut.number <= run.calls.size() ? run.calls[cut.number - 1].name : "end") + ": " + kind + change);
+    }
+    return cuts;
+  };
+  // The one change is lost before the end and after it. Of two, to lose one is to keep but the other.
+  EXPECT_EQ(text({"unlink:old"}, 100), (std::vector<std::string>{"end: all", "stat: all"}));
+  EXPECT_EQ(text({"unlink:old", "flush:."}, 100), (std::vector<std::string>{"open: all"}));
+  EXPECT_EQ(
+      text({"unlink:old", "rmdir:empty"}, 100),
+      (std::vector<std::string>{"end: all", "end: only unlink", "end: but unlink", "rmdir: all", "stat: only unlink"}));
+  Steps many;
+  for (int i = 0; i < 40; ++i) {
+    many.push_back("mkdir:" + std::to_string(i));
+  }
+  const std::vector<std::string> cuts = text(many, 50);
+  EXPECT_EQ(cuts.size(), 50u);
+  EXPECT_EQ(std::count(cuts.begin(), cuts.end(), "end: all"), 1);
+  EXPECT_EQ(std::count(cuts.begin(), cuts.end(), "end: only mkdir"), 8);
+  EXPECT_EQ(std::count(cuts.begin(), cuts.end(), "end: but mkdir"), 8);
+  EXPECT_GT(text(many, 1000).size(), 300u);
+}
+
 TEST_F(FaultLibrary, CountsNoStreamsPipesDevicesNorWhatComesBeforeTheRoot) {
   const FaultRun run = run_with_fault(sample({"elsewhere", root_.path()}), root_.path());
   EXPECT_EQ(run.result.exit_code, 0);
@@ -225,7 +446,10 @@ TEST_F(FaultLibrary, RefusesSettingsThatMeanNothing) {
       {"RAVOK_FAULT_ROOT", "/tmp/", "RAVOK_FAULT_ROOT must be an absolute path without a slash at its end"},
       {"RAVOK_FAULT_CALL", "-1", "RAVOK_FAULT_CALL must be a decimal number"},
       {"RAVOK_FAULT_CALL", "1x", "RAVOK_FAULT_CALL must be a decimal number"},
-      {"RAVOK_FAULT_MODE", "enoent", "RAVOK_FAULT_MODE must be exit, power, torn, eio or enospc"},
+      {"RAVOK_FAULT_MODE", "enoent", "RAVOK_FAULT_MODE must be exit, power, names, torn, eio or enospc"},
+      {"RAVOK_FAULT_LOST", "none", "RAVOK_FAULT_LOST must be all, only N or but N"},
+      {"RAVOK_FAULT_LOST", "only 1x", "RAVOK_FAULT_LOST must be all, only N or but N"},
+      {"RAVOK_FAULT_STORE", "/nowhere/store", "RAVOK_FAULT_STORE must be a directory"},
       {"RAVOK_FAULT_REPORT", "/nowhere/report", "RAVOK_FAULT_REPORT cannot be opened"},
   };
   for (const auto& [variable, value, message] : cases) {

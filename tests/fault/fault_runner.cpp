@@ -1,9 +1,12 @@
 #include "fault/fault_runner.hpp"
 
 #include <algorithm>
+#include <initializer_list>
 #include <iomanip>
 #include <iterator>
+#include <limits>
 #include <ostream>
+#include <set>
 #include <sstream>
 #include <stdexcept>
 
@@ -34,27 +37,91 @@ std::vector<FaultMode> modes_called(const std::string& names) {
   return modes;
 }
 
+std::vector<std::uint64_t> numbers(const std::string& text) {
+  std::vector<std::uint64_t> found;
+  std::istringstream stream(text);
+  for (std::string number; text != "-" && std::getline(stream, number, ',');) {
+    found.push_back(std::stoull(number));
+  }
+  return found;
+}
+
 std::vector<FaultCall> parse_report(const std::string& report) {
   std::vector<FaultCall> calls;
   std::istringstream lines(report);
   for (std::string line; std::getline(lines, line);) {
     std::istringstream fields(line);
-    std::string number, name, modes, applied, path;
+    std::string number, name, modes, applied, flushed, pending, path;
     std::getline(fields, number, '\t');
     std::getline(fields, name, '\t');
     std::getline(fields, modes, '\t');
     std::getline(fields, applied, '\t');
+    std::getline(fields, flushed, '\t');
+    std::getline(fields, pending, '\t');
     std::getline(fields, path);
-    calls.push_back({std::stoull(number), name, modes_called(modes), modes_called(applied), path});
+    calls.push_back({std::stoull(number), name, modes_called(modes), modes_called(applied), std::stoull(flushed),
+                     pending == "=" ? calls.back().pending : numbers(pending), path});
   }
-  // Calls of several threads may have been reported out of order.
-  std::sort(calls.begin(), calls.end(), [](const FaultCall& a, const FaultCall& b) { return a.number < b.number; });
   return calls;
 }
 
-std::string description(const FaultCall& call, FaultMode mode) {
-  return std::string(fault_mode_name(mode)) + " at call " + std::to_string(call.number) + ": " + call.name + " " +
-         call.path.string();
+std::string text_of(const NameLoss& loss) {
+  switch (loss.kind) {
+    case NameLoss::Kind::all:
+      return "all";
+    case NameLoss::Kind::only:
+      return "only " + std::to_string(loss.change);
+    case NameLoss::Kind::but:
+      return "but " + std::to_string(loss.change);
+  }
+  return "";
+}
+
+std::string text_of(const FaultCall& call) {
+  return "call " + std::to_string(call.number) + ": " + call.name + " " + call.path.string();
+}
+
+std::string description(const FaultRun& counted, const FaultCall& call, FaultMode mode, const NameLoss& loss) {
+  std::string text = std::string(fault_mode_name(mode)) + " at " + text_of(call);
+  if (mode == FaultMode::names) {
+    text += "\nnames lost: ";
+    if (loss.kind == NameLoss::Kind::all) {
+      text += "all";
+    } else {
+      text += loss.kind == NameLoss::Kind::only ? "only that of " : "all but that of ";
+      text += text_of(counted.calls.at(loss.change - 1));
+    }
+  }
+  return text;
+}
+
+const FaultCall& call_of(const FaultRun& run, std::uint64_t number) {
+  return number <= run.calls.size() ? run.calls.at(number - 1) : run.end.value();
+}
+
+// What a cut leaves of the changes of names that were made before it.
+std::set<std::uint64_t> kept_changes(std::set<std::uint64_t> all, const FaultCall& call, const NameLoss& loss) {
+  for (const std::uint64_t change : call.pending) {
+    if (loss.kind == NameLoss::Kind::all || (loss.kind == NameLoss::Kind::only) == (change == loss.change)) {
+      all.erase(change);
+    }
+  }
+  return all;
+}
+
+// At most eight numbers below `count`, spread evenly; with another `turn`, others.
+std::vector<std::size_t> spread(std::size_t count, std::size_t turn) {
+  constexpr std::size_t most = 8;
+  std::vector<std::size_t> chosen;
+  for (std::size_t i = 0; i < std::min(count, most); ++i) {
+    chosen.push_back(count <= most ? i : (i * count / most + turn) % count);
+  }
+  return chosen;
+}
+
+bool is_turning_point(const std::string& name) {
+  const std::initializer_list<const char*> names = {"rename", "renameat", "renameat2", "link", "linkat", "fsync"};
+  return std::find(names.begin(), names.end(), name) != names.end();
 }
 
 // The ending in a few words: the code of a message stands before its first colon.
@@ -77,6 +144,8 @@ const char* fault_mode_name(FaultMode mode) {
       return "exit";
     case FaultMode::power:
       return "power";
+    case FaultMode::names:
+      return "names";
     case FaultMode::torn:
       return "torn";
     case FaultMode::eio:
@@ -88,26 +157,77 @@ const char* fault_mode_name(FaultMode mode) {
 }
 
 bool ends_process(FaultMode mode) {
-  return mode == FaultMode::exit || mode == FaultMode::power || mode == FaultMode::torn;
+  return mode == FaultMode::exit || mode == FaultMode::power || mode == FaultMode::names || mode == FaultMode::torn;
 }
 
-FaultRun run_with_fault(const ProgramRun& run, const std::filesystem::path& root, std::uint64_t number,
-                        FaultMode mode) {
+FaultRun run_with_fault(const ProgramRun& run, const std::filesystem::path& root, std::uint64_t number, FaultMode mode,
+                        const NameLoss& loss) {
   const TemporaryRoot notes;
+  const TemporaryRoot store(root.parent_path());
   ProgramRun faulted = run;
   faulted.environment["LD_PRELOAD"] = RAVOK_FAULT_LIBRARY;
   faulted.environment["RAVOK_FAULT_ROOT"] = root;
   faulted.environment["RAVOK_FAULT_CALL"] = std::to_string(number);
   faulted.environment["RAVOK_FAULT_MODE"] = fault_mode_name(mode);
+  faulted.environment["RAVOK_FAULT_LOST"] = text_of(loss);
+  faulted.environment["RAVOK_FAULT_STORE"] = store.path();
   faulted.environment["RAVOK_FAULT_REPORT"] = notes.write("report", "");
   FaultRun done;
   done.result = run_program(faulted);
   done.calls = parse_report(notes.read("report"));
+  if (!done.calls.empty() && done.calls.back().name == "end") {
+    done.end = done.calls.back();
+    done.calls.pop_back();
+  }
   return done;
 }
 
+std::vector<NameCut> name_cuts(const FaultRun& run, std::uint64_t most) {
+  std::vector<FaultCall> points = run.calls;
+  if (run.end) {
+    points.push_back(*run.end);
+  }
+  std::vector<NameCut> always;
+  std::vector<NameCut> others;
+  std::set<std::uint64_t> made;
+  std::set<std::pair<std::uint64_t, std::set<std::uint64_t>>> met;
+  std::size_t turn = 0;
+  for (std::size_t i = 1; i < points.size(); ++i) {
+    const FaultCall& point = points[i];
+    const FaultCall& before = points[i - 1];
+    made.insert(point.pending.begin(), point.pending.end());
+    const bool is_end = point.name == "end";
+    const bool is_same = point.pending == before.pending && point.flushed_files == before.flushed_files;
+    if (point.pending.empty() || (is_same && !is_end)) {
+      continue;
+    }
+    const bool is_wanted = is_end || is_turning_point(before.name);
+    // Of a program that has told of its end, more is expected.
+    const std::uint64_t stage = is_end ? std::numeric_limits<std::uint64_t>::max() : point.flushed_files;
+    // With nothing lost, only files would be.
+    met.insert({stage, made});
+    const auto add = [&](const NameLoss& loss) {
+      if (met.insert({stage, kept_changes(made, point, loss)}).second) {
+        (is_wanted ? always : others).push_back({point.number, loss});
+      }
+    };
+    add({NameLoss::Kind::all, 0});
+    for (const std::size_t chosen : spread(point.pending.size(), ++turn)) {
+      add({NameLoss::Kind::only, point.pending[chosen]});
+      add({NameLoss::Kind::but, point.pending[chosen]});
+    }
+  }
+  const std::uint64_t wanted =
+      std::min<std::uint64_t>(others.size(), most - std::min<std::uint64_t>(most, always.size()));
+  for (std::uint64_t i = 0; i < wanted; ++i) {
+    always.push_back(others[i * others.size() / wanted]);
+  }
+  return always;
+}
+
 std::ostream& operator<<(std::ostream& stream, const FaultTable& table) {
-  stream << table.calls.size() << " calls, " << table.runs << " spoilt runs\n";
+  stream << table.calls.size() << " calls, " << table.runs << " spoilt runs, " << table.name_cuts
+         << " of which lost names\n";
   for (const auto& [what, endings] : table.endings) {
     stream << "  " << std::left << std::setw(18) << what.first << std::setw(8) << what.second;
     const char* between = "";
@@ -132,21 +252,37 @@ FaultTable run_faults(const FaultPlan& plan) {
 
   FaultTable table;
   table.calls = unspoilt.calls;
-  for (const FaultCall& call : unspoilt.calls) {
+  table.end = unspoilt.end;
+  const auto is_tried = [&](FaultMode mode) {
+    return std::find(plan.modes.begin(), plan.modes.end(), mode) != plan.modes.end();
+  };
+  const auto spoil = [&](const FaultCall& call, FaultMode mode, const NameLoss& loss) {
+    plan.reset();
+    const FaultRun spoilt = run_with_fault(plan.run, plan.root, call.number, mode, loss);
+    const bool reached = spoilt.calls.size() + (spoilt.end ? 1 : 0) >= call.number;
+    const FaultCall& met = reached ? call_of(spoilt, call.number) : call;
+    if (met.name != call.name || met.applied != std::vector<FaultMode>{mode} || met.pending != call.pending ||
+        (ends_process(mode) && spoilt.result.signal == 0)) {
+      throw std::runtime_error("Not reached: " + description(unspoilt, call, mode, loss) + "\n" + spoilt.result.errors);
+    }
+    ++table.runs;
+    ++table.endings[{call.name, fault_mode_name(mode)}][ending(spoilt.result)];
+    const ::testing::ScopedTrace trace(__FILE__, __LINE__,
+                                       description(unspoilt, call, mode, loss) + "\n" + spoilt.result.errors);
+    plan.judge({call, mode, spoilt.result});
+  };
+  for (std::uint64_t number = 1; number <= unspoilt.calls.size() + (unspoilt.end ? 1 : 0); ++number) {
+    const FaultCall& call = call_of(unspoilt, number);
     for (const FaultMode mode : call.modes) {
-      if (std::find(plan.modes.begin(), plan.modes.end(), mode) == plan.modes.end()) {
-        continue;
+      if (mode != FaultMode::names && is_tried(mode)) {
+        spoil(call, mode, {});
       }
-      plan.reset();
-      const FaultRun spoilt = run_with_fault(plan.run, plan.root, call.number, mode);
-      if (spoilt.calls.size() < call.number || spoilt.calls[call.number - 1].name != call.name ||
-          spoilt.calls[call.number - 1].applied != std::vector<FaultMode>{mode}) {
-        throw std::runtime_error("Not reached: " + description(call, mode));
-      }
-      ++table.runs;
-      ++table.endings[{call.name, fault_mode_name(mode)}][ending(spoilt.result)];
-      const ::testing::ScopedTrace trace(__FILE__, __LINE__, description(call, mode) + "\n" + spoilt.result.errors);
-      plan.judge({call, mode, spoilt.result});
+    }
+  }
+  if (is_tried(FaultMode::names)) {
+    for (const NameCut& cut : name_cuts(unspoilt, plan.most_name_cuts)) {
+      spoil(call_of(unspoilt, cut.number), FaultMode::names, cut.loss);
+      ++table.name_cuts;
     }
   }
   return table;

@@ -6,6 +6,7 @@
 #include <functional>
 #include <iosfwd>
 #include <map>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -17,13 +18,14 @@ namespace ravok::testing {
 enum class FaultMode {
   exit,    // the process ends by SIGKILL before the call
   power,   // the same, and what was written to a file and not flushed since is lost
+  names,   // the same as power, and names are lost whose directory was not flushed since they changed
   torn,    // half of the bytes are written, then the process ends by SIGKILL
   eio,     // the call fails with EIO
   enospc,  // the call fails with ENOSPC
 };
 
-inline constexpr FaultMode all_fault_modes[] = {FaultMode::exit, FaultMode::power, FaultMode::torn, FaultMode::eio,
-                                                FaultMode::enospc};
+inline constexpr FaultMode all_fault_modes[] = {FaultMode::exit, FaultMode::power, FaultMode::names,
+                                                FaultMode::torn, FaultMode::eio,   FaultMode::enospc};
 
 // The mode as the library and the tables name it.
 const char* fault_mode_name(FaultMode mode);
@@ -33,27 +35,52 @@ bool ends_process(FaultMode mode);
 
 // A call that the library counted.
 struct FaultCall {
-  std::uint64_t number = 0;        // from 1, in the order of the calls
-  std::string name;                // the function of the C library
-  std::vector<FaultMode> modes;    // what could happen to this very call
-  std::vector<FaultMode> applied;  // what did happen to it: nothing or one mode
-  std::filesystem::path path;      // what it concerned; of two paths the first
+  std::uint64_t number = 0;            // from 1, in the order of the calls
+  std::string name;                    // the function of the C library
+  std::vector<FaultMode> modes;        // what could happen to this very call
+  std::vector<FaultMode> applied;      // what did happen to it: nothing or one mode
+  std::uint64_t flushed_files = 0;     // how many files had been flushed before
+  std::vector<std::uint64_t> pending;  // the calls whose changes of names a power cut could lose here
+  std::filesystem::path path;          // what it concerned; of two paths the first
 };
 
 struct FaultRun {
   ProgramResult result;
   std::vector<FaultCall> calls;
+  // The end of a program that ended by itself, with the number after that of the last call and the name "end".
+  std::optional<FaultCall> end;
+};
+
+// Which names a power cut loses of those that it may.
+struct NameLoss {
+  enum class Kind { all, only, but };
+  Kind kind = Kind::all;
+  std::uint64_t change = 0;  // the call whose change is lost alone, or kept alone
 };
 
 // Runs the program with the library preloaded, counting from the first call that concerns `root` or a directory above
 // it, and with `mode` at call `number`; 0 only counts. `root` must be absolute, without links.
 FaultRun run_with_fault(const ProgramRun& run, const std::filesystem::path& root, std::uint64_t number = 0,
-                        FaultMode mode = FaultMode::exit);
+                        FaultMode mode = FaultMode::exit, const NameLoss& loss = {});
+
+// A power cut at a call or at the end, and the names that it loses.
+struct NameCut {
+  std::uint64_t number = 0;
+  NameLoss loss;
+};
+
+// The power cuts that differ in what they leave of a counted run: at every call from which on other names may be lost,
+// all of them, each by itself and all but each, of more than eight changes eight that are spread over them. More than
+// `most` are thinned out evenly; those stay that follow a flush, a link or a move, and those at the end.
+std::vector<NameCut> name_cuts(const FaultRun& run, std::uint64_t most);
 
 struct FaultOutcome {
   FaultCall call;  // as it was in the run that only counted
   FaultMode mode;
   ProgramResult result;
+
+  // Whether the program had ended by itself, so that nothing but what it had not flushed was spoilt.
+  bool at_end() const { return call.name == "end"; }
 };
 
 struct FaultPlan {
@@ -66,12 +93,16 @@ struct FaultPlan {
   std::vector<FaultMode> modes = {std::begin(all_fault_modes), std::end(all_fault_modes)};
   // Guards against a program that never stops calling.
   std::uint64_t most_calls = 2000;
+  // How many of the runs that lose names are wanted, besides those that always are.
+  std::uint64_t most_name_cuts = 300;
 };
 
 // What was tried, and what came of it.
 struct FaultTable {
   std::vector<FaultCall> calls;
-  std::uint64_t runs = 0;  // spoilt runs
+  std::uint64_t runs = 0;       // spoilt runs
+  std::uint64_t name_cuts = 0;  // those of them that lost names
+  std::optional<FaultCall> end;
   // By the function's name and the mode: how often a run ended in which way.
   std::map<std::pair<std::string, std::string>, std::map<std::string, std::uint64_t>> endings;
 };
@@ -79,8 +110,9 @@ struct FaultTable {
 std::ostream& operator<<(std::ostream& stream, const FaultTable& table);
 
 // Runs the program once unspoilt, which must end with code 0, and then once for every call and every mode that is
-// possible for it, each on a fresh state. Throws std::runtime_error when the unspoilt run fails or makes too many
-// calls, and when a spoilt run does not reach its call: the program's calls then differ from run to run.
+// possible for it, each on a fresh state; of the mode that loses names, as name_cuts tells. Throws std::runtime_error
+// when the unspoilt run fails or makes too many calls, and when a spoilt run does not reach its call: the program's
+// calls then differ from run to run.
 FaultTable run_faults(const FaultPlan& plan);
 
 }  // namespace ravok::testing

@@ -5,6 +5,10 @@
 //   sample_plain elsewhere DIR  calls that do not count, and then two that do
 //   sample_plain close DIR      closes a written file and tells whether the descriptor is gone
 //   sample_plain unflushed DIR  writes two files, flushes one and looks at a third
+//   sample_plain names DIR STEP...
+//                               changes names in DIR and looks at it in the end. The steps are make:A, mkdir:A,
+//                               link:A:B, symlink:A:B, unlink:A, remove:A, rmdir:A, rename:A:B, new:A:B for a move
+//                               that replaces nothing, swap:A:B, and flush:A for a directory
 //   sample_plain threads DIR    looks at DIR 800 times from eight threads
 //   sample_plain child DIR      runs this program's steps in a process of its own
 //   sample_plain environment    prints the environment
@@ -241,6 +245,52 @@ int write_unflushed(const std::string& root) {
   return written && stat(root.c_str(), &status) == 0 ? 0 : 1;
 }
 
+bool flush_directory(const char* path) {
+  const int directory = open(path, O_RDONLY | O_DIRECTORY);
+  return fsync(directory) == 0 && close(directory) == 0;
+}
+
+bool change_names(const std::string& step) {
+  const std::size_t first = step.find(':');
+  const std::size_t second = step.find(':', first + 1);
+  const std::string what = step.substr(0, first);
+  const std::string a = step.substr(first + 1, second == std::string::npos ? second : second - first - 1);
+  const std::string b = second == std::string::npos ? "" : step.substr(second + 1);
+  const std::pair<const char*, std::function<bool()>> kinds[] = {
+      {"make", [&] { return write_file(a, true); }},
+      {"mkdir", [&] { return mkdir(a.c_str(), 0700) == 0; }},
+      {"link", [&] { return link(a.c_str(), b.c_str()) == 0; }},
+      {"symlink", [&] { return symlink(a.c_str(), b.c_str()) == 0; }},
+      {"unlink", [&] { return unlink(a.c_str()) == 0; }},
+      {"remove", [&] { return remove(a.c_str()) == 0; }},
+      {"rmdir", [&] { return rmdir(a.c_str()) == 0; }},
+      {"rename", [&] { return rename(a.c_str(), b.c_str()) == 0; }},
+      {"new", [&] { return renameat2(AT_FDCWD, a.c_str(), AT_FDCWD, b.c_str(), RENAME_NOREPLACE) == 0; }},
+      {"swap", [&] { return renameat2(AT_FDCWD, a.c_str(), AT_FDCWD, b.c_str(), RENAME_EXCHANGE) == 0; }},
+      {"flush", [&] { return flush_directory(a.c_str()); }},
+  };
+  for (const auto& [kind, change] : kinds) {
+    if (what == kind) {
+      return change();
+    }
+  }
+  return false;
+}
+
+int run_names(int count, char** steps, const std::string& root) {
+  if (chdir(root.c_str()) != 0) {
+    return 1;
+  }
+  for (int i = 0; i < count; ++i) {
+    if (!change_names(steps[i])) {
+      std::printf("%s: %d\n", steps[i], errno);
+      return 1;
+    }
+  }
+  struct stat status;
+  return stat(root.c_str(), &status) == 0 ? 0 : 1;
+}
+
 int look_from_threads(const std::string& root) {
   std::vector<std::thread> threads;
   for (int i = 0; i < 8; ++i) {
@@ -297,6 +347,9 @@ int main(int argc, char** argv) {
   }
   if (action == "unflushed") {
     return write_unflushed(root);
+  }
+  if (action == "names") {
+    return run_names(argc - 3, argv + 3, root);
   }
   if (action == "threads") {
     return look_from_threads(root);

@@ -29,10 +29,11 @@ TEST_P(SetupFault, LeavesAKnownStateThatTheNextRunFinishes) {
   plan.root = trial.place().root().path();
   plan.modes = {mode};
   plan.most_calls = 10'000;
+  plan.most_name_cuts = 150;
   plan.reset = [&] { trial.restart(); };
   plan.judge = [&](const FaultOutcome& outcome) {
     EXPECT_EQ(outcome.result.signal == SIGKILL, ends_process(outcome.mode));
-    ++met[trial.judge({outcome.result, outcome.call.path})];
+    ++met[trial.judge({outcome.result, outcome.call.path, outcome.mode == FaultMode::names, outcome.at_end()})];
   };
   const FaultTable table = run_faults(plan);
   EXPECT_GT(table.runs, 1u);

@@ -119,11 +119,23 @@ Files player_data(const Files& files) {
   return found;
 }
 
+// What stands in the home and is none of the client's shortcuts.
+Files foreign(const Files& files) {
+  static const std::regex own("home/\\.local/share/applications/ravok-.*");
+  Files found;
+  for (const auto& [name, content] : files) {
+    if (name.starts_with("home/") && !name.ends_with('/') && !std::regex_match(name, own)) {
+      found[name] = content;
+    }
+  }
+  return found;
+}
+
 // What is left but for locks and what was being prepared.
 Files without_beginnings(Files files) {
   std::erase_if(files, [](const auto& file) {
-    return file.first == "data/.ravok-setup.lock" || file.first == "data/.native-bootstrap.lock" ||
-           file.first.starts_with("data/native/staging/");
+    return is_stray(file.first) || file.first == "data/.ravok-setup.lock" ||
+           file.first == "data/.native-bootstrap.lock" || file.first.starts_with("data/native/staging/");
   });
   return files;
 }
@@ -158,7 +170,9 @@ SetupTrial::SetupTrial(SetupOperation operation) : operation_(operation) {
   if (!starts_missing() && operation_ != SetupOperation::bare_uninstall) {
     place_.write_player_data();
   }
+  place_.root().write("place/home/letter", "dear reader");
   if (repairs() || uninstalls()) {
+    place_.root().write("place/home/.local/share/applications/other.desktop", "another's");
     place_.install();
   }
   switch (operation_) {
@@ -192,8 +206,9 @@ std::string SetupTrial::judge(const SetupEnding& ending) {
   if (operation_ != SetupOperation::removing_uninstall) {
     EXPECT_EQ(player_data(left), player_data(start_));
   }
+  EXPECT_EQ(foreign(left), foreign(start_));
   // Whoever comes while an uninstall ends is kept out for as long as the marker stands.
-  EXPECT_TRUE(!uninstalls() || state != "interrupted" || !is_missing(place_.paths().setup_lock));
+  EXPECT_TRUE(ending.lost_names || !uninstalls() || state != "interrupted" || !is_missing(place_.paths().setup_lock));
   judge_ending(ending, state, left);
   if (states_.insert(state_of(left)).second) {
     judge_next_runs(state, left);
@@ -241,25 +256,51 @@ std::string SetupTrial::expect_known_state() const {
   return recorded ? "complete" : is_missing(place_.data()) ? "missing" : "not installed";
 }
 
-// Of the data folder, only the player's data is left; or nothing. The setup lock may be left where it was never held.
-void SetupTrial::expect_nothing_but_player_data(bool lock_may_stay) const {
+// Of the data folder, only the player's data is left; or nothing. Locks may be left where they were never held, or
+// where their end was lost.
+void SetupTrial::expect_nothing_but_player_data(bool locks_may_stay) const {
   Files found;
   for (const auto& [name, content] : place_.all()) {
-    if (name.starts_with("data/") && name != "data/" && !(lock_may_stay && name == "data/.ravok-setup.lock")) {
+    const bool is_lock = name == "data/.ravok-setup.lock" || name == "data/.native-bootstrap.lock";
+    if (name.starts_with("data/") && name != "data/" && !(locks_may_stay && is_lock)) {
       found[name] = content;
     }
   }
   EXPECT_EQ(found, player_data(found));
-  EXPECT_TRUE(lock_may_stay || is_missing(place_.data()) == found.empty());
+  EXPECT_TRUE(locks_may_stay || is_missing(place_.data()) == found.empty());
+}
+
+// But for the beginnings of an operation, everything is as it was before.
+void SetupTrial::expect_unchanged(const Files& left) const {
+  EXPECT_EQ(without_beginnings(left), without_beginnings(start_));
+}
+
+// Without the marker, what an ended run has left is all that it was to do or nothing of it.
+void SetupTrial::judge_cut(const SetupEnding& ending, const std::string& state, const Files& left) const {
+  if (state == "interrupted") {
+    // What has told of its end is not taken back.
+    EXPECT_FALSE(ending.at_end);
+  } else if (uninstalls()) {
+    EXPECT_FALSE(ending.at_end && state == "complete");
+    if (state == "complete") {
+      expect_unchanged(left);
+    } else {
+      expect_nothing_but_player_data(true);
+    }
+  } else if (state == "complete") {
+    if (installs() || ending.at_end || without_beginnings(left) != without_beginnings(start_)) {
+      place_.expect_complete();
+    }
+  } else {
+    EXPECT_FALSE(repairs());
+    EXPECT_FALSE(installs() && ending.at_end);
+  }
 }
 
 void SetupTrial::judge_ending(const SetupEnding& ending, const std::string& state, const Files& left) const {
   const ProgramResult& result = ending.result;
   if (result.signal == SIGKILL) {
-    // Ended behind its commit, a run has left all of it.
-    if (installs() && state == "complete") {
-      place_.expect_complete();
-    }
+    judge_cut(ending, state, left);
     return;
   }
   EXPECT_EQ(strays(left), std::set<std::string>{});
@@ -314,11 +355,11 @@ void SetupTrial::judge_failure(const SetupEnding& ending, const std::string& sta
       EXPECT_EQ(status.value("message", "") + "\n", errors.substr(errors.find(": ") + 2));
     } else if (state == "complete") {
       // Not even the failure could be recorded; nothing has been replaced.
-      EXPECT_EQ(without_beginnings(left), without_beginnings(start_));
+      expect_unchanged(left);
     }
   } else if (uninstalls() && state != "interrupted") {
     EXPECT_EQ(state, "complete");
-    EXPECT_EQ(without_beginnings(left), without_beginnings(start_));
+    expect_unchanged(left);
   }
 }
 
@@ -349,6 +390,7 @@ void SetupTrial::expect_success(const std::string& name, const Files& left, cons
     ADD_FAILURE() << error.what();
     return;
   }
+  EXPECT_EQ(foreign(place_.all()), foreign(start_));
   if (name == "install" || name == "repair") {
     place_.expect_complete();
     EXPECT_EQ(player_data(place_.all()), player_data(left));

@@ -38,7 +38,11 @@ const char* name_of(SetupOperation operation);
 struct SetupEnding {
   ProgramResult result;
   // What the call that was made to fail concerned, if one was.
-  std::filesystem::path spoilt;
+  std::filesystem::path spoilt = {};
+  // Whether names were lost after it.
+  bool lost_names = false;
+  // Whether it had ended by itself before anything was lost.
+  bool at_end = false;
 };
 
 class SetupTrial {
@@ -72,7 +76,9 @@ class SetupTrial {
   void keep(const std::string& name) const;
   void take(const std::string& name) const;
   std::string expect_known_state() const;
-  void expect_nothing_but_player_data(bool lock_may_stay = false) const;
+  void expect_nothing_but_player_data(bool locks_may_stay = false) const;
+  void expect_unchanged(const Files& left) const;
+  void judge_cut(const SetupEnding& ending, const std::string& state, const Files& left) const;
   void judge_ending(const SetupEnding& ending, const std::string& state, const Files& left) const;
   void judge_success(const std::string& state) const;
   void judge_failure(const SetupEnding& ending, const std::string& state, const Files& left) const;

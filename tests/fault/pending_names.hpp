@@ -1,0 +1,93 @@
+// The names that a program has made, moved or removed, for as long as a power cut may take each change back.
+//
+// A change lasts from the next flush of its directory on. A move is one step in two directories, which no journalling
+// file system shows half done: there is never the new name beside the old one, nor neither of them. It lasts from the
+// flush of the directory that it leads into. ext4, XFS and Btrfs let it last from a flush of the other directory too,
+// and a new file's name from a flush of the file; no program should build on that. An exchange lasts from the flush of
+// both directories. These file systems write what belongs together in its order, so a change that lasts makes all last
+// that it stands on: the earlier changes of the same names and, when a directory is removed, all changes in it.
+//
+// Of the other changes a power cut takes back any that it likes. What is there afterwards is what comes of making the
+// kept ones again, in their order, on what lasts. One that cannot be made then is lost as well: its directory is lost,
+// the name that it takes away is missing or another's, the name that it gives is taken, the directory that it removes
+// is not empty.
+//
+// What a program removes or replaces is kept in a store, so that it can come back as what it was.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+#include <sys/stat.h>
+#include <sys/types.h>
+
+namespace ravok::fault {
+
+// Ends the program, telling what the library cannot do.
+[[noreturn]] void refuse(const char* problem);
+
+// Which of the changes that may be lost are lost.
+struct NameLoss {
+  enum class Kind { all, only, but };
+  Kind kind = Kind::all;
+  std::uint64_t change = 0;  // the call whose change is lost alone, or kept alone
+};
+
+// A name in a directory that is known.
+struct KnownName {
+  int directory = -1;  // -1 for one that is not watched
+  char name[256] = {};
+};
+
+// What a call is about to do. Each of these is made before the call and given back after it.
+struct Making {
+  KnownName place;
+  bool is_new = false;
+};
+
+struct Removing {
+  KnownName place;
+  ino_t object = 0;
+  bool is_directory = false;
+  int slot = -1;      // where the object lies in the store
+  int kept = -1;      // a descriptor of it, where it has other names
+  bool done = false;  // whether nothing is left to do for the call
+};
+
+struct Moving {
+  KnownName from;
+  KnownName to;
+  ino_t object = 0;
+  bool exchanges = false;
+  bool exclusive = false;
+  Removing replaced;
+};
+
+// From here on the changes below `root` are watched. The store must be an empty directory of the same volume that does
+// not lie below it. Both are absolute paths without links.
+void watch_names(const char* root, const char* store);
+bool names_watched();
+
+Making before_making(int directory, const char* path);
+void made(const Making& making, std::uint64_t call);
+
+Removing before_removing(int directory, const char* path, bool as_directory);
+void removed(const Removing& removing, std::uint64_t call);
+
+Moving before_moving(int from_directory, const char* from, int to_directory, const char* to, unsigned flags);
+void moved(const Moving& moving, std::uint64_t call, bool succeeded);
+
+// What was changed in this directory lasts.
+void flush_names(const struct stat& directory);
+
+// Whether anything may be lost, and a number that grows whenever something else may.
+bool names_pending();
+std::uint64_t names_version();
+
+// Writes the numbers of the calls whose changes may be lost: "3,5,6", or "-" for none.
+void list_pending_names(char* text, std::size_t size);
+
+// Takes changes back as a power cut does.
+void lose_names(const NameLoss& loss);
+
+}  // namespace ravok::fault
