@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <exception>
+#include <new>
 #include <system_error>
 #include <utility>
 
@@ -103,6 +104,8 @@ std::optional<Brand> installed_brand(const std::filesystem::path& root) {
     if (record.is_object() && record.contains("brand")) {
       return parse_brand(record.at("brand"));
     }
+  } catch (const std::bad_alloc&) {
+    throw;
   } catch (const std::exception&) {
     // A damaged record must not stop the repair that would replace it.
   }

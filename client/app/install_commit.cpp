@@ -69,6 +69,8 @@ class Commit {
     write_installation(native_, package_);
     remove_staging();
     remove_setup_marker(root_);
+    // What is told as finished stays so.
+    root_.flush();
   }
 
  private:

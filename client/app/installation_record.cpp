@@ -3,6 +3,7 @@
 #include <array>
 #include <ctime>
 #include <exception>
+#include <new>
 #include <system_error>
 
 #include "app/json_paths.hpp"
@@ -43,6 +44,8 @@ auto read_record(const std::filesystem::path& path, const std::string& malformed
     if (error.code == unsupported) {
       throw;
     }
+  } catch (const std::bad_alloc&) {
+    throw;
   } catch (const std::exception&) {
     // The same as what follows.
   }
@@ -65,6 +68,8 @@ std::string launcher_build(const DataPaths& paths) {
     const Json status = LauncherStore::existing(paths.root)->status();
     const Json& build = status.at("active").is_null() ? status.at("candidate") : status.at("active");
     return build.is_null() ? "" : text_at(build, "build_id");
+  } catch (const std::bad_alloc&) {
+    throw;
   } catch (const std::exception&) {
     return "";
   }

@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <exception>
 #include <limits>
+#include <new>
 #include <optional>
 #include <string>
 #include <system_error>
@@ -261,6 +262,8 @@ Json LauncherStore::fallback_active() const {
         best = std::move(reference);
         best_time = *time;
       }
+    } catch (const std::bad_alloc&) {
+      throw;
     } catch (const std::exception&) {
       // Not a version that could be started.
     }

@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <exception>
 #include <initializer_list>
+#include <new>
 #include <set>
 
 #include "domain/bootstrap_contract.hpp"
@@ -16,6 +17,7 @@
 #include "platform/file_status.hpp"
 #include "platform/files.hpp"
 #include "platform/native_platform.hpp"
+#include "platform/tree_walk.hpp"
 #include "transport/https.hpp"
 #include "tuf/keys.hpp"
 #include "tuf/metadata_shape.hpp"
@@ -55,6 +57,8 @@ auto read_sealed(Work work) {
   try {
     return work();
   } catch (const Error&) {
+    throw;
+  } catch (const std::bad_alloc&) {
     throw;
   } catch (const std::exception&) {
     fail(invalid, "Initial package metadata is malformed");
@@ -321,11 +325,10 @@ class PackageReader {
       require(names.insert(resource.path).second, invalid, "Initial package resources overlap");
     }
     std::size_t count = 0;
-    for (const auto& entry : std::filesystem::directory_iterator(package_.directory)) {
-      const std::string name = path_utf8(entry.path().filename());
-      const bool expected = ++count <= names.size() &&
-                            entry.symlink_status().type() == std::filesystem::file_type::regular &&
-                            names.contains(name);
+    // One name more than there may be is enough to refuse.
+    for (const std::string& name : names_in(package_.directory, names.size() + 1)) {
+      const auto status = link_status_of(package_.directory / name);
+      const bool expected = ++count <= names.size() && status && S_ISREG(status->st_mode) && names.contains(name);
       require(expected, invalid, "Initial package contains an unexpected entry: " + name);
     }
     require(count == names.size(), invalid, "Initial package is missing a resource");

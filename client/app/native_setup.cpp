@@ -1,6 +1,8 @@
 #include "app/native_setup.hpp"
 
 #include <exception>
+#include <new>
+#include <string_view>
 #include <utility>
 
 #include "app/setup_execution.hpp"
@@ -9,10 +11,35 @@
 namespace ravok {
 namespace {
 
-// Of what failed in no way of this system's own.
+// The code of a failure that has none of its own; so short that it needs no memory.
 constexpr const char* failed_code = "setup_failed";
 
+// The outcome of a failure. Without memory for its words it has a code at least.
+NativeSetup::View failed(std::string_view code, const char* message) {
+  NativeSetup::View outcome;
+  try {
+    outcome.error_code = code;
+    outcome.error_message = message;
+  } catch (const std::bad_alloc&) {
+    outcome.error_code = failed_code;
+  }
+  return outcome;
+}
+
 }  // namespace
+
+template <typename Change>
+void NativeSetup::publish(Change change) {
+  std::shared_ptr<const std::function<void()>> wakeup;
+  {
+    const std::lock_guard lock(mutex_);
+    change(view_);
+    wakeup = wakeup_;
+  }
+  if (wakeup && *wakeup) {
+    (*wakeup)();
+  }
+}
 
 NativeSetup::~NativeSetup() {
   cancel_requested_ = true;
@@ -38,10 +65,7 @@ void NativeSetup::start(SetupCommand command) {
     cancel_requested_ = false;
     thread_ = std::thread([this, command = std::move(command)] { run(command); });
   } catch (const std::exception& problem) {
-    View outcome;
-    outcome.error_code = failed_code;
-    outcome.error_message = problem.what();
-    finish(std::move(outcome));
+    finish(failed(failed_code, problem.what()));
   }
 }
 
@@ -51,8 +75,9 @@ NativeSetup::View NativeSetup::view() const {
 }
 
 void NativeSetup::set_wakeup(std::function<void()> wakeup) {
+  auto shared = std::make_shared<const std::function<void()>>(std::move(wakeup));
   const std::lock_guard lock(mutex_);
-  wakeup_ = std::move(wakeup);
+  wakeup_ = std::move(shared);
 }
 
 void NativeSetup::run(const SetupCommand& command) {
@@ -73,11 +98,9 @@ void NativeSetup::run(const SetupCommand& command) {
   try {
     outcome.result = run_setup_command(command, package_seal_, callbacks);
   } catch (const Error& error) {
-    outcome.error_code = error.code;
-    outcome.error_message = error.what();
+    outcome = failed(error.code, error.what());
   } catch (const std::exception& problem) {
-    outcome.error_code = failed_code;
-    outcome.error_message = problem.what();
+    outcome = failed(failed_code, problem.what());
   }
   finish(std::move(outcome));
 }
@@ -89,18 +112,6 @@ void NativeSetup::finish(View outcome) {
     view.error_code = std::move(outcome.error_code);
     view.error_message = std::move(outcome.error_message);
   });
-}
-
-void NativeSetup::publish(const std::function<void(View&)>& change) {
-  std::function<void()> wakeup;
-  {
-    const std::lock_guard lock(mutex_);
-    change(view_);
-    wakeup = wakeup_;
-  }
-  if (wakeup) {
-    wakeup();
-  }
 }
 
 }  // namespace ravok

@@ -5,6 +5,7 @@
 #include <atomic>
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -49,13 +50,15 @@ class NativeSetup {
  private:
   void run(const SetupCommand& command);
   void finish(View outcome);
-  void publish(const std::function<void(View&)>& change);
+  template <typename Change>
+  void publish(Change change);
 
   const std::string package_seal_;
   mutable std::mutex mutex_;
-  View view_;                     // guarded by the mutex
-  std::function<void()> wakeup_;  // the same
-  std::thread::id worker_;        // the same: the last command's thread, until it is waited for
+  View view_;  // guarded by the mutex
+  // The same. Shared, so that the last publication needs no memory.
+  std::shared_ptr<const std::function<void()>> wakeup_;
+  std::thread::id worker_;  // the same: the last command's thread, until it is waited for
   std::atomic<bool> cancel_requested_ = false;
   std::thread thread_;
 };

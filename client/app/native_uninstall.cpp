@@ -124,6 +124,8 @@ class Removal {
     // A power cut must not bring back what the marker no longer guards.
     root.flush();
     remove_setup_marker(root);
+    // What is told as finished stays so.
+    root.flush();
     // Last, since without its file the lock excludes nobody.
     root.remove_quietly(paths_.setup_lock.filename());
     if (request_.remove_data || root.names().empty()) {

@@ -1,5 +1,6 @@
 #include "app/publish_files.hpp"
 
+#include <optional>
 #include <utility>
 
 #include <fcntl.h>
@@ -22,7 +23,16 @@ std::filesystem::path output_path(const std::filesystem::path& path) {
   return named.has_parent_path() ? named : "." / named;
 }
 
-void write_new_file(const std::filesystem::path& path, std::string_view bytes) { NewFile(path, bytes).keep(); }
+void write_new_file(const std::filesystem::path& path, std::string_view bytes) { NewOutput(path, bytes).keep(); }
+
+void make_output_folder(int parent, const std::string& name, const std::filesystem::path& path) {
+  bool made = mkdirat(parent, name.c_str(), 0755) == 0;
+  const auto status = made ? link_status_at(parent, name.c_str()) : std::nullopt;
+  if (status && (status->st_mode & S_IRWXU) != S_IRWXU) {
+    made = fchmodat(parent, name.c_str(), mode_bits(*status) | S_IRWXU, 0) == 0;
+  }
+  require(made && status, "file_write", "Cannot make the directory " + path_utf8(path));
+}
 
 void commit_or_remove(ExportFile& file) {
   try {
@@ -33,12 +43,13 @@ void commit_or_remove(ExportFile& file) {
   }
 }
 
-NewFile::NewFile(const std::filesystem::path& path, std::string_view bytes, ExportAccess access) : file_(path, access) {
+NewOutput::NewOutput(const std::filesystem::path& path, std::string_view bytes, ExportAccess access)
+    : file_(path, access) {
   file_.write(bytes);
   commit_or_remove(file_);
 }
 
-NewFile::~NewFile() {
+NewOutput::~NewOutput() {
   if (!kept_) {
     file_.remove();
   }
@@ -50,8 +61,7 @@ NewFolder::NewFolder(const std::filesystem::path& output)
       name_(path_.filename()),
       parent_(
           retry_interrupted([&] { return open(output.parent_path().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC); })) {
-  require(parent_ && mkdirat(parent_.get(), name_.c_str(), 0755) == 0, "file_write",
-          "Cannot make the directory " + path_utf8(path_));
+  make_output_folder(parent_.get(), name_, path_);
   folder_ =
       Descriptor(retry_interrupted([&] { return openat(parent_.get(), name_.c_str(), posix_files::walk_flags); }));
   require(static_cast<bool>(folder_), "file_write", "Cannot make the directory " + path_utf8(path_));

@@ -19,6 +19,10 @@ void require_absent(const std::filesystem::path& path);
 // Writes a file of mode 0644 that must not exist yet, durably. Fails as ExportFile does; then there is no file.
 void write_new_file(const std::filesystem::path& path, std::string_view bytes);
 
+// Makes a directory in an open one, with mode 0755 as limited by the process's mask, but for its owner in full.
+// Fails with "file_write", and names `path`.
+void make_output_folder(int parent, const std::string& name, const std::filesystem::path& path);
+
 // Returns the path of an output in the form in which it and its directory have a name.
 std::filesystem::path output_path(const std::filesystem::path& path);
 
@@ -40,13 +44,13 @@ auto about(const std::filesystem::path& path, Work work) {
 void commit_or_remove(ExportFile& file);
 
 // A file that is made, and is taken away again unless all goes well: it alone, whatever has come to its name.
-class NewFile {
+class NewOutput {
  public:
   // Fails as ExportFile does; then there is no file.
-  NewFile(const std::filesystem::path& path, std::string_view bytes, ExportAccess access = ExportAccess::everybody);
-  ~NewFile();
-  NewFile(const NewFile&) = delete;
-  NewFile& operator=(const NewFile&) = delete;
+  NewOutput(const std::filesystem::path& path, std::string_view bytes, ExportAccess access = ExportAccess::everybody);
+  ~NewOutput();
+  NewOutput(const NewOutput&) = delete;
+  NewOutput& operator=(const NewOutput&) = delete;
 
   void keep() { kept_ = true; }
 
@@ -67,6 +71,7 @@ class NewFolder {
 
   // Where it is filled.
   const std::filesystem::path& path() const { return path_; }
+  int descriptor() const { return folder_.get(); }
 
   // Gives the folder its name, durably. Fails with "file_write" and "file_sync".
   void commit();

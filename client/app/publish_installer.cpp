@@ -16,12 +16,14 @@
 #include "platform/descriptor.hpp"
 #include "platform/files.hpp"
 #include "platform/program_signing.hpp"
+#include "platform/tree_walk.hpp"
 
 namespace ravok {
 namespace {
 
 constexpr std::uint64_t program_limit = 268'435'456;
 constexpr std::size_t piece_bytes = 65'536;
+constexpr std::size_t maximum_entries = 65'536;  // of a package, which has been proved
 constexpr const char* package_name = "initial-package";
 constexpr const char* program_name = "ravok-install";
 
@@ -106,10 +108,10 @@ PublishedInstaller publish_installer(const InstallerPublication& publication, co
   read_native_package(publication.package, published.seal, pass(0));
   NewFolder folder(output);
   const std::filesystem::path package = folder.path() / package_name;
-  require(mkdir(package.c_str(), 0755) == 0, "file_write", "Cannot make the directory " + path_utf8(package));
+  make_output_folder(folder.descriptor(), package_name, package);
   std::uint64_t copied = whole / 3;
-  for (const auto& entry : std::filesystem::directory_iterator(publication.package)) {
-    copy_file(entry.path(), package / entry.path().filename(), [&](std::uint64_t count, std::uint64_t) {
+  for (const std::string& name : names_in(publication.package, maximum_entries)) {
+    copy_file(publication.package / name, package / name, [&](std::uint64_t count, std::uint64_t) {
       copied += count;
       return !progress || progress(std::min(copied, whole / 3 * 2), whole);
     });

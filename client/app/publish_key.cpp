@@ -51,8 +51,8 @@ PublishedKey publish_key(const std::filesystem::path& path, std::string_view sch
   require_absent(published.public_file);
   const SigningKey key = SigningKey::generate(scheme);
 
-  NewFile private_file(published.private_file, key.document().dump(2) + "\n", ExportAccess::owner);
-  NewFile public_file(published.public_file, key.key().dump(2) + "\n");
+  NewOutput private_file(published.private_file, key.document().dump(2) + "\n", ExportAccess::owner);
+  NewOutput public_file(published.public_file, key.key().dump(2) + "\n");
 
   published.id = read_signing_key(published.private_file).id();
   require(published.id == key.id() && key_id(read_public_key(published.public_file)) == key.id(), "invalid_key",

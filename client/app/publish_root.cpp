@@ -70,7 +70,7 @@ PublishedRoot publish_root(const RootPublication& publication) {
   const std::string text = Json({{"signed", body}, {"signatures", signatures}}).dump(2) + "\n";
   require_first_root(text);
 
-  NewFile file(output, text);
+  NewOutput file(output, text);
   require_first_root(read_file(output, tuf_root_limit));
   file.keep();
   return {output, signatures.size()};

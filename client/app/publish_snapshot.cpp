@@ -173,7 +173,7 @@ void require_outside(const std::filesystem::path& output, const std::filesystem:
 }
 
 void write_manifest(const std::filesystem::path& path, SnapshotKind kind, const Json& document) {
-  NewFile file(path, document.dump());
+  NewOutput file(path, document.dump());
   require_accepted(kind, parse_json(read_file(path, manifest_limit), manifest_limit));
   file.keep();
 }

@@ -22,6 +22,8 @@ class ShortcutFile {
   // object has no folder, and finds nothing to read or to remove.
   explicit ShortcutFile(const std::filesystem::path& path);
 
+  bool has_folder() const { return static_cast<bool>(folder_); }
+
   // Returns the file, or nothing unless it is a regular one of at most `shortcut_limit` bytes that can be read.
   std::optional<OpenedFile> read() const;
 

@@ -144,10 +144,14 @@ bool is_unchanged(const std::optional<OpenedFile>& file, const OwnedShortcut& ro
 class Removal {
  public:
   void remove(const OwnedShortcut& row) {
+    ShortcutFile place(row.path);
     if (is_missing(row.path)) {
+      // Perhaps removed by a run that was ended before it could flush.
+      if (place.has_folder()) {
+        keep_folder(std::move(place));
+      }
       return;
     }
-    ShortcutFile place(row.path);
     const std::optional<OpenedFile> file = place.read();
     const auto outcome = is_unchanged(file, row) ? place.remove(*file) : ShortcutFile::Removal::replaced;
     if (outcome == ShortcutFile::Removal::removed) {

@@ -239,6 +239,15 @@ std::vector<std::string> names_in(int directory, std::size_t limit) {
   return names;
 }
 
+std::vector<std::string> names_in(const std::filesystem::path& directory, std::size_t limit) {
+  const Descriptor opened(
+      retry_interrupted([&] { return open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC); }));
+  if (!opened) {
+    cannot_read();
+  }
+  return names_in(opened.get(), limit);
+}
+
 Descriptor TreePaths::open(const std::string& path, int flags) {
   const int parent = parent_of(path);
   if (parent < 0) {

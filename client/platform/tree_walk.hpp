@@ -50,6 +50,9 @@ void walk_tree(Descriptor root, const std::function<void(const TreeEntry&)>& vis
 // Fails as walk_tree does.
 std::vector<std::string> names_in(int directory, std::size_t limit);
 
+// The same by a directory's path, through whatever links it goes.
+std::vector<std::string> names_in(const std::filesystem::path& directory, std::size_t limit);
+
 // Opens files of a tree by their relative paths. The last 32 directories on the way stay open for the next
 // path, so that files of one directory cost one call each.
 class TreePaths {

@@ -56,25 +56,25 @@ TEST(NewFolder, TakesNothingAwayThatOthersHavePutInItsPlace) {
   EXPECT_EQ(root.names().size(), 3u);
 }
 
-TEST(NewFile, GoesAgainUnlessItIsKept) {
+TEST(NewOutput, GoesAgainUnlessItIsKept) {
   const TemporaryRoot root;
-  { const NewFile file(root / "output", "content"); }
+  { const NewOutput file(root / "output", "content"); }
   EXPECT_EQ(root.names(), Names());
-  NewFile(root / "output", "content").keep();
+  NewOutput(root / "output", "content").keep();
   EXPECT_EQ(root.read("output"), "content");
 }
 
-TEST(NewFile, GoesAgainUnlessItIsDurable) {
+TEST(NewOutput, GoesAgainUnlessItIsDurable) {
   const TemporaryRoot root;
   const testing::Planned plan(testing::failing("fsync", EIO, 2));
   EXPECT_FAILURE(write_new_file(root / "output", "content"), "file_sync", "Could not durably synchronize directory");
   EXPECT_EQ(root.names(), Names());
 }
 
-TEST(NewFile, TakesNoOtherFileAwayEvenOneThatHoldsTheSame) {
+TEST(NewOutput, TakesNoOtherFileAwayEvenOneThatHoldsTheSame) {
   const TemporaryRoot root;
   {
-    const NewFile file(root / "output", "content");
+    const NewOutput file(root / "output", "content");
     std::filesystem::remove(root / "output");
     root.write("output", "content");
   }

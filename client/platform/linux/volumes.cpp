@@ -21,11 +21,16 @@
 
 #include "domain/crypto.hpp"
 #include "domain/error.hpp"
+#include "platform/descriptor.hpp"
 #include "platform/file_status.hpp"
 #include "platform/os.hpp"
+#include "platform/tree_walk.hpp"
 
 namespace ravok::os {
 namespace {
+
+// More than any machine has.
+constexpr std::size_t maximum_devices = 65'536;
 
 constexpr const char* unidentified = "Cannot identify the Linux setup volume and its case behavior";
 
@@ -92,12 +97,14 @@ std::string uuid_of_btrfs(int descriptor) {
 // The name that the system's device manager gives the block device by the UUID that it found on it, which
 // every user may read.
 std::string uuid_listed_for(dev_t device) {
-  std::error_code problem;
-  for (std::filesystem::directory_iterator entry("/dev/disk/by-uuid", problem), end; !problem && entry != end;
-       entry.increment(problem)) {
+  const Descriptor list(open("/dev/disk/by-uuid", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (!list) {
+    return {};
+  }
+  for (std::string& name : names_in(list.get(), maximum_devices)) {
     struct stat status;
-    if (stat(entry->path().c_str(), &status) == 0 && S_ISBLK(status.st_mode) && status.st_rdev == device) {
-      return entry->path().filename();
+    if (fstatat(list.get(), name.c_str(), &status, 0) == 0 && S_ISBLK(status.st_mode) && status.st_rdev == device) {
+      return std::move(name);
     }
   }
   return {};
