@@ -65,6 +65,15 @@ auto read_sealed(Work work) {
   }
 }
 
+std::vector<std::string> names_of(const std::filesystem::path& package, std::size_t limit) {
+  try {
+    return names_in(package, limit);
+  } catch (const Error& error) {
+    require(error.code != "tree_read", invalid, "Initial package metadata is malformed");
+    throw;
+  }
+}
+
 void require_fields(const Json& value, std::initializer_list<std::string_view> names) {
   require(value.is_object() && value.size() == names.size(), invalid,
           "Initial package record has unknown or missing fields");
@@ -326,7 +335,7 @@ class PackageReader {
     }
     std::size_t count = 0;
     // One name more than there may be is enough to refuse.
-    for (const std::string& name : names_in(package_.directory, names.size() + 1)) {
+    for (const std::string& name : names_of(package_.directory, names.size() + 1)) {
       const auto status = link_status_of(package_.directory / name);
       const bool expected = ++count <= names.size() && status && S_ISREG(status->st_mode) && names.contains(name);
       require(expected, invalid, "Initial package contains an unexpected entry: " + name);

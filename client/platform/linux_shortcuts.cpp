@@ -57,7 +57,7 @@ std::string in_quotes(std::string_view argument) {
 // look for a file of that path before they undo the doubling of a percent sign. A shell takes such a path as an
 // argument, where both may stand, and becomes that program.
 std::string program(const std::string& bootstrap) {
-  const std::string quoted = in_quotes(bootstrap);
+  std::string quoted = in_quotes(bootstrap);
   if (bootstrap.find_first_of("%=") == std::string::npos) {
     return quoted;
   }

@@ -58,12 +58,13 @@ TEST(SetupCalls, AnUninstallLetsTheEndOfTheRecordLastBeforeItTakesMore) {
   const DataPaths paths = trial.place().paths();
   const FaultRun run = run_with_fault(trial.program(), trial.place().root().path());
   ASSERT_EQ(run.result.exit_code, 0) << run.result.errors;
+  const auto is_removal = [](const FaultCall& call) { return call.name == "remove" || call.name == "unlinkat"; };
   const auto removal = std::find_if(run.calls.begin(), run.calls.end(), [&](const FaultCall& call) {
-    return call.name == "remove" && call.path == paths.installation_record;
+    return is_removal(call) && std::filesystem::path(call.path).filename() == paths.installation_record.filename();
   });
-  const auto next = std::find_if(removal, run.calls.end(), [&](const FaultCall& call) {
-    return call.name == "fsync" || (call.name == "remove" && call.path != paths.installation_record);
-  });
+  ASSERT_NE(removal, run.calls.end());
+  const auto next = std::find_if(removal + 1, run.calls.end(),
+                                 [&](const FaultCall& call) { return call.name == "fsync" || is_removal(call); });
   ASSERT_NE(next, run.calls.end());
   EXPECT_EQ(next->name, "fsync");
   EXPECT_EQ(next->path, paths.native);
