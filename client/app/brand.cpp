@@ -12,6 +12,7 @@
 #include "app/theme_folder.hpp"
 #include "domain/error.hpp"
 #include "domain/identifier.hpp"
+#include "platform/file_status.hpp"
 #include "platform/files.hpp"
 
 namespace ravok {
@@ -99,6 +100,11 @@ Json brand_json(const Brand& brand) {
 }
 
 std::optional<Brand> installed_brand(const std::filesystem::path& root) {
+  // No link is followed that somebody has put in the folder's place.
+  const auto native = link_status_of(root / "native");
+  if (!native || !is_directory(*native)) {
+    return std::nullopt;
+  }
   try {
     const Json record = parse_json(read_file(root / "native/installation.json", record_limit), record_limit);
     if (record.is_object() && record.contains("brand")) {

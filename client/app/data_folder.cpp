@@ -55,13 +55,19 @@ class Patience {
 // The leases of versions; none where their folder, or one above it, is missing or no plain directory.
 std::vector<std::string> lease_names(const DataPaths& paths) {
   std::optional<HeldDirectory> directory = HeldDirectory::open(paths.root);
-  for (const char* name : {"launcher", "leases", "versions"}) {
-    directory = directory->find_directory(name);
-    if (!directory) {
-      return {};
+  try {
+    for (const char* name : {"launcher", "leases"}) {
+      directory = directory->find_directory(name);
+      if (!directory) {
+        return {};
+      }
     }
+  } catch (const Error&) {
+    // What may not be looked into counts as no folder of leases.
+    return {};
   }
-  return directory->names();
+  directory = directory->find_directory("versions");
+  return directory ? directory->names() : std::vector<std::string>();
 }
 
 }  // namespace

@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <filesystem>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "app/brand.hpp"
@@ -42,6 +43,22 @@ void require_no_directory(const HeldDirectory& directory, const std::filesystem:
           "Setup cannot write " + path_utf8(record) + ": a directory has that name; move it away and try again");
 }
 
+// What is moved to another directory must be writable for its owner. Another user's is not this run's to change.
+void make_movable(const HeldDirectory& directory, const std::filesystem::path& tree) {
+  require(directory.make_movable(tree.filename()), "unsafe_path",
+          "Setup cannot replace " + path_utf8(tree) + ": it belongs to another user; move it away and try again");
+}
+
+// Only what this run has prepared may lie in the scratch tree: what of a former one could not be removed would keep the
+// marker up.
+void require_no_remains(const HeldDirectory& staging) {
+  constexpr std::array<std::string_view, 3> prepared = {"bootstrap", "launcher-root", "trust"};
+  for (const std::string& name : staging.names()) {
+    require(std::find(prepared.begin(), prepared.end(), name) != prepared.end(), "unsafe_path",
+            "Setup cannot clear " + path_utf8(staging.path() / name) + "; remove it and try again");
+  }
+}
+
 class Commit {
  public:
   Commit(const InstallFolders& folders, const DataPaths& paths, const NativePackage& package, const InstallPlan& plan)
@@ -69,7 +86,7 @@ class Commit {
     write_installation(native_, package_);
     remove_staging();
     remove_setup_marker(root_);
-    // What is told as finished stays so.
+    // So that a power cut does not bring the marker back after success was reported.
     root_.flush();
   }
 
@@ -122,7 +139,8 @@ class Commit {
     put_in_place(staging_, "theme", native_, place, staging_, "old-theme");
   }
 
-  // The former trees go with it. They may hold anything, so that what cannot be removed of them is met once more below.
+  // Removes the former trees one by one, so that one that resists keeps none of the others; the removal of the whole
+  // folder then names it.
   void remove_staging() const {
     for (const char* name : old_trees) {
       staging_.remove_tree_quietly(name);
@@ -157,6 +175,17 @@ void require_clear_way(const InstallFolders& folders, const DataPaths& paths, co
   if (!package.brand_icon.empty()) {
     require_no_directory(folders.native, brand_icon_path(paths.root));
   }
+  require_no_remains(folders.staging);
+  if (plan.replace_bootstrap) {
+    make_movable(folders.native, paths.bootstrap_directory);
+  }
+  if (plan.replace_launcher) {
+    make_movable(folders.root, paths.launcher);
+  }
+  if (plan.replace_trust) {
+    make_movable(folders.root, paths.trust);
+  }
+  make_movable(folders.native, theme_directory(paths.root));
   std::vector<std::filesystem::path> replaced = {paths.native};
   if (plan.replace_launcher) {
     replaced.push_back(paths.launcher);

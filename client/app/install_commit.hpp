@@ -22,10 +22,11 @@ struct InstallFolders {
   const HeldDirectory& staging;  // with "bootstrap", "launcher-root" and "trust" in it, as the plan asks for them
 };
 
-// Proves that a commit can go through: that the folders are still in place, that no directory has the name of a record
-// and that no volume is mounted in a tree that is to be replaced. Links and files that have the name of a record or a
-// tree are no obstacle: the commit replaces them themselves. Changes nothing. Fails with "unsafe_path", and names what
-// is in the way.
+// Proves that a commit can go through: that the folders are still in place, that no directory has the name of a
+// record, that no volume is mounted in a tree that is to be replaced, that such a tree is this user's, and that no
+// remains of a former run lie in the scratch tree. Links and files that have the name of a record or a tree are no
+// obstacle: the commit replaces the link or the file, and not what a link leads to. Changes nothing but the mode of
+// trees that their owner could not move. Fails with "unsafe_path", and names what is in the way.
 void require_clear_way(const InstallFolders& folders, const DataPaths& paths, const NativePackage& package,
                        const InstallPlan& plan);
 

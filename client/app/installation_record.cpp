@@ -106,7 +106,7 @@ bool is_recorded(const DataPaths& paths) {
 
 InstallationState installation_state(const DataPaths& paths) {
   // A setup that runs beside has its marker up before the record changes and until after. So the marker is looked at
-  // after the record, and again after each later look at that.
+  // after the record, and again after every later look at the record.
   bool recorded = is_recorded(paths);
   while (!is_there(paths.incomplete_marker)) {
     const auto native = link_status_of(paths.native);

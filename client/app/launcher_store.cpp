@@ -297,7 +297,7 @@ Json LauncherStore::seed_initial(std::string_view manifest_text, const std::file
   const Json plan = plan_install_storage(manifest, inspect_storage_volume(root_), true, 0, false);
   require_install_storage(plan.at("volume"), "launcher");
 
-  atomic_create(manifest_path(sha256), manifest_text);
+  atomic_private_create(manifest_path(sha256), manifest_text);
   extract_snapshot(manifest, archive, folder, progress, nullptr);
   verify_snapshot_tree(manifest, folder, progress);
   Json document = load();

@@ -264,9 +264,14 @@ class Installation {
     if (root_was_missing_) {
       // What has its record is an installation, whatever has failed behind it.
       if (!native_ || !native_->type_of(paths_.installation_record.filename())) {
+        const std::string lock = paths_.setup_lock.filename();
         for (const std::string& name : root_->names()) {
-          root_->remove_tree_quietly(name);
+          if (name != lock) {
+            root_->remove_tree_quietly(name);
+          }
         }
+        // Last, since without its file the lock excludes nobody.
+        root_->remove_quietly(lock);
         root_->remove_itself_quietly();
       }
       return;
@@ -279,7 +284,7 @@ class Installation {
       if (native_) {
         root_->remove_tree_quietly(native);
       } else if (root_->type_of(native) == EntryType::directory) {
-        // Perhaps made, and not proved. What is in another's stays.
+        // This run may have made it without proving it, so it goes only if it is empty.
         root_->remove_quietly(native);
       }
       // Still held, since without its file a lock excludes nobody.
@@ -304,6 +309,9 @@ class Installation {
 
   std::vector<std::filesystem::path> shortcuts() const {
     const std::filesystem::path bootstrap = shortcut_bootstrap(paths_);
+    if (request_.repair && !request_.restore_shortcuts) {
+      return {};
+    }
     if (request_.repair) {
       return restore_owned_native_shortcuts(paths_.root, bootstrap);
     }

@@ -20,7 +20,8 @@ struct NativeInstallRequest {
   std::filesystem::path package;    // the initial package
   std::filesystem::path data_root;  // the user's choice of a data folder
   bool repair = false;
-  bool create_shortcut = false;  // of an install: whether the client gets one
+  bool create_shortcut = false;   // of an install: whether the client gets one
+  bool restore_shortcuts = true;  // of a repair: whether recorded ones that are missing are made again
 };
 
 struct NativeInstallResult {

@@ -50,9 +50,10 @@ class Removal {
     require_no_mounts(root.descriptor(), paths_.root, [&](const std::filesystem::path& place) {
       return !is_kept(*place.lexically_relative(paths_.root).begin());
     });
+    const std::vector<std::string> names = root.names();
     report(0);
     withdraw(root);
-    for (const std::string& name : root.names()) {
+    for (const std::string& name : names) {
       remove_child(root, name);
     }
     // Still under the locks, so that nobody begins an installation in a folder that is about to go.
@@ -124,13 +125,16 @@ class Removal {
     // A power cut must not bring back what the marker no longer guards.
     root.flush();
     remove_setup_marker(root);
-    // What is told as finished stays so.
-    root.flush();
+    try {
+      // So that a power cut does not bring the marker back after success was reported.
+      root.flush();
+    } catch (const Error&) {
+      // All is gone; a marker that comes back asks for nothing but another uninstall.
+    }
     // Last, since without its file the lock excludes nobody.
     root.remove_quietly(paths_.setup_lock.filename());
-    if (request_.remove_data || root.names().empty()) {
-      root.remove_itself_quietly();
-    }
+    // With something in it, it stays.
+    root.remove_itself_quietly();
   }
 
   const NativeUninstallRequest& request_;

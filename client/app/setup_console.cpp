@@ -3,6 +3,7 @@
 #include <cstdio>
 #include <exception>
 #include <memory>
+#include <new>
 #include <optional>
 
 #include "app/brand.hpp"
@@ -30,13 +31,24 @@ void print_result(std::string_view text) {
 }
 
 // A failure to complain is not worth a second complaint.
-void print_problem(std::string_view message) { write_text(stderr, shown_text(message) + "\n"); }
+void print_problem(std::string_view message) noexcept {
+  try {
+    write_text(stderr, shown_text(message) + "\n");
+  } catch (const std::bad_alloc&) {
+    write_text(stderr, "Out of memory\n");
+  }
+}
 
-void print_problem_document(const Error& error) {
-  // A message that is not UTF-8 has no form of its own in JSON.
-  const std::string message = is_utf8(error.what()) ? error.what() : shown_text(error.what());
-  const Json document = {{"schema_version", 1}, {"problem", {{"code", error.code}, {"message", message}}}};
-  write_text(stdout, document.dump() + "\n");
+void print_problem_document(const Error& error) noexcept {
+  try {
+    // A message that is not UTF-8 has no form of its own in JSON.
+    const std::string message = is_utf8(error.what()) ? error.what() : shown_text(error.what());
+    const Json document = {{"schema_version", 1}, {"problem", {{"code", error.code}, {"message", message}}}};
+    write_text(stdout, document.dump() + "\n");
+  } catch (const std::bad_alloc&) {
+    write_text(stdout, R"({"problem":{"code":"setup_failed","message":"Out of memory"},"schema_version":1})"
+                       "\n");
+  }
 }
 
 std::string_view phase_line(std::string_view phase) {

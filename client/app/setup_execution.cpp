@@ -54,6 +54,7 @@ Json install(const SetupCommand& command, std::string_view package_seal, const N
   request.data_root = command.data_root;
   request.repair = command.command == SetupCommandKind::repair;
   request.create_shortcut = problem.empty();
+  request.restore_shortcuts = problem.empty();
   NativeInstallResult result = NativeInstaller::install(request, package_seal, callbacks);
   if (result.shortcut_problem.empty()) {
     result.shortcut_problem = problem;

@@ -308,6 +308,7 @@ void atomic_write(const std::filesystem::path& path, std::string_view bytes) {
 void atomic_write_at(int directory, const std::filesystem::path& path, std::string_view bytes) {
   require_no_nul(path);
   Destination destination{path, Descriptor(fcntl(directory, F_DUPFD_CLOEXEC, 0))};
+  require_descriptors(destination.parent ? 0 : errno);
   require_transaction(static_cast<bool>(destination.parent), "Cannot create transaction file");
   write_to(destination, bytes, {.replace = true, .is_private = true, .durable = true});
 }

@@ -52,6 +52,7 @@ HeldDirectory::HeldDirectory(std::filesystem::path path, Descriptor parent, Desc
 
 HeldDirectory HeldDirectory::open(const std::filesystem::path& path) {
   const std::filesystem::path target = without_end_separator(resolve_system_links(path));
+  errno = 0;
   Descriptor parent = posix_files::open_passage(target.parent_path());
   Descriptor directory = parent ? open_below(parent.get(), target.filename()) : Descriptor();
   if (!directory) {
@@ -99,7 +100,8 @@ bool HeldDirectory::is_in_place() const {
 
 std::optional<EntryType> HeldDirectory::type_of(const std::string& name) const {
   const auto status = link_status_at(descriptor(), name.c_str());
-  require(status || errno == ENOENT, "unsafe_path", "Cannot look at " + path_utf8(path_ / name));
+  const bool known = status || errno == ENOENT;
+  require(known, "unsafe_path", "Cannot look at " + path_utf8(path_ / name));
   return status ? std::optional(type_of_mode(status->st_mode)) : std::nullopt;
 }
 
@@ -110,6 +112,20 @@ std::vector<std::string> HeldDirectory::names() const {
 }
 
 std::vector<std::string> HeldDirectory::names(std::size_t limit) const { return names_in(descriptor(), limit); }
+
+bool HeldDirectory::make_movable(const std::string& name) const {
+  const auto status = link_status_at(descriptor(), name.c_str());
+  if (!status || !is_directory(*status)) {
+    return true;
+  }
+  if (status->st_uid != geteuid()) {
+    return geteuid() == 0;
+  }
+  if ((status->st_mode & S_IRWXU) != S_IRWXU) {
+    fchmodat(descriptor(), name.c_str(), S_IRWXU, AT_SYMLINK_NOFOLLOW);
+  }
+  return true;
+}
 
 int HeldDirectory::try_move(const std::string& name, const HeldDirectory& to, const std::string& new_name) const {
   return renameat(descriptor(), name.c_str(), to.descriptor(), new_name.c_str()) == 0 ? 0 : errno;

@@ -48,6 +48,10 @@ class HeldDirectory {
   // Returns the first `limit` of them.
   std::vector<std::string> names(std::size_t limit) const;
 
+  // Gives a directory of that name that is this user's the mode that its owner needs to move it. Returns false for
+  // another user's directory, unless this is user 0; true for anything else.
+  bool make_movable(const std::string& name) const;
+
   // Gives an entry another name in another directory, in place of a file or an empty directory there. Returns 0, or
   // the native error number, and then nothing has changed.
   int try_move(const std::string& name, const HeldDirectory& to, const std::string& new_name) const;

@@ -21,8 +21,14 @@ bool names_file(int folder, const std::string& name, const OpenedFile& file) {
 
 Descriptor open_folder(const std::filesystem::path& path) {
   try {
-    return posix_files::open_passage(path.parent_path());
-  } catch (const Error&) {
+    errno = 0;
+    Descriptor folder = posix_files::open_passage(path.parent_path());
+    require_descriptors(folder ? 0 : errno);
+    return folder;
+  } catch (const Error& error) {
+    if (error.code == "too_many_files") {
+      throw;
+    }
     return Descriptor();
   }
 }

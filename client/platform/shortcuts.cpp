@@ -94,7 +94,7 @@ void write_if_possible(const std::filesystem::path& root, const Rows& rows) {
   try {
     shortcut_ledger::write(root, rows);
   } catch (const Error&) {
-    // The caller says why the ledger that stays does no harm.
+    // The former failure is the one to report; the row that stays is made good by the next creation.
   }
 }
 
@@ -226,6 +226,8 @@ Json create_owned_native_shortcut(const DesktopShortcut& shortcut, const std::fi
   require_complete_native_install(root);
   const std::filesystem::path target = shortcut_rules::absolute_path(path);
   const FileLock lock = lock_for(target, root);
+  // An uninstall may have begun, and released its shortcuts, while this call waited.
+  require_complete_native_install(root);
   const Rows before = shortcut_ledger::read(root);
   Rows rows = before;
   const auto row =

@@ -15,6 +15,7 @@
 #include <vector>
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include "support/failure.hpp"
 #include "support/file_calls.hpp"
@@ -233,6 +234,40 @@ TEST_F(PlantedNames, AreReplacedByARepairOrNamed) {
   }
 }
 
+// What its owner could not move is made movable; what belongs to somebody else is named before the marker goes up.
+TEST_F(PlantedNames, AreMovedByTheirOwnerOnly) {
+  const std::vector<std::string> trees = {"native/bootstrap", "native/theme", "launcher", "trust"};
+  for (const std::string& name : trees) {
+    SCOPED_TRACE(name);
+    restore();
+    std::filesystem::remove(place.data() / "native/bootstrap.json");
+    std::ofstream(place.data() / "launcher/installation.json") << "{";
+    std::ofstream(place.data() / "trust/root.json") << "{";
+    std::filesystem::permissions(place.data() / name, std::filesystem::perms(0500));
+    EXPECT_NO_THROW(place.repair());
+    EXPECT_TRUE(NativeInstaller::status(place.data()).installed);
+  }
+  if (!testing::is_root() && getuid() != 0) {
+    GTEST_SKIP() << "needs user 0 to give a folder to another";
+  }
+  for (const std::string& name : trees) {
+    SCOPED_TRACE(name);
+    restore();
+    std::filesystem::remove(place.data() / "native/bootstrap.json");
+    std::ofstream(place.data() / "launcher/installation.json") << "{";
+    std::ofstream(place.data() / "trust/root.json") << "{";
+    user.reset();
+    EXPECT_EQ(chown((place.data() / name).c_str(), 1, 1), 0);
+    user.emplace(place.root(), OrdinaryUser::Given::already);
+    EXPECT_FAILURE(place.repair(), "unsafe_path",
+                   "Setup cannot replace " + (place.data() / name).native() +
+                       ": it belongs to another user; move it away and try again");
+    EXPECT_FALSE(std::filesystem::exists(place.paths().incomplete_marker));
+    user.reset();
+    user.emplace(place.root());
+  }
+}
+
 // A folder is exchanged for a link to another just like it in the middle of a command, ahead of one call after the
 // other.
 TEST_F(PlantedNames, AreNeverReachedThroughWhereTheyComeInTheMiddle) {
@@ -242,6 +277,12 @@ TEST_F(PlantedNames, AreNeverReachedThroughWhereTheyComeInTheMiddle) {
        {"", "native", "native/staging", "native/bootstrap", "launcher", "launcher/versions", "trust", "unknown"}) {
     const std::filesystem::path at = name.empty() ? place.data() : place.data() / name;
     copy_tree(name.empty() ? template_ : template_ / name, outside / "like");
+    // Where the launcher's store is prepared.
+    const std::filesystem::path native = name.empty() ? outside / "like/native" : outside / "like";
+    const std::filesystem::path prepared = name == "native/staging" ? native : native / "staging";
+    for (const char* folder : {"manifests", "versions"}) {
+      std::filesystem::create_directories(prepared / "launcher-root/launcher" / folder);
+    }
     const TreeState before = testing::tree_state(outside);
     for (const Command& command : changing) {
       for (const char* call : {"create", "rename", "unlink", "openat"}) {

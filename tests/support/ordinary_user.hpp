@@ -17,11 +17,16 @@ namespace ravok::testing {
 // tree is given.
 class OrdinaryUser {
  public:
-  explicit OrdinaryUser(const TemporaryRoot& root) {
+  // Whether the tree still has to be given.
+  enum class Given { now, already };
+
+  explicit OrdinaryUser(const TemporaryRoot& root, Given given = Given::now) {
     if (is_root()) {
-      give(root.path());
-      for (const std::string& name : root.names()) {
-        give(root / name);
+      if (given == Given::now) {
+        give(root.path());
+        for (const std::string& name : root.names()) {
+          give(root / name);
+        }
       }
       EXPECT_EQ(seteuid(somebody), 0);
     }

@@ -3,6 +3,7 @@
 #include <array>
 #include <cstddef>
 #include <cstdio>
+#include <new>
 #include <utility>
 
 #include <unistd.h>
@@ -38,7 +39,13 @@ void say(const std::vector<std::string>& lines) {
   print(text);
 }
 
-void complain(const std::string& line) { std::fputs((shown_text(line) + "\n").c_str(), stderr); }
+void complain(const std::string& line) {
+  try {
+    std::fputs((shown_text(line) + "\n").c_str(), stderr);
+  } catch (const std::bad_alloc&) {
+    std::fputs("Out of memory\n", stderr);
+  }
+}
 
 ProgressLine::ProgressLine(std::string work) : work_(std::move(work)), terminal_(isatty(STDERR_FILENO) != 0) {}
 
