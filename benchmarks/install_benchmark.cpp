@@ -1,5 +1,6 @@
-// A product of 300 MB in 3,000 files: installed, looked at, and repaired where nothing is to be repaired.
+// A product of 300 MB in 3,000 files: installed, looked at, repaired where nothing is to be repaired, and removed.
 
+#include <chrono>
 #include <cstdint>
 #include <cstdlib>
 #include <filesystem>
@@ -7,6 +8,7 @@
 #include <vector>
 
 #include <benchmark/benchmark.h>
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -70,6 +72,18 @@ class Product {
 
   void install(const std::filesystem::path& data_root) const {
     ravok::NativeInstaller::install({directory(), data_root, false, false}, seal, {});
+  }
+
+  // An installation whose files are further names of the installed one's.
+  void link_fresh() const {
+    clear_fresh();
+    std::filesystem::copy(installed(), fresh(),
+                          std::filesystem::copy_options::recursive | std::filesystem::copy_options::create_hard_links);
+    // A lock has one name.
+    for (const char* lock : {".ravok-setup.lock", ".native-bootstrap.lock", "native/shortcuts.lock"}) {
+      std::filesystem::remove(fresh() / lock);
+    }
+    sync();
   }
 
   void digest_package(BareDigest& digest) const {
@@ -171,6 +185,50 @@ void repair_intact_yardstick(benchmark::State& state) {
   }
 }
 
+void uninstall(benchmark::State& state) {
+  for (auto _ : state) {
+    state.PauseTiming();
+    product().link_fresh();
+    state.ResumeTiming();
+    ravok::NativeInstaller::uninstall({product().fresh(), true, std::chrono::milliseconds(0)}, {});
+  }
+}
+
+void write_durably(const std::filesystem::path& path) {
+  const int file = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+  check(file >= 0 && write(file, "{}", 2) == 2 && fsync(file) == 0 && close(file) == 0);
+}
+
+void flush_names(const std::filesystem::path& directory) {
+  const int names = open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  check(names >= 0 && fsync(names) == 0 && close(names) == 0);
+}
+
+// The marker and the ledger are written and the record is removed, each durably; the tree goes, and that lasts.
+void uninstall_yardstick(benchmark::State& state) {
+  for (auto _ : state) {
+    state.PauseTiming();
+    product().link_fresh();
+    state.ResumeTiming();
+    const std::filesystem::path root = product().fresh();
+    write_durably(root / ".ravok-setup-incomplete");
+    flush_names(root);
+    check(unlink((root / "native/installation.json").c_str()) == 0);
+    flush_names(root / "native");
+    write_durably(root / "native/ledger.json");
+    flush_names(root / "native");
+    for (const auto& entry : std::filesystem::directory_iterator(root)) {
+      if (entry.path().filename() != ".ravok-setup-incomplete") {
+        std::filesystem::remove_all(entry.path());
+      }
+    }
+    flush_names(root);
+    check(unlink((root / ".ravok-setup-incomplete").c_str()) == 0);
+    flush_names(root);
+    check(rmdir(root.c_str()) == 0);
+  }
+}
+
 void maintenance_status(benchmark::State& state) {
   for (auto _ : state) {
     run(RAVOK_MAINTENANCE, {"status", "--data-dir", product().installed()});
@@ -187,6 +245,8 @@ BENCHMARK(install)->Unit(benchmark::kMillisecond)->UseRealTime();
 BENCHMARK(install_yardstick)->Unit(benchmark::kMillisecond)->UseRealTime();
 BENCHMARK(repair_intact)->Unit(benchmark::kMillisecond)->UseRealTime();
 BENCHMARK(repair_intact_yardstick)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(uninstall)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(uninstall_yardstick)->Unit(benchmark::kMillisecond)->UseRealTime();
 BENCHMARK(maintenance_status)->Unit(benchmark::kMillisecond)->UseRealTime();
 BENCHMARK(maintenance_status_yardstick)->Unit(benchmark::kMillisecond)->UseRealTime();
 
