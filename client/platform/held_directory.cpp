@@ -122,7 +122,8 @@ bool HeldDirectory::make_movable(const std::string& name) const {
     return geteuid() == 0;
   }
   if ((status->st_mode & S_IRWXU) != S_IRWXU) {
-    fchmodat(descriptor(), name.c_str(), S_IRWXU, AT_SYMLINK_NOFOLLOW);
+    // Where that cannot be done, the move tells.
+    static_cast<void>(fchmodat(descriptor(), name.c_str(), S_IRWXU, AT_SYMLINK_NOFOLLOW) == 0);
   }
   return true;
 }
