@@ -52,7 +52,12 @@ void check_document(const ravok::DesktopShortcut& shortcut) {
 
 void check_entry(const ravok::DesktopShortcut& shortcut) {
   const std::string text = ravok::linux_desktop_entry(shortcut);
-  std::vector<std::string> asked = {shortcut.bootstrap, "--data-dir", shortcut.data_root};
+  std::vector<std::string> asked;
+  // What a desktop could not start itself, a shell becomes.
+  if (shortcut.bootstrap.native().find_first_of("%=") != std::string::npos) {
+    asked = {"/bin/sh", "-c", R"(exec "$0" "$@")"};
+  }
+  asked.insert(asked.end(), {shortcut.bootstrap, "--data-dir", shortcut.data_root});
   if (!shortcut.game_id.empty()) {
     asked.insert(asked.end(), {"--launch", shortcut.game_id});
   }
