@@ -62,7 +62,11 @@ class Removal {
       return;
     }
     const auto above = status_of(directory);
-    require(above && !os::is_mounted(tree.get(), device_number(*above)), "unsafe_path",
+    if (!above) {
+      failed({});
+      return;
+    }
+    require(!os::is_mounted(tree.get(), device_number(*above)), "unsafe_path",
             "A volume is mounted in the tree: " + path_utf8(path_));
     TreeVisitor visitor;
     visitor.refuse_mounts = true;
@@ -78,8 +82,11 @@ class Removal {
 
   // A directory that may not be read goes all the same if it holds nothing.
   void remove_unread(int directory, const char* name) {
+    const int problem = errno;
     if (unlinkat(directory, name, AT_REMOVEDIR) != 0 && errno != ENOENT) {
       require(quiet_, "tree_read", "Cannot read a directory of the tree");
+      // Why it could not be read, and not that it is not empty.
+      errno = problem;
       failed({});
     }
   }
@@ -118,7 +125,10 @@ int remove_tree_quietly_at(int directory, const std::string& name) noexcept {
     const std::filesystem::path unnamed;
     return Removal(unnamed, true).run(directory, name.c_str());
   } catch (const Error& error) {
-    return error.code == "too_many_files" ? EMFILE : EXDEV;
+    if (error.code == "too_many_files") {
+      return EMFILE;
+    }
+    return error.code == "unsafe_path" ? EXDEV : EIO;
   } catch (const std::exception&) {
     return ENOMEM;
   }

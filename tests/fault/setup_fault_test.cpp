@@ -29,7 +29,7 @@ TEST_P(SetupFault, LeavesAKnownStateThatTheNextRunFinishes) {
   plan.root = trial.place().root().path();
   plan.modes = {mode};
   plan.most_calls = 10'000;
-  plan.most_name_cuts = 150;
+  plan.most_name_cuts = 120;
   plan.reset = [&] { trial.restart(); };
   plan.judge = [&](const FaultOutcome& outcome) {
     EXPECT_EQ(outcome.result.signal == SIGKILL, ends_process(outcome.mode));
