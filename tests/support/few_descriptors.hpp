@@ -9,6 +9,13 @@
 
 namespace ravok::testing {
 
+// Whether a test can be left without any: the sanitizers open some of their own when they look at an exception.
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+inline constexpr bool can_do_without_descriptors = false;
+#else
+inline constexpr bool can_do_without_descriptors = true;
+#endif
+
 class FewDescriptors {
  public:
   // Lets at most so many more be opened for as long as it lives.
