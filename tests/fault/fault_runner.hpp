@@ -94,7 +94,7 @@ struct FaultPlan {
   // Guards against a program that never stops calling.
   std::uint64_t most_calls = 2000;
   // How many of the runs that lose names are wanted, besides those that always are.
-  std::uint64_t most_name_cuts = 120;
+  std::uint64_t most_name_cuts = 60;
 };
 
 // What was tried, and what came of it.
