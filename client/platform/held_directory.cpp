@@ -63,14 +63,8 @@ HeldDirectory HeldDirectory::open(const std::filesystem::path& path) {
 }
 
 HeldDirectory HeldDirectory::open_private(const std::filesystem::path& path) {
-  Descriptor directory = posix_files::open_private_directory(path);
-  const std::filesystem::path target = without_end_separator(resolve_system_links(path));
-  Descriptor parent = posix_files::open_passage(target.parent_path());
-  if (!parent) {
-    require_descriptors(errno);
-    fail("unsafe_path", not_plain());
-  }
-  return {path, std::move(parent), std::move(directory)};
+  posix_files::PrivateDirectory found = posix_files::open_private_directory_in_parent(path);
+  return {path, std::move(found.parent), std::move(found.directory)};
 }
 
 std::optional<HeldDirectory> HeldDirectory::find_directory(const std::string& name) const {

@@ -230,27 +230,34 @@ void require_private_path(const std::filesystem::path& path, bool directory) {
                "permissions", "", " private storage path changed during inspection");
 }
 
-Descriptor open_private_directory(const std::filesystem::path& path) {
+PrivateDirectory open_private_directory_in_parent(const std::filesystem::path& path) {
   constexpr const char* below_root = " private directory needs a bounded path below a root";
   require_here(!path.empty() && !has_nul(path), "unsafe_path", "", below_root);
   const std::filesystem::path target = target_of(path);
   require_here(is_bounded_below_root(target), "unsafe_path", "", below_root);
   require_here(!climbs(path), "unsafe_path", "", " private directory cannot traverse parents");
 
-  Descriptor parent = open_root(target);
-  require_here(static_cast<bool>(parent), "unsafe_path", "Cannot anchor ", " directory ancestry");
+  PrivateDirectory found;
+  found.directory = open_root(target);
+  require_here(static_cast<bool>(found.directory), "unsafe_path", "Cannot anchor ", " directory ancestry");
   const std::filesystem::path relative = target.relative_path();
   std::size_t levels = 0;
   for (auto component = relative.begin(); component != relative.end();) {
     require_here(++levels <= maximum_levels, "size_limit", "", " directory ancestry exceeds its bound");
     const std::string name = *component;
-    parent = ++component == relative.end() ? open_private_level(parent.get(), name.c_str())
-                                           : open_secured_level(parent.get(), name.c_str(), false).directory;
+    found.parent = std::move(found.directory);
+    found.directory = ++component == relative.end()
+                          ? open_private_level(found.parent.get(), name.c_str())
+                          : open_secured_level(found.parent.get(), name.c_str(), false).directory;
   }
-  const auto opened = status_of(parent.get());
+  const auto opened = status_of(found.directory.get());
   const auto named = link_status_of(target);
   require_here(opened && named && same_file(*opened, *named), "unsafe_path", "", " private directory path changed");
-  return parent;
+  return found;
+}
+
+Descriptor open_private_directory(const std::filesystem::path& path) {
+  return std::move(open_private_directory_in_parent(path).directory);
 }
 
 void private_directory(const std::filesystem::path& path) { open_private_directory(path); }

@@ -55,6 +55,15 @@ void private_directory(const std::filesystem::path& path);
 // directory that was proved, whatever becomes of the path.
 Descriptor open_private_directory(const std::filesystem::path& path);
 
+// A private directory and the one that it stands in, both open. The parent may be one to pass through only.
+struct PrivateDirectory {
+  Descriptor parent;
+  Descriptor directory;
+};
+
+// The same, with the parent that the walk came through.
+PrivateDirectory open_private_directory_in_parent(const std::filesystem::path& path);
+
 // Makes one directory below an open, proved one private, where it is missing too, and returns it open. Fails with
 // "unsafe_path", "permissions" or "file_sync".
 Descriptor open_private_level(int parent, const char* name);

@@ -140,9 +140,28 @@ bool is_unchanged(const std::optional<OpenedFile>& file, const OwnedShortcut& ro
   return file && digest(file->bytes, "sha256") == row.sha256;
 }
 
-// A removal of recorded shortcuts, one after the other.
+// A removal of the recorded shortcuts, one after the other.
 class Removal {
  public:
+  explicit Removal(const std::filesystem::path& root) {
+    for (const OwnedShortcut& row : shortcut_ledger::read(root)) {
+      remove(row);
+    }
+  }
+
+  // Makes the removals durable. Fails with "file_sync".
+  void flush() const {
+    for (const ShortcutFile& folder : folders_) {
+      folder.flush_folder();
+    }
+  }
+
+  // The rows of shortcuts that are the client's own and could not be removed.
+  const Rows& kept() const { return kept_; }
+
+  ShortcutRemoval told() const { return {removed_, changed_}; }
+
+ private:
   void remove(const OwnedShortcut& row) {
     ShortcutFile place(row.path);
     if (is_missing(row.path)) {
@@ -165,19 +184,6 @@ class Removal {
     }
   }
 
-  // Makes the removals durable. Fails with "file_sync".
-  void flush() const {
-    for (const ShortcutFile& folder : folders_) {
-      folder.flush_folder();
-    }
-  }
-
-  // The rows of shortcuts that are the client's own and could not be removed.
-  const Rows& kept() const { return kept_; }
-
-  ShortcutRemoval told() const { return {removed_, changed_}; }
-
- private:
   void keep_folder(ShortcutFile place) {
     if (std::none_of(folders_.begin(), folders_.end(),
                      [&](const ShortcutFile& each) { return each.shares_folder(place); })) {
@@ -259,10 +265,7 @@ ShortcutRemoval remove_owned_native_shortcuts(const std::filesystem::path& data_
     return {};
   }
   const FileLock lock = shortcut_ledger::lock(data_root);
-  Removal removal;
-  for (const OwnedShortcut& row : shortcut_ledger::read(data_root)) {
-    removal.remove(row);
-  }
+  const Removal removal(data_root);
   removal.flush();
   require(removal.kept().empty(), "file_remove", "Cannot remove a recorded shortcut");
   shortcut_ledger::write(data_root, {});
@@ -274,10 +277,7 @@ ShortcutRemoval release_owned_native_shortcuts(const std::filesystem::path& data
     return {};
   }
   const FileLock lock = shortcut_ledger::lock(data_root);
-  Removal removal;
-  for (const OwnedShortcut& row : shortcut_ledger::read(data_root)) {
-    removal.remove(row);
-  }
+  const Removal removal(data_root);
   try {
     removal.flush();
     shortcut_ledger::write(data_root, removal.kept());
