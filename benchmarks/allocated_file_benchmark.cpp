@@ -7,7 +7,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include "platform/allocated_file.hpp"
+#include "platform/file/allocated_file.hpp"
 #include "scratch.hpp"
 
 namespace {

@@ -8,7 +8,7 @@
 #include <openssl/evp.h>
 #include <unistd.h>
 
-#include "platform/file_digest.hpp"
+#include "platform/file/file_digest.hpp"
 #include "scratch.hpp"
 
 namespace {

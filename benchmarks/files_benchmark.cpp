@@ -10,8 +10,8 @@
 #include <sys/xattr.h>
 #include <unistd.h>
 
-#include "platform/files.hpp"
-#include "platform/posix_files.hpp"
+#include "platform/file/files.hpp"
+#include "platform/file/posix_files.hpp"
 #include "scratch.hpp"
 
 namespace {

@@ -12,15 +12,15 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "app/native_install.hpp"
-#include "app/publish_key.hpp"
-#include "app/publish_package.hpp"
-#include "app/publish_root.hpp"
-#include "app/publish_snapshot.hpp"
+#include "app/install/native_install.hpp"
 #include "bare_digest.hpp"
 #include "bare_extraction.hpp"
-#include "platform/native_platform.hpp"
+#include "platform/process/native_platform.hpp"
 #include "processes.hpp"
+#include "publisher/publish_key.hpp"
+#include "publisher/publish_package.hpp"
+#include "publisher/publish_root.hpp"
+#include "publisher/publish_snapshot.hpp"
 #include "scratch.hpp"
 
 namespace {

@@ -5,7 +5,7 @@
 
 #include <benchmark/benchmark.h>
 
-#include "app/native_package.hpp"
+#include "app/install/native_package.hpp"
 #include "bare_digest.hpp"
 #include "scratch.hpp"
 #include "support/package_builder.hpp"

@@ -16,13 +16,13 @@
 #include <unistd.h>
 #include <zstd.h>
 
-#include "app/publish_snapshot.hpp"
 #include "bare_digest.hpp"
 #include "bare_extraction.hpp"
-#include "platform/files.hpp"
-#include "platform/snapshot_archive.hpp"
-#include "platform/snapshot_tree.hpp"
-#include "platform/tree.hpp"
+#include "platform/file/files.hpp"
+#include "platform/file/tree.hpp"
+#include "platform/snapshot/snapshot_archive.hpp"
+#include "platform/snapshot/snapshot_tree.hpp"
+#include "publisher/publish_snapshot.hpp"
 #include "scratch.hpp"
 
 namespace {

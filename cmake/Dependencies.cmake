@@ -9,14 +9,14 @@ set_property(CACHE RAVOK_DEPENDENCIES PROPERTY STRINGS bundled system)
 ravok_require_dependency_source("${RAVOK_DEPENDENCIES}" "${RAVOK_OS}")
 if(RAVOK_DEPENDENCIES STREQUAL "bundled")
   execute_process(
-    COMMAND "${CMAKE_SOURCE_DIR}/third_party/build"
+    COMMAND "${PROJECT_SOURCE_DIR}/third_party/build"
     OUTPUT_VARIABLE ravok_prefix
     OUTPUT_STRIP_TRAILING_WHITESPACE
     RESULT_VARIABLE ravok_prefix_result)
   if(NOT ravok_prefix_result EQUAL 0)
     message(FATAL_ERROR "The third-party libraries could not be built; the reason stands above")
   endif()
-  set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS "${CMAKE_SOURCE_DIR}/third_party/build")
+  set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS "${PROJECT_SOURCE_DIR}/third_party/build")
   # What an earlier configuration found may lie in the prefix of an older recipe.
   if(NOT "${ravok_prefix}" STREQUAL "${RAVOK_FOUND_PREFIX}")
     get_cmake_property(ravok_cached CACHE_VARIABLES)

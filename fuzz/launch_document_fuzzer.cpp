@@ -11,9 +11,9 @@
 
 #include "domain/error.hpp"
 #include "domain/identifier.hpp"
-#include "platform/linux_shortcuts.hpp"
-#include "platform/macos_shortcuts.hpp"
 #include "platform/os.hpp"
+#include "platform/shortcut/linux_shortcuts.hpp"
+#include "platform/shortcut/macos_shortcuts.hpp"
 #include "property.hpp"
 #include "support/desktop_entry.hpp"
 

@@ -10,7 +10,7 @@
 #include <string>
 #include <string_view>
 
-#include "app/launcher_store.hpp"
+#include "app/launcher/launcher_store.hpp"
 #include "domain/error.hpp"
 #include "memory_volume.hpp"
 #include "property.hpp"

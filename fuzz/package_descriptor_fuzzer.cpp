@@ -14,7 +14,7 @@
 
 #include <sys/stat.h>
 
-#include "app/native_package.hpp"
+#include "app/install/native_package.hpp"
 #include "domain/crypto.hpp"
 #include "domain/error.hpp"
 #include "memory_volume.hpp"

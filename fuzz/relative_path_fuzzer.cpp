@@ -12,7 +12,7 @@
 
 #include "domain/error.hpp"
 #include "domain/paths.hpp"
-#include "platform/managed_paths.hpp"
+#include "platform/file/managed_paths.hpp"
 #include "property.hpp"
 
 namespace {

@@ -17,7 +17,7 @@
 
 #include "domain/crypto.hpp"
 #include "domain/error.hpp"
-#include "platform/shortcuts.hpp"
+#include "platform/shortcut/shortcuts.hpp"
 #include "property.hpp"
 #include "support/temporary_root.hpp"
 

@@ -8,6 +8,7 @@
 
 #include "domain/digest_context.hpp"
 #include "domain/error.hpp"
+#include "domain/text_rules.hpp"
 
 namespace ravok {
 namespace {
@@ -17,14 +18,8 @@ std::span<const std::uint8_t> as_bytes(std::string_view text) {
 }
 
 std::uint8_t hexadecimal_digit(char c) {
-  if (c >= '0' && c <= '9') {
-    return static_cast<std::uint8_t>(c - '0');
-  }
-  if (c >= 'a' && c <= 'f') {
-    return static_cast<std::uint8_t>(c - 'a' + 10);
-  }
-  require(c >= 'A' && c <= 'F', "invalid_hex", "Invalid hexadecimal character");
-  return static_cast<std::uint8_t>(c - 'A' + 10);
+  require(is_hex(c), "invalid_hex", "Invalid hexadecimal character");
+  return hex_value(c);
 }
 
 }  // namespace
@@ -39,11 +34,10 @@ void initialize_client_runtime() {
 }
 
 std::string hex(std::span<const std::uint8_t> bytes) {
-  constexpr std::string_view digits = "0123456789abcdef";
   std::string text(bytes.size() * 2, '\0');
   for (std::size_t i = 0; i < bytes.size(); ++i) {
-    text[2 * i] = digits[bytes[i] >> 4];
-    text[2 * i + 1] = digits[bytes[i] & 15];
+    text[2 * i] = lower_hex_digits[bytes[i] >> 4];
+    text[2 * i + 1] = lower_hex_digits[bytes[i] & 15];
   }
   return text;
 }

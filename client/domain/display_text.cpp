@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <cstddef>
 
+#include "domain/text_rules.hpp"
+
 namespace ravok {
 namespace {
 
@@ -65,11 +67,10 @@ bool steers_a_terminal(char32_t number) {
 }
 
 std::string escaped(std::string_view bytes) {
-  constexpr std::string_view digits = "0123456789abcdef";
   std::string text;
   for (const char c : bytes) {
     const auto byte = static_cast<unsigned char>(c);
-    text += {'\\', 'x', digits[byte >> 4], digits[byte & 0x0F]};
+    text += {'\\', 'x', lower_hex_digits[byte >> 4], lower_hex_digits[byte & 0x0F]};
   }
   return text;
 }

@@ -4,13 +4,12 @@
 
 #include "domain/error.hpp"
 #include "domain/paths.hpp"
+#include "domain/text_rules.hpp"
 
 namespace ravok {
 namespace {
 
-bool is_identifier_character(char c) {
-  return (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || c == '-' || c == '.';
-}
+bool is_identifier_character(char c) { return is_lower_letter(c) || is_digit(c) || c == '-' || c == '.'; }
 
 }  // namespace
 

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "domain/error.hpp"
+#include "domain/text_rules.hpp"
 
 namespace ravok {
 namespace {
@@ -180,8 +181,6 @@ bool is_integer_of_at_least(const Json& value, std::int64_t minimum) {
   return value.is_number_unsigned() || (value.is_number_integer() && value.get<std::int64_t>() >= minimum);
 }
 
-bool is_lower_hexadecimal(char c) { return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'f'); }
-
 }  // namespace
 
 Json parse_json(std::string_view input, std::uint64_t limit) {
@@ -217,8 +216,7 @@ std::uint64_t size_value(const Json& value) {
 
 std::string sha256(const Json& value) {
   auto text = value.get<std::string>();
-  require(text.size() == 64 && std::all_of(text.begin(), text.end(), is_lower_hexadecimal), "invalid_manifest",
-          "Manifest needs a lower-case SHA-256 digest");
+  require(is_sha256_text(text), "invalid_manifest", "Manifest needs a lower-case SHA-256 digest");
   return text;
 }
 

@@ -17,10 +17,16 @@ std::string path_utf8(const std::filesystem::path& path);
 // Returns the length in bytes of the native form of `text`. Fails as path_from_utf8 does.
 std::size_t native_length(std::string_view text);
 
+// Whether the text is a path that the system can be given whole: 1 to 4096 bytes without a NUL byte.
+bool is_bounded_path_text(std::string_view text);
+
 // Returns for a relative path of 1 to 4096 bytes, of components of 1 to 255 bytes that name no
 // parent, no drive and no stream; with `portable` also only of names that every supported
 // platform can hold. Fails with "unsafe_path".
 void validate_relative_path(std::string_view path, bool portable);
+
+// Returns the directory that a path names something in: the path without its last name, or ".".
+std::filesystem::path folder_of(const std::filesystem::path& path);
 
 // Returns the path without separators at its end: with one, a path names what a link there points to.
 std::filesystem::path without_end_separator(const std::filesystem::path& path);

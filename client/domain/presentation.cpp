@@ -7,6 +7,7 @@
 
 #include "domain/crypto.hpp"
 #include "domain/display_text.hpp"
+#include "domain/text_rules.hpp"
 
 namespace ravok {
 namespace {
@@ -45,10 +46,6 @@ std::string read_monogram(const Json& value) {
 std::uint32_t read_pixels(const Json& value) {
   const bool positive = value.is_number_unsigned() || (value.is_number_integer() && value.get<std::int64_t>() > 0);
   return positive && value.get<std::uint64_t>() <= maximum_pixels ? value.get<std::uint32_t>() : 0;
-}
-
-bool is_lower_hex(std::string_view text) {
-  return std::all_of(text.begin(), text.end(), [](char c) { return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'f'); });
 }
 
 std::string read_pixels_text(const Json& value) {

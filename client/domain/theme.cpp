@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "domain/error.hpp"
+#include "domain/text_rules.hpp"
 
 namespace ravok {
 namespace {
@@ -69,24 +70,9 @@ constexpr std::array<ReadablePair, 14> readable_pairs = {
      {"ink on paper", &Theme::ink, &Theme::paper},
      {"ink_muted on paper", &Theme::ink_muted, &Theme::paper}}};
 
-bool is_letter_or_digit(char c) { return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9'); }
-
-std::string lowered(std::string_view text) {
-  std::string lower(text);
-  std::transform(lower.begin(), lower.end(), lower.begin(),
-                 [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; });
-  return lower;
-}
-
 const Json& object(const Json& value, const std::string& name) {
   require(value.is_object(), code, name + " must be an object");
   return value;
-}
-
-int hex_digit(char c) {
-  constexpr std::string_view digits = "0123456789abcdef";
-  const std::size_t digit = digits.find(c >= 'A' && c <= 'F' ? static_cast<char>(c - 'A' + 'a') : c);
-  return digit == std::string_view::npos ? -1 : static_cast<int>(digit);
 }
 
 Rgb read_color(const Json& value) {
@@ -96,10 +82,10 @@ Rgb read_color(const Json& value) {
   require(text.size() == 7 && text[0] == '#', code, form);
   std::array<std::uint8_t, 3> channels{};
   for (std::size_t i = 0; i < channels.size(); ++i) {
-    const int high = hex_digit(text[1 + 2 * i]);
-    const int low = hex_digit(text[2 + 2 * i]);
-    require(high >= 0 && low >= 0, code, form);
-    channels[i] = static_cast<std::uint8_t>(high * 16 + low);
+    const char high = text[1 + 2 * i];
+    const char low = text[2 + 2 * i];
+    require(is_hex(high) && is_hex(low), code, form);
+    channels[i] = static_cast<std::uint8_t>(hex_value(high) * 16 + hex_value(low));
   }
   return {channels[0], channels[1], channels[2]};
 }
@@ -160,14 +146,14 @@ void read_text_sizes(const Json& definition, Theme& theme) {
 enum class FileKind { font, image, notice };
 
 bool has_extension(std::string_view name, FileKind kind) {
-  const std::string lower = lowered(name);
+  const std::string text = lower(name);
   switch (kind) {
     case FileKind::font:
-      return lower.ends_with(".ttf") || lower.ends_with(".otf");
+      return text.ends_with(".ttf") || text.ends_with(".otf");
     case FileKind::image:
-      return lower.ends_with(".bmp");
+      return text.ends_with(".bmp");
     case FileKind::notice:
-      return lower.ends_with(".txt");
+      return text.ends_with(".txt");
   }
   return false;
 }

@@ -1,9 +1,9 @@
-#include "app/package_seal.hpp"
-#include "app/setup_console.hpp"
+#include "app/install/package_seal.hpp"
+#include "app/setup/setup_console.hpp"
 #include "domain/crypto.hpp"
-#include "platform/interrupt.hpp"
-#include "platform/process.hpp"
-#include "platform/program_start.hpp"
+#include "platform/process/interrupt.hpp"
+#include "platform/process/process.hpp"
+#include "platform/process/program_start.hpp"
 
 namespace {
 

@@ -1,8 +1,8 @@
-#include "app/setup_console.hpp"
+#include "app/setup/setup_console.hpp"
 #include "domain/crypto.hpp"
-#include "platform/interrupt.hpp"
-#include "platform/process.hpp"
-#include "platform/program_start.hpp"
+#include "platform/process/interrupt.hpp"
+#include "platform/process/process.hpp"
+#include "platform/process/program_start.hpp"
 
 // What fails before there is a command line ends the process as the runtime ends it.
 int main(int argc, char** argv) {

@@ -19,12 +19,27 @@ std::string_view platform_name();
 // The name of the operating system as messages spell it: "Linux" or "macOS".
 std::string_view system_name();
 
+// Whether programs for users are bundles here: folders that users see and start as one file.
+bool programs_are_bundles();
+
 // The relative path, below the user's home directory, of the folder that holds the client's data.
 std::string_view data_root_below_home();
 
 // The absolute path of the running image in at most `limit` bytes, without a link on the way, or
 // nothing when it cannot be told: the image may have been removed since, or replaced.
 std::optional<std::string> executable_path(std::size_t limit);
+
+// How a program ended that was started and waited for.
+enum class ProgramEnd {
+  not_prepared,  // its streams could not be set up
+  not_started,   // there is no such program, or it cannot be started
+  failed,        // it ended otherwise than with the exit code 0
+  succeeded,
+};
+
+// Runs a program, named by the first of the words and found on the search path, with the others as its arguments, and
+// waits for its end. What it says on its standard output goes to this process's standard error.
+ProgramEnd run_program(std::vector<std::string> words);
 
 // The program that shows a directory to the user, by its path or by its name on the search path.
 std::string_view directory_opener();

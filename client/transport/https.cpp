@@ -10,6 +10,7 @@
 #include "domain/crypto.hpp"
 #include "domain/error.hpp"
 #include "domain/paths.hpp"
+#include "domain/text_rules.hpp"
 
 namespace ravok {
 namespace {
@@ -54,10 +55,7 @@ void require_service_url(const std::string& base_url) {
   require(base_url.find_first_of("?#") == std::string::npos, "invalid_url", no_more);
 }
 
-bool is_unreserved(char c) {
-  return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || c == '-' || c == '.' ||
-         c == '_' || c == '~';
-}
+bool is_unreserved(char c) { return is_letter_or_digit(c) || c == '-' || c == '.' || c == '_' || c == '~'; }
 
 }  // namespace
 
@@ -73,6 +71,11 @@ std::string quote_url(std::string_view text, bool keep_slash) {
     }
   }
   return quoted;
+}
+
+void require_plain_origin(const std::string& origin) {
+  const HttpsTransport transport(origin + "/tuf/metadata/", {}, 0);
+  require(transport.origin() == origin, "invalid_origin", "The package origin must be a plain HTTPS origin");
 }
 
 HttpsTransport::HttpsTransport(std::string base_url, std::filesystem::path ca_bundle, std::uint64_t bytes_per_second)

@@ -12,6 +12,10 @@ namespace ravok {
 // upper-case hexadecimal digits; "/" stands with `keep_slash`.
 std::string quote_url(std::string_view text, bool keep_slash);
 
+// Accepts only the origin of a service: HTTPS, a host and perhaps a port. Fails with "invalid_origin", and as the
+// constructor of HttpsTransport does.
+void require_plain_origin(const std::string& origin);
+
 class HttpsTransport {
  public:
   // `base_url` is a service's root: HTTPS, with a host, perhaps a port and a path, and nothing else.

@@ -2,16 +2,16 @@
 
 #include <algorithm>
 #include <array>
-#include <charconv>
 #include <cstddef>
 #include <initializer_list>
 #include <set>
 #include <string>
-#include <system_error>
 
 #include "domain/error.hpp"
 #include "domain/paths.hpp"
+#include "domain/text_rules.hpp"
 #include "tuf/keys.hpp"
+#include "tuf/tuf_time.hpp"
 
 namespace ravok {
 namespace {
@@ -21,11 +21,6 @@ constexpr std::size_t maximum_name_bytes = 4096;
 constexpr std::size_t maximum_pattern_bytes = 4096;
 constexpr std::size_t maximum_prefix_characters = 64;
 constexpr std::array<std::string_view, 4> top_level = {"root", "timestamp", "snapshot", "targets"};
-
-bool is_digit(char c) { return c >= '0' && c <= '9'; }
-bool is_lower_hex(char c) { return is_digit(c) || (c >= 'a' && c <= 'f'); }
-bool is_hex(char c) { return is_lower_hex(c) || (c >= 'A' && c <= 'F'); }
-bool are_digits(std::string_view text) { return std::all_of(text.begin(), text.end(), is_digit); }
 
 bool has_text(const Json& object, const char* key) { return object.contains(key) && object.at(key).is_string(); }
 
@@ -99,9 +94,8 @@ void require_prefixes(const Json& prefixes) {
   for (const Json& prefix : prefixes) {
     require(prefix.is_string(), invalid, "Delegation selector must contain strings");
     const std::string& text = prefix.get_ref<const std::string&>();
-    require(!text.empty() && text.size() <= maximum_prefix_characters &&
-                std::all_of(text.begin(), text.end(), is_lower_hex),
-            invalid, "Invalid delegation hash prefix");
+    require(!text.empty() && text.size() <= maximum_prefix_characters && is_lower_hex(text), invalid,
+            "Invalid delegation hash prefix");
   }
 }
 
@@ -171,30 +165,6 @@ void shape_body(const Json& document, std::string_view kind) {
   }
 }
 
-unsigned read_number(std::string_view text) {
-  require(are_digits(text), "invalid_expiry", "Timestamp fields must contain decimal digits");
-  unsigned number = 0;
-  const auto result = std::from_chars(text.data(), text.data() + text.size(), number);
-  require(result.ec == std::errc(), "invalid_expiry", "Invalid timestamp digits");
-  return number;
-}
-
-bool has_time_form(std::string_view text) {
-  if (text.size() < 20 || text.size() > 30 || text[4] != '-' || text[7] != '-' || text[10] != 'T' || text[13] != ':' ||
-      text[16] != ':' || text.back() != 'Z') {
-    return false;
-  }
-  return text.size() == 20 || (text.size() >= 22 && text[19] == '.');
-}
-
-// Of the digits behind the dot, six count; a shorter fraction is padded.
-std::chrono::microseconds read_fraction(std::string_view digits) {
-  require(are_digits(digits), "invalid_expiry", "Invalid fractional second");
-  std::string counted(digits.substr(0, 6));
-  counted.resize(6, '0');
-  return std::chrono::microseconds(read_number(counted));
-}
-
 }  // namespace
 
 void shape(const Json& document, std::string_view kind) {
@@ -231,26 +201,6 @@ std::uint64_t length(const Json& file) {
   require(length.is_number_unsigned() || (length.is_number_integer() && length.get<std::int64_t>() >= 0),
           "invalid_length", "Length must be a nonnegative integer");
   return length.get<std::uint64_t>();
-}
-
-TufTime parse_tuf_time(std::string_view text) {
-  namespace time = std::chrono;
-  require(has_time_form(text), "invalid_expiry", "Expiry must use a UTC ISO-8601 timestamp");
-  const unsigned year = read_number(text.substr(0, 4));
-  const unsigned month = read_number(text.substr(5, 2));
-  const unsigned day = read_number(text.substr(8, 2));
-  const unsigned hour = read_number(text.substr(11, 2));
-  const unsigned minute = read_number(text.substr(14, 2));
-  const unsigned second = read_number(text.substr(17, 2));
-  const time::year_month_day date(time::year(static_cast<int>(year)), time::month(month), time::day(day));
-  require(date.ok() && hour < 24 && minute < 60 && second < 60, "invalid_expiry", "Invalid UTC calendar time");
-  const TufTime whole = time::sys_days(date) + time::hours(hour) + time::minutes(minute) + time::seconds(second);
-  return text.size() == 20 ? whole : whole + read_fraction(text.substr(20, text.size() - 21));
-}
-
-bool has_passed(TufTime time) {
-  // In the time's own unit, which reaches further than the clock's.
-  return time <= std::chrono::floor<TufTime::duration>(std::chrono::system_clock::now());
 }
 
 }  // namespace ravok

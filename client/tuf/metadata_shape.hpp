@@ -4,15 +4,12 @@
 // selector, names and patterns are bounded, and no key signs twice.
 #pragma once
 
-#include <chrono>
 #include <cstdint>
 #include <string_view>
 
 #include "domain/json.hpp"
 
 namespace ravok {
-
-using TufTime = std::chrono::sys_time<std::chrono::microseconds>;
 
 // Returns when the document is a role document of this kind: "root", "timestamp", "snapshot" or
 // "targets". Fails with "invalid_metadata", "metadata_type", "unsupported_spec", "invalid_version",
@@ -31,12 +28,5 @@ void hashes_shape(const Json& hashes);
 // Returns the "length" of a file description, in bytes. Fails with "invalid_metadata" without one and
 // "invalid_length" for what is no size.
 std::uint64_t length(const Json& file);
-
-// Returns the time of a text such as "2030-01-31T23:59:59Z", with up to nine digits of a fraction of
-// which six count. Fails with "invalid_expiry".
-TufTime parse_tuf_time(std::string_view text);
-
-// Whether the time is not after the present.
-bool has_passed(TufTime time);
 
 }  // namespace ravok

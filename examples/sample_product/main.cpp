@@ -2,7 +2,7 @@
 
 #include <cstdio>
 
-#include "platform/program_start.hpp"
+#include "platform/process/program_start.hpp"
 
 int main(int argc, char** argv) {
   if (!ravok::start_program()) {

@@ -17,7 +17,7 @@
 #include "domain/crypto.hpp"
 #include "domain/encryption.hpp"
 #include "domain/signature.hpp"
-#include "platform/file_digest.hpp"
+#include "platform/file/file_digest.hpp"
 #include "support/failure.hpp"
 #include "support/signing.hpp"
 #include "support/temporary_root.hpp"

@@ -13,7 +13,7 @@
 
 #include "domain/game_manifest.hpp"
 #include "fault/fault_runner.hpp"
-#include "platform/file_digest.hpp"
+#include "platform/file/file_digest.hpp"
 #include "support/temporary_root.hpp"
 #include "support/tree_state.hpp"
 

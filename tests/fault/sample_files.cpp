@@ -26,12 +26,13 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "platform/allocated_file.hpp"
-#include "platform/atomic_commit.hpp"
-#include "platform/files.hpp"
-#include "platform/native_lock.hpp"
-#include "platform/posix_files.hpp"
-#include "platform/tree.hpp"
+#include "platform/file/allocated_file.hpp"
+#include "platform/file/atomic_commit.hpp"
+#include "platform/file/files.hpp"
+#include "platform/file/native_lock.hpp"
+#include "platform/file/posix_files.hpp"
+#include "platform/file/tree.hpp"
+#include "platform/snapshot/snapshot_retirement.hpp"
 #include "sample_main.hpp"
 #include "support/manifest_builder.hpp"
 

@@ -17,7 +17,7 @@
 #include <string_view>
 #include <vector>
 
-#include "app/native_install.hpp"
+#include "app/install/native_install.hpp"
 #include "domain/error.hpp"
 
 namespace ravok {

@@ -11,7 +11,7 @@
 #include <string>
 #include <vector>
 
-#include "platform/shortcuts.hpp"
+#include "platform/shortcut/shortcuts.hpp"
 #include "sample_main.hpp"
 
 namespace ravok {

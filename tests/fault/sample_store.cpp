@@ -11,8 +11,8 @@
 #include <utility>
 #include <vector>
 
-#include "app/launcher_store.hpp"
-#include "platform/files.hpp"
+#include "app/launcher/launcher_store.hpp"
+#include "platform/file/files.hpp"
 #include "sample_main.hpp"
 
 namespace ravok {

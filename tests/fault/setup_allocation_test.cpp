@@ -10,7 +10,7 @@
 
 #include <gtest/gtest.h>
 
-#include "app/native_install.hpp"
+#include "app/install/native_install.hpp"
 #include "support/allocation_failure.hpp"
 #include "support/failure.hpp"
 #include "support/setup_place.hpp"

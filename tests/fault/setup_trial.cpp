@@ -10,7 +10,7 @@
 #include <gtest/gtest.h>
 
 #include "domain/error.hpp"
-#include "platform/complete_install.hpp"
+#include "platform/snapshot/complete_install.hpp"
 #include "support/failure.hpp"
 
 namespace ravok::testing {

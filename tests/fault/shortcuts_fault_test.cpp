@@ -18,7 +18,7 @@
 
 #include "domain/crypto.hpp"
 #include "fault/fault_runner.hpp"
-#include "platform/linux_shortcuts.hpp"
+#include "platform/shortcut/linux_shortcuts.hpp"
 #include "support/process.hpp"
 #include "support/shortcut_place.hpp"
 

@@ -20,9 +20,10 @@
 
 #include "domain/game_manifest.hpp"
 #include "fault/fault_runner.hpp"
-#include "platform/install_records.hpp"
-#include "platform/snapshot_pack.hpp"
-#include "platform/snapshot_tree.hpp"
+#include "platform/file/directory_identity.hpp"
+#include "platform/snapshot/install_records.hpp"
+#include "platform/snapshot/snapshot_tree.hpp"
+#include "publisher/snapshot_pack.hpp"
 #include "support/game_at_hand.hpp"
 #include "support/process.hpp"
 #include "support/temporary_root.hpp"

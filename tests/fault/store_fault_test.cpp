@@ -13,7 +13,7 @@
 
 #include <gtest/gtest.h>
 
-#include "app/launcher_store.hpp"
+#include "app/launcher/launcher_store.hpp"
 #include "fault/fault_runner.hpp"
 #include "support/launcher_builder.hpp"
 #include "support/temporary_root.hpp"

@@ -12,8 +12,8 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include "app/setup_command.hpp"
-#include "platform/descriptor.hpp"
+#include "app/setup/setup_command.hpp"
+#include "platform/file/descriptor.hpp"
 #include "programs/installer_place.hpp"
 #include "support/process.hpp"
 

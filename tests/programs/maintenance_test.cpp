@@ -11,9 +11,9 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include "app/setup_command.hpp"
-#include "platform/descriptor.hpp"
-#include "platform/native_lock.hpp"
+#include "app/setup/setup_command.hpp"
+#include "platform/file/descriptor.hpp"
+#include "platform/file/native_lock.hpp"
 #include "support/install_place.hpp"
 #include "support/process.hpp"
 

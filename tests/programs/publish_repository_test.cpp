@@ -6,9 +6,9 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
-#include "app/native_package.hpp"
+#include "app/install/native_package.hpp"
 #include "domain/crypto.hpp"
-#include "platform/native_platform.hpp"
+#include "platform/process/native_platform.hpp"
 #include "support/package_builder.hpp"
 #include "support/process.hpp"
 #include "support/temporary_root.hpp"

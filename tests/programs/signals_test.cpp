@@ -7,7 +7,7 @@
 
 #include <gtest/gtest.h>
 
-#include "platform/native_lock.hpp"
+#include "platform/file/native_lock.hpp"
 #include "programs/installer_place.hpp"
 #include "programs/started_program.hpp"
 #include "support/temporary_root.hpp"

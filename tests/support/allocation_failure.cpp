@@ -21,7 +21,7 @@
 #include <unistd.h>
 
 #include "domain/error.hpp"
-#include "platform/descriptor.hpp"
+#include "platform/file/descriptor.hpp"
 
 // The linker's names for the functions that it wraps.
 extern "C" {

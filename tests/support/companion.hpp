@@ -6,7 +6,7 @@
 
 #include <sys/types.h>
 
-#include "platform/descriptor.hpp"
+#include "platform/file/descriptor.hpp"
 
 namespace ravok::testing {
 

@@ -7,9 +7,9 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 
-#include "platform/descriptor.hpp"
-#include "platform/posix_files.hpp"
-#include "platform/tree_removal.hpp"
+#include "platform/file/descriptor.hpp"
+#include "platform/file/posix_files.hpp"
+#include "platform/file/tree_removal.hpp"
 
 namespace ravok::testing {
 

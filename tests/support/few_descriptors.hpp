@@ -5,7 +5,7 @@
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 
-#include "platform/descriptor.hpp"
+#include "platform/file/descriptor.hpp"
 
 namespace ravok::testing {
 

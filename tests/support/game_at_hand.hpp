@@ -9,8 +9,9 @@
 #include "domain/crypto.hpp"
 #include "domain/game_manifest.hpp"
 #include "domain/json.hpp"
-#include "platform/install_records.hpp"
-#include "platform/native_platform.hpp"
+#include "platform/file/directory_identity.hpp"
+#include "platform/process/native_platform.hpp"
+#include "platform/snapshot/install_records.hpp"
 #include "support/manifest_builder.hpp"
 
 namespace ravok::testing {

@@ -7,9 +7,9 @@
 #include <string>
 #include <string_view>
 
-#include "app/data_folder.hpp"
-#include "app/native_install.hpp"
-#include "platform/shortcuts.hpp"
+#include "app/install/data_folder.hpp"
+#include "app/install/native_install.hpp"
+#include "platform/shortcut/shortcuts.hpp"
 #include "support/fast_volume.hpp"
 #include "support/package_builder.hpp"
 #include "support/temporary_root.hpp"

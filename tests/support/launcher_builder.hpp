@@ -8,7 +8,7 @@
 
 #include "domain/crypto.hpp"
 #include "domain/json.hpp"
-#include "platform/native_platform.hpp"
+#include "platform/process/native_platform.hpp"
 #include "support/snapshot_builder.hpp"
 #include "support/temporary_root.hpp"
 

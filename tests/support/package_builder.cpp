@@ -7,9 +7,9 @@
 
 #include <sys/stat.h>
 
-#include "app/publish_snapshot.hpp"
 #include "domain/crypto.hpp"
-#include "platform/native_platform.hpp"
+#include "platform/process/native_platform.hpp"
+#include "publisher/publish_snapshot.hpp"
 #include "support/snapshot_builder.hpp"
 #include "support/temporary_root.hpp"
 #include "support/theme_builder.hpp"

@@ -7,7 +7,7 @@
 
 #include <unistd.h>
 
-#include "platform/file_status.hpp"
+#include "platform/file/file_status.hpp"
 
 namespace ravok::testing {
 

@@ -11,13 +11,13 @@
 
 #include <gtest/gtest.h>
 
-#include "app/data_folder.hpp"
-#include "app/installation_record.hpp"
-#include "app/launcher_store.hpp"
-#include "app/native_install.hpp"
-#include "platform/file_status.hpp"
-#include "platform/shortcuts.hpp"
-#include "platform/snapshot_tree.hpp"
+#include "app/install/data_folder.hpp"
+#include "app/install/installation_record.hpp"
+#include "app/install/native_install.hpp"
+#include "app/launcher/launcher_store.hpp"
+#include "platform/file/file_status.hpp"
+#include "platform/shortcut/shortcuts.hpp"
+#include "platform/snapshot/snapshot_tree.hpp"
 #include "support/fast_volume.hpp"
 #include "support/package_builder.hpp"
 #include "support/temporary_root.hpp"

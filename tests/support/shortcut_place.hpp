@@ -10,7 +10,7 @@
 #include <unistd.h>
 
 #include "domain/json.hpp"
-#include "platform/shortcut_rules.hpp"
+#include "platform/shortcut/shortcut_rules.hpp"
 #include "support/temporary_root.hpp"
 #include "support/with_environment.hpp"
 

@@ -12,7 +12,7 @@
 
 #include <gtest/gtest.h>
 
-#include "platform/file_status.hpp"
+#include "platform/file/file_status.hpp"
 
 namespace ravok::testing {
 

@@ -9,7 +9,7 @@
 #include <sys/stat.h>
 
 #include "domain/json.hpp"
-#include "platform/native_lock.hpp"
+#include "platform/file/native_lock.hpp"
 #include "support/failure.hpp"
 #include "support/lock_calls.hpp"
 #include "support/signing.hpp"

@@ -3,7 +3,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include "platform/file_status.hpp"
+#include "platform/file/file_status.hpp"
 #include "platform/os.hpp"
 
 namespace ravok::os {

@@ -3,7 +3,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "platform/file_status.hpp"
+#include "platform/file/file_status.hpp"
 
 namespace ravok::os {
 namespace {
@@ -23,6 +23,8 @@ bool is_running_image(const std::string& path) {
 std::string_view platform_name() { return "linux-x86_64"; }
 
 std::string_view system_name() { return "Linux"; }
+
+bool programs_are_bundles() { return false; }
 
 std::string_view data_root_below_home() { return ".local/share/Ravok"; }
 

@@ -21,10 +21,10 @@
 
 #include "domain/crypto.hpp"
 #include "domain/error.hpp"
-#include "platform/descriptor.hpp"
-#include "platform/file_status.hpp"
+#include "platform/file/descriptor.hpp"
+#include "platform/file/file_status.hpp"
+#include "platform/file/tree_walk.hpp"
 #include "platform/os.hpp"
-#include "platform/tree_walk.hpp"
 
 namespace ravok::os {
 namespace {

@@ -24,6 +24,8 @@ std::string_view platform_name() { return "macos-aarch64"; }
 
 std::string_view system_name() { return "macOS"; }
 
+bool programs_are_bundles() { return true; }
+
 std::string_view data_root_below_home() { return "Library/Application Support/Ravok"; }
 
 std::optional<std::string> executable_path(std::size_t limit) {

@@ -16,7 +16,7 @@
 
 #include "domain/crypto.hpp"
 #include "domain/error.hpp"
-#include "platform/file_status.hpp"
+#include "platform/file/file_status.hpp"
 #include "platform/os.hpp"
 
 namespace ravok::os {

@@ -1,0 +1,53 @@
+#include "app/brand/theme_folder.hpp"
+
+#include <string>
+#include <utility>
+
+#include "domain/data_layout.hpp"
+#include "domain/error.hpp"
+#include "domain/paths.hpp"
+#include "platform/file/file_status.hpp"
+#include "platform/file/files.hpp"
+
+namespace ravok {
+namespace {
+
+constexpr std::uint64_t definition_limit = 65'536;
+
+bool is_plain_file(const std::filesystem::path& path) {
+  const auto status = link_status_of(path);
+  return status && S_ISREG(status->st_mode);
+}
+
+std::string read_plain(const std::filesystem::path& path, std::uint64_t limit) {
+  require(is_plain_file(path), "invalid_theme",
+          "Theme file is missing or not a plain file: " + path_utf8(path.filename()));
+  return read_file(path, limit);
+}
+
+}  // namespace
+
+std::filesystem::path theme_directory(const std::filesystem::path& data_root) {
+  return DataPaths(data_root).theme_directory;
+}
+
+Theme parse_theme(const Json& definition, const std::filesystem::path& directory) {
+  return parse_theme(definition,
+                     [&](const std::string& name, std::uint64_t limit) { return read_plain(directory / name, limit); });
+}
+
+std::optional<Theme> load_theme(const std::filesystem::path& directory) {
+  const std::filesystem::path definition = directory / "theme.json";
+  if (!is_plain_file(definition)) {
+    return std::nullopt;
+  }
+  return parse_theme(parse_json(read_file(definition, definition_limit), definition_limit), directory);
+}
+
+void use_installed_theme(const std::filesystem::path& data_root) {
+  if (std::optional<Theme> installed = load_theme(theme_directory(data_root))) {
+    set_theme(std::move(*installed));
+  }
+}
+
+}  // namespace ravok

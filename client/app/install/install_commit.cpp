@@ -1,0 +1,206 @@
+#include "app/install/install_commit.hpp"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <filesystem>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "app/brand/brand.hpp"
+#include "app/brand/theme_folder.hpp"
+#include "app/install/installation_record.hpp"
+#include "app/install/setup_marker.hpp"
+#include "domain/error.hpp"
+#include "domain/paths.hpp"
+#include "platform/file/mounts.hpp"
+
+namespace ravok {
+namespace {
+
+constexpr std::array<const char*, 4> old_trees = {"old-bootstrap", "old-launcher", "old-trust", "old-theme"};
+constexpr std::array<const char*, 6> update_traces = {"bootstrap-update",          "bootstrap-update.partial",
+                                                      "bootstrap-downloads",       "bootstrap-update.json",
+                                                      "bootstrap-update.rejected", "bootstrap-old-files"};
+
+// Gives a prepared tree its place; what is there goes aside.
+void put_in_place(const HeldDirectory& from, const std::string& prepared, const HeldDirectory& to,
+                  const std::string& place, const HeldDirectory& staging, const std::string& aside) {
+  if (to.type_of(place)) {
+    const int problem = to.try_move(place, staging, aside);
+    if (problem == EXDEV) {
+      to.remove_tree(place);
+    } else {
+      require(problem == 0, "file_write", "Cannot move " + path_utf8(to.path() / place) + " into place");
+    }
+  }
+  from.move(prepared, to, place);
+}
+
+void require_no_directory(const HeldDirectory& directory, const std::filesystem::path& record) {
+  require(directory.type_of(record.filename()) != EntryType::directory, "unsafe_path",
+          "Setup cannot write " + path_utf8(record) + ": a directory has that name; move it away and try again");
+}
+
+// What is moved to another directory must be writable for its owner. Another user's is not this run's to change.
+void make_movable(const HeldDirectory& directory, const std::filesystem::path& tree) {
+  require(directory.make_movable(tree.filename()), "unsafe_path",
+          "Setup cannot replace " + path_utf8(tree) + ": it belongs to another user; move it away and try again");
+}
+
+// Only what this run has prepared may lie in the scratch tree: what of a former one could not be removed would keep the
+// marker up.
+void require_no_remains(const HeldDirectory& staging) {
+  constexpr std::array<std::string_view, 3> prepared = {"bootstrap", "launcher-root", "trust"};
+  for (const std::string& name : staging.names()) {
+    require(std::find(prepared.begin(), prepared.end(), name) != prepared.end(), "unsafe_path",
+            "Setup cannot clear " + path_utf8(staging.path() / name) + "; remove it and try again");
+  }
+}
+
+class Commit {
+ public:
+  Commit(const InstallFolders& folders, const DataPaths& paths, const NativePackage& package, const InstallPlan& plan)
+      : root_(folders.root),
+        native_(folders.native),
+        staging_(folders.staging),
+        paths_(paths),
+        package_(package),
+        plan_(plan) {}
+
+  void run() const {
+    write_setup_marker(root_);
+    if (plan_.replace_bootstrap) {
+      replace_bootstrap();
+    }
+    if (plan_.replace_launcher) {
+      replace_launcher();
+    }
+    if (plan_.replace_trust) {
+      put_in_place(staging_, "trust", root_, paths_.trust.filename(), staging_, "old-trust");
+    }
+    write_repository();
+    write_icon();
+    replace_theme();
+    write_installation(native_, package_);
+    remove_staging();
+    remove_setup_marker(root_);
+    // So that a power cut does not bring the marker back after success was reported.
+    root_.flush();
+  }
+
+ private:
+  void replace_bootstrap() const {
+    put_in_place(staging_, "bootstrap", native_, paths_.bootstrap_directory.filename(), staging_, "old-bootstrap");
+    native_.write(paths_.bootstrap_manifest.filename(), package_.bootstrap_manifest_json);
+    // No update of the former bootstrap applies to this one.
+    for (const char* name : update_traces) {
+      native_.remove_tree_quietly(name);
+    }
+  }
+
+  void replace_launcher() const {
+    const std::optional<HeldDirectory> prepared = staging_.find_directory("launcher-root");
+    require(prepared.has_value(), "unsafe_path", "The prepared launcher is gone");
+    put_in_place(*prepared, "launcher", root_, paths_.launcher.filename(), staging_, "old-launcher");
+  }
+
+  void write_repository() const {
+    std::string ca_bundle;
+    if (!package_.ca_bundle.empty()) {
+      root_.write(paths_.repository_ca.filename(), package_.ca_bundle);
+      ca_bundle = path_utf8(paths_.repository_ca);
+    }
+    const Json record = {{"schema_version", 1}, {"origin", package_.origin}, {"ca_bundle", ca_bundle}};
+    root_.write(paths_.repository_record.filename(), record.dump());
+  }
+
+  void write_icon() const {
+    const std::string icon = brand_icon_path(paths_.root).filename();
+    if (package_.brand_icon.empty()) {
+      native_.remove_quietly(icon);
+    } else {
+      native_.write(icon, package_.brand_icon);
+    }
+  }
+
+  void replace_theme() const {
+    const std::string place = theme_directory(paths_.root).filename();
+    if (!package_.theme) {
+      native_.remove_tree(place);
+      return;
+    }
+    const HeldDirectory staged = staging_.private_directory("theme");
+    staged.write("theme.json", package_.theme->definition);
+    for (const auto& [name, bytes] : package_.theme->files) {
+      staged.write(name, bytes);
+    }
+    put_in_place(staging_, "theme", native_, place, staging_, "old-theme");
+  }
+
+  // Removes the former trees one by one, so that one that resists keeps none of the others; the removal of the whole
+  // folder then names it.
+  void remove_staging() const {
+    for (const char* name : old_trees) {
+      staging_.remove_tree_quietly(name);
+    }
+    native_.remove_tree(paths_.staging.filename());
+    native_.flush();
+  }
+
+  const HeldDirectory& root_;
+  const HeldDirectory& native_;
+  const HeldDirectory& staging_;
+  const DataPaths& paths_;
+  const NativePackage& package_;
+  const InstallPlan& plan_;
+};
+
+}  // namespace
+
+void require_clear_way(const InstallFolders& folders, const DataPaths& paths, const NativePackage& package,
+                       const InstallPlan& plan) {
+  require(folders.root.is_in_place() && folders.native.is_in_place() && folders.staging.is_in_place(), "unsafe_path",
+          "The data folder was changed while setup worked in it");
+  require_no_directory(folders.root, paths.incomplete_marker);
+  require_no_directory(folders.root, paths.repository_record);
+  if (!package.ca_bundle.empty()) {
+    require_no_directory(folders.root, paths.repository_ca);
+  }
+  require_no_directory(folders.native, paths.installation_record);
+  if (plan.replace_bootstrap) {
+    require_no_directory(folders.native, paths.bootstrap_manifest);
+  }
+  if (!package.brand_icon.empty()) {
+    require_no_directory(folders.native, brand_icon_path(paths.root));
+  }
+  require_no_remains(folders.staging);
+  if (plan.replace_bootstrap) {
+    make_movable(folders.native, paths.bootstrap_directory);
+  }
+  if (plan.replace_launcher) {
+    make_movable(folders.root, paths.launcher);
+  }
+  if (plan.replace_trust) {
+    make_movable(folders.root, paths.trust);
+  }
+  make_movable(folders.native, theme_directory(paths.root));
+  std::vector<std::filesystem::path> replaced = {paths.native};
+  if (plan.replace_launcher) {
+    replaced.push_back(paths.launcher);
+  }
+  if (plan.replace_trust) {
+    replaced.push_back(paths.trust);
+  }
+  require_no_mounts(folders.root.descriptor(), paths.root, [&](const std::filesystem::path& place) {
+    return std::any_of(replaced.begin(), replaced.end(), [&](const auto& tree) { return within(place, tree); });
+  });
+}
+
+void commit_install(const InstallFolders& folders, const DataPaths& paths, const NativePackage& package,
+                    const InstallPlan& plan) {
+  Commit(folders, paths, package, plan).run();
+}
+
+}  // namespace ravok

@@ -1,0 +1,428 @@
+#include "app/install/native_install.hpp"
+
+#include <algorithm>
+#include <cstddef>
+#include <exception>
+#include <memory>
+#include <optional>
+#include <utility>
+
+#include "app/brand/brand.hpp"
+#include "app/install/data_folder.hpp"
+#include "app/install/install_commit.hpp"
+#include "app/install/json_paths.hpp"
+#include "app/install/native_package.hpp"
+#include "app/install/system_failures.hpp"
+#include "app/launcher/launcher_store.hpp"
+#include "domain/error.hpp"
+#include "domain/paths.hpp"
+#include "platform/file/file_status.hpp"
+#include "platform/file/files.hpp"
+#include "platform/file/held_directory.hpp"
+#include "platform/file/managed_paths.hpp"
+#include "platform/file/native_lock.hpp"
+#include "platform/file/posix_files.hpp"
+#include "platform/snapshot/snapshot_archive.hpp"
+#include "platform/snapshot/snapshot_tree.hpp"
+#include "tuf/tuf.hpp"
+
+namespace ravok {
+namespace {
+
+constexpr const char* default_name = "Ravok";
+constexpr std::size_t version_name_characters = 64;
+std::string not_installed_in(const std::filesystem::path& root) {
+  return "Ravok is not installed in " + path_utf8(root);
+}
+
+// Whether a folder without an installation, whole or interrupted, may take one: it is empty, or an earlier data folder.
+bool may_take_installation(const DataPaths& paths) {
+  const auto status = link_status_of(paths.root);
+  if (!status || !is_directory(*status)) {
+    return false;
+  }
+  const std::vector<std::string> names = HeldDirectory::open(paths.root).names();
+  const auto is_known = [](const std::string& name) {
+    return std::find(ravok_entries.begin(), ravok_entries.end(), name) != ravok_entries.end();
+  };
+  return std::any_of(names.begin(), names.end(), is_known) ||
+         std::all_of(names.begin(), names.end(), [&](const auto& name) { return name == paths.setup_lock.filename(); });
+}
+
+// Whether the work proves something whole: a failure means that it is not.
+template <typename Work>
+bool proves_whole(Work work) {
+  try {
+    work();
+    return true;
+  } catch (const Error&) {
+    return false;
+  }
+}
+
+// Fails with "unsafe_path" unless the names lead from one plain directory to the next.
+HeldDirectory require_plain(const HeldDirectory& directory, const std::filesystem::path& below) {
+  std::optional<HeldDirectory> found;
+  const HeldDirectory* last = &directory;
+  for (const std::filesystem::path& name : below) {
+    found = last->find_directory(name);
+    require(found.has_value(), "unsafe_path", "Expected a plain directory");
+    last = &*found;
+  }
+  return std::move(*found);
+}
+
+void verify_bootstrap(const DataPaths& paths, const HeldDirectory& native) {
+  // Images that were in use when an update replaced them.
+  require_plain(native, paths.bootstrap_directory.filename()).remove_matching_quietly([](const auto& name) {
+    return std::filesystem::path(name).extension() == ".old";
+  });
+  verify_snapshot_tree(current_bootstrap(paths), paths.bootstrap_directory, {});
+}
+
+void verify_launcher(const DataPaths& paths, const HeldDirectory& root) {
+  require_plain(root, paths.launcher.filename() / "versions");
+  const std::unique_ptr<LauncherStore> store = LauncherStore::existing(paths.root, true);
+  const Json status = store->status();
+  const Json& build = current_build(status);
+  verify_snapshot_tree(store->manifest(build), store->payload(build), {});
+}
+
+void verify_trust(const DataPaths& paths, const HeldDirectory& root) {
+  require_plain(root, paths.trust.filename());
+  parse_json(read_file(paths.trust / "root.json", tuf_root_limit), tuf_root_limit);
+}
+
+// One install or repair, from the sealed package to the record.
+class Installation {
+ public:
+  Installation(const NativeInstallRequest& request, const NativePackage& package, const NativeSetupCallbacks& callbacks)
+      : request_(request),
+        package_(package),
+        callbacks_(callbacks),
+        cancellation_(callbacks),
+        paths_(data_folder(request.data_root)) {}
+
+  NativeInstallResult run() {
+    require(is_utf8(path_utf8(paths_.root)), "unsafe_path", "The path of the data folder must be valid UTF-8");
+    require_apart();
+    require_room();
+    root_was_missing_ = is_missing(paths_.root);
+    require_state();
+    root_ = HeldDirectory::open_private(paths_.root);
+    NativeInstallResult result;
+    try {
+      result = with_system_failures([&] { return replace_parts(); });
+    } catch (const Error& error) {
+      give_up(error);
+      throw;
+    }
+    release_locks();
+    make_shortcuts(result);
+    list_for_removal(result);
+    write_status(paths_, action(), "succeeded", result.shortcut_problem);
+    return result;
+  }
+
+ private:
+  const char* action() const { return request_.repair ? "repair" : "install"; }
+
+  // Tells of a phase, and hears whether the user wants it to stop.
+  ProgressCallback progress(std::string_view phase) const {
+    return [this, phase](std::uint64_t done, std::uint64_t total) {
+      if (callbacks_.progress) {
+        callbacks_.progress(phase, done, total);
+      }
+      cancellation_.check();
+      return true;
+    };
+  }
+
+  void require_apart() const {
+    require(!within(paths_.root, package_.directory) && !within(package_.directory, paths_.root), "unsafe_path",
+            "The package and data folders overlap");
+  }
+
+  void require_room() const {
+    const std::filesystem::path version =
+        std::filesystem::path("launcher-root/launcher/versions") / std::string(version_name_characters, '0');
+    require_path_room(paths_.staging, version, package_.launcher.longest_native_path());
+    require_path_room(paths_.native, "bootstrap-update.partial", package_.bootstrap.longest_native_path());
+  }
+
+  void require_state() const {
+    const InstallationState state = root_was_missing_ ? InstallationState::none : installation_state(paths_);
+    if (state == InstallationState::complete) {
+      check_installation(paths_);
+      require(request_.repair, "already_installed",
+              "Ravok is already installed in " + path_utf8(paths_.root) + "; use repair");
+    } else if (state == InstallationState::none) {
+      require(!request_.repair, "not_installed", not_installed_in(paths_.root));
+      require(root_was_missing_ || may_take_installation(paths_), "unsafe_path",
+              "Choose an empty folder or an earlier Ravok data folder");
+    }
+  }
+
+  // What the folder was before the lock was held, another setup may have changed.
+  void require_state_still() {
+    root_was_missing_ = root_was_missing_ && is_missing(paths_.native);
+    require_state();
+  }
+
+  NativeInstallResult replace_parts() {
+    setup_lock_ =
+        std::make_unique<NativeFileLock>(paths_.setup_lock, true, NativeLockSharing::others, LockMode::exclusive);
+    require_state_still();
+    native_ = root_->private_directory(paths_.native.filename());
+    bootstrap_lock_ = wait_for_ravok_closed(paths_, std::chrono::milliseconds(0), cancellation_);
+    const InstallPlan plan = make_plan();
+    native_->remove_tree_quietly(paths_.staging.filename());
+    const HeldDirectory staging = native_->private_directory(paths_.staging.filename());
+    const InstallFolders folders = {*root_, *native_, staging};
+    prepare(plan);
+    require_clear_way(folders, paths_, package_, plan);
+    commit_install(folders, paths_, package_, plan);
+    return describe(plan);
+  }
+
+  InstallPlan make_plan() const {
+    InstallPlan plan;
+    if (request_.repair) {
+      plan.replace_bootstrap = !proves_whole([&] { verify_bootstrap(paths_, *native_); });
+      plan.replace_launcher = !proves_whole([&] { verify_launcher(paths_, *root_); });
+      plan.replace_trust = !proves_whole([&] { verify_trust(paths_, *root_); });
+    }
+    return plan;
+  }
+
+  void prepare(const InstallPlan& plan) const {
+    if (plan.replace_bootstrap) {
+      const std::filesystem::path staged = paths_.staging / "bootstrap";
+      extract_snapshot(package_.bootstrap, package_.bootstrap_archive(), staged, progress("installing"), nullptr);
+      verify_snapshot_tree(package_.bootstrap, staged, {});
+    }
+    cancellation_.check();
+    if (plan.replace_launcher) {
+      NativeInstaller::seed_launcher(paths_.staging / "launcher-root", package_.launcher_manifest_json,
+                                     package_.launcher_archive(), progress("installing"));
+    }
+    cancellation_.check();
+    if (plan.replace_trust) {
+      private_directory(paths_.staging / "trust");
+      TufClient::initialize(paths_.staging / "trust", package_.root_json);
+    }
+    // From here on, the operation goes through to its end.
+    cancellation_.check();
+  }
+
+  NativeInstallResult describe(const InstallPlan& plan) const {
+    NativeInstallResult result;
+    result.data_root = paths_.root;
+    result.repaired = request_.repair;
+    const auto add = [&](bool replaced, const char* name) {
+      if (replaced) {
+        result.replaced.emplace_back(name);
+      }
+    };
+    add(plan.replace_bootstrap, "bootstrap");
+    add(plan.replace_launcher, "launcher");
+    add(plan.replace_trust, "trust");
+    result.executable = safe_join(paths_.bootstrap_directory, current_bootstrap(paths_).executable, true);
+    return result;
+  }
+
+  void release_locks() {
+    bootstrap_lock_.reset();
+    setup_lock_.reset();
+  }
+
+  // Never fails: the caller is to hear of what it is called for.
+  void give_up(const Error& error) noexcept {
+    if (request_.repair) {
+      release_locks();
+      write_status(paths_, action(), "failed", error.what());
+      return;
+    }
+    try {
+      // Under the lock still, so that nobody else's beginning is taken for what this run has left.
+      discard_failed_install();
+    } catch (const std::exception&) {
+      // What is left, the next install takes away.
+    }
+    release_locks();
+  }
+
+  // Takes away what this run has made, in the folders that it has proved and no others.
+  void discard_failed_install() {
+    if (!setup_lock_) {
+      // Of what is in the folder, nothing is this run's; an empty one may be.
+      if (root_was_missing_) {
+        root_->remove_itself_quietly();
+      }
+      return;
+    }
+    if (root_was_missing_) {
+      // What has its record is an installation, whatever has failed behind it.
+      if (!native_ || !native_->type_of(paths_.installation_record.filename())) {
+        const std::string lock = paths_.setup_lock.filename();
+        for (const std::string& name : root_->names()) {
+          if (name != lock) {
+            root_->remove_tree_quietly(name);
+          }
+        }
+        // Last, since without its file the lock excludes nobody.
+        root_->remove_quietly(lock);
+        root_->remove_itself_quietly();
+      }
+      return;
+    }
+    if (native_) {
+      native_->remove_tree_quietly(paths_.staging.filename());
+    }
+    if (installation_state(paths_) == InstallationState::none) {
+      const std::string native = paths_.native.filename();
+      if (native_) {
+        root_->remove_tree_quietly(native);
+      } else if (root_->type_of(native) == EntryType::directory) {
+        // This run may have made it without proving it, so it goes only if it is empty.
+        root_->remove_quietly(native);
+      }
+      // Still held, since without its file a lock excludes nobody.
+      root_->remove_quietly(paths_.bootstrap_lock.filename());
+      root_->remove_quietly(paths_.setup_lock.filename());
+    }
+  }
+
+  // A shortcut that cannot be made is no reason to take the installation back.
+  void make_shortcuts(NativeInstallResult& result) const {
+    try {
+      result.shortcuts = with_system_failures([&] { return shortcuts(); });
+      // A first install that was cut short has made none, and a repair makes only those again that are recorded.
+      result.shortcut_missing = request_.repair && has_own_shortcut() && owned_native_shortcuts(paths_.root).empty();
+    } catch (const Error& error) {
+      result.shortcut_problem = error.what();
+    }
+  }
+
+  // The front end of a featured game makes that game's own.
+  bool has_own_shortcut() const { return !package_.brand || !package_.featured_game; }
+
+  std::vector<std::filesystem::path> shortcuts() const {
+    const std::filesystem::path bootstrap = shortcut_bootstrap(paths_);
+    if (request_.repair && !request_.restore_shortcuts) {
+      return {};
+    }
+    if (request_.repair) {
+      return restore_owned_native_shortcuts(paths_.root, bootstrap);
+    }
+    if (!request_.create_shortcut || !has_own_shortcut()) {
+      return {};
+    }
+    const std::string name = package_.brand ? package_.brand->name : default_name;
+    const std::filesystem::path entry = native_menu_entry(paths_.root, "", name);
+    create_owned_native_shortcut({bootstrap, paths_.root, "", name}, entry);
+    return {entry};
+  }
+
+  void list_for_removal(NativeInstallResult& result) const {
+    try {
+      with_system_failures([&] { register_uninstall_entry(uninstall_entry()); });
+    } catch (const Error& error) {
+      if (result.shortcut_problem.empty()) {
+        result.shortcut_problem = error.what();
+      }
+    }
+  }
+
+  UninstallEntry uninstall_entry() const {
+    const std::filesystem::path icon = brand_icon_path(paths_.root);
+    UninstallEntry entry;
+    entry.key = uninstall_entry_key(package_.brand);
+    entry.display_name = package_.brand ? package_.brand->name : default_name;
+    entry.publisher = package_.brand ? package_.brand->publisher : default_name;
+    entry.install_location = path_utf8(paths_.root);
+    entry.executable = path_utf8(shortcut_bootstrap(paths_));
+    entry.icon = is_missing(icon) ? entry.executable : path_utf8(icon);
+    return entry;
+  }
+
+  const NativeInstallRequest& request_;
+  const NativePackage& package_;
+  const NativeSetupCallbacks& callbacks_;
+  const Cancellation cancellation_;
+  const DataPaths paths_;
+  bool root_was_missing_ = false;
+  std::optional<HeldDirectory> root_;    // since it was made private
+  std::optional<HeldDirectory> native_;  // the same
+  std::unique_ptr<NativeFileLock> setup_lock_;
+  std::unique_ptr<NativeFileLock> bootstrap_lock_;
+};
+
+DataPaths installed_paths(const std::filesystem::path& data_root) {
+  DataPaths paths(data_folder(data_root));
+  require(!is_missing(paths.installation_record), "not_installed", not_installed_in(paths.root));
+  return paths;
+}
+
+}  // namespace
+
+NativeInstallStatus NativeInstaller::status(const std::filesystem::path& data_root) {
+  return installation_status(DataPaths(data_folder(data_root)));
+}
+
+NativeInstallResult NativeInstaller::install(const NativeInstallRequest& request, std::string_view seal,
+                                             const NativeSetupCallbacks& callbacks) {
+  const Cancellation cancellation(callbacks);
+  const auto verifying = [&](std::uint64_t done, std::uint64_t total) {
+    if (callbacks.progress) {
+      callbacks.progress("verifying", done, total);
+    }
+  };
+  verifying(0, 0);
+  const NativePackage package =
+      read_native_package(request.package, seal, [&](std::uint64_t done, std::uint64_t total) {
+        verifying(done, total);
+        cancellation.check();
+        return true;
+      });
+  return Installation(request, package, callbacks).run();
+}
+
+void NativeInstaller::seed_launcher(const std::filesystem::path& root, std::string_view manifest_json,
+                                    const std::filesystem::path& archive, const ProgressCallback& progress) {
+  LauncherStore(root, LauncherStore::AsItStands()).seed_initial(manifest_json, archive, progress);
+}
+
+std::filesystem::path NativeInstaller::create_shortcut(const std::filesystem::path& data_root, const std::string& game,
+                                                       const std::string& name, const std::filesystem::path& path) {
+  const DataPaths paths = installed_paths(data_root);
+  std::string display_name = name.empty() ? game : name;
+  if (display_name.empty()) {
+    display_name = product_name();
+  }
+  std::filesystem::path place = path.empty() ? native_menu_entry(paths.root, game, display_name)
+                                             : std::filesystem::absolute(path).lexically_normal();
+  create_owned_native_shortcut({shortcut_bootstrap(paths), paths.root, game, display_name}, place);
+  return place;
+}
+
+ShortcutRemoval NativeInstaller::remove_shortcuts(const std::filesystem::path& data_root) {
+  return remove_owned_native_shortcuts(installed_paths(data_root).root);
+}
+
+Json NativeInstallResult::to_json() const {
+  Json document = {{"schema_version", 1},
+                   {"installed", true},
+                   {"repaired", repaired},
+                   {"data_root", path_utf8(data_root)},
+                   {"bootstrap", path_utf8(executable)},
+                   {"replaced", replaced},
+                   {"shortcuts", paths_json(shortcuts)},
+                   {"shortcut_problem", shortcut_problem.empty() ? Json() : Json(shortcut_problem)}};
+  if (shortcut_missing) {
+    document["shortcut_missing"] = true;
+  }
+  return document;
+}
+
+}  // namespace ravok

@@ -1,0 +1,165 @@
+// The removal of an installation, which may be carried out by a program that lies in it: the marker goes up
+// first, so that a half-removed folder never starts, and goes last.
+
+#include <algorithm>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "app/brand/brand.hpp"
+#include "app/install/data_folder.hpp"
+#include "app/install/installation_record.hpp"
+#include "app/install/json_paths.hpp"
+#include "app/install/native_install.hpp"
+#include "app/install/setup_marker.hpp"
+#include "app/install/system_failures.hpp"
+#include "domain/crypto.hpp"
+#include "domain/error.hpp"
+#include "domain/paths.hpp"
+#include "platform/file/file_status.hpp"
+#include "platform/file/held_directory.hpp"
+#include "platform/file/mounts.hpp"
+#include "platform/file/native_files.hpp"
+#include "platform/file/native_lock.hpp"
+#include "platform/shortcut/shortcuts.hpp"
+
+namespace ravok {
+namespace {
+
+class Removal {
+ public:
+  Removal(const NativeUninstallRequest& request, const NativeSetupCallbacks& callbacks)
+      : request_(request),
+        callbacks_(callbacks),
+        cancellation_(callbacks),
+        paths_(data_folder(request.data_root)),
+        trash_(native_files::temporary_directory(paths_.root) / ("ravok-removed-" + random_id())) {}
+
+  NativeUninstallResult run() {
+    require(installation_state(paths_) != InstallationState::none, "not_installed",
+            "Ravok is not installed in " + path_utf8(paths_.root));
+    result_.data_root = paths_.root;
+    const NativeFileLock setup_lock(paths_.setup_lock, true, NativeLockSharing::others, LockMode::exclusive);
+    const std::unique_ptr<NativeFileLock> bootstrap_lock =
+        wait_for_ravok_closed(paths_, request_.close_timeout, cancellation_);
+    cancellation_.check();
+    const HeldDirectory root = HeldDirectory::open(paths_.root);
+    require(root.is_in_place() && setup_lock.matches_path(paths_.setup_lock), "unsafe_path",
+            "The data folder was changed while setup worked in it");
+    require_no_mounts(root.descriptor(), paths_.root, [&](const std::filesystem::path& place) {
+      return !is_kept(*place.lexically_relative(paths_.root).begin());
+    });
+    const std::vector<std::string> names = root.names();
+    report(0);
+    withdraw(root);
+    for (const std::string& name : names) {
+      remove_child(root, name);
+    }
+    // Still under the locks, so that nobody begins an installation in a folder that is about to go.
+    remove_traces(root);
+    if (!result_.deferred.empty()) {
+      native_files::remove_after_exit(trash_);
+    }
+    result_.data_removed = is_missing(paths_.root);
+    report(1);
+    return std::move(result_);
+  }
+
+ private:
+  void report(std::uint64_t done) const {
+    if (callbacks_.progress) {
+      callbacks_.progress("removing", done, done);
+    }
+  }
+
+  // Ends the installation as such; what remains are files.
+  void withdraw(const HeldDirectory& root) {
+    write_setup_marker(root);
+    std::optional<Brand> brand;
+    // A link in its place is removed with the rest, and what it leads to is not looked at.
+    if (const auto native = root.find_directory(paths_.native.filename())) {
+      brand = installed_brand(paths_.root);
+      native->remove(paths_.installation_record.filename());
+      // The record is not to outlive the marker.
+      native->flush();
+    }
+    remove_uninstall_entry(uninstall_entry_key(brand));
+    try {
+      result_.changed_shortcuts = release_owned_native_shortcuts(paths_.root).changed;
+    } catch (const Error&) {
+      tell_of_default_shortcut();
+    }
+  }
+
+  // Shortcuts never stop an uninstall. Where it is not known which there are, the default one may be left.
+  void tell_of_default_shortcut() {
+    try {
+      const std::filesystem::path entry = native_menu_entry(paths_.root, "", product_name());
+      if (!is_missing(entry)) {
+        result_.changed_shortcuts.push_back(entry);
+      }
+    } catch (const Error&) {
+      // There is no place for one.
+    }
+  }
+
+  bool is_kept(const std::string& name) const {
+    return !request_.remove_data && std::find(player_data.begin(), player_data.end(), name) != player_data.end();
+  }
+
+  void remove_child(const HeldDirectory& root, const std::string& name) {
+    if (name == paths_.incomplete_marker.filename() || name == paths_.bootstrap_lock.filename() ||
+        name == paths_.setup_lock.filename()) {
+      return;
+    }
+    if (is_kept(name)) {
+      result_.kept.push_back(paths_.root / name);
+      return;
+    }
+    root.remove_tree(name);
+  }
+
+  void remove_traces(const HeldDirectory& root) const {
+    root.remove_quietly(paths_.bootstrap_lock.filename());
+    // A power cut must not bring back what the marker no longer guards.
+    root.flush();
+    remove_setup_marker(root);
+    try {
+      // So that a power cut does not bring the marker back after success was reported.
+      root.flush();
+    } catch (const Error&) {
+      // All is gone; a marker that comes back asks for nothing but another uninstall.
+    }
+    // Last, since without its file the lock excludes nobody.
+    root.remove_quietly(paths_.setup_lock.filename());
+    // With something in it, it stays.
+    root.remove_itself_quietly();
+  }
+
+  const NativeUninstallRequest& request_;
+  const NativeSetupCallbacks& callbacks_;
+  const Cancellation cancellation_;
+  const DataPaths paths_;
+  const std::filesystem::path trash_;
+  NativeUninstallResult result_;
+};
+
+}  // namespace
+
+NativeUninstallResult NativeInstaller::uninstall(const NativeUninstallRequest& request,
+                                                 const NativeSetupCallbacks& callbacks) {
+  return with_system_failures([&] { return Removal(request, callbacks).run(); });
+}
+
+Json NativeUninstallResult::to_json() const {
+  return {{"schema_version", 1},
+          {"uninstalled", true},
+          {"data_root", path_utf8(data_root)},
+          {"data_removed", data_removed},
+          {"kept", paths_json(kept)},
+          {"deferred", paths_json(deferred)},
+          {"changed_shortcuts", paths_json(changed_shortcuts)}};
+}
+
+}  // namespace ravok

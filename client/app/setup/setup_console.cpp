@@ -1,0 +1,140 @@
+#include "app/setup/setup_console.hpp"
+
+#include <cstdio>
+#include <exception>
+#include <memory>
+#include <new>
+#include <optional>
+
+#include "app/brand/brand.hpp"
+#include "app/install/data_folder.hpp"
+#include "app/install/native_package.hpp"
+#include "app/setup/adjacent_package.hpp"
+#include "app/setup/setup_command.hpp"
+#include "app/setup/setup_execution.hpp"
+#include "domain/display_text.hpp"
+#include "domain/json.hpp"
+#include "platform/file/managed_paths.hpp"
+#include "platform/process/process.hpp"
+#include "platform/snapshot/complete_install.hpp"
+
+namespace ravok {
+namespace {
+
+constexpr std::string_view installer_name = "ravok-install";
+
+bool write_text(std::FILE* stream, std::string_view text) {
+  return std::fwrite(text.data(), 1, text.size(), stream) == text.size() && std::fflush(stream) == 0;
+}
+
+void print_result(std::string_view text) {
+  require(write_text(stdout, text), "output_failed", "Cannot write to standard output");
+}
+
+// A failure to complain is not worth a second complaint.
+void print_problem(std::string_view message) noexcept {
+  try {
+    write_text(stderr, shown_text(message) + "\n");
+  } catch (const std::bad_alloc&) {
+    write_text(stderr, "Out of memory\n");
+  }
+}
+
+void print_problem_document(const Error& error) noexcept {
+  try {
+    // A message that is not UTF-8 has no form of its own in JSON.
+    const std::string message = is_utf8(error.what()) ? error.what() : shown_text(error.what());
+    const Json document = {{"schema_version", 1}, {"problem", {{"code", error.code}, {"message", message}}}};
+    write_text(stdout, document.dump() + "\n");
+  } catch (const std::bad_alloc&) {
+    write_text(stdout, R"({"problem":{"code":"setup_failed","message":"Out of memory"},"schema_version":1})"
+                       "\n");
+  }
+}
+
+std::string_view phase_line(std::string_view phase) {
+  if (phase == "verifying") {
+    return "Verifying…\n";
+  }
+  return phase == "installing" ? "Installing…\n" : "Removing…\n";
+}
+
+// The brand of what is to be installed, and with it the folder unless the user chose one.
+void use_package_brand(SetupCommand& command, std::string_view package_seal) {
+  const std::optional<Brand> brand = package_brand(command.package, package_seal);
+  if (brand) {
+    set_product_name(brand->name);
+  }
+  if (!command.data_root_chosen) {
+    command.data_root = default_install_folder(brand);
+  }
+}
+
+void choose_brand(SetupCommand& command, std::string_view package_seal) {
+  if (needs_package(command.command) && command.package.empty()) {
+    command.package = adjacent_initial_package(current_executable_path());
+  }
+  if (needs_package(command.command) && !command.package.empty()) {
+    use_package_brand(command, package_seal);
+  } else {
+    try {
+      use_installed_brand(command.data_root);
+    } catch (const Error&) {
+      // A console shows no theme: one that is damaged, or that a setup beside is replacing, stops nothing.
+    }
+  }
+}
+
+void run_parsed_command(SetupCommand command, std::string_view program_name, std::string_view package_seal,
+                        const std::function<bool()>& cancel) {
+  const bool installer = program_name == installer_name;
+  if (command.help) {
+    print_result(setup_usage(program_name, installer));
+    return;
+  }
+  require_complete_native_install_image(current_executable_path());
+  require(!needs_package(command.command) || installer, "usage", "Use the Ravok installer to install or repair Ravok");
+  choose_brand(command, package_seal);
+  const Json document = run_setup_command(command, package_seal, console_callbacks(command.json, cancel));
+  print_result((command.json ? document.dump() : shown_text(setup_summary(command, document))) + "\n");
+}
+
+}  // namespace
+
+int run_setup_console(const std::vector<std::string>& arguments, std::string_view program_name,
+                      std::string_view package_seal, const std::function<bool()>& cancel) {
+  bool json = false;
+  try {
+    const SetupCommand command = parse_setup_command(arguments, user_data_root());
+    json = command.json;
+    run_parsed_command(command, program_name, package_seal, cancel);
+    return 0;
+  } catch (const Error& error) {
+    if (json) {
+      print_problem_document(error);
+    }
+    print_problem(error.what());
+    return exit_code(error);
+  } catch (const std::exception& problem) {
+    print_problem(problem.what());
+    return 1;
+  }
+}
+
+NativeSetupCallbacks console_callbacks(bool json, const std::function<bool()>& cancel) {
+  NativeSetupCallbacks callbacks;
+  callbacks.cancelled = cancel;
+  if (!json) {
+    // Copies of the callable announce each phase once between them.
+    callbacks.progress = [announced = std::make_shared<std::string>()](std::string_view phase, std::uint64_t,
+                                                                       std::uint64_t) {
+      if (phase != *announced) {
+        *announced = phase;
+        write_text(stderr, phase_line(phase));
+      }
+    };
+  }
+  return callbacks;
+}
+
+}  // namespace ravok

@@ -1,0 +1,22 @@
+// From a parsed setup command to what it did: as a document for programs, and as a sentence for people.
+#pragma once
+
+#include <string>
+#include <string_view>
+
+#include "app/install/setup_callbacks.hpp"
+#include "app/setup/setup_command.hpp"
+#include "domain/json.hpp"
+
+namespace ravok {
+
+// Runs a command and returns the document of its outcome. Fails with "usage" without a package that the command
+// needs, with "user_path" when root would write among another user's files, and as the operation does. Where only
+// the menu is another user's, root installs without a shortcut and says why.
+Json run_setup_command(const SetupCommand& command, std::string_view package_seal,
+                       const NativeSetupCallbacks& callbacks);
+
+// Returns the sentence for the document of a command, in the name of the product.
+std::string setup_summary(const SetupCommand& command, const Json& document);
+
+}  // namespace ravok

@@ -1,0 +1,45 @@
+#include "domain/data_layout.hpp"
+
+namespace ravok {
+
+DataPaths::DataPaths(const std::filesystem::path& data_root)
+    : root(data_root),
+      native(root / "native"),
+      incomplete_marker(root / incomplete_install_marker),
+      setup_lock(root / ".ravok-setup.lock"),
+      bootstrap_lock(root / ".native-bootstrap.lock"),
+      installation_record(native / "installation.json"),
+      status_record(native / "setup-status.json"),
+      bootstrap_directory(native / "bootstrap"),
+      bootstrap_manifest(native / "bootstrap.json"),
+      bootstrap_update(native / "bootstrap-update.json"),
+      brand_icon(native / "brand.ico"),
+      theme_directory(native / "theme"),
+      shortcut_ledger(native / "shortcuts.json"),
+      shortcut_lock(native / "shortcuts.lock"),
+      staging(native / "staging"),
+      launcher(root / "launcher"),
+      trust(root / "trust"),
+      repository_record(root / "repository.json"),
+      repository_ca(root / "repository-ca.pem") {}
+
+LauncherPaths::LauncherPaths(const std::filesystem::path& folder)
+    : store(folder),
+      document(store / "installation.json"),
+      owner_lock(store / "bootstrap.lock"),
+      versions(store / "versions"),
+      manifests(store / "manifests"),
+      downloads(store / "downloads"),
+      download_intents(store / "download-intents"),
+      staging(store / "staging"),
+      intents(store / "intents"),
+      health(store / "health"),
+      leases(store / "leases"),
+      version_leases(leases / "versions"),
+      attempt_leases(leases / "attempts") {}
+
+std::array<std::filesystem::path, 9> LauncherPaths::directories() const {
+  return {versions, manifests, downloads, download_intents, staging, intents, health, version_leases, attempt_leases};
+}
+
+}  // namespace ravok

@@ -1,0 +1,65 @@
+// Every name below a data folder: where an installation, its launcher store and its records lie.
+#pragma once
+
+#include <array>
+#include <filesystem>
+#include <string_view>
+
+namespace ravok {
+
+// The name of the file that stands in a data folder while a commit has begun and not ended.
+inline constexpr const char* incomplete_install_marker = ".ravok-setup-incomplete";
+
+// The entries that mark a folder as an earlier data folder.
+inline constexpr std::array<std::string_view, 4> ravok_entries = {"native", "launcher", "userdata", "settings.json"};
+// Those of them that an uninstall keeps unless it is told otherwise.
+inline constexpr std::array<std::string_view, 2> player_data = {"userdata", "settings.json"};
+
+// The places below a data folder, all absolute where `root` is. Touches no file.
+struct DataPaths {
+  explicit DataPaths(const std::filesystem::path& root);
+
+  std::filesystem::path root;
+  std::filesystem::path native;               // all that belongs to the native installation
+  std::filesystem::path incomplete_marker;    // there while a commit has begun and not ended
+  std::filesystem::path setup_lock;           // of setup operations
+  std::filesystem::path bootstrap_lock;       // held by whoever runs from this folder
+  std::filesystem::path installation_record;  // of a finished installation
+  std::filesystem::path status_record;        // of the last setup operation
+  std::filesystem::path bootstrap_directory;  // the unpacked bootstrap
+  std::filesystem::path bootstrap_manifest;   // its snapshot manifest
+  std::filesystem::path bootstrap_update;     // there while an update of the bootstrap has begun and not ended
+  std::filesystem::path brand_icon;           // of a branded installation
+  std::filesystem::path theme_directory;      // of a branded installation
+  std::filesystem::path shortcut_ledger;      // the shortcuts that belong to the installation
+  std::filesystem::path shortcut_lock;        // of the ledger
+  std::filesystem::path staging;              // of an install or repair; absent at rest
+  std::filesystem::path launcher;             // the launcher store
+  std::filesystem::path trust;                // of the repository
+  std::filesystem::path repository_record;    // origin and CA bundle of the repository
+  std::filesystem::path repository_ca;        // the CA bundle, where the package brought one
+};
+
+// The places in a launcher store, whose folder is DataPaths::launcher. Touches no file.
+struct LauncherPaths {
+  explicit LauncherPaths(const std::filesystem::path& store);
+
+  // Those that must be there before the store can be used, in the order in which they are made.
+  std::array<std::filesystem::path, 9> directories() const;
+
+  std::filesystem::path store;
+  std::filesystem::path document;          // which versions are active, candidate and rollback
+  std::filesystem::path owner_lock;        // held by whoever changes the document
+  std::filesystem::path versions;          // the unpacked versions, each named by its manifest's SHA-256
+  std::filesystem::path manifests;         // their manifests, named in the same way
+  std::filesystem::path downloads;         // archives on their way
+  std::filesystem::path download_intents;  // what is to be downloaded
+  std::filesystem::path staging;           // versions that are being unpacked
+  std::filesystem::path intents;           // starts that have begun
+  std::filesystem::path health;            // what started versions have said of themselves
+  std::filesystem::path leases;            // the two folders of leases
+  std::filesystem::path version_leases;    // held by whoever runs a version
+  std::filesystem::path attempt_leases;    // held by whoever starts one
+};
+
+}  // namespace ravok

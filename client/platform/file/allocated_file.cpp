@@ -1,0 +1,365 @@
+#include "platform/file/allocated_file.hpp"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstddef>
+#include <limits>
+#include <string>
+#include <system_error>
+#include <utility>
+#include <vector>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "domain/error.hpp"
+#include "domain/limits.hpp"
+#include "platform/file/descriptor.hpp"
+#include "platform/file/file_status.hpp"
+#include "platform/file/files.hpp"
+#include "platform/file/posix_files.hpp"
+#include "platform/file/storage.hpp"
+#include "platform/os.hpp"
+
+namespace ravok {
+namespace {
+
+constexpr std::uint64_t block_bytes = 512;
+constexpr int reopen_flags = O_RDWR | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC;
+constexpr int inspection_flags = O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC;
+
+[[noreturn]] void storage_failure(int problem, std::string_view code, std::string_view message) {
+  if (problem == ENOSPC || problem == EDQUOT) {
+    fail("insufficient_space", "Cannot allocate game storage; free space or choose another location");
+  }
+  fail(code, std::string(message) + " (" + std::to_string(problem) + ")");
+}
+
+// Empty where there is no absolute form, which no check of a path passes.
+std::filesystem::path absolute_form(const std::filesystem::path& path) {
+  std::error_code ignored;
+  return std::filesystem::absolute(path, ignored);
+}
+
+bool is_private(const FileStatus& status) {
+  return status.st_uid == geteuid() && (status.st_mode & (S_IRWXG | S_IRWXO | S_ISUID | S_ISGID | S_ISVTX)) == 0;
+}
+
+}  // namespace
+
+struct AllocatedFile::Implementation {
+  FileReservation reservation;
+  std::uint64_t written = 0;
+  bool owned = false;
+  bool identity_known = false;
+  bool must_be_private = false;
+  Descriptor parent;  // of a file that is to be written, held from its check on
+  Descriptor descriptor;
+
+  Implementation(std::filesystem::path path, std::uint64_t length) {
+    reservation.path = std::move(path);
+    reservation.size = length;
+  }
+
+  ~Implementation() {
+    descriptor.reset();
+    if (owned && identity_known) {
+      const auto status = link_status_at(parent.get(), name());
+      if (status && S_ISREG(status->st_mode) && is_recorded(*status)) {
+        unlinkat(parent.get(), name(), 0);
+      }
+    }
+  }
+  Implementation(const Implementation&) = delete;
+  Implementation& operator=(const Implementation&) = delete;
+
+  bool is_recorded(const FileStatus& status) const {
+    return device_number(status) == reservation.device && status.st_ino == reservation.inode;
+  }
+
+  bool is_same_path() const {
+    const auto status = link_status_of(reservation.path);
+    return status && is_recorded(*status);
+  }
+
+  // The last component of the path. It is looked up in place: the destructor must not need memory.
+  const char* name() const {
+    const std::string& text = reservation.path.native();
+    const std::size_t separator = text.rfind('/');
+    return text.c_str() + (separator == std::string::npos ? 0 : separator + 1);
+  }
+
+  void open_for_inspection() {
+    descriptor = Descriptor(retry_interrupted([&] { return open(reservation.path.c_str(), inspection_flags); }));
+  }
+
+  // Opens a file that is to be written: one that exists, or with O_CREAT one that does not.
+  void open_for_writing(int flags) {
+    require(reservation.size <= static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max()), "size_limit",
+            "File allocation exceeds native length bounds");
+    reservation.path = absolute_form(reservation.path);
+    parent = Descriptor(
+        retry_interrupted([&] { return open(reservation.path.parent_path().c_str(), os::passage_flags()); }));
+    require(static_cast<bool>(parent), "unsafe_path", "Allocation requires an ordinary parent directory");
+    descriptor = Descriptor(retry_interrupted([&] { return openat(parent.get(), name(), flags, 0600); }));
+    if (!descriptor) {
+      storage_failure(errno, "unsafe_path", "Cannot exclusively create or reopen a prepared allocation");
+    }
+    must_be_private = true;
+  }
+
+  void record_identity(const FileStatus& status) {
+    require(device_number(status) <= std::numeric_limits<std::uint32_t>::max(), "unsafe_path",
+            "Allocation requires a device number of at most 32 bits");
+    reservation.device = static_cast<std::uint32_t>(device_number(status));
+    reservation.inode = status.st_ino;
+    identity_known = true;
+  }
+
+  // Proves the open file and returns its size, in bytes.
+  std::uint64_t inspect() {
+    const auto status = status_of(descriptor.get());
+    require(status && is_single_link_file(*status) && status->st_size >= 0, "unsafe_path",
+            "Allocation requires an ordinary single-link file");
+    if (must_be_private) {
+      if (!is_private(*status)) {
+        fail("permissions", std::string(os::system_name()) + " allocation must remain private and owned");
+      }
+      posix_files::require_private_acl(descriptor.get());
+    }
+    if (identity_known) {
+      require(is_recorded(*status), "allocation_changed", "Prepared allocation identity changed");
+    } else {
+      record_identity(*status);
+    }
+    return static_cast<std::uint64_t>(status->st_size);
+  }
+
+  void require_same_path(std::string_view message) const { require(is_same_path(), "allocation_changed", message); }
+
+  // Proves that the file has what was written and is not longer than it may be.
+  void require_intact(std::string_view message) {
+    const std::uint64_t size = inspect();
+    require(written <= size && size <= reservation.size && is_same_path(), "allocation_changed", message);
+  }
+
+  // The logical size of a file without content.
+  std::uint64_t prepared_size() const { return reservation.allocated ? reservation.size : 0; }
+
+  void allocate() {
+    if (reservation.size == 0) {
+      return;
+    }
+    const int problem = posix_files::reserve(descriptor.get(), reservation.size);
+    require(problem != ENOSPC && problem != EDQUOT, "insufficient_space",
+            "Cannot reserve file data; free space or choose other game storage");
+    const bool cannot_claim = problem == ENOTSUP || problem == ENOSYS;
+    if (problem != 0 && !cannot_claim) {
+      fail("space_reservation", "Native file allocation failed (" + std::to_string(problem) + ")");
+    }
+    reservation.allocated = !cannot_claim;
+  }
+
+  void seek(std::uint64_t offset) {
+    if (lseek(descriptor.get(), static_cast<off_t>(offset), SEEK_SET) < 0) {
+      storage_failure(errno, "file_write", "Cannot position staged file data");
+    }
+  }
+
+  void create(const OwnershipCallback& callback) {
+    open_for_writing(reopen_flags | O_CREAT | O_EXCL);
+    owned = true;
+    posix_files::secure_new_private(descriptor.get(), false);
+    require(inspect() == 0, "unsafe_path", "A new allocation must begin empty");
+    require_same_path("New allocation path changed before recording ownership");
+    if (callback) {
+      callback(reservation);
+    }
+    inspect();
+    require_same_path("New allocation changed while recording ownership");
+    allocate();
+    const std::uint64_t size = inspect();
+    require(size == prepared_size() && is_same_path(), "allocation_changed",
+            "New allocation changed during preparation");
+  }
+
+  // The identity is compared here and not by inspect: at first sight any other file is a foreign
+  // one, whatever became of ours.
+  void reopen(const FileReservation& expected, std::optional<std::uint64_t> resumed) {
+    open_for_writing(reopen_flags);
+    const std::uint64_t size = inspect();
+    reservation.allocated = expected.allocated;
+    const bool same_identity = reservation.device == expected.device && reservation.inode == expected.inode;
+    const bool right_size = resumed ? *resumed <= size && size <= reservation.size : size == prepared_size();
+    require(same_identity && right_size, "allocation_changed",
+            "Prepared file was replaced or changed; reserved content was preserved");
+    require_same_path("Prepared allocation path changed");
+    written = resumed.value_or(0);
+    seek(written);
+  }
+
+  void synchronize() {
+    require_intact("Partial file changed before synchronization");
+    require(posix_files::sync(descriptor.get()) == 0, "file_sync", "Cannot synchronize reserved file data");
+  }
+};
+
+std::unique_ptr<AllocatedFile::Implementation> AllocatedFile::reopen(const FileReservation& reservation,
+                                                                     std::optional<std::uint64_t> written) {
+  auto file = std::make_unique<Implementation>(reservation.path, reservation.size);
+  file->reopen(reservation, written);
+  return file;
+}
+
+AllocatedFile::AllocatedFile(const std::filesystem::path& path, std::uint64_t length, const OwnershipCallback& callback)
+    : implementation_(std::make_unique<Implementation>(path, length)) {
+  implementation_->create(callback);
+}
+
+AllocatedFile::AllocatedFile(const FileReservation& reservation) : implementation_(reopen(reservation, std::nullopt)) {}
+
+AllocatedFile::AllocatedFile(const FileReservation& reservation, std::uint64_t written)
+    : implementation_(reopen(reservation, written)) {}
+
+AllocatedFile::~AllocatedFile() = default;
+
+void AllocatedFile::verify_identity(const FileReservation& reservation) {
+  Implementation file(reservation.path, reservation.size);
+  file.reservation = reservation;
+  file.identity_known = true;
+  file.open_for_inspection();
+  require(static_cast<bool>(file.descriptor), "unsafe_path", "Cannot inspect owned partial file identity");
+  const std::uint64_t size = file.inspect();
+  require(size <= reservation.size && file.is_same_path(), "allocation_changed",
+          "Owned partial file identity or bounds changed");
+}
+
+FileReservation AllocatedFile::inspect_file(const std::filesystem::path& path) {
+  Implementation file(absolute_form(path), 0);
+  file.open_for_inspection();
+  require(static_cast<bool>(file.descriptor), "unsafe_path", "Cannot inspect cache file identity");
+  file.reservation.size = file.inspect();
+  file.require_same_path("Cache file changed during inspection");
+  return file.reservation;
+}
+
+FileReservation AllocatedFile::reservation() const { return implementation_->reservation; }
+
+std::uint64_t AllocatedFile::written() const { return implementation_->written; }
+
+std::uint64_t AllocatedFile::size() const { return implementation_->reservation.size; }
+
+std::uint64_t AllocatedFile::allocated_bytes() const {
+  const auto status = status_of(implementation_->descriptor.get());
+  require(status && status->st_blocks >= 0, "volume_query", "Cannot inspect existing file allocation");
+  return storage_multiply(static_cast<std::uint64_t>(status->st_blocks), block_bytes);
+}
+
+void AllocatedFile::reserve_remaining() {
+  implementation_->require_intact("Resume allocation changed");
+  implementation_->allocate();
+  implementation_->seek(implementation_->written);
+}
+
+void AllocatedFile::restart() {
+  implementation_->require_same_path("Cannot restart a replaced partial file");
+  implementation_->seek(0);
+  implementation_->written = 0;
+}
+
+void AllocatedFile::preserve() {
+  implementation_->require_same_path("Cannot preserve a replaced partial file");
+  implementation_->owned = false;
+}
+
+void AllocatedFile::discard() {
+  Implementation& file = *implementation_;
+  file.require_same_path("Cannot discard a replaced partial file");
+  file.descriptor.reset();
+  // Closing may take time.
+  file.require_same_path("Partial path changed before disposal");
+  require(unlinkat(file.parent.get(), file.name(), 0) == 0, "file_remove", "Cannot remove a discarded partial file");
+  // What may come to that name from here on is another's.
+  file.owned = false;
+  sync_directory(file.reservation.path.parent_path());
+}
+
+void AllocatedFile::synchronize() { implementation_->synchronize(); }
+
+void AllocatedFile::read_prefix(std::uint64_t length, const ContentSink& sink, const ProgressCallback& progress) {
+  Implementation& file = *implementation_;
+  const std::uint64_t size = file.inspect();
+  require(length <= size && file.is_same_path(), "allocation_changed", "Recorded prefix changed");
+  const auto report = [&](std::uint64_t done) {
+    require(!progress || progress(done, length), "cancelled", "Partial verification cancelled");
+  };
+
+  report(0);
+  std::vector<char> buffer(piece_bytes);
+  std::uint64_t done = 0;
+  while (done < length) {
+    const auto wanted = static_cast<std::size_t>(std::min<std::uint64_t>(piece_bytes, length - done));
+    const ssize_t count = retry_interrupted(
+        [&] { return pread(file.descriptor.get(), buffer.data(), wanted, static_cast<off_t>(done)); });
+    require(count > 0, "file_read", "Cannot read recorded partial prefix");
+    sink({buffer.data(), static_cast<std::size_t>(count)});
+    done += static_cast<std::uint64_t>(count);
+    report(done);
+  }
+  file.inspect();
+  file.require_same_path("Partial file changed during prefix verification");
+}
+
+FileReservation AllocatedFile::retain_reservation() {
+  Implementation& file = *implementation_;
+  require(file.written == 0 && file.is_same_path(), "allocation_changed", "Cannot retain a changed allocation");
+  FileReservation reservation = file.reservation;
+  file.descriptor.reset();
+  file.owned = false;
+  return reservation;
+}
+
+void AllocatedFile::write(std::string_view bytes) {
+  Implementation& file = *implementation_;
+  require(bytes.size() <= file.reservation.size - file.written, "size_limit",
+          "Write exceeds the authenticated file length");
+  while (!bytes.empty()) {
+    const std::string_view piece = bytes.substr(0, piece_bytes);
+    const ssize_t count = retry_interrupted([&] { return ::write(file.descriptor.get(), piece.data(), piece.size()); });
+    if (count < 0) {
+      storage_failure(errno, "file_write", "Cannot write staged file data");
+    }
+    require(count != 0, "file_write", "Cannot advance staged file data");
+    file.written += static_cast<std::uint64_t>(count);
+    bytes.remove_prefix(static_cast<std::size_t>(count));
+  }
+}
+
+void AllocatedFile::set_executable(bool executable) {
+  Implementation& file = *implementation_;
+  const std::uint64_t size = file.inspect();
+  require(size <= file.reservation.size && file.is_same_path(), "allocation_changed",
+          "Allocated file changed before setting executable permissions");
+  require(fchmod(file.descriptor.get(), executable ? 0700 : 0600) == 0, "file_permissions",
+          "Cannot set private allocated file permissions");
+  const auto status = link_status_of(file.reservation.path);
+  require(status && S_ISREG(status->st_mode) && file.is_recorded(*status), "allocation_changed",
+          "Allocated file changed while setting executable permissions");
+}
+
+void AllocatedFile::finish(bool exact) {
+  Implementation& file = *implementation_;
+  require(!exact || file.written == file.reservation.size, "length_mismatch",
+          "File data is shorter than its authenticated length");
+  file.require_intact("Allocated file changed before completion");
+  if (retry_interrupted([&] { return ftruncate(file.descriptor.get(), static_cast<off_t>(file.written)); }) != 0) {
+    storage_failure(errno, "file_write", "Cannot set allocated file length");
+  }
+  const std::uint64_t size = file.inspect();
+  require(size == file.written && file.is_same_path(), "allocation_changed", "Allocated file changed during writing");
+  file.synchronize();
+  file.owned = false;
+}
+
+}  // namespace ravok

@@ -1,0 +1,82 @@
+#include "platform/file/file_digest.hpp"
+
+#include <cstddef>
+#include <span>
+#include <vector>
+
+#include <sys/stat.h>
+
+#include "domain/crypto.hpp"
+#include "domain/error.hpp"
+#include "domain/limits.hpp"
+#include "domain/paths.hpp"
+#include "platform/file/descriptor.hpp"
+
+namespace ravok {
+namespace {
+
+struct Piece {
+  std::size_t size;
+  bool failed;
+};
+
+// Fills the buffer from the file; a short piece is the last.
+Piece read_piece(int file, std::span<std::uint8_t> buffer) {
+  std::size_t size = 0;
+  while (size < buffer.size()) {
+    const ssize_t count = retry_interrupted([&] { return read(file, buffer.data() + size, buffer.size() - size); });
+    if (count <= 0) {
+      return {size, count < 0};
+    }
+    size += static_cast<std::size_t>(count);
+  }
+  return {size, false};
+}
+
+std::uint64_t file_size(int file) {
+  struct stat status;
+  require(fstat(file, &status) == 0, "file_read", "Error reading file during verification");
+  return static_cast<std::uint64_t>(status.st_size);
+}
+
+}  // namespace
+
+FileDigester::FileDigester(std::string_view algorithm)
+    : algorithm_(digest_algorithm(algorithm)), buffer_(piece_bytes) {}
+
+std::string FileDigester::digest(int file, const ProgressCallback& progress) {
+  require(context_.start(algorithm_), "crypto_failure", "Could not initialize file hash");
+  const std::uint64_t total = progress ? file_size(file) : 0;
+  const auto report = [&](std::uint64_t done) {
+    require(!progress || progress(done, total), "cancelled", "File verification cancelled");
+  };
+  report(0);
+
+  std::uint64_t done = 0;
+  Piece piece{};
+  do {
+    piece = read_piece(file, buffer_);
+    require(context_.update(std::span(buffer_).first(piece.size)), "crypto_failure", "Could not hash file");
+    done += piece.size;
+    require(!progress || done <= total, "content_mismatch", "File grew beyond its verification bound");
+    report(done);
+  } while (piece.size == buffer_.size());
+  require(!piece.failed, "file_read", "Error reading file during verification");
+
+  const std::vector<std::uint8_t> value = context_.finish();
+  require(!value.empty(), "crypto_failure", "Could not finish file hash");
+  return hex(value);
+}
+
+std::string digest_file(const std::filesystem::path& path, std::string_view algorithm) {
+  return digest_file_progress(path, algorithm, {});
+}
+
+std::string digest_file_progress(const std::filesystem::path& path, std::string_view algorithm,
+                                 const ProgressCallback& progress) {
+  const Descriptor file(retry_interrupted([&] { return open(path.c_str(), O_RDONLY | O_CLOEXEC); }));
+  require(static_cast<bool>(file), "file_read", "Could not open file for verification: " + path_utf8(path));
+  return FileDigester(algorithm).digest(file.get(), progress);
+}
+
+}  // namespace ravok

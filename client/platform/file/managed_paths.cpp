@@ -1,0 +1,119 @@
+#include "platform/file/managed_paths.hpp"
+
+#include <array>
+#include <cerrno>
+#include <cstdlib>
+#include <string>
+#include <system_error>
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "domain/error.hpp"
+#include "domain/paths.hpp"
+#include "platform/os.hpp"
+
+namespace ravok {
+namespace {
+
+constexpr int maximum_system_links = 16;
+constexpr std::size_t maximum_target_bytes = 4095;
+
+bool is_link(const std::filesystem::path& path) {
+  struct stat status;
+  return lstat(path.c_str(), &status) == 0 && S_ISLNK(status.st_mode);
+}
+
+// A directory in which nobody but user 0 can have made an entry.
+bool is_system_directory(const std::filesystem::path& path) {
+  struct stat status;
+  return stat(path.c_str(), &status) == 0 && status.st_uid == 0 && (status.st_mode & (S_IWGRP | S_IWOTH)) == 0;
+}
+
+std::filesystem::path read_system_link(const std::filesystem::path& path) {
+  std::array<char, maximum_target_bytes> target;
+  const ssize_t size = readlink(path.c_str(), target.data(), target.size());
+  require(size > 0, "unsafe_path", "Cannot read a system link");
+  return std::string(target.data(), static_cast<std::size_t>(size));
+}
+
+struct Walk {
+  std::filesystem::path path;
+  bool finished;
+};
+
+// Walks to the first system link: either finished, or the path with that link replaced.
+Walk walk_to_system_link(const std::filesystem::path& path, int& followed) {
+  std::filesystem::path result = path.root_path();
+  const std::filesystem::path relative = path.relative_path();
+  for (auto component = relative.begin(); component != relative.end(); ++component) {
+    const std::filesystem::path candidate = result / *component;
+    struct stat status;
+    if (lstat(candidate.c_str(), &status) != 0) {
+      for (; component != relative.end(); ++component) {
+        result /= *component;
+      }
+      return {result, true};
+    }
+    if (!S_ISLNK(status.st_mode) || status.st_uid != 0 || !is_system_directory(result)) {
+      result = candidate;
+      continue;
+    }
+    ++followed;
+    require(followed <= maximum_system_links, "unsafe_path", "Too many system links in a path");
+    std::filesystem::path next = result / read_system_link(candidate);
+    for (++component; component != relative.end(); ++component) {
+      next /= *component;
+    }
+    return {next.lexically_normal(), false};
+  }
+  return {result, true};
+}
+
+}  // namespace
+
+std::filesystem::path safe_join(const std::filesystem::path& root, std::string_view relative, bool portable) {
+  validate_relative_path(relative, portable);
+  std::filesystem::path joined = root;
+  for (const std::filesystem::path& component : path_from_utf8(relative)) {
+    joined /= component;
+    require(!is_link(joined), "unsafe_path", "Managed path contains a symbolic link");
+  }
+  return joined;
+}
+
+bool is_there(const std::filesystem::path& path) {
+  struct stat status;
+  if (lstat(path.c_str(), &status) == 0) {
+    return true;
+  }
+  const int problem = errno;
+  if (problem != ENOENT && problem != ENOTDIR) {
+    fail(problem == EACCES || problem == EPERM ? "permissions" : "file_system",
+         "Cannot look at " + path_utf8(path) + ": " + std::generic_category().message(problem));
+  }
+  return false;
+}
+
+std::filesystem::path resolve_system_links(const std::filesystem::path& path) {
+  std::error_code problem;
+  const std::filesystem::path absolute = std::filesystem::absolute(path, problem);
+  require(!problem, "unsafe_path", "Cannot make a path absolute");
+  Walk walk{absolute.lexically_normal(), false};
+  int followed = 0;
+  while (!walk.finished) {
+    walk = walk_to_system_link(walk.path, followed);
+  }
+  return walk.path;
+}
+
+std::filesystem::path user_data_root() {
+  const char* const home = std::getenv("HOME");
+  require(home != nullptr && std::filesystem::path(home).has_root_directory(), "user_path",
+          "HOME must identify an absolute user directory");
+  return std::filesystem::path(home) / os::data_root_below_home();
+}
+
+void require_path_room(const std::filesystem::path&, const std::filesystem::path&, std::size_t) {}
+
+}  // namespace ravok

@@ -1,0 +1,165 @@
+#include "platform/file/path_keys.hpp"
+
+#include <cerrno>
+#include <cstddef>
+#include <string_view>
+#include <vector>
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include "domain/error.hpp"
+#include "domain/limits.hpp"
+#include "domain/paths.hpp"
+#include "platform/file/descriptor.hpp"
+#include "platform/file/file_status.hpp"
+#include "platform/file/managed_paths.hpp"
+#include "platform/file/posix_files.hpp"
+#include "platform/os.hpp"
+
+namespace ravok {
+namespace {
+
+constexpr std::size_t maximum_levels = 128;
+
+void require_place(bool condition, std::string_view before, std::string_view after) {
+  if (!condition) {
+    fail("unsafe_path", std::string(before) + std::string(os::system_name()) + std::string(after));
+  }
+}
+
+std::vector<std::string> names_of(const std::filesystem::path& path) {
+  std::vector<std::string> names;
+  for (const std::filesystem::path& name : path.relative_path()) {
+    if (!name.empty()) {
+      names.push_back(name);
+    }
+  }
+  return names;
+}
+
+// A path as far as it exists: its deepest existing level, and the names below it that do not.
+struct Walk {
+  Descriptor deepest;
+  FileStatus status;
+  std::vector<std::string> missing;
+};
+
+Descriptor open_leaf(int parent, const char* name) {
+  constexpr int flags = O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC;
+  return Descriptor(retry_interrupted([&] { return openat(parent, name, flags); }));
+}
+
+Walk walk(const std::filesystem::path& path, bool leaf) {
+  Descriptor deepest(retry_interrupted([&] { return open("/", posix_files::walk_flags); }));
+  require_place(static_cast<bool>(deepest), "Cannot anchor ", " setup ancestry");
+  const std::vector<std::string> names = names_of(resolve_system_links(path));
+  require_place(names.size() <= maximum_levels, "", " setup ancestry exceeds its bound");
+  auto name = names.begin();
+  for (; name != names.end(); ++name) {
+    const bool may_be_file = leaf && name + 1 == names.end();
+    const bool ordinary = *name != "." && *name != "..";
+    Descriptor next;
+    if (ordinary) {
+      next =
+          may_be_file ? open_leaf(deepest.get(), name->c_str()) : posix_files::open_level(deepest.get(), name->c_str());
+    }
+    if (!next && ordinary && errno == ENOENT) {
+      break;
+    }
+    require_place(static_cast<bool>(next), "", " setup ancestry is linked, unavailable or changed");
+    deepest = std::move(next);
+  }
+  const auto status = status_of(deepest.get());
+  require_place(status.has_value(), "Cannot identify the existing ", " setup ancestor");
+  return {std::move(deepest), *status, {name, names.end()}};
+}
+
+std::filesystem::path physical(int descriptor) {
+  const auto path = os::descriptor_path(descriptor);
+  require_place(path.has_value(), "Cannot resolve the physical ", " setup path");
+  require_place(path->find('\0') == std::string::npos, "", " setup ancestry has no stable physical path");
+  return path_from_utf8(*path);
+}
+
+Walk walk_to_mount(const os::Volume& volume) {
+  const std::filesystem::path mount = volume.mount_path;
+  require_place(mount.is_absolute() && mount.lexically_normal() == mount, "Unknown ", " volume mount path");
+  Walk mounted = walk(mount, false);
+  require_place(mounted.missing.empty() && os::local_volume(mounted.deepest.get()).id == volume.id, "",
+                " setup volume changed during inspection");
+  return mounted;
+}
+
+// The names below the volume's mount, each as the directory that holds it compares names, and how
+// the last directory compares them.
+struct ComparedNames {
+  std::vector<std::string> names;
+  bool case_sensitive;
+};
+
+ComparedNames compared_names(const Walk& place, const Walk& mounted) {
+  const std::filesystem::path relative =
+      physical(place.deepest.get()).lexically_relative(physical(mounted.deepest.get()));
+  require_place(!relative.empty() && *relative.begin() != "..", "", " setup path escaped its mounted volume");
+  ComparedNames compared{{}, os::compares_case(mounted.deepest.get())};
+  Descriptor directory = posix_files::open_level(mounted.deepest.get(), ".");
+  for (const std::string& name : relative == "." ? std::vector<std::string>() : names_of("/" / relative)) {
+    require_place(static_cast<bool>(directory), "", " setup ancestry is linked, unavailable or changed");
+    compared.names.push_back(os::compared_name(name, compared.case_sensitive));
+    // Below the last level, which may be a file, nothing is asked for.
+    directory = posix_files::open_level(directory.get(), name.c_str());
+    if (directory) {
+      compared.case_sensitive = os::compares_case(directory.get());
+    }
+  }
+  // A new directory takes after the one that it is made in.
+  for (const std::string& name : place.missing) {
+    compared.names.push_back(os::compared_name(name, compared.case_sensitive));
+  }
+  return compared;
+}
+
+bool same_walk(const Walk& first, const Walk& second) {
+  return same_file(first.status, second.status) && first.missing == second.missing;
+}
+
+std::string key(const std::filesystem::path& path, bool leaf) {
+  const std::string& text = path.native();
+  require_place(!text.empty() && text.size() <= maximum_path_bytes && text.find('\0') == std::string::npos, "",
+                " setup needs a bounded ordinary destination");
+  const std::filesystem::path normal = path.lexically_normal();
+  require_place(path.is_absolute() && normal.native().size() <= maximum_path_bytes, "",
+                " setup needs a bounded absolute destination");
+
+  const Walk place = walk(normal, leaf);
+  const os::Volume volume = os::local_volume(place.deepest.get());
+  const ComparedNames compared = compared_names(place, walk_to_mount(volume));
+
+  const Walk again = walk(normal, leaf);
+  require_place(same_walk(place, again) && os::local_volume(again.deepest.get()).id == volume.id, "",
+                " setup ancestry or volume changed during inspection");
+
+  std::string result =
+      std::string(os::path_key_form()) + "/" + volume.identity + (compared.case_sensitive ? "/s" : "/i");
+  // What lies above the mount within the volume is named as it is: it is not the user's to spell.
+  for (const std::string& name : names_of(volume.mounted_below)) {
+    result += "/" + name;
+  }
+  for (const std::string& name : compared.names) {
+    result += "/" + name;
+  }
+  return names_of(volume.mounted_below).empty() && compared.names.empty() ? result + "/" : result;
+}
+
+}  // namespace
+
+namespace path_keys {
+
+std::string path_key(const std::filesystem::path& path) { return key(path, true); }
+
+std::string directory_key(const std::filesystem::path& path) { return key(path, false); }
+
+}  // namespace path_keys
+
+}  // namespace ravok

@@ -1,0 +1,84 @@
+// Walking a tree and opening what lies in it by descriptors, never through a link.
+#pragma once
+
+#include <cstddef>
+#include <filesystem>
+#include <functional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "platform/file/descriptor.hpp"
+
+namespace ravok {
+
+enum class EntryType { directory, file, link, other };
+
+// What a walk has come to. All of it lasts for the visit only.
+struct TreeEntry {
+  std::string_view path;  // relative to the root
+  const char* name;       // the last component of it
+  int directory;          // the open directory that holds it
+  EntryType type;         // a link's is not that of what it points to
+};
+
+// Opens a directory to walk it; none when there is none of that name, or a link in its place.
+Descriptor open_tree(const std::filesystem::path& root);
+
+// What a walk calls.
+struct TreeVisitor {
+  // Told of every entry: all those of a directory first, in the order in which the file system tells them, and then
+  // what lies in its directories, one after the other.
+  std::function<void(const TreeEntry&)> visit;
+  // Told of a directory once all that it holds has been visited, with its own open descriptor; not of the root. May
+  // be empty. It may remove the directory.
+  std::function<void(const TreeEntry& entry, int self)> leave;
+  // Told of a directory that cannot be opened, which the walk then passes by. Where it is empty, the walk fails.
+  std::function<void(const TreeEntry&)> unreadable;
+  // Whether a volume that is mounted inside the tree ends the walk before anything of it is visited.
+  bool refuse_mounts = false;
+};
+
+// Visits everything below an open directory. At most 34 directories are open at a time, however deep the tree is, and
+// the time grows with the number of entries. Fails with "tree_read" when a directory cannot be read or is moved
+// meanwhile, with "too_many_files" when the system gives no more descriptors, with "unsafe_path" for a mounted volume
+// where those are refused; what the visitor throws goes on.
+void walk_tree(Descriptor root, const TreeVisitor& visitor);
+void walk_tree(Descriptor root, const std::function<void(const TreeEntry&)>& visit);
+
+// Returns the names in an open directory, the first `limit` of them in the order in which the file system tells them.
+// Fails as walk_tree does.
+std::vector<std::string> names_in(int directory, std::size_t limit);
+
+// The same by a directory's path, through whatever links it goes.
+std::vector<std::string> names_in(const std::filesystem::path& directory, std::size_t limit);
+
+// Opens files of a tree by their relative paths. The last 32 directories on the way stay open for the next
+// path, so that files of one directory cost one call each.
+class TreePaths {
+ public:
+  explicit TreePaths(Descriptor root) : root_(std::move(root)) {}
+
+  // Opens what a relative path names, with these flags and O_NOFOLLOW. Returns none with errno set.
+  Descriptor open(const std::string& path, int flags);
+
+  // Returns the open directory that holds what the path names, or -1 with errno set. It stays open
+  // until the next call.
+  int parent_of(std::string_view path);
+
+ private:
+  struct Level {
+    std::string name;
+    Descriptor directory;  // none for all but the last levels
+  };
+
+  // Keeps the levels that a path has in common with the last one, and returns the rest of it.
+  std::string_view keep_shared(std::string_view wanted);
+  int last() const { return levels_.empty() ? root_.get() : levels_.back().directory.get(); }
+
+  Descriptor root_;
+  std::string directory_;  // the path of the last level
+  std::vector<Level> levels_;
+};
+
+}  // namespace ravok

@@ -1,0 +1,84 @@
+// How a user's Ctrl+C reaches a long operation: as a request that it asks for at safe points, never as
+// an end in the middle of a commit. A parent process can forward the request through an inherited pipe.
+#pragma once
+
+#include <array>
+#include <csignal>
+#include <memory>
+#include <string>
+
+#include "platform/file/descriptor.hpp"
+
+namespace ravok {
+
+// Turns SIGINT into a request for as long as it lives. One at a time in a process.
+class ConsoleInterrupt {
+ public:
+  // With `attach_parent`, also listens to the pipe that a parent has announced in the environment. Fails with
+  // "launcher_control" for an announcement that is wrong, and with "signal".
+  explicit ConsoleInterrupt(bool attach_parent);
+  ~ConsoleInterrupt();
+  ConsoleInterrupt(const ConsoleInterrupt&) = delete;
+  ConsoleInterrupt& operator=(const ConsoleInterrupt&) = delete;
+
+  // Returns whether the user has asked to stop; once true, it stays so. Never blocks. Fails with
+  // "launcher_control" when the parent's pipe says what it must not.
+  bool requested() const;
+
+  // Returns whether a parent's pipe is being listened to.
+  static bool parent_reader_attached();
+
+ private:
+  class State;
+  const std::unique_ptr<State> state_;
+};
+
+// Makes SIGTERM, and the SIGHUP of a terminal that is closed, requests of the ConsoleInterrupt that is there, for as
+// long as it lives. One of them that is ignored stays so. A program that this one starts does not inherit it.
+class TerminationSignals {
+ public:
+  // Fails with "signal".
+  TerminationSignals();
+  ~TerminationSignals();
+  TerminationSignals(const TerminationSignals&) = delete;
+  TerminationSignals& operator=(const TerminationSignals&) = delete;
+
+ private:
+  struct Replaced {
+    int signal;
+    bool installed;
+    struct sigaction previous;
+  };
+
+  void restore();
+
+  std::array<Replaced, 2> replaced_{Replaced{SIGTERM, false, {}}, Replaced{SIGHUP, false, {}}};
+};
+
+// The parent's end: a pipe that a child process inherits, and through which one request is sent.
+class InterruptPipe {
+ public:
+  // Fails with "process_control".
+  InterruptPipe();
+
+  // Returns what the child must find in its environment.
+  std::string child_environment() const;
+
+  // Lets the read end survive the start of another program. Runs in the child, between fork and exec; only
+  // calls what is safe there. Returns whether that worked.
+  bool prepare_child();
+
+  // Gives up the read end, once the child has it.
+  void close_reader() { reader_.reset(); }
+
+  // Sends the request, and returns whether it was sent, now or earlier. A child that is gone is no failure and
+  // raises no signal.
+  bool request();
+
+ private:
+  Descriptor reader_;
+  Descriptor writer_;
+  bool requested_ = false;
+};
+
+}  // namespace ravok

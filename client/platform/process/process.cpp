@@ -1,0 +1,162 @@
+#include "platform/process/process.hpp"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <system_error>
+
+#include <unistd.h>
+
+#include "domain/error.hpp"
+#include "domain/paths.hpp"
+#include "domain/text_rules.hpp"
+#include "platform/file/file_status.hpp"
+#include "platform/os.hpp"
+
+extern char** environ;
+
+namespace ravok {
+namespace {
+
+constexpr int maximum_entries = 257;
+constexpr std::size_t maximum_argument_bytes = 131072;
+constexpr std::size_t maximum_key_characters = 127;
+constexpr std::size_t maximum_environment_bound = 131072;
+constexpr std::size_t maximum_executable_path_bytes = 32768;
+constexpr std::size_t maximum_replacement_arguments = 64;
+constexpr std::size_t maximum_replacement_argument_bytes = 4096;
+constexpr std::size_t maximum_replacement_bytes = 32768;
+
+// Reads no byte beyond the first `bound` + 1, however long the text is.
+std::string bounded_bytes(const char* text, std::size_t bound, std::string_view code) {
+  require(text != nullptr, code, "Native process text is missing");
+  const std::size_t length = strnlen(text, bound + 1);
+  require(length <= bound, code, "Native process text exceeds its byte bound");
+  return std::string(text, length);
+}
+
+bool is_key_character(char c) { return is_letter_or_digit(c) || c == '_'; }
+
+bool is_ordinary(const std::filesystem::path& path, mode_t type) {
+  const auto status = path.is_absolute() ? link_status_of(path) : std::nullopt;
+  return status && (status->st_mode & S_IFMT) == type;
+}
+
+// A separator behind a link would lead the system through it.
+bool is_plain_directory(const std::filesystem::path& path) { return is_ordinary(without_end_separator(path), S_IFDIR); }
+
+std::vector<std::string> replacement_arguments(const std::filesystem::path& image,
+                                               const std::vector<std::string>& arguments) {
+  require(arguments.size() <= maximum_replacement_arguments, "argument_limit", "Too many replacement arguments");
+  std::vector<std::string> table = {image.native()};
+  std::size_t total = 0;
+  for (const std::string& argument : arguments) {
+    require(!has_nul(argument) && argument.size() <= maximum_replacement_argument_bytes, "argument_encoding",
+            "Invalid maintenance argument");
+    total += argument.size();
+    table.push_back(argument);
+  }
+  require(total <= maximum_replacement_bytes, "argument_limit", "Maintenance arguments exceed their bound");
+  return table;
+}
+
+bool is_inherited(std::string_view key, const ProcessEnvironment& environment, bool scrub) {
+  const bool of_loader = key.starts_with("LD_") || key.starts_with("DYLD_");
+  return key != interrupt_reader_variable && !environment.contains(std::string(key)) && !(scrub && of_loader);
+}
+
+std::vector<std::string> replacement_environment(const ProcessEnvironment& environment, bool scrub) {
+  std::vector<std::string> table;
+  for (char** entry = environ; entry != nullptr && *entry != nullptr; ++entry) {
+    const std::string_view text = *entry;
+    if (is_inherited(text.substr(0, text.find('=')), environment, scrub)) {
+      table.emplace_back(text);
+    }
+  }
+  for (const auto& [key, value] : environment) {
+    require(!key.empty() && key.find('=') == std::string::npos && !has_nul(key) && !has_nul(value), "argument_encoding",
+            "Invalid maintenance environment");
+    require(key != interrupt_reader_variable, "argument_encoding",
+            "Maintenance cannot inherit launcher interrupt authority");
+    table.push_back(key + "=" + value);
+  }
+  return table;
+}
+
+// The table that the system wants: pointers into the texts, and a null behind the last.
+std::vector<char*> pointers_to(std::vector<std::string>& texts) {
+  std::vector<char*> table;
+  for (std::string& text : texts) {
+    table.push_back(text.data());
+  }
+  table.push_back(nullptr);
+  return table;
+}
+
+[[noreturn]] void replace_image(const std::filesystem::path& image, const std::vector<std::string>& arguments,
+                                const std::filesystem::path& directory, const ProcessEnvironment& environment,
+                                bool scrub) {
+  require(is_ordinary(image, S_IFREG) && is_plain_directory(directory), "process_start",
+          "Replacement image or directory is unavailable");
+  std::vector<std::string> argument_texts = replacement_arguments(image, arguments);
+  std::vector<std::string> environment_texts = replacement_environment(environment, scrub);
+  const std::vector<char*> argument_table = pointers_to(argument_texts);
+  const std::vector<char*> environment_table = pointers_to(environment_texts);
+  std::error_code unknown;
+  const std::filesystem::path before = std::filesystem::current_path(unknown);
+  require(!unknown && chdir(directory.c_str()) == 0, "process_start", "Cannot enter the external maintenance runtime");
+  execve(image.c_str(), argument_table.data(), environment_table.data());
+  const int problem = errno;
+  // What was the current directory a moment ago; if it is gone, there is none to go back to.
+  static_cast<void>(chdir(before.c_str()) == 0);
+  fail("process_start", "Cannot replace this process (native error " + std::to_string(problem) + ")");
+}
+
+}  // namespace
+
+std::vector<std::string> process_arguments(int argc, const char* const* argv) {
+  require(argc > 0 && argv != nullptr, "argument_encoding", "Native command arguments are missing");
+  require(argc <= maximum_entries, "argument_limit", "Too many native command arguments");
+  std::vector<std::string> arguments;
+  std::size_t budget = maximum_argument_bytes;
+  for (int i = 1; i < argc; ++i) {
+    arguments.push_back(bounded_bytes(argv[i], budget, "argument_encoding"));
+    budget -= arguments.back().size();
+  }
+  std::size_t total = 0;
+  for (const std::string& argument : arguments) {
+    total += argument.size();
+  }
+  require(total <= maximum_argument_bytes, "argument_limit", "Native command arguments exceed their total byte bound");
+  return arguments;
+}
+
+std::optional<std::string> process_environment(std::string_view key, std::size_t bound) {
+  require(!key.empty() && key.size() <= maximum_key_characters && std::all_of(key.begin(), key.end(), is_key_character),
+          "environment_key", "Native environment key is invalid");
+  require(bound >= 1 && bound <= maximum_environment_bound, "environment_limit", "Native environment bound is invalid");
+  const char* const value = std::getenv(std::string(key).c_str());
+  if (value == nullptr) {
+    return std::nullopt;
+  }
+  return bounded_bytes(value, bound, "environment_limit");
+}
+
+std::filesystem::path current_executable_path() {
+  const std::optional<std::string> path = os::executable_path(maximum_executable_path_bytes);
+  require(path.has_value(), "launcher_identity", "Cannot identify this native executable within its path bound");
+  return path_from_utf8(*path);
+}
+
+void replace_process(const std::filesystem::path& image, const std::vector<std::string>& arguments,
+                     const std::filesystem::path& directory, const ProcessEnvironment& environment) {
+  replace_image(image, arguments, directory, environment, true);
+}
+
+void exec_process(const std::filesystem::path& image, const std::vector<std::string>& arguments,
+                  const std::filesystem::path& directory, const ProcessEnvironment& environment) {
+  replace_image(image, arguments, directory, environment, false);
+}
+
+}  // namespace ravok

@@ -1,0 +1,46 @@
+#include "platform/process/program_start.hpp"
+
+#include <csignal>
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include "platform/file/descriptor.hpp"
+
+namespace ravok {
+namespace {
+
+bool open_standard_streams() {
+  for (const int descriptor : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+    const int mode = descriptor == STDIN_FILENO ? O_RDONLY : O_WRONLY;
+    // A new descriptor gets the lowest number that is free.
+    if (fcntl(descriptor, F_GETFD) < 0 && retry_interrupted([&] { return open("/dev/null", mode); }) != descriptor) {
+      return false;
+    }
+  }
+  return true;
+}
+
+void go_on(int) {}
+
+// A handler, as a signal that is ignored would stay so in every program that this one becomes or starts.
+bool go_on_after(int signal) {
+  struct sigaction action {};
+  if (sigaction(signal, nullptr, &action) != 0) {
+    return false;
+  }
+  if (action.sa_handler == SIG_IGN) {
+    return true;
+  }
+  action = {};
+  action.sa_handler = go_on;
+  sigemptyset(&action.sa_mask);
+  action.sa_flags = SA_RESTART;
+  return sigaction(signal, &action, nullptr) == 0;
+}
+
+}  // namespace
+
+bool start_program() { return open_standard_streams() && go_on_after(SIGPIPE) && go_on_after(SIGXFSZ); }
+
+}  // namespace ravok

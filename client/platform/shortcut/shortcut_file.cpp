@@ -1,0 +1,101 @@
+#include "platform/shortcut/shortcut_file.hpp"
+
+#include <cerrno>
+#include <utility>
+
+#include <unistd.h>
+
+#include "domain/crypto.hpp"
+#include "domain/error.hpp"
+#include "platform/file/posix_files.hpp"
+#include "platform/os.hpp"
+
+namespace ravok {
+namespace {
+
+// Whether the name is still that of the file, which is open.
+bool names_file(int folder, const std::string& name, const OpenedFile& file) {
+  const auto named = link_status_at(folder, name.c_str());
+  return named && same_file(*named, file.status);
+}
+
+Descriptor open_folder(const std::filesystem::path& path) {
+  try {
+    errno = 0;
+    Descriptor folder = posix_files::open_passage(path.parent_path());
+    require_descriptors(folder ? 0 : errno);
+    return folder;
+  } catch (const Error& error) {
+    if (error.code == "too_many_files") {
+      throw;
+    }
+    return Descriptor();
+  }
+}
+
+}  // namespace
+
+ShortcutFile::ShortcutFile(const std::filesystem::path& path) : name_(path.filename()), folder_(open_folder(path)) {}
+
+std::optional<OpenedFile> ShortcutFile::read() const {
+  if (!folder_) {
+    return std::nullopt;
+  }
+  try {
+    OpenedFile file = read_file_at(folder_.get(), name_, shortcut_limit);
+    return names_file(folder_.get(), name_, file) ? std::optional(std::move(file)) : std::nullopt;
+  } catch (const Error&) {
+    return std::nullopt;
+  }
+}
+
+ShortcutFile::Removal ShortcutFile::remove(const OpenedFile& file) const {
+  if (!names_file(folder_.get(), name_, file)) {
+    return link_status_at(folder_.get(), name_.c_str()) ? Removal::replaced : Removal::missing;
+  }
+  if (unlinkat(folder_.get(), name_.c_str(), 0) == 0) {
+    return Removal::removed;
+  }
+  return errno == ENOENT ? Removal::missing : Removal::failed;
+}
+
+void ShortcutFile::flush_folder() const { sync_open_directory(folder_.get()); }
+
+bool ShortcutFile::shares_folder(const ShortcutFile& other) const {
+  const auto first = status_of(folder_.get());
+  const auto second = status_of(other.folder_.get());
+  return first && second && same_file(*first, *second);
+}
+
+StandAside::StandAside(const std::filesystem::path& path)
+    : place_(path), file_(place_.read()), aside_(place_.name_ + "." + random_id() + ".tmp") {
+  constexpr const char* not_replaced = "Cannot replace a changed shortcut";
+  require(file_.has_value(), "shortcut_path", not_replaced);
+  const int folder = place_.folder_.get();
+  require(renameat(folder, place_.name_.c_str(), folder, aside_.c_str()) == 0, "shortcut_path", not_replaced);
+  if (!names_file(folder, aside_, *file_)) {
+    // Another file had come to the name since the look.
+    come_back();
+    fail("shortcut_path", not_replaced);
+  }
+}
+
+StandAside::~StandAside() {
+  if (file_) {
+    come_back();
+  }
+}
+
+void StandAside::dismiss() {
+  const std::optional<OpenedFile> file = std::exchange(file_, std::nullopt);
+  if (file && names_file(place_.folder_.get(), aside_, *file)) {
+    unlinkat(place_.folder_.get(), aside_.c_str(), 0);
+  }
+}
+
+void StandAside::come_back() const {
+  const int folder = place_.folder_.get();
+  os::rename_exclusive(folder, aside_.c_str(), folder, place_.name_.c_str());
+}
+
+}  // namespace ravok

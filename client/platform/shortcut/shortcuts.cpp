@@ -1,0 +1,315 @@
+#include "platform/shortcut/shortcuts.hpp"
+
+#include <algorithm>
+#include <cstddef>
+#include <optional>
+#include <system_error>
+#include <utility>
+
+#include <sys/stat.h>
+
+#include "domain/crypto.hpp"
+#include "domain/data_layout.hpp"
+#include "domain/error.hpp"
+#include "domain/identifier.hpp"
+#include "domain/paths.hpp"
+#include "platform/file/file_status.hpp"
+#include "platform/file/native_lock.hpp"
+#include "platform/file/path_keys.hpp"
+#include "platform/file/posix_files.hpp"
+#include "platform/os.hpp"
+#include "platform/process/process.hpp"
+#include "platform/shortcut/linux_shortcuts.hpp"
+#include "platform/shortcut/macos_shortcuts.hpp"
+#include "platform/shortcut/shortcut_file.hpp"
+#include "platform/snapshot/complete_install.hpp"
+
+namespace ravok {
+namespace {
+
+using shortcut_rules::Found;
+using shortcut_rules::NewFile;
+using shortcut_rules::Taken;
+using Rows = std::vector<OwnedShortcut>;
+
+constexpr std::size_t environment_bound = 8192;
+
+void require_plain_way(const std::filesystem::path& parent) {
+  std::filesystem::path level = parent.root_path();
+  for (const std::filesystem::path& component : parent.relative_path()) {
+    level /= component;
+    const auto status = link_status_of(level);
+    if (!status) {
+      require(level == parent, "shortcut_path", "Shortcut paths need existing plain files and directories");
+      continue;
+    }
+    require(!S_ISLNK(status->st_mode), "shortcut_path", "Shortcut path contains a symbolic link");
+    require(is_directory(*status), "shortcut_path", "Shortcut paths need existing plain files and directories");
+  }
+}
+
+std::filesystem::path launch_document_directory() {
+  const std::optional<std::string> home = process_environment("HOME", environment_bound);
+  require(home && !home->empty(), "user_path", "Cannot locate the user's Desktop");
+  return std::filesystem::path(*home) / "Desktop";
+}
+
+// Makes the folder of the default shortcuts where it is missing; any other must be there, and reached without a link.
+void provide_folder(const std::filesystem::path& folder) {
+  if (is_missing(folder)) {
+    require(folder == native_menu_directory(), "shortcut_path",
+            "Custom shortcut destinations require an existing parent directory");
+    private_directory(folder);
+  } else {
+    require_plain_way(folder);
+  }
+}
+
+NewFile prove_native_shortcut(const DesktopShortcut& shortcut, const std::filesystem::path& path, Taken taken) {
+  const std::filesystem::path target = shortcut_rules::absolute_path(path);
+  provide_folder(target.parent_path());
+  return os::shortcut_form() == os::ShortcutForm::desktop_entry ? prove_linux_desktop_entry(shortcut, target, taken)
+                                                                : prove_macos_launch_document(shortcut, target, taken);
+}
+
+// Makes the file, unless it is already there, and replaces another where that was allowed.
+void put_in_place(const DesktopShortcut& shortcut, const NewFile& file) {
+  if (file.found == Found::same) {
+    return;
+  }
+  std::optional<StandAside> other;
+  if (file.found == Found::other) {
+    other.emplace(file.path);
+  }
+  shortcut_rules::create_file(shortcut, file.path, file.text);
+  if (other) {
+    other->dismiss();
+  }
+}
+
+OwnedShortcut row_of(const DesktopShortcut& shortcut, const NewFile& file) {
+  return {file.path, shortcut.game_id, shortcut.name, digest(file.text, "sha256")};
+}
+
+void write_if_possible(const std::filesystem::path& root, const Rows& rows) {
+  try {
+    shortcut_ledger::write(root, rows);
+  } catch (const Error&) {
+    // The former failure is the one to report; the row that stays is made good by the next creation.
+  }
+}
+
+// Puts a file in its place with a ledger that already names it, so that no file is ever there that the ledger does not
+// know, wherever the process ends. A row whose file is not there yet is made good by the next making or restoring.
+void put_recorded(const std::filesystem::path& root, const Rows& before, const Rows& after,
+                  const DesktopShortcut& shortcut, const NewFile& file) {
+  try {
+    shortcut_ledger::write(root, after);
+    put_in_place(shortcut, file);
+  } catch (const Error&) {
+    write_if_possible(root, before);
+    throw;
+  }
+}
+
+void require_outside(const std::filesystem::path& target, const std::filesystem::path& root) {
+  require(!shortcut_rules::lies_within(target, root), "shortcut_path", "Shortcuts must be outside the data folder");
+}
+
+// A request that is refused is to leave no lock file behind, so its place is proved ahead of the lock. Whoever holds
+// the lock may make or remove that very file meanwhile, which the key of its path then refuses; only the look under the
+// lock counts in that case.
+FileLock lock_for(const std::filesystem::path& target, const std::filesystem::path& root) {
+  bool needs_another_look = false;
+  try {
+    require_outside(target, root);
+  } catch (const Error& error) {
+    needs_another_look = error.code == "unsafe_path" && !is_missing(shortcut_ledger::lock_path(root));
+    if (!needs_another_look) {
+      throw;
+    }
+  }
+  FileLock lock = shortcut_ledger::lock(root);
+  if (needs_another_look) {
+    require_outside(target, root);
+  }
+  return lock;
+}
+
+// Whether the file is the one that was made. What is missing, or can no longer be read, is not.
+bool is_unchanged(const std::optional<OpenedFile>& file, const OwnedShortcut& row) {
+  return file && digest(file->bytes, "sha256") == row.sha256;
+}
+
+// A removal of the recorded shortcuts, one after the other.
+class Removal {
+ public:
+  explicit Removal(const std::filesystem::path& root) {
+    for (const OwnedShortcut& row : shortcut_ledger::read(root)) {
+      remove(row);
+    }
+  }
+
+  // Makes the removals durable. Fails with "file_sync".
+  void flush() const {
+    for (const ShortcutFile& folder : folders_) {
+      folder.flush_folder();
+    }
+  }
+
+  // The rows of shortcuts that are the client's own and could not be removed.
+  const Rows& kept() const { return kept_; }
+
+  ShortcutRemoval told() const { return {removed_, changed_}; }
+
+ private:
+  void remove(const OwnedShortcut& row) {
+    ShortcutFile place(row.path);
+    if (is_missing(row.path)) {
+      // Perhaps removed by a run that was ended before it could flush.
+      if (place.has_folder()) {
+        keep_folder(std::move(place));
+      }
+      return;
+    }
+    const std::optional<OpenedFile> file = place.read();
+    const auto outcome = is_unchanged(file, row) ? place.remove(*file) : ShortcutFile::Removal::replaced;
+    if (outcome == ShortcutFile::Removal::removed) {
+      removed_.push_back(row.path);
+      keep_folder(std::move(place));
+    } else if (outcome == ShortcutFile::Removal::replaced) {
+      changed_.push_back(row.path);
+    } else if (outcome == ShortcutFile::Removal::failed) {
+      changed_.push_back(row.path);
+      kept_.push_back(row);
+    }
+  }
+
+  void keep_folder(ShortcutFile place) {
+    if (std::none_of(folders_.begin(), folders_.end(),
+                     [&](const ShortcutFile& each) { return each.shares_folder(place); })) {
+      folders_.push_back(std::move(place));
+    }
+  }
+
+  std::vector<std::filesystem::path> removed_;
+  std::vector<std::filesystem::path> changed_;
+  Rows kept_;
+  std::vector<ShortcutFile> folders_;
+};
+
+bool has_ledger_folder(const std::filesystem::path& root) {
+  std::error_code ignored;
+  return std::filesystem::is_directory(DataPaths(root).native, ignored);
+}
+
+}  // namespace
+
+std::string_view native_shortcut_extension() { return shortcut_rules::extension(); }
+
+std::filesystem::path native_menu_directory() {
+  return os::shortcut_form() == os::ShortcutForm::desktop_entry ? linux_menu_directory() : launch_document_directory();
+}
+
+std::filesystem::path native_menu_entry(const std::filesystem::path& data_root, const std::string& game,
+                                        const std::string&) {
+  if (!game.empty()) {
+    validate_identifier(game);
+  }
+  const std::filesystem::path root =
+      shortcut_rules::absolute_path(std::filesystem::absolute(data_root).lexically_normal());
+  const std::string key = digest(path_keys::directory_key(root), "sha256");
+  const std::string file =
+      "ravok-" + key + (game.empty() ? "-launcher" : "-game-" + game) + std::string(native_shortcut_extension());
+  return shortcut_rules::absolute_path(native_menu_directory() / file);
+}
+
+void create_native_shortcut(const DesktopShortcut& shortcut, const std::filesystem::path& path) {
+  put_in_place(shortcut, prove_native_shortcut(shortcut, path, Taken::refused));
+}
+
+Json create_owned_native_shortcut(const DesktopShortcut& shortcut, const std::filesystem::path& path) {
+  const std::filesystem::path root = shortcut_rules::absolute_path(shortcut.data_root);
+  require_complete_native_install(root);
+  const std::filesystem::path target = shortcut_rules::absolute_path(path);
+  const FileLock lock = lock_for(target, root);
+  // An uninstall may have begun, and released its shortcuts, while this call waited.
+  require_complete_native_install(root);
+  const Rows before = shortcut_ledger::read(root);
+  Rows rows = before;
+  const auto row =
+      std::find_if(rows.begin(), rows.end(), [&](const OwnedShortcut& each) { return each.path == target; });
+  const auto answer = [&](bool created, const std::string& game) {
+    return Json({{"schema_version", 1}, {"created", created}, {"path", path_utf8(target)}, {"game_id", game}});
+  };
+  if (row != rows.end() && is_unchanged(ShortcutFile(target).read(), *row)) {
+    return answer(false, row->game);
+  }
+  require(row != rows.end() || rows.size() < shortcut_ledger::maximum_rows, "size_limit",
+          "Too many recorded shortcuts");
+  const NewFile file = prove_native_shortcut(shortcut, target, row != rows.end() ? Taken::replaced : Taken::adopted);
+  if (row != rows.end()) {
+    *row = row_of(shortcut, file);
+  } else {
+    rows.push_back(row_of(shortcut, file));
+  }
+  put_recorded(root, before, rows, shortcut, file);
+  return answer(file.found != Found::same, shortcut.game_id);
+}
+
+std::vector<OwnedShortcut> owned_native_shortcuts(const std::filesystem::path& data_root) {
+  return shortcut_ledger::read(data_root);
+}
+
+ShortcutRemoval remove_owned_native_shortcuts(const std::filesystem::path& data_root) {
+  if (!has_ledger_folder(data_root)) {
+    return {};
+  }
+  const FileLock lock = shortcut_ledger::lock(data_root);
+  const Removal removal(data_root);
+  removal.flush();
+  require(removal.kept().empty(), "file_remove", "Cannot remove a recorded shortcut");
+  shortcut_ledger::write(data_root, {});
+  return removal.told();
+}
+
+ShortcutRemoval release_owned_native_shortcuts(const std::filesystem::path& data_root) {
+  if (!has_ledger_folder(data_root)) {
+    return {};
+  }
+  const FileLock lock = shortcut_ledger::lock(data_root);
+  const Removal removal(data_root);
+  try {
+    removal.flush();
+    shortcut_ledger::write(data_root, removal.kept());
+  } catch (const Error&) {
+    // The rows that stay name nothing any more, or what a power cut has brought back; the next release takes them.
+  }
+  return removal.told();
+}
+
+std::vector<std::filesystem::path> restore_owned_native_shortcuts(const std::filesystem::path& data_root,
+                                                                  const std::filesystem::path& bootstrap) {
+  const FileLock lock = shortcut_ledger::lock(data_root);
+  Rows rows = shortcut_ledger::read(data_root);
+  std::vector<std::filesystem::path> made;
+  for (std::size_t i = 0; i < rows.size(); ++i) {
+    if (!is_missing(rows[i].path)) {
+      continue;
+    }
+    const DesktopShortcut shortcut = {bootstrap, data_root, rows[i].game, rows[i].name};
+    const NewFile file = prove_native_shortcut(shortcut, rows[i].path, Taken::refused);
+    const Rows before = rows;
+    rows[i] = row_of(shortcut, file);
+    if (rows[i].sha256 == before[i].sha256) {
+      put_in_place(shortcut, file);
+    } else {
+      put_recorded(data_root, before, rows, shortcut, file);
+    }
+    made.push_back(file.path);
+  }
+  shortcut_ledger::write(data_root, rows);
+  return made;
+}
+
+}  // namespace ravok

@@ -1,0 +1,66 @@
+// A whole tree of empty files whose blocks are held, so that what is unpacked into it later cannot
+// run out of space.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <filesystem>
+#include <functional>
+#include <map>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "domain/json.hpp"
+#include "domain/manifest.hpp"
+#include "platform/file/allocated_file.hpp"
+#include "platform/file/directory_identity.hpp"
+#include "platform/snapshot/progress.hpp"
+
+namespace ravok {
+
+class ReservedTree {
+ public:
+  // Told of the new root before anything is reserved below it, to record durably that it exists.
+  using Recorder = std::function<void(const DirectoryIdentity&)>;
+
+  // Makes `root`, which must not exist yet in an ordinary directory, with a reserved file for every
+  // file of the manifest. A separator at the end of `root` means nothing. `progress`, which may be empty, is told
+  // before each file of the bytes reserved; `recorder` may be empty. Where this fails after the root is made, what
+  // was reserved is removed again as far as it is provably ours; a failure of the making of the root itself may
+  // leave it, empty and unrecorded.
+  // Fails with "staging_exists", "allocation_changed", "cancelled", and as safe_join, private_directory,
+  // private_directory_new, AllocatedFile and sync_directory do.
+  ReservedTree(const SnapshotManifest& manifest, const std::filesystem::path& root, const ProgressCallback& progress,
+               const Recorder& recorder);
+
+  // Returns the reservation of a file, which AllocatedFile reopens it with. Fails with "allocation_changed" for any
+  // other path or length.
+  const FileReservation& file(std::string_view path, std::uint64_t length) const;
+
+  // Proves that this is the tree of that manifest at that place, named as it was at the making but for a separator
+  // at its end and for what makes it absolute. Fails with "allocation_changed" and as inspect_storage_directory
+  // does.
+  void validate(const SnapshotManifest& manifest, const std::filesystem::path& root) const;
+
+  // Returns an object of `requested_bytes`, `reserved_bytes`, `file_count` and `data_reserved`, which
+  // tells whether all bytes are held.
+  Json summary() const;
+
+  const std::filesystem::path& root() const { return root_; }
+  const DirectoryIdentity& identity() const { return identity_; }
+
+ private:
+  void reserve(const SnapshotManifest& manifest, const std::vector<std::string>& directories,
+               const ProgressCallback& progress, const Recorder& recorder);
+  void reserve_files(const SnapshotManifest& manifest, const ProgressCallback& progress);
+  void remove_reserved(const std::vector<std::string>& directories, const std::filesystem::path& parent) const noexcept;
+
+  std::filesystem::path root_;
+  DirectoryIdentity identity_;
+  std::uint64_t reserved_bytes_ = 0;
+  std::uint64_t requested_bytes_ = 0;
+  std::map<std::string, FileReservation, std::less<>> files_;
+};
+
+}  // namespace ravok

@@ -1,0 +1,176 @@
+#include "platform/snapshot/snapshot_tree.hpp"
+
+#include <cerrno>
+#include <string_view>
+#include <utility>
+
+#include <fcntl.h>
+
+#include "domain/error.hpp"
+#include "domain/paths.hpp"
+#include "platform/file/file_digest.hpp"
+#include "platform/file/file_status.hpp"
+#include "platform/file/managed_paths.hpp"
+#include "platform/file/tree_walk.hpp"
+
+namespace ravok {
+namespace {
+
+constexpr std::size_t maximum_entries = 250'000;
+constexpr int read_flags = O_RDONLY | O_NONBLOCK | O_CLOEXEC;
+
+Descriptor open_root(const std::filesystem::path& root) {
+  Descriptor directory = open_tree(root);
+  require_descriptors(directory ? 0 : errno);
+  require(static_cast<bool>(directory), "unsafe_path", "Game content directory is missing or linked");
+  return directory;
+}
+
+// Visits every file and every entry that is neither file nor directory, in a tree of bounded size
+// without links whose names could all be managed.
+template <typename Visit>
+void walk_contents(const SnapshotManifest& manifest, Descriptor directory, Visit visit) {
+  std::size_t entries = 0;
+  std::string path;
+  walk_tree(std::move(directory), [&](const TreeEntry& entry) {
+    require(++entries <= maximum_entries, "size_limit", "Game directory entry count exceeds bounds");
+    require(entry.type != EntryType::link, "unsafe_path", "Game tree contains a symbolic link");
+    path = entry.path;
+    // The manifest's own paths have passed the rules.
+    const bool managed = entry.type == EntryType::file && manifest.files.contains(path);
+    if (!managed) {
+      validate_relative_path(path, false);
+    }
+    if (entry.type != EntryType::directory) {
+      visit(path, managed);
+    }
+  });
+}
+
+enum class Condition { whole, different, not_executable };
+
+// The files of a manifest below a root, one after the other.
+class FileInspector {
+ public:
+  FileInspector(const std::filesystem::path& root, std::uint64_t total, const ProgressCallback& progress)
+      : root_(root), files_(open_root(root)), total_(total), progress_(progress) {}
+
+  // Tells of a file whether it is what the manifest says. Fails with "unsafe_path" for a link on the
+  // way, "file_read" when it cannot be read, and "cancelled".
+  Condition inspect(const std::string& path, const SnapshotFile& expected) {
+    done_ += std::exchange(current_, expected.length);
+    report(progress_, done_, total_);
+    return compare(path, expected);
+  }
+
+  void report_end() const { report(progress_, done_ + current_, total_); }
+
+ private:
+  Condition compare(const std::string& path, const SnapshotFile& expected) {
+    const Descriptor file = files_.open(path, read_flags);
+    if (!file) {
+      explain_missing(path);
+      return Condition::different;
+    }
+    const auto status = status_of(file.get());
+    if (!status || !S_ISREG(status->st_mode) || static_cast<std::uint64_t>(status->st_size) != expected.length ||
+        digest(file.get()) != expected.sha256) {
+      return Condition::different;
+    }
+    return expected.executable && (status->st_mode & S_IXUSR) == 0 ? Condition::not_executable : Condition::whole;
+  }
+
+  std::string digest(int file) {
+    if (!progress_) {
+      return digester_.digest(file, {});
+    }
+    try {
+      return digester_.digest(file, [&](std::uint64_t in_file, std::uint64_t) {
+        report(progress_, done_ + in_file, total_);
+        return true;
+      });
+    } catch (const Error& error) {
+      // It grew meanwhile, and no digest is that of such a file.
+      if (error.code == "content_mismatch") {
+        return {};
+      }
+      throw;
+    }
+  }
+
+  // Returns for a file that is not there; fails for a link on the way, and for what keeps this user
+  // from reading the file.
+  void explain_missing(const std::string& path) const {
+    const int problem = errno;
+    require_descriptors(problem);
+    const std::filesystem::path file = safe_join(root_, path, true);
+    // The last two are what systems say of a socket.
+    require(problem == ENOENT || problem == ENOTDIR || problem == ENXIO || problem == EOPNOTSUPP, "file_read",
+            "Could not open file for verification: " + path_utf8(file));
+  }
+
+  const std::filesystem::path& root_;
+  TreePaths files_;
+  FileDigester digester_{"sha256"};
+  std::uint64_t done_ = 0;     // of the files before
+  std::uint64_t current_ = 0;  // the length of the file that is inspected
+  std::uint64_t total_;
+  const ProgressCallback& progress_;
+};
+
+}  // namespace
+
+void verify_snapshot_tree(const SnapshotManifest& manifest, const std::filesystem::path& root,
+                          const ProgressCallback& progress) {
+  std::size_t files = 0;
+  walk_contents(manifest, open_root(root), [&](const std::string&, bool managed) {
+    require(managed, "unexpected_file", "Game tree contains an unmanaged file");
+    require(++files <= manifest.files.size(), "size_limit", "Game tree contains too many files");
+  });
+  require(files == manifest.files.size(), "missing_file", "Game content is incomplete; repair is available");
+
+  FileInspector inspector(root, manifest.expanded_length, progress);
+  for (const auto& [path, expected] : manifest.files) {
+    const Condition condition = inspector.inspect(path, expected);
+    if (condition == Condition::different) {
+      fail("content_mismatch", "Game content differs from the verified manifest: " + path);
+    }
+    require(condition != Condition::not_executable, "content_mode", "Game executable permission is missing");
+  }
+  inspector.report_end();
+}
+
+DamagedFiles damaged_snapshot_files(const SnapshotManifest& manifest, const std::filesystem::path& root,
+                                    const ProgressCallback& progress, std::size_t limit) {
+  DamagedFiles damaged;
+  const auto add = [&](const std::string& path) {
+    ++damaged.count;
+    if (damaged.paths.size() < limit) {
+      damaged.paths.push_back(path);
+    }
+  };
+  walk_contents(manifest, open_root(root), [&](const std::string& path, bool managed) {
+    if (!managed) {
+      add(path);
+    }
+  });
+
+  FileInspector inspector(root, manifest.expanded_length, progress);
+  for (const auto& [path, expected] : manifest.files) {
+    try {
+      if (inspector.inspect(path, expected) != Condition::whole) {
+        add(path);
+      }
+    } catch (const Error& error) {
+      // What cannot be read cannot be proved whole.
+      if (error.code != "file_read") {
+        throw;
+      }
+      add(path);
+    }
+  }
+  inspector.report_end();
+  return damaged;
+}
+
+}  // namespace ravok

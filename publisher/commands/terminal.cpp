@@ -1,0 +1,66 @@
+#include "publisher/commands/terminal.hpp"
+
+#include <array>
+#include <cstddef>
+#include <cstdio>
+#include <new>
+#include <utility>
+
+#include <unistd.h>
+
+#include "domain/display_text.hpp"
+#include "domain/error.hpp"
+
+namespace ravok {
+
+std::string shown_size(std::uint64_t bytes) {
+  constexpr std::array<const char*, 5> units = {"bytes", "KiB", "MiB", "GiB", "TiB"};
+  auto value = static_cast<double>(bytes);
+  std::size_t unit = 0;
+  while (value >= 1024 && unit + 1 < units.size()) {
+    value /= 1024;
+    ++unit;
+  }
+  std::array<char, 32> text{};
+  std::snprintf(text.data(), text.size(), unit == 0 ? "%.0f %s" : "%.1f %s", value, units[unit]);
+  return text.data();
+}
+
+void print(const std::string& text) {
+  std::fputs(text.c_str(), stdout);
+  require(std::fflush(stdout) == 0 && std::ferror(stdout) == 0, "output_failed", "Cannot write to standard output");
+}
+
+void say(const std::vector<std::string>& lines) {
+  std::string text;
+  for (const std::string& line : lines) {
+    text += shown_text(line) + "\n";
+  }
+  print(text);
+}
+
+void complain(const std::string& line) {
+  try {
+    std::fputs((shown_text(line) + "\n").c_str(), stderr);
+  } catch (const std::bad_alloc&) {
+    std::fputs("Out of memory\n", stderr);
+  }
+}
+
+ProgressLine::ProgressLine(std::string work) : work_(std::move(work)), terminal_(isatty(STDERR_FILENO) != 0) {}
+
+ProgressLine::~ProgressLine() {
+  if (last_ >= 0) {
+    std::fputs("\r\033[K", stderr);
+  }
+}
+
+void ProgressLine::show(std::uint64_t done, std::uint64_t total) {
+  const int percent = total == 0 ? 100 : static_cast<int>(static_cast<double>(done) * 100 / static_cast<double>(total));
+  if (terminal_ && percent != last_) {
+    std::fprintf(stderr, "\r%s… %d %%", work_.c_str(), percent);
+    last_ = percent;
+  }
+}
+
+}  // namespace ravok

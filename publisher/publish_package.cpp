@@ -1,0 +1,217 @@
+#include "publisher/publish_package.hpp"
+
+#include <algorithm>
+#include <cstddef>
+#include <cstdint>
+#include <utility>
+#include <vector>
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include "app/brand/theme_folder.hpp"
+#include "domain/bootstrap_contract.hpp"
+#include "domain/crypto.hpp"
+#include "domain/json.hpp"
+#include "domain/limits.hpp"
+#include "platform/file/descriptor.hpp"
+#include "platform/file/files.hpp"
+#include "platform/process/native_platform.hpp"
+#include "publisher/publish_files.hpp"
+#include "publisher/publish_root.hpp"
+#include "transport/https.hpp"
+#include "tuf/tuf.hpp"
+
+namespace ravok {
+namespace {
+
+Json resource(const std::string& name, std::uint64_t length, const std::string& sha256) {
+  return {{"path", name}, {"length", length}, {"sha256", sha256}};
+}
+
+// What is known of a small input once it has been judged.
+struct Document {
+  std::string name;  // in the package
+  std::string bytes;
+
+  Json described() const { return resource(name, bytes.size(), digest(bytes, "sha256")); }
+};
+
+Document read_document(const std::filesystem::path& file, std::string name, std::uint64_t limit) {
+  return {std::move(name), about(file, [&] { return read_file(file, limit); })};
+}
+
+// An archive and what its manifest says of it.
+struct Archive {
+  std::filesystem::path file;
+  std::string name;
+  std::string sha256;
+  std::uint64_t length = 0;
+};
+
+Archive archive_of(const SnapshotManifest& manifest, const std::filesystem::path& manifest_file) {
+  return {manifest_file.parent_path() / path_from_utf8(manifest.target).filename(), manifest.target,
+          manifest.archive_sha256, manifest.archive_length};
+}
+
+// Everything that the package will hold, read and judged piece by piece.
+class PackageInputs {
+ public:
+  explicit PackageInputs(const PackagePublication& publication) : publication_(publication) {
+    require_plain_origin(publication_.origin);
+    Json descriptor = {{"schema_version", 1},
+                       {"kind", "ravok-initial-package"},
+                       {"platform", native_platform()},
+                       {"origin", publication.origin}};
+    descriptor["root"] = add(root());
+    descriptor["ca_bundle"] = publication.ca_bundle.empty() ? Json() : add(ca_bundle());
+    descriptor["bootstrap_manifest"] = add(bootstrap());
+    descriptor["launcher_manifest"] = add(launcher());
+    if (publication.brand) {
+      descriptor["brand"] = brand(*publication.brand);
+    }
+    if (publication.featured_game) {
+      descriptor["featured_game"] = {{"id", publication.featured_game->id}, {"name", publication.featured_game->name}};
+    }
+    documents_.push_back({package_limits::descriptor_name, descriptor.dump(2) + "\n"});
+  }
+
+  // The descriptor is the last.
+  const std::vector<Document>& documents() const { return documents_; }
+  const std::vector<Archive>& archives() const { return archives_; }
+
+ private:
+  Json add(Document document) {
+    Json described = document.described();
+    documents_.push_back(std::move(document));
+    return described;
+  }
+
+  Document root() const {
+    Document document = read_document(publication_.root, "root.json", tuf_root_limit);
+    about(publication_.root, [&] { require_first_root(document.bytes); });
+    return document;
+  }
+
+  Document ca_bundle() const {
+    return read_document(publication_.ca_bundle, "ca-bundle.pem", package_limits::ca_bundle);
+  }
+
+  Document bootstrap() {
+    const std::filesystem::path& file = publication_.bootstrap_manifest;
+    Document document = read_document(file, "bootstrap.manifest.json", package_limits::document);
+    about(file, [&] {
+      const SnapshotManifest manifest = SnapshotManifest::parse(parse_json(document.bytes, package_limits::document));
+      validate_bootstrap_contract(manifest);
+      archives_.push_back(archive_of(manifest, file));
+    });
+    return document;
+  }
+
+  Document launcher() {
+    const std::filesystem::path& file = publication_.launcher_manifest;
+    Document document = read_document(file, "launcher.manifest.json", package_limits::document);
+    about(file, [&] {
+      archives_.push_back(
+          archive_of(LauncherManifest::parse(parse_json(document.bytes, package_limits::document)), file));
+    });
+    return document;
+  }
+
+  Json brand(const BrandPublication& publication) {
+    Json described = brand_json(parse_brand({{"name", publication.name},
+                                             {"id", publication.id},
+                                             {"publisher", publication.publisher},
+                                             {"icon", !publication.icon.empty()}}));
+    described["icon"] = publication.icon.empty() ? Json() : add(icon(publication.icon));
+    if (!publication.theme.empty()) {
+      described["theme"] = theme(publication.theme);
+    }
+    return described;
+  }
+
+  static Document icon(const std::filesystem::path& file) {
+    Document document = read_document(file, "brand.ico", package_limits::icon);
+    about(file, [&] { validate_brand_icon(document.bytes); });
+    return document;
+  }
+
+  Json theme(const std::filesystem::path& directory) {
+    const std::filesystem::path file = directory / "theme.json";
+    const Document document = read_document(file, "theme.json", package_limits::theme_definition);
+    const Json definition = about(file, [&] { return parse_json(document.bytes, package_limits::theme_definition); });
+    about(directory, [&] { parse_theme(definition, directory); });
+    Json files = Json::object();
+    for (const std::string& name : theme_files(definition)) {
+      files[name] = add(read_document(directory / name, "theme-" + name, package_limits::theme_file));
+    }
+    return {{"definition", add(document)}, {"files", std::move(files)}};
+  }
+
+  const PackagePublication& publication_;
+  std::vector<Document> documents_;
+  std::vector<Archive> archives_;
+};
+
+// Copies an archive and proves that it is the one of its manifest.
+void copy_archive(const Archive& archive, const std::filesystem::path& folder, const ProgressCallback& progress) {
+  const Descriptor input(retry_interrupted([&] { return open(archive.file.c_str(), O_RDONLY | O_CLOEXEC); }));
+  require(static_cast<bool>(input), "file_read", "Cannot open the archive that the manifest names");
+  ExportFile output(folder / archive.name);
+  DigestState state("sha256");
+  std::string buffer(piece_bytes, '\0');
+  std::uint64_t done = 0;
+  for (;;) {
+    report(progress, done, archive.length);
+    const ssize_t count = retry_interrupted([&] { return read(input.get(), buffer.data(), buffer.size()); });
+    require(count >= 0, "file_read", "Cannot read the archive that the manifest names");
+    if (count == 0) {
+      break;
+    }
+    const std::string_view piece(buffer.data(), static_cast<std::size_t>(count));
+    require(piece.size() <= archive.length - done, "content_mismatch", "The archive is not the one of its manifest");
+    output.write(piece);
+    state.update(piece);
+    done += piece.size();
+  }
+  require(done == archive.length && state.value() == archive.sha256, "content_mismatch",
+          "The archive is not the one of its manifest");
+  output.commit();
+}
+
+}  // namespace
+
+PublishedPackage publish_package(const PackagePublication& publication, const ProgressCallback& progress) {
+  PublishedPackage published;
+  published.directory = output_path(publication.output);
+  require_absent(published.directory);
+  const PackageInputs inputs(publication);
+  published.seal = digest(inputs.documents().back().bytes, "sha256");
+  std::uint64_t total = 0;
+  for (const Archive& archive : inputs.archives()) {
+    total += archive.length;
+  }
+  const std::uint64_t work = 2 * total;
+
+  NewFolder folder(published.directory);
+  std::uint64_t copied = 0;
+  for (const Archive& archive : inputs.archives()) {
+    about(archive.file, [&] {
+      copy_archive(archive, folder.path(),
+                   [&](std::uint64_t done, std::uint64_t) { return !progress || progress(copied + done, work); });
+    });
+    copied += archive.length;
+  }
+  published.length = total;
+  for (const Document& document : inputs.documents()) {
+    write_new_file(folder.path() / document.name, document.bytes);
+    published.length += document.bytes.size();
+  }
+  read_native_package(folder.path(), published.seal, [&](std::uint64_t done, std::uint64_t) {
+    return !progress || progress(std::min(total + done, work), work);
+  });
+  folder.commit();
+  return published;
+}
+
+}  // namespace ravok

@@ -1,0 +1,164 @@
+#include "publisher/signing_key.hpp"
+
+#include <algorithm>
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <span>
+#include <vector>
+
+#include <openssl/bio.h>
+#include <openssl/err.h>
+#include <openssl/evp.h>
+#include <openssl/pem.h>
+
+#include "domain/crypto.hpp"
+#include "domain/error.hpp"
+#include "domain/signature_scheme.hpp"
+
+namespace ravok {
+namespace {
+
+constexpr std::size_t rsa_bits = 3072;
+constexpr std::size_t maximum_text = 65'536;
+constexpr const char* kind = "ravok-signing-key";
+
+[[noreturn]] void library_failed() {
+  ERR_clear_error();
+  fail("crypto_failure", "The cryptographic library could not use the signing key");
+}
+
+const SignatureScheme* find_scheme(std::string_view name) {
+  const auto found = std::find_if(signature_schemes.begin(), signature_schemes.end(),
+                                  [&](const SignatureScheme& scheme) { return scheme.name == name; });
+  return found == signature_schemes.end() ? nullptr : &*found;
+}
+
+std::string all_schemes() {
+  std::string names;
+  for (const SignatureScheme& scheme : signature_schemes) {
+    names += (names.empty() ? "" : ", ") + std::string(scheme.name);
+  }
+  return names;
+}
+
+EVP_PKEY* make_key(const SignatureScheme& scheme) {
+  switch (scheme.family) {
+    case SchemeFamily::rsa:
+      return EVP_PKEY_Q_keygen(nullptr, nullptr, "RSA", rsa_bits);
+    case SchemeFamily::ecdsa:
+      return EVP_PKEY_Q_keygen(nullptr, nullptr, "EC", scheme.parameter);
+    case SchemeFamily::ed25519:
+      return EVP_PKEY_Q_keygen(nullptr, nullptr, "ED25519");
+    case SchemeFamily::ml_dsa:
+      return EVP_PKEY_Q_keygen(nullptr, nullptr, scheme.parameter);
+  }
+  return nullptr;
+}
+
+// What a writer of PEM text wrote.
+template <typename Write>
+std::string pem_text(Write write) {
+  const std::unique_ptr<BIO, ReleaseOpenssl> buffer(BIO_new(BIO_s_mem()));
+  if (!buffer || !write(buffer.get())) {
+    library_failed();
+  }
+  char* bytes = nullptr;
+  const long size = BIO_get_mem_data(buffer.get(), &bytes);
+  return {bytes, static_cast<std::size_t>(size)};
+}
+
+std::string public_text(const SignatureScheme& scheme, EVP_PKEY* key) {
+  if (scheme.family != SchemeFamily::ed25519) {
+    return pem_text([&](BIO* buffer) { return PEM_write_bio_PUBKEY(buffer, key) == 1; });
+  }
+  std::array<std::uint8_t, 32> bytes{};
+  std::size_t size = bytes.size();
+  if (EVP_PKEY_get_raw_public_key(key, bytes.data(), &size) != 1 || size != bytes.size()) {
+    library_failed();
+  }
+  return hex(bytes);
+}
+
+// A key that asks for a password is not one that this program made.
+int no_password(char*, int, int, void*) { return -1; }
+
+EVP_PKEY* read_private(const std::string& text) {
+  const std::unique_ptr<BIO, ReleaseOpenssl> buffer(BIO_new_mem_buf(text.data(), static_cast<int>(text.size())));
+  EVP_PKEY* const key = buffer ? PEM_read_bio_PrivateKey(buffer.get(), nullptr, no_password, nullptr) : nullptr;
+  ERR_clear_error();
+  return key;
+}
+
+}  // namespace
+
+void SigningKey::Release::operator()(evp_pkey_st* key) const { EVP_PKEY_free(key); }
+
+SigningKey::SigningKey(const SignatureScheme& scheme, Handle handle)
+    : scheme_(&scheme),
+      handle_(std::move(handle)),
+      key_({{"keytype", scheme.keytype},
+            {"scheme", scheme.name},
+            {"keyval", {{"public", public_text(scheme, handle_.get())}}}}),
+      id_(key_id(key_)) {}
+
+SigningKey::~SigningKey() = default;
+SigningKey::SigningKey(SigningKey&&) noexcept = default;
+SigningKey& SigningKey::operator=(SigningKey&&) noexcept = default;
+
+SigningKey SigningKey::generate(std::string_view scheme) {
+  const SignatureScheme* const found = find_scheme(scheme);
+  require(found != nullptr, "unknown_scheme",
+          "There is no scheme " + std::string(scheme) + "; there are " + all_schemes());
+  Handle handle(make_key(*found));
+  if (!handle) {
+    library_failed();
+  }
+  return SigningKey(*found, std::move(handle));
+}
+
+SigningKey SigningKey::parse(const Json& document) {
+  constexpr const char* code = "invalid_key";
+  return refuse_malformed(code, "The signing key is malformed", [&] {
+    require(has_exactly(document, {"schema_version", "kind", "scheme", "private"}) &&
+                is_integer(document.at("schema_version"), 1) && document.at("kind") == kind,
+            code, "The file holds no signing key");
+    const SignatureScheme* const scheme = find_scheme(text_at(document, "scheme"));
+    const std::string& text = text_at(document, "private");
+    require(scheme != nullptr && text.size() <= maximum_text, code, "The signing key is malformed");
+    Handle handle(read_private(text));
+    require(handle && fits(handle.get(), *scheme), code, "The signing key is not one of its scheme");
+    return SigningKey(*scheme, std::move(handle));
+  });
+}
+
+Json SigningKey::document() const {
+  const std::string text = pem_text([&](BIO* buffer) {
+    return PEM_write_bio_PKCS8PrivateKey(buffer, handle_.get(), nullptr, nullptr, 0, nullptr, nullptr) == 1;
+  });
+  return {{"schema_version", 1}, {"kind", kind}, {"scheme", scheme_->name}, {"private", text}};
+}
+
+std::string SigningKey::sign(std::string_view payload) const {
+  const bool ml_dsa = scheme_->family == SchemeFamily::ml_dsa;
+  const std::vector<std::uint8_t> own = ml_dsa ? ml_dsa_message(payload) : std::vector<std::uint8_t>();
+  const std::span<const std::uint8_t> message = ml_dsa ? std::span<const std::uint8_t>(own) : bytes_of(payload);
+  const std::unique_ptr<EVP_MD_CTX, ReleaseOpenssl> context(EVP_MD_CTX_new());
+  EVP_PKEY_CTX* parameters = nullptr;
+  std::size_t size = 0;
+  const bool ready = context && (!ml_dsa || !own.empty()) &&
+                     EVP_DigestSignInit_ex(context.get(), &parameters, scheme_->digest, nullptr, nullptr, handle_.get(),
+                                           nullptr) == 1 &&
+                     (scheme_->family != SchemeFamily::rsa || use_pss(parameters, scheme_->digest)) &&
+                     EVP_DigestSign(context.get(), nullptr, &size, message.data(), message.size()) == 1;
+  std::vector<std::uint8_t> signature(size);
+  if (!ready || EVP_DigestSign(context.get(), signature.data(), &size, message.data(), message.size()) != 1) {
+    library_failed();
+  }
+  signature.resize(size);
+  return hex(signature);
+}
+
+std::string key_id(const Json& key) { return digest(canonical_json(key), "sha256"); }
+
+}  // namespace ravok

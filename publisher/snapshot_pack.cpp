@@ -1,0 +1,351 @@
+#include "publisher/snapshot_pack.hpp"
+
+#include <algorithm>
+#include <array>
+#include <cstddef>
+#include <exception>
+#include <limits>
+#include <memory>
+#include <set>
+#include <span>
+#include <utility>
+#include <vector>
+
+#include <archive.h>
+#include <archive_entry.h>
+#include <fcntl.h>
+#include <unistd.h>
+#include <zstd.h>
+
+#include "domain/crypto.hpp"
+#include "domain/error.hpp"
+#include "domain/limits.hpp"
+#include "domain/path_tree.hpp"
+#include "domain/paths.hpp"
+#include "platform/file/file_status.hpp"
+#include "platform/file/tree_walk.hpp"
+
+namespace ravok {
+namespace {
+
+constexpr std::uint64_t maximum_bytes = std::uint64_t{1} << 42;
+constexpr std::size_t maximum_files = 100'000;
+constexpr std::size_t maximum_entries = 250'000;
+// Of directories below each other: with it, the place of the installation has levels left below the client's
+// own bound.
+constexpr std::ptrdiff_t maximum_depth = 96;
+constexpr int minimum_level = 1;
+constexpr int maximum_level = 19;
+
+[[noreturn]] void refuse(std::string_view code, std::string_view message, std::string_view path) {
+  fail(code, std::string(message) + ": " + std::string(path));
+}
+
+// Runs a rule of the client's and names the path that it refuses.
+template <typename Rule>
+void require_rule(std::string_view path, Rule rule) {
+  try {
+    rule();
+  } catch (const Error& error) {
+    refuse(error.code, error.what(), path);
+  }
+}
+
+bool is_ascii(std::string_view path) {
+  return std::all_of(path.begin(), path.end(), [](char c) { return c >= 32 && c <= 126; });
+}
+
+class Scan {
+ public:
+  void add(const TreeEntry& entry) {
+    require(++entries_ <= maximum_entries, "size_limit", "Game directory entry count exceeds bounds");
+    if (entry.type == EntryType::directory) {
+      directories_.emplace(entry.path);
+      return;
+    }
+    if (entry.type != EntryType::file) {
+      refuse("archive_type", "Only ordinary files are accepted in snapshots", entry.path);
+    }
+    add_file(entry);
+  }
+
+  SnapshotInventory finish() {
+    require(!files_.empty(), "size_limit", "Package file count exceeds bounds");
+    require_no_empty_directory();
+    require_no_collision();
+    return std::move(files_);
+  }
+
+ private:
+  void add_file(const TreeEntry& entry) {
+    require_rule(entry.path, [&] { validate_relative_path(entry.path, true); });
+    if (std::count(entry.path.begin(), entry.path.end(), '/') > maximum_depth) {
+      refuse("size_limit", "Package directories are nested too deeply", entry.path);
+    }
+    if (!is_ascii(entry.path)) {
+      refuse("invalid_manifest", "The v1 package profile requires ASCII file paths", entry.path);
+    }
+    const auto status = link_status_at(entry.directory, entry.name);
+    if (!status || !S_ISREG(status->st_mode)) {
+      refuse("archive_type", "Only ordinary files are accepted in snapshots", entry.path);
+    }
+    SnapshotFile file;
+    file.length = static_cast<std::uint64_t>(status->st_size);
+    file.executable = mode_bits(*status) == 0755;
+    if (!file.executable && mode_bits(*status) != 0644) {
+      refuse("invalid_manifest", "Package modes must be 0644 or 0755", entry.path);
+    }
+    if (file.length > maximum_bytes - total_) {
+      refuse("size_limit", "Expanded package exceeds size bounds", entry.path);
+    }
+    total_ += file.length;
+    require(files_.size() < maximum_files, "size_limit", "Package file count exceeds bounds");
+    files_.emplace(entry.path, file);
+  }
+
+  void require_no_empty_directory() const {
+    for (const std::string& directory : directories_) {
+      const std::string below = directory + "/";
+      const auto first = files_.lower_bound(below);
+      if (first == files_.end() || !first->first.starts_with(below)) {
+        refuse("archive_type", "Snapshots hold no empty directories", directory);
+      }
+    }
+  }
+
+  void require_no_collision() const {
+    PathTree paths;
+    for (const auto& entry : files_) {
+      require_rule(entry.first, [&] { paths.add_file(entry.first); });
+    }
+    if (const auto both = paths.file_above_another()) {
+      refuse("path_collision", "Package file is another file's parent directory", *both);
+    }
+  }
+
+  std::size_t entries_ = 0;
+  std::uint64_t total_ = 0;
+  SnapshotInventory files_;
+  std::set<std::string> directories_;
+};
+
+// Compresses what it is given into one frame, and digests what comes out.
+class Compressor {
+ public:
+  Compressor(int level, const std::function<void(std::string_view)>& sink)
+      : context_(ZSTD_createCCtx()), output_(ZSTD_CStreamOutSize()), sink_(sink) {
+    require(context_ && set(ZSTD_c_compressionLevel, level) && set(ZSTD_c_checksumFlag, 1), "archive",
+            "Cannot start the archive's compression");
+  }
+
+  void write(std::string_view bytes) { compress(bytes, ZSTD_e_continue); }
+  PackedArchive finish() {
+    compress({}, ZSTD_e_end);
+    return {length_, digest_.value()};
+  }
+
+ private:
+  struct Release {
+    void operator()(ZSTD_CCtx* context) const { ZSTD_freeCCtx(context); }
+  };
+
+  bool set(ZSTD_cParameter parameter, int value) {
+    return ZSTD_isError(ZSTD_CCtx_setParameter(context_.get(), parameter, value)) == 0;
+  }
+
+  void compress(std::string_view bytes, ZSTD_EndDirective directive) {
+    ZSTD_inBuffer input = {bytes.data(), bytes.size(), 0};
+    for (;;) {
+      ZSTD_outBuffer output = {output_.data(), output_.size(), 0};
+      const std::size_t left = ZSTD_compressStream2(context_.get(), &output, &input, directive);
+      require(ZSTD_isError(left) == 0, "archive", "Cannot compress the archive");
+      take({output_.data(), output.pos});
+      if (directive == ZSTD_e_end ? left == 0 : input.pos == input.size) {
+        return;
+      }
+    }
+  }
+
+  void take(std::string_view bytes) {
+    require(bytes.size() <= maximum_bytes - length_, "size_limit", "Snapshot exceeds archive size bounds");
+    length_ += bytes.size();
+    digest_.update(bytes);
+    sink_(bytes);
+  }
+
+  std::unique_ptr<ZSTD_CCtx, Release> context_;
+  std::vector<char> output_;
+  const std::function<void(std::string_view)>& sink_;
+  DigestState digest_{"sha256"};
+  std::uint64_t length_ = 0;
+};
+
+// Writes a tar archive whose every byte follows from its files: no owner, no time, no directories.
+class TarWriter {
+ public:
+  explicit TarWriter(Compressor& compressor)
+      : compressor_(compressor), writer_(archive_write_new()), entry_(archive_entry_new()) {
+    const bool opened = writer_ && entry_ && archive_write_set_format_pax_restricted(writer_.get()) == ARCHIVE_OK &&
+                        archive_write_add_filter_none(writer_.get()) == ARCHIVE_OK &&
+                        archive_write_set_bytes_per_block(writer_.get(), piece_bytes) == ARCHIVE_OK &&
+                        archive_write_set_bytes_in_last_block(writer_.get(), 1) == ARCHIVE_OK &&
+                        archive_write_open(writer_.get(), this, nullptr, &TarWriter::take, nullptr) == ARCHIVE_OK;
+    require_written(opened);
+  }
+  // What was not finished is not to be finished now.
+  ~TarWriter() { abandoned_ = true; }
+  TarWriter(const TarWriter&) = delete;
+  TarWriter& operator=(const TarWriter&) = delete;
+
+  void begin_file(const std::string& path, const SnapshotFile& file) {
+    archive_entry_clear(entry_.get());
+    archive_entry_set_pathname(entry_.get(), path.c_str());
+    archive_entry_set_filetype(entry_.get(), AE_IFREG);
+    archive_entry_set_perm(entry_.get(), file.executable ? 0755 : 0644);
+    archive_entry_set_size(entry_.get(), static_cast<std::int64_t>(file.length));
+    archive_entry_set_mtime(entry_.get(), 0, 0);
+    require_written(archive_write_header(writer_.get(), entry_.get()) == ARCHIVE_OK);
+  }
+
+  void add_content(std::span<const std::uint8_t> bytes) {
+    require_written(archive_write_data(writer_.get(), bytes.data(), bytes.size()) ==
+                    static_cast<la_ssize_t>(bytes.size()));
+  }
+
+  void finish() { require_written(archive_write_close(writer_.get()) == ARCHIVE_OK); }
+
+ private:
+  struct ReleaseWriter {
+    void operator()(::archive* writer) const {
+      // After a failure, only an explicit close releases what the library holds.
+      archive_write_close(writer);
+      archive_write_free(writer);
+    }
+  };
+  struct ReleaseEntry {
+    void operator()(archive_entry* entry) const { archive_entry_free(entry); }
+  };
+
+  // A failure of the sink must not cross the library's code: it is kept and goes on behind it.
+  static la_ssize_t take(::archive*, void* self, const void* bytes, std::size_t size) noexcept {
+    auto& writer = *static_cast<TarWriter*>(self);
+    if (writer.abandoned_) {
+      return -1;
+    }
+    try {
+      writer.compressor_.write({static_cast<const char*>(bytes), size});
+      return static_cast<la_ssize_t>(size);
+    } catch (...) {
+      writer.problem_ = std::current_exception();
+      return -1;
+    }
+  }
+
+  void require_written(bool written) {
+    if (problem_) {
+      std::rethrow_exception(std::exchange(problem_, nullptr));
+    }
+    require(written, "archive", "Cannot write the archive");
+  }
+
+  Compressor& compressor_;
+  std::exception_ptr problem_;
+  bool abandoned_ = false;
+  std::unique_ptr<::archive, ReleaseWriter> writer_;
+  std::unique_ptr<archive_entry, ReleaseEntry> entry_;
+};
+
+class Packing {
+ public:
+  Packing(const std::filesystem::path& root, std::uint64_t total, const ProgressCallback& progress)
+      : files_(open_tree(root)), total_(total), progress_(progress), buffer_(piece_bytes) {}
+
+  // Adds a file to the archive and returns its digest.
+  std::string add(const std::string& path, const SnapshotFile& expected, TarWriter& archive) {
+    const Descriptor file = open_as_scanned(path, expected);
+    archive.begin_file(path, expected);
+    DigestState digest("sha256");
+    std::uint64_t read = 0;
+    while (const std::size_t size = read_piece(file.get(), path)) {
+      if (size > expected.length - read) {
+        changed(path);
+      }
+      read += size;
+      digest.update({reinterpret_cast<const char*>(buffer_.data()), size});
+      archive.add_content(std::span(buffer_).first(size));
+      done_ += size;
+      report(progress_, done_, total_);
+    }
+    if (read != expected.length) {
+      changed(path);
+    }
+    return digest.value();
+  }
+
+ private:
+  [[noreturn]] static void changed(const std::string& path) {
+    refuse("content_mismatch", "The tree changed while it was packed", path);
+  }
+
+  Descriptor open_as_scanned(const std::string& path, const SnapshotFile& expected) {
+    Descriptor file = files_.open(path, O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    if (!file) {
+      refuse("file_read", "Cannot open file", path);
+    }
+    const auto status = status_of(file.get());
+    const mode_t mode = expected.executable ? 0755 : 0644;
+    if (!status || !S_ISREG(status->st_mode) || mode_bits(*status) != mode ||
+        static_cast<std::uint64_t>(status->st_size) != expected.length) {
+      changed(path);
+    }
+    return file;
+  }
+
+  std::size_t read_piece(int file, const std::string& path) {
+    const ssize_t count = retry_interrupted([&] { return read(file, buffer_.data(), buffer_.size()); });
+    if (count < 0) {
+      refuse("file_read", "Cannot read file", path);
+    }
+    return static_cast<std::size_t>(count);
+  }
+
+  TreePaths files_;
+  std::uint64_t done_ = 0;
+  std::uint64_t total_;
+  const ProgressCallback& progress_;
+  std::vector<std::uint8_t> buffer_;
+};
+
+}  // namespace
+
+SnapshotInventory scan_snapshot_tree(const std::filesystem::path& root) {
+  Descriptor directory = open_tree(root);
+  if (!directory) {
+    refuse("unsafe_path", "Expected a plain directory", path_utf8(root));
+  }
+  Scan scan;
+  walk_tree(std::move(directory), [&](const TreeEntry& entry) { scan.add(entry); });
+  return scan.finish();
+}
+
+PackedArchive pack_snapshot(const std::filesystem::path& root, SnapshotInventory& inventory, int level,
+                            const std::function<void(std::string_view bytes)>& sink, const ProgressCallback& progress) {
+  require(level >= minimum_level && level <= maximum_level, "usage", "The compression level is a number from 1 to 19");
+  std::uint64_t total = 0;
+  for (const auto& [path, file] : inventory) {
+    total += file.length;
+  }
+  Compressor compressor(level, sink);
+  {
+    TarWriter archive(compressor);
+    Packing packing(root, total, progress);
+    report(progress, 0, total);
+    for (auto& [path, file] : inventory) {
+      file.sha256 = packing.add(path, file, archive);
+    }
+    archive.finish();
+  }
+  return compressor.finish();
+}
+
+}  // namespace ravok

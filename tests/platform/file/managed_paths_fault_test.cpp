@@ -1,0 +1,40 @@
+// A link of the system that is gone by the time that it is read.
+
+#include <cerrno>
+
+#include <gtest/gtest.h>
+
+#include "platform/file/managed_paths.hpp"
+#include "support/failure.hpp"
+#include "support/file_calls.hpp"
+#include "support/temporary_root.hpp"
+
+namespace ravok {
+namespace {
+
+using testing::failing;
+using testing::Planned;
+
+TEST(SystemLinkFault, ALinkThatCannotBeReadIsRefused) {
+  if (!testing::is_root()) {
+    GTEST_SKIP() << "only user 0 can make the system's links";
+  }
+  const testing::TemporaryRoot root;
+  root.directory("real");
+  std::filesystem::create_symlink("real", root / "link");
+  for (const int problem : {EIO, ENOENT, EINVAL, 0}) {
+    const Planned set(failing("readlink", problem));
+    EXPECT_FAILURE(resolve_system_links(root / "link/x"), "unsafe_path", "Cannot read a system link") << problem;
+  }
+  EXPECT_EQ(resolve_system_links(root / "link/x"), root / "real/x");
+}
+
+TEST(SystemLinkFault, WhatCannotBeLookedAtStaysAsItIs) {
+  const testing::TemporaryRoot root;
+  const Planned set(failing("lstat", EIO));
+  EXPECT_EQ(resolve_system_links(root / "a/b"), root / "a/b");
+  EXPECT_EQ(set.count("lstat"), 1);
+}
+
+}  // namespace
+}  // namespace ravok
