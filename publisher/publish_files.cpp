@@ -1,16 +1,10 @@
 #include "publisher/publish_files.hpp"
 
-#include <optional>
 #include <utility>
 
-#include <fcntl.h>
-#include <sys/stat.h>
-
 #include "domain/crypto.hpp"
-#include "platform/file/file_status.hpp"
-#include "platform/file/posix_files.hpp"
+#include "platform/file/file_operations.hpp"
 #include "platform/file/tree_removal.hpp"
-#include "platform/os.hpp"
 
 namespace ravok {
 
@@ -26,12 +20,12 @@ std::filesystem::path output_path(const std::filesystem::path& path) {
 void write_new_file(const std::filesystem::path& path, std::string_view bytes) { NewOutput(path, bytes).keep(); }
 
 void make_output_folder(int parent, const std::string& name, const std::filesystem::path& path) {
-  bool made = mkdirat(parent, name.c_str(), 0755) == 0;
-  const auto status = made ? link_status_at(parent, name.c_str()) : std::nullopt;
-  if (status && (status->st_mode & S_IRWXU) != S_IRWXU) {
-    made = fchmodat(parent, name.c_str(), mode_bits(*status) | S_IRWXU, 0) == 0;
+  Problem problem = os::make_directory_at(parent, name.c_str(), permissions::readable_directory);
+  const auto status = link_status_at(parent, name.c_str());
+  if (!problem && status && (status->permissions & permissions::owner) != permissions::owner) {
+    problem = os::set_permissions_at(parent, name.c_str(), status->permissions | permissions::owner);
   }
-  require(made && status, "file_write", "Cannot make the directory " + path_utf8(path));
+  require(!problem && status, "file_write", "Cannot make the directory " + path_utf8(path));
 }
 
 void commit_or_remove(ExportFile& file) {
@@ -57,14 +51,15 @@ NewOutput::~NewOutput() {
 
 NewFolder::NewFolder(const std::filesystem::path& output)
     : output_(output),
-      path_(output.native() + "." + random_id() + ".tmp"),
-      name_(path_.filename()),
-      parent_(
-          retry_interrupted([&] { return open(output.parent_path().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC); })) {
+      path_(path_from_utf8(path_utf8(output) + "." + random_id() + ".tmp")),
+      name_(name_of(path_)) {
+  Result<Handle> parent = os::open(output.parent_path(), os::OpenAs::linked_directory);
+  require(parent.has_value(), "file_write", "Cannot make the directory " + path_utf8(path_));
+  parent_ = *std::move(parent);
   make_output_folder(parent_.get(), name_, path_);
-  folder_ =
-      Descriptor(retry_interrupted([&] { return openat(parent_.get(), name_.c_str(), posix_files::walk_flags); }));
-  require(static_cast<bool>(folder_), "file_write", "Cannot make the directory " + path_utf8(path_));
+  Result<Handle> folder = os::open_at(parent_.get(), name_.c_str(), os::OpenAs::directory);
+  require(folder.has_value(), "file_write", "Cannot make the directory " + path_utf8(path_));
+  folder_ = *std::move(folder);
 }
 
 NewFolder::~NewFolder() {
@@ -80,12 +75,12 @@ NewFolder::~NewFolder() {
 
 void NewFolder::commit() {
   constexpr const char* not_durable = "Could not durably synchronize directory";
-  require(posix_files::sync(folder_.get()) == 0, "file_sync", not_durable);
-  std::string name = output_.filename();
-  require(os::rename_exclusive(parent_.get(), name_.c_str(), parent_.get(), name.c_str()) == 0, "file_write",
+  require(!os::flush(folder_.get()), "file_sync", not_durable);
+  std::string name = name_of(output_);
+  require(!os::rename_exclusive(parent_.get(), name_.c_str(), parent_.get(), name.c_str()), "file_write",
           "Cannot give the directory its name: " + path_utf8(output_));
   name_ = std::move(name);
-  require(posix_files::sync(parent_.get()) == 0, "file_sync", not_durable);
+  require(!os::flush(parent_.get()), "file_sync", not_durable);
   committed_ = true;
 }
 

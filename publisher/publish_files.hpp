@@ -8,7 +8,7 @@
 
 #include "domain/error.hpp"
 #include "domain/paths.hpp"
-#include "platform/file/descriptor.hpp"
+#include "platform/file/handle.hpp"
 #include "platform/file/files.hpp"
 
 namespace ravok {
@@ -71,7 +71,7 @@ class NewFolder {
 
   // Where it is filled.
   const std::filesystem::path& path() const { return path_; }
-  int descriptor() const { return folder_.get(); }
+  int handle() const { return folder_.get(); }
 
   // Gives the folder its name, durably. Fails with "file_write" and "file_sync".
   void commit();
@@ -80,8 +80,8 @@ class NewFolder {
   std::filesystem::path output_;
   std::filesystem::path path_;
   std::string name_;  // its present one
-  Descriptor parent_;
-  Descriptor folder_;
+  Handle parent_;
+  Handle folder_;
   bool committed_ = false;
 };
 

@@ -4,16 +4,12 @@
 #include <cstddef>
 #include <cstdint>
 
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include "app/install/native_package.hpp"
 #include "app/install/package_seal.hpp"
 #include "domain/crypto.hpp"
 #include "domain/limits.hpp"
 #include "domain/text_rules.hpp"
-#include "platform/file/descriptor.hpp"
+#include "platform/file/file_operations.hpp"
 #include "platform/file/files.hpp"
 #include "platform/file/tree_walk.hpp"
 #include "publisher/program_image.hpp"
@@ -42,18 +38,18 @@ std::string seal_of(const std::filesystem::path& package) {
 }
 
 void copy_file(const std::filesystem::path& from, const std::filesystem::path& to, const ProgressCallback& progress) {
-  const Descriptor input(retry_interrupted([&] { return open(from.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC); }));
-  require(static_cast<bool>(input), "file_read", "Cannot open file: " + path_utf8(from));
+  const Result<Handle> input = os::open(from, os::OpenAs::file);
+  require(input.has_value(), "file_read", "Cannot open file: " + path_utf8(from));
   ExportFile output(to);
   std::string buffer(piece_bytes, '\0');
   for (;;) {
-    const ssize_t count = retry_interrupted([&] { return read(input.get(), buffer.data(), buffer.size()); });
-    require(count >= 0, "file_read", "Cannot read file: " + path_utf8(from));
-    if (count == 0) {
+    const Result<std::size_t> count = os::read(input->get(), buffer.data(), buffer.size());
+    require(count.has_value(), "file_read", "Cannot read file: " + path_utf8(from));
+    if (*count == 0) {
       break;
     }
-    output.write({buffer.data(), static_cast<std::size_t>(count)});
-    report(progress, static_cast<std::uint64_t>(count), 0);
+    output.write({buffer.data(), *count});
+    report(progress, *count, 0);
   }
   output.commit();
 }
@@ -110,7 +106,7 @@ PublishedInstaller publish_installer(const InstallerPublication& publication, co
   read_native_package(publication.package, published.seal, pass(0));
   NewFolder folder(output);
   const std::filesystem::path package = folder.path() / package_name;
-  make_output_folder(folder.descriptor(), package_name, package);
+  make_output_folder(folder.handle(), package_name, package);
   std::uint64_t copied = whole / 3;
   for (const std::string& name : names_in(publication.package, maximum_entries)) {
     copy_file(publication.package / name, package / name, [&](std::uint64_t count, std::uint64_t) {

@@ -2,9 +2,7 @@
 
 #include <cstdint>
 
-#include <sys/stat.h>
-
-#include "platform/file/file_status.hpp"
+#include "platform/file/status.hpp"
 #include "platform/file/files.hpp"
 #include "publisher/publish_files.hpp"
 #include "tuf/keys.hpp"
@@ -13,7 +11,6 @@ namespace ravok {
 namespace {
 
 constexpr std::uint64_t key_file_limit = 65'536;
-constexpr mode_t others = S_IRWXG | S_IRWXO;
 
 Json read_document(const std::filesystem::path& path) {
   const std::string text = read_file(path, key_file_limit);
@@ -29,7 +26,7 @@ bool is_private(const Json& document) { return document.is_object() && document.
 
 SigningKey parse_private(const std::filesystem::path& path, const Json& document) {
   const auto status = link_status_of(path);
-  require(status && (status->st_mode & others) == 0, "permissions",
+  require(status && (status->permissions & permissions::others) == 0, "permissions",
           "Others may read this private key; give it mode 0600");
   return SigningKey::parse(document);
 }
@@ -46,7 +43,7 @@ Json parse_public(Json key) {
 PublishedKey publish_key(const std::filesystem::path& path, std::string_view scheme) {
   PublishedKey published;
   published.private_file = output_path(path);
-  published.public_file = published.private_file.native() + ".pub";
+  published.public_file = path_from_utf8(path_utf8(published.private_file) + ".pub");
   require_absent(published.private_file);
   require_absent(published.public_file);
   const SigningKey key = SigningKey::generate(scheme);

@@ -6,15 +6,12 @@
 #include <utility>
 #include <vector>
 
-#include <fcntl.h>
-#include <unistd.h>
-
 #include "app/brand/theme_folder.hpp"
 #include "domain/bootstrap_contract.hpp"
 #include "domain/crypto.hpp"
 #include "domain/json.hpp"
 #include "domain/limits.hpp"
-#include "platform/file/descriptor.hpp"
+#include "platform/file/file_operations.hpp"
 #include "platform/file/files.hpp"
 #include "platform/process/native_platform.hpp"
 #include "publisher/publish_files.hpp"
@@ -155,20 +152,20 @@ class PackageInputs {
 
 // Copies an archive and proves that it is the one of its manifest.
 void copy_archive(const Archive& archive, const std::filesystem::path& folder, const ProgressCallback& progress) {
-  const Descriptor input(retry_interrupted([&] { return open(archive.file.c_str(), O_RDONLY | O_CLOEXEC); }));
-  require(static_cast<bool>(input), "file_read", "Cannot open the archive that the manifest names");
+  const Result<Handle> input = os::open(archive.file, os::OpenAs::linked);
+  require(input.has_value(), "file_read", "Cannot open the archive that the manifest names");
   ExportFile output(folder / archive.name);
   DigestState state("sha256");
   std::string buffer(piece_bytes, '\0');
   std::uint64_t done = 0;
   for (;;) {
     report(progress, done, archive.length);
-    const ssize_t count = retry_interrupted([&] { return read(input.get(), buffer.data(), buffer.size()); });
-    require(count >= 0, "file_read", "Cannot read the archive that the manifest names");
-    if (count == 0) {
+    const Result<std::size_t> count = os::read(input->get(), buffer.data(), buffer.size());
+    require(count.has_value(), "file_read", "Cannot read the archive that the manifest names");
+    if (*count == 0) {
       break;
     }
-    const std::string_view piece(buffer.data(), static_cast<std::size_t>(count));
+    const std::string_view piece(buffer.data(), *count);
     require(piece.size() <= archive.length - done, "content_mismatch", "The archive is not the one of its manifest");
     output.write(piece);
     state.update(piece);

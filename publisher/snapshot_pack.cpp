@@ -13,8 +13,6 @@
 
 #include <archive.h>
 #include <archive_entry.h>
-#include <fcntl.h>
-#include <unistd.h>
 #include <zstd.h>
 
 #include "domain/crypto.hpp"
@@ -22,7 +20,7 @@
 #include "domain/limits.hpp"
 #include "domain/path_tree.hpp"
 #include "domain/paths.hpp"
-#include "platform/file/file_status.hpp"
+#include "platform/file/file_operations.hpp"
 #include "platform/file/tree_walk.hpp"
 
 namespace ravok {
@@ -86,13 +84,13 @@ class Scan {
       refuse("invalid_manifest", "The v1 package profile requires ASCII file paths", entry.path);
     }
     const auto status = link_status_at(entry.directory, entry.name);
-    if (!status || !S_ISREG(status->st_mode)) {
+    if (!status || !is_file(*status)) {
       refuse("archive_type", "Only ordinary files are accepted in snapshots", entry.path);
     }
     SnapshotFile file;
-    file.length = static_cast<std::uint64_t>(status->st_size);
-    file.executable = mode_bits(*status) == 0755;
-    if (!file.executable && mode_bits(*status) != 0644) {
+    file.length = status->size;
+    file.executable = status->permissions == permissions::program;
+    if (!file.executable && status->permissions != permissions::readable_file) {
       refuse("invalid_manifest", "Package modes must be 0644 or 0755", entry.path);
     }
     if (file.length > maximum_bytes - total_) {
@@ -255,14 +253,22 @@ class TarWriter {
   std::unique_ptr<archive_entry, ReleaseEntry> entry_;
 };
 
+Handle open_root(const std::filesystem::path& root) {
+  Result<Handle> directory = open_tree(root);
+  if (!directory) {
+    refuse("unsafe_path", "Expected a plain directory", path_utf8(root));
+  }
+  return *std::move(directory);
+}
+
 class Packing {
  public:
   Packing(const std::filesystem::path& root, std::uint64_t total, const ProgressCallback& progress)
-      : files_(open_tree(root)), total_(total), progress_(progress), buffer_(piece_bytes) {}
+      : files_(open_root(root)), total_(total), progress_(progress), buffer_(piece_bytes) {}
 
   // Adds a file to the archive and returns its digest.
   std::string add(const std::string& path, const SnapshotFile& expected, TarWriter& archive) {
-    const Descriptor file = open_as_scanned(path, expected);
+    const Handle file = open_as_scanned(path, expected);
     archive.begin_file(path, expected);
     DigestState digest("sha256");
     std::uint64_t read = 0;
@@ -287,26 +293,26 @@ class Packing {
     refuse("content_mismatch", "The tree changed while it was packed", path);
   }
 
-  Descriptor open_as_scanned(const std::string& path, const SnapshotFile& expected) {
-    Descriptor file = files_.open(path, O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+  Handle open_as_scanned(const std::string& path, const SnapshotFile& expected) {
+    Result<Handle> file = files_.open(path, os::OpenAs::file);
     if (!file) {
       refuse("file_read", "Cannot open file", path);
     }
-    const auto status = status_of(file.get());
-    const mode_t mode = expected.executable ? 0755 : 0644;
-    if (!status || !S_ISREG(status->st_mode) || mode_bits(*status) != mode ||
-        static_cast<std::uint64_t>(status->st_size) != expected.length) {
+    const auto status = status_of(file->get());
+    const std::uint32_t mode = expected.executable ? permissions::program : permissions::readable_file;
+    if (!status || !is_file(*status) || status->permissions != mode ||
+        status->size != expected.length) {
       changed(path);
     }
-    return file;
+    return *std::move(file);
   }
 
   std::size_t read_piece(int file, const std::string& path) {
-    const ssize_t count = retry_interrupted([&] { return read(file, buffer_.data(), buffer_.size()); });
-    if (count < 0) {
+    const Result<std::size_t> count = os::read(file, buffer_.data(), buffer_.size());
+    if (!count) {
       refuse("file_read", "Cannot read file", path);
     }
-    return static_cast<std::size_t>(count);
+    return *count;
   }
 
   TreePaths files_;
@@ -319,12 +325,8 @@ class Packing {
 }  // namespace
 
 SnapshotInventory scan_snapshot_tree(const std::filesystem::path& root) {
-  Descriptor directory = open_tree(root);
-  if (!directory) {
-    refuse("unsafe_path", "Expected a plain directory", path_utf8(root));
-  }
   Scan scan;
-  walk_tree(std::move(directory), [&](const TreeEntry& entry) { scan.add(entry); });
+  walk_tree(open_root(root), [&](const TreeEntry& entry) { scan.add(entry); });
   return scan.finish();
 }
 

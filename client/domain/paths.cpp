@@ -31,16 +31,21 @@ void require_safe_component(std::string_view component, bool portable) {
 
 std::filesystem::path path_from_utf8(std::string_view text) {
   require(!has_nul(text), "unsafe_path", "Native path contains a NUL byte");
-  return std::filesystem::path(std::string(text));
+  return std::filesystem::path(std::u8string(text.begin(), text.end()));
 }
 
-std::string path_utf8(const std::filesystem::path& path) { return path.native(); }
+std::string path_utf8(const std::filesystem::path& path) {
+  const std::u8string text = path.u8string();
+  return {text.begin(), text.end()};
+}
 
 std::size_t native_length(std::string_view text) { return path_from_utf8(text).native().size(); }
 
 bool is_bounded_path_text(std::string_view text) {
   return !text.empty() && text.size() <= maximum_path_bytes && !has_nul(text);
 }
+
+bool is_bounded_path(const std::filesystem::path& path) { return is_bounded_path_text(path_utf8(path)); }
 
 void validate_relative_path(std::string_view path, bool portable) {
   require(!path.empty() && path.size() <= maximum_path_bytes && path.front() != '/' &&
@@ -57,6 +62,8 @@ void validate_relative_path(std::string_view path, bool portable) {
     require(!rest.empty(), "unsafe_path", "Trailing path separator is not allowed");
   }
 }
+
+std::string name_of(const std::filesystem::path& path) { return path_utf8(path.filename()); }
 
 std::filesystem::path folder_of(const std::filesystem::path& path) {
   return path.has_parent_path() ? path.parent_path() : std::filesystem::path(".");

@@ -19,11 +19,15 @@ std::size_t native_length(std::string_view text);
 
 // Whether the text is a path that the system can be given whole: 1 to 4096 bytes without a NUL byte.
 bool is_bounded_path_text(std::string_view text);
+bool is_bounded_path(const std::filesystem::path& path);
 
 // Returns for a relative path of 1 to 4096 bytes, of components of 1 to 255 bytes that name no
 // parent, no drive and no stream; with `portable` also only of names that every supported
 // platform can hold. Fails with "unsafe_path".
 void validate_relative_path(std::string_view path, bool portable);
+
+// Returns the last name of a path, as path_utf8 does; empty for one that ends in a separator.
+std::string name_of(const std::filesystem::path& path);
 
 // Returns the directory that a path names something in: the path without its last name, or ".".
 std::filesystem::path folder_of(const std::filesystem::path& path);

@@ -1,5 +1,6 @@
-// The seam to the operating system: the few things that each system does in its own way. The
-// folder of the system that is built for defines all of them; everything above is written once.
+// The seam to the operating system: the few things that each system does in its own way, besides the operations on
+// files and directories. The folders of the system that is built for define all of them; everything above is written
+// once.
 #pragma once
 
 #include <cstddef>
@@ -8,6 +9,8 @@
 #include <string>
 #include <string_view>
 #include <vector>
+
+#include "platform/file/problem.hpp"
 
 namespace ravok::os {
 
@@ -28,6 +31,21 @@ std::string_view data_root_below_home();
 // The absolute path of the running image in at most `limit` bytes, without a link on the way, or
 // nothing when it cannot be told: the image may have been removed since, or replaced.
 std::optional<std::string> executable_path(std::size_t limit);
+
+// The variables of this process's environment, each as its name, "=" and its value.
+std::vector<std::string> environment();
+
+// Makes this process another program, in another directory. `arguments` begins with the program's own name, and
+// `environment` has the form of the function of that name. Returns only the problem, and then nothing has changed.
+struct ReplacementProblem {
+  bool in_directory = false;  // whether it was the directory that could not be entered
+  Problem problem;
+};
+ReplacementProblem replace_program(const std::string& image, std::vector<std::string> arguments,
+                                   std::vector<std::string> environment, const std::string& directory);
+
+// Whether a stream of this process is a terminal: 0 for its input, 1 for its output, 2 for its errors.
+bool is_terminal(int stream);
 
 // How a program ended that was started and waited for.
 enum class ProgramEnd {
@@ -50,31 +68,6 @@ std::string_view program_signer();
 
 // Makes a write to a pipe fail without a signal once its reader is gone, where the system can be told so.
 void keep_quiet_when_reader_gone(int writer);
-
-// --- Durability and blocks -----------------------------------------------------------------
-
-// Flushes a file or directory to stable storage, through the device's own cache where the system
-// has a call for that. Returns 0, or -1 with errno set; EINTR is handed on.
-int flush(int descriptor);
-
-// Claims blocks for a file that has `allocated` bytes of them, so that it has at least `length`
-// bytes, all or nothing; the file's logical size may stay as it is. Returns 0 or an errno value;
-// ENOTSUP or ENOSYS from a volume that cannot. EINTR is handed on.
-int claim_blocks(int descriptor, std::uint64_t allocated, std::uint64_t length);
-
-// --- Names ---------------------------------------------------------------------------------
-
-// The flags that open a directory only to pass through it, which needs no leave to read it, and
-// never through a link.
-int passage_flags();
-
-// Renames one name to another, each relative to an open directory, and never replaces: EEXIST when
-// `to` exists. Returns 0, or -1 with errno set.
-int rename_exclusive(int from_parent, const char* from, int to_parent, const char* to);
-
-// Exchanges two names, each relative to an open directory, in one step. Returns 0, or -1 with
-// errno set.
-int exchange_names(int first_parent, const char* first, int second_parent, const char* second);
 
 // --- Access lists --------------------------------------------------------------------------
 

@@ -2,7 +2,7 @@
 
 #include "domain/error.hpp"
 #include "domain/json.hpp"
-#include "platform/file/file_status.hpp"
+#include "platform/file/status.hpp"
 #include "platform/file/files.hpp"
 #include "platform/file/native_lock.hpp"
 #include "tuf/keys.hpp"

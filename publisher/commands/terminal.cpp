@@ -6,10 +6,9 @@
 #include <new>
 #include <utility>
 
-#include <unistd.h>
-
 #include "domain/display_text.hpp"
 #include "domain/error.hpp"
+#include "platform/os.hpp"
 
 namespace ravok {
 
@@ -47,7 +46,7 @@ void complain(const std::string& line) {
   }
 }
 
-ProgressLine::ProgressLine(std::string work) : work_(std::move(work)), terminal_(isatty(STDERR_FILENO) != 0) {}
+ProgressLine::ProgressLine(std::string work) : work_(std::move(work)), terminal_(os::is_terminal(2)) {}
 
 ProgressLine::~ProgressLine() {
   if (last_ >= 0) {

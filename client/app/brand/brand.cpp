@@ -14,7 +14,7 @@
 #include "domain/error.hpp"
 #include "domain/identifier.hpp"
 #include "domain/text_rules.hpp"
-#include "platform/file/file_status.hpp"
+#include "platform/file/status.hpp"
 #include "platform/file/files.hpp"
 
 namespace ravok {

@@ -6,7 +6,7 @@
 #include "domain/data_layout.hpp"
 #include "domain/error.hpp"
 #include "domain/paths.hpp"
-#include "platform/file/file_status.hpp"
+#include "platform/file/status.hpp"
 #include "platform/file/files.hpp"
 
 namespace ravok {
@@ -16,7 +16,7 @@ constexpr std::uint64_t definition_limit = 65'536;
 
 bool is_plain_file(const std::filesystem::path& path) {
   const auto status = link_status_of(path);
-  return status && S_ISREG(status->st_mode);
+  return status && is_file(*status);
 }
 
 std::string read_plain(const std::filesystem::path& path, std::uint64_t limit) {

@@ -7,7 +7,7 @@
 
 #include "domain/error.hpp"
 #include "domain/paths.hpp"
-#include "platform/file/file_status.hpp"
+#include "platform/file/status.hpp"
 #include "platform/file/held_directory.hpp"
 #include "platform/file/managed_paths.hpp"
 
@@ -57,7 +57,7 @@ std::vector<std::string> lease_names(const DataPaths& paths) {
   std::optional<HeldDirectory> directory = HeldDirectory::open(paths.root);
   try {
     for (const std::filesystem::path& folder : {launcher.store, launcher.leases}) {
-      directory = directory->find_directory(folder.filename());
+      directory = directory->find_directory(name_of(folder));
       if (!directory) {
         return {};
       }
@@ -66,7 +66,7 @@ std::vector<std::string> lease_names(const DataPaths& paths) {
     // What may not be looked into counts as no folder of leases.
     return {};
   }
-  directory = directory->find_directory(launcher.version_leases.filename());
+  directory = directory->find_directory(name_of(launcher.version_leases));
   return directory ? directory->names() : std::vector<std::string>();
 }
 
@@ -83,7 +83,7 @@ std::filesystem::path data_folder(const std::filesystem::path& path) {
   require(root != root.root_path() && root.has_filename(), "unsafe_path",
           "The data folder cannot be a filesystem root");
   const auto status = link_status_of(root);
-  require(!status || !S_ISLNK(status->st_mode), "unsafe_path", "The data folder cannot be a symbolic link");
+  require(!status || !is_link(*status), "unsafe_path", "The data folder cannot be a symbolic link");
   return root;
 }
 

@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <array>
-#include <cerrno>
 #include <filesystem>
 #include <string>
 #include <string_view>
@@ -28,24 +27,24 @@ constexpr std::array<const char*, 6> update_traces = {"bootstrap-update",       
 void put_in_place(const HeldDirectory& from, const std::string& prepared, const HeldDirectory& to,
                   const std::string& place, const HeldDirectory& staging, const std::string& aside) {
   if (to.type_of(place)) {
-    const int problem = to.try_move(place, staging, aside);
-    if (problem == EXDEV) {
+    const Problem problem = to.try_move(place, staging, aside);
+    if (problem == Cause::other_volume) {
       to.remove_tree(place);
     } else {
-      require(problem == 0, "file_write", "Cannot move " + path_utf8(to.path() / place) + " into place");
+      require(!problem, "file_write", "Cannot move " + path_utf8(to.path() / path_from_utf8(place)) + " into place");
     }
   }
   from.move(prepared, to, place);
 }
 
 void require_no_directory(const HeldDirectory& directory, const std::filesystem::path& record) {
-  require(directory.type_of(record.filename()) != EntryType::directory, "unsafe_path",
+  require(directory.type_of(name_of(record)) != EntryType::directory, "unsafe_path",
           "Setup cannot write " + path_utf8(record) + ": a directory has that name; move it away and try again");
 }
 
 // What is moved to another directory must be writable for its owner. Another user's is not this run's to change.
 void make_movable(const HeldDirectory& directory, const std::filesystem::path& tree) {
-  require(directory.make_movable(tree.filename()), "unsafe_path",
+  require(directory.make_movable(name_of(tree)), "unsafe_path",
           "Setup cannot replace " + path_utf8(tree) + ": it belongs to another user; move it away and try again");
 }
 
@@ -55,7 +54,7 @@ void require_no_remains(const HeldDirectory& staging) {
   constexpr std::array<std::string_view, 3> prepared = {"bootstrap", "launcher-root", "trust"};
   for (const std::string& name : staging.names()) {
     require(std::find(prepared.begin(), prepared.end(), name) != prepared.end(), "unsafe_path",
-            "Setup cannot clear " + path_utf8(staging.path() / name) + "; remove it and try again");
+            "Setup cannot clear " + path_utf8(staging.path() / path_from_utf8(name)) + "; remove it and try again");
   }
 }
 
@@ -78,7 +77,7 @@ class Commit {
       replace_launcher();
     }
     if (plan_.replace_trust) {
-      put_in_place(staging_, "trust", root_, paths_.trust.filename(), staging_, "old-trust");
+      put_in_place(staging_, "trust", root_, name_of(paths_.trust), staging_, "old-trust");
     }
     write_repository();
     write_icon();
@@ -92,8 +91,8 @@ class Commit {
 
  private:
   void replace_bootstrap() const {
-    put_in_place(staging_, "bootstrap", native_, paths_.bootstrap_directory.filename(), staging_, "old-bootstrap");
-    native_.write(paths_.bootstrap_manifest.filename(), package_.bootstrap_manifest_json);
+    put_in_place(staging_, "bootstrap", native_, name_of(paths_.bootstrap_directory), staging_, "old-bootstrap");
+    native_.write(name_of(paths_.bootstrap_manifest), package_.bootstrap_manifest_json);
     // No update of the former bootstrap applies to this one.
     for (const char* name : update_traces) {
       native_.remove_tree_quietly(name);
@@ -103,21 +102,21 @@ class Commit {
   void replace_launcher() const {
     const std::optional<HeldDirectory> prepared = staging_.find_directory("launcher-root");
     require(prepared.has_value(), "unsafe_path", "The prepared launcher is gone");
-    put_in_place(*prepared, "launcher", root_, paths_.launcher.filename(), staging_, "old-launcher");
+    put_in_place(*prepared, "launcher", root_, name_of(paths_.launcher), staging_, "old-launcher");
   }
 
   void write_repository() const {
     std::string ca_bundle;
     if (!package_.ca_bundle.empty()) {
-      root_.write(paths_.repository_ca.filename(), package_.ca_bundle);
+      root_.write(name_of(paths_.repository_ca), package_.ca_bundle);
       ca_bundle = path_utf8(paths_.repository_ca);
     }
     const Json record = {{"schema_version", 1}, {"origin", package_.origin}, {"ca_bundle", ca_bundle}};
-    root_.write(paths_.repository_record.filename(), record.dump());
+    root_.write(name_of(paths_.repository_record), record.dump());
   }
 
   void write_icon() const {
-    const std::string icon = brand_icon_path(paths_.root).filename();
+    const std::string icon = name_of(brand_icon_path(paths_.root));
     if (package_.brand_icon.empty()) {
       native_.remove_quietly(icon);
     } else {
@@ -126,7 +125,7 @@ class Commit {
   }
 
   void replace_theme() const {
-    const std::string place = theme_directory(paths_.root).filename();
+    const std::string place = name_of(theme_directory(paths_.root));
     if (!package_.theme) {
       native_.remove_tree(place);
       return;
@@ -145,7 +144,7 @@ class Commit {
     for (const char* name : old_trees) {
       staging_.remove_tree_quietly(name);
     }
-    native_.remove_tree(paths_.staging.filename());
+    native_.remove_tree(name_of(paths_.staging));
     native_.flush();
   }
 
@@ -193,7 +192,7 @@ void require_clear_way(const InstallFolders& folders, const DataPaths& paths, co
   if (plan.replace_trust) {
     replaced.push_back(paths.trust);
   }
-  require_no_mounts(folders.root.descriptor(), paths.root, [&](const std::filesystem::path& place) {
+  require_no_mounts(folders.root.handle(), paths.root, [&](const std::filesystem::path& place) {
     return std::any_of(replaced.begin(), replaced.end(), [&](const auto& tree) { return within(place, tree); });
   });
 }

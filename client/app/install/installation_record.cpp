@@ -11,7 +11,7 @@
 #include "domain/error.hpp"
 #include "domain/limits.hpp"
 #include "domain/paths.hpp"
-#include "platform/file/file_status.hpp"
+#include "platform/file/status.hpp"
 #include "platform/file/files.hpp"
 #include "platform/file/managed_paths.hpp"
 #include "platform/shortcut/shortcuts.hpp"
@@ -109,7 +109,7 @@ InstallationState installation_state(const DataPaths& paths) {
   bool recorded = is_recorded(paths);
   while (!is_there(paths.incomplete_marker)) {
     const auto native = link_status_of(paths.native);
-    require(!native || !S_ISLNK(native->st_mode), "unsafe_path",
+    require(!native || !is_link(*native), "unsafe_path",
             path_utf8(paths.native) + " is a symbolic link, which setup does not follow; replace it with the folder");
     if (recorded) {
       return InstallationState::complete;
@@ -148,7 +148,7 @@ void write_status(const DataPaths& paths, std::string_view action, std::string_v
     if (native && is_directory(*native)) {
       const Json document = {{"schema_version", 1}, {"kind", status_kind}, {"action", action},
                              {"outcome", outcome},  {"message", message},  {"finished_at", present_time()}};
-      HeldDirectory::open_private(paths.native).write(paths.status_record.filename(), document.dump());
+      HeldDirectory::open_private(paths.native).write(name_of(paths.status_record), document.dump());
     }
   } catch (const std::exception&) {
     // The outcome stays what it is, recorded or not.

@@ -16,7 +16,7 @@
 #include "app/launcher/launcher_store.hpp"
 #include "domain/error.hpp"
 #include "domain/paths.hpp"
-#include "platform/file/file_status.hpp"
+#include "platform/file/status.hpp"
 #include "platform/file/files.hpp"
 #include "platform/file/held_directory.hpp"
 #include "platform/file/managed_paths.hpp"
@@ -46,7 +46,7 @@ bool may_take_installation(const DataPaths& paths) {
     return std::find(ravok_entries.begin(), ravok_entries.end(), name) != ravok_entries.end();
   };
   return std::any_of(names.begin(), names.end(), is_known) ||
-         std::all_of(names.begin(), names.end(), [&](const auto& name) { return name == paths.setup_lock.filename(); });
+         std::all_of(names.begin(), names.end(), [&](const auto& name) { return name == name_of(paths.setup_lock); });
 }
 
 // Whether the work proves something whole: a failure means that it is not.
@@ -65,7 +65,7 @@ HeldDirectory require_plain(const HeldDirectory& directory, const std::filesyste
   std::optional<HeldDirectory> found;
   const HeldDirectory* last = &directory;
   for (const std::filesystem::path& name : below) {
-    found = last->find_directory(name);
+    found = last->find_directory(path_utf8(name));
     require(found.has_value(), "unsafe_path", "Expected a plain directory");
     last = &*found;
   }
@@ -173,11 +173,11 @@ class Installation {
     setup_lock_ =
         std::make_unique<NativeFileLock>(paths_.setup_lock, true, NativeLockSharing::others, LockMode::exclusive);
     require_state_still();
-    native_ = root_->private_directory(paths_.native.filename());
+    native_ = root_->private_directory(name_of(paths_.native));
     bootstrap_lock_ = wait_for_ravok_closed(paths_, std::chrono::milliseconds(0), cancellation_);
     const InstallPlan plan = make_plan();
-    native_->remove_tree_quietly(paths_.staging.filename());
-    const HeldDirectory staging = native_->private_directory(paths_.staging.filename());
+    native_->remove_tree_quietly(name_of(paths_.staging));
+    const HeldDirectory staging = native_->private_directory(name_of(paths_.staging));
     const InstallFolders folders = {*root_, *native_, staging};
     prepare(plan);
     require_clear_way(folders, paths_, package_, plan);
@@ -263,8 +263,8 @@ class Installation {
     }
     if (root_was_missing_) {
       // What has its record is an installation, whatever has failed behind it.
-      if (!native_ || !native_->type_of(paths_.installation_record.filename())) {
-        const std::string lock = paths_.setup_lock.filename();
+      if (!native_ || !native_->type_of(name_of(paths_.installation_record))) {
+        const std::string lock = name_of(paths_.setup_lock);
         for (const std::string& name : root_->names()) {
           if (name != lock) {
             root_->remove_tree_quietly(name);
@@ -277,10 +277,10 @@ class Installation {
       return;
     }
     if (native_) {
-      native_->remove_tree_quietly(paths_.staging.filename());
+      native_->remove_tree_quietly(name_of(paths_.staging));
     }
     if (installation_state(paths_) == InstallationState::none) {
-      const std::string native = paths_.native.filename();
+      const std::string native = name_of(paths_.native);
       if (native_) {
         root_->remove_tree_quietly(native);
       } else if (root_->type_of(native) == EntryType::directory) {
@@ -288,8 +288,8 @@ class Installation {
         root_->remove_quietly(native);
       }
       // Still held, since without its file a lock excludes nobody.
-      root_->remove_quietly(paths_.bootstrap_lock.filename());
-      root_->remove_quietly(paths_.setup_lock.filename());
+      root_->remove_quietly(name_of(paths_.bootstrap_lock));
+      root_->remove_quietly(name_of(paths_.setup_lock));
     }
   }
 

@@ -15,7 +15,7 @@
 #include "domain/paths.hpp"
 #include "domain/text_rules.hpp"
 #include "platform/file/file_digest.hpp"
-#include "platform/file/file_status.hpp"
+#include "platform/file/status.hpp"
 #include "platform/file/files.hpp"
 #include "platform/file/tree_walk.hpp"
 #include "platform/process/native_platform.hpp"
@@ -333,7 +333,7 @@ class PackageReader {
     // One name more than there may be is enough to refuse.
     for (const std::string& name : names_of(package_.directory, names.size() + 1)) {
       const auto status = link_status_of(package_.directory / name);
-      const bool expected = ++count <= names.size() && status && S_ISREG(status->st_mode) && names.contains(name);
+      const bool expected = ++count <= names.size() && status && is_file(*status) && names.contains(name);
       require(expected, invalid, "Initial package contains an unexpected entry: " + name);
     }
     require(count == names.size(), invalid, "Initial package is missing a resource");
@@ -356,8 +356,8 @@ class PackageReader {
   void require_resource(const Resource& resource, const ProgressCallback& progress) const {
     const std::filesystem::path path = package_.directory / resource.path;
     const auto status = link_status_of(path);
-    require(status && S_ISREG(status->st_mode), invalid, "Initial package resource is missing or not a plain file");
-    require(static_cast<std::uint64_t>(status->st_size) == resource.length, "content_mismatch",
+    require(status && is_file(*status), invalid, "Initial package resource is missing or not a plain file");
+    require(status->size == resource.length, "content_mismatch",
             "Initial package resource has the wrong length");
     require(digest_file_progress(path, "sha256", progress) == resource.sha256, "content_mismatch",
             "Initial package resource changed: " + resource.path);

@@ -17,7 +17,7 @@
 #include "domain/crypto.hpp"
 #include "domain/error.hpp"
 #include "domain/paths.hpp"
-#include "platform/file/file_status.hpp"
+#include "platform/file/status.hpp"
 #include "platform/file/held_directory.hpp"
 #include "platform/file/mounts.hpp"
 #include "platform/file/native_files.hpp"
@@ -47,7 +47,7 @@ class Removal {
     const HeldDirectory root = HeldDirectory::open(paths_.root);
     require(root.is_in_place() && setup_lock.matches_path(paths_.setup_lock), "unsafe_path",
             "The data folder was changed while setup worked in it");
-    require_no_mounts(root.descriptor(), paths_.root, [&](const std::filesystem::path& place) {
+    require_no_mounts(root.handle(), paths_.root, [&](const std::filesystem::path& place) {
       return !is_kept(*place.lexically_relative(paths_.root).begin());
     });
     const std::vector<std::string> names = root.names();
@@ -78,9 +78,9 @@ class Removal {
     write_setup_marker(root);
     std::optional<Brand> brand;
     // A link in its place is removed with the rest, and what it leads to is not looked at.
-    if (const auto native = root.find_directory(paths_.native.filename())) {
+    if (const auto native = root.find_directory(name_of(paths_.native))) {
       brand = installed_brand(paths_.root);
-      native->remove(paths_.installation_record.filename());
+      native->remove(name_of(paths_.installation_record));
       // The record is not to outlive the marker.
       native->flush();
     }
@@ -109,8 +109,8 @@ class Removal {
   }
 
   void remove_child(const HeldDirectory& root, const std::string& name) {
-    if (name == paths_.incomplete_marker.filename() || name == paths_.bootstrap_lock.filename() ||
-        name == paths_.setup_lock.filename()) {
+    if (name == name_of(paths_.incomplete_marker) || name == name_of(paths_.bootstrap_lock) ||
+        name == name_of(paths_.setup_lock)) {
       return;
     }
     if (is_kept(name)) {
@@ -121,7 +121,7 @@ class Removal {
   }
 
   void remove_traces(const HeldDirectory& root) const {
-    root.remove_quietly(paths_.bootstrap_lock.filename());
+    root.remove_quietly(name_of(paths_.bootstrap_lock));
     // A power cut must not bring back what the marker no longer guards.
     root.flush();
     remove_setup_marker(root);
@@ -132,7 +132,7 @@ class Removal {
       // All is gone; a marker that comes back asks for nothing but another uninstall.
     }
     // Last, since without its file the lock excludes nobody.
-    root.remove_quietly(paths_.setup_lock.filename());
+    root.remove_quietly(name_of(paths_.setup_lock));
     // With something in it, it stays.
     root.remove_itself_quietly();
   }

@@ -19,7 +19,7 @@
 #include "domain/paths.hpp"
 #include "domain/text_rules.hpp"
 #include "platform/file/directory_identity.hpp"
-#include "platform/file/file_status.hpp"
+#include "platform/file/status.hpp"
 #include "platform/file/files.hpp"
 #include "platform/file/held_directory.hpp"
 #include "platform/file/managed_paths.hpp"
@@ -235,7 +235,7 @@ std::filesystem::path LauncherStore::payload(const Json& reference) const {
 
 std::optional<std::vector<std::string>> LauncherStore::names_below(const std::filesystem::path& folder) const {
   try {
-    const std::optional<HeldDirectory> found = HeldDirectory::open(paths_.store).find_directory(folder.filename());
+    const std::optional<HeldDirectory> found = HeldDirectory::open(paths_.store).find_directory(name_of(folder));
     return found ? std::optional(found->names(maximum_versions + 1)) : std::nullopt;
   } catch (const Error&) {
     return std::nullopt;

@@ -1,7 +1,6 @@
 #include "platform/file/allocated_file.hpp"
 
 #include <algorithm>
-#include <cerrno>
 #include <cstddef>
 #include <limits>
 #include <string>
@@ -9,31 +8,26 @@
 #include <utility>
 #include <vector>
 
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include "domain/error.hpp"
 #include "domain/limits.hpp"
-#include "platform/file/descriptor.hpp"
-#include "platform/file/file_status.hpp"
+#include "domain/paths.hpp"
+#include "platform/file/file_operations.hpp"
 #include "platform/file/files.hpp"
 #include "platform/file/posix_files.hpp"
-#include "platform/file/storage.hpp"
 #include "platform/os.hpp"
 
 namespace ravok {
 namespace {
 
-constexpr std::uint64_t block_bytes = 512;
-constexpr int reopen_flags = O_RDWR | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC;
-constexpr int inspection_flags = O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC;
-
-[[noreturn]] void storage_failure(int problem, std::string_view code, std::string_view message) {
-  if (problem == ENOSPC || problem == EDQUOT) {
+// Fails where a step had a problem.
+void require_storage(const Problem& problem, std::string_view code, std::string_view message) {
+  if (!problem) {
+    return;
+  }
+  if (problem == Cause::no_space) {
     fail("insufficient_space", "Cannot allocate game storage; free space or choose another location");
   }
-  fail(code, std::string(message) + " (" + std::to_string(problem) + ")");
+  fail(code, std::string(message) + " (" + std::to_string(problem.number) + ")");
 }
 
 // Empty where there is no absolute form, which no check of a path passes.
@@ -42,8 +36,8 @@ std::filesystem::path absolute_form(const std::filesystem::path& path) {
   return std::filesystem::absolute(path, ignored);
 }
 
-bool is_private(const FileStatus& status) {
-  return status.st_uid == geteuid() && (status.st_mode & (S_IRWXG | S_IRWXO | S_ISUID | S_ISGID | S_ISVTX)) == 0;
+bool is_private(const Status& status) {
+  return status.is_own && (status.permissions & (permissions::others | permissions::special)) == 0;
 }
 
 }  // namespace
@@ -54,8 +48,9 @@ struct AllocatedFile::Implementation {
   bool owned = false;
   bool identity_known = false;
   bool must_be_private = false;
-  Descriptor parent;  // of a file that is to be written, held from its check on
-  Descriptor descriptor;
+  Handle parent;     // of a file that is to be written, held from its check on
+  std::string name;  // in it
+  Handle file;
 
   Implementation(std::filesystem::path path, std::uint64_t length) {
     reservation.path = std::move(path);
@@ -63,19 +58,19 @@ struct AllocatedFile::Implementation {
   }
 
   ~Implementation() {
-    descriptor.reset();
+    file.reset();
     if (owned && identity_known) {
-      const auto status = link_status_at(parent.get(), name());
-      if (status && S_ISREG(status->st_mode) && is_recorded(*status)) {
-        unlinkat(parent.get(), name(), 0);
+      const auto status = link_status_at(parent.get(), name.c_str());
+      if (status && is_file(*status) && is_recorded(*status)) {
+        os::remove_at(parent.get(), name.c_str());
       }
     }
   }
   Implementation(const Implementation&) = delete;
   Implementation& operator=(const Implementation&) = delete;
 
-  bool is_recorded(const FileStatus& status) const {
-    return device_number(status) == reservation.device && status.st_ino == reservation.inode;
+  bool is_recorded(const Status& status) const {
+    return status.device == reservation.device && status.inode == reservation.inode;
   }
 
   bool is_same_path() const {
@@ -83,57 +78,55 @@ struct AllocatedFile::Implementation {
     return status && is_recorded(*status);
   }
 
-  // The last component of the path. It is looked up in place: the destructor must not need memory.
-  const char* name() const {
-    const std::string& text = reservation.path.native();
-    const std::size_t separator = text.rfind('/');
-    return text.c_str() + (separator == std::string::npos ? 0 : separator + 1);
+  void open_for_inspection(std::string_view message) {
+    Result<Handle> opened = os::open(reservation.path, os::OpenAs::file);
+    require(opened.has_value(), "unsafe_path", message);
+    file = *std::move(opened);
   }
 
-  void open_for_inspection() {
-    descriptor = Descriptor(retry_interrupted([&] { return open(reservation.path.c_str(), inspection_flags); }));
-  }
-
-  // Opens a file that is to be written: one that exists, or with O_CREAT one that does not.
-  void open_for_writing(int flags) {
+  // Opens a file that is to be written: one that exists, or a new one.
+  void open_for_writing(bool create) {
     require(reservation.size <= static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max()), "size_limit",
             "File allocation exceeds native length bounds");
     reservation.path = absolute_form(reservation.path);
-    parent = Descriptor(
-        retry_interrupted([&] { return open(reservation.path.parent_path().c_str(), os::passage_flags()); }));
-    require(static_cast<bool>(parent), "unsafe_path", "Allocation requires an ordinary parent directory");
-    descriptor = Descriptor(retry_interrupted([&] { return openat(parent.get(), name(), flags, 0600); }));
-    if (!descriptor) {
-      storage_failure(errno, "unsafe_path", "Cannot exclusively create or reopen a prepared allocation");
-    }
+    Result<Handle> directory = os::open(reservation.path.parent_path(), os::OpenAs::passage);
+    require(directory.has_value(), "unsafe_path", "Allocation requires an ordinary parent directory");
+    parent = *std::move(directory);
+    // At hand from here on: the destructor must not need memory.
+    name = path_utf8(reservation.path.filename());
+    Result<Handle> opened = create ? os::create_at(parent.get(), name.c_str(), os::CreateAs::file_to_change,
+                                                   permissions::private_file)
+                                   : os::open_at(parent.get(), name.c_str(), os::OpenAs::file_to_change);
+    require_storage(opened.problem(), "unsafe_path", "Cannot exclusively create or reopen a prepared allocation");
+    file = *std::move(opened);
     must_be_private = true;
   }
 
-  void record_identity(const FileStatus& status) {
-    require(device_number(status) <= std::numeric_limits<std::uint32_t>::max(), "unsafe_path",
+  void record_identity(const Status& status) {
+    require(status.device <= std::numeric_limits<std::uint32_t>::max(), "unsafe_path",
             "Allocation requires a device number of at most 32 bits");
-    reservation.device = static_cast<std::uint32_t>(device_number(status));
-    reservation.inode = status.st_ino;
+    reservation.device = static_cast<std::uint32_t>(status.device);
+    reservation.inode = status.inode;
     identity_known = true;
   }
 
   // Proves the open file and returns its size, in bytes.
   std::uint64_t inspect() {
-    const auto status = status_of(descriptor.get());
-    require(status && is_single_link_file(*status) && status->st_size >= 0, "unsafe_path",
+    const auto status = status_of(file.get());
+    require(status && is_single_link_file(*status), "unsafe_path",
             "Allocation requires an ordinary single-link file");
     if (must_be_private) {
       if (!is_private(*status)) {
         fail("permissions", std::string(os::system_name()) + " allocation must remain private and owned");
       }
-      posix_files::require_private_acl(descriptor.get());
+      posix_files::require_private_acl(file.get());
     }
     if (identity_known) {
       require(is_recorded(*status), "allocation_changed", "Prepared allocation identity changed");
     } else {
       record_identity(*status);
     }
-    return static_cast<std::uint64_t>(status->st_size);
+    return status->size;
   }
 
   void require_same_path(std::string_view message) const { require(is_same_path(), "allocation_changed", message); }
@@ -151,26 +144,24 @@ struct AllocatedFile::Implementation {
     if (reservation.size == 0) {
       return;
     }
-    const int problem = posix_files::reserve(descriptor.get(), reservation.size);
-    require(problem != ENOSPC && problem != EDQUOT, "insufficient_space",
+    const Problem problem = os::reserve(file.get(), reservation.size);
+    require(!(problem == Cause::no_space), "insufficient_space",
             "Cannot reserve file data; free space or choose other game storage");
-    const bool cannot_claim = problem == ENOTSUP || problem == ENOSYS;
-    if (problem != 0 && !cannot_claim) {
-      fail("space_reservation", "Native file allocation failed (" + std::to_string(problem) + ")");
+    const bool cannot_claim = problem == Cause::unsupported;
+    if (problem && !cannot_claim) {
+      fail("space_reservation", "Native file allocation failed (" + std::to_string(problem.number) + ")");
     }
     reservation.allocated = !cannot_claim;
   }
 
   void seek(std::uint64_t offset) {
-    if (lseek(descriptor.get(), static_cast<off_t>(offset), SEEK_SET) < 0) {
-      storage_failure(errno, "file_write", "Cannot position staged file data");
-    }
+    require_storage(os::seek(file.get(), offset), "file_write", "Cannot position staged file data");
   }
 
   void create(const OwnershipCallback& callback) {
-    open_for_writing(reopen_flags | O_CREAT | O_EXCL);
+    open_for_writing(true);
     owned = true;
-    posix_files::secure_new_private(descriptor.get(), false);
+    posix_files::secure_new_private(file.get(), false);
     require(inspect() == 0, "unsafe_path", "A new allocation must begin empty");
     require_same_path("New allocation path changed before recording ownership");
     if (callback) {
@@ -187,7 +178,7 @@ struct AllocatedFile::Implementation {
   // The identity is compared here and not by inspect: at first sight any other file is a foreign
   // one, whatever became of ours.
   void reopen(const FileReservation& expected, std::optional<std::uint64_t> resumed) {
-    open_for_writing(reopen_flags);
+    open_for_writing(false);
     const std::uint64_t size = inspect();
     reservation.allocated = expected.allocated;
     const bool same_identity = reservation.device == expected.device && reservation.inode == expected.inode;
@@ -201,7 +192,7 @@ struct AllocatedFile::Implementation {
 
   void synchronize() {
     require_intact("Partial file changed before synchronization");
-    require(posix_files::sync(descriptor.get()) == 0, "file_sync", "Cannot synchronize reserved file data");
+    require(!os::flush(file.get()), "file_sync", "Cannot synchronize reserved file data");
   }
 };
 
@@ -228,8 +219,7 @@ void AllocatedFile::verify_identity(const FileReservation& reservation) {
   Implementation file(reservation.path, reservation.size);
   file.reservation = reservation;
   file.identity_known = true;
-  file.open_for_inspection();
-  require(static_cast<bool>(file.descriptor), "unsafe_path", "Cannot inspect owned partial file identity");
+  file.open_for_inspection("Cannot inspect owned partial file identity");
   const std::uint64_t size = file.inspect();
   require(size <= reservation.size && file.is_same_path(), "allocation_changed",
           "Owned partial file identity or bounds changed");
@@ -237,8 +227,7 @@ void AllocatedFile::verify_identity(const FileReservation& reservation) {
 
 FileReservation AllocatedFile::inspect_file(const std::filesystem::path& path) {
   Implementation file(absolute_form(path), 0);
-  file.open_for_inspection();
-  require(static_cast<bool>(file.descriptor), "unsafe_path", "Cannot inspect cache file identity");
+  file.open_for_inspection("Cannot inspect cache file identity");
   file.reservation.size = file.inspect();
   file.require_same_path("Cache file changed during inspection");
   return file.reservation;
@@ -251,9 +240,9 @@ std::uint64_t AllocatedFile::written() const { return implementation_->written; 
 std::uint64_t AllocatedFile::size() const { return implementation_->reservation.size; }
 
 std::uint64_t AllocatedFile::allocated_bytes() const {
-  const auto status = status_of(implementation_->descriptor.get());
-  require(status && status->st_blocks >= 0, "volume_query", "Cannot inspect existing file allocation");
-  return storage_multiply(static_cast<std::uint64_t>(status->st_blocks), block_bytes);
+  const auto status = status_of(implementation_->file.get());
+  require(status.has_value(), "volume_query", "Cannot inspect existing file allocation");
+  return status->allocated;
 }
 
 void AllocatedFile::reserve_remaining() {
@@ -276,10 +265,10 @@ void AllocatedFile::preserve() {
 void AllocatedFile::discard() {
   Implementation& file = *implementation_;
   file.require_same_path("Cannot discard a replaced partial file");
-  file.descriptor.reset();
+  file.file.reset();
   // Closing may take time.
   file.require_same_path("Partial path changed before disposal");
-  require(unlinkat(file.parent.get(), file.name(), 0) == 0, "file_remove", "Cannot remove a discarded partial file");
+  require(!os::remove_at(file.parent.get(), file.name.c_str()), "file_remove", "Cannot remove a discarded partial file");
   // What may come to that name from here on is another's.
   file.owned = false;
   sync_directory(file.reservation.path.parent_path());
@@ -300,11 +289,10 @@ void AllocatedFile::read_prefix(std::uint64_t length, const ContentSink& sink, c
   std::uint64_t done = 0;
   while (done < length) {
     const auto wanted = static_cast<std::size_t>(std::min<std::uint64_t>(piece_bytes, length - done));
-    const ssize_t count = retry_interrupted(
-        [&] { return pread(file.descriptor.get(), buffer.data(), wanted, static_cast<off_t>(done)); });
-    require(count > 0, "file_read", "Cannot read recorded partial prefix");
-    sink({buffer.data(), static_cast<std::size_t>(count)});
-    done += static_cast<std::uint64_t>(count);
+    const Result<std::size_t> count = os::read_at(file.file.get(), buffer.data(), wanted, done);
+    require(count && *count > 0, "file_read", "Cannot read recorded partial prefix");
+    sink({buffer.data(), *count});
+    done += *count;
     report(done);
   }
   file.inspect();
@@ -315,7 +303,7 @@ FileReservation AllocatedFile::retain_reservation() {
   Implementation& file = *implementation_;
   require(file.written == 0 && file.is_same_path(), "allocation_changed", "Cannot retain a changed allocation");
   FileReservation reservation = file.reservation;
-  file.descriptor.reset();
+  file.file.reset();
   file.owned = false;
   return reservation;
 }
@@ -326,13 +314,11 @@ void AllocatedFile::write(std::string_view bytes) {
           "Write exceeds the authenticated file length");
   while (!bytes.empty()) {
     const std::string_view piece = bytes.substr(0, piece_bytes);
-    const ssize_t count = retry_interrupted([&] { return ::write(file.descriptor.get(), piece.data(), piece.size()); });
-    if (count < 0) {
-      storage_failure(errno, "file_write", "Cannot write staged file data");
-    }
-    require(count != 0, "file_write", "Cannot advance staged file data");
-    file.written += static_cast<std::uint64_t>(count);
-    bytes.remove_prefix(static_cast<std::size_t>(count));
+    const Result<std::size_t> count = os::write(file.file.get(), piece.data(), piece.size());
+    require_storage(count.problem(), "file_write", "Cannot write staged file data");
+    require(*count != 0, "file_write", "Cannot advance staged file data");
+    file.written += *count;
+    bytes.remove_prefix(*count);
   }
 }
 
@@ -341,10 +327,11 @@ void AllocatedFile::set_executable(bool executable) {
   const std::uint64_t size = file.inspect();
   require(size <= file.reservation.size && file.is_same_path(), "allocation_changed",
           "Allocated file changed before setting executable permissions");
-  require(fchmod(file.descriptor.get(), executable ? 0700 : 0600) == 0, "file_permissions",
+  const std::uint32_t wanted = executable ? permissions::owner : permissions::private_file;
+  require(!os::set_permissions(file.file.get(), wanted), "file_permissions",
           "Cannot set private allocated file permissions");
   const auto status = link_status_of(file.reservation.path);
-  require(status && S_ISREG(status->st_mode) && file.is_recorded(*status), "allocation_changed",
+  require(status && is_file(*status) && file.is_recorded(*status), "allocation_changed",
           "Allocated file changed while setting executable permissions");
 }
 
@@ -353,9 +340,7 @@ void AllocatedFile::finish(bool exact) {
   require(!exact || file.written == file.reservation.size, "length_mismatch",
           "File data is shorter than its authenticated length");
   file.require_intact("Allocated file changed before completion");
-  if (retry_interrupted([&] { return ftruncate(file.descriptor.get(), static_cast<off_t>(file.written)); }) != 0) {
-    storage_failure(errno, "file_write", "Cannot set allocated file length");
-  }
+  require_storage(os::set_size(file.file.get(), file.written), "file_write", "Cannot set allocated file length");
   const std::uint64_t size = file.inspect();
   require(size == file.written && file.is_same_path(), "allocation_changed", "Allocated file changed during writing");
   file.synchronize();

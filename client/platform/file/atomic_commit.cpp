@@ -1,20 +1,14 @@
 #include "platform/file/atomic_commit.hpp"
 
-#include <cerrno>
-#include <cstddef>
-#include <optional>
+#include <cstdint>
 #include <string>
 #include <system_error>
+#include <utility>
 
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include "domain/error.hpp"
-#include "domain/limits.hpp"
 #include "domain/paths.hpp"
-#include "platform/file/descriptor.hpp"
-#include "platform/file/file_status.hpp"
+#include "platform/file/file_operations.hpp"
 #include "platform/file/managed_paths.hpp"
 #include "platform/file/posix_files.hpp"
 #include "platform/os.hpp"
@@ -25,8 +19,7 @@ namespace {
 constexpr std::string_view commit_code = "native_install_commit";
 
 bool is_bounded_below_root(const std::filesystem::path& path) {
-  return path != path.root_path() && path.native().size() <= maximum_path_bytes &&
-         path.native().find('\0') == std::string::npos;
+  return path != path.root_path() && is_bounded_path(path);
 }
 
 void run(const std::function<void()>& hook) {
@@ -40,9 +33,9 @@ void run(const std::function<void()>& hook) {
 // A name in a directory that is held open, so that the commit happens there or not at all.
 struct Place {
   std::filesystem::path path;
-  Descriptor parent;
+  Handle parent;
 
-  std::string name() const { return path.filename(); }
+  std::string name() const { return path_utf8(path.filename()); }
   bool parent_is_in_place() const {
     const auto held = status_of(parent.get());
     const auto named = link_status_of(path.parent_path());
@@ -51,21 +44,22 @@ struct Place {
 };
 
 Place place_of(const std::filesystem::path& path) {
-  Place place{path, posix_files::open_passage(path.parent_path())};
-  require(static_cast<bool>(place.parent), "unsafe_path", "Directory commit requires ordinary existing ancestry");
-  return place;
+  Result<Handle> parent = posix_files::open_passage(path.parent_path());
+  require(parent.has_value(), "unsafe_path", "Directory commit requires ordinary existing ancestry");
+  return {path, *std::move(parent)};
 }
 
-bool is_private_source(const FileStatus& status) {
-  const mode_t permissions = status.st_mode & 0777;
-  return status.st_uid == geteuid() &&
-         ((is_directory(status) && permissions == 0700) || (is_single_link_file(status) && permissions == 0600));
+std::uint32_t access_of(const Status& status) { return status.permissions & permissions::everybody; }
+
+bool is_private_source(const Status& status) {
+  return status.is_own &&
+         ((is_directory(status) && access_of(status) == permissions::private_directory) ||
+          (is_single_link_file(status) && access_of(status) == permissions::private_file));
 }
 
-bool is_unchanged_source(const FileStatus& opened, const std::optional<FileStatus>& named) {
-  return named && same_file(opened, *named) && (opened.st_mode & S_IFMT) == (named->st_mode & S_IFMT) &&
-         opened.st_uid == named->st_uid && (opened.st_mode & 0777) == (named->st_mode & 0777) &&
-         (!S_ISREG(named->st_mode) || named->st_nlink == 1);
+bool is_unchanged_source(const Status& opened, const Result<Status>& named) {
+  return named && same_file(opened, *named) && opened.type == named->type && opened.owner == named->owner &&
+         access_of(opened) == access_of(*named) && (!is_file(*named) || named->links == 1);
 }
 
 // --- Exchange ------------------------------------------------------------------------------
@@ -73,28 +67,27 @@ bool is_unchanged_source(const FileStatus& opened, const std::optional<FileStatu
 // A directory held open from its first check until after the exchange.
 struct Held {
   std::filesystem::path path;
-  Descriptor descriptor;
-  FileStatus status;
+  Handle handle;
+  Status status;
 };
 
 Held hold_private_directory(const std::filesystem::path& path) {
   // Only asks whether something could be joined below the path.
   safe_join(path, "exchange-ancestry", true);
-  Held held{path, Descriptor(retry_interrupted([&] { return open(path.c_str(), posix_files::walk_flags); })), {}};
-  const auto status = held.descriptor ? status_of(held.descriptor.get()) : std::nullopt;
-  require(status && is_directory(*status) && status->st_uid == geteuid() && mode_bits(*status) == 0700, commit_code,
-          "Directory exchange requires private owned roots and parents");
-  posix_files::require_private_acl(held.descriptor.get());
-  held.status = *status;
-  return held;
+  Result<Handle> directory = os::open(path, os::OpenAs::directory);
+  const Result<Status> status = directory ? status_of(directory->get()) : directory.problem();
+  require(status && is_directory(*status) && status->is_own && status->permissions == permissions::private_directory,
+          commit_code, "Directory exchange requires private owned roots and parents");
+  posix_files::require_private_acl(directory->get());
+  return {path, *std::move(directory), *status};
 }
 
-bool is_same_directory(const std::optional<FileStatus>& named, const FileStatus& expected) {
+bool is_same_directory(const Result<Status>& named, const Status& expected) {
   return named && is_directory(*named) && same_file(*named, expected);
 }
 
-bool is_same_private_directory(const std::optional<FileStatus>& named, const FileStatus& expected) {
-  return is_same_directory(named, expected) && mode_bits(*named) == 0700;
+bool is_same_private_directory(const Result<Status>& named, const Status& expected) {
+  return is_same_directory(named, expected) && named->permissions == permissions::private_directory;
 }
 
 // The two directories to exchange, and their parents.
@@ -105,25 +98,23 @@ struct Exchange {
   Held second_parent;
 
   void require_distinct_on_one_volume() const {
-    require(first.status.st_dev == second.status.st_dev && first.status.st_ino != second.status.st_ino, commit_code,
+    require(first.status.device == second.status.device && first.status.inode != second.status.inode, commit_code,
             "Directory exchange requires distinct roots on one volume");
   }
 
   void require_unchanged() const {
     for (const Held* held : {&first, &second, &first_parent, &second_parent}) {
-      posix_files::require_private_acl(held->descriptor.get());
+      posix_files::require_private_acl(held->handle.get());
     }
     require(roots_are(first.status, second.status) && parents_are_in_place(), commit_code,
             "Directory exchange identities changed during verification");
   }
 
   void commit() const {
-    require(os::exchange_names(first_parent.descriptor.get(), first_name().c_str(), second_parent.descriptor.get(),
-                               second_name().c_str()) == 0,
+    require(!os::exchange_names(first_parent.handle.get(), first_name().c_str(), second_parent.handle.get(),
+                                second_name().c_str()),
             commit_code, "Cannot atomically exchange native directories");
-    require(
-        posix_files::sync(first_parent.descriptor.get()) == 0 && posix_files::sync(second_parent.descriptor.get()) == 0,
-        "file_sync", "Cannot synchronize exchanged native directories");
+    require(!os::flush(first_parent.handle.get()) && !os::flush(second_parent.handle.get()), "file_sync", "Cannot synchronize exchanged native directories");
   }
 
   void require_exchanged() const {
@@ -132,11 +123,11 @@ struct Exchange {
   }
 
   // By their paths, and by the names that the step takes.
-  bool roots_are(const FileStatus& at_first, const FileStatus& at_second) const {
+  bool roots_are(const Status& at_first, const Status& at_second) const {
     return is_same_private_directory(link_status_of(first.path), at_first) &&
            is_same_private_directory(link_status_of(second.path), at_second) &&
-           is_same_private_directory(link_status_at(first_parent.descriptor.get(), first_name().c_str()), at_first) &&
-           is_same_private_directory(link_status_at(second_parent.descriptor.get(), second_name().c_str()), at_second);
+           is_same_private_directory(link_status_at(first_parent.handle.get(), first_name().c_str()), at_first) &&
+           is_same_private_directory(link_status_at(second_parent.handle.get(), second_name().c_str()), at_second);
   }
 
   bool parents_are_in_place() const {
@@ -144,8 +135,8 @@ struct Exchange {
            is_same_directory(link_status_of(second_parent.path), second_parent.status);
   }
 
-  std::string first_name() const { return first.path.filename(); }
-  std::string second_name() const { return second.path.filename(); }
+  std::string first_name() const { return path_utf8(first.path.filename()); }
+  std::string second_name() const { return path_utf8(second.path.filename()); }
 };
 
 std::filesystem::path absolute_normal(const std::filesystem::path& path, std::string_view message) {
@@ -167,24 +158,22 @@ void commit_private_path_new(const std::filesystem::path& source, const std::fil
   const Place old_place = place_of(from);
   const Place new_place = place_of(to);
 
-  const int flags = O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC;
-  const Descriptor opened(
-      retry_interrupted([&] { return openat(old_place.parent.get(), old_place.name().c_str(), flags); }));
-  const auto status = opened ? status_of(opened.get()) : std::nullopt;
+  const Result<Handle> opened = os::open_at(old_place.parent.get(), old_place.name().c_str(), os::OpenAs::file);
+  const Result<Status> status = opened ? status_of(opened->get()) : opened.problem();
   require(status && is_private_source(*status), commit_code, "Commit source must be private and owned by this user");
-  posix_files::require_private_acl(opened.get());
+  posix_files::require_private_acl(opened->get());
   run(hook);
   // The hook takes time, and with it the chance of a change.
-  posix_files::require_private_acl(opened.get());
+  posix_files::require_private_acl(opened->get());
   // By its path, and by the name that the step takes.
   require(is_unchanged_source(*status, link_status_of(from)) &&
               is_unchanged_source(*status, link_status_at(old_place.parent.get(), old_place.name().c_str())),
           commit_code, "Source identity changed during verification");
   constexpr const char* not_installed = "Cannot atomically install without replacing an existing destination";
   require(new_place.parent_is_in_place(), commit_code, not_installed);
-  if (os::rename_exclusive(old_place.parent.get(), old_place.name().c_str(), new_place.parent.get(),
-                           new_place.name().c_str()) != 0) {
-    fail(errno == EEXIST ? "already_installed" : commit_code, not_installed);
+  if (const Problem problem = os::rename_exclusive(old_place.parent.get(), old_place.name().c_str(),
+                                                   new_place.parent.get(), new_place.name().c_str())) {
+    fail(problem == Cause::exists ? "already_installed" : commit_code, not_installed);
   }
 }
 

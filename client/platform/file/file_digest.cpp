@@ -4,13 +4,12 @@
 #include <span>
 #include <vector>
 
-#include <sys/stat.h>
 
 #include "domain/crypto.hpp"
 #include "domain/error.hpp"
 #include "domain/limits.hpp"
 #include "domain/paths.hpp"
-#include "platform/file/descriptor.hpp"
+#include "platform/file/file_operations.hpp"
 
 namespace ravok {
 namespace {
@@ -24,19 +23,19 @@ struct Piece {
 Piece read_piece(int file, std::span<std::uint8_t> buffer) {
   std::size_t size = 0;
   while (size < buffer.size()) {
-    const ssize_t count = retry_interrupted([&] { return read(file, buffer.data() + size, buffer.size() - size); });
-    if (count <= 0) {
-      return {size, count < 0};
+    const Result<std::size_t> count = os::read(file, buffer.data() + size, buffer.size() - size);
+    if (!count || *count == 0) {
+      return {size, !count};
     }
-    size += static_cast<std::size_t>(count);
+    size += *count;
   }
   return {size, false};
 }
 
 std::uint64_t file_size(int file) {
-  struct stat status;
-  require(fstat(file, &status) == 0, "file_read", "Error reading file during verification");
-  return static_cast<std::uint64_t>(status.st_size);
+  const auto status = status_of(file);
+  require(status.has_value(), "file_read", "Error reading file during verification");
+  return status->size;
 }
 
 }  // namespace
@@ -74,9 +73,9 @@ std::string digest_file(const std::filesystem::path& path, std::string_view algo
 
 std::string digest_file_progress(const std::filesystem::path& path, std::string_view algorithm,
                                  const ProgressCallback& progress) {
-  const Descriptor file(retry_interrupted([&] { return open(path.c_str(), O_RDONLY | O_CLOEXEC); }));
-  require(static_cast<bool>(file), "file_read", "Could not open file for verification: " + path_utf8(path));
-  return FileDigester(algorithm).digest(file.get(), progress);
+  const Result<Handle> file = os::open(path, os::OpenAs::linked);
+  require(file.has_value(), "file_read", "Could not open file for verification: " + path_utf8(path));
+  return FileDigester(algorithm).digest(file->get(), progress);
 }
 
 }  // namespace ravok

@@ -1,45 +1,33 @@
 #include "platform/file/files.hpp"
 
 #include <algorithm>
-#include <cerrno>
 #include <cstddef>
-#include <cstdio>
-#include <optional>
-#include <system_error>
-
-#include <fcntl.h>
-#include <unistd.h>
+#include <utility>
 
 #include "domain/crypto.hpp"
 #include "domain/error.hpp"
 #include "domain/limits.hpp"
 #include "domain/paths.hpp"
-#include "platform/file/descriptor.hpp"
-#include "platform/file/file_status.hpp"
+#include "domain/text_rules.hpp"
+#include "platform/file/file_operations.hpp"
 #include "platform/file/posix_files.hpp"
-#include "platform/os.hpp"
 
 namespace ravok {
 namespace {
 
-constexpr int read_flags = O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC;
 
 // The system would read such a path only as far as the NUL.
 void require_no_nul(const std::filesystem::path& path) {
-  require(path.native().find('\0') == std::string::npos, "unsafe_path", "Native path contains a NUL byte");
-}
-
-Descriptor open_for_reading(const std::filesystem::path& path) {
-  return Descriptor(retry_interrupted([&] { return open(path.c_str(), read_flags); }));
+  require(!has_nul(path_utf8(path)), "unsafe_path", "Native path contains a NUL byte");
 }
 
 // Returns the status of a file that was just opened for reading, and proves that it is an ordinary one.
-FileStatus require_ordinary(const Descriptor& file, const std::filesystem::path& path) {
+Status require_ordinary(const Result<Handle>& file, const std::filesystem::path& path) {
   if (!file) {
-    fail(errno == ELOOP ? "unsafe_path" : "file_read", "Cannot open file: " + path_utf8(path));
+    fail(file.problem() == Cause::is_link ? "unsafe_path" : "file_read", "Cannot open file: " + path_utf8(path));
   }
-  const auto status = status_of(file.get());
-  if (!status || !S_ISREG(status->st_mode) || status->st_size < 0) {
+  const auto status = status_of(file->get());
+  if (!status || !is_file(*status)) {
     fail("unsafe_path", "Expected an ordinary file: " + path_utf8(path));
   }
   return *status;
@@ -51,45 +39,43 @@ std::string read_to_end(int file, std::size_t count) {
   std::size_t done = 0;
   while (done < count) {
     const std::size_t piece = std::min(piece_bytes, count - done);
-    const ssize_t got = retry_interrupted([&] { return read(file, bytes.data() + done, piece); });
-    require(got >= 0, "file_read", "Cannot read file");
-    require(got > 0, "file_read", "File changed while reading");
-    done += static_cast<std::size_t>(got);
+    const Result<std::size_t> got = os::read(file, bytes.data() + done, piece);
+    require(got.has_value(), "file_read", "Cannot read file");
+    require(*got > 0, "file_read", "File changed while reading");
+    done += *got;
   }
   char beyond = 0;
-  const ssize_t got = retry_interrupted([&] { return read(file, &beyond, 1); });
-  require(got >= 0, "file_read", "Cannot finish reading file");
-  require(got == 0, "file_read", "File changed while reading");
+  const Result<std::size_t> got = os::read(file, &beyond, 1);
+  require(got.has_value(), "file_read", "Cannot finish reading file");
+  require(*got == 0, "file_read", "File changed while reading");
   return bytes;
 }
 
 std::string read_ordinary(const std::filesystem::path& path, std::uint64_t limit, bool tail, std::uint64_t* total) {
   require_no_nul(path);
-  const Descriptor file = open_for_reading(path);
-  const auto size = static_cast<std::uint64_t>(require_ordinary(file, path).st_size);
+  const Result<Handle> file = os::open(path, os::OpenAs::file);
+  const std::uint64_t size = require_ordinary(file, path).size;
   if (total != nullptr) {
     *total = size;
   }
   std::uint64_t start = 0;
   if (tail && size > limit) {
     start = size - limit;
-    require(lseek(file.get(), static_cast<off_t>(start), SEEK_SET) >= 0, "file_read", "Cannot read file");
+    require(!os::seek(file->get(), start), "file_read", "Cannot read file");
   }
   require(size - start <= limit, "size_limit", "File exceeds read limit");
-  return read_to_end(file.get(), static_cast<std::size_t>(size - start));
+  return read_to_end(file->get(), static_cast<std::size_t>(size - start));
 }
 
-[[noreturn]] void transaction_failure(int problem, std::string_view message) {
-  if (problem == ENOSPC || problem == EDQUOT) {
+// Fails where a step of a transaction had a problem.
+void require_transaction(const Problem& problem, std::string_view message) {
+  if (!problem) {
+    return;
+  }
+  if (problem == Cause::no_space) {
     fail("insufficient_space", "Local storage cannot save data; free space and try again");
   }
-  fail("file_write", std::string(message) + " (" + std::to_string(problem) + ")");
-}
-
-void require_transaction(bool succeeded, std::string_view message) {
-  if (!succeeded) {
-    transaction_failure(errno, message);
-  }
+  fail("file_write", std::string(message) + " (" + std::to_string(problem.number) + ")");
 }
 
 struct Writer {
@@ -98,42 +84,42 @@ struct Writer {
   bool durable;
 };
 
-Descriptor open_export_parent(const std::filesystem::path& parent) {
-  Descriptor directory(retry_interrupted([&] { return open(parent.c_str(), os::passage_flags()); }));
-  require(static_cast<bool>(directory), "unsafe_path", "Export parent must be an existing plain directory");
-  return directory;
+Handle open_export_parent(const std::filesystem::path& parent) {
+  Result<Handle> directory = os::open(parent, os::OpenAs::passage);
+  require(directory.has_value(), "unsafe_path", "Export parent must be an existing plain directory");
+  return *std::move(directory);
 }
 
 // A name in a directory that is held open: every step happens there, whatever becomes of the path.
 struct Destination {
   std::filesystem::path path;
-  Descriptor parent;
+  Handle parent;
 
-  std::string name() const { return path.filename(); }
-  bool is_link() const {
+  std::string name() const { return path_utf8(path.filename()); }
+  bool holds_link() const {
     const auto status = link_status_at(parent.get(), name().c_str());
-    return status && S_ISLNK(status->st_mode);
+    return status && is_link(*status);
   }
 };
 
-void flush_and_close(Descriptor directory) {
-  require(static_cast<bool>(directory), "file_sync", "Cannot open directory for synchronization");
-  const bool synchronized = posix_files::sync(directory.get()) == 0;
-  directory.reset();
-  require(synchronized, "file_sync", "Could not durably synchronize directory");
+void flush_and_close(Result<Handle> directory) {
+  require(directory.has_value(), "file_sync", "Cannot open directory for synchronization");
+  const Problem problem = os::flush(directory->get());
+  directory->reset();
+  require(!problem, "file_sync", "Could not durably synchronize directory");
 }
 
 // A transaction file from its creation to its commit; what is not committed is removed.
 class Transaction {
  public:
-  Transaction(const Destination& destination, mode_t mode)
-      : destination_(destination),
-        ending_("." + random_id() + ".tmp"),
-        name_(destination.name() + ending_),
-        file_(retry_interrupted([&] { return openat(parent(), name_.c_str(), create_flags, mode); })) {
-    if (!file_) {
-      transaction_failure(errno, "Cannot create transaction file " + path_utf8(destination.path.native() + ending_));
+  Transaction(const Destination& destination, std::uint32_t permissions)
+      : destination_(destination), ending_("." + random_id() + ".tmp"), name_(destination.name() + ending_) {
+    Result<Handle> file = os::create_at(parent(), name_.c_str(), os::CreateAs::output, permissions);
+    if (!file) {
+      require_transaction(file.problem(),
+                          "Cannot create transaction file " + path_utf8(destination.path) + ending_);
     }
+    file_ = *std::move(file);
   }
   ~Transaction() {
     if (!committed_) {
@@ -148,29 +134,26 @@ class Transaction {
 
   void write_all(std::string_view bytes) {
     while (!bytes.empty()) {
-      const ssize_t count = retry_interrupted([&] { return write(file_.get(), bytes.data(), bytes.size()); });
-      if (count <= 0) {
-        transaction_failure(count == 0 ? EIO : errno, "Cannot write transaction file");
-      }
-      bytes.remove_prefix(static_cast<std::size_t>(count));
+      const Result<std::size_t> count = os::write(file_.get(), bytes.data(), bytes.size());
+      const bool stuck = count && *count == 0;
+      require_transaction(stuck ? problem_of(Cause::input_output) : count.problem(), "Cannot write transaction file");
+      bytes.remove_prefix(*count);
     }
   }
 
   void close(bool durable) {
-    const int problem = durable && posix_files::sync(file_.get()) != 0 ? errno : 0;
+    const Problem problem = durable ? os::flush(file_.get()) : Problem();
     file_.reset();
-    if (problem != 0) {
-      transaction_failure(problem, "Cannot synchronize transaction file");
-    }
+    require_transaction(problem, "Cannot synchronize transaction file");
   }
 
   // Flushes the file and keeps it open.
-  void flush() { require_transaction(posix_files::sync(file_.get()) == 0, "Cannot synchronize transaction file"); }
+  void flush() { require_transaction(os::flush(file_.get()), "Cannot synchronize transaction file"); }
 
   void replace() {
     constexpr const char* not_committed = "Cannot commit transaction file";
     require_parent_in_place(not_committed);
-    require_transaction(renameat(parent(), name_.c_str(), parent(), destination_.name().c_str()) == 0, not_committed);
+    require_transaction(os::rename_at(parent(), name_.c_str(), parent(), destination_.name().c_str()), not_committed);
     committed_ = true;
   }
 
@@ -178,7 +161,7 @@ class Transaction {
   void create() {
     constexpr const char* not_created = "Cannot create export; the destination may already exist";
     require_parent_in_place(not_created);
-    require_transaction(linkat(parent(), name_.c_str(), parent(), destination_.name().c_str(), 0) == 0, not_created);
+    require_transaction(os::link_at(parent(), name_.c_str(), parent(), destination_.name().c_str()), not_created);
     require_transaction(remove(), "Cannot finish export transaction");
     committed_ = true;
   }
@@ -188,37 +171,32 @@ class Transaction {
     const auto made = status_of(file_.get());
     const auto named = link_status_at(parent(), destination_.name().c_str());
     if (made && named && same_file(*made, *named)) {
-      unlinkat(parent(), destination_.name().c_str(), 0);
+      os::remove_at(parent(), destination_.name().c_str());
     }
   }
 
  private:
-  static constexpr int create_flags = O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC;
-
   int parent() const { return destination_.parent.get(); }
-  bool remove() const { return unlinkat(parent(), name_.c_str(), 0) == 0; }
+  Problem remove() const { return os::remove_at(parent(), name_.c_str()); }
   // What would be committed to a directory that was moved away would not be found by its path.
   void require_parent_in_place(std::string_view message) const {
-    FileStatus held;
-    FileStatus named;
+    const auto held = status_of(parent());
+    require_transaction(held.problem(), message);
     // By a link of the system, the path may lead there too.
-    if (fstat(parent(), &held) != 0 || stat(destination_.path.parent_path().c_str(), &named) != 0) {
-      transaction_failure(errno, message);
-    }
-    if (!same_file(held, named)) {
-      transaction_failure(ENOENT, message);
-    }
+    const auto named = target_status_of(destination_.path.parent_path());
+    require_transaction(named.problem(), message);
+    require_transaction(same_file(*held, *named) ? Problem() : problem_of(Cause::missing), message);
   }
 
   const Destination& destination_;
   std::string ending_;
   std::string name_;
-  Descriptor file_;
+  Handle file_;
   bool committed_ = false;
 };
 
 void require_no_link(const Destination& destination) {
-  require(!destination.is_link(), "unsafe_path", "Refusing to replace a symbolic link");
+  require(!destination.holds_link(), "unsafe_path", "Refusing to replace a symbolic link");
 }
 
 Destination open_destination(const std::filesystem::path& path, bool is_private) {
@@ -231,14 +209,15 @@ Destination open_destination(const std::filesystem::path& path, bool is_private)
 
 Destination open_proved_destination(const std::filesystem::path& path) {
   require_no_nul(path);
-  Destination destination{path, posix_files::open_passage(path.parent_path())};
-  require(static_cast<bool>(destination.parent), "unsafe_path", "Export parent must be an existing plain directory");
+  Result<Handle> parent = posix_files::open_passage(path.parent_path());
+  require(parent.has_value(), "unsafe_path", "Export parent must be an existing plain directory");
+  Destination destination{path, *std::move(parent)};
   require_no_link(destination);
   return destination;
 }
 
 void write_to(const Destination& destination, std::string_view bytes, const Writer& writer) {
-  Transaction transaction(destination, 0600);
+  Transaction transaction(destination, permissions::private_file);
   if (writer.is_private) {
     transaction.make_private();
   }
@@ -265,13 +244,12 @@ std::string read_file(const std::filesystem::path& path, std::uint64_t limit) {
 }
 
 OpenedFile read_file_at(int directory, const std::string& name, std::uint64_t limit) {
-  require_no_nul(name);
-  OpenedFile opened{Descriptor(retry_interrupted([&] { return openat(directory, name.c_str(), read_flags); })), {}, {}};
-  opened.status = require_ordinary(opened.file, name);
-  const auto size = static_cast<std::uint64_t>(opened.status.st_size);
-  require(size <= limit, "size_limit", "File exceeds read limit");
-  opened.bytes = read_to_end(opened.file.get(), static_cast<std::size_t>(size));
-  return opened;
+  require(!has_nul(name), "unsafe_path", "Native path contains a NUL byte");
+  Result<Handle> file = os::open_at(directory, name.c_str(), os::OpenAs::file);
+  const Status status = require_ordinary(file, path_from_utf8(name));
+  require(status.size <= limit, "size_limit", "File exceeds read limit");
+  std::string bytes = read_to_end(file->get(), static_cast<std::size_t>(status.size));
+  return {*std::move(file), status, std::move(bytes)};
 }
 
 std::string read_file_tail(const std::filesystem::path& path, std::uint64_t limit, std::uint64_t* total) {
@@ -279,25 +257,22 @@ std::string read_file_tail(const std::filesystem::path& path, std::uint64_t limi
 }
 
 void sync_file(const std::filesystem::path& path) {
-  const std::string& text = path.native();
-  require(!text.empty() && text.size() <= maximum_path_bytes && text.find('\0') == std::string::npos, "file_sync",
-          "File synchronization requires a bounded path without NUL bytes");
-  const Descriptor file = open_for_reading(path);
-  const auto opened = file ? status_of(file.get()) : std::nullopt;
+  require(is_bounded_path(path), "file_sync", "File synchronization requires a bounded path without NUL bytes");
+  const Result<Handle> file = os::open(path, os::OpenAs::file);
+  const auto opened = file ? status_of(file->get()) : file.problem();
   require(opened && is_single_link_file(*opened), "file_sync", "Synchronization requires an ordinary single-link file");
-  require(posix_files::sync(file.get()) == 0, "file_sync", "Could not durably synchronize file");
+  require(!os::flush(file->get()), "file_sync", "Could not durably synchronize file");
   const auto named = link_status_of(path);
   require(named && is_single_link_file(*named) && same_file(*named, *opened), "file_sync",
           "Synchronized file path changed");
 }
 
 void sync_directory(const std::filesystem::path& path) {
-  flush_and_close(
-      Descriptor(retry_interrupted([&] { return open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC); })));
+  flush_and_close(os::open(path, os::OpenAs::linked_directory));
 }
 
 void sync_open_directory(int directory) {
-  flush_and_close(Descriptor(retry_interrupted([&] { return openat(directory, ".", posix_files::walk_flags); })));
+  flush_and_close(os::open_at(directory, ".", os::OpenAs::directory));
 }
 
 void atomic_write(const std::filesystem::path& path, std::string_view bytes) {
@@ -306,10 +281,10 @@ void atomic_write(const std::filesystem::path& path, std::string_view bytes) {
 
 void atomic_write_at(int directory, const std::filesystem::path& path, std::string_view bytes) {
   require_no_nul(path);
-  Destination destination{path, Descriptor(fcntl(directory, F_DUPFD_CLOEXEC, 0))};
-  require_descriptors(destination.parent ? 0 : errno);
-  require_transaction(static_cast<bool>(destination.parent), "Cannot create transaction file");
-  write_to(destination, bytes, {.replace = true, .is_private = true, .durable = true});
+  Result<Handle> parent = os::duplicate(directory);
+  require_handles(parent.problem());
+  require_transaction(parent.problem(), "Cannot create transaction file");
+  write_to({path, *std::move(parent)}, bytes, {.replace = true, .is_private = true, .durable = true});
 }
 
 void atomic_private_create(const std::filesystem::path& path, std::string_view bytes) {
@@ -322,7 +297,7 @@ void atomic_create(const std::filesystem::path& path, std::string_view bytes) {
 
 void atomic_create_or_remove(const std::filesystem::path& path, std::string_view bytes) {
   const Destination destination = open_proved_destination(path);
-  Transaction transaction(destination, 0600);
+  Transaction transaction(destination, permissions::private_file);
   transaction.write_all(bytes);
   transaction.flush();
   try {
@@ -339,15 +314,15 @@ void replace_private_file(const std::filesystem::path& path, std::string_view by
 }
 
 struct ExportFile::Implementation {
-  Implementation(const std::filesystem::path& path, mode_t mode)
-      : destination(open_destination(path, false)), transaction(destination, mode) {}
+  Implementation(const std::filesystem::path& path, std::uint32_t permissions)
+      : destination(open_destination(path, false)), transaction(destination, permissions) {}
 
   Destination destination;
   Transaction transaction;
 };
 
 ExportFile::ExportFile(const std::filesystem::path& path, ExportAccess access)
-    : implementation_(std::make_unique<Implementation>(path, access == ExportAccess::owner ? 0600 : 0644)) {}
+    : implementation_(std::make_unique<Implementation>(path, access == ExportAccess::owner ? permissions::private_file : permissions::readable_file)) {}
 
 ExportFile::~ExportFile() = default;
 

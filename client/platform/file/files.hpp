@@ -11,8 +11,8 @@
 #include <string>
 #include <string_view>
 
-#include "platform/file/descriptor.hpp"
-#include "platform/file/file_status.hpp"
+#include "platform/file/handle.hpp"
+#include "platform/file/status.hpp"
 
 namespace ravok {
 
@@ -27,8 +27,8 @@ std::string read_file_tail(const std::filesystem::path& path, std::uint64_t limi
 
 // A file's bytes, and the file itself: while it is open, no other file can have its identity.
 struct OpenedFile {
-  Descriptor file;
-  FileStatus status;
+  Handle file;
+  Status status;
   std::string bytes;
 };
 

@@ -3,20 +3,12 @@
 #include <cstdlib>
 #include <system_error>
 
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include "platform/file/file_status.hpp"
+#include "platform/file/file_operations.hpp"
 
 namespace ravok {
-namespace {
-
-constexpr uid_t root_user = 0;
-
-}  // namespace
 
 std::optional<std::filesystem::path> foreign_folder(const std::filesystem::path& path) {
-  if (geteuid() != root_user) {
+  if (!os::acts_for_system()) {
     return std::nullopt;
   }
   std::error_code problem;
@@ -25,14 +17,15 @@ std::optional<std::filesystem::path> foreign_folder(const std::filesystem::path&
     // What has no place is judged by whoever uses it.
     return std::nullopt;
   }
-  FileStatus status;
-  while (stat(folder.c_str(), &status) != 0) {
+  Result<Status> status = target_status_of(folder);
+  while (!status) {
     if (folder == folder.root_path()) {
       return std::nullopt;
     }
     folder = folder.parent_path();
+    status = target_status_of(folder);
   }
-  return status.st_uid == root_user ? std::nullopt : std::optional(folder);
+  return status->is_of_system ? std::nullopt : std::optional(folder);
 }
 
 std::optional<std::filesystem::path> foreign_home() {

@@ -11,8 +11,9 @@
 #include <string_view>
 #include <vector>
 
-#include "platform/file/descriptor.hpp"
-#include "platform/file/file_status.hpp"
+#include "platform/file/handle.hpp"
+#include "platform/file/problem.hpp"
+#include "platform/file/status.hpp"
 #include "platform/file/tree_walk.hpp"
 
 namespace ravok {
@@ -34,7 +35,7 @@ class HeldDirectory {
   HeldDirectory private_directory(const std::string& name) const;
 
   const std::filesystem::path& path() const { return path_; }
-  int descriptor() const { return directory_.get(); }
+  int handle() const { return directory_.get(); }
 
   // Returns whether the path still leads to this directory.
   bool is_in_place() const;
@@ -52,9 +53,9 @@ class HeldDirectory {
   // another user's directory, unless this is user 0; true for anything else.
   bool make_movable(const std::string& name) const;
 
-  // Gives an entry another name in another directory, in place of a file or an empty directory there. Returns 0, or
-  // the native error number, and then nothing has changed.
-  int try_move(const std::string& name, const HeldDirectory& to, const std::string& new_name) const;
+  // Gives an entry another name in another directory, in place of a file or an empty directory there. With a
+  // problem, nothing has changed.
+  Problem try_move(const std::string& name, const HeldDirectory& to, const std::string& new_name) const;
 
   // The same; fails with "file_write".
   void move(const std::string& name, const HeldDirectory& to, const std::string& new_name) const;
@@ -83,12 +84,14 @@ class HeldDirectory {
   void flush() const;
 
  private:
-  HeldDirectory(std::filesystem::path path, Descriptor parent, Descriptor directory);
+  HeldDirectory(std::filesystem::path path, Handle parent, Handle directory);
+
+  std::filesystem::path below(const std::string& name) const;
 
   std::filesystem::path path_;
   std::string name_;
-  Descriptor parent_;
-  Descriptor directory_;
+  Handle parent_;
+  Handle directory_;
 };
 
 }  // namespace ravok

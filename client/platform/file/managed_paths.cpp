@@ -1,16 +1,13 @@
 #include "platform/file/managed_paths.hpp"
 
-#include <array>
-#include <cerrno>
 #include <cstdlib>
 #include <string>
 #include <system_error>
 
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include "domain/error.hpp"
 #include "domain/paths.hpp"
+#include "platform/file/file_operations.hpp"
 #include "platform/os.hpp"
 
 namespace ravok {
@@ -19,22 +16,16 @@ namespace {
 constexpr int maximum_system_links = 16;
 constexpr std::size_t maximum_target_bytes = 4095;
 
-bool is_link(const std::filesystem::path& path) {
-  struct stat status;
-  return lstat(path.c_str(), &status) == 0 && S_ISLNK(status.st_mode);
-}
-
-// A directory in which nobody but user 0 can have made an entry.
+// A directory in which nobody but the system's own user can have made an entry.
 bool is_system_directory(const std::filesystem::path& path) {
-  struct stat status;
-  return stat(path.c_str(), &status) == 0 && status.st_uid == 0 && (status.st_mode & (S_IWGRP | S_IWOTH)) == 0;
+  const auto status = target_status_of(path);
+  return status && status->is_of_system && (status->permissions & permissions::others_write) == 0;
 }
 
 std::filesystem::path read_system_link(const std::filesystem::path& path) {
-  std::array<char, maximum_target_bytes> target;
-  const ssize_t size = readlink(path.c_str(), target.data(), target.size());
-  require(size > 0, "unsafe_path", "Cannot read a system link");
-  return std::string(target.data(), static_cast<std::size_t>(size));
+  const Result<std::string> target = os::link_target(path, maximum_target_bytes);
+  require(target && !target->empty(), "unsafe_path", "Cannot read a system link");
+  return path_from_utf8(*target);
 }
 
 struct Walk {
@@ -48,14 +39,14 @@ Walk walk_to_system_link(const std::filesystem::path& path, int& followed) {
   const std::filesystem::path relative = path.relative_path();
   for (auto component = relative.begin(); component != relative.end(); ++component) {
     const std::filesystem::path candidate = result / *component;
-    struct stat status;
-    if (lstat(candidate.c_str(), &status) != 0) {
+    const auto status = link_status_of(candidate);
+    if (!status) {
       for (; component != relative.end(); ++component) {
         result /= *component;
       }
       return {result, true};
     }
-    if (!S_ISLNK(status.st_mode) || status.st_uid != 0 || !is_system_directory(result)) {
+    if (!is_link(*status) || !status->is_of_system || !is_system_directory(result)) {
       result = candidate;
       continue;
     }
@@ -77,22 +68,20 @@ std::filesystem::path safe_join(const std::filesystem::path& root, std::string_v
   std::filesystem::path joined = root;
   for (const std::filesystem::path& component : path_from_utf8(relative)) {
     joined /= component;
-    require(!is_link(joined), "unsafe_path", "Managed path contains a symbolic link");
+    const auto status = link_status_of(joined);
+    require(!status || !is_link(*status), "unsafe_path", "Managed path contains a symbolic link");
   }
   return joined;
 }
 
 bool is_there(const std::filesystem::path& path) {
-  struct stat status;
-  if (lstat(path.c_str(), &status) == 0) {
-    return true;
+  const auto status = link_status_of(path);
+  const Problem& problem = status.problem();
+  if (problem && !(problem == Cause::missing) && !(problem == Cause::not_a_directory)) {
+    fail(problem == Cause::denied || problem == Cause::not_permitted ? "permissions" : "file_system",
+         "Cannot look at " + path_utf8(path) + ": " + problem_text(problem));
   }
-  const int problem = errno;
-  if (problem != ENOENT && problem != ENOTDIR) {
-    fail(problem == EACCES || problem == EPERM ? "permissions" : "file_system",
-         "Cannot look at " + path_utf8(path) + ": " + std::generic_category().message(problem));
-  }
-  return false;
+  return status.has_value();
 }
 
 std::filesystem::path resolve_system_links(const std::filesystem::path& path) {

@@ -1,17 +1,13 @@
 #include "platform/file/native_lock.hpp"
 
-#include <cerrno>
 #include <cstddef>
 #include <string>
 #include <system_error>
 
-#include <fcntl.h>
-#include <sys/file.h>
-#include <unistd.h>
 
 #include "domain/error.hpp"
-#include "domain/limits.hpp"
-#include "platform/file/file_status.hpp"
+#include "domain/paths.hpp"
+#include "platform/file/file_operations.hpp"
 #include "platform/file/managed_paths.hpp"
 #include "platform/file/posix_files.hpp"
 
@@ -19,42 +15,32 @@ namespace ravok {
 namespace {
 
 constexpr std::size_t maximum_levels = 128;
-constexpr int open_flags = O_RDWR | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC;
 
-Descriptor open_existing(int parent, const std::string& name) {
-  return Descriptor(retry_interrupted([&] { return openat(parent, name.c_str(), open_flags); }));
+Result<Handle> open_existing(int parent, const std::string& name) {
+  return os::open_at(parent, name.c_str(), os::OpenAs::file_to_change);
 }
 
 // Makes the lock file, or opens the one that is there; only its maker treats it as new.
-Descriptor create_or_open(int parent, const std::string& name, int create_flags) {
-  Descriptor file(
-      retry_interrupted([&] { return openat(parent, name.c_str(), create_flags | O_CREAT | O_EXCL, 0600); }));
+Result<Handle> create_or_open(int parent, const std::string& name) {
+  Result<Handle> file =
+      os::create_at(parent, name.c_str(), os::CreateAs::file_to_change, permissions::private_file);
   if (file) {
-    posix_files::secure_new_private(file.get(), false);
-  } else if (errno == EEXIST) {
+    posix_files::secure_new_private(file->get(), false);
+  } else if (file.problem() == Cause::exists) {
     file = open_existing(parent, name);
   }
   return file;
 }
 
-int operation_of(LockMode mode) { return mode == LockMode::shared ? LOCK_SH : LOCK_EX; }
+Problem lock(int file, LockMode mode, bool wait) { return os::lock(file, mode != LockMode::shared, wait); }
 
-int lock(int file, int operation) {
-  return retry_interrupted([&] { return flock(file, operation); });
+bool is_private_file(const Status& status) {
+  return is_single_link_file(status) && status.is_own && status.permissions == permissions::private_file;
 }
 
-bool is_private_file(const FileStatus& status) {
-  return is_single_link_file(status) && status.st_uid == geteuid() && mode_bits(status) == 0600;
-}
-
-bool is_private_lock(const FileStatus& status) {
-  return is_single_link_file(status) && status.st_size == 0 && status.st_uid == geteuid() &&
-         (status.st_mode & 0777) == 0600;
-}
-
-bool is_bounded(const std::filesystem::path& path) {
-  const std::string& text = path.native();
-  return !text.empty() && text.size() <= maximum_path_bytes && text.find('\0') == std::string::npos;
+bool is_private_lock(const Status& status) {
+  return is_single_link_file(status) && status.size == 0 && status.is_own &&
+         (status.permissions & permissions::everybody) == permissions::private_file;
 }
 
 std::filesystem::path absolute_normal(const std::filesystem::path& path) {
@@ -80,15 +66,15 @@ bool has_ordinary_parent(const std::filesystem::path& path) {
 }  // namespace
 
 FileLock::FileLock(const std::filesystem::path& path, bool wait, LockMode mode) {
-  const Descriptor parent = posix_files::open_private_directory(path.parent_path());
-  if (is_bounded(path)) {
-    file_ = create_or_open(parent.get(), path.filename(), O_RDWR | O_NOFOLLOW | O_CLOEXEC);
-  }
-  require(static_cast<bool>(file_), "lock_failed", "Cannot open operation lock");
+  const Handle parent = posix_files::open_private_directory(path.parent_path());
+  Result<Handle> file = is_bounded_path(path) ? create_or_open(parent.get(), path_utf8(path.filename()))
+                                              : problem_of(Cause::missing);
+  require(file.has_value(), "lock_failed", "Cannot open operation lock");
+  file_ = *std::move(file);
   const auto status = status_of(file_.get());
   require(status && is_private_file(*status), "lock_failed", "Operation lock must be an ordinary private owned file");
   posix_files::require_private_acl(file_.get());
-  require(lock(file_.get(), operation_of(mode) | (wait ? 0 : LOCK_NB)) == 0, "busy",
+  require(!lock(file_.get(), mode, wait), "busy",
           "Another Ravok operation is using this state");
 }
 
@@ -114,22 +100,23 @@ NativeFileLock::NativeFileLock(const std::filesystem::path& path, bool create, N
                                LockMode mode) {
   const bool sharing_known = sharing == NativeLockSharing::none || sharing == NativeLockSharing::others;
   const bool mode_known = mode == LockMode::exclusive || mode == LockMode::shared;
-  require(is_bounded(path) && sharing_known && mode_known, "lock_failed",
+  require(is_bounded_path(path) && sharing_known && mode_known, "lock_failed",
           "Native ownership requires a bounded lock path and known sharing");
   constexpr const char* ordinary = "Native ownership requires ordinary existing parents";
   require(has_ordinary_parent(path), "lock_failed", ordinary);
   // What follows acts in the directory that was walked to, whatever becomes of the path.
   const std::filesystem::path place = absolute_normal(path);
-  const Descriptor parent = posix_files::open_passage(place.parent_path());
-  require(static_cast<bool>(parent), "lock_failed", ordinary);
-  file_ = create ? create_or_open(parent.get(), place.filename(), open_flags)
-                 : open_existing(parent.get(), place.filename());
-  const auto status = file_ ? status_of(file_.get()) : std::nullopt;
+  const Result<Handle> parent = posix_files::open_passage(place.parent_path());
+  require(parent.has_value(), "lock_failed", ordinary);
+  const std::string name = path_utf8(place.filename());
+  Result<Handle> file = create ? create_or_open(parent->get(), name) : open_existing(parent->get(), name);
+  const Result<Status> status = file ? status_of(file->get()) : file.problem();
   require(status && is_private_lock(*status), "lock_failed",
           "Native ownership requires an ordinary empty private file");
+  file_ = *std::move(file);
   posix_files::require_private_acl(file_.get());
-  if (lock(file_.get(), operation_of(mode) | LOCK_NB) != 0) {
-    require(errno != EWOULDBLOCK, "busy", "Another worker owns this native installation");
+  if (const Problem problem = lock(file_.get(), mode, false)) {
+    require(!(problem == Cause::busy), "busy", "Another worker owns this native installation");
     fail("lock_failed", "Cannot acquire native installation ownership");
   }
   // A file that was replaced between the open and the lock guards nothing.
@@ -138,7 +125,7 @@ NativeFileLock::NativeFileLock(const std::filesystem::path& path, bool create, N
 
 bool NativeFileLock::matches_path(const std::filesystem::path& path) const {
   try {
-    if (!is_bounded(path) || !has_ordinary_parent(path) || !file_) {
+    if (!is_bounded_path(path) || !has_ordinary_parent(path) || !file_) {
       return false;
     }
     posix_files::require_private_acl(file_.get());

@@ -5,7 +5,7 @@
 
 #include <filesystem>
 
-#include "platform/file/descriptor.hpp"
+#include "platform/file/handle.hpp"
 
 namespace ravok {
 
@@ -32,7 +32,7 @@ class FileLock {
   bool matches_path(const std::filesystem::path& path) const;
 
  private:
-  Descriptor file_;
+  Handle file_;
 };
 
 // Ownership of a native installation: an empty private file in an ordinary directory.
@@ -48,7 +48,7 @@ class NativeFileLock {
   bool matches_path(const std::filesystem::path& path) const;
 
  private:
-  Descriptor file_;
+  Handle file_;
 };
 
 }  // namespace ravok

@@ -1,18 +1,16 @@
 #include "platform/file/path_keys.hpp"
 
-#include <cerrno>
 #include <cstddef>
 #include <string_view>
+#include <utility>
 #include <vector>
 
-#include <fcntl.h>
-#include <unistd.h>
 
 #include "domain/error.hpp"
 #include "domain/limits.hpp"
 #include "domain/paths.hpp"
-#include "platform/file/descriptor.hpp"
-#include "platform/file/file_status.hpp"
+#include "domain/text_rules.hpp"
+#include "platform/file/file_operations.hpp"
 #include "platform/file/managed_paths.hpp"
 #include "platform/file/posix_files.hpp"
 #include "platform/os.hpp"
@@ -32,7 +30,7 @@ std::vector<std::string> names_of(const std::filesystem::path& path) {
   std::vector<std::string> names;
   for (const std::filesystem::path& name : path.relative_path()) {
     if (!name.empty()) {
-      names.push_back(name);
+      names.push_back(path_utf8(name));
     }
   }
   return names;
@@ -40,35 +38,29 @@ std::vector<std::string> names_of(const std::filesystem::path& path) {
 
 // A path as far as it exists: its deepest existing level, and the names below it that do not.
 struct Walk {
-  Descriptor deepest;
-  FileStatus status;
+  Handle deepest;
+  Status status;
   std::vector<std::string> missing;
 };
 
-Descriptor open_leaf(int parent, const char* name) {
-  constexpr int flags = O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC;
-  return Descriptor(retry_interrupted([&] { return openat(parent, name, flags); }));
-}
-
 Walk walk(const std::filesystem::path& path, bool leaf) {
-  Descriptor deepest(retry_interrupted([&] { return open("/", posix_files::walk_flags); }));
-  require_place(static_cast<bool>(deepest), "Cannot anchor ", " setup ancestry");
+  Result<Handle> anchor = os::open(path.root_path(), os::OpenAs::directory);
+  require_place(anchor.has_value(), "Cannot anchor ", " setup ancestry");
+  Handle deepest = *std::move(anchor);
   const std::vector<std::string> names = names_of(resolve_system_links(path));
   require_place(names.size() <= maximum_levels, "", " setup ancestry exceeds its bound");
   auto name = names.begin();
   for (; name != names.end(); ++name) {
     const bool may_be_file = leaf && name + 1 == names.end();
     const bool ordinary = *name != "." && *name != "..";
-    Descriptor next;
-    if (ordinary) {
-      next =
-          may_be_file ? open_leaf(deepest.get(), name->c_str()) : posix_files::open_level(deepest.get(), name->c_str());
-    }
-    if (!next && ordinary && errno == ENOENT) {
+    require_place(ordinary, "", " setup ancestry is linked, unavailable or changed");
+    Result<Handle> next = may_be_file ? os::open_at(deepest.get(), name->c_str(), os::OpenAs::file)
+                                      : posix_files::open_level(deepest.get(), name->c_str());
+    if (!next && next.problem() == Cause::missing) {
       break;
     }
-    require_place(static_cast<bool>(next), "", " setup ancestry is linked, unavailable or changed");
-    deepest = std::move(next);
+    require_place(next.has_value(), "", " setup ancestry is linked, unavailable or changed");
+    deepest = *std::move(next);
   }
   const auto status = status_of(deepest.get());
   require_place(status.has_value(), "Cannot identify the existing ", " setup ancestor");
@@ -78,12 +70,12 @@ Walk walk(const std::filesystem::path& path, bool leaf) {
 std::filesystem::path physical(int descriptor) {
   const auto path = os::descriptor_path(descriptor);
   require_place(path.has_value(), "Cannot resolve the physical ", " setup path");
-  require_place(path->find('\0') == std::string::npos, "", " setup ancestry has no stable physical path");
+  require_place(!has_nul(*path), "", " setup ancestry has no stable physical path");
   return path_from_utf8(*path);
 }
 
 Walk walk_to_mount(const os::Volume& volume) {
-  const std::filesystem::path mount = volume.mount_path;
+  const std::filesystem::path mount = path_from_utf8(volume.mount_path);
   require_place(mount.is_absolute() && mount.lexically_normal() == mount, "Unknown ", " volume mount path");
   Walk mounted = walk(mount, false);
   require_place(mounted.missing.empty() && os::local_volume(mounted.deepest.get()).id == volume.id, "",
@@ -103,14 +95,14 @@ ComparedNames compared_names(const Walk& place, const Walk& mounted) {
       physical(place.deepest.get()).lexically_relative(physical(mounted.deepest.get()));
   require_place(!relative.empty() && *relative.begin() != "..", "", " setup path escaped its mounted volume");
   ComparedNames compared{{}, os::compares_case(mounted.deepest.get())};
-  Descriptor directory = posix_files::open_level(mounted.deepest.get(), ".");
+  Result<Handle> directory = posix_files::open_level(mounted.deepest.get(), ".");
   for (const std::string& name : relative == "." ? std::vector<std::string>() : names_of("/" / relative)) {
-    require_place(static_cast<bool>(directory), "", " setup ancestry is linked, unavailable or changed");
+    require_place(directory.has_value(), "", " setup ancestry is linked, unavailable or changed");
     compared.names.push_back(os::compared_name(name, compared.case_sensitive));
     // Below the last level, which may be a file, nothing is asked for.
-    directory = posix_files::open_level(directory.get(), name.c_str());
+    directory = posix_files::open_level(directory->get(), name.c_str());
     if (directory) {
-      compared.case_sensitive = os::compares_case(directory.get());
+      compared.case_sensitive = os::compares_case(directory->get());
     }
   }
   // A new directory takes after the one that it is made in.
@@ -125,11 +117,9 @@ bool same_walk(const Walk& first, const Walk& second) {
 }
 
 std::string key(const std::filesystem::path& path, bool leaf) {
-  const std::string& text = path.native();
-  require_place(!text.empty() && text.size() <= maximum_path_bytes && text.find('\0') == std::string::npos, "",
-                " setup needs a bounded ordinary destination");
+  require_place(is_bounded_path(path), "", " setup needs a bounded ordinary destination");
   const std::filesystem::path normal = path.lexically_normal();
-  require_place(path.is_absolute() && normal.native().size() <= maximum_path_bytes, "",
+  require_place(path.is_absolute() && path_utf8(normal).size() <= maximum_path_bytes, "",
                 " setup needs a bounded absolute destination");
 
   const Walk place = walk(normal, leaf);
@@ -143,13 +133,13 @@ std::string key(const std::filesystem::path& path, bool leaf) {
   std::string result =
       std::string(os::path_key_form()) + "/" + volume.identity + (compared.case_sensitive ? "/s" : "/i");
   // What lies above the mount within the volume is named as it is: it is not the user's to spell.
-  for (const std::string& name : names_of(volume.mounted_below)) {
+  for (const std::string& name : names_of(path_from_utf8(volume.mounted_below))) {
     result += "/" + name;
   }
   for (const std::string& name : compared.names) {
     result += "/" + name;
   }
-  return names_of(volume.mounted_below).empty() && compared.names.empty() ? result + "/" : result;
+  return names_of(path_from_utf8(volume.mounted_below)).empty() && compared.names.empty() ? result + "/" : result;
 }
 
 }  // namespace

@@ -8,16 +8,12 @@
 #include <cstdint>
 #include <filesystem>
 
-#include <fcntl.h>
-
-#include "platform/file/descriptor.hpp"
+#include "platform/file/handle.hpp"
+#include "platform/file/problem.hpp"
 
 namespace ravok {
 
 namespace posix_files {
-
-// How a directory on the way to private storage is opened: never through a link.
-inline constexpr int walk_flags = O_RDONLY | O_NOFOLLOW | O_DIRECTORY | O_CLOEXEC;
 
 // Flushes a file or directory to stable storage. Returns 0, or a negative value with errno set.
 int sync(int descriptor);
@@ -53,12 +49,12 @@ void private_directory(const std::filesystem::path& path);
 
 // The same, and returns the directory open: what is done through the descriptor happens in the
 // directory that was proved, whatever becomes of the path.
-Descriptor open_private_directory(const std::filesystem::path& path);
+Handle open_private_directory(const std::filesystem::path& path);
 
 // A private directory and the one that it stands in, both open. The parent may be one to pass through only.
 struct PrivateDirectory {
-  Descriptor parent;
-  Descriptor directory;
+  Handle parent;
+  Handle directory;
 };
 
 // The same, with the parent that the walk came through.
@@ -66,15 +62,15 @@ PrivateDirectory open_private_directory_in_parent(const std::filesystem::path& p
 
 // Makes one directory below an open, proved one private, where it is missing too, and returns it open. Fails with
 // "unsafe_path", "permissions" or "file_sync".
-Descriptor open_private_level(int parent, const char* name);
+Handle open_private_level(int parent, const char* name);
 
 // Opens one directory below an open one. A level that this user may not read, such as a folder of all
-// users' homes, is opened to pass through. Returns none with errno set.
-Descriptor open_level(int parent, const char* name);
+// users' homes, is opened to pass through.
+Result<Handle> open_level(int parent, const char* name);
 
 // Opens an existing directory to pass through, level by level from its root and through no link
-// but the system's own. Returns none when a level is missing, is no directory or is the 129th.
-Descriptor open_passage(const std::filesystem::path& directory);
+// but the system's own. Refused when a level is missing, is no directory or is the 129th.
+Result<Handle> open_passage(const std::filesystem::path& directory);
 
 }  // namespace posix_files
 

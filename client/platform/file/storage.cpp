@@ -5,14 +5,10 @@
 #include <system_error>
 #include <utility>
 
-#include <fcntl.h>
-#include <sys/statvfs.h>
 
 #include "domain/error.hpp"
 #include "domain/paths.hpp"
-#include "platform/file/descriptor.hpp"
-#include "platform/file/file_status.hpp"
-#include "platform/file/posix_files.hpp"
+#include "platform/file/file_operations.hpp"
 
 namespace ravok {
 namespace {
@@ -93,15 +89,17 @@ StorageVolume inspect_storage_volume(const std::filesystem::path& path) {
   volume.capacity_bytes = space.capacity;
   volume.available_bytes = space.available;
 
-  FileStatus status;
-  struct statvfs geometry;
-  require(stat(path.c_str(), &status) == 0 && retry_interrupted([&] { return statvfs(path.c_str(), &geometry); }) == 0,
-          "volume_query", "Cannot inspect storage volume allocation geometry");
-  volume.id = "device:" + std::to_string(device_number(status));
-  volume.allocation_unit = geometry.f_frsize != 0 ? geometry.f_frsize : geometry.f_bsize;
-  if (geometry.f_files != 0 && geometry.f_files < unknown_entries && geometry.f_favail < unknown_entries) {
-    volume.inode_capacity = geometry.f_files;
-    volume.available_inodes = geometry.f_favail;
+  constexpr const char* no_geometry = "Cannot inspect storage volume allocation geometry";
+  const auto status = target_status_of(path);
+  require(status.has_value(), "volume_query", no_geometry);
+  const auto geometry = os::volume_geometry(path);
+  require(geometry.has_value(), "volume_query", no_geometry);
+  volume.id = "device:" + std::to_string(status->device);
+  volume.allocation_unit = geometry->allocation_unit;
+  if (geometry->entries != 0 && geometry->entries < unknown_entries &&
+      geometry->available_entries < unknown_entries) {
+    volume.inode_capacity = geometry->entries;
+    volume.available_inodes = geometry->available_entries;
   }
   validate_storage_volume(volume);
   return volume;

@@ -1,18 +1,13 @@
 #include "platform/file/tree.hpp"
 
-#include <cerrno>
 #include <limits>
 #include <system_error>
 #include <utility>
 
-#include <fcntl.h>
-#include <unistd.h>
-
 #include "domain/error.hpp"
 #include "domain/paths.hpp"
-#include "platform/file/file_status.hpp"
+#include "platform/file/file_operations.hpp"
 #include "platform/file/files.hpp"
-#include "platform/file/posix_files.hpp"
 #include "platform/file/tree_removal.hpp"
 #include "platform/file/tree_walk.hpp"
 
@@ -21,14 +16,14 @@ namespace {
 
 constexpr std::size_t maximum_removed_entries = 250000;
 
-// Removes what a path names, with all that it holds. Returns 0, or the native error number of the first failure.
-int remove_named(const std::filesystem::path& path) {
-  const Descriptor parent(
-      retry_interrupted([&] { return open(folder_of(path).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC); }));
+// Removes what a path names, with all that it holds. Returns the problem of the first failure.
+Problem remove_named(const std::filesystem::path& path) {
+  const Result<Handle> parent = os::open(folder_of(path), os::OpenAs::linked_directory);
   if (!parent) {
-    return errno == ENOENT || errno == ENOTDIR ? 0 : errno;
+    const Problem& problem = parent.problem();
+    return problem == Cause::missing || problem == Cause::not_a_directory ? Problem() : problem;
   }
-  return remove_tree_quietly_at(parent.get(), path.filename());
+  return remove_tree_quietly_at(parent->get(), path_utf8(path.filename()));
 }
 
 // The size of a file; nothing but directories and files is plain.
@@ -39,8 +34,8 @@ std::uint64_t plain_size(const TreeEntry& entry) {
     return 0;
   }
   const auto status = link_status_at(entry.directory, entry.name);
-  require(status && S_ISREG(status->st_mode), "unsafe_path", not_plain);
-  return static_cast<std::uint64_t>(status->st_size);
+  require(status && is_file(*status), "unsafe_path", not_plain);
+  return status->size;
 }
 
 }  // namespace
@@ -48,7 +43,7 @@ std::uint64_t plain_size(const TreeEntry& entry) {
 std::uint64_t tree_bytes(const std::filesystem::path& path, std::size_t max_entries) {
   const auto status = link_status_of(without_end_separator(path));
   require(status && is_directory(*status), "unsafe_path", "Expected a plain directory");
-  Descriptor root = open_tree(path);
+  Result<Handle> root = open_tree(path);
   std::uint64_t total = 0;
   std::size_t entries = 0;
   walk_tree(std::move(root), [&](const TreeEntry& entry) {
@@ -68,13 +63,13 @@ void remove_plain_tree(const std::filesystem::path& path) {
   const auto status = link_status_of(tree);
   require(status && is_directory(*status), "unsafe_path", "Tree cleanup requires an ordinary directory");
   tree_bytes(tree, maximum_removed_entries);
-  if (const int problem = remove_named(tree); problem != 0) {
+  if (const Problem problem = remove_named(tree)) {
     throw std::filesystem::filesystem_error("Cannot remove a tree", tree,
-                                            std::error_code(problem, std::generic_category()));
+                                            std::error_code(problem.number, std::generic_category()));
   }
   sync_directory(folder_of(tree));
 }
 
-bool remove_path_quietly(const std::filesystem::path& path) { return remove_named(without_end_separator(path)) == 0; }
+bool remove_path_quietly(const std::filesystem::path& path) { return !remove_named(without_end_separator(path)); }
 
 }  // namespace ravok

@@ -1,18 +1,11 @@
 #include "platform/file/tree_removal.hpp"
 
-#include <cerrno>
 #include <exception>
-#include <optional>
 #include <utility>
-
-#include <fcntl.h>
-#include <unistd.h>
 
 #include "domain/error.hpp"
 #include "domain/paths.hpp"
-#include "platform/file/descriptor.hpp"
-#include "platform/file/file_status.hpp"
-#include "platform/file/posix_files.hpp"
+#include "platform/file/file_operations.hpp"
 #include "platform/file/tree_walk.hpp"
 #include "platform/os.hpp"
 
@@ -22,13 +15,17 @@ namespace {
 // Others may add entries while a directory is emptied; after this many attempts it is theirs.
 constexpr int maximum_attempts = 3;
 
+bool is_gone(const Problem& problem) { return !problem || problem == Cause::missing; }
+
+bool is_not_empty(const Problem& problem) { return problem == Cause::not_empty || problem == Cause::exists; }
+
 // The removal of one tree. What fails is kept quiet about, or ends it.
 class Removal {
  public:
   Removal(const std::filesystem::path& path, bool quiet) : path_(path), quiet_(quiet) {}
 
-  // Returns 0 when all of it went, or the native error number of the first failure.
-  int run(int directory, const char* name) {
+  // Returns no problem when all of it went, or that of the first failure.
+  Problem run(int directory, const char* name) {
     int attempt = 1;
     while (!remove_once(directory, name, attempt == maximum_attempts)) {
       ++attempt;
@@ -39,79 +36,82 @@ class Removal {
  private:
   // Returns false when the directory was not empty after all and may be tried again.
   bool remove_once(int directory, const char* name, bool last) {
-    const auto status = link_status_at(directory, name);
+    const Result<Status> status = link_status_at(directory, name);
     if (!status) {
-      return errno == ENOENT || failed({});
+      return is_gone(status.problem()) || failed({}, status.problem());
     }
     if (!is_directory(*status)) {
-      return unlinkat(directory, name, 0) == 0 || errno == ENOENT || failed({});
+      const Problem problem = os::remove_at(directory, name);
+      return is_gone(problem) || failed({}, problem);
     }
     empty(directory, name);
-    if (unlinkat(directory, name, AT_REMOVEDIR) == 0 || errno == ENOENT) {
+    const Problem problem = os::remove_directory_at(directory, name);
+    if (is_gone(problem)) {
       return true;
     }
-    const bool not_empty = errno == ENOTEMPTY || errno == EEXIST;
-    return (!not_empty || problem_ != 0 || last) && failed({});
+    return (!is_not_empty(problem) || problem_ || last) && failed({}, problem);
   }
 
   void empty(int directory, const char* name) {
-    Descriptor tree(retry_interrupted([&] { return openat(directory, name, posix_files::walk_flags); }));
+    Result<Handle> tree = os::open_at(directory, name, os::OpenAs::directory);
     if (!tree) {
-      require_descriptors(errno);
-      remove_unread(directory, name);
+      require_handles(tree.problem());
+      remove_unread(directory, name, tree.problem());
       return;
     }
-    const auto above = status_of(directory);
+    const Result<Status> above = status_of(directory);
     if (!above) {
-      failed({});
+      failed({}, above.problem());
       return;
     }
-    require(!os::is_mounted(tree.get(), device_number(*above)), "unsafe_path",
+    require(!os::is_mounted(tree->get(), above->device), "unsafe_path",
             "A volume is mounted in the tree: " + path_utf8(path_));
     TreeVisitor visitor;
     visitor.refuse_mounts = true;
     visitor.visit = [&](const TreeEntry& entry) {
-      if (entry.type != EntryType::directory && unlinkat(entry.directory, entry.name, 0) != 0 && errno != ENOENT) {
-        failed(entry.path);
+      if (entry.type == EntryType::directory) {
+        return;
+      }
+      if (const Problem problem = os::remove_at(entry.directory, entry.name); !is_gone(problem)) {
+        failed(entry.path, problem);
       }
     };
     visitor.leave = [&](const TreeEntry& entry, int) { remove_directory(entry); };
-    visitor.unreadable = [&](const TreeEntry& entry) { remove_unread(entry.directory, entry.name); };
+    visitor.unreadable = [&](const TreeEntry& entry, const Problem& problem) {
+      remove_unread(entry.directory, entry.name, problem);
+    };
     walk_tree(std::move(tree), visitor);
   }
 
   // A directory that may not be read goes all the same if it holds nothing.
-  void remove_unread(int directory, const char* name) {
-    const int problem = errno;
-    if (unlinkat(directory, name, AT_REMOVEDIR) != 0 && errno != ENOENT) {
+  void remove_unread(int directory, const char* name, const Problem& unread) {
+    if (!is_gone(os::remove_directory_at(directory, name))) {
       require(quiet_, "tree_read", "Cannot read a directory of the tree");
       // Why it could not be read, and not that it is not empty.
-      errno = problem;
-      failed({});
+      failed({}, unread);
     }
   }
 
   // What others have put there meanwhile is met by the next attempt.
   void remove_directory(const TreeEntry& entry) {
-    if (unlinkat(entry.directory, entry.name, AT_REMOVEDIR) != 0 && errno != ENOENT && errno != ENOTEMPTY &&
-        errno != EEXIST) {
-      failed(entry.path);
+    const Problem problem = os::remove_directory_at(entry.directory, entry.name);
+    if (!is_gone(problem) && !is_not_empty(problem)) {
+      failed(entry.path, problem);
     }
   }
 
   // `below` is the entry's path in the tree, or empty for the tree itself.
-  bool failed(std::string_view below) {
-    const int problem = errno;
+  bool failed(std::string_view below, const Problem& problem) {
     if (!quiet_) {
       fail("file_remove", "Cannot remove " + path_utf8(below.empty() ? path_ : path_ / below));
     }
-    problem_ = problem_ != 0 ? problem_ : problem;
+    problem_ = problem_ ? problem_ : problem;
     return true;
   }
 
   const std::filesystem::path& path_;
   bool quiet_;
-  int problem_ = 0;
+  Problem problem_;
 };
 
 }  // namespace
@@ -120,17 +120,17 @@ void remove_tree_at(int directory, const std::string& name, const std::filesyste
   Removal(path, false).run(directory, name.c_str());
 }
 
-int remove_tree_quietly_at(int directory, const std::string& name) noexcept {
+Problem remove_tree_quietly_at(int directory, const std::string& name) noexcept {
   try {
     const std::filesystem::path unnamed;
     return Removal(unnamed, true).run(directory, name.c_str());
   } catch (const Error& error) {
     if (error.code == "too_many_files") {
-      return EMFILE;
+      return problem_of(Cause::too_many_open);
     }
-    return error.code == "unsafe_path" ? EXDEV : EIO;
+    return problem_of(error.code == "unsafe_path" ? Cause::other_volume : Cause::input_output);
   } catch (const std::exception&) {
-    return ENOMEM;
+    return problem_of(Cause::no_memory);
   }
 }
 

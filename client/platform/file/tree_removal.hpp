@@ -4,6 +4,8 @@
 #include <filesystem>
 #include <string>
 
+#include "platform/file/problem.hpp"
+
 namespace ravok {
 
 // Removes what a name in an open directory stands for, with all that it holds; a missing name is fine, and a link is
@@ -13,8 +15,8 @@ namespace ravok {
 // then is gone.
 void remove_tree_at(int directory, const std::string& name, const std::filesystem::path& path);
 
-// The same as far as that goes: after an entry that cannot be removed it goes on with the others. Returns 0 when all of
-// it went, or the native error number of the first failure.
-int remove_tree_quietly_at(int directory, const std::string& name) noexcept;
+// The same as far as that goes: after an entry that cannot be removed it goes on with the others. Returns no
+// problem when all of it went, or that of the first failure.
+Problem remove_tree_quietly_at(int directory, const std::string& name) noexcept;
 
 }  // namespace ravok

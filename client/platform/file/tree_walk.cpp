@@ -1,93 +1,55 @@
 #include "platform/file/tree_walk.hpp"
 
 #include <algorithm>
-#include <cerrno>
 #include <cstddef>
 #include <cstdint>
-#include <memory>
 #include <utility>
-
-#include <dirent.h>
-#include <fcntl.h>
 
 #include "domain/error.hpp"
 #include "domain/paths.hpp"
-#include "platform/file/file_status.hpp"
-#include "platform/file/posix_files.hpp"
+#include "platform/file/directory_reader.hpp"
 #include "platform/os.hpp"
 
 namespace ravok {
 namespace {
 
-struct CloseDirectory {
-  void operator()(DIR* directory) const { closedir(directory); }
-};
-using Directory = std::unique_ptr<DIR, CloseDirectory>;
-
 // How many levels above the deepest stay open; those further up are opened again on the way back.
 constexpr std::size_t open_levels = 32;
 
-[[noreturn]] void cannot_read() {
-  require_descriptors(errno);
+[[noreturn]] void cannot_read(const Problem& problem) {
+  require_handles(problem);
   fail("tree_read", "Cannot read a directory of the tree");
 }
 
-Directory read_from(Descriptor descriptor) {
-  Directory directory(descriptor ? fdopendir(descriptor.get()) : nullptr);
+os::DirectoryReader read_from(Result<Handle> directory) {
   if (!directory) {
-    cannot_read();
+    cannot_read(directory.problem());
   }
-  // The stream owns it now.
-  static_cast<void>(descriptor.release());
-  return directory;
+  Result<os::DirectoryReader> reader = os::DirectoryReader::of(*std::move(directory));
+  if (!reader) {
+    cannot_read(reader.problem());
+  }
+  return *std::move(reader);
 }
 
-// The next entry that has a name of its own, or none at the end.
-const dirent* next_entry(DIR* directory) {
-  for (;;) {
-    errno = 0;
-    const dirent* const entry = readdir(directory);
-    if (entry == nullptr && errno != 0) {
-      cannot_read();
-    }
-    if (entry == nullptr || (std::string_view(entry->d_name) != "." && std::string_view(entry->d_name) != "..")) {
-      return entry;
-    }
+// The next entry, without a name at the end.
+os::DirectoryReader::Entry next_entry(os::DirectoryReader& reader) {
+  const Result<os::DirectoryReader::Entry> entry = reader.next();
+  if (!entry) {
+    cannot_read(entry.problem());
   }
+  return *entry;
 }
 
-EntryType type_of(mode_t mode) {
-  if (S_ISDIR(mode)) {
-    return EntryType::directory;
+EntryType type_of(int directory, const os::DirectoryReader::Entry& entry) {
+  if (entry.type_known) {
+    return entry.type;
   }
-  if (S_ISREG(mode)) {
-    return EntryType::file;
-  }
-  return S_ISLNK(mode) ? EntryType::link : EntryType::other;
-}
-
-EntryType type_of(int directory, const dirent& entry) {
-  switch (entry.d_type) {
-    case DT_DIR:
-      return EntryType::directory;
-    case DT_REG:
-      return EntryType::file;
-    case DT_LNK:
-      return EntryType::link;
-    case DT_UNKNOWN:
-      break;
-    default:
-      return EntryType::other;
-  }
-  const auto status = link_status_at(directory, entry.d_name);
+  const Result<Status> status = link_status_at(directory, entry.name);
   if (!status) {
-    cannot_read();
+    cannot_read(status.problem());
   }
-  return type_of(status->st_mode);
-}
-
-Descriptor open_level(int parent, const char* name, int flags) {
-  return Descriptor(retry_interrupted([&] { return openat(parent, name, flags); }));
+  return status->type;
 }
 
 std::string_view first_name(std::string_view path) { return path.substr(0, path.find('/')); }
@@ -98,7 +60,7 @@ class Walk {
  public:
   explicit Walk(const TreeVisitor& visitor) : visitor_(visitor) {}
 
-  void run(Descriptor root) {
+  void run(Result<Handle> root) {
     enter(std::move(root), {});
     while (!levels_.empty()) {
       if (levels_.back().unvisited.empty()) {
@@ -111,15 +73,14 @@ class Walk {
 
  private:
   struct Level {
-    Directory stream;     // that the entries were read from, while it is open
-    Descriptor reopened;  // in its place, once the walk has come back
+    os::DirectoryReader stream;  // that the entries were read from, while it is open
+    Handle reopened;             // in its place, once the walk has come back
     std::string name;
-    std::uint64_t device = 0;
-    std::uint64_t inode = 0;
+    Status status;
     std::size_t path_size = 0;           // of what stands before the names in it
     std::vector<std::string> unvisited;  // the directories that the walk has yet to go into, the last one first
 
-    int descriptor() const { return stream ? dirfd(stream.get()) : reopened.get(); }
+    int handle() const { return stream ? stream.handle() : reopened.get(); }
     void close() {
       stream.reset();
       reopened.reset();
@@ -132,31 +93,30 @@ class Walk {
     parent.unvisited.pop_back();
     path_.resize(parent.path_size);
     path_ += name;
-    Descriptor child = open_level(parent.descriptor(), name.c_str(), posix_files::walk_flags);
+    Result<Handle> child = os::open_at(parent.handle(), name.c_str(), os::OpenAs::directory);
     if (!child && visitor_.unreadable) {
-      require_descriptors(errno);
-      visitor_.unreadable({path_, name.c_str(), parent.descriptor(), EntryType::directory});
+      require_handles(child.problem());
+      visitor_.unreadable({path_, name.c_str(), parent.handle(), EntryType::directory}, child.problem());
       return;
     }
     if (!child) {
-      cannot_read();
+      cannot_read(child.problem());
     }
-    if (visitor_.refuse_mounts && os::is_mounted(child.get(), parent.device)) {
+    if (visitor_.refuse_mounts && os::is_mounted(child->get(), parent.status.device)) {
       fail("unsafe_path", "A volume is mounted in the tree: " + path_);
     }
     path_ += '/';
     enter(std::move(child), std::move(name));
   }
 
-  void enter(Descriptor directory, std::string name) {
-    const auto status = directory ? status_of(directory.get()) : std::nullopt;
+  void enter(Result<Handle> directory, std::string name) {
+    const Result<Status> status = directory ? status_of(directory->get()) : directory.problem();
     if (!status) {
-      cannot_read();
+      cannot_read(status.problem());
     }
     Level level;
     level.name = std::move(name);
-    level.device = device_number(*status);
-    level.inode = status->st_ino;
+    level.status = *status;
     level.path_size = path_.size();
     level.stream = read_from(std::move(directory));
     read_entries(level);
@@ -167,15 +127,15 @@ class Walk {
   }
 
   void read_entries(Level& level) {
-    DIR* const stream = level.stream.get();
-    while (const dirent* const entry = next_entry(stream)) {
+    const int directory = level.handle();
+    for (auto entry = next_entry(level.stream); entry.name != nullptr; entry = next_entry(level.stream)) {
       path_.resize(level.path_size);
-      path_ += entry->d_name;
-      const EntryType type = type_of(dirfd(stream), *entry);
+      path_ += entry.name;
+      const EntryType type = type_of(directory, entry);
       if (type == EntryType::directory) {
-        level.unvisited.emplace_back(entry->d_name);
+        level.unvisited.emplace_back(entry.name);
       }
-      visitor_.visit({path_, entry->d_name, dirfd(stream), type});
+      visitor_.visit({path_, entry.name, directory, type});
     }
     std::reverse(level.unvisited.begin(), level.unvisited.end());
   }
@@ -187,24 +147,24 @@ class Walk {
       return;
     }
     Level& parent = levels_.back();
-    if (parent.descriptor() < 0) {
-      reopen(parent, level.descriptor());
+    if (parent.handle() < 0) {
+      reopen(parent, level.handle());
     }
     if (visitor_.leave) {
       path_.resize(level.path_size - 1);
-      visitor_.leave({path_, level.name.c_str(), parent.descriptor(), EntryType::directory}, level.descriptor());
+      visitor_.leave({path_, level.name.c_str(), parent.handle(), EntryType::directory}, level.handle());
     }
   }
 
   // Goes back up from a child. It may have been moved meanwhile, and then lies in another directory.
   static void reopen(Level& parent, int child) {
-    parent.reopened = open_level(child, "..", posix_files::walk_flags);
-    const auto status = parent.reopened ? status_of(parent.reopened.get()) : std::nullopt;
+    Result<Handle> reopened = os::open_at(child, "..", os::OpenAs::directory);
+    const Result<Status> status = reopened ? status_of(reopened->get()) : reopened.problem();
     if (!status) {
-      cannot_read();
+      cannot_read(status.problem());
     }
-    require(device_number(*status) == parent.device && status->st_ino == parent.inode, "tree_read",
-            "A directory of the tree was moved while it was read");
+    require(same_file(*status, parent.status), "tree_read", "A directory of the tree was moved while it was read");
+    parent.reopened = *std::move(reopened);
   }
 
   const TreeVisitor& visitor_;
@@ -214,13 +174,13 @@ class Walk {
 
 }  // namespace
 
-Descriptor open_tree(const std::filesystem::path& root) {
-  return open_level(AT_FDCWD, without_end_separator(root).c_str(), posix_files::walk_flags);
+Result<Handle> open_tree(const std::filesystem::path& root) {
+  return os::open(without_end_separator(root), os::OpenAs::directory);
 }
 
-void walk_tree(Descriptor root, const TreeVisitor& visitor) { Walk(visitor).run(std::move(root)); }
+void walk_tree(Result<Handle> root, const TreeVisitor& visitor) { Walk(visitor).run(std::move(root)); }
 
-void walk_tree(Descriptor root, const std::function<void(const TreeEntry&)>& visit) {
+void walk_tree(Result<Handle> root, const std::function<void(const TreeEntry&)>& visit) {
   TreeVisitor visitor;
   visitor.visit = visit;
   walk_tree(std::move(root), visitor);
@@ -228,38 +188,37 @@ void walk_tree(Descriptor root, const std::function<void(const TreeEntry&)>& vis
 
 std::vector<std::string> names_in(int directory, std::size_t limit) {
   std::vector<std::string> names;
-  const Directory stream = read_from(open_level(directory, ".", posix_files::walk_flags));
+  os::DirectoryReader reader = read_from(os::open_at(directory, ".", os::OpenAs::directory));
   while (names.size() < limit) {
-    const dirent* const entry = next_entry(stream.get());
-    if (entry == nullptr) {
+    const os::DirectoryReader::Entry entry = next_entry(reader);
+    if (entry.name == nullptr) {
       break;
     }
-    names.emplace_back(entry->d_name);
+    names.emplace_back(entry.name);
   }
   return names;
 }
 
 std::vector<std::string> names_in(const std::filesystem::path& directory, std::size_t limit) {
-  const Descriptor opened(
-      retry_interrupted([&] { return open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC); }));
+  const Result<Handle> opened = os::open(directory, os::OpenAs::linked_directory);
   if (!opened) {
-    cannot_read();
+    cannot_read(opened.problem());
   }
-  return names_in(opened.get(), limit);
+  return names_in(opened->get(), limit);
 }
 
-Descriptor TreePaths::open(const std::string& path, int flags) {
-  const int parent = parent_of(path);
-  if (parent < 0) {
-    return Descriptor();
+Result<Handle> TreePaths::open(const std::string& path, os::OpenAs how) {
+  const Result<int> parent = parent_of(path);
+  if (!parent) {
+    return parent.problem();
   }
   // The separator before the last component, or the place before the first byte.
   const std::size_t separator = path.rfind('/');
   const std::size_t name = separator == std::string::npos ? 0 : separator + 1;
-  return open_level(parent, path.c_str() + name, flags | O_NOFOLLOW);
+  return os::open_at(*parent, path.c_str() + name, how);
 }
 
-int TreePaths::parent_of(std::string_view path) {
+Result<int> TreePaths::parent_of(std::string_view path) {
   const std::size_t separator = path.rfind('/');
   const std::string_view wanted = separator == std::string_view::npos ? std::string_view() : path.substr(0, separator);
   if (wanted == directory_) {
@@ -270,15 +229,13 @@ int TreePaths::parent_of(std::string_view path) {
   while (!rest.empty()) {
     std::string name(first_name(rest));
     rest.remove_prefix(std::min(name.size() + 1, rest.size()));
-    Descriptor directory = open_level(last(), name.c_str(), os::passage_flags());
+    Result<Handle> directory = os::open_at(last(), name.c_str(), os::OpenAs::passage);
     if (!directory) {
       // What is open is not the directory of any path that is known.
-      const int problem = errno;
       levels_.clear();
-      errno = problem;
-      return -1;
+      return directory.problem();
     }
-    levels_.push_back({std::move(name), std::move(directory)});
+    levels_.push_back({std::move(name), *std::move(directory)});
     if (levels_.size() > open_levels) {
       levels_[levels_.size() - open_levels - 1].directory.reset();
     }

@@ -8,11 +8,9 @@
 #include <string_view>
 #include <vector>
 
-#include "platform/file/descriptor.hpp"
+#include "platform/file/file_operations.hpp"
 
 namespace ravok {
-
-enum class EntryType { directory, file, link, other };
 
 // What a walk has come to. All of it lasts for the visit only.
 struct TreeEntry {
@@ -22,8 +20,8 @@ struct TreeEntry {
   EntryType type;         // a link's is not that of what it points to
 };
 
-// Opens a directory to walk it; none when there is none of that name, or a link in its place.
-Descriptor open_tree(const std::filesystem::path& root);
+// Opens a directory to walk it; refused when there is none of that name, or a link in its place.
+Result<Handle> open_tree(const std::filesystem::path& root);
 
 // What a walk calls.
 struct TreeVisitor {
@@ -34,17 +32,17 @@ struct TreeVisitor {
   // be empty. It may remove the directory.
   std::function<void(const TreeEntry& entry, int self)> leave;
   // Told of a directory that cannot be opened, which the walk then passes by. Where it is empty, the walk fails.
-  std::function<void(const TreeEntry&)> unreadable;
+  std::function<void(const TreeEntry& entry, const Problem& problem)> unreadable;
   // Whether a volume that is mounted inside the tree ends the walk before anything of it is visited.
   bool refuse_mounts = false;
 };
 
-// Visits everything below an open directory. At most 34 directories are open at a time, however deep the tree is, and
+// Visits everything below an open directory; the problem of one that could not be opened becomes the failure to read it. At most 34 directories are open at a time, however deep the tree is, and
 // the time grows with the number of entries. Fails with "tree_read" when a directory cannot be read or is moved
 // meanwhile, with "too_many_files" when the system gives no more descriptors, with "unsafe_path" for a mounted volume
 // where those are refused; what the visitor throws goes on.
-void walk_tree(Descriptor root, const TreeVisitor& visitor);
-void walk_tree(Descriptor root, const std::function<void(const TreeEntry&)>& visit);
+void walk_tree(Result<Handle> root, const TreeVisitor& visitor);
+void walk_tree(Result<Handle> root, const std::function<void(const TreeEntry&)>& visit);
 
 // Returns the names in an open directory, the first `limit` of them in the order in which the file system tells them.
 // Fails as walk_tree does.
@@ -57,26 +55,25 @@ std::vector<std::string> names_in(const std::filesystem::path& directory, std::s
 // path, so that files of one directory cost one call each.
 class TreePaths {
  public:
-  explicit TreePaths(Descriptor root) : root_(std::move(root)) {}
+  explicit TreePaths(Handle root) : root_(std::move(root)) {}
 
-  // Opens what a relative path names, with these flags and O_NOFOLLOW. Returns none with errno set.
-  Descriptor open(const std::string& path, int flags);
+  // Opens what a relative path names, through no link. `how` is none of those that go through one.
+  Result<Handle> open(const std::string& path, os::OpenAs how);
 
-  // Returns the open directory that holds what the path names, or -1 with errno set. It stays open
-  // until the next call.
-  int parent_of(std::string_view path);
+  // Returns the open directory that holds what the path names. It stays open until the next call.
+  Result<int> parent_of(std::string_view path);
 
  private:
   struct Level {
     std::string name;
-    Descriptor directory;  // none for all but the last levels
+    Handle directory;  // none for all but the last levels
   };
 
   // Keeps the levels that a path has in common with the last one, and returns the rest of it.
   std::string_view keep_shared(std::string_view wanted);
   int last() const { return levels_.empty() ? root_.get() : levels_.back().directory.get(); }
 
-  Descriptor root_;
+  Handle root_;
   std::string directory_;  // the path of the last level
   std::vector<Level> levels_;
 };

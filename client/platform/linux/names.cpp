@@ -2,18 +2,19 @@
 
 #include <fcntl.h>
 
-#include "platform/os.hpp"
+#include "platform/file/file_operations.hpp"
+#include "platform/posix/native.hpp"
 
-namespace ravok::os {
+namespace ravok {
 
-int passage_flags() { return O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC; }
+int posix::passage_flags() { return O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC; }
 
-int rename_exclusive(int from_parent, const char* from, int to_parent, const char* to) {
-  return renameat2(from_parent, from, to_parent, to, RENAME_NOREPLACE);
+Problem os::rename_exclusive(int from, const char* name, int to, const char* new_name) {
+  return renameat2(from, name, to, new_name, RENAME_NOREPLACE) == 0 ? Problem() : posix::last_problem();
 }
 
-int exchange_names(int first_parent, const char* first, int second_parent, const char* second) {
-  return renameat2(first_parent, first, second_parent, second, RENAME_EXCHANGE);
+Problem os::exchange_names(int first, const char* first_name, int second, const char* second_name) {
+  return renameat2(first, first_name, second, second_name, RENAME_EXCHANGE) == 0 ? Problem() : posix::last_problem();
 }
 
-}  // namespace ravok::os
+}  // namespace ravok

@@ -1,9 +1,8 @@
 #include "platform/os.hpp"
 
-#include <sys/stat.h>
 #include <unistd.h>
 
-#include "platform/file/file_status.hpp"
+#include "platform/file/status.hpp"
 
 namespace ravok::os {
 namespace {
@@ -14,8 +13,8 @@ constexpr const char* running_image = "/proc/self/exe";
 // to the path, and another file may have taken its place.
 bool is_running_image(const std::string& path) {
   const auto named = link_status_of(path);
-  FileStatus running;
-  return named && stat(running_image, &running) == 0 && same_file(*named, running);
+  const auto running = target_status_of(running_image);
+  return named && running && same_file(*named, *running);
 }
 
 }  // namespace

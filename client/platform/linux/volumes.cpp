@@ -21,8 +21,7 @@
 
 #include "domain/crypto.hpp"
 #include "domain/error.hpp"
-#include "platform/file/descriptor.hpp"
-#include "platform/file/file_status.hpp"
+#include "platform/file/file_operations.hpp"
 #include "platform/file/tree_walk.hpp"
 #include "platform/os.hpp"
 
@@ -97,13 +96,13 @@ std::string uuid_of_btrfs(int descriptor) {
 // The name that the system's device manager gives the block device by the UUID that it found on it, which
 // every user may read.
 std::string uuid_listed_for(dev_t device) {
-  const Descriptor list(open("/dev/disk/by-uuid", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  const Result<Handle> list = open("/dev/disk/by-uuid", OpenAs::linked_directory);
   if (!list) {
     return {};
   }
-  for (std::string& name : names_in(list.get(), maximum_devices)) {
+  for (std::string& name : names_in(list->get(), maximum_devices)) {
     struct stat status;
-    if (fstatat(list.get(), name.c_str(), &status, 0) == 0 && S_ISBLK(status.st_mode) && status.st_rdev == device) {
+    if (fstatat(list->get(), name.c_str(), &status, 0) == 0 && S_ISBLK(status.st_mode) && status.st_rdev == device) {
       return std::move(name);
     }
   }
@@ -239,7 +238,7 @@ Volume local_volume(int descriptor) {
   const Mount mount = read_mount(number);
   require(std::find(network_kinds.begin(), network_kinds.end(), mount.kind) == network_kinds.end(), "unsafe_path",
           not_local);
-  return {identity_of(descriptor, status->st_dev, mount.source), static_cast<std::uint64_t>(number), mount.path,
+  return {identity_of(descriptor, static_cast<dev_t>(status->device), mount.source), static_cast<std::uint64_t>(number), mount.path,
           mount.below};
 }
 
@@ -251,7 +250,7 @@ bool is_mounted(int directory, std::uint64_t parent_device) {
   }
   // A kernel that does not tell: all but a part of the same volume has another device.
   const auto status = status_of(directory);
-  return !status || device_number(*status) != parent_device;
+  return !status || status->device != parent_device;
 }
 
 std::vector<std::string> mounts_below(const std::string& path) {

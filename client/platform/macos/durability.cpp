@@ -2,25 +2,28 @@
 
 #include <fcntl.h>
 
-#include "platform/os.hpp"
+#include "platform/file/file_operations.hpp"
+#include "platform/posix/native.hpp"
 
-namespace ravok::os {
+namespace ravok {
 
 // A plain fsync leaves data in the drive's own cache here.
-int flush(int descriptor) { return fcntl(descriptor, F_FULLFSYNC); }
+Problem os::flush(int handle) {
+  return posix::done([&] { return fcntl(handle, F_FULLFSYNC); });
+}
 
-int claim_blocks(int descriptor, std::uint64_t allocated, std::uint64_t length) {
+Problem posix::claim_blocks(int descriptor, std::uint64_t allocated, std::uint64_t length) {
   const auto wanted = static_cast<off_t>(length - allocated);
   fstore_t claim{};
   claim.fst_flags = F_ALLOCATEALL;
   claim.fst_posmode = F_PEOFPOSMODE;
   claim.fst_offset = 0;
   claim.fst_length = wanted;
-  if (fcntl(descriptor, F_PREALLOCATE, &claim) != 0) {
+  if (const Problem problem = done([&] { return fcntl(descriptor, F_PREALLOCATE, &claim); })) {
     // Two numbers mean the same here.
-    return errno == EOPNOTSUPP ? ENOTSUP : errno;
+    return problem == Cause::unsupported ? problem_of(Cause::unsupported) : problem;
   }
-  return claim.fst_bytesalloc < wanted ? ENOSPC : 0;
+  return claim.fst_bytesalloc < wanted ? problem_of(Cause::no_space) : Problem();
 }
 
-}  // namespace ravok::os
+}  // namespace ravok

@@ -1,18 +1,19 @@
 #include <fcntl.h>
 #include <stdio.h>
 
-#include "platform/os.hpp"
+#include "platform/file/file_operations.hpp"
+#include "platform/posix/native.hpp"
 
-namespace ravok::os {
+namespace ravok {
 
-int passage_flags() { return O_SEARCH | O_NOFOLLOW | O_CLOEXEC; }
+int posix::passage_flags() { return O_SEARCH | O_NOFOLLOW | O_CLOEXEC; }
 
-int rename_exclusive(int from_parent, const char* from, int to_parent, const char* to) {
-  return renameatx_np(from_parent, from, to_parent, to, RENAME_EXCL);
+Problem os::rename_exclusive(int from, const char* name, int to, const char* new_name) {
+  return renameatx_np(from, name, to, new_name, RENAME_EXCL) == 0 ? Problem() : posix::last_problem();
 }
 
-int exchange_names(int first_parent, const char* first, int second_parent, const char* second) {
-  return renameatx_np(first_parent, first, second_parent, second, RENAME_SWAP);
+Problem os::exchange_names(int first, const char* first_name, int second, const char* second_name) {
+  return renameatx_np(first, first_name, second, second_name, RENAME_SWAP) == 0 ? Problem() : posix::last_problem();
 }
 
-}  // namespace ravok::os
+}  // namespace ravok

@@ -16,7 +16,7 @@
 
 #include "domain/crypto.hpp"
 #include "domain/error.hpp"
-#include "platform/file/file_status.hpp"
+#include "platform/file/status.hpp"
 #include "platform/os.hpp"
 
 namespace ravok::os {
@@ -94,7 +94,7 @@ Volume local_volume(int descriptor) {
 
 bool is_mounted(int directory, std::uint64_t parent_device) {
   const auto status = status_of(directory);
-  return !status || device_number(*status) != parent_device;
+  return !status || status->device != parent_device;
 }
 
 std::vector<std::string> mounts_below(const std::string& path) {

@@ -1,12 +1,13 @@
 // What Linux and macOS share of starting programs.
-#include <utility>
+#include <filesystem>
+#include <system_error>
 
 #include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include "platform/file/descriptor.hpp"
 #include "platform/os.hpp"
+#include "platform/posix/native.hpp"
 
 extern char** environ;
 
@@ -35,24 +36,56 @@ class SpawnActions {
   bool initialized_;
 };
 
+// The table that the system wants: pointers into the texts, and a null behind the last.
+std::vector<char*> pointers_to(std::vector<std::string>& texts) {
+  std::vector<char*> table;
+  for (std::string& text : texts) {
+    table.push_back(text.data());
+  }
+  table.push_back(nullptr);
+  return table;
+}
+
 }  // namespace
+
+std::vector<std::string> environment() {
+  std::vector<std::string> variables;
+  for (char** entry = environ; entry != nullptr && *entry != nullptr; ++entry) {
+    variables.emplace_back(*entry);
+  }
+  return variables;
+}
+
+bool is_terminal(int stream) { return isatty(stream) != 0; }
+
+ReplacementProblem replace_program(const std::string& image, std::vector<std::string> arguments,
+                                   std::vector<std::string> environment, const std::string& directory) {
+  const std::vector<char*> argument_table = pointers_to(arguments);
+  const std::vector<char*> environment_table = pointers_to(environment);
+  std::error_code unknown;
+  const std::filesystem::path before = std::filesystem::current_path(unknown);
+  if (unknown || chdir(directory.c_str()) != 0) {
+    return {true, posix::last_problem()};
+  }
+  execve(image.c_str(), argument_table.data(), environment_table.data());
+  const Problem problem = posix::last_problem();
+  // What was the current directory a moment ago; if it is gone, there is none to go back to.
+  static_cast<void>(chdir(before.c_str()) == 0);
+  return {false, problem};
+}
 
 ProgramEnd run_program(std::vector<std::string> words) {
   SpawnActions actions;
   if (!actions.duplicate(STDERR_FILENO, STDOUT_FILENO)) {
     return ProgramEnd::not_prepared;
   }
-  std::vector<char*> table;
-  for (std::string& word : words) {
-    table.push_back(word.data());
-  }
-  table.push_back(nullptr);
+  const std::vector<char*> table = pointers_to(words);
   pid_t child = 0;
   if (posix_spawnp(&child, table.front(), actions.get(), nullptr, table.data(), environ) != 0) {
     return ProgramEnd::not_started;
   }
   int end = 0;
-  const bool ended = retry_interrupted([&] { return waitpid(child, &end, 0); }) == child;
+  const bool ended = posix::retry_interrupted([&] { return waitpid(child, &end, 0); }) == child;
   return ended && WIFEXITED(end) && WEXITSTATUS(end) == 0 ? ProgramEnd::succeeded : ProgramEnd::failed;
 }
 

@@ -2,7 +2,7 @@
 
 #include "domain/error.hpp"
 #include "domain/paths.hpp"
-#include "platform/file/file_status.hpp"
+#include "platform/file/status.hpp"
 #include "platform/os.hpp"
 
 namespace ravok {

@@ -7,7 +7,7 @@
 #include <memory>
 #include <string>
 
-#include "platform/file/descriptor.hpp"
+#include "platform/file/handle.hpp"
 
 namespace ravok {
 
@@ -76,8 +76,8 @@ class InterruptPipe {
   bool request();
 
  private:
-  Descriptor reader_;
-  Descriptor writer_;
+  Handle reader_;
+  Handle writer_;
   bool requested_ = false;
 };
 

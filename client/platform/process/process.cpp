@@ -1,20 +1,14 @@
 #include "platform/process/process.hpp"
 
 #include <algorithm>
-#include <cerrno>
 #include <cstdlib>
-#include <cstring>
-#include <system_error>
-
-#include <unistd.h>
+#include <utility>
 
 #include "domain/error.hpp"
 #include "domain/paths.hpp"
 #include "domain/text_rules.hpp"
-#include "platform/file/file_status.hpp"
+#include "platform/file/status.hpp"
 #include "platform/os.hpp"
-
-extern char** environ;
 
 namespace ravok {
 namespace {
@@ -31,25 +25,30 @@ constexpr std::size_t maximum_replacement_bytes = 32768;
 // Reads no byte beyond the first `bound` + 1, however long the text is.
 std::string bounded_bytes(const char* text, std::size_t bound, std::string_view code) {
   require(text != nullptr, code, "Native process text is missing");
-  const std::size_t length = strnlen(text, bound + 1);
+  std::size_t length = 0;
+  while (length <= bound && text[length] != '\0') {
+    ++length;
+  }
   require(length <= bound, code, "Native process text exceeds its byte bound");
   return std::string(text, length);
 }
 
 bool is_key_character(char c) { return is_letter_or_digit(c) || c == '_'; }
 
-bool is_ordinary(const std::filesystem::path& path, mode_t type) {
-  const auto status = path.is_absolute() ? link_status_of(path) : std::nullopt;
-  return status && (status->st_mode & S_IFMT) == type;
+bool is_ordinary(const std::filesystem::path& path, EntryType type) {
+  const auto status = link_status_of(path);
+  return path.is_absolute() && status && status->type == type;
 }
 
-// A separator behind a link would lead the system through it.
-bool is_plain_directory(const std::filesystem::path& path) { return is_ordinary(without_end_separator(path), S_IFDIR); }
+// A separator after a link would lead the system through it.
+bool is_plain_directory(const std::filesystem::path& path) {
+  return is_ordinary(without_end_separator(path), EntryType::directory);
+}
 
 std::vector<std::string> replacement_arguments(const std::filesystem::path& image,
                                                const std::vector<std::string>& arguments) {
   require(arguments.size() <= maximum_replacement_arguments, "argument_limit", "Too many replacement arguments");
-  std::vector<std::string> table = {image.native()};
+  std::vector<std::string> table = {path_utf8(image)};
   std::size_t total = 0;
   for (const std::string& argument : arguments) {
     require(!has_nul(argument) && argument.size() <= maximum_replacement_argument_bytes, "argument_encoding",
@@ -68,10 +67,9 @@ bool is_inherited(std::string_view key, const ProcessEnvironment& environment, b
 
 std::vector<std::string> replacement_environment(const ProcessEnvironment& environment, bool scrub) {
   std::vector<std::string> table;
-  for (char** entry = environ; entry != nullptr && *entry != nullptr; ++entry) {
-    const std::string_view text = *entry;
-    if (is_inherited(text.substr(0, text.find('=')), environment, scrub)) {
-      table.emplace_back(text);
+  for (std::string& variable : os::environment()) {
+    if (is_inherited(std::string_view(variable).substr(0, variable.find('=')), environment, scrub)) {
+      table.push_back(std::move(variable));
     }
   }
   for (const auto& [key, value] : environment) {
@@ -84,33 +82,16 @@ std::vector<std::string> replacement_environment(const ProcessEnvironment& envir
   return table;
 }
 
-// The table that the system wants: pointers into the texts, and a null behind the last.
-std::vector<char*> pointers_to(std::vector<std::string>& texts) {
-  std::vector<char*> table;
-  for (std::string& text : texts) {
-    table.push_back(text.data());
-  }
-  table.push_back(nullptr);
-  return table;
-}
-
 [[noreturn]] void replace_image(const std::filesystem::path& image, const std::vector<std::string>& arguments,
                                 const std::filesystem::path& directory, const ProcessEnvironment& environment,
                                 bool scrub) {
-  require(is_ordinary(image, S_IFREG) && is_plain_directory(directory), "process_start",
+  require(is_ordinary(image, EntryType::file) && is_plain_directory(directory), "process_start",
           "Replacement image or directory is unavailable");
-  std::vector<std::string> argument_texts = replacement_arguments(image, arguments);
-  std::vector<std::string> environment_texts = replacement_environment(environment, scrub);
-  const std::vector<char*> argument_table = pointers_to(argument_texts);
-  const std::vector<char*> environment_table = pointers_to(environment_texts);
-  std::error_code unknown;
-  const std::filesystem::path before = std::filesystem::current_path(unknown);
-  require(!unknown && chdir(directory.c_str()) == 0, "process_start", "Cannot enter the external maintenance runtime");
-  execve(image.c_str(), argument_table.data(), environment_table.data());
-  const int problem = errno;
-  // What was the current directory a moment ago; if it is gone, there is none to go back to.
-  static_cast<void>(chdir(before.c_str()) == 0);
-  fail("process_start", "Cannot replace this process (native error " + std::to_string(problem) + ")");
+  const os::ReplacementProblem end =
+      os::replace_program(path_utf8(image), replacement_arguments(image, arguments),
+                          replacement_environment(environment, scrub), path_utf8(directory));
+  require(!end.in_directory, "process_start", "Cannot enter the external maintenance runtime");
+  fail("process_start", "Cannot replace this process (native error " + std::to_string(end.problem.number) + ")");
 }
 
 }  // namespace

@@ -9,7 +9,7 @@
 #include "domain/error.hpp"
 #include "domain/identifier.hpp"
 #include "domain/paths.hpp"
-#include "platform/file/file_status.hpp"
+#include "platform/file/status.hpp"
 #include "platform/file/files.hpp"
 #include "platform/os.hpp"
 #include "platform/process/process.hpp"
@@ -76,7 +76,7 @@ std::string command_line(const DesktopShortcut& shortcut) {
 std::optional<std::filesystem::path> brand_icon(const std::filesystem::path& data_root) {
   const std::filesystem::path icon = DataPaths(data_root).brand_icon;
   const auto status = link_status_of(icon);
-  return status && S_ISREG(status->st_mode) ? std::optional(icon) : std::nullopt;
+  return status && is_file(*status) ? std::optional(icon) : std::nullopt;
 }
 
 }  // namespace

@@ -1,14 +1,12 @@
 #include "platform/shortcut/shortcut_file.hpp"
 
-#include <cerrno>
 #include <utility>
-
-#include <unistd.h>
 
 #include "domain/crypto.hpp"
 #include "domain/error.hpp"
+#include "domain/paths.hpp"
+#include "platform/file/file_operations.hpp"
 #include "platform/file/posix_files.hpp"
-#include "platform/os.hpp"
 
 namespace ravok {
 namespace {
@@ -19,23 +17,22 @@ bool names_file(int folder, const std::string& name, const OpenedFile& file) {
   return named && same_file(*named, file.status);
 }
 
-Descriptor open_folder(const std::filesystem::path& path) {
+Handle open_folder(const std::filesystem::path& path) {
   try {
-    errno = 0;
-    Descriptor folder = posix_files::open_passage(path.parent_path());
-    require_descriptors(folder ? 0 : errno);
-    return folder;
+    Result<Handle> folder = posix_files::open_passage(path.parent_path());
+    require_handles(folder.problem());
+    return *std::move(folder);
   } catch (const Error& error) {
     if (error.code == "too_many_files") {
       throw;
     }
-    return Descriptor();
+    return Handle();
   }
 }
 
 }  // namespace
 
-ShortcutFile::ShortcutFile(const std::filesystem::path& path) : name_(path.filename()), folder_(open_folder(path)) {}
+ShortcutFile::ShortcutFile(const std::filesystem::path& path) : name_(name_of(path)), folder_(open_folder(path)) {}
 
 std::optional<OpenedFile> ShortcutFile::read() const {
   if (!folder_) {
@@ -53,10 +50,11 @@ ShortcutFile::Removal ShortcutFile::remove(const OpenedFile& file) const {
   if (!names_file(folder_.get(), name_, file)) {
     return link_status_at(folder_.get(), name_.c_str()) ? Removal::replaced : Removal::missing;
   }
-  if (unlinkat(folder_.get(), name_.c_str(), 0) == 0) {
+  const Problem problem = os::remove_at(folder_.get(), name_.c_str());
+  if (!problem) {
     return Removal::removed;
   }
-  return errno == ENOENT ? Removal::missing : Removal::failed;
+  return problem == Cause::missing ? Removal::missing : Removal::failed;
 }
 
 void ShortcutFile::flush_folder() const { sync_open_directory(folder_.get()); }
@@ -72,7 +70,7 @@ StandAside::StandAside(const std::filesystem::path& path)
   constexpr const char* not_replaced = "Cannot replace a changed shortcut";
   require(file_.has_value(), "shortcut_path", not_replaced);
   const int folder = place_.folder_.get();
-  require(renameat(folder, place_.name_.c_str(), folder, aside_.c_str()) == 0, "shortcut_path", not_replaced);
+  require(!os::rename_at(folder, place_.name_.c_str(), folder, aside_.c_str()), "shortcut_path", not_replaced);
   if (!names_file(folder, aside_, *file_)) {
     // Another file had come to the name since the look.
     come_back();
@@ -89,7 +87,7 @@ StandAside::~StandAside() {
 void StandAside::dismiss() {
   const std::optional<OpenedFile> file = std::exchange(file_, std::nullopt);
   if (file && names_file(place_.folder_.get(), aside_, *file)) {
-    unlinkat(place_.folder_.get(), aside_.c_str(), 0);
+    os::remove_at(place_.folder_.get(), aside_.c_str());
   }
 }
 

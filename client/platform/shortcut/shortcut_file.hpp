@@ -7,8 +7,8 @@
 #include <optional>
 #include <string>
 
-#include "platform/file/descriptor.hpp"
-#include "platform/file/file_status.hpp"
+#include "platform/file/file_operations.hpp"
+#include "platform/file/status.hpp"
 #include "platform/file/files.hpp"
 
 namespace ravok {
@@ -42,7 +42,7 @@ class ShortcutFile {
   friend class StandAside;
 
   std::string name_;
-  Descriptor folder_;
+  Handle folder_;
 };
 
 // A shortcut's file that stands aside, under another name of its folder, while a new one takes its place. It comes

@@ -12,7 +12,7 @@
 #include "domain/identifier.hpp"
 #include "domain/json.hpp"
 #include "domain/paths.hpp"
-#include "platform/file/file_status.hpp"
+#include "platform/file/status.hpp"
 #include "platform/file/files.hpp"
 #include "platform/file/managed_paths.hpp"
 #include "platform/shortcut/shortcut_rules.hpp"
@@ -41,13 +41,14 @@ class DataFolder {
   explicit DataFolder(const std::filesystem::path& root) {
     std::error_code problem;
     path_ = without_end_separator(std::filesystem::absolute(root, problem).lexically_normal());
+    prefix_ = path_utf8(path_) + "/";
     status_ = link_status_of(resolved(path_));
   }
 
   // Whether the place of a file is known to lie in the folder, by its spelling or because a level above it is the
   // folder. What lies behind a user's link is not known.
   bool is_known_to_hold(const std::filesystem::path& file) {
-    if (file == path_ || file.native().starts_with(path_.native() + "/")) {
+    if (file == path_ || path_utf8(file).starts_with(prefix_)) {
       return true;
     }
     const auto [known, is_new] = parents_.try_emplace(file.parent_path(), false);
@@ -76,7 +77,8 @@ class DataFolder {
   }
 
   std::filesystem::path path_;
-  std::optional<FileStatus> status_;
+  std::string prefix_;
+  Result<Status> status_ = problem_of(Cause::missing);
   std::map<std::filesystem::path, bool> parents_;
 };
 

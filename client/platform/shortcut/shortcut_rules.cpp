@@ -4,13 +4,12 @@
 #include <optional>
 #include <utility>
 
-#include <unistd.h>
-
 #include "domain/error.hpp"
 #include "domain/json.hpp"
 #include "domain/limits.hpp"
 #include "domain/paths.hpp"
-#include "platform/file/file_status.hpp"
+#include "domain/text_rules.hpp"
+#include "platform/file/status.hpp"
 #include "platform/file/files.hpp"
 #include "platform/file/path_keys.hpp"
 #include "platform/os.hpp"
@@ -21,7 +20,7 @@ namespace {
 
 // Whether the file is just what would be written, and nobody else's.
 bool is_same(const OpenedFile& file, const std::string& text) {
-  return is_single_link_file(file.status) && file.status.st_uid == geteuid() && file.bytes == text;
+  return is_single_link_file(file.status) && file.status.is_own && file.bytes == text;
 }
 
 // What has the name, or nothing for what a request has to preserve.
@@ -36,11 +35,9 @@ std::optional<Found> find(const std::filesystem::path& path, const std::string& 
   return file && taken == Taken::replaced ? std::optional(Found::other) : std::nullopt;
 }
 
-bool is_control(char c) { return static_cast<unsigned char>(c) < 32 || c == 127; }
-
 bool is_absolute_and_normal(const std::filesystem::path& path) {
   bounded_text(path_utf8(path), maximum_path_bytes);
-  return path.has_root_directory() && path.native() == path.lexically_normal().native();
+  return path.has_root_directory() && path_utf8(path) == path_utf8(path.lexically_normal());
 }
 
 }  // namespace
@@ -68,7 +65,7 @@ std::filesystem::path absolute_path_below_root(const std::filesystem::path& path
 
 void ordinary(const std::filesystem::path& path, bool directory) {
   const auto status = link_status_of(path);
-  require(status && (directory ? is_directory(*status) : S_ISREG(status->st_mode)), "shortcut_path",
+  require(status && (directory ? is_directory(*status) : is_file(*status)), "shortcut_path",
           "Shortcut inputs need existing ordinary files and directories");
 }
 

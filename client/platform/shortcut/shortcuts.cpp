@@ -6,14 +6,12 @@
 #include <system_error>
 #include <utility>
 
-#include <sys/stat.h>
-
 #include "domain/crypto.hpp"
 #include "domain/data_layout.hpp"
 #include "domain/error.hpp"
 #include "domain/identifier.hpp"
 #include "domain/paths.hpp"
-#include "platform/file/file_status.hpp"
+#include "platform/file/status.hpp"
 #include "platform/file/native_lock.hpp"
 #include "platform/file/path_keys.hpp"
 #include "platform/file/posix_files.hpp"
@@ -43,7 +41,7 @@ void require_plain_way(const std::filesystem::path& parent) {
       require(level == parent, "shortcut_path", "Shortcut paths need existing plain files and directories");
       continue;
     }
-    require(!S_ISLNK(status->st_mode), "shortcut_path", "Shortcut path contains a symbolic link");
+    require(!is_link(*status), "shortcut_path", "Shortcut path contains a symbolic link");
     require(is_directory(*status), "shortcut_path", "Shortcut paths need existing plain files and directories");
   }
 }

@@ -4,8 +4,6 @@
 #include <cerrno>
 
 #include <archive.h>
-#include <fcntl.h>
-#include <unistd.h>
 #include <zstd.h>
 
 #include "domain/error.hpp"
@@ -21,12 +19,12 @@ constexpr std::array<std::uint8_t, 4> frame_magic = {0x28, 0xB5, 0x2F, 0xFD};
 void BoundedZstd::Release::operator()(ZSTD_DCtx_s* context) const { ZSTD_freeDCtx(context); }
 
 BoundedZstd::BoundedZstd(const std::filesystem::path& path, std::uint64_t limit)
-    : file_(retry_interrupted([&] { return open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC); })),
-      context_(ZSTD_createDCtx()),
-      limit_(limit) {
-  require(file_ && context_, "archive", "Cannot open bounded snapshot decoder");
+    : context_(ZSTD_createDCtx()), limit_(limit) {
+  Result<Handle> file = os::open(path, os::OpenAs::file);
+  require(file && context_, "archive", "Cannot open bounded snapshot decoder");
   require(ZSTD_isError(ZSTD_DCtx_setParameter(context_.get(), ZSTD_d_windowLogMax, maximum_window_log)) == 0, "archive",
           "Cannot set the 64 MiB decoder window limit");
+  file_ = *std::move(file);
   fill();
   require(input_size_ >= frame_magic.size() && std::equal(frame_magic.begin(), frame_magic.end(), input_.begin()),
           "archive", "Snapshot must contain exactly one ordinary Zstandard frame");
@@ -39,13 +37,13 @@ void BoundedZstd::fill() {
   input_position_ = 0;
   input_size_ = 0;
   while (input_size_ < input_.size()) {
-    const ssize_t count = retry_interrupted(
-        [&] { return ::read(file_.get(), input_.data() + input_size_, input_.size() - input_size_); });
-    require(count >= 0, "archive", "Snapshot read failed");
-    if (count == 0) {
+    const Result<std::size_t> count =
+        os::read(file_.get(), input_.data() + input_size_, input_.size() - input_size_);
+    require(count.has_value(), "archive", "Snapshot read failed");
+    if (*count == 0) {
       break;
     }
-    input_size_ += static_cast<std::size_t>(count);
+    input_size_ += *count;
   }
 }
 
@@ -98,11 +96,11 @@ void BoundedZstd::require_no_error() const {
   }
 }
 
-ssize_t BoundedZstd::callback(::archive* reader, void* self, const void** block) noexcept {
+std::ptrdiff_t BoundedZstd::callback(::archive* reader, void* self, const void** block) noexcept {
   auto& decoder = *static_cast<BoundedZstd*>(self);
   try {
     *block = decoder.output();
-    return static_cast<ssize_t>(decoder.read());
+    return static_cast<std::ptrdiff_t>(decoder.read());
   } catch (const Error& error) {
     decoder.failure_ = std::current_exception();
     archive_set_error(reader, EINVAL, "%s", error.what());

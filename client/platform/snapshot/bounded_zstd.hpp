@@ -9,10 +9,8 @@
 #include <filesystem>
 #include <memory>
 
-#include <sys/types.h>
-
 #include "domain/limits.hpp"
-#include "platform/file/descriptor.hpp"
+#include "platform/file/file_operations.hpp"
 
 struct archive;
 struct ZSTD_DCtx_s;
@@ -47,7 +45,7 @@ class BoundedZstd {
 
   // The tar reader's way to read; `self` is a BoundedZstd. A failure of any kind is kept, as it must not cross the
   // reader's code, and answered with -1.
-  static ssize_t callback(::archive* reader, void* self, const void** block) noexcept;
+  static std::ptrdiff_t callback(::archive* reader, void* self, const void** block) noexcept;
 
  private:
   struct Release {
@@ -57,7 +55,7 @@ class BoundedZstd {
   void fill();
   bool at_end_of_file();
 
-  Descriptor file_;
+  Handle file_;
   std::unique_ptr<ZSTD_DCtx_s, Release> context_;
   std::array<std::uint8_t, piece_bytes> input_;
   std::array<std::uint8_t, piece_bytes> output_;

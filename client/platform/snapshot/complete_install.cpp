@@ -4,7 +4,7 @@
 
 #include "domain/error.hpp"
 #include "domain/paths.hpp"
-#include "platform/file/file_status.hpp"
+#include "platform/file/status.hpp"
 
 namespace ravok {
 namespace {

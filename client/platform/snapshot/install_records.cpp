@@ -13,7 +13,7 @@
 #include "domain/identifier.hpp"
 #include "domain/paths.hpp"
 #include "domain/text_rules.hpp"
-#include "platform/file/file_status.hpp"
+#include "platform/file/status.hpp"
 #include "platform/file/tree.hpp"
 #include "platform/file/tree_walk.hpp"
 #include "platform/process/native_platform.hpp"
@@ -69,7 +69,7 @@ void require_install_document(const Json& document, const Kind& kind) {
   require(is_identity(identity) || (identity.is_null() && !kind.needs_identity), kind.code,
           "Invalid prepared directory identity");
   const std::filesystem::path versions = path_from_utf8(text_at(document, "versions_path"));
-  require(versions.is_absolute() && versions.native() == versions.lexically_normal().native(), kind.code,
+  require(versions.is_absolute() && path_utf8(versions) == path_utf8(versions.lexically_normal()), kind.code,
           "Prepared storage path is not absolute and normalized");
   require_reference(document.at("reference"), kind);
   require(document.dump().size() <= maximum_document_bytes, "size_limit",
@@ -109,7 +109,7 @@ void require_recorded_root(const std::filesystem::path& root, const DirectoryIde
                            std::string_view other_volume, std::string_view other_directory) {
   const auto status = link_status_of(root);
   require(status && is_directory(*status), "allocation_changed", other_directory);
-  require(device_number(*status) == identity.device, "allocation_changed", other_volume);
+  require(status->device == identity.device, "allocation_changed", other_volume);
   require(inspect_storage_directory(root) == identity, "allocation_changed", other_directory);
 }
 
@@ -117,7 +117,7 @@ bool is_manifest_file(const SnapshotManifest& manifest, const TreeEntry& entry) 
   const auto expected = manifest.files.find(std::string(entry.path));
   const auto status = link_status_at(entry.directory, entry.name);
   return expected != manifest.files.end() && status && is_single_link_file(*status) &&
-         static_cast<std::uint64_t>(status->st_size) <= expected->second.length;
+         status->size <= expected->second.length;
 }
 
 // Proves that the tree holds nothing but what the manifest allows, so that it may be removed whole.

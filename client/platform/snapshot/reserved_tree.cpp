@@ -5,13 +5,9 @@
 #include <string_view>
 #include <system_error>
 
-#include <fcntl.h>
-#include <unistd.h>
-
 #include "domain/error.hpp"
 #include "domain/paths.hpp"
-#include "platform/file/descriptor.hpp"
-#include "platform/file/file_status.hpp"
+#include "platform/file/file_operations.hpp"
 #include "platform/file/files.hpp"
 #include "platform/file/managed_paths.hpp"
 #include "platform/file/posix_files.hpp"
@@ -28,23 +24,23 @@ std::filesystem::path place_of(const std::filesystem::path& root) {
 }
 
 // The directories of a manifest below a root, each ahead of the one that holds it.
-std::vector<std::string> directories_below(const std::filesystem::path& root, const SnapshotManifest& manifest) {
+std::vector<std::filesystem::path> directories_below(const std::filesystem::path& root, const SnapshotManifest& manifest) {
   const std::set<std::string_view> names = manifest.directories();
-  std::vector<std::string> directories;
+  std::vector<std::filesystem::path> directories;
   directories.reserve(names.size());
   for (auto name = names.rbegin(); name != names.rend(); ++name) {
-    directories.push_back((root / *name).native());
+    directories.push_back(root / path_from_utf8(*name));
   }
   return directories;
 }
 
-bool is_identical(const FileStatus& status, std::uint64_t device, std::uint64_t inode) {
-  return device_number(status) == device && status.st_ino == inode;
+bool is_identical(const Status& status, std::uint64_t device, std::uint64_t inode) {
+  return status.device == device && status.inode == inode;
 }
 
-bool is_reserved(const FileStatus& status, const FileReservation& reservation) {
+bool is_reserved(const Status& status, const FileReservation& reservation) {
   return is_single_link_file(status) && is_identical(status, reservation.device, reservation.inode) &&
-         static_cast<std::uint64_t>(status.st_size) <= reservation.size;
+         status.size <= reservation.size;
 }
 
 }  // namespace
@@ -57,7 +53,7 @@ ReservedTree::ReservedTree(const SnapshotManifest& manifest, const std::filesyst
   const auto status = link_status_of(parent);
   require(status && is_directory(*status), "unsafe_path", "Allocation requires an ordinary parent directory");
   // All that removing the tree takes is at hand before it is made: where memory has run out, it still goes.
-  const std::vector<std::string> directories = directories_below(root_, manifest);
+  const std::vector<std::filesystem::path> directories = directories_below(root_, manifest);
   private_directory_new(root_);
   identity_ = inspect_storage_directory(root_);
   try {
@@ -68,7 +64,7 @@ ReservedTree::ReservedTree(const SnapshotManifest& manifest, const std::filesyst
   }
 }
 
-void ReservedTree::reserve(const SnapshotManifest& manifest, const std::vector<std::string>& directories,
+void ReservedTree::reserve(const SnapshotManifest& manifest, const std::vector<std::filesystem::path>& directories,
                            const ProgressCallback& progress, const Recorder& recorder) {
   sync_directory(root_);
   sync_directory(root_.parent_path());
@@ -101,7 +97,7 @@ void ReservedTree::reserve_files(const SnapshotManifest& manifest, const Progres
 }
 
 // What cannot be proved ours stays; its owner's record binds it.
-void ReservedTree::remove_reserved(const std::vector<std::string>& directories,
+void ReservedTree::remove_reserved(const std::vector<std::filesystem::path>& directories,
                                    const std::filesystem::path& parent) const noexcept {
   const auto found = link_status_of(root_);
   if (!found || !is_directory(*found) || !is_identical(*found, identity_.device, identity_.inode)) {
@@ -115,14 +111,16 @@ void ReservedTree::remove_reserved(const std::vector<std::string>& directories,
     if (!file || !is_reserved(*file, reservation)) {
       return;
     }
-    unlink(reservation.path.c_str());
+    os::remove(reservation.path);
   }
-  for (const std::string& directory : directories) {
-    rmdir(directory.c_str());
+  for (const std::filesystem::path& directory : directories) {
+    os::remove_directory(directory);
   }
-  if (rmdir(root_.c_str()) == 0) {
-    const Descriptor holder(open(parent.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    posix_files::sync(holder.get());
+  if (os::remove_directory(root_)) {
+    return;
+  }
+  if (const Result<Handle> holder = os::open(parent, os::OpenAs::linked_directory)) {
+    os::flush(holder->get());
   }
 }
 

@@ -51,10 +51,10 @@ class ReservedTree {
   const DirectoryIdentity& identity() const { return identity_; }
 
  private:
-  void reserve(const SnapshotManifest& manifest, const std::vector<std::string>& directories,
+  void reserve(const SnapshotManifest& manifest, const std::vector<std::filesystem::path>& directories,
                const ProgressCallback& progress, const Recorder& recorder);
   void reserve_files(const SnapshotManifest& manifest, const ProgressCallback& progress);
-  void remove_reserved(const std::vector<std::string>& directories, const std::filesystem::path& parent) const noexcept;
+  void remove_reserved(const std::vector<std::filesystem::path>& directories, const std::filesystem::path& parent) const noexcept;
 
   std::filesystem::path root_;
   DirectoryIdentity identity_;

@@ -18,7 +18,7 @@
 #include "domain/paths.hpp"
 #include "platform/file/allocated_file.hpp"
 #include "platform/file/file_digest.hpp"
-#include "platform/file/file_status.hpp"
+#include "platform/file/status.hpp"
 #include "platform/file/files.hpp"
 #include "platform/file/managed_paths.hpp"
 #include "platform/file/posix_files.hpp"
@@ -46,8 +46,8 @@ using Entry = std::unique_ptr<archive_entry, ReleaseEntry>;
 
 void require_authentic(const SnapshotManifest& manifest, const std::filesystem::path& archive) {
   const auto status = link_status_of(archive);
-  require(status && S_ISREG(status->st_mode) &&
-              static_cast<std::uint64_t>(status->st_size) == manifest.archive_length &&
+  require(status && is_file(*status) &&
+              status->size == manifest.archive_length &&
               digest_file(archive, "sha256") == manifest.archive_sha256,
           "content_mismatch", "Snapshot differs from its verified application manifest");
 }
@@ -104,7 +104,7 @@ void require_ordinary(archive_entry* entry) {
 
 void require_as_declared(archive_entry* entry, const SnapshotFile& expected) {
   const std::int64_t size = archive_entry_size(entry);
-  const mode_t mode = expected.executable ? 0755 : 0644;
+  const unsigned mode = expected.executable ? 0755 : 0644;
   require(size >= 0 && static_cast<std::uint64_t>(size) == expected.length && archive_entry_perm(entry) == mode,
           "archive_inventory", "Archive file length or mode differs from manifest");
 }
@@ -198,7 +198,7 @@ void synchronize_directories(const std::filesystem::path& staging) {
   TreeVisitor visitor;
   visitor.visit = [](const TreeEntry&) {};
   visitor.leave = [](const TreeEntry&, int self) {
-    require(posix_files::sync(self) == 0, "file_sync", "Could not durably synchronize directory");
+    require(!os::flush(self), "file_sync", "Could not durably synchronize directory");
   };
   walk_tree(open_tree(staging), visitor);
   sync_directory(staging);

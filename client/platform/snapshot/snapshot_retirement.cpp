@@ -1,7 +1,6 @@
 #include "platform/snapshot/snapshot_retirement.hpp"
 
 #include <algorithm>
-#include <cerrno>
 #include <optional>
 #include <set>
 #include <string>
@@ -9,14 +8,11 @@
 #include <utility>
 #include <vector>
 
-#include <unistd.h>
-
 #include "domain/error.hpp"
 #include "domain/paths.hpp"
-#include "platform/file/file_status.hpp"
+#include "platform/file/file_operations.hpp"
 #include "platform/file/files.hpp"
 #include "platform/file/managed_paths.hpp"
-#include "platform/file/posix_files.hpp"
 #include "platform/file/tree_walk.hpp"
 
 namespace ravok {
@@ -33,59 +29,60 @@ std::vector<std::string_view> deepest_first(const std::set<std::string_view>& di
 // directories that are held open, whatever becomes of their paths.
 class Retirement {
  public:
-  Retirement(const std::filesystem::path& root, Descriptor directory)
+  Retirement(const std::filesystem::path& root, Handle directory)
       : root_(root), identity_(status_of(directory.get())), paths_(std::move(directory)) {}
 
   void remove_file(const std::string& path) {
-    const int parent = open_parent(path);
-    if (parent < 0) {
+    const std::optional<int> parent = find_parent(path);
+    if (!parent) {
       return;
     }
     const char* const name = name_in(path);
-    const auto status = link_status_at(parent, name);
+    const Result<Status> status = link_status_at(*parent, name);
     if (!status) {
-      require(errno == ENOENT, "file_remove", "Cannot remove a declared managed file");
+      require(status.problem() == Cause::missing, "file_remove", "Cannot remove a declared managed file");
       return;
     }
-    if (!S_ISREG(status->st_mode)) {
+    if (!is_file(*status)) {
       // The joining names a link as what it is.
       safe_join(root_, path, true);
       fail("unsafe_path", "Changed managed paths were preserved");
     }
-    require(unlinkat(parent, name, 0) == 0, "file_remove", "Cannot remove a declared managed file");
+    require(!os::remove_at(*parent, name), "file_remove", "Cannot remove a declared managed file");
   }
 
   // Removes a directory that holds nothing any more, and flushes one that still holds something.
   void remove_directory(const std::string& path) {
-    const int parent = open_parent(path);
-    if (parent < 0) {
+    const std::optional<int> parent = find_parent(path);
+    if (!parent) {
       return;
     }
     const char* const name = name_in(path);
-    const auto status = link_status_at(parent, name);
+    const Result<Status> status = link_status_at(*parent, name);
     if (!status) {
-      require(errno == ENOENT, "file_remove", "Cannot retire empty managed directory");
+      require(status.problem() == Cause::missing, "file_remove", "Cannot retire empty managed directory");
       return;
     }
     require(is_directory(*status), "unsafe_path", "Changed managed directory was preserved");
-    if (unlinkat(parent, name, AT_REMOVEDIR) != 0) {
-      require(errno == ENOTEMPTY || errno == EEXIST, "file_remove", "Cannot retire empty managed directory");
-      flush(paths_.open(path, posix_files::walk_flags));
+    if (const Problem problem = os::remove_directory_at(*parent, name)) {
+      require(is_not_empty(problem), "file_remove", "Cannot retire empty managed directory");
+      flush(paths_.open(path, os::OpenAs::directory));
     }
   }
 
   // Removes the root where it holds nothing any more, and flushes what is left: it, or the directory that
   // held it.
   void finish() {
-    flush(paths_.open(".", posix_files::walk_flags));
+    flush(paths_.open(".", os::OpenAs::directory));
     const auto named = link_status_of(root_);
     require(named && identity_ && same_file(*named, *identity_), "unsafe_path",
             "Changed managed directory was preserved");
-    if (rmdir(root_.c_str()) == 0) {
+    const Problem problem = os::remove_directory(root_);
+    if (!problem) {
       sync_directory(folder_of(root_));
       return;
     }
-    require(errno == ENOTEMPTY || errno == EEXIST, "file_remove", "Cannot retire empty snapshot directory");
+    require(is_not_empty(problem), "file_remove", "Cannot retire empty snapshot directory");
   }
 
  private:
@@ -94,26 +91,31 @@ class Retirement {
     return path.c_str() + (separator == std::string::npos ? 0 : separator + 1);
   }
 
-  // The open directory of a path, or -1 where it is missing. Fails for a link on the way.
-  int open_parent(const std::string& path) {
-    const int parent = paths_.parent_of(path);
-    if (parent < 0) {
-      const int problem = errno;
-      require_descriptors(problem);
-      safe_join(root_, path, true);
-      require(problem == ENOENT || problem == ENOTDIR, "unsafe_path", "Changed managed paths were preserved");
+  // The open directory of a path, or none where it is missing. Fails for a link on the way.
+  std::optional<int> find_parent(const std::string& path) {
+    const Result<int> parent = paths_.parent_of(path);
+    if (parent) {
+      return *parent;
     }
-    return parent;
+    const Problem& problem = parent.problem();
+    require_handles(problem);
+    safe_join(root_, path, true);
+    require(problem == Cause::missing || problem == Cause::not_a_directory, "unsafe_path",
+            "Changed managed paths were preserved");
+    return std::nullopt;
   }
 
-  static void flush(const Descriptor& directory) {
-    require_descriptors(directory ? 0 : errno);
-    require(directory && posix_files::sync(directory.get()) == 0, "file_sync",
-            "Could not durably synchronize directory");
+  static bool is_not_empty(const Problem& problem) {
+    return problem == Cause::not_empty || problem == Cause::exists;
+  }
+
+  static void flush(const Result<Handle>& directory) {
+    require_handles(directory.problem());
+    require(directory && !os::flush(directory->get()), "file_sync", "Could not durably synchronize directory");
   }
 
   const std::filesystem::path& root_;
-  std::optional<FileStatus> identity_;
+  Result<Status> identity_;
   TreePaths paths_;
 };
 
@@ -129,7 +131,7 @@ void validate_snapshot_retirement(const SnapshotManifest& manifest, const std::f
   for (const auto& [path, file] : manifest.files) {
     const std::filesystem::path managed = safe_join(tree, path, true);
     const auto found = link_status_of(managed);
-    require(found ? S_ISREG(found->st_mode) : is_missing(managed), "unsafe_path",
+    require(found ? is_file(*found) : is_missing(managed), "unsafe_path",
             "A managed snapshot path became a link or special file; it was preserved");
   }
 }
@@ -141,9 +143,9 @@ void retire_snapshot_files(const SnapshotManifest& manifest, const std::filesyst
   if (is_missing(tree)) {
     return;
   }
-  Descriptor directory = open_tree(tree);
-  require(static_cast<bool>(directory), "unsafe_path", "Managed snapshot retirement requires an ordinary directory");
-  Retirement retirement(tree, std::move(directory));
+  Result<Handle> directory = open_tree(tree);
+  require(directory.has_value(), "unsafe_path", "Managed snapshot retirement requires an ordinary directory");
+  Retirement retirement(tree, *std::move(directory));
   for (const auto& [path, file] : manifest.files) {
     if (hook) {
       hook();

@@ -1,15 +1,12 @@
 #include "platform/snapshot/snapshot_tree.hpp"
 
-#include <cerrno>
 #include <string_view>
 #include <utility>
-
-#include <fcntl.h>
 
 #include "domain/error.hpp"
 #include "domain/paths.hpp"
 #include "platform/file/file_digest.hpp"
-#include "platform/file/file_status.hpp"
+#include "platform/file/status.hpp"
 #include "platform/file/managed_paths.hpp"
 #include "platform/file/tree_walk.hpp"
 
@@ -17,19 +14,18 @@ namespace ravok {
 namespace {
 
 constexpr std::size_t maximum_entries = 250'000;
-constexpr int read_flags = O_RDONLY | O_NONBLOCK | O_CLOEXEC;
 
-Descriptor open_root(const std::filesystem::path& root) {
-  Descriptor directory = open_tree(root);
-  require_descriptors(directory ? 0 : errno);
-  require(static_cast<bool>(directory), "unsafe_path", "Game content directory is missing or linked");
-  return directory;
+Handle open_root(const std::filesystem::path& root) {
+  Result<Handle> directory = open_tree(root);
+  require_handles(directory.problem());
+  require(directory.has_value(), "unsafe_path", "Game content directory is missing or linked");
+  return *std::move(directory);
 }
 
 // Visits every file and every entry that is neither file nor directory, in a tree of bounded size
 // without links whose names could all be managed.
 template <typename Visit>
-void walk_contents(const SnapshotManifest& manifest, Descriptor directory, Visit visit) {
+void walk_contents(const SnapshotManifest& manifest, Handle directory, Visit visit) {
   std::size_t entries = 0;
   std::string path;
   walk_tree(std::move(directory), [&](const TreeEntry& entry) {
@@ -67,17 +63,17 @@ class FileInspector {
 
  private:
   Condition compare(const std::string& path, const SnapshotFile& expected) {
-    const Descriptor file = files_.open(path, read_flags);
+    const Result<Handle> file = files_.open(path, os::OpenAs::file);
     if (!file) {
-      explain_missing(path);
+      explain_missing(path, file.problem());
       return Condition::different;
     }
-    const auto status = status_of(file.get());
-    if (!status || !S_ISREG(status->st_mode) || static_cast<std::uint64_t>(status->st_size) != expected.length ||
-        digest(file.get()) != expected.sha256) {
+    const auto status = status_of(file->get());
+    if (!status || !is_file(*status) || status->size != expected.length ||
+        digest(file->get()) != expected.sha256) {
       return Condition::different;
     }
-    return expected.executable && (status->st_mode & S_IXUSR) == 0 ? Condition::not_executable : Condition::whole;
+    return expected.executable && (status->permissions & permissions::owner_executes) == 0 ? Condition::not_executable : Condition::whole;
   }
 
   std::string digest(int file) {
@@ -100,12 +96,13 @@ class FileInspector {
 
   // Returns for a file that is not there; fails for a link on the way, and for what keeps this user
   // from reading the file.
-  void explain_missing(const std::string& path) const {
-    const int problem = errno;
-    require_descriptors(problem);
+  void explain_missing(const std::string& path, const Problem& problem) const {
+    require_handles(problem);
     const std::filesystem::path file = safe_join(root_, path, true);
     // The last two are what systems say of a socket.
-    require(problem == ENOENT || problem == ENOTDIR || problem == ENXIO || problem == EOPNOTSUPP, "file_read",
+    require(problem == Cause::missing || problem == Cause::not_a_directory || problem == Cause::not_a_file ||
+                problem == Cause::unsupported,
+            "file_read",
             "Could not open file for verification: " + path_utf8(file));
   }
 

@@ -5,7 +5,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include "platform/file/descriptor.hpp"
+#include "platform/posix/native.hpp"
 
 namespace ravok {
 namespace {
@@ -14,7 +14,7 @@ bool open_standard_streams() {
   for (const int descriptor : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
     const int mode = descriptor == STDIN_FILENO ? O_RDONLY : O_WRONLY;
     // A new descriptor gets the lowest number that is free.
-    if (fcntl(descriptor, F_GETFD) < 0 && retry_interrupted([&] { return open("/dev/null", mode); }) != descriptor) {
+    if (fcntl(descriptor, F_GETFD) < 0 && posix::retry_interrupted([&] { return open("/dev/null", mode); }) != descriptor) {
       return false;
     }
   }

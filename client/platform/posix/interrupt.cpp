@@ -13,10 +13,11 @@
 #include <fcntl.h>
 #include <pthread.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include "domain/error.hpp"
-#include "platform/file/file_status.hpp"
 #include "platform/os.hpp"
+#include "platform/posix/native.hpp"
 #include "platform/process/process.hpp"
 
 namespace ravok {
@@ -58,9 +59,9 @@ int channel_descriptor(std::string_view value) {
 
 void require_inherited_reader(int descriptor) {
   const int flags = fcntl(descriptor, F_GETFL);
-  const auto status = status_of(descriptor);
-  require(flags >= 0 && fcntl(descriptor, F_GETFD) >= 0 && status && (flags & O_ACCMODE) == O_RDONLY &&
-              S_ISFIFO(status->st_mode),
+  struct stat status;
+  require(flags >= 0 && fcntl(descriptor, F_GETFD) >= 0 && fstat(descriptor, &status) == 0 &&
+              (flags & O_ACCMODE) == O_RDONLY && S_ISFIFO(status.st_mode),
           control, "Launcher interrupt reader must be an inherited read pipe");
 }
 
@@ -73,10 +74,10 @@ void protect(int descriptor) {
 }
 
 // Keeps clear of the standard descriptors, which could be taken for the channel.
-Descriptor relocated(Descriptor end) {
+Handle relocated(Handle end) {
   constexpr int first = STDERR_FILENO + 1;
   if (end.get() < first) {
-    Descriptor moved(fcntl(end.get(), F_DUPFD, first));
+    Handle moved(fcntl(end.get(), F_DUPFD, first));
     require(static_cast<bool>(moved), "process_control", "Cannot relocate launcher interrupt pipe");
     end = std::move(moved);
   }
@@ -96,7 +97,7 @@ bool write_quietly(int descriptor, char byte) {
   }
   sigpending(&pending);
   const bool was_pending = sigismember(&pending, SIGPIPE) == 1;
-  const ssize_t count = retry_interrupted([&] { return write(descriptor, &byte, 1); });
+  const ssize_t count = posix::retry_interrupted([&] { return write(descriptor, &byte, 1); });
   if (count < 0 && errno == EPIPE && !was_pending) {
     sigpending(&pending);
     if (sigismember(&pending, SIGPIPE) == 1) {
@@ -139,7 +140,7 @@ class ConsoleInterrupt::State {
     const int descriptor = channel_descriptor(*value);
     require_inherited_reader(descriptor);
     protect(descriptor);
-    reader_ = Descriptor(descriptor);
+    reader_ = Handle(descriptor);
   }
 
   void install() {
@@ -161,7 +162,7 @@ class ConsoleInterrupt::State {
       return false;
     }
     char byte = 0;
-    const ssize_t count = retry_interrupted([&] { return read(reader_.get(), &byte, 1); });
+    const ssize_t count = posix::retry_interrupted([&] { return read(reader_.get(), &byte, 1); });
     if (count == 0) {
       // A parent that is gone has asked for nothing.
       reader_.reset();
@@ -180,7 +181,7 @@ class ConsoleInterrupt::State {
  private:
   bool owner_ = false;
   bool installed_ = false;
-  Descriptor reader_;
+  Handle reader_;
   struct sigaction previous_ {};
 };
 
@@ -224,8 +225,8 @@ void TerminationSignals::restore() {
 InterruptPipe::InterruptPipe() {
   int ends[2];
   require(pipe(ends) == 0, "process_control", "Cannot create launcher interrupt pipe");
-  reader_ = Descriptor(ends[0]);
-  writer_ = Descriptor(ends[1]);
+  reader_ = Handle(ends[0]);
+  writer_ = Handle(ends[1]);
   reader_ = relocated(std::move(reader_));
   writer_ = relocated(std::move(writer_));
   os::keep_quiet_when_reader_gone(writer_.get());

@@ -1,0 +1,108 @@
+// The operations on files and directories that every system gives, and nothing more. What is done with them, in which
+// order and under which conditions, stands above; so a signal that interrupts one of them is dealt with here.
+//
+// A name is one component of a path, relative to an open directory; a link that has the name is treated as what it is
+// and never followed. All texts are UTF-8 where the system wants a form, and bytes as they are elsewhere.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <filesystem>
+#include <string>
+#include <string_view>
+
+#include "platform/file/handle.hpp"
+#include "platform/file/problem.hpp"
+#include "platform/file/status.hpp"
+
+namespace ravok::os {
+
+// How something that exists is opened. Only `linked` and `linked_directory` go through a link that has the name, and
+// nothing waits for the other end of a pipe but `linked`.
+enum class OpenAs {
+  file,              // to read
+  file_to_change,    // to read and write
+  linked,            // to read, through a link
+  directory,         // to list, and to act in
+  linked_directory,  // the same, through a link
+  passage,           // a directory to act in or pass through, which needs no leave to read it
+};
+
+Result<Handle> open(const std::filesystem::path& path, OpenAs how);
+Result<Handle> open_at(int directory, const char* name, OpenAs how);
+
+// How a file is made that must not exist yet.
+enum class CreateAs {
+  output,          // to write
+  file_to_change,  // to read and write
+};
+
+// Makes a file with these permissions, less what the process's mask takes away.
+Result<Handle> create_at(int directory, const char* name, CreateAs how, std::uint32_t permissions);
+
+// Makes a directory with these permissions, less what the process's mask takes away.
+Problem make_directory_at(int directory, const char* name,
+                          std::uint32_t permissions = permissions::private_directory);
+
+// Returns another handle of the same open file or directory.
+Result<Handle> duplicate(int handle);
+
+// Read and write at the position of the handle, and move it. Reading returns 0 at the end of a file.
+Result<std::size_t> read(int file, void* bytes, std::size_t size);
+Result<std::size_t> write(int file, const void* bytes, std::size_t size);
+Problem seek(int file, std::uint64_t offset);
+
+// Reads at an offset, and leaves the position of the handle alone.
+Result<std::size_t> read_at(int file, void* bytes, std::size_t size, std::uint64_t offset);
+
+// Sets a file's size, in bytes.
+Problem set_size(int file, std::uint64_t size);
+
+// Flushes a file or directory to stable storage, through the device's own cache where the system has a call for that.
+Problem flush(int handle);
+
+// Claims all blocks of a file of `length` bytes, or none, and sets its size to `length`; a length of 0 changes nothing.
+// Refused with Cause::no_space without room, and with Cause::unsupported by a volume that cannot claim blocks.
+Problem reserve(int file, std::uint64_t length);
+
+Problem set_permissions(int handle, std::uint32_t permissions);
+Problem set_permissions_at(int directory, const char* name, std::uint32_t permissions);
+
+// Remove a file, a link or whatever else is no directory; and a directory that holds nothing.
+Problem remove_at(int directory, const char* name);
+Problem remove_directory_at(int directory, const char* name);
+Problem remove(const std::filesystem::path& path);
+Problem remove_directory(const std::filesystem::path& path);
+
+// Gives an entry another name, in place of a file or an empty directory that has it.
+Problem rename_at(int from, const char* name, int to, const char* new_name);
+
+// The same, but never replaces: refused with Cause::exists.
+Problem rename_exclusive(int from, const char* name, int to, const char* new_name);
+
+// Exchanges two names in one step.
+Problem exchange_names(int first, const char* first_name, int second, const char* second_name);
+
+// Gives a file a second name, which nothing may have yet.
+Problem link_at(int from, const char* name, int to, const char* new_name);
+
+// Takes a lock of a file, for this handle and its duplicates alone and until the last of them is closed; without
+// `wait` it is refused with Cause::busy where another has it.
+Problem lock(int file, bool exclusive, bool wait);
+
+// Returns where a link leads, in at most `limit` bytes of which the last may be missing.
+Result<std::string> link_target(const std::filesystem::path& path, std::size_t limit);
+
+// Whether this process acts for the system's own user, whom no permission keeps out.
+bool acts_for_system();
+
+// How a volume is divided, as seen from one of its directories.
+struct VolumeGeometry {
+  std::uint64_t allocation_unit = 0;    // bytes per block
+  std::uint64_t entries = 0;            // all file entries; 0 when they are not counted
+  std::uint64_t available_entries = 0;  // those that this user can still claim
+};
+
+Result<VolumeGeometry> volume_geometry(const std::filesystem::path& directory);
+
+}  // namespace ravok::os
