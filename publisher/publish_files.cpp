@@ -50,9 +50,7 @@ NewOutput::~NewOutput() {
 }
 
 NewFolder::NewFolder(const std::filesystem::path& output)
-    : output_(output),
-      path_(path_from_utf8(path_utf8(output) + "." + random_id() + ".tmp")),
-      name_(name_of(path_)) {
+    : output_(output), path_(path_from_utf8(path_utf8(output) + "." + random_id() + ".tmp")), name_(name_of(path_)) {
   Result<Handle> parent = os::open(output.parent_path(), os::OpenAs::linked_directory);
   require(parent.has_value(), "file_write", "Cannot make the directory " + path_utf8(path_));
   parent_ = *std::move(parent);

@@ -8,8 +8,8 @@
 
 #include "domain/error.hpp"
 #include "domain/paths.hpp"
-#include "platform/file/handle.hpp"
 #include "platform/file/files.hpp"
+#include "platform/file/handle.hpp"
 
 namespace ravok {
 

@@ -2,8 +2,8 @@
 
 #include <cstdint>
 
-#include "platform/file/status.hpp"
 #include "platform/file/files.hpp"
+#include "platform/file/status.hpp"
 #include "publisher/publish_files.hpp"
 #include "tuf/keys.hpp"
 

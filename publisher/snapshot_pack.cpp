@@ -300,8 +300,7 @@ class Packing {
     }
     const auto status = status_of(file->get());
     const std::uint32_t mode = expected.executable ? permissions::program : permissions::readable_file;
-    if (!status || !is_file(*status) || status->permissions != mode ||
-        status->size != expected.length) {
+    if (!status || !is_file(*status) || status->permissions != mode || status->size != expected.length) {
       changed(path);
     }
     return *std::move(file);

@@ -2,9 +2,9 @@
 
 #include "domain/error.hpp"
 #include "domain/json.hpp"
-#include "platform/file/status.hpp"
 #include "platform/file/files.hpp"
 #include "platform/file/native_lock.hpp"
+#include "platform/file/status.hpp"
 #include "tuf/keys.hpp"
 #include "tuf/metadata_shape.hpp"
 

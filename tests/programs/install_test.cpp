@@ -13,7 +13,7 @@
 #include <unistd.h>
 
 #include "app/setup/setup_command.hpp"
-#include "platform/file/descriptor.hpp"
+#include "platform/file/handle.hpp"
 #include "programs/installer_place.hpp"
 #include "support/process.hpp"
 
@@ -279,8 +279,8 @@ class ParentChannel {
   ParentChannel() {
     std::array<int, 2> ends{};
     EXPECT_EQ(pipe(ends.data()), 0);
-    reader_ = Descriptor(ends[0]);
-    writer_ = Descriptor(ends[1]);
+    reader_ = Handle(ends[0]);
+    writer_ = Handle(ends[1]);
     EXPECT_EQ(fcntl(writer_.get(), F_SETFD, FD_CLOEXEC), 0);
   }
   Environment announced() const { return {{"RAVOK_LAUNCHER_INTERRUPT_READER", "1:" + std::to_string(reader_.get())}}; }
@@ -288,8 +288,8 @@ class ParentChannel {
   void close_writer() { writer_.reset(); }
 
  private:
-  Descriptor reader_;
-  Descriptor writer_;
+  Handle reader_;
+  Handle writer_;
 };
 
 TEST_F(Installer, HearsTheRequestThatItsParentForwards) {

@@ -12,7 +12,7 @@
 #include <unistd.h>
 
 #include "app/setup/setup_command.hpp"
-#include "platform/file/descriptor.hpp"
+#include "platform/file/handle.hpp"
 #include "platform/file/native_lock.hpp"
 #include "support/install_place.hpp"
 #include "support/process.hpp"
@@ -177,8 +177,8 @@ TEST_F(MaintenanceAt, EndsWithFourWhenItIsInterruptedBeforeItRemovesAnything) {
   const NativeFileLock running(place.paths().bootstrap_lock, true, NativeLockSharing::none, LockMode::exclusive);
   std::array<int, 2> ends{};
   ASSERT_EQ(pipe(ends.data()), 0);
-  const Descriptor reader(ends[0]);
-  const Descriptor writer(ends[1]);
+  const Handle reader(ends[0]);
+  const Handle writer(ends[1]);
   ASSERT_EQ(fcntl(writer.get(), F_SETFD, FD_CLOEXEC), 0);
   for (const bool json : {false, true}) {
     ASSERT_EQ(write(writer.get(), "\1", 1), 1);

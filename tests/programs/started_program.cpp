@@ -13,6 +13,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "platform/posix/native.hpp"
+
 namespace ravok::testing {
 namespace {
 
@@ -20,8 +22,8 @@ constexpr std::size_t page = 4096;
 constexpr std::array<int, 6> ending_signals = {SIGHUP, SIGINT, SIGTERM, SIGPIPE, SIGXFSZ, SIGQUIT};
 
 struct Pipe {
-  Descriptor read_end;
-  Descriptor write_end;
+  Handle read_end;
+  Handle write_end;
 };
 
 // Of which no program inherits an end that it was not given.
@@ -30,7 +32,7 @@ Pipe open_pipe() {
   if (pipe2(ends.data(), O_CLOEXEC) != 0) {
     throw std::runtime_error("Cannot make a pipe for a test");
   }
-  return {Descriptor(ends[0]), Descriptor(ends[1])};
+  return {Handle(ends[0]), Handle(ends[1])};
 }
 
 // Leaves room for so many bytes in a pipe of one page, and returns how many it put there.
@@ -46,7 +48,8 @@ std::size_t leave_room(int writer, std::size_t room) {
 std::string read_all(int reader) {
   std::string text;
   std::array<char, page> bytes;
-  for (ssize_t count = 0; (count = retry_interrupted([&] { return read(reader, bytes.data(), bytes.size()); })) > 0;) {
+  for (ssize_t count = 0;
+       (count = posix::retry_interrupted([&] { return read(reader, bytes.data(), bytes.size()); })) > 0;) {
     text.append(bytes.data(), static_cast<std::size_t>(count));
   }
   return text;
@@ -89,7 +92,7 @@ bool prepare(const ProgramStart& start, int input, int output, int errors) {
 }  // namespace
 
 StartedProgram::StartedProgram(const ProgramStart& start) {
-  const Descriptor input(open("/dev/null", O_RDONLY | O_CLOEXEC));
+  const Handle input(open("/dev/null", O_RDONLY | O_CLOEXEC));
   Pipe output = open_pipe();
   Pipe errors = open_pipe();
   if (!start.output_is_read) {
@@ -149,7 +152,7 @@ void StartedProgram::send_signal(int signal) const { kill(child_, signal); }
 
 bool StartedProgram::has_ended() {
   int status = 0;
-  if (!end_ && retry_interrupted([&] { return waitpid(child_, &status, WNOHANG); }) == child_) {
+  if (!end_ && posix::retry_interrupted([&] { return waitpid(child_, &status, WNOHANG); }) == child_) {
     end_ = WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
   }
   return end_.has_value();
@@ -161,7 +164,7 @@ std::string StartedProgram::errors() { return read_all(errors_.get()).substr(fil
 
 int StartedProgram::wait() {
   int status = 0;
-  if (!end_ && retry_interrupted([&] { return waitpid(child_, &status, 0); }) == child_) {
+  if (!end_ && posix::retry_interrupted([&] { return waitpid(child_, &status, 0); }) == child_) {
     end_ = WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
   }
   return end_.value_or(-1);

@@ -9,7 +9,7 @@
 
 #include <sys/types.h>
 
-#include "platform/file/descriptor.hpp"
+#include "platform/file/handle.hpp"
 
 namespace ravok::testing {
 
@@ -59,8 +59,8 @@ class StartedProgram {
 
  private:
   pid_t child_ = 0;
-  Descriptor output_;
-  Descriptor errors_;
+  Handle output_;
+  Handle errors_;
   std::size_t filling_ = 0;
   std::optional<int> end_;
 };

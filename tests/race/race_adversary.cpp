@@ -24,7 +24,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "platform/os.hpp"
+#include "platform/file/file_operations.hpp"
 
 namespace ravok {
 namespace {
@@ -61,7 +61,7 @@ bool plant(const std::string& victim, const std::string& planted) {
   }
   const std::string aside = planted + "." + std::to_string(getpid()) + "." + std::to_string(number);
   // A second name of the link itself.
-  return os::rename_exclusive(AT_FDCWD, victim.c_str(), AT_FDCWD, aside.c_str()) == 0 &&
+  return !os::rename_exclusive(AT_FDCWD, victim.c_str(), AT_FDCWD, aside.c_str()) &&
          linkat(AT_FDCWD, planted.c_str(), AT_FDCWD, victim.c_str(), 0) == 0;
 }
 
@@ -72,8 +72,8 @@ bool try_to(const Change& change, bool back) {
   }
   const char* const from = (back ? change.second : change.first).c_str();
   const char* const to = (back ? change.first : change.second).c_str();
-  return change.kind == "exchange" ? os::exchange_names(AT_FDCWD, from, AT_FDCWD, to) == 0
-                                   : os::rename_exclusive(AT_FDCWD, from, AT_FDCWD, to) == 0;
+  return change.kind == "exchange" ? !os::exchange_names(AT_FDCWD, from, AT_FDCWD, to)
+                                   : !os::rename_exclusive(AT_FDCWD, from, AT_FDCWD, to);
 }
 
 // Returns whether there is something to undo.

@@ -32,11 +32,11 @@
 
 #include "domain/error.hpp"
 #include "platform/file/atomic_commit.hpp"
-#include "platform/file/descriptor.hpp"
-#include "platform/file/file_status.hpp"
 #include "platform/file/files.hpp"
+#include "platform/file/handle.hpp"
 #include "platform/file/native_lock.hpp"
 #include "platform/file/posix_files.hpp"
+#include "platform/file/status.hpp"
 #include "platform/file/tree.hpp"
 #include "platform/snapshot/snapshot_retirement.hpp"
 #include "support/companion.hpp"
@@ -100,7 +100,7 @@ struct Tally {
 class Counts {
  public:
   Counts(const Path& file, std::size_t number) : number_(number), bytes_(number * sizeof(Count)) {
-    const Descriptor opened(open(file.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
+    const Handle opened(open(file.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
     if (!opened || ftruncate(opened.get(), static_cast<off_t>(bytes_)) != 0) {
       throw std::runtime_error("Cannot make the counts of a race");
     }
@@ -159,7 +159,8 @@ class Races : public ::testing::Test {
     std::map<std::string, Node> nodes;
     for (const std::string& name : root_.names()) {
       if (name.starts_with("victim/")) {
-        const FileStatus status = link_status_of(root_ / name).value();
+        struct stat status;
+        EXPECT_EQ(lstat((root_ / name).c_str(), &status), 0);
         nodes[name] = {status.st_mode, status.st_ino, status.st_size,
                        std::int64_t{status.st_mtim.tv_sec} * 1'000'000'000 + status.st_mtim.tv_nsec,
                        S_ISREG(status.st_mode) ? root_.read(name) : std::string()};
@@ -252,7 +253,7 @@ TEST_F(Races, PrivateDirectoryMakesNothingBehindALink) {
 
 TEST_F(Races, PrivateDirectoryTightensNothingBehindALink) {
   const Path loose = directory("root/loose", 0755);
-  const Descriptor own(open(loose.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  const Handle own(open(loose.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   link("inner-link", "../victim/inner");
   run({2000,
        {exchange("loose", "inner-link")},
@@ -261,7 +262,7 @@ TEST_F(Races, PrivateDirectoryTightensNothingBehindALink) {
        [&](std::size_t) {
          ASSERT_EQ(fchmod(own.get(), 0755), 0);
          private_directory(loose);
-         EXPECT_EQ(mode_bits(status_of(own.get()).value()), 0700u);
+         EXPECT_EQ(status_of(own.get())->permissions, 0700u);
        }});
 }
 
@@ -347,7 +348,7 @@ class LockRaces : public Races {
   }
 
   const Path lock_ = file("root/place/lock", "");
-  const Descriptor own_{open(lock_.c_str(), O_RDWR | O_CLOEXEC)};
+  const Handle own_{open(lock_.c_str(), O_RDWR | O_CLOEXEC)};
 };
 
 TEST_F(LockRaces, FileLocksAreNeverTakenThroughALink) {
@@ -488,7 +489,7 @@ TEST_F(RecordRaces, ARecordIsNeverWrittenThroughALink) {
   const auto none_is = [&](const Path& node) {
     return std::none_of(names.begin(), names.end(), [&](const char* name) {
       const auto found = link_status_of(place_ / name);
-      return found && same_file(*found, link_status_of(node).value());
+      return found && same_file(*found, *link_status_of(node));
     });
   };
   // A write may put a file in the place of a link itself. A second name of the link goes back to where it was.
@@ -548,7 +549,7 @@ class TreeRaces : public Races {
            [&](std::size_t) {
              const std::string name = std::to_string(number++);
              make_tree("root/work/" + name);
-             program_ = Descriptor(open((root_ / "root/work" / name / program).c_str(), O_RDONLY | O_CLOEXEC));
+             program_ = Handle(open((root_ / "root/work" / name / program).c_str(), O_RDONLY | O_CLOEXEC));
              clear_place();
              std::error_code ignored;
              std::filesystem::rename(root_ / "root/work" / name, tree_, ignored);
@@ -562,7 +563,7 @@ class TreeRaces : public Races {
   void run_removals(const Codes& codes, const std::function<void()>& operation) {
     run_trees(codes, [&] {
       operation();
-      require(status_of(program_.get()).value().st_nlink == 0, elsewhere, "The tree had been moved");
+      require(status_of(program_.get())->links == 0, elsewhere, "The tree had been moved");
     });
   }
 
@@ -607,7 +608,7 @@ class TreeRaces : public Races {
     std::filesystem::rename(tree_, root_ / "root/left" / std::to_string(left_++), ignored);
   }
 
-  Descriptor program_;
+  Handle program_;
   int left_ = 0;
 };
 

@@ -21,7 +21,8 @@
 #include <unistd.h>
 
 #include "domain/error.hpp"
-#include "platform/file/descriptor.hpp"
+#include "platform/file/handle.hpp"
+#include "platform/posix/native.hpp"
 
 // The linker's names for the functions that it wraps.
 extern "C" {
@@ -187,8 +188,8 @@ Report run(const Plan& planned, const std::function<void()>& work) {
   plan = planned;
   int ends[2] = {-1, -1};
   EXPECT_EQ(pipe2(ends, O_CLOEXEC), 0);
-  const Descriptor heard(ends[0]);
-  Descriptor answer(ends[1]);
+  const Handle heard(ends[0]);
+  Handle answer(ends[1]);
   const pid_t child = fork();
   if (child == 0) {
     run_in_child(answer.get(), work);
@@ -196,11 +197,12 @@ Report run(const Plan& planned, const std::function<void()>& work) {
   answer.reset();
   Report report;
   Report told;
-  if (retry_interrupted([&] { return read(heard.get(), &told, sizeof told); }) == static_cast<ssize_t>(sizeof told)) {
+  if (posix::retry_interrupted([&] { return read(heard.get(), &told, sizeof told); }) ==
+      static_cast<ssize_t>(sizeof told)) {
     report = told;
   }
   int status = 0;
-  EXPECT_EQ(retry_interrupted([&] { return waitpid(child, &status, 0); }), child);
+  EXPECT_EQ(posix::retry_interrupted([&] { return waitpid(child, &status, 0); }), child);
   if (report.ending == Ending::terminated) {
     report.ending = WIFSIGNALED(status) ? Ending::terminated : Ending::exited;
     std::snprintf(report.problem.data(), report.problem.size(), "%s %d", WIFSIGNALED(status) ? "signal" : "exit code",

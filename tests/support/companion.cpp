@@ -9,12 +9,14 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "platform/posix/native.hpp"
+
 namespace ravok::testing {
 namespace {
 
 struct Pipe {
-  Descriptor read_end;
-  Descriptor write_end;
+  Handle read_end;
+  Handle write_end;
 };
 
 // A pipe of which no program that is started inherits an end that it was not given.
@@ -23,7 +25,7 @@ Pipe open_pipe() {
   if (pipe(ends.data()) != 0) {
     throw std::runtime_error("Cannot make a pipe for a test");
   }
-  Pipe made{Descriptor(ends[0]), Descriptor(ends[1])};
+  Pipe made{Handle(ends[0]), Handle(ends[1])};
   for (const int end : ends) {
     if (fcntl(end, F_SETFD, FD_CLOEXEC) != 0) {
       throw std::runtime_error("Cannot guard a pipe of a test");
@@ -68,7 +70,7 @@ Companion::~Companion() {
 std::string Companion::read_line() {
   std::string line;
   char next = 0;
-  while (retry_interrupted([&] { return read(output_.get(), &next, 1); }) == 1 && next != '\n') {
+  while (posix::retry_interrupted([&] { return read(output_.get(), &next, 1); }) == 1 && next != '\n') {
     line += next;
   }
   return line;
@@ -78,7 +80,7 @@ void Companion::send_signal(int signal) const { kill(child_, signal); }
 
 bool Companion::has_ended() {
   int status = 0;
-  if (!ended_ && retry_interrupted([&] { return waitpid(child_, &status, WNOHANG); }) == child_) {
+  if (!ended_ && posix::retry_interrupted([&] { return waitpid(child_, &status, WNOHANG); }) == child_) {
     keep_end(status);
   }
   return ended_;
@@ -86,7 +88,7 @@ bool Companion::has_ended() {
 
 int Companion::wait() {
   int status = 0;
-  if (!ended_ && retry_interrupted([&] { return waitpid(child_, &status, 0); }) == child_) {
+  if (!ended_ && posix::retry_interrupted([&] { return waitpid(child_, &status, 0); }) == child_) {
     keep_end(status);
   }
   return end_;

@@ -6,7 +6,7 @@
 
 #include <sys/types.h>
 
-#include "platform/file/descriptor.hpp"
+#include "platform/file/handle.hpp"
 
 namespace ravok::testing {
 
@@ -34,8 +34,8 @@ class Companion {
   void keep_end(int status);
 
   pid_t child_ = 0;
-  Descriptor input_;
-  Descriptor output_;
+  Handle input_;
+  Handle output_;
   bool ended_ = false;
   int end_ = 0;
 };

@@ -7,7 +7,7 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 
-#include "platform/file/descriptor.hpp"
+#include "platform/file/handle.hpp"
 #include "platform/file/posix_files.hpp"
 #include "platform/file/tree_removal.hpp"
 
@@ -16,17 +16,18 @@ namespace ravok::testing {
 class DeepTree {
  public:
   static constexpr const char* name = "d";
+  static constexpr int walk_flags = O_RDONLY | O_NOFOLLOW | O_DIRECTORY | O_CLOEXEC;
 
   // Makes the chain in a directory, with a file in the last.
-  DeepTree(const std::filesystem::path& root, int levels) : root_(open(root.c_str(), posix_files::walk_flags)) {
-    Descriptor last(openat(root_.get(), ".", posix_files::walk_flags));
+  DeepTree(const std::filesystem::path& root, int levels) : root_(open(root.c_str(), walk_flags)) {
+    Handle last(openat(root_.get(), ".", walk_flags));
     for (int i = 0; i < levels; ++i) {
       if (mkdirat(last.get(), name, 0700) != 0) {
         throw std::runtime_error("Cannot make a deep tree for a test");
       }
-      last = Descriptor(openat(last.get(), name, posix_files::walk_flags));
+      last = Handle(openat(last.get(), name, walk_flags));
     }
-    if (!Descriptor(openat(last.get(), "file", O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600))) {
+    if (!Handle(openat(last.get(), "file", O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600))) {
       throw std::runtime_error("Cannot make a deep tree for a test");
     }
   }
@@ -36,7 +37,7 @@ class DeepTree {
   DeepTree& operator=(const DeepTree&) = delete;
 
  private:
-  Descriptor root_;
+  Handle root_;
 };
 
 }  // namespace ravok::testing

@@ -5,7 +5,7 @@
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 
-#include "platform/file/descriptor.hpp"
+#include "platform/file/handle.hpp"
 
 namespace ravok::testing {
 
@@ -21,7 +21,7 @@ class FewDescriptors {
   // Lets at most so many more be opened for as long as it lives.
   explicit FewDescriptors(rlim_t more) {
     EXPECT_EQ(getrlimit(RLIMIT_NOFILE, &before_), 0);
-    const int lowest_free = Descriptor(open("/", O_RDONLY | O_CLOEXEC)).get();
+    const int lowest_free = Handle(open("/", O_RDONLY | O_CLOEXEC)).get();
     EXPECT_GE(lowest_free, 0);
     rlimit few = before_;
     few.rlim_cur = static_cast<rlim_t>(lowest_free) + more;

@@ -7,7 +7,7 @@
 
 #include <unistd.h>
 
-#include "platform/file/file_status.hpp"
+#include "platform/file/status.hpp"
 
 namespace ravok::testing {
 
@@ -21,7 +21,7 @@ class SecondVolume {
     path_ = pattern;
     const auto here = link_status_of(path_);
     const auto there = link_status_of(first);
-    differs_ = here && there && here->st_dev != there->st_dev;
+    differs_ = here && there && here->device != there->device;
   }
   ~SecondVolume() {
     std::error_code ignored;

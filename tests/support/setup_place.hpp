@@ -15,7 +15,7 @@
 #include "app/install/installation_record.hpp"
 #include "app/install/native_install.hpp"
 #include "app/launcher/launcher_store.hpp"
-#include "platform/file/file_status.hpp"
+#include "platform/file/status.hpp"
 #include "platform/shortcut/shortcuts.hpp"
 #include "platform/snapshot/snapshot_tree.hpp"
 #include "support/fast_volume.hpp"

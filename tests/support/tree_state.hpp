@@ -12,7 +12,7 @@
 
 #include <gtest/gtest.h>
 
-#include "platform/file/file_status.hpp"
+#include "platform/file/status.hpp"
 
 namespace ravok::testing {
 
@@ -25,7 +25,7 @@ inline TreeState tree_state(const std::filesystem::path& root) {
   for (const auto& entry : std::filesystem::recursive_directory_iterator(root, missing)) {
     const auto status = link_status_of(entry.path());
     std::ostringstream node;
-    node << std::oct << (status ? mode_bits(*status) : 0);
+    node << std::oct << (status ? status->permissions : 0);
     if (entry.is_symlink()) {
       node.str("link " + std::filesystem::read_symlink(entry.path()).native());
     } else if (entry.is_directory()) {

@@ -14,8 +14,8 @@
 #include "domain/error.hpp"
 #include "domain/identifier.hpp"
 #include "domain/text_rules.hpp"
-#include "platform/file/status.hpp"
 #include "platform/file/files.hpp"
+#include "platform/file/status.hpp"
 
 namespace ravok {
 namespace {

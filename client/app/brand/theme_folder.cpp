@@ -6,8 +6,8 @@
 #include "domain/data_layout.hpp"
 #include "domain/error.hpp"
 #include "domain/paths.hpp"
-#include "platform/file/status.hpp"
 #include "platform/file/files.hpp"
+#include "platform/file/status.hpp"
 
 namespace ravok {
 namespace {

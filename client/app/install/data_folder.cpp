@@ -7,9 +7,9 @@
 
 #include "domain/error.hpp"
 #include "domain/paths.hpp"
-#include "platform/file/status.hpp"
 #include "platform/file/held_directory.hpp"
 #include "platform/file/managed_paths.hpp"
+#include "platform/file/status.hpp"
 
 namespace ravok {
 namespace {

@@ -1,7 +1,9 @@
 #include "app/install/installation_record.hpp"
 
 #include <array>
-#include <ctime>
+#include <chrono>
+#include <cstddef>
+#include <cstdio>
 #include <exception>
 #include <new>
 #include <system_error>
@@ -11,9 +13,9 @@
 #include "domain/error.hpp"
 #include "domain/limits.hpp"
 #include "domain/paths.hpp"
-#include "platform/file/status.hpp"
 #include "platform/file/files.hpp"
 #include "platform/file/managed_paths.hpp"
+#include "platform/file/status.hpp"
 #include "platform/shortcut/shortcuts.hpp"
 
 namespace ravok {
@@ -26,12 +28,16 @@ constexpr const char* installation_name = "installation.json";
 constexpr const char* status_kind = "ravok-setup-status";
 
 std::string present_time() {
-  const std::time_t now = std::time(nullptr);
-  std::tm fields{};
-  gmtime_r(&now, &fields);
+  const auto now = std::chrono::floor<std::chrono::seconds>(std::chrono::system_clock::now());
+  const auto midnight = std::chrono::floor<std::chrono::days>(now);
+  const std::chrono::year_month_day date(midnight);
+  const std::chrono::hh_mm_ss time(now - midnight);
   std::array<char, 32> text{};
-  const std::size_t size = std::strftime(text.data(), text.size(), "%Y-%m-%dT%H:%M:%SZ", &fields);
-  return {text.data(), size};
+  const int size = std::snprintf(text.data(), text.size(), "%04d-%02u-%02uT%02d:%02d:%02dZ",
+                                 static_cast<int>(date.year()), static_cast<unsigned>(date.month()),
+                                 static_cast<unsigned>(date.day()), static_cast<int>(time.hours().count()),
+                                 static_cast<int>(time.minutes().count()), static_cast<int>(time.seconds().count()));
+  return {text.data(), static_cast<std::size_t>(size)};
 }
 
 // Reads a small record; whatever is wrong with its text has one form.

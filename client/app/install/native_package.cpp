@@ -15,8 +15,8 @@
 #include "domain/paths.hpp"
 #include "domain/text_rules.hpp"
 #include "platform/file/file_digest.hpp"
-#include "platform/file/status.hpp"
 #include "platform/file/files.hpp"
+#include "platform/file/status.hpp"
 #include "platform/file/tree_walk.hpp"
 #include "platform/process/native_platform.hpp"
 #include "transport/https.hpp"
@@ -357,8 +357,7 @@ class PackageReader {
     const std::filesystem::path path = package_.directory / resource.path;
     const auto status = link_status_of(path);
     require(status && is_file(*status), invalid, "Initial package resource is missing or not a plain file");
-    require(status->size == resource.length, "content_mismatch",
-            "Initial package resource has the wrong length");
+    require(status->size == resource.length, "content_mismatch", "Initial package resource has the wrong length");
     require(digest_file_progress(path, "sha256", progress) == resource.sha256, "content_mismatch",
             "Initial package resource changed: " + resource.path);
   }

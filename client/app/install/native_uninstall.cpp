@@ -17,11 +17,11 @@
 #include "domain/crypto.hpp"
 #include "domain/error.hpp"
 #include "domain/paths.hpp"
-#include "platform/file/status.hpp"
 #include "platform/file/held_directory.hpp"
 #include "platform/file/mounts.hpp"
 #include "platform/file/native_files.hpp"
 #include "platform/file/native_lock.hpp"
+#include "platform/file/status.hpp"
 #include "platform/shortcut/shortcuts.hpp"
 
 namespace ravok {
@@ -48,7 +48,7 @@ class Removal {
     require(root.is_in_place() && setup_lock.matches_path(paths_.setup_lock), "unsafe_path",
             "The data folder was changed while setup worked in it");
     require_no_mounts(root.handle(), paths_.root, [&](const std::filesystem::path& place) {
-      return !is_kept(*place.lexically_relative(paths_.root).begin());
+      return !is_kept(path_utf8(*place.lexically_relative(paths_.root).begin()));
     });
     const std::vector<std::string> names = root.names();
     report(0);

@@ -94,9 +94,9 @@ struct AllocatedFile::Implementation {
     parent = *std::move(directory);
     // At hand from here on: the destructor must not need memory.
     name = path_utf8(reservation.path.filename());
-    Result<Handle> opened = create ? os::create_at(parent.get(), name.c_str(), os::CreateAs::file_to_change,
-                                                   permissions::private_file)
-                                   : os::open_at(parent.get(), name.c_str(), os::OpenAs::file_to_change);
+    Result<Handle> opened =
+        create ? os::create_at(parent.get(), name.c_str(), os::CreateAs::file_to_change, permissions::private_file)
+               : os::open_at(parent.get(), name.c_str(), os::OpenAs::file_to_change);
     require_storage(opened.problem(), "unsafe_path", "Cannot exclusively create or reopen a prepared allocation");
     file = *std::move(opened);
     must_be_private = true;
@@ -113,8 +113,7 @@ struct AllocatedFile::Implementation {
   // Proves the open file and returns its size, in bytes.
   std::uint64_t inspect() {
     const auto status = status_of(file.get());
-    require(status && is_single_link_file(*status), "unsafe_path",
-            "Allocation requires an ordinary single-link file");
+    require(status && is_single_link_file(*status), "unsafe_path", "Allocation requires an ordinary single-link file");
     if (must_be_private) {
       if (!is_private(*status)) {
         fail("permissions", std::string(os::system_name()) + " allocation must remain private and owned");
@@ -268,7 +267,8 @@ void AllocatedFile::discard() {
   file.file.reset();
   // Closing may take time.
   file.require_same_path("Partial path changed before disposal");
-  require(!os::remove_at(file.parent.get(), file.name.c_str()), "file_remove", "Cannot remove a discarded partial file");
+  require(!os::remove_at(file.parent.get(), file.name.c_str()), "file_remove",
+          "Cannot remove a discarded partial file");
   // What may come to that name from here on is another's.
   file.owned = false;
   sync_directory(file.reservation.path.parent_path());

@@ -5,7 +5,6 @@
 #include <system_error>
 #include <utility>
 
-
 #include "domain/error.hpp"
 #include "domain/paths.hpp"
 #include "platform/file/file_operations.hpp"
@@ -52,9 +51,8 @@ Place place_of(const std::filesystem::path& path) {
 std::uint32_t access_of(const Status& status) { return status.permissions & permissions::everybody; }
 
 bool is_private_source(const Status& status) {
-  return status.is_own &&
-         ((is_directory(status) && access_of(status) == permissions::private_directory) ||
-          (is_single_link_file(status) && access_of(status) == permissions::private_file));
+  return status.is_own && ((is_directory(status) && access_of(status) == permissions::private_directory) ||
+                           (is_single_link_file(status) && access_of(status) == permissions::private_file));
 }
 
 bool is_unchanged_source(const Status& opened, const Result<Status>& named) {
@@ -114,7 +112,8 @@ struct Exchange {
     require(!os::exchange_names(first_parent.handle.get(), first_name().c_str(), second_parent.handle.get(),
                                 second_name().c_str()),
             commit_code, "Cannot atomically exchange native directories");
-    require(!os::flush(first_parent.handle.get()) && !os::flush(second_parent.handle.get()), "file_sync", "Cannot synchronize exchanged native directories");
+    require(!os::flush(first_parent.handle.get()) && !os::flush(second_parent.handle.get()), "file_sync",
+            "Cannot synchronize exchanged native directories");
   }
 
   void require_exchanged() const {

@@ -4,7 +4,6 @@
 #include <span>
 #include <vector>
 
-
 #include "domain/crypto.hpp"
 #include "domain/error.hpp"
 #include "domain/limits.hpp"

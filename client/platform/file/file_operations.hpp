@@ -41,8 +41,7 @@ enum class CreateAs {
 Result<Handle> create_at(int directory, const char* name, CreateAs how, std::uint32_t permissions);
 
 // Makes a directory with these permissions, less what the process's mask takes away.
-Problem make_directory_at(int directory, const char* name,
-                          std::uint32_t permissions = permissions::private_directory);
+Problem make_directory_at(int directory, const char* name, std::uint32_t permissions = permissions::private_directory);
 
 // Returns another handle of the same open file or directory.
 Result<Handle> duplicate(int handle);

@@ -15,7 +15,6 @@
 namespace ravok {
 namespace {
 
-
 // The system would read such a path only as far as the NUL.
 void require_no_nul(const std::filesystem::path& path) {
   require(!has_nul(path_utf8(path)), "unsafe_path", "Native path contains a NUL byte");
@@ -116,8 +115,7 @@ class Transaction {
       : destination_(destination), ending_("." + random_id() + ".tmp"), name_(destination.name() + ending_) {
     Result<Handle> file = os::create_at(parent(), name_.c_str(), os::CreateAs::output, permissions);
     if (!file) {
-      require_transaction(file.problem(),
-                          "Cannot create transaction file " + path_utf8(destination.path) + ending_);
+      require_transaction(file.problem(), "Cannot create transaction file " + path_utf8(destination.path) + ending_);
     }
     file_ = *std::move(file);
   }
@@ -271,9 +269,7 @@ void sync_directory(const std::filesystem::path& path) {
   flush_and_close(os::open(path, os::OpenAs::linked_directory));
 }
 
-void sync_open_directory(int directory) {
-  flush_and_close(os::open_at(directory, ".", os::OpenAs::directory));
-}
+void sync_open_directory(int directory) { flush_and_close(os::open_at(directory, ".", os::OpenAs::directory)); }
 
 void atomic_write(const std::filesystem::path& path, std::string_view bytes) {
   atomic_file(path, bytes, {.replace = true, .is_private = true, .durable = true});
@@ -322,7 +318,8 @@ struct ExportFile::Implementation {
 };
 
 ExportFile::ExportFile(const std::filesystem::path& path, ExportAccess access)
-    : implementation_(std::make_unique<Implementation>(path, access == ExportAccess::owner ? permissions::private_file : permissions::readable_file)) {}
+    : implementation_(std::make_unique<Implementation>(
+          path, access == ExportAccess::owner ? permissions::private_file : permissions::readable_file)) {}
 
 ExportFile::~ExportFile() = default;
 

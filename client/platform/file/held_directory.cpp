@@ -30,7 +30,10 @@ Handle duplicate(int handle) {
 }  // namespace
 
 HeldDirectory::HeldDirectory(std::filesystem::path path, Handle parent, Handle directory)
-    : path_(std::move(path)), name_(path_utf8(path_.filename())), parent_(std::move(parent)), directory_(std::move(directory)) {}
+    : path_(std::move(path)),
+      name_(path_utf8(path_.filename())),
+      parent_(std::move(parent)),
+      directory_(std::move(directory)) {}
 
 HeldDirectory HeldDirectory::open(const std::filesystem::path& path) {
   const std::filesystem::path target = without_end_separator(resolve_system_links(path));

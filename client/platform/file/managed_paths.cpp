@@ -4,7 +4,6 @@
 #include <string>
 #include <system_error>
 
-
 #include "domain/error.hpp"
 #include "domain/paths.hpp"
 #include "platform/file/file_operations.hpp"

@@ -4,7 +4,6 @@
 #include <string>
 #include <system_error>
 
-
 #include "domain/error.hpp"
 #include "domain/paths.hpp"
 #include "platform/file/file_operations.hpp"
@@ -22,8 +21,7 @@ Result<Handle> open_existing(int parent, const std::string& name) {
 
 // Makes the lock file, or opens the one that is there; only its maker treats it as new.
 Result<Handle> create_or_open(int parent, const std::string& name) {
-  Result<Handle> file =
-      os::create_at(parent, name.c_str(), os::CreateAs::file_to_change, permissions::private_file);
+  Result<Handle> file = os::create_at(parent, name.c_str(), os::CreateAs::file_to_change, permissions::private_file);
   if (file) {
     posix_files::secure_new_private(file->get(), false);
   } else if (file.problem() == Cause::exists) {
@@ -67,15 +65,14 @@ bool has_ordinary_parent(const std::filesystem::path& path) {
 
 FileLock::FileLock(const std::filesystem::path& path, bool wait, LockMode mode) {
   const Handle parent = posix_files::open_private_directory(path.parent_path());
-  Result<Handle> file = is_bounded_path(path) ? create_or_open(parent.get(), path_utf8(path.filename()))
-                                              : problem_of(Cause::missing);
+  Result<Handle> file =
+      is_bounded_path(path) ? create_or_open(parent.get(), path_utf8(path.filename())) : problem_of(Cause::missing);
   require(file.has_value(), "lock_failed", "Cannot open operation lock");
   file_ = *std::move(file);
   const auto status = status_of(file_.get());
   require(status && is_private_file(*status), "lock_failed", "Operation lock must be an ordinary private owned file");
   posix_files::require_private_acl(file_.get());
-  require(!lock(file_.get(), mode, wait), "busy",
-          "Another Ravok operation is using this state");
+  require(!lock(file_.get(), mode, wait), "busy", "Another Ravok operation is using this state");
 }
 
 void FileLock::retain_until_process_exit() { static_cast<void>(file_.release()); }

@@ -5,7 +5,6 @@
 #include <utility>
 #include <vector>
 
-
 #include "domain/error.hpp"
 #include "domain/limits.hpp"
 #include "domain/paths.hpp"

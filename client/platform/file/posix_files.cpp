@@ -54,9 +54,7 @@ Result<Handle> open_root(const std::filesystem::path& target) {
   return os::open(target.root_path(), os::OpenAs::directory);
 }
 
-Result<Handle> open_to_read(int parent, const char* name) {
-  return os::open_at(parent, name, os::OpenAs::directory);
-}
+Result<Handle> open_to_read(int parent, const char* name) { return os::open_at(parent, name, os::OpenAs::directory); }
 
 // Opens a directory that this process has just made. Where the process's mask has kept even its owner out, its mode
 // is set first: the mask belongs to all threads, so it stays as it is.
@@ -133,7 +131,8 @@ void tighten(int directory) {
   if (status && status->is_own && status->permissions != permissions::private_directory) {
     // A change of mode would also change what an access list grants; a foreign one is preserved.
     posix_files::require_private_acl(directory);
-    require_here(!os::set_permissions(directory, permissions::private_directory), "permissions", "Cannot restrict ", " directory permissions");
+    require_here(!os::set_permissions(directory, permissions::private_directory), "permissions", "Cannot restrict ",
+                 " directory permissions");
   }
 }
 
@@ -165,8 +164,8 @@ void secure_new_private(int descriptor, bool directory) {
                    (directory ? is_directory(*status) : is_single_link_file(*status) && status->size == 0),
                "permissions", "New ", " private storage ownership changed");
   const std::uint32_t wanted = directory ? permissions::private_directory : permissions::private_file;
-  require_here(os::clear_access_lists(descriptor, directory) && !os::set_permissions(descriptor, wanted),
-               "permissions", "Cannot make new ", " storage private");
+  require_here(os::clear_access_lists(descriptor, directory) && !os::set_permissions(descriptor, wanted), "permissions",
+               "Cannot make new ", " storage private");
   require_private_node(descriptor, directory);
 }
 
@@ -187,7 +186,8 @@ void require_private_path(const std::filesystem::path& path, bool directory) {
   require_private_node(node->get(), directory);
   const auto opened = status_of(node->get());
   const auto named = link_status_of(path);
-  require_here(opened && named && same_file(*opened, *named) && opened->type == named->type, "permissions", "", " private storage path changed during inspection");
+  require_here(opened && named && same_file(*opened, *named) && opened->type == named->type, "permissions", "",
+               " private storage path changed during inspection");
 }
 
 PrivateDirectory open_private_directory_in_parent(const std::filesystem::path& path) {
@@ -258,8 +258,7 @@ Result<Handle> open_passage(const std::filesystem::path& directory) {
 void private_directory(const std::filesystem::path& path) { posix_files::private_directory(path); }
 
 void private_directory_new(const std::filesystem::path& path) {
-  require(is_bounded_path(path), "unsafe_path",
-          "New private directory requires a bounded path without NUL bytes");
+  require(is_bounded_path(path), "unsafe_path", "New private directory requires a bounded path without NUL bytes");
   require(!climbs(path), "unsafe_path", "New private directory cannot traverse parents");
   const std::filesystem::path target = target_of(path);
   require(is_bounded_below_root(target), "unsafe_path",

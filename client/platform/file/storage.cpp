@@ -5,7 +5,6 @@
 #include <system_error>
 #include <utility>
 
-
 #include "domain/error.hpp"
 #include "domain/paths.hpp"
 #include "platform/file/file_operations.hpp"
@@ -96,8 +95,7 @@ StorageVolume inspect_storage_volume(const std::filesystem::path& path) {
   require(geometry.has_value(), "volume_query", no_geometry);
   volume.id = "device:" + std::to_string(status->device);
   volume.allocation_unit = geometry->allocation_unit;
-  if (geometry->entries != 0 && geometry->entries < unknown_entries &&
-      geometry->available_entries < unknown_entries) {
+  if (geometry->entries != 0 && geometry->entries < unknown_entries && geometry->available_entries < unknown_entries) {
     volume.inode_capacity = geometry->entries;
     volume.available_inodes = geometry->available_entries;
   }

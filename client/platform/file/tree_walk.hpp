@@ -37,10 +37,11 @@ struct TreeVisitor {
   bool refuse_mounts = false;
 };
 
-// Visits everything below an open directory; the problem of one that could not be opened becomes the failure to read it. At most 34 directories are open at a time, however deep the tree is, and
-// the time grows with the number of entries. Fails with "tree_read" when a directory cannot be read or is moved
-// meanwhile, with "too_many_files" when the system gives no more descriptors, with "unsafe_path" for a mounted volume
-// where those are refused; what the visitor throws goes on.
+// Visits everything below an open directory; the problem of one that could not be opened becomes the failure to read
+// it. At most 34 directories are open at a time, however deep the tree is, and the time grows with the number of
+// entries. Fails with "tree_read" when a directory cannot be read or is moved meanwhile, with "too_many_files" when the
+// system gives no more descriptors, with "unsafe_path" for a mounted volume where those are refused; what the visitor
+// throws goes on.
 void walk_tree(Result<Handle> root, const TreeVisitor& visitor);
 void walk_tree(Result<Handle> root, const std::function<void(const TreeEntry&)>& visit);
 

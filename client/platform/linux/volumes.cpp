@@ -238,8 +238,8 @@ Volume local_volume(int descriptor) {
   const Mount mount = read_mount(number);
   require(std::find(network_kinds.begin(), network_kinds.end(), mount.kind) == network_kinds.end(), "unsafe_path",
           not_local);
-  return {identity_of(descriptor, static_cast<dev_t>(status->device), mount.source), static_cast<std::uint64_t>(number), mount.path,
-          mount.below};
+  return {identity_of(descriptor, static_cast<dev_t>(status->device), mount.source), static_cast<std::uint64_t>(number),
+          mount.path, mount.below};
 }
 
 bool is_mounted(int directory, std::uint64_t parent_device) {

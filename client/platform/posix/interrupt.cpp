@@ -1,5 +1,6 @@
 #include "platform/process/interrupt.hpp"
 
+#include <array>
 #include <atomic>
 #include <charconv>
 #include <csignal>
@@ -198,29 +199,46 @@ bool ConsoleInterrupt::requested() const { return state_->requested(); }
 
 bool ConsoleInterrupt::parent_reader_attached() { return listened >= 0; }
 
-TerminationSignals::TerminationSignals() {
-  for (Replaced& one : replaced_) {
-    const bool known = sigaction(one.signal, nullptr, &one.previous) == 0;
-    if (known && one.previous.sa_handler == SIG_IGN) {
-      continue;
-    }
-    one.installed = known && install_handler(one.signal, &one.previous);
-    if (!one.installed) {
-      restore();
-      fail("signal", "Cannot enable safe cancellation from a termination signal");
-    }
-  }
-}
-
-TerminationSignals::~TerminationSignals() { restore(); }
-
-void TerminationSignals::restore() {
-  for (const Replaced& one : replaced_) {
-    if (one.installed) {
-      sigaction(one.signal, &one.previous, nullptr);
+class TerminationSignals::State {
+ public:
+  State() {
+    for (Replaced& one : replaced_) {
+      const bool known = sigaction(one.signal, nullptr, &one.previous) == 0;
+      if (known && one.previous.sa_handler == SIG_IGN) {
+        continue;
+      }
+      one.installed = known && install_handler(one.signal, &one.previous);
+      if (!one.installed) {
+        restore();
+        fail("signal", "Cannot enable safe cancellation from a termination signal");
+      }
     }
   }
-}
+  ~State() { restore(); }
+  State(const State&) = delete;
+  State& operator=(const State&) = delete;
+
+ private:
+  struct Replaced {
+    int signal;
+    bool installed;
+    struct sigaction previous;
+  };
+
+  void restore() {
+    for (const Replaced& one : replaced_) {
+      if (one.installed) {
+        sigaction(one.signal, &one.previous, nullptr);
+      }
+    }
+  }
+
+  std::array<Replaced, 2> replaced_{Replaced{SIGTERM, false, {}}, Replaced{SIGHUP, false, {}}};
+};
+
+TerminationSignals::TerminationSignals() : state_(std::make_unique<State>()) {}
+
+TerminationSignals::~TerminationSignals() = default;
 
 InterruptPipe::InterruptPipe() {
   int ends[2];

@@ -14,7 +14,8 @@ bool open_standard_streams() {
   for (const int descriptor : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
     const int mode = descriptor == STDIN_FILENO ? O_RDONLY : O_WRONLY;
     // A new descriptor gets the lowest number that is free.
-    if (fcntl(descriptor, F_GETFD) < 0 && posix::retry_interrupted([&] { return open("/dev/null", mode); }) != descriptor) {
+    if (fcntl(descriptor, F_GETFD) < 0 &&
+        posix::retry_interrupted([&] { return open("/dev/null", mode); }) != descriptor) {
       return false;
     }
   }

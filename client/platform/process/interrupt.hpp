@@ -2,8 +2,6 @@
 // an end in the middle of a commit. A parent process can forward the request through an inherited pipe.
 #pragma once
 
-#include <array>
-#include <csignal>
 #include <memory>
 #include <string>
 
@@ -44,15 +42,8 @@ class TerminationSignals {
   TerminationSignals& operator=(const TerminationSignals&) = delete;
 
  private:
-  struct Replaced {
-    int signal;
-    bool installed;
-    struct sigaction previous;
-  };
-
-  void restore();
-
-  std::array<Replaced, 2> replaced_{Replaced{SIGTERM, false, {}}, Replaced{SIGHUP, false, {}}};
+  class State;
+  const std::unique_ptr<State> state_;
 };
 
 // The parent's end: a pipe that a child process inherits, and through which one request is sent.

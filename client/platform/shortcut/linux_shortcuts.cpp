@@ -9,8 +9,8 @@
 #include "domain/error.hpp"
 #include "domain/identifier.hpp"
 #include "domain/paths.hpp"
-#include "platform/file/status.hpp"
 #include "platform/file/files.hpp"
+#include "platform/file/status.hpp"
 #include "platform/os.hpp"
 #include "platform/process/process.hpp"
 

@@ -8,8 +8,8 @@
 #include <string>
 
 #include "platform/file/file_operations.hpp"
-#include "platform/file/status.hpp"
 #include "platform/file/files.hpp"
+#include "platform/file/status.hpp"
 
 namespace ravok {
 

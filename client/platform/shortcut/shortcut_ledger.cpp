@@ -12,9 +12,9 @@
 #include "domain/identifier.hpp"
 #include "domain/json.hpp"
 #include "domain/paths.hpp"
-#include "platform/file/status.hpp"
 #include "platform/file/files.hpp"
 #include "platform/file/managed_paths.hpp"
+#include "platform/file/status.hpp"
 #include "platform/shortcut/shortcut_rules.hpp"
 
 namespace ravok::shortcut_ledger {

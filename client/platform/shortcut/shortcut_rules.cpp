@@ -9,9 +9,9 @@
 #include "domain/limits.hpp"
 #include "domain/paths.hpp"
 #include "domain/text_rules.hpp"
-#include "platform/file/status.hpp"
 #include "platform/file/files.hpp"
 #include "platform/file/path_keys.hpp"
+#include "platform/file/status.hpp"
 #include "platform/os.hpp"
 #include "platform/shortcut/shortcut_file.hpp"
 

@@ -37,8 +37,7 @@ void BoundedZstd::fill() {
   input_position_ = 0;
   input_size_ = 0;
   while (input_size_ < input_.size()) {
-    const Result<std::size_t> count =
-        os::read(file_.get(), input_.data() + input_size_, input_.size() - input_size_);
+    const Result<std::size_t> count = os::read(file_.get(), input_.data() + input_size_, input_.size() - input_size_);
     require(count.has_value(), "archive", "Snapshot read failed");
     if (*count == 0) {
       break;

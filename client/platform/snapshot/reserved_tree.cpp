@@ -24,7 +24,8 @@ std::filesystem::path place_of(const std::filesystem::path& root) {
 }
 
 // The directories of a manifest below a root, each ahead of the one that holds it.
-std::vector<std::filesystem::path> directories_below(const std::filesystem::path& root, const SnapshotManifest& manifest) {
+std::vector<std::filesystem::path> directories_below(const std::filesystem::path& root,
+                                                     const SnapshotManifest& manifest) {
   const std::set<std::string_view> names = manifest.directories();
   std::vector<std::filesystem::path> directories;
   directories.reserve(names.size());

@@ -54,7 +54,8 @@ class ReservedTree {
   void reserve(const SnapshotManifest& manifest, const std::vector<std::filesystem::path>& directories,
                const ProgressCallback& progress, const Recorder& recorder);
   void reserve_files(const SnapshotManifest& manifest, const ProgressCallback& progress);
-  void remove_reserved(const std::vector<std::filesystem::path>& directories, const std::filesystem::path& parent) const noexcept;
+  void remove_reserved(const std::vector<std::filesystem::path>& directories,
+                       const std::filesystem::path& parent) const noexcept;
 
   std::filesystem::path root_;
   DirectoryIdentity identity_;

@@ -18,10 +18,10 @@
 #include "domain/paths.hpp"
 #include "platform/file/allocated_file.hpp"
 #include "platform/file/file_digest.hpp"
-#include "platform/file/status.hpp"
 #include "platform/file/files.hpp"
 #include "platform/file/managed_paths.hpp"
 #include "platform/file/posix_files.hpp"
+#include "platform/file/status.hpp"
 #include "platform/file/tree_walk.hpp"
 #include "platform/snapshot/bounded_zstd.hpp"
 #include "platform/snapshot/reserved_tree.hpp"
@@ -46,8 +46,7 @@ using Entry = std::unique_ptr<archive_entry, ReleaseEntry>;
 
 void require_authentic(const SnapshotManifest& manifest, const std::filesystem::path& archive) {
   const auto status = link_status_of(archive);
-  require(status && is_file(*status) &&
-              status->size == manifest.archive_length &&
+  require(status && is_file(*status) && status->size == manifest.archive_length &&
               digest_file(archive, "sha256") == manifest.archive_sha256,
           "content_mismatch", "Snapshot differs from its verified application manifest");
 }

@@ -105,9 +105,7 @@ class Retirement {
     return std::nullopt;
   }
 
-  static bool is_not_empty(const Problem& problem) {
-    return problem == Cause::not_empty || problem == Cause::exists;
-  }
+  static bool is_not_empty(const Problem& problem) { return problem == Cause::not_empty || problem == Cause::exists; }
 
   static void flush(const Result<Handle>& directory) {
     require_handles(directory.problem());

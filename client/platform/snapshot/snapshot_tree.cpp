@@ -6,8 +6,8 @@
 #include "domain/error.hpp"
 #include "domain/paths.hpp"
 #include "platform/file/file_digest.hpp"
-#include "platform/file/status.hpp"
 #include "platform/file/managed_paths.hpp"
+#include "platform/file/status.hpp"
 #include "platform/file/tree_walk.hpp"
 
 namespace ravok {
@@ -69,11 +69,11 @@ class FileInspector {
       return Condition::different;
     }
     const auto status = status_of(file->get());
-    if (!status || !is_file(*status) || status->size != expected.length ||
-        digest(file->get()) != expected.sha256) {
+    if (!status || !is_file(*status) || status->size != expected.length || digest(file->get()) != expected.sha256) {
       return Condition::different;
     }
-    return expected.executable && (status->permissions & permissions::owner_executes) == 0 ? Condition::not_executable : Condition::whole;
+    return expected.executable && (status->permissions & permissions::owner_executes) == 0 ? Condition::not_executable
+                                                                                           : Condition::whole;
   }
 
   std::string digest(int file) {
@@ -102,8 +102,7 @@ class FileInspector {
     // The last two are what systems say of a socket.
     require(problem == Cause::missing || problem == Cause::not_a_directory || problem == Cause::not_a_file ||
                 problem == Cause::unsupported,
-            "file_read",
-            "Could not open file for verification: " + path_utf8(file));
+            "file_read", "Could not open file for verification: " + path_utf8(file));
   }
 
   const std::filesystem::path& root_;

@@ -15,9 +15,9 @@
 #include <sys/stat.h>
 
 #include "domain/crypto.hpp"
-#include "platform/file/file_status.hpp"
 #include "platform/file/files.hpp"
 #include "platform/file/posix_files.hpp"
+#include "platform/file/status.hpp"
 #include "platform/snapshot/complete_install.hpp"
 #include "support/clock_calls.hpp"
 #include "support/companion.hpp"
@@ -227,7 +227,7 @@ class LauncherStores : public ::testing::Test {
   Preserved preserved() const {
     const auto status = link_status_of(document_path());
     EXPECT_TRUE(status);
-    return {status->st_ino, status->st_mode, document_text()};
+    return {status->inode, status->permissions, document_text()};
   }
 
   // Puts a version with this manifest into the store, so many seconds after a fixed time.
@@ -252,7 +252,7 @@ class LauncherStores : public ::testing::Test {
 
 mode_t mode_of(const std::filesystem::path& path) {
   const auto status = link_status_of(path);
-  return status ? mode_bits(*status) : 0;
+  return status ? status->permissions : 0;
 }
 
 TEST_F(LauncherStores, OpenWithAllTheirDirectoriesPrivateAndNoDocument) {
@@ -503,12 +503,12 @@ TEST_F(RefusedDocuments, OfAnotherKindThanAFileArePreserved) {
   const Json version = store_build("build-1");
   const std::string path = document_path();
   const auto expect_kept = [&](const std::string& message) {
-    const auto before = link_status_of(path).value();
+    const Status before = *link_status_of(path);
     expect_preserved_by_all("unsafe_path", message + path, version, [&] {
       const auto now = link_status_of(path);
       ASSERT_TRUE(now);
       EXPECT_TRUE(same_file(*now, before));
-      EXPECT_EQ(now->st_mode, before.st_mode);
+      EXPECT_EQ(now->permissions, before.permissions);
     });
     std::filesystem::remove(path);
   };
@@ -532,12 +532,12 @@ TEST_F(RefusedDocuments, ThatCannotBeReadArePreserved) {
   ASSERT_EQ(chmod(document_path().c_str(), 0), 0);
   {
     const testing::OrdinaryUser user(root_);
-    const auto before = link_status_of(document_path()).value();
+    const Status before = *link_status_of(document_path());
     expect_preserved_by_all("file_read", "Cannot open file: " + document_path().string(), version, [&] {
       const auto now = link_status_of(document_path());
       ASSERT_TRUE(now);
       EXPECT_TRUE(same_file(*now, before));
-      EXPECT_EQ(now->st_mode, before.st_mode);
+      EXPECT_EQ(now->permissions, before.permissions);
     });
   }
   ASSERT_EQ(chmod(document_path().c_str(), 0600), 0);

@@ -10,7 +10,7 @@
 #include <sys/xattr.h>
 #include <unistd.h>
 
-#include "platform/file/file_status.hpp"
+#include "platform/file/status.hpp"
 #include "platform/os.hpp"
 #include "support/failure.hpp"
 #include "support/second_volume.hpp"
@@ -99,7 +99,7 @@ TEST_F(CommitPrivatePathNew, MovesAFileAndKeepsItsIdentity) {
   const auto after = link_status_of(root_ / "inner/place");
   ASSERT_TRUE(before && after);
   EXPECT_TRUE(same_file(*before, *after));
-  EXPECT_EQ(mode_bits(*after), 0600u);
+  EXPECT_EQ(after->permissions, 0600u);
   EXPECT_EQ(root_.names(), (std::vector<std::string>{"inner/", "inner/place"}));
 }
 
@@ -254,7 +254,7 @@ TEST_F(CommitPrivatePathNew, RefusesForeignAccessBeforeAndAfterTheHook) {
                                          [&] {
                                            grant_another_user(source);
                                            // The list's mask shows as the group's permissions.
-                                           ASSERT_EQ(mode_bits(*link_status_of(source)), 0700u);
+                                           ASSERT_EQ(link_status_of(source)->permissions, 0700u);
                                          }),
                  "permissions", foreign_access);
   if (IsSkipped()) {

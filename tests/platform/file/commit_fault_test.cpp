@@ -11,14 +11,14 @@
 #include <unistd.h>
 
 #include "platform/file/atomic_commit.hpp"
-#include "platform/file/file_status.hpp"
+#include "platform/file/status.hpp"
 #include "support/failure.hpp"
 #include "support/temporary_root.hpp"
 
 namespace {
 
 struct Spoiler {
-  std::vector<ravok::FileStatus> flushed;
+  std::vector<ravok::Status> flushed;
   std::size_t failing_flush = 0;  // the number of the flush that fails, from 1
   int failing_rename = 0;         // the error that a rename gives, or 0
   std::function<void()> before_rename;
@@ -37,7 +37,7 @@ int __wrap_fsync(int descriptor);
 int __wrap_renameat2(int from_parent, const char* from, int to_parent, const char* to, unsigned int flags);
 
 int __wrap_fsync(int descriptor) {
-  spoiler.flushed.push_back(ravok::status_of(descriptor).value());
+  spoiler.flushed.push_back(*ravok::status_of(descriptor));
   if (spoiler.flushed.size() == spoiler.failing_flush) {
     errno = EIO;
     return -1;

@@ -8,10 +8,10 @@
 #include <sys/stat.h>
 
 #include "platform/file/allocated_file.hpp"
-#include "platform/file/file_status.hpp"
 #include "platform/file/files.hpp"
 #include "platform/file/native_lock.hpp"
 #include "platform/file/posix_files.hpp"
+#include "platform/file/status.hpp"
 #include "platform/snapshot/reserved_tree.hpp"
 #include "platform/snapshot/snapshot_archive.hpp"
 #include "support/failure.hpp"
@@ -31,9 +31,9 @@ using testing::WithMask;
 
 constexpr mode_t masks[] = {0000, 0022, 0077, 0100, 0200, 0300, 0400, 0500, 0700, 0777};
 
-mode_t mode_of(const std::filesystem::path& path) {
+std::uint32_t mode_of(const std::filesystem::path& path) {
   const auto status = link_status_of(path);
-  return status ? mode_bits(*status) : 0;
+  return status ? status->permissions : 0;
 }
 
 // A folder for one mask, which does not hold for the folder itself.

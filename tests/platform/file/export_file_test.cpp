@@ -8,8 +8,8 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
-#include "platform/file/file_status.hpp"
 #include "platform/file/files.hpp"
+#include "platform/file/status.hpp"
 #include "support/failure.hpp"
 #include "support/temporary_root.hpp"
 #include "support/working_directory.hpp"
@@ -28,9 +28,9 @@ std::string cannot_create(int problem) {
   return "Cannot create export; the destination may already exist (" + std::to_string(problem) + ")";
 }
 
-mode_t mode_of(const std::filesystem::path& path) {
+std::uint32_t mode_of(const std::filesystem::path& path) {
   const auto status = link_status_of(path);
-  return status ? mode_bits(*status) : 0;
+  return status ? status->permissions : 0;
 }
 
 // Sets the process's file mode mask for as long as it lives.
@@ -86,7 +86,7 @@ TEST_F(ExportFileTest, HasOneNameAndAModeOfTheMask) {
     const FileModeMask set(mask);
     ExportFile(path).commit();
     EXPECT_EQ(mode_of(path), mode);
-    EXPECT_EQ(link_status_of(path)->st_nlink, 1u);
+    EXPECT_EQ(link_status_of(path)->links, 1u);
     std::filesystem::remove(path);
   }
 }

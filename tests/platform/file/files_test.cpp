@@ -15,8 +15,8 @@
 #include <sys/xattr.h>
 #include <unistd.h>
 
-#include "platform/file/descriptor.hpp"
-#include "platform/file/file_status.hpp"
+#include "platform/file/handle.hpp"
+#include "platform/file/status.hpp"
 #include "support/failure.hpp"
 #include "support/temporary_root.hpp"
 #include "support/working_directory.hpp"
@@ -36,9 +36,9 @@ std::string with_number(const std::string& message, int problem) {
 
 const std::string refused_existing = with_number("Cannot create export; the destination may already exist", EEXIST);
 
-mode_t mode_of(const std::filesystem::path& path) {
+std::uint32_t mode_of(const std::filesystem::path& path) {
   const auto status = link_status_of(path);
-  return status ? mode_bits(*status) : 0;
+  return status ? status->permissions : 0;
 }
 
 // Sets the process's file mode mask for as long as it lives.
@@ -129,7 +129,7 @@ TEST_F(ReadFile, RefusesASocket) {
   const std::string path = root_ / "socket";
   ASSERT_LT(path.size(), sizeof address.sun_path);
   std::memcpy(address.sun_path, path.c_str(), path.size());
-  const Descriptor socket_end(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  const Handle socket_end(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
   ASSERT_EQ(bind(socket_end.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
   EXPECT_FAILURE(read_file(path, 8), "file_read", "Cannot open file: " + path);
 }
@@ -151,7 +151,7 @@ TEST_F(ReadFile, ReportsAFileThatItMayNotOpen) {
 TEST_F(ReadFile, RefusesAFileThatHoldsMoreThanItSays) {
   const std::filesystem::path file = "/proc/self/stat";
   const auto status = link_status_of(file);
-  if (!status || !S_ISREG(status->st_mode) || status->st_size != 0) {
+  if (!status || !is_file(*status) || status->size != 0) {
     GTEST_SKIP() << "no file here holds more than it says";
   }
   EXPECT_FAILURE(read_file(file, 1 << 20), "file_read", "File changed while reading");
@@ -291,7 +291,7 @@ TEST_F(AtomicWrite, NeedsAPathWithADirectoryAndLeavesTheWorkingOneAlone) {
                    "Linux private directory needs a bounded path below a root");
   }
   EXPECT_EQ(root_.names(), Names{});
-  EXPECT_EQ(link_status_of(root_.path())->st_mode & 0777, 0755u);
+  EXPECT_EQ(link_status_of(root_.path())->permissions & permissions::everybody, 0755u);
 }
 
 TEST_F(AtomicWrite, RefusesANulWhichWouldCutThePathShort) {
@@ -415,7 +415,7 @@ TEST_F(AtomicPrivateCreate, MakesAPrivateFileWithOneNameInAPrivateParent) {
   EXPECT_EQ(root_.read("a/record.json"), "content");
   EXPECT_EQ(mode_of(root_ / "a/record.json"), 0600u);
   EXPECT_EQ(mode_of(root_ / "a"), 0700u);
-  EXPECT_EQ(link_status_of(root_ / "a/record.json")->st_nlink, 1u);
+  EXPECT_EQ(link_status_of(root_ / "a/record.json")->links, 1u);
 }
 
 TEST_F(AtomicPrivateCreate, NeverReplaces) {
@@ -442,7 +442,7 @@ TEST_F(AtomicCreate, MakesAFileWithOneNameAndLeavesItsParentAsItIs) {
   EXPECT_EQ(root_.read("exports/export.json"), "content");
   EXPECT_EQ(mode_of(root_ / "exports/export.json"), 0600u);
   EXPECT_EQ(mode_of(root_ / "exports"), 0755u);
-  EXPECT_EQ(link_status_of(root_ / "exports/export.json")->st_nlink, 1u);
+  EXPECT_EQ(link_status_of(root_ / "exports/export.json")->links, 1u);
 }
 
 TEST_F(AtomicCreate, LeavesTheModeToTheMask) {

@@ -21,8 +21,9 @@
 #include <unistd.h>
 
 #include "domain/error.hpp"
-#include "platform/file/descriptor.hpp"
+#include "platform/file/handle.hpp"
 #include "platform/file/native_lock.hpp"
+#include "platform/posix/native.hpp"
 
 namespace ravok {
 namespace {
@@ -33,7 +34,7 @@ void say(const std::string& line) { std::cout << line << std::endl; }
 
 void wait_for_end_of_input() {
   char ignored = 0;
-  while (retry_interrupted([&] { return read(0, &ignored, 1); }) > 0) {
+  while (posix::retry_interrupted([&] { return read(0, &ignored, 1); }) > 0) {
   }
 }
 
@@ -73,7 +74,7 @@ void wait(const std::string& path, const std::string& note) {
 // One turn of the only holder: nobody else's mark is there, and nobody else counts meanwhile.
 void take_turn(const std::filesystem::path& directory) {
   const std::filesystem::path mark = directory / "mark";
-  const Descriptor marked(open(mark.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
+  const Handle marked(open(mark.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
   require(static_cast<bool>(marked), "lock_companion", "Two hold an exclusive lock");
   const int counted = std::stoi(text_of(directory / "counter"));
   std::ofstream(directory / "counter") << counted + 1;

@@ -11,7 +11,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "platform/file/file_status.hpp"
+#include "platform/file/status.hpp"
 #include "platform/os.hpp"
 #include "support/companion.hpp"
 #include "support/failure.hpp"
@@ -35,9 +35,9 @@ constexpr const char* unbounded = "Native ownership requires a bounded lock path
 static_assert(!std::is_copy_constructible_v<FileLock> && !std::is_copy_assignable_v<FileLock>);
 static_assert(!std::is_copy_constructible_v<NativeFileLock> && !std::is_copy_assignable_v<NativeFileLock>);
 
-mode_t mode_of(const std::filesystem::path& path) {
+std::uint32_t mode_of(const std::filesystem::path& path) {
   const auto status = link_status_of(path);
-  return status ? mode_bits(*status) : 0;
+  return status ? status->permissions : 0;
 }
 
 FileLock take(const std::filesystem::path& path, LockMode mode = LockMode::exclusive) { return {path, false, mode}; }

@@ -8,7 +8,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "platform/file/descriptor.hpp"
+#include "platform/file/handle.hpp"
 #include "platform/os.hpp"
 #include "support/failure.hpp"
 #include "support/mounted_volume.hpp"
@@ -239,7 +239,7 @@ TEST(ComparedName, HoldsAtMost4096BytesOnceItIsFolded) {
 TEST(DescriptorPath, IsThePathAsLongAsThereIsOne) {
   const TemporaryRoot root;
   root.directory("a");
-  const Descriptor directory(open((root / "a").c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  const Handle directory(open((root / "a").c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   EXPECT_EQ(os::descriptor_path(directory.get()), (root / "a").string());
   std::filesystem::rename(root / "a", root / "b");
   EXPECT_EQ(os::descriptor_path(directory.get()), (root / "b").string());

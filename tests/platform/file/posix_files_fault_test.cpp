@@ -14,9 +14,9 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
-#include "platform/file/descriptor.hpp"
-#include "platform/file/file_status.hpp"
+#include "platform/file/handle.hpp"
 #include "platform/file/posix_files.hpp"
+#include "platform/file/status.hpp"
 #include "support/failure.hpp"
 #include "support/file_calls.hpp"
 #include "support/temporary_root.hpp"
@@ -31,9 +31,9 @@ using testing::Planned;
 
 using Names = std::vector<std::string>;
 
-mode_t mode_of(const std::filesystem::path& path) {
+std::uint32_t mode_of(const std::filesystem::path& path) {
   const auto status = link_status_of(path);
-  return status ? mode_bits(*status) : 0;
+  return status ? status->permissions : 0;
 }
 
 class PosixFilesFault : public ::testing::Test {
@@ -55,8 +55,8 @@ class PosixFilesFault : public ::testing::Test {
     return path;
   }
 
-  Descriptor open_file(const std::string& content) const {
-    return Descriptor(open(root_.write("file", content).c_str(), O_RDWR | O_CLOEXEC));
+  Handle open_file(const std::string& content) const {
+    return Handle(open(root_.write("file", content).c_str(), O_RDWR | O_CLOEXEC));
   }
 
   testing::TemporaryRoot root_;
@@ -64,14 +64,14 @@ class PosixFilesFault : public ::testing::Test {
 };
 
 TEST_F(PosixFilesFault, SyncIsRepeatedAfterAnInterruption) {
-  const Descriptor file = open_file("x");
+  const Handle file = open_file("x");
   const Planned set(failing("fsync", EINTR));
   EXPECT_EQ(posix_files::sync(file.get()), 0);
   EXPECT_EQ(set.count("fsync"), 2);
 }
 
 TEST_F(PosixFilesFault, ReserveAnswersTheNumberOfTheCallThatFailed) {
-  const Descriptor file = open_file("x");
+  const Handle file = open_file("x");
   for (const auto& [call, problem] :
        {std::pair{"fstat", EIO}, {"fallocate", ENOSPC}, {"fallocate", EOPNOTSUPP}, {"fallocate", EDQUOT}}) {
     const Planned set(failing(call, problem));
@@ -85,7 +85,7 @@ TEST_F(PosixFilesFault, ReserveAnswersTheNumberOfTheCallThatFailed) {
 
 TEST_F(PosixFilesFault, ReserveIsRepeatedAfterAnInterruption) {
   for (const char* call : {"fallocate", "ftruncate"}) {
-    const Descriptor file = open_file("");
+    const Handle file = open_file("");
     const Planned set(failing(call, EINTR));
     EXPECT_EQ(posix_files::reserve(file.get(), 100000), 0) << call;
     EXPECT_EQ(set.count(call), 2) << call;
@@ -94,7 +94,7 @@ TEST_F(PosixFilesFault, ReserveIsRepeatedAfterAnInterruption) {
 }
 
 TEST_F(PosixFilesFault, ReserveOfWhatIsAllocatedClaimsNoBlocks) {
-  const Descriptor file = open_file("x");
+  const Handle file = open_file("x");
   const auto revise = [](struct stat& status) { status.st_blocks = 8; };
   {
     const Planned set({.revise = revise});
@@ -107,7 +107,7 @@ TEST_F(PosixFilesFault, ReserveOfWhatIsAllocatedClaimsNoBlocks) {
 }
 
 TEST_F(PosixFilesFault, ReserveRefusesSizesAndBlocksThatCannotBe) {
-  const Descriptor file = open_file("x");
+  const Handle file = open_file("x");
   const std::pair<std::function<void(struct stat&)>, int> cases[] = {
       {[](struct stat& status) { status.st_size = -1; }, EINVAL},
       {[](struct stat& status) { status.st_blocks = -1; }, EINVAL},
@@ -123,7 +123,7 @@ TEST_F(PosixFilesFault, ReserveRefusesSizesAndBlocksThatCannotBe) {
 }
 
 TEST_F(PosixFilesFault, SecureNewPrivateNamesTheStepThatFailed) {
-  const Descriptor file = open_file("");
+  const Handle file = open_file("");
   const struct {
     Plan plan;
     const char* message;
@@ -142,7 +142,7 @@ TEST_F(PosixFilesFault, SecureNewPrivateNamesTheStepThatFailed) {
 }
 
 TEST_F(PosixFilesFault, AVolumeWithoutAccessListsGrantsNobodyAnything) {
-  const Descriptor file = open_file("");
+  const Handle file = open_file("");
   for (const auto& [call, countdown] : {std::pair{"fremovexattr", 1}, {"fgetxattr", 1}, {"fgetxattr", 2}}) {
     const Planned set(failing(call, EOPNOTSUPP, countdown));
     EXPECT_NO_THROW(posix_files::secure_new_private(file.get(), false)) << call;

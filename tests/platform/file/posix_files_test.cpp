@@ -10,16 +10,17 @@
 #include <thread>
 #include <vector>
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <sys/xattr.h>
 #include <unistd.h>
 
 #include "platform/file/atomic_commit.hpp"
-#include "platform/file/descriptor.hpp"
-#include "platform/file/file_status.hpp"
 #include "platform/file/files.hpp"
+#include "platform/file/handle.hpp"
 #include "platform/file/native_lock.hpp"
+#include "platform/file/status.hpp"
 #include "platform/os.hpp"
 #include "support/access_list.hpp"
 #include "support/failure.hpp"
@@ -63,13 +64,13 @@ std::string stored_list(const std::filesystem::path& path, const char* name) {
   return size < 0 ? std::string() : list.substr(0, static_cast<std::size_t>(size));
 }
 
-mode_t mode_of(const std::filesystem::path& path) {
+std::uint32_t mode_of(const std::filesystem::path& path) {
   const auto status = link_status_of(path);
-  return status ? mode_bits(*status) : 0;
+  return status ? status->permissions : 0;
 }
 
-Descriptor open_node(const std::filesystem::path& path) {
-  return Descriptor(open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
+Handle open_node(const std::filesystem::path& path) {
+  return Handle(open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
 }
 
 class PosixFiles : public ::testing::Test {
@@ -103,31 +104,31 @@ TEST_F(PosixFiles, SyncAnswersAFailureWithErrno) {
 }
 
 TEST_F(PosixFiles, ReserveClaimsTheBlocksAndSetsTheSize) {
-  const Descriptor file(open(root_.write("file", "").c_str(), O_RDWR | O_CLOEXEC));
+  const Handle file(open(root_.write("file", "").c_str(), O_RDWR | O_CLOEXEC));
   ASSERT_EQ(posix_files::reserve(file.get(), 100000), 0);
   const auto status = status_of(file.get());
-  EXPECT_EQ(status->st_size, 100000);
-  EXPECT_GE(status->st_blocks * 512, 100000);
+  EXPECT_EQ(status->size, 100000u);
+  EXPECT_GE(status->allocated, 100000u);
 }
 
 TEST_F(PosixFiles, ReserveOfNothingChangesNothing) {
-  const Descriptor file(open(root_.write("file", "content").c_str(), O_RDWR | O_CLOEXEC));
+  const Handle file(open(root_.write("file", "content").c_str(), O_RDWR | O_CLOEXEC));
   EXPECT_EQ(posix_files::reserve(file.get(), 0), 0);
   EXPECT_EQ(root_.read("file"), "content");
 }
 
 TEST_F(PosixFiles, ReserveOfWhatIsAllocatedOnlySetsTheSize) {
-  const Descriptor file(open(root_.write("file", std::string(100000, 'x')).c_str(), O_RDWR | O_CLOEXEC));
+  const Handle file(open(root_.write("file", std::string(100000, 'x')).c_str(), O_RDWR | O_CLOEXEC));
   const auto before = status_of(file.get());
   ASSERT_EQ(posix_files::reserve(file.get(), 4096), 0);
   EXPECT_EQ(root_.read("file"), std::string(4096, 'x'));
   ASSERT_EQ(posix_files::reserve(file.get(), 100), 0);
-  EXPECT_LE(status_of(file.get())->st_blocks, before->st_blocks);
-  EXPECT_EQ(status_of(file.get())->st_size, 100);
+  EXPECT_LE(status_of(file.get())->allocated, before->allocated);
+  EXPECT_EQ(status_of(file.get())->size, 100u);
 }
 
 TEST_F(PosixFiles, ReserveRefusesLengthsBeyondTheNativeBound) {
-  const Descriptor file(open(root_.write("file", "x").c_str(), O_RDWR | O_CLOEXEC));
+  const Handle file(open(root_.write("file", "x").c_str(), O_RDWR | O_CLOEXEC));
   EXPECT_EQ(posix_files::reserve(file.get(), std::uint64_t{1} << 63), EFBIG);
   EXPECT_EQ(posix_files::reserve(file.get(), std::numeric_limits<std::uint64_t>::max()), EFBIG);
   EXPECT_EQ(root_.read("file"), "x");
@@ -139,12 +140,12 @@ TEST_F(PosixFiles, ReserveRefusesWhatIsNoFile) {
 }
 
 TEST_F(PosixFiles, ReserveWithoutRoomClaimsNothing) {
-  const Descriptor file(open(root_.write("file", "").c_str(), O_RDWR | O_CLOEXEC));
+  const Handle file(open(root_.write("file", "").c_str(), O_RDWR | O_CLOEXEC));
   const int problem = posix_files::reserve(file.get(), std::uint64_t{1} << 50);
   EXPECT_TRUE(problem == ENOSPC || problem == EFBIG) << std::strerror(problem);
   const auto status = status_of(file.get());
-  EXPECT_EQ(status->st_size, 0);
-  EXPECT_EQ(status->st_blocks, 0);
+  EXPECT_EQ(status->size, 0u);
+  EXPECT_EQ(status->allocated, 0u);
 }
 
 TEST_F(PosixFiles, SecureNewPrivateSetsTheExactMode) {

@@ -10,7 +10,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "platform/file/descriptor.hpp"
+#include "platform/file/handle.hpp"
 #include "platform/file/tree_walk.hpp"
 #include "support/deep_tree.hpp"
 #include "support/failure.hpp"
@@ -35,10 +35,10 @@ using Names = std::vector<std::string>;
 class TreeRemoval : public ::testing::Test {
  protected:
   void remove(const std::string& name) const { remove_tree_at(held.get(), name, root / name); }
-  int remove_quietly(const std::string& name) const { return remove_tree_quietly_at(held.get(), name); }
+  Problem remove_quietly(const std::string& name) const { return remove_tree_quietly_at(held.get(), name); }
 
   const TemporaryRoot root{testing::fast_volume()};
-  const Descriptor held{open_tree(root.path())};
+  const Handle held{*open_tree(root.path())};
 };
 
 TEST_F(TreeRemoval, TakesATreeWithAllThatItHolds) {
@@ -55,7 +55,7 @@ TEST_F(TreeRemoval, TakesAFileAndPassesWhatIsMissing) {
   root.write("file", "x");
   remove("file");
   remove("file");
-  EXPECT_EQ(remove_quietly("file"), 0);
+  EXPECT_FALSE(remove_quietly("file"));
   EXPECT_EQ(root.names(), Names());
 }
 
@@ -74,7 +74,7 @@ TEST_F(TreeRemoval, ActsInTheDirectoryThatIsHeldWhateverBecomesOfItsPath) {
   const TemporaryRoot other(testing::fast_volume());
   other.write("held/tree/file", "x");
   other.write("outside/tree/file", "x");
-  const Descriptor moved = open_tree(other / "held");
+  const Handle moved = *open_tree(other / "held");
   std::filesystem::rename(other / "held", other / "moved");
   std::filesystem::create_directory_symlink(other / "outside", other / "held");
   remove_tree_at(moved.get(), "tree", other / "held/tree");
@@ -86,7 +86,7 @@ TEST_F(TreeRemoval, NamesTheEntryThatItCannotRemove) {
   const OrdinaryUser user(root);
   const WithMode locked(root / "tree/locked", 0500);
   EXPECT_FAILURE(remove("tree"), "file_remove", "Cannot remove " + (root / "tree/locked/file").native());
-  EXPECT_EQ(remove_quietly("tree"), EACCES);
+  EXPECT_TRUE(remove_quietly("tree") == Cause::denied);
   EXPECT_EQ(root.names(), (Names{"tree/", "tree/locked/", "tree/locked/file"}));
 }
 
@@ -97,7 +97,7 @@ TEST_F(TreeRemoval, GoesOnBehindAnEntryThatItCannotRemoveWhereItIsQuiet) {
   }
   const OrdinaryUser user(root);
   const WithMode locked(root / "tree/locked", 0500);
-  EXPECT_NE(remove_quietly("tree"), 0);
+  EXPECT_TRUE(remove_quietly("tree"));
   EXPECT_EQ(root.names(), (Names{"tree/", "tree/locked/", "tree/locked/file"}));
 }
 
@@ -129,9 +129,9 @@ TEST_F(TreeRemoval, EntersNoMountedVolume) {
   }
   root.write("tree/volume/mine", "x");
   EXPECT_FAILURE(remove("tree"), "unsafe_path", "A volume is mounted in the tree: volume");
-  EXPECT_EQ(remove_quietly("tree"), EXDEV);
+  EXPECT_TRUE(remove_quietly("tree") == Cause::other_volume);
   EXPECT_EQ(root.read("tree/volume/mine"), "x");
-  EXPECT_FAILURE(remove_tree_at(open_tree(root / "tree").get(), "volume", place), "unsafe_path",
+  EXPECT_FAILURE(remove_tree_at(open_tree(root / "tree")->get(), "volume", place), "unsafe_path",
                  "A volume is mounted in the tree: " + place.native());
   EXPECT_EQ(root.read("tree/volume/mine"), "x");
 }
@@ -164,7 +164,7 @@ TEST_F(TreeRemoval, SaysThatDescriptorsHaveRunOut) {
   {
     const FewDescriptors few(0);
     EXPECT_FAILURE(remove("tree"), "too_many_files", "Too many files are open; close other programs and try again");
-    EXPECT_EQ(remove_quietly("tree"), EMFILE);
+    EXPECT_TRUE(remove_quietly("tree") == Cause::too_many_open);
   }
   EXPECT_EQ(root.read("tree/a/b/c/file"), "x");
 }

@@ -11,7 +11,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "platform/file/file_status.hpp"
+#include "platform/file/status.hpp"
 #include "support/failure.hpp"
 #include "support/ordinary_user.hpp"
 #include "support/temporary_root.hpp"
@@ -133,7 +133,7 @@ TEST(RemovePlainTree, RemovesNothingOfATreeOfTooManyEntries) {
     ASSERT_EQ(link(first.c_str(), (prefix + std::to_string(i)).c_str()), 0) << i;
   }
   EXPECT_FAILURE(remove_plain_tree(root / "tree"), "size_limit", "Directory entry count exceeds bounds");
-  EXPECT_EQ(link_status_of(first)->st_nlink, maximum_entries + 1u);
+  EXPECT_EQ(link_status_of(first)->links, maximum_entries + 1u);
   std::filesystem::remove(root / "tree/1");
   remove_plain_tree(root / "tree");
   EXPECT_TRUE(root.names().empty());

@@ -14,7 +14,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "platform/file/file_status.hpp"
+#include "platform/file/status.hpp"
 #include "support/deep_tree.hpp"
 #include "support/failure.hpp"
 #include "support/fast_volume.hpp"
@@ -32,7 +32,6 @@ using testing::TemporaryRoot;
 using testing::WithMode;
 
 constexpr const char* cannot_read = "Cannot read a directory of the tree";
-constexpr int read_flags = O_RDONLY | O_CLOEXEC;
 
 void ignore(const TreeEntry&) {}
 
@@ -48,7 +47,7 @@ TEST(OpenTree, OpensADirectoryAlsoWithASeparatorAtItsEnd) {
   const TemporaryRoot root;
   root.directory("tree");
   for (const char* name : {"tree", "tree/", "tree//"}) {
-    const Descriptor tree = open_tree(root / name);
+    const Handle tree = *open_tree(root / name);
     ASSERT_TRUE(tree) << name;
     EXPECT_TRUE(same_file(*status_of(tree.get()), *link_status_of(root / "tree"))) << name;
     EXPECT_EQ(fcntl(tree.get(), F_GETFD), FD_CLOEXEC) << name;
@@ -170,7 +169,7 @@ TEST(WalkTree, SaysThatDescriptorsHaveRunOut) {
   }
   const TemporaryRoot root;
   root.directory("a/b/c");
-  Descriptor tree = open_tree(root.path());
+  Result<Handle> tree = open_tree(root.path());
   const FewDescriptors none(0);
   EXPECT_FAILURE(walk_tree(std::move(tree), ignore), "too_many_files",
                  "Too many files are open; close other programs and try again");
@@ -220,7 +219,10 @@ TEST(WalkTree, TellsOfADirectoryThatItCannotReadWhereItIsAsked) {
   std::vector<std::string> visited;
   TreeVisitor visitor;
   visitor.visit = [&](const TreeEntry& entry) { visited.emplace_back(entry.path); };
-  visitor.unreadable = [&](const TreeEntry& entry) { unreadable.emplace_back(entry.path); };
+  visitor.unreadable = [&](const TreeEntry& entry, const Problem& problem) {
+    EXPECT_TRUE(problem == Cause::denied);
+    unreadable.emplace_back(entry.path);
+  };
   walk_tree(open_tree(root.path()), visitor);
   std::sort(visited.begin(), visited.end());
   EXPECT_EQ(visited, (std::vector<std::string>{"d", "e", "e/file"}));
@@ -231,7 +233,7 @@ TEST(NamesIn, AreAllButThoseWithoutANameOfTheirOwn) {
   const TemporaryRoot root;
   root.write("a/file", "x");
   root.write("b", "x");
-  const Descriptor tree = open_tree(root.path());
+  const Handle tree = *open_tree(root.path());
   std::vector<std::string> names = names_in(tree.get(), 10);
   std::sort(names.begin(), names.end());
   EXPECT_EQ(names, (std::vector<std::string>{"a", "b"}));
@@ -252,8 +254,8 @@ TEST(WalkTree, StopsWhereItsVisitThrows) {
 TEST(WalkTree, NeedsAnOpenDirectory) {
   const TemporaryRoot root;
   const std::filesystem::path file = root.write("file", "x");
-  EXPECT_FAILURE(walk_tree(Descriptor(), ignore), "tree_read", cannot_read);
-  EXPECT_FAILURE(walk_tree(Descriptor(open(file.c_str(), read_flags)), ignore), "tree_read", cannot_read);
+  EXPECT_FAILURE(walk_tree(Handle(), ignore), "tree_read", cannot_read);
+  EXPECT_FAILURE(walk_tree(Handle(open(file.c_str(), O_RDONLY | O_CLOEXEC)), ignore), "tree_read", cannot_read);
 }
 
 TEST(WalkTree, ReportsADirectoryThatItCannotRead) {
@@ -291,18 +293,17 @@ TEST(WalkTree, ReportsADirectoryThatIsGoneMeanwhile) {
 class TreePathsTest : public ::testing::Test {
  protected:
   const TemporaryRoot root;
-  TreePaths paths{open_tree(root.path())};
+  TreePaths paths{*open_tree(root.path())};
 
   void expect_opened(const std::string& path) {
-    const Descriptor file = paths.open(path, read_flags);
+    const Result<Handle> file = paths.open(path, os::OpenAs::file);
     ASSERT_TRUE(file) << path;
-    EXPECT_TRUE(same_file(*status_of(file.get()), *link_status_of(root / path))) << path;
+    EXPECT_TRUE(same_file(*status_of(file->get()), *link_status_of(root / path))) << path;
   }
 
   void expect_none(const std::string& path, int problem) {
-    errno = 0;
-    const Descriptor file = paths.open(path, read_flags);
-    EXPECT_EQ(errno, problem) << path;
+    const Result<Handle> file = paths.open(path, os::OpenAs::file);
+    EXPECT_EQ(file.problem().number, problem) << path;
     EXPECT_FALSE(file) << path;
   }
 };
@@ -337,10 +338,10 @@ TEST_F(TreePathsTest, NeedsFewDescriptorsAtAnyDepth) {
   }
 }
 
-TEST_F(TreePathsTest, OpensWithTheFlagsThatItIsGiven) {
+TEST_F(TreePathsTest, OpensInTheWayThatIsAskedFor) {
   root.write("a/file", "x");
-  const Descriptor file = paths.open("a/file", O_WRONLY | O_CLOEXEC);
-  EXPECT_EQ(fcntl(file.get(), F_GETFL) & O_ACCMODE, O_WRONLY);
+  const Handle file = *paths.open("a/file", os::OpenAs::file_to_change);
+  EXPECT_EQ(fcntl(file.get(), F_GETFL) & O_ACCMODE, O_RDWR);
   EXPECT_EQ(fcntl(file.get(), F_GETFD), FD_CLOEXEC);
 }
 
@@ -382,11 +383,11 @@ TEST_F(TreePathsTest, FindsItsWayAgainAfterAFailure) {
 TEST_F(TreePathsTest, KeepsADirectoryOpenForTheNextPath) {
   root.write("a/b/first", "1");
   root.write("a/b/second", "2");
-  const Descriptor first = paths.open("a/b/first", read_flags);
+  const Handle first = *paths.open("a/b/first", os::OpenAs::file);
   ASSERT_TRUE(first);
   // What replaces the directory is not looked at while the one that was opened is the last.
   std::filesystem::rename(root / "a", root / "moved");
-  const Descriptor second = paths.open("a/b/second", read_flags);
+  const Handle second = *paths.open("a/b/second", os::OpenAs::file);
   ASSERT_TRUE(second);
   EXPECT_TRUE(same_file(*status_of(second.get()), *link_status_of(root / "moved/b/second")));
 }
@@ -394,25 +395,23 @@ TEST_F(TreePathsTest, KeepsADirectoryOpenForTheNextPath) {
 TEST_F(TreePathsTest, TellsTheDirectoryThatHoldsAPath) {
   root.directory("a/b");
   const auto expect_parent = [&](std::string_view path, std::string_view parent) {
-    const int directory = paths.parent_of(path);
-    ASSERT_GE(directory, 0) << path;
-    EXPECT_TRUE(same_file(*status_of(directory), *link_status_of(root / parent))) << path;
+    const Result<int> directory = paths.parent_of(path);
+    ASSERT_TRUE(directory) << path;
+    EXPECT_TRUE(same_file(*status_of(*directory), *link_status_of(root / parent))) << path;
   };
   expect_parent("file", "");
   expect_parent("a/file", "a");
   expect_parent("a/b/missing", "a/b");
   expect_parent("a/b/other", "a/b");
   expect_parent("missing", "");
-  errno = 0;
-  EXPECT_EQ(paths.parent_of("missing/file"), -1);
-  EXPECT_EQ(errno, ENOENT);
+  EXPECT_TRUE(paths.parent_of("missing/file").problem() == Cause::missing);
   expect_parent("a/b/file", "a/b");
 }
 
 TEST_F(TreePathsTest, FindsNothingInATreeThatIsNotOpen) {
-  TreePaths none{Descriptor()};
-  EXPECT_FALSE(none.open("a/file", read_flags));
-  EXPECT_FALSE(none.open("file", read_flags));
+  TreePaths none{Handle()};
+  EXPECT_FALSE(none.open("a/file", os::OpenAs::file));
+  EXPECT_FALSE(none.open("file", os::OpenAs::file));
 }
 
 }  // namespace

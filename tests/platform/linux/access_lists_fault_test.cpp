@@ -12,7 +12,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "platform/file/descriptor.hpp"
+#include "platform/file/handle.hpp"
 #include "platform/file/posix_files.hpp"
 #include "support/access_list.hpp"
 #include "support/failure.hpp"
@@ -60,7 +60,7 @@ class AccessListFault : public ::testing::Test {
   }
 
   const TemporaryRoot root_;
-  const Descriptor node_{open(root_.directory("node").c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)};
+  const Handle node_{open(root_.directory("node").c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)};
 };
 
 TEST_F(AccessListFault, AnEntryOfAnUnknownKindIsRefusedEvenWhenItGrantsNothing) {

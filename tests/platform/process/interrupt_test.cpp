@@ -14,6 +14,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "platform/posix/native.hpp"
 #include "platform/process/process.hpp"
 #include "platform/process/program_start.hpp"
 #include "support/failure.hpp"
@@ -152,7 +153,7 @@ class Channel {
     std::array<int, 2> ends{};
     EXPECT_EQ(pipe(ends.data()), 0);
     reader = ends[0];
-    writer = Descriptor(ends[1]);
+    writer = Handle(ends[1]);
   }
   std::string value() const { return "1:" + std::to_string(reader); }
   void send(const std::string& bytes) const {
@@ -160,7 +161,7 @@ class Channel {
   }
 
   int reader = -1;
-  Descriptor writer;
+  Handle writer;
 };
 
 void expect_refused(const std::string& value, const std::string& message) {
@@ -374,9 +375,9 @@ TEST(ConsoleInterrupt, RefusesWhatIsNotTheReadEndOfAPipe) {
   const TemporaryRoot root;
   ASSERT_EQ(mkfifo((root / "fifo").c_str(), 0600), 0);
   const Channel channel;
-  const Descriptor file(open(root.write("file", "\1").c_str(), O_RDONLY | O_CLOEXEC));
-  const Descriptor directory(open(root.path().c_str(), O_RDONLY | O_CLOEXEC));
-  const Descriptor both(open((root / "fifo").c_str(), O_RDWR | O_CLOEXEC));
+  const Handle file(open(root.write("file", "\1").c_str(), O_RDONLY | O_CLOEXEC));
+  const Handle directory(open(root.path().c_str(), O_RDONLY | O_CLOEXEC));
+  const Handle both(open((root / "fifo").c_str(), O_RDWR | O_CLOEXEC));
   for (const int wrong : {file.get(), directory.get(), both.get(), channel.writer.get()}) {
     expect_refused("1:" + std::to_string(wrong), no_reader);
     EXPECT_EQ(fcntl(wrong, F_GETFL) & O_NONBLOCK, 0);
@@ -475,8 +476,8 @@ TEST(InterruptPipe, KeepsBothEndsFromOtherPrograms) {
 }
 
 TEST(InterruptPipe, KeepsClearOfTheStandardDescriptors) {
-  const Descriptor input(dup(STDIN_FILENO));
-  const Descriptor errors(dup(STDERR_FILENO));
+  const Handle input(dup(STDIN_FILENO));
+  const Handle errors(dup(STDERR_FILENO));
   close(STDIN_FILENO);
   close(STDERR_FILENO);
   int reader = 0;
@@ -622,8 +623,8 @@ int child_end(bool request) {
   std::optional<InterruptPipe> pipe(std::in_place);
   std::array<int, 2> ready{};
   EXPECT_EQ(::pipe(ready.data()), 0);
-  const Descriptor ready_reader(ready[0]);
-  Descriptor ready_writer(ready[1]);
+  const Handle ready_reader(ready[0]);
+  Handle ready_writer(ready[1]);
   const pid_t child = fork();
   if (child == 0) {
     _exit(listen_in_child(*pipe, ready_writer.get()));
@@ -631,14 +632,14 @@ int child_end(bool request) {
   pipe->close_reader();
   ready_writer.reset();
   char byte = 0;
-  EXPECT_EQ(retry_interrupted([&] { return read(ready_reader.get(), &byte, 1); }), 1);
+  EXPECT_EQ(posix::retry_interrupted([&] { return read(ready_reader.get(), &byte, 1); }), 1);
   if (request) {
     EXPECT_TRUE(pipe->request());
   } else {
     pipe.reset();
   }
   int status = 0;
-  EXPECT_EQ(retry_interrupted([&] { return waitpid(child, &status, 0); }), child);
+  EXPECT_EQ(posix::retry_interrupted([&] { return waitpid(child, &status, 0); }), child);
   return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 

@@ -14,7 +14,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include "platform/file/descriptor.hpp"
+#include "platform/file/handle.hpp"
+#include "platform/posix/native.hpp"
 #include "support/temporary_root.hpp"
 
 namespace ravok {
@@ -37,7 +38,7 @@ End end_of(const std::function<int()>& work) {
     _exit(work());
   }
   int status = 0;
-  EXPECT_EQ(retry_interrupted([&] { return waitpid(child, &status, 0); }), child);
+  EXPECT_EQ(posix::retry_interrupted([&] { return waitpid(child, &status, 0); }), child);
   return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, WIFSIGNALED(status) ? WTERMSIG(status) : 0};
 }
 
@@ -76,7 +77,7 @@ int expect_streams(const std::vector<int>& closed, int file) {
 
 TEST(StartProgram, OpensTheNullDeviceInThePlaceOfEachStreamThatIsClosed) {
   const testing::TemporaryRoot root;
-  const Descriptor file(open(root.write("file", "").c_str(), O_RDWR | O_CLOEXEC));
+  const Handle file(open(root.write("file", "").c_str(), O_RDWR | O_CLOEXEC));
   for (const std::vector<int>& closed : {std::vector<int>{}, {0}, {1}, {2}, {0, 1}, {0, 2}, {1, 2}, {0, 1, 2}}) {
     EXPECT_EQ(end_of([&] { return expect_streams(closed, file.get()); }).exit_code, 0);
   }

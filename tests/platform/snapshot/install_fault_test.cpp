@@ -13,7 +13,7 @@
 #include <sys/stat.h>
 
 #include "platform/file/directory_identity.hpp"
-#include "platform/file/file_status.hpp"
+#include "platform/file/status.hpp"
 #include "platform/snapshot/install_records.hpp"
 #include "support/failure.hpp"
 #include "support/file_calls.hpp"
@@ -196,7 +196,7 @@ TEST_F(InstallFault, AFailureHoldsNoSpaceAndLeavesNothingUnrecordedButAnEmptyRoo
       for (const std::string& name : failure ? root.names() : Names{}) {
         EXPECT_TRUE(recorded || name == "staging/") << name;
         const auto status = link_status_of(root / name);
-        EXPECT_TRUE(status && (is_directory(*status) || (status->st_size == 0 && status->st_blocks == 0))) << name;
+        EXPECT_TRUE(status && (is_directory(*status) || (status->size == 0 && status->allocated == 0))) << name;
       }
       std::filesystem::remove_all(staging);
     }

@@ -17,7 +17,7 @@
 
 #include "domain/crypto.hpp"
 #include "platform/file/directory_identity.hpp"
-#include "platform/file/file_status.hpp"
+#include "platform/file/status.hpp"
 #include "support/failure.hpp"
 #include "support/game_at_hand.hpp"
 #include "support/temporary_root.hpp"

@@ -15,7 +15,7 @@
 #include <sys/stat.h>
 
 #include "platform/file/directory_identity.hpp"
-#include "platform/file/file_status.hpp"
+#include "platform/file/status.hpp"
 #include "support/failure.hpp"
 #include "support/manifest_builder.hpp"
 #include "support/temporary_root.hpp"
@@ -77,10 +77,10 @@ class ReservedTreeTest : public ::testing::Test {
     root.write("staging/foreign", "foreign");
   }
 
-  struct stat status_at(const std::string& name) const {
+  Status status_at(const std::string& name) const {
     const auto status = link_status_of(staging / name);
     EXPECT_TRUE(status) << name;
-    return status.value_or(FileStatus{});
+    return *status;
   }
 };
 
@@ -126,17 +126,18 @@ TEST_F(ReservedTreeTest, MakesAPrivateFileWithItsBlocksForEveryFile) {
             (Names{"staging/", "staging/bin/", "staging/bin/program", "staging/data/", "staging/data/levels/",
                    "staging/data/levels/empty", "staging/data/levels/one", "staging/readme"}));
   for (const auto& [path, expected] : manifest.files) {
-    const struct stat status = status_at(path);
-    EXPECT_EQ(status.st_mode, S_IFREG | 0600u) << path;
-    EXPECT_EQ(status.st_nlink, 1u) << path;
-    EXPECT_EQ(static_cast<std::uint64_t>(status.st_size), expected.length) << path;
-    EXPECT_GE(static_cast<std::uint64_t>(status.st_blocks) * 512, expected.length) << path;
-    const FileReservation reservation{staging / path, expected.length, static_cast<std::uint32_t>(status.st_dev),
-                                      status.st_ino, expected.length != 0};
+    const Status status = status_at(path);
+    EXPECT_TRUE(is_single_link_file(status)) << path;
+    EXPECT_EQ(status.permissions, 0600u) << path;
+    EXPECT_EQ(status.size, expected.length) << path;
+    EXPECT_GE(status.allocated, expected.length) << path;
+    const FileReservation reservation{staging / path, expected.length, static_cast<std::uint32_t>(status.device),
+                                      status.inode, expected.length != 0};
     EXPECT_EQ(tree.file(path, expected.length), reservation);
   }
   for (const char* directory : {"", "bin", "data", "data/levels"}) {
-    EXPECT_EQ(status_at(directory).st_mode, S_IFDIR | 0700u) << directory;
+    EXPECT_TRUE(is_directory(status_at(directory))) << directory;
+    EXPECT_EQ(status_at(directory).permissions, 0700u) << directory;
   }
 }
 
@@ -219,7 +220,8 @@ TEST_F(ReservedTreeTest, TellsOnceOfTheEmptyPrivateRootBeforeAnythingIsReserved)
         told.push_back(identity);
         EXPECT_EQ(identity, inspect_storage_directory(staging));
         EXPECT_EQ(root.names(), Names{"staging/"});
-        EXPECT_EQ(status_at("").st_mode, S_IFDIR | 0700u);
+        EXPECT_TRUE(is_directory(status_at("")));
+        EXPECT_EQ(status_at("").permissions, 0700u);
       });
   EXPECT_EQ(told, std::vector{tree.identity()});
 }
@@ -386,7 +388,7 @@ TEST_F(ReservedTreeTest, IsNotTheTreeInAReplacedRoot) {
 
 TEST_F(ReservedTreeTest, StaysWithoutTheObject) {
   { const ReservedTree tree = reserve(); }
-  EXPECT_EQ(status_at("readme").st_size, 70000);
+  EXPECT_EQ(status_at("readme").size, 70000u);
 }
 
 }  // namespace
