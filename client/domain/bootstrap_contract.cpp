@@ -28,7 +28,7 @@ bool has_integer(const Json& document, const char* key, std::int64_t expected) {
   return document.contains(key) && is_integer(document.at(key), expected);
 }
 
-// The entry with windows, only on the platform whose programs have a console or a window, not both.
+// Accepts an entry with windows only on the platform where a program cannot have both a console and windows.
 void require_declared_gui(const SnapshotManifest& snapshot) {
   if (snapshot.raw.contains("gui_executable")) {
     require(snapshot.platform == windows && snapshot.raw.at("gui_executable") == windows_gui &&
@@ -37,7 +37,7 @@ void require_declared_gui(const SnapshotManifest& snapshot) {
   }
 }
 
-// The helper that opens launch documents, only on the platform that has them.
+// Accepts a helper that opens launch documents only on the platform that has such documents.
 void require_declared_shortcut(const SnapshotManifest& snapshot) {
   if (snapshot.raw.contains("shortcut_executable")) {
     require(snapshot.platform == macos && snapshot.raw.at("shortcut_executable") == macos_shortcut &&

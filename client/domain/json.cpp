@@ -98,8 +98,8 @@ class StrictBuilder {
   Json* member_ = nullptr;
 };
 
-// The library takes a NUL behind the value for the end of the text and looks at nothing that follows it. Anywhere
-// else it refuses one by itself.
+// The library takes a NUL after the value for the end of the text, and ignores what follows it. It refuses a NUL
+// anywhere else by itself.
 void require_no_early_end(std::string_view input) {
   const std::size_t end = input.find('\0');
   if (end != std::string_view::npos) {
@@ -224,7 +224,7 @@ const std::string& text_at(const Json& object, const char* key) { return object.
 
 bool is_utf8(std::string_view text) {
   try {
-    // The strict writer refuses everything else.
+    // The library's writer throws for a text that is not UTF-8.
     static_cast<void>(Json(text).dump());
     return true;
   } catch (const Json::exception&) {

@@ -33,12 +33,12 @@ void require_signatures(const Json& signatures) {
   }
 }
 
-// A number as a version is written: no sign, no leading zero.
+// Whether the text is a number as versions have it: no sign, no leading zero.
 bool is_plain_number(std::string_view text) {
   return !text.empty() && are_digits(text) && (text == "0" || text.front() != '0');
 }
 
-// "1.", a number, and perhaps another after a dot.
+// Whether the text is "1.", a number, and perhaps a dot and another number.
 bool is_stable_version(std::string_view text) {
   if (!text.starts_with("1.")) {
     return false;
