@@ -56,7 +56,7 @@ EVP_PKEY* make_key(const SignatureScheme& scheme) {
   return nullptr;
 }
 
-// What a writer of PEM text wrote.
+// Returns the PEM text that `write` puts into the library's buffer.
 template <typename Write>
 std::string pem_text(Write write) {
   const std::unique_ptr<BIO, ReleaseOpenssl> buffer(BIO_new(BIO_s_mem()));
@@ -80,7 +80,7 @@ std::string public_text(const SignatureScheme& scheme, EVP_PKEY* key) {
   return hex(bytes);
 }
 
-// A key that asks for a password is not one that this program made.
+// Gives no password: a key that asks for one was not made by this program.
 int no_password(char*, int, int, void*) { return -1; }
 
 EVP_PKEY* read_private(const std::string& text) {
