@@ -1,4 +1,4 @@
-// Names that would steer a terminal, wherever a program may meet them: what it says of them is harmless.
+// Names that would steer a terminal, wherever a program may meet them. What the program says of them must be harmless.
 
 #include <algorithm>
 #include <filesystem>

@@ -322,7 +322,7 @@ TEST_F(ConsoleOfRoot, RefusesTheHomeOfAnotherUser) {
   expect_refused({"install"}, message);
   expect_refused({"repair"}, message);
   expect_commands_refused({}, message);
-  // A wrong command line is told first.
+  // A wrong command line is reported before anything else.
   expect(run({"install"}, "ravok-install", place.seal()), 2, "", "Choose the initial package with --package DIR\n");
   expect(run({"install"}), 2, "", "Use the Ravok installer to install or repair Ravok\n");
   EXPECT_EQ(run({"install", "--help"}).code, 0);
