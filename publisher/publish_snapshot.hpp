@@ -32,7 +32,7 @@ struct SnapshotPublication {
   std::string target;      // the archive's path in the repository; empty for a name that is made here
   int level = 12;          // of compression, 1 (fast) to 19 (small)
 
-  // Of a launcher, and where its platform asks for one, of a bootstrap.
+  // Of a launcher, and of a bootstrap on a platform where it may have one.
   std::string gui_executable;
   // Of a launcher.
   std::vector<PublishedHelper> helpers;

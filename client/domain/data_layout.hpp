@@ -12,7 +12,7 @@ inline constexpr const char* incomplete_install_marker = ".ravok-setup-incomplet
 
 // The entries that mark a folder as an earlier data folder.
 inline constexpr std::array<std::string_view, 4> ravok_entries = {"native", "launcher", "userdata", "settings.json"};
-// Those of these entries that an uninstall keeps, unless it is asked to remove them too.
+// The entries among these that an uninstall keeps, unless it is asked to remove them too.
 inline constexpr std::array<std::string_view, 2> player_data = {"userdata", "settings.json"};
 
 // The places below a data folder, all absolute where `root` is. Touches no file.

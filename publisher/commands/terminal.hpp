@@ -1,4 +1,4 @@
-// What the publishing program says to the people before it.
+// How the publishing program talks to its users.
 #pragma once
 
 #include <cstdint>

@@ -220,7 +220,7 @@ TEST(CryptoFault, RandomIdHasNoWeakerSource) {
   EXPECT_FAILURE(random_id(), "crypto_failure", "Could not create random identifier");
 }
 
-// With the record of RFC 8439, section 2.8.2.
+// Decrypts the record of RFC 8439, section 2.8.2.
 class Decryption : public ::testing::Test {
  protected:
   void TearDown() override {

@@ -124,7 +124,7 @@ class PublishTest : public ::testing::Test {
     return parse_json(text, text.size());
   }
 
-  // All that lies below a directory; of directories, only the names.
+  // Everything below a directory; for directories, only their names.
   std::map<std::string, Seen> seen(const std::filesystem::path& directory) const {
     std::map<std::string, Seen> found;
     for (const auto& entry : std::filesystem::recursive_directory_iterator(directory)) {

@@ -1237,7 +1237,7 @@ TEST_F(NativeCommit, RepairReplacesATreeThatIsMissing) {
   }
 }
 
-// Ends a setup like a power cut, just ahead of each call of that name, and lets the next run follow.
+// Ends a setup like a power cut, just before each call of that name, and lets the next run follow.
 class NativeCrash : public NativeCommit {
  protected:
   // Whether the run came so far.

@@ -114,7 +114,7 @@ class NativePackageTest : public ::testing::Test {
 
   NativePackage read(const std::string& seal) const { return read_native_package(directory, seal, {}); }
 
-  // Writes the pieces afresh, with a descriptor that tells of them or with this one.
+  // Writes the pieces afresh, with their own descriptor or with this one.
   std::string rewrite() const {
     std::filesystem::remove_all(directory);
     return package.write(directory);
@@ -1245,8 +1245,7 @@ void expire_root(InitialPackage& package) {
 
 std::string other_platform() { return native_platform() == "macos-aarch64" ? "linux-x86_64" : "macos-aarch64"; }
 
-// One for each check, in the order of the checks. Those of one kind of file are in the order in which the
-// files are read.
+// One fault for each check, in the order of the checks; for one kind of file, in the order in which the files are read.
 std::vector<Fault> faults() {
   return {
       {Stage::files, [](Scene& scene) { scene.seal.clear(); }, untrusted, no_seal},

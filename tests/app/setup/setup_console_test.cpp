@@ -284,7 +284,7 @@ TEST_F(SetupConsole, PrintsAProblemDocumentWhateverTheMessageHolds) {
   };
   expect_problem("a\xff", "a\\xff", "a\\xff");
   expect_problem("\x1b[2J\xff", "\\x1b[2J\\xff", "\\x1b[2J\\xff");
-  // What is UTF-8 stands in the document as it is.
+  // A document holds text in UTF-8 as it is.
   expect_problem("a\x1b\xc2\x9b\xc3\xa4", "a\x1b\xc2\x9b\xc3\xa4", "a\\x1b\\xc2\\x9b\xc3\xa4");
   expect_nothing_installed();
 }
