@@ -121,7 +121,7 @@ SigningKey SigningKey::parse(const Json& document) {
   constexpr const char* code = "invalid_key";
   return refuse_malformed(code, "The signing key is malformed", [&] {
     require(has_exactly(document, {"schema_version", "kind", "scheme", "private"}) &&
-                is_integer(document.at("schema_version"), 1) && document.at("kind") == kind,
+                is_integer(document.at("schema_version"), 1) && is_text(document.at("kind"), kind),
             code, "The file holds no signing key");
     const SignatureScheme* const scheme = find_scheme(text_at(document, "scheme"));
     const std::string& text = text_at(document, "private");

@@ -237,6 +237,10 @@ bool is_integer(const Json& value, std::int64_t expected) {
   return value.is_number_integer() && value == expected && (expected >= 0 || !value.is_number_unsigned());
 }
 
+bool is_text(const Json& value, std::string_view expected) {
+  return value.is_string() && value.get_ref<const std::string&>() == expected;
+}
+
 bool has_exactly(const Json& value, std::initializer_list<std::string_view> keys) {
   return value.is_object() && value.size() == keys.size() &&
          std::all_of(keys.begin(), keys.end(), [&](std::string_view key) { return value.contains(key); });

@@ -49,6 +49,10 @@ bool is_utf8(std::string_view text);
 // Whether the value is of an integer type and equal to `expected`.
 bool is_integer(const Json& value, std::int64_t expected);
 
+// Whether the value is exactly this text. Takes no memory, unlike the library's comparison with a text, which would end
+// the process where there is none.
+bool is_text(const Json& value, std::string_view expected);
+
 // Whether the value is an object with exactly these keys.
 bool has_exactly(const Json& value, std::initializer_list<std::string_view> keys);
 

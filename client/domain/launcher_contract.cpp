@@ -21,7 +21,7 @@ constexpr std::array<std::string_view, 3> helper_roles = {"crash-handler", "main
 void require_kind(const Json& document) {
   constexpr const char* unsupported = "Unsupported launcher manifest; existing installation was preserved";
   require(document.is_object(), "unsupported_schema", unsupported);
-  require(is_integer(document.at("schema_version"), 1) && document.at("kind") == "ravok-launcher-release",
+  require(is_integer(document.at("schema_version"), 1) && is_text(document.at("kind"), "ravok-launcher-release"),
           "unsupported_schema", unsupported);
 }
 

@@ -59,7 +59,7 @@ std::string read_pixels_text(const Json& value) {
 
 GameArtwork read_artwork(const Json& document) {
   require(has_exactly(document, {"format", "width", "height", "bmp_hex", "alternative_text"}) &&
-              document.at("format") == artwork_format,
+              is_text(document.at("format"), artwork_format),
           code, "Unknown game artwork descriptor");
   GameArtwork artwork;
   artwork.width = read_pixels(document.at("width"));

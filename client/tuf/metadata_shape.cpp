@@ -151,7 +151,7 @@ void shape_body(const Json& document, std::string_view kind) {
           invalid, "Metadata must contain a signed object and signature array");
   require_signatures(document.at("signatures"));
   const Json& body = document.at("signed");
-  require(body.at("_type") == kind, "metadata_type", "Unexpected metadata type");
+  require(is_text(body.at("_type"), kind), "metadata_type", "Unexpected metadata type");
   require(is_stable_version(text_at(body, "spec_version")), "unsupported_spec",
           "A stable TUF 1.x[.y] specification version is required");
   positive_version(body.at("version"));

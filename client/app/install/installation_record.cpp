@@ -52,7 +52,7 @@ auto read_record(const std::filesystem::path& path, const std::string& malformed
 }
 
 bool is_record(const Json& document, const char* kind) {
-  return is_integer(document.at("schema_version"), 1) && document.at("kind") == kind;
+  return is_integer(document.at("schema_version"), 1) && is_text(document.at("kind"), kind);
 }
 
 SetupOutcome parse_outcome(const Json& document) {

@@ -259,9 +259,9 @@ class PackageReader {
     }
     require_fields(descriptor_, {"schema_version", "kind", "platform", "origin", "root", "ca_bundle",
                                  "bootstrap_manifest", "launcher_manifest"});
-    require(is_integer(descriptor_.at("schema_version"), 1) && descriptor_.at("kind") == "ravok-initial-package",
+    require(is_integer(descriptor_.at("schema_version"), 1) && is_text(descriptor_.at("kind"), "ravok-initial-package"),
             "unsupported_schema", "Unsupported initial package schema");
-    require(descriptor_.at("platform") == native_platform(), "launcher_incompatible",
+    require(is_text(descriptor_.at("platform"), native_platform()), "launcher_incompatible",
             "This package is for another platform");
     package_.origin = text_at(descriptor_, "origin");
     require_plain_origin(package_.origin);

@@ -61,7 +61,7 @@ void reference_shape(const Json& value) {
 }
 
 void require_document(const Json& document) {
-  require(is_integer(document.at("schema_version"), 1) && document.at("format") == format, "unsupported_schema",
+  require(is_integer(document.at("schema_version"), 1) && is_text(document.at("format"), format), "unsupported_schema",
           "Unknown launcher state was preserved");
   positive_version(document.at("generation"));
   for (const char* key : {"active", "rollback", "candidate"}) {
