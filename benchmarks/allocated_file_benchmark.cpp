@@ -26,7 +26,7 @@ const std::string& piece() {
   return content;
 }
 
-// Where each run finds no file, and the disk at rest.
+// Returns the path for the file of a run: no file is there, and the disk is at rest.
 std::filesystem::path prepare(const ravok::benchmarks::Scratch& scratch) {
   std::filesystem::path path = scratch.path() / "file";
   std::filesystem::remove(path);

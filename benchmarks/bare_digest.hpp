@@ -1,4 +1,4 @@
-// What digesting a file cannot do without, for yardsticks.
+// The least that digesting a file takes, for yardsticks.
 #pragma once
 
 #include <array>

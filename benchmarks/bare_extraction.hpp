@@ -1,4 +1,4 @@
-// What unpacking an archive cannot do without, for yardsticks, and content to pack.
+// The least that unpacking an archive takes, for yardsticks; and content to pack.
 #pragma once
 
 #include <algorithm>
@@ -23,7 +23,7 @@
 
 namespace ravok::benchmarks {
 
-// Content of which about a half compresses away.
+// Writes content of which about a half compresses away.
 inline void write_content(const std::filesystem::path& path, std::uint64_t length, std::uint32_t seed) {
   std::filesystem::create_directories(path.parent_path());
   std::ofstream file(path, std::ios::binary);
@@ -40,7 +40,7 @@ inline void write_content(const std::filesystem::path& path, std::uint64_t lengt
   check(file.good() && chmod(path.c_str(), 0644) == 0);
 }
 
-// The files of a manifest below a root.
+// Returns the paths of the files of a manifest below a root.
 inline std::vector<std::string> file_paths(const SnapshotManifest& manifest, const std::filesystem::path& root) {
   std::vector<std::string> paths;
   for (const auto& [path, file] : manifest.files) {
@@ -101,8 +101,8 @@ inline void write_whole(int file, std::string_view bytes) {
   check(write(file, bytes.data(), bytes.size()) == static_cast<ssize_t>(bytes.size()));
 }
 
-// What cannot be left out: the archive is digested and decoded, each file is written and flushed, and
-// then digested twice.
+// Does only what cannot be left out: digests and decodes the archive, writes and flushes each file, and digests it
+// twice.
 inline void extract_bare(const std::filesystem::path& archive, const std::filesystem::path& staging,
                          const std::vector<std::string>& files, BareDigest& digest) {
   digest.file(archive.c_str());

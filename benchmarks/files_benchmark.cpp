@@ -33,7 +33,7 @@ void atomic_write(benchmark::State& state) {
 }
 BENCHMARK(atomic_write)->Unit(benchmark::kMicrosecond)->UseRealTime();
 
-// The bare calls that flush the same: the file before its rename, the directory after it.
+// Makes only the calls that flush as much: the file before its rename, the directory after it.
 void atomic_write_yardstick(benchmark::State& state) {
   const Scratch scratch;
   const std::string content(4096, 'x');
@@ -69,8 +69,8 @@ void private_directory(benchmark::State& state) {
 }
 BENCHMARK(private_directory)->Unit(benchmark::kMicrosecond)->UseRealTime();
 
-// The bare opens and stats: a look for the system's links at each level, a guarded open compared
-// with its name at each level, and the proof of the last.
+// Makes only the opens and stats: a look for the system's links at each level, a guarded open compared with its name at
+// each level, and the proof of the last.
 void private_directory_yardstick(benchmark::State& state) {
   const Scratch scratch;
   const std::filesystem::path path = eight_levels(scratch);

@@ -1,4 +1,4 @@
-// A product of 300 MB in 3,000 files: installed, looked at, repaired where nothing is to be repaired, and removed.
+// A product of 300 MB in 3,000 files: installed, looked at, repaired where nothing is damaged, and removed.
 
 #include <chrono>
 #include <cstdint>
@@ -74,12 +74,12 @@ class Product {
     ravok::NativeInstaller::install({directory(), data_root, false, false}, seal, {});
   }
 
-  // An installation whose files are further names of the installed one's.
+  // Makes an installation whose files are hard links to those of the installed one.
   void link_fresh() const {
     clear_fresh();
     std::filesystem::copy(installed(), fresh(),
                           std::filesystem::copy_options::recursive | std::filesystem::copy_options::create_hard_links);
-    // A lock has one name.
+    // The file of a lock must have no second name.
     for (const char* lock : {".ravok-setup.lock", ".native-bootstrap.lock", "native/shortcuts.lock"}) {
       std::filesystem::remove(fresh() / lock);
     }
@@ -136,8 +136,8 @@ void install(benchmark::State& state) {
   }
 }
 
-// The package is digested; each archive is digested again and unpacked, and its files are digested once as they
-// are written and twice as a whole.
+// Digests the package; digests each archive again and unpacks it, and digests its files once as they are written and
+// twice as a whole.
 void install_yardstick(benchmark::State& state) {
   const ravok::NativePackage& package = product().package;
   BareDigest digest;
@@ -167,7 +167,7 @@ void repair_intact(benchmark::State& state) {
   }
 }
 
-// The package, and the installed files.
+// Digests the package and the installed files.
 void repair_intact_yardstick(benchmark::State& state) {
   const ravok::NativePackage& package = product().package;
   std::vector<std::string> files = file_paths(package.bootstrap, product().installed() / "native/bootstrap");
@@ -204,7 +204,7 @@ void flush_names(const std::filesystem::path& directory) {
   check(names >= 0 && fsync(names) == 0 && close(names) == 0);
 }
 
-// The marker and the ledger are written and the record is removed, each durably; the tree goes, and that lasts.
+// Writes the marker and the ledger and removes the record, each durably; then removes the tree, durably too.
 void uninstall_yardstick(benchmark::State& state) {
   for (auto _ : state) {
     state.PauseTiming();

@@ -34,7 +34,7 @@ void package_read(benchmark::State& state) {
 }
 BENCHMARK(package_read)->Unit(benchmark::kMillisecond)->UseRealTime();
 
-// Each file digested once.
+// Digests each file once.
 void package_read_yardstick(benchmark::State& state) {
   std::vector<std::string> paths;
   for (const auto& entry : std::filesystem::directory_iterator(sample().directory)) {

@@ -11,7 +11,7 @@
 
 namespace ravok::benchmarks {
 
-// Runs a program, whose output nobody sees, and waits for its success.
+// Runs a program, whose output goes nowhere, and waits for its success.
 inline void run(const char* program, const std::vector<std::string>& arguments) {
   posix_spawn_file_actions_t actions;
   posix_spawn_file_actions_init(&actions);

@@ -1,5 +1,5 @@
-// A thousand verifications with each scheme, beside the library's own of the same keys and bytes: a key read
-// from its text, and one verification, with nothing kept in between.
+// A thousand verifications with each scheme, beside the library's own of the same keys and bytes: each reads the key
+// from its text and verifies once, with nothing kept in between.
 
 #include <array>
 #include <cstdint>

@@ -37,7 +37,7 @@ using ravok::benchmarks::write_content;
 
 // A published tree, made once and warm.
 struct Sample {
-  // The first of the files that `fill` makes becomes the executable.
+  // `fill` returns the name of the file that becomes the executable: the first of those that it makes.
   explicit Sample(const std::function<std::string(const std::filesystem::path& tree)>& fill) {
     const std::string executable = fill(tree());
     check(chmod((tree() / executable).c_str(), 0755) == 0);
@@ -78,7 +78,7 @@ std::string fill(const std::filesystem::path& tree, int directories, int files, 
   return "directory-0/file-0";
 }
 
-// Headers of this machine.
+// Fills the tree with headers of this machine.
 std::string fill_with_headers(const std::filesystem::path& tree) {
   const std::filesystem::path from = "/usr/include/c++";
   std::string first;

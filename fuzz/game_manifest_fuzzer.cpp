@@ -1,5 +1,5 @@
-// A game's manifest that is accepted keeps every bound, by a second and naive look, and is accepted
-// again, unchanged, when it is written out.
+// A game's manifest that is accepted keeps every bound, which a second, naive check confirms, and is accepted again,
+// unchanged, when it is written out.
 
 #include <algorithm>
 #include <cstddef>

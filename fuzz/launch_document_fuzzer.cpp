@@ -53,7 +53,7 @@ void check_document(const ravok::DesktopShortcut& shortcut) {
 void check_entry(const ravok::DesktopShortcut& shortcut) {
   const std::string text = ravok::linux_desktop_entry(shortcut);
   std::vector<std::string> asked;
-  // What a desktop could not start itself, a shell becomes.
+  // A desktop could not start a path with these characters itself, so a shell starts it.
   if (shortcut.bootstrap.native().find_first_of("%=") != std::string::npos) {
     asked = {"/bin/sh", "-c", R"(exec "$0" "$@")"};
   }

@@ -1,6 +1,6 @@
-// A launcher's manifest that is accepted keeps every bound and owns every executable, by a second
-// and naive look, and is accepted again, unchanged, when it is written out. A snapshot that passes
-// for a bootstrap has no executable beside those that it may declare.
+// A launcher's manifest that is accepted keeps every bound and owns every executable, which a second, naive check
+// confirms, and is accepted again, unchanged, when it is written out. A snapshot that passes for a bootstrap has no
+// executables other than those that it may declare.
 
 #include <cstddef>
 #include <cstdint>
@@ -75,7 +75,7 @@ void read_bootstrap(const ravok::Json& document) {
   must_hold(declared == executables(snapshot), "every executable is declared, and all that is declared is there");
 }
 
-// Refusals are fine; every exception that is none is a defect and ends the run.
+// A refusal is fine. Every other exception is a defect and ends the run.
 template <typename Read>
 void refused_or(Read read) {
   try {

@@ -1,5 +1,5 @@
-// Whatever stands in the place of the launcher store's document: every operation that reads it succeeds or refuses in
-// words, what is loaded keeps every rule by a second and naive look, and the file stays as it is.
+// The input takes the place of the launcher store's document. Every operation that reads it succeeds or refuses in
+// words; a document that is loaded keeps every rule, which a second, naive check confirms; and the file stays as it is.
 
 #include <cstddef>
 #include <cstdint>
@@ -50,7 +50,7 @@ void check(const Json& document) {
             "what failed is named by its digest");
 }
 
-// Refusals are fine; every exception that is none is a defect and ends the run.
+// A refusal is fine. Every other exception is a defect and ends the run.
 template <typename Work>
 bool succeeds(Work work) {
   try {
@@ -94,7 +94,7 @@ std::string content_of(const std::filesystem::path& path) {
   return {std::istreambuf_iterator<char>(file), {}};
 }
 
-// What is loaded can be saved again, as the next generation, unless it is the last.
+// A document that is loaded can be saved again, as the next generation, unless its generation is the last.
 void save_again(const LauncherStore& store) {
   Json document;
   if (!succeeds([&] { document = store.load(); })) {

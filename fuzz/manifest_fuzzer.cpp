@@ -1,5 +1,5 @@
-// A manifest that is accepted keeps every bound and every path rule, by a second and naive look,
-// and is accepted again, unchanged, when it is written out.
+// A manifest that is accepted keeps every bound and every path rule, which a second, naive check confirms, and is
+// accepted again, unchanged, when it is written out.
 
 #include <algorithm>
 #include <cstddef>

@@ -7,7 +7,7 @@
 
 namespace ravok::fuzz {
 
-// A volume in memory, which is quick to write and to flush, or else where the system keeps temporary files.
+// Returns a directory in memory, which is quick to write and to flush, or else where the system keeps temporary files.
 inline std::filesystem::path memory_volume() {
   const std::filesystem::path memory = "/dev/shm";
   return access(memory.c_str(), W_OK) == 0 ? memory : std::filesystem::temp_directory_path();

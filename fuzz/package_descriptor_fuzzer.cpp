@@ -1,7 +1,8 @@
-// Whatever a sealed descriptor says: a package is read or refused in words, and nothing on the disk changes.
+// The input is a sealed descriptor. Whatever it says, a package is read or refused in words, and nothing on the disk
+// changes.
 //
-// The descriptor stands among the resources of a good package, of which "@NAME" in an input is the digest
-// and "#NAME" the length.
+// The descriptor lies among the resources of a good package. In an input, "@NAME" stands for the digest of a resource
+// and "#NAME" for its length.
 
 #include <cstddef>
 #include <cstdint>
@@ -55,7 +56,7 @@ class GoodPackage {
   std::map<std::string, std::string> words_;
 };
 
-// What is seen of a file without its content, which cannot change behind an unchanged time of change.
+// What the status of a file shows. Its content is not compared, since it cannot change without the time of change.
 using Seen = std::tuple<mode_t, ino_t, off_t, std::time_t, long>;
 
 std::map<std::string, Seen> seen_below(const std::filesystem::path& root) {

@@ -1,6 +1,5 @@
-// The strict parser agrees, value for value and failure for failure, with the JSON library's
-// callback parser; what it accepts is one value with nothing but white space around it, and can be written and
-// read again.
+// The strict parser agrees, value for value and failure for failure, with the JSON library's callback parser. What it
+// accepts is one value with nothing but white space around it, and can be written and read again.
 
 #include <algorithm>
 #include <cctype>
@@ -36,7 +35,7 @@ bool is_white_space(char c) { return c == ' ' || c == '\t' || c == '\n' || c == 
 
 bool is_word(char c) { return std::isalnum(static_cast<unsigned char>(c)) != 0; }
 
-// Returns what stands behind the first value of a text that begins with one.
+// Returns what follows the first value of a text that begins with one.
 std::string_view behind_value(std::string_view text) {
   std::size_t open = 0;
   bool quoted = false;
@@ -61,8 +60,8 @@ std::string_view behind_value(std::string_view text) {
   return {};
 }
 
-// Whether a text that the parser accepts is a value with white space before and behind it, and a byte order mark
-// ahead of all at most.
+// Whether a text that the parser accepts is a value with white space before and after it, and at most one byte order
+// mark before all.
 bool is_value_in_white_space(std::string_view text) {
   constexpr std::string_view byte_order_mark = "\xEF\xBB\xBF";
   text.remove_prefix(text.starts_with(byte_order_mark) ? byte_order_mark.size() : 0);

@@ -1,5 +1,5 @@
-// A relative path that the rules accept never leads out of the root that it is joined to, and
-// what is portable is also accepted where it need not be.
+// A relative path that the rules accept never leads out of the root that it is joined to, and a portable path is also
+// accepted where a path need not be portable.
 
 #include <cstddef>
 #include <cstdint>

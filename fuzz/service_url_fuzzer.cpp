@@ -1,6 +1,6 @@
-// The last line is a path, and all before it a service address. An address that is accepted leads every
-// request to itself: the URL of a path is the address with the quoted path behind it, from which the path
-// can be read again.
+// The last line of an input is a path, and all before it a service address. For an address that is accepted, the URL of
+// a path is the address followed by the quoted path, and the path can be read from it again. So every request goes to
+// that address.
 
 #include <cstddef>
 #include <cstdint>

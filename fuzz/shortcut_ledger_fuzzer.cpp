@@ -1,6 +1,6 @@
-// A ledger of shortcuts is refused by one code, or every row is one that a creation could have written; and whatever
-// it says, a removal by it takes no file but one whose digest it knows, and none through a user's link. In the input an
-// "@" stands for the directory that the shortcuts lie in.
+// A ledger of shortcuts is refused with one code, or every row of it is one that a creation could have written.
+// Whatever it says, a removal takes no file but one whose digest the ledger knows, and none through a user's link. In
+// the input, "@" stands for the directory that the shortcuts lie in.
 
 #include <algorithm>
 #include <cstddef>
@@ -66,7 +66,7 @@ void check_rows(const std::filesystem::path& data, const std::vector<ravok::Owne
 void make_link(const std::filesystem::path& target, const std::filesystem::path& link) {
   if (!std::filesystem::is_symlink(link)) {
     std::filesystem::create_symlink(target, link);
-    // What user 0 links to may count as the system's own.
+    // A link of user 0 may count as the system's own, so it is given to another user.
     must_hold(!ravok::testing::is_root() || lchown(link.c_str(), 65534, 65534) == 0, "a link is a user's");
   }
 }
@@ -104,7 +104,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     return 0;
   }
   check_rows(root / "data", *rows);
-  // Nothing of the machine's own is at stake, whatever the input names.
+  // Removes files in the test's own directory only, so that no input can reach any of the machine's.
   if (std::all_of(rows->begin(), rows->end(), [&](const ravok::OwnedShortcut& row) {
         return row.path.lexically_normal().native().starts_with(directory + "/");
       })) {

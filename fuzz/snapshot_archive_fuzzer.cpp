@@ -1,8 +1,8 @@
-// Whatever an archive holds: only files that its manifest names come out of it, of at most their
-// length and below the staging directory, and what is not accepted is refused in words.
+// Whatever an archive holds, only files that its manifest names come out of it, of at most their length and below the
+// staging directory. An archive that is not accepted is refused in words.
 //
-// The first byte of an input tells how the rest is taken: as a tar archive in one frame where it is
-// even, as the archive file itself where it is odd.
+// The first byte of an input tells how the rest is taken: an even one as a tar archive in one frame, an odd one as the
+// archive file itself.
 
 #include <cstddef>
 #include <cstdint>
@@ -82,7 +82,7 @@ void check_outside(const std::filesystem::path& root) {
   }
 }
 
-// Beyond what the decoder's window and the two buffers may take, and room for the sanitizers.
+// The bound is what the decoder's window and the two buffers may take, with room for the sanitizers.
 void check_memory() {
   constexpr long most_kibibytes = 1 << 20;
   struct rusage usage;

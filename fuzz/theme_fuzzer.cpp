@@ -1,5 +1,5 @@
-// A theme that is accepted keeps every bound and is easy to read, by a second and naive look, and asks only for files
-// that it names.
+// A theme that is accepted keeps every bound and is easy to read, which a second, naive check confirms, and asks only
+// for files that it names.
 //
 // An input is the definition, a NUL, and the files in the order in which they are asked for: each three bytes with its
 // length, the lowest first, and its content. The last may be shorter than its length says, and all further ones are
@@ -99,7 +99,7 @@ std::size_t number(const std::string& bytes, std::size_t offset, std::size_t siz
   return value;
 }
 
-// A reader of such an image that trusts its header stays within its bytes.
+// A reader that trusts the image's header must stay within its bytes.
 void check_image(const std::optional<ravok::ThemeImage>& image, std::size_t most_width, std::size_t most_height) {
   if (!image) {
     return;

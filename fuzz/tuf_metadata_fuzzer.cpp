@@ -1,6 +1,6 @@
-// The first byte names the kind of a role document, and the rest is its text. What has a good shape
-// keeps it when it is written out again, and its signatures are counted without any other surprise:
-// whoever is counted has signed and was authorized.
+// The first byte names the kind of a role document, and the rest is its text. A document with a good shape keeps it
+// when it is written out again. Counting its signatures can then fail only for their number, and a threshold that is
+// met has enough authorized signers.
 
 #include <array>
 #include <cstddef>

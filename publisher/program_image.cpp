@@ -33,7 +33,7 @@ constexpr const char* damaged = "The headers of this program for macOS are damag
 
 enum class Order { little, big };
 
-// Part of an image, of which nothing outside can be read.
+// A part of an image. Reading beyond its end fails with "invalid_program".
 class Bytes {
  public:
   Bytes(std::string_view bytes, Order order) : bytes_(bytes), order_(order) {}
@@ -64,7 +64,7 @@ class Bytes {
   Order order_;
 };
 
-// The order of an image's numbers and whether they are those of a 64-bit system, as its first word says.
+// The byte order of an image's numbers and whether they are those of a 64-bit system, as its first word says.
 struct Form {
   Order order;
   bool wide;

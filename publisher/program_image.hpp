@@ -1,5 +1,5 @@
-// What a program's image says of its own format, as far as one must know it who changes the image. The images of
-// macOS are known, for one processor or for several; every other format is passed over.
+// Which format a program's image has, as far as it matters to whoever changes the image. The images of macOS are known,
+// for one processor or for several; every other format counts as `other`.
 #pragma once
 
 #include <string_view>
@@ -12,8 +12,8 @@ enum class ProgramImage {
   signed_macos,    // for macOS, with a code signature for at least one of its processors, which any change breaks
 };
 
-// Returns what the image is. Fails with "invalid_program" for an image that begins as one of macOS and whose headers
-// do not lie within it.
+// Returns what the image is. Fails with "invalid_program" for an image that begins as one of macOS but whose headers do
+// not lie within it.
 ProgramImage inspect_program_image(std::string_view image);
 
 }  // namespace ravok

@@ -1,4 +1,4 @@
-// What the publishing units share: outputs that must be new, that go again unless all went well, and
+// What the publishing units share: outputs that must be new and are removed again unless everything succeeds, and
 // refusals that name the file they are about.
 #pragma once
 
@@ -13,21 +13,23 @@
 
 namespace ravok {
 
-// Fails with "output_exists" when anything is at the path.
+// Accepts only a path where nothing is. Fails with "output_exists".
 void require_absent(const std::filesystem::path& path);
 
-// Writes a file of mode 0644 that must not exist yet, durably. Fails as ExportFile does; then there is no file.
+// Writes a file of mode 0644 that must not exist yet, durably. Fails with "insufficient_space", "file_write",
+// "file_sync" or "unsafe_path" as ExportFile does; then there is no file.
 void write_new_file(const std::filesystem::path& path, std::string_view bytes);
 
-// Makes a directory in an open one, with mode 0755 as limited by the process's mask, but for its owner in full.
-// Fails with "file_write", and names `path`.
+// Makes a directory in an open one, with mode 0755 as limited by the process's mask, except that its owner gets all
+// permissions. Fails with "file_write"; the message names `path`.
 void make_output_folder(int parent, const std::string& name, const std::filesystem::path& path);
 
-// Returns the path of an output in the form in which it and its directory have a name.
+// Returns the path of an output without a separator at its end, and with "./" before a bare name, so that both the
+// output and its directory have a name.
 std::filesystem::path output_path(const std::filesystem::path& path);
 
-// Returns what `work` does; a failure of the system's own keeps its code, and its message begins with the path
-// unless it has it already.
+// Returns what `work` returns. An Error from it keeps its code, and its message begins with the path unless it holds
+// the path already.
 template <typename Work>
 auto about(const std::filesystem::path& path, Work work) {
   try {
@@ -39,14 +41,14 @@ auto about(const std::filesystem::path& path, Work work) {
   }
 }
 
-// Gives an output its name. One that could not be made durable is removed, so that nothing stays that a power cut may
-// take back. Fails as ExportFile::commit does.
+// Gives an output its name. Removes an output that could not be flushed, so that nothing stays that a power cut may
+// take back. Fails with "insufficient_space", "file_write" or "file_sync" as ExportFile::commit does.
 void commit_or_remove(ExportFile& file);
 
-// A file that is made, and is taken away again unless all goes well: it alone, whatever has come to its name.
+// A new file that is removed again unless keep() is called. Never removes another file that has come to its name.
 class NewOutput {
  public:
-  // Fails as ExportFile does; then there is no file.
+  // Writes the file. Fails as write_new_file does; then there is no file.
   NewOutput(const std::filesystem::path& path, std::string_view bytes, ExportAccess access = ExportAccess::everybody);
   ~NewOutput();
   NewOutput(const NewOutput&) = delete;
@@ -59,17 +61,18 @@ class NewOutput {
   bool kept_ = false;
 };
 
-// A directory that appears whole or not at all: it is filled beside its place, under another name. One that goes before
-// its commit, or could not be made durable, is removed: it alone, whatever has come to its name.
+// A directory that appears whole or not at all: it is filled beside its place, under another name, until commit() gives
+// it its own. Without a commit that succeeds, the object removes it when it goes, but never another directory that has
+// come to its name.
 class NewFolder {
  public:
-  // Fails with "file_write".
+  // Makes the directory. Fails with "file_write".
   explicit NewFolder(const std::filesystem::path& output);
   ~NewFolder();
   NewFolder(const NewFolder&) = delete;
   NewFolder& operator=(const NewFolder&) = delete;
 
-  // Where it is filled.
+  // The directory while it is filled: its path, and a descriptor of it.
   const std::filesystem::path& path() const { return path_; }
   int handle() const { return folder_.get(); }
 

@@ -20,12 +20,12 @@ namespace ravok {
 namespace {
 
 constexpr std::uint64_t program_limit = 268'435'456;
-constexpr std::size_t maximum_entries = 65'536;  // of a package, which has been proved
+constexpr std::size_t maximum_entries = 65'536;  // of a package that has been proved
 constexpr const char* package_name = "initial-package";
 constexpr const char* program_name = "ravok-install";
 
-// Whether a slot stands at the beginning of the bytes, with a seal or without: this program, which knows the mark
-// too, has something else behind it.
+// Whether the bytes begin with a slot, with a seal in it or without. The mark alone is not enough: this program's own
+// image has it too, with something else after it.
 bool is_slot(std::string_view bytes) {
   const std::string_view seal = bytes.substr(package_seal_mark.size(), seal_characters);
   return seal.size() == seal_characters &&
@@ -95,7 +95,7 @@ PublishedInstaller publish_installer(const InstallerPublication& publication, co
     to_sign = must_be_signed(publication, program);
   });
 
-  // Proved, copied, and proved again where it will be shipped from.
+  // The package is proved, copied, and proved again where it will be shipped from.
   std::uint64_t whole = 0;
   const auto pass = [&](std::uint64_t before) -> ProgressCallback {
     return [&, before](std::uint64_t done, std::uint64_t total) {

@@ -17,7 +17,7 @@ struct InstallerPublication {
   std::filesystem::path output;   // the folder to make
   // Who signs a program for macOS: an identity of the keychain; empty, or "-", for a signature that names nobody.
   std::string signing_identity;
-  // What signs it, with the words of codesign; empty where there is none.
+  // The program that signs it, which takes the words of codesign; empty where there is none.
   std::string signer = std::string(os::program_signer());
 };
 
@@ -27,16 +27,18 @@ struct PublishedInstaller {
   std::string seal;
 };
 
-// Returns an installer's image with this seal in its slot. Fails with "invalid_installer" for bytes that have not
-// exactly one slot.
+// Returns an installer's image with this seal in its slot. Fails with "invalid_installer" for an image that does not
+// have exactly one slot.
 std::string with_seal(std::string image, std::string_view seal);
 
-// Writes "ravok-install" and "initial-package" into a new folder and reads the package there with the seal in the
-// program. A program for macOS, which that system starts only with a signature that fits it, is signed again after
-// it was given its seal. `progress`, which may be empty, is told of the bytes proved, copied and proved again. After a
-// failure nothing is left behind. Fails with "output_exists", "invalid_installer" for a program without a place for a
-// seal, for one that had to be signed again where there is no signer, and for an identity where nothing is signed, and
-// as inspect_program_image, sign_program, read_native_package, read_file and ExportFile do.
+// Writes "ravok-install" and "initial-package" into a new folder, and reads the package there with the seal in the
+// program. macOS starts a program only with a signature that fits it, so a program for macOS is signed again after it
+// was given its seal. `progress`, which may be empty, is told of the bytes proved, copied and proved again. After a
+// failure nothing is left behind.
+// Fails with "output_exists"; "invalid_installer" for a program without a place for a seal, for one that had to be
+// signed again where there is no signer, and for an identity where nothing is signed; "invalid_program" and
+// "program_signature" for the program's image and its signing; "file_read", "insufficient_space", "file_write",
+// "file_sync" and "cancelled"; and as read_native_package does.
 PublishedInstaller publish_installer(const InstallerPublication& publication, const ProgressCallback& progress);
 
 }  // namespace ravok

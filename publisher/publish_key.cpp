@@ -17,7 +17,7 @@ Json read_document(const std::filesystem::path& path) {
   try {
     return parse_json(text, key_file_limit);
   } catch (const Error& error) {
-    // The parser's own words may quote what must not be shown.
+    // The parser's message may quote a private key, which must not be shown.
     fail(error.code, "The file holds no key");
   }
 }
@@ -31,7 +31,7 @@ SigningKey parse_private(const std::filesystem::path& path, const Json& document
   return SigningKey::parse(document);
 }
 
-// The client's own judgement.
+// Judges the key as the client does.
 Json parse_public(Json key) {
   require(key.is_object(), "invalid_key", "The file holds no key");
   verify_keys({{key_id(key), key}});

@@ -15,20 +15,22 @@ struct PublishedKey {
   std::string id;
 };
 
-// Makes a key of a scheme and writes it to `path`, with mode 0600, and its public part to `path` with ".pub"
-// behind it; neither may exist. What was written is read back. After a failure nothing is left behind. Fails
-// with "unknown_scheme", "output_exists", "crypto_failure", and as atomic_create and the readers below do.
+// Makes a key of a scheme and writes it to `path`, with mode 0600, and its public part to the same path with ".pub"
+// appended; neither may exist. Reads back what it wrote. After a failure nothing is left behind. Fails with
+// "unknown_scheme", "output_exists", "crypto_failure", "insufficient_space", "file_write" and "file_sync", and as the
+// readers below do.
 PublishedKey publish_key(const std::filesystem::path& path, std::string_view scheme);
 
-// Returns the private key of a file. Fails with "permissions" for a file that others may read, "invalid_key",
-// and as read_file and parse_json do; each message begins with the file's path.
+// Returns the private key of a file. Fails with "permissions" for a file that others may read, "invalid_key" for one
+// that holds none, and as read_file and parse_json do ("file_read", "unsafe_path", "invalid_json"); each message begins
+// with the file's path.
 SigningKey read_signing_key(const std::filesystem::path& path);
 
-// Returns the public key object of a public or a private key file. Fails with "invalid_key", and as
-// read_signing_key does.
+// Returns the public key object of a public or a private key file. Fails with "invalid_key", with "invalid_metadata" or
+// "size_limit" for a public key that clients would refuse, and as read_signing_key does for a private one.
 Json read_public_key(const std::filesystem::path& path);
 
-// Whether a file says of itself that it holds a private key. Fails as read_public_key does.
+// Whether a file says of itself that it holds a private key. Fails as read_file and parse_json do.
 bool holds_private_key(const std::filesystem::path& path);
 
 }  // namespace ravok

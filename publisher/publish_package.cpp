@@ -26,7 +26,7 @@ Json resource(const std::string& name, std::uint64_t length, const std::string& 
   return {{"path", name}, {"length", length}, {"sha256", sha256}};
 }
 
-// What is known of a small input once it has been judged.
+// A small input that has been read and accepted.
 struct Document {
   std::string name;  // in the package
   std::string bytes;
@@ -73,7 +73,7 @@ class PackageInputs {
     documents_.push_back({package_limits::descriptor_name, descriptor.dump(2) + "\n"});
   }
 
-  // The descriptor is the last.
+  // The descriptor comes last.
   const std::vector<Document>& documents() const { return documents_; }
   const std::vector<Archive>& archives() const { return archives_; }
 

@@ -1,5 +1,5 @@
-// Publishing an initial package: one sealed directory from which a client can be installed without any
-// network, and of which the client has said with its own reader that it would take it.
+// Publishing an initial package: one sealed directory from which a client can be installed without any network. The
+// client's own reader has accepted every package that is published.
 #pragma once
 
 #include <filesystem>
@@ -11,7 +11,7 @@
 
 namespace ravok {
 
-// The other name of a product.
+// A product's own name, icon and theme.
 struct BrandPublication {
   std::string name;
   std::string id;
@@ -37,11 +37,12 @@ struct PublishedPackage {
   std::uint64_t length = 0;  // bytes of all files
 };
 
-// Writes the package and reads it back whole; then the directory appears under its name. After a failure
-// nothing is left behind. `progress`, which may be empty, is told of the bytes copied and then read back.
-// Whatever the client would refuse in a single input is refused before the archives are copied.
-// Fails with "output_exists", "content_mismatch" for an archive that its manifest does not name, "file_read",
-// "file_write", "cancelled", and as the readers of each input and read_native_package do; a message about an
+// Writes the package and reads it back whole; then the directory appears under its name. After a failure nothing is
+// left behind. `progress`, which may be empty, is told of the bytes copied and then read back. Whatever the client
+// would refuse in a single input is refused before the archives are copied.
+// Fails with "output_exists", "content_mismatch" for an archive that is not the one of its manifest, "file_read",
+// "insufficient_space", "file_write", "file_sync", "cancelled", and as the readers of each input and
+// read_native_package do ("invalid_json", "invalid_manifest", "invalid_origin", "expired_metadata"). A message about an
 // input begins with that file's path.
 PublishedPackage publish_package(const PackagePublication& publication, const ProgressCallback& progress);
 

@@ -28,14 +28,15 @@ struct PublishedRoot {
   std::uint64_t signatures = 0;
 };
 
-// Writes version 1 of the root document, signed by every private key of the root role, and reads it back as
-// the client does. After a failure nothing is left behind. Fails with "output_exists", "invalid_threshold",
-// "invalid_key" for a role without keys or a key that it names twice, "signature_threshold", "invalid_expiry",
-// "expired_metadata", and as the readers of key files, shape, verify_threshold and ExportFile do.
+// Writes version 1 of the root document, signed by every private key of the root role, and reads it back as the client
+// does. After a failure nothing is left behind. Fails with "output_exists", "invalid_threshold", "invalid_key" for a
+// role without keys or a key that it names twice, "signature_threshold", "invalid_expiry", "expired_metadata";
+// "permissions" and the other codes of the readers of key files; "insufficient_space", "file_write" and "file_sync";
+// and as shape and verify_threshold do.
 PublishedRoot publish_root(const RootPublication& publication);
 
-// Returns when the text is a root document that is signed by its own keys and has not expired. Fails as
-// parse_json, shape and verify_threshold do, and with "expired_metadata".
+// Accepts only a root document that is signed by its own keys and has not expired. Fails with "expired_metadata", and
+// as parse_json, shape and verify_threshold do ("invalid_json", "invalid_metadata", "signature_threshold").
 void require_first_root(const std::string& text);
 
 }  // namespace ravok

@@ -18,7 +18,7 @@
 namespace ravok {
 namespace {
 
-// More than the longest manifest that the bounds on files and paths allow to be read at all.
+// No manifest within the bounds on files and paths is longer than this.
 constexpr std::uint64_t manifest_limit = std::uint64_t{1} << 31;
 
 const char* kind_name(SnapshotKind kind) { return kind == SnapshotKind::bootstrap ? "bootstrap" : "launcher"; }
@@ -40,7 +40,7 @@ std::string manifest_name(const SnapshotPublication& publication) {
   return publication.game_id + "-" + publication.platform + "-" + publication.build_id + ".manifest.json";
 }
 
-// The parts that name the outputs, judged before they become file names.
+// Checks the parts of the outputs' names before they become file names.
 void require_names(const SnapshotPublication& publication) {
   validate_identifier(publication.build_id);
   validate_relative_path(publication.platform, true);
@@ -52,7 +52,7 @@ void require_names(const SnapshotPublication& publication) {
   }
 }
 
-// The texts that no parser of the client's has to look at byte by byte, as what it reads is UTF-8.
+// Accepts only texts in UTF-8. The client's parsers do not check that, since every document that they read is UTF-8.
 void require_texts(const SnapshotPublication& publication) {
   for (const std::string& text : {publication.target, publication.display_name, publication.release_notes}) {
     require(is_utf8(text), "invalid_manifest", "The texts of a manifest must be valid UTF-8");
@@ -60,7 +60,7 @@ void require_texts(const SnapshotPublication& publication) {
 }
 
 Json file_list(const SnapshotInventory& inventory) {
-  // A digest of the right form stands where there is none yet.
+  // A file without a digest yet gets one of the right form.
   const std::string none(64, '0');
   Json list = Json::array();
   for (const auto& [path, file] : inventory) {
@@ -150,7 +150,7 @@ Json make_document(const SnapshotPublication& publication, const SnapshotInvento
   return document;
 }
 
-// The client's own judgement.
+// Judges the document as the client does.
 void require_accepted(SnapshotKind kind, const Json& document) {
   switch (kind) {
     case SnapshotKind::bootstrap:

@@ -1,5 +1,5 @@
-// Publishing a snapshot: out of a tree come an archive and the manifest that names it, of which the
-// client has said with its own parser that it would take them.
+// Publishing a snapshot: makes an archive of a tree, and the manifest that names it. The client's own parser has
+// accepted every manifest that is published.
 #pragma once
 
 #include <cstdint>
@@ -21,7 +21,7 @@ struct PublishedHelper {
   std::string role;  // "crash-handler", "maintenance" or "maintenance-gui"
 };
 
-// What is to be published. What belongs to one kind is not looked at for another.
+// What is to be published. Fields of another kind than this one are ignored.
 struct SnapshotPublication {
   SnapshotKind kind = SnapshotKind::game;
   std::filesystem::path tree;
@@ -29,10 +29,10 @@ struct SnapshotPublication {
   std::string build_id;
   std::string platform;
   std::string executable;  // relative, below the tree
-  std::string target;      // the archive's path in the repository; empty for a flat name of its own
+  std::string target;      // the archive's path in the repository; empty for a name that is made here
   int level = 12;          // of compression, 1 (fast) to 19 (small)
 
-  // Of a launcher, and where its platform asks for one, of a bootstrap.
+  // Of a launcher, and of a bootstrap on a platform where it may have one.
   std::string gui_executable;
   // Of a launcher.
   std::vector<PublishedHelper> helpers;
@@ -54,12 +54,13 @@ struct PublishedSnapshot {
   std::uint64_t archive_length = 0;   // bytes
 };
 
-// Packs the tree and writes the archive and its manifest into the output directory, under two names that
-// must not exist yet; the manifest is last. `progress`, which may be empty, is told of the content
-// bytes packed. Whatever the client would refuse is refused before anything is written, but for an
-// archive that comes out too large; after a failure nothing is left behind.
-// Fails with "output_exists", as scan_snapshot_tree and pack_snapshot do, as ExportFile does, and as the
-// parser of the kind's manifest does.
+// Packs the tree and writes the archive and its manifest into the output directory, under two names that must not exist
+// yet; the manifest is last. `progress`, which may be empty, is told of the content bytes packed. Whatever the client
+// would refuse is refused before anything is written, except an archive that comes out too large. After a failure
+// nothing is left behind.
+// Fails with "output_exists"; "unsafe_path" for an output in the tree; "content_mismatch", "file_read", "archive" and
+// "cancelled" as pack_snapshot does; "insufficient_space", "file_write" and "file_sync" as ExportFile does; and as
+// scan_snapshot_tree and the parser of the kind's manifest do.
 PublishedSnapshot publish_snapshot(const SnapshotPublication& publication, const ProgressCallback& progress);
 
 }  // namespace ravok

@@ -56,7 +56,7 @@ EVP_PKEY* make_key(const SignatureScheme& scheme) {
   return nullptr;
 }
 
-// What a writer of PEM text wrote.
+// Returns the PEM text that `write` puts into the library's buffer.
 template <typename Write>
 std::string pem_text(Write write) {
   const std::unique_ptr<BIO, ReleaseOpenssl> buffer(BIO_new(BIO_s_mem()));
@@ -80,7 +80,7 @@ std::string public_text(const SignatureScheme& scheme, EVP_PKEY* key) {
   return hex(bytes);
 }
 
-// A key that asks for a password is not one that this program made.
+// Gives no password: a key that asks for one was not made by this program.
 int no_password(char*, int, int, void*) { return -1; }
 
 EVP_PKEY* read_private(const std::string& text) {
@@ -121,7 +121,7 @@ SigningKey SigningKey::parse(const Json& document) {
   constexpr const char* code = "invalid_key";
   return refuse_malformed(code, "The signing key is malformed", [&] {
     require(has_exactly(document, {"schema_version", "kind", "scheme", "private"}) &&
-                is_integer(document.at("schema_version"), 1) && document.at("kind") == kind,
+                is_integer(document.at("schema_version"), 1) && is_text(document.at("kind"), kind),
             code, "The file holds no signing key");
     const SignatureScheme* const scheme = find_scheme(text_at(document, "scheme"));
     const std::string& text = text_at(document, "private");

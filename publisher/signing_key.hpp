@@ -19,7 +19,7 @@ class SigningKey {
   // "unknown_scheme" or "crypto_failure".
   static SigningKey generate(std::string_view scheme);
 
-  // Reads what `document` gave. Fails with "invalid_key".
+  // Returns the key of a document that document() has made. Fails with "invalid_key".
   static SigningKey parse(const Json& document);
 
   ~SigningKey();
@@ -28,7 +28,7 @@ class SigningKey {
   SigningKey(const SigningKey&) = delete;
   SigningKey& operator=(const SigningKey&) = delete;
 
-  // The private key as a document, to be kept from everybody else. Fails with "crypto_failure".
+  // Returns the private key as a document, which nobody but its owner may read. Fails with "crypto_failure".
   Json document() const;
 
   // The public key object as role documents hold it, and its identifier.

@@ -29,8 +29,8 @@ namespace {
 constexpr std::uint64_t maximum_bytes = std::uint64_t{1} << 42;
 constexpr std::size_t maximum_files = 100'000;
 constexpr std::size_t maximum_entries = 250'000;
-// Of directories below each other: with it, the place of the installation has levels left below the client's
-// own bound.
+// How deep directories may be nested. This is less than the client's own bound, so that the place of the installation
+// may lie some levels deep.
 constexpr std::ptrdiff_t maximum_depth = 96;
 constexpr int minimum_level = 1;
 constexpr int maximum_level = 19;
@@ -190,7 +190,7 @@ class TarWriter {
                         archive_write_open(writer_.get(), this, nullptr, &TarWriter::take, nullptr) == ARCHIVE_OK;
     require_written(opened);
   }
-  // What was not finished is not to be finished now.
+  // Releasing the writer of an unfinished archive must not write its end.
   ~TarWriter() { abandoned_ = true; }
   TarWriter(const TarWriter&) = delete;
   TarWriter& operator=(const TarWriter&) = delete;
@@ -224,7 +224,8 @@ class TarWriter {
     void operator()(archive_entry* entry) const { archive_entry_free(entry); }
   };
 
-  // A failure of the sink must not cross the library's code: it is kept and goes on behind it.
+  // An exception of the sink must not pass through the library's code. It is kept, and thrown again once the library
+  // has returned.
   static la_ssize_t take(::archive*, void* self, const void* bytes, std::size_t size) noexcept {
     auto& writer = *static_cast<TarWriter*>(self);
     if (writer.abandoned_) {

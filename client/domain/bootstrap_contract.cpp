@@ -28,19 +28,19 @@ bool has_integer(const Json& document, const char* key, std::int64_t expected) {
   return document.contains(key) && is_integer(document.at(key), expected);
 }
 
-// The entry with windows, only on the platform whose programs have a console or a window, not both.
+// Accepts an entry with windows only on the platform where a program cannot have both a console and windows.
 void require_declared_gui(const SnapshotManifest& snapshot) {
   if (snapshot.raw.contains("gui_executable")) {
-    require(snapshot.platform == windows && snapshot.raw.at("gui_executable") == windows_gui &&
+    require(snapshot.platform == windows && is_text(snapshot.raw.at("gui_executable"), windows_gui) &&
                 is_file(snapshot, windows_gui, true),
             invalid_package, "Initial bootstrap GUI entry must be its declared Windows windowed executable");
   }
 }
 
-// The helper that opens launch documents, only on the platform that has them.
+// Accepts a helper that opens launch documents only on the platform that has such documents.
 void require_declared_shortcut(const SnapshotManifest& snapshot) {
   if (snapshot.raw.contains("shortcut_executable")) {
-    require(snapshot.platform == macos && snapshot.raw.at("shortcut_executable") == macos_shortcut &&
+    require(snapshot.platform == macos && is_text(snapshot.raw.at("shortcut_executable"), macos_shortcut) &&
                 is_file(snapshot, macos_shortcut, true) && is_file(snapshot, macos_shortcut_metadata, false),
             invalid_package, "macOS bootstrap launch documents need their declared native app helper and metadata");
   }
@@ -56,7 +56,7 @@ bool is_declared(const SnapshotManifest& snapshot, const std::string& path) {
 void validate_bootstrap_contract(const SnapshotManifest& snapshot) {
   const Json& document = snapshot.raw;
   require(has_integer(document, "schema_version", 1) && has_integer(document, "bootstrap_abi", 1) &&
-              document.contains("kind") && document.at("kind") == "ravok-bootstrap-release",
+              document.contains("kind") && is_text(document.at("kind"), "ravok-bootstrap-release"),
           incompatible, "Initial bootstrap schema or ABI is unsupported");
   require(snapshot.platform == "linux-x86_64" || snapshot.platform == windows || snapshot.platform == macos,
           incompatible, "Initial bootstrap targets an unsupported platform");

@@ -25,7 +25,7 @@ std::uint8_t hexadecimal_digit(char c) {
 }  // namespace
 
 void initialize_client_runtime() {
-  // The first caller initialises it; a failure leaves that to the next.
+  // The first caller starts the library. After a failure, the next caller tries again.
   [[maybe_unused]] static const bool started = [] {
     require(OPENSSL_init_crypto(OPENSSL_INIT_NO_LOAD_CONFIG, nullptr) == 1, "crypto_failure",
             "Cannot initialize native cryptography");

@@ -12,7 +12,7 @@ inline constexpr const char* incomplete_install_marker = ".ravok-setup-incomplet
 
 // The entries that mark a folder as an earlier data folder.
 inline constexpr std::array<std::string_view, 4> ravok_entries = {"native", "launcher", "userdata", "settings.json"};
-// Those of them that an uninstall keeps unless it is told otherwise.
+// The entries among these that an uninstall keeps, unless it is asked to remove them too.
 inline constexpr std::array<std::string_view, 2> player_data = {"userdata", "settings.json"};
 
 // The places below a data folder, all absolute where `root` is. Touches no file.
@@ -44,7 +44,7 @@ struct DataPaths {
 struct LauncherPaths {
   explicit LauncherPaths(const std::filesystem::path& store);
 
-  // Those that must be there before the store can be used, in the order in which they are made.
+  // The folders that must exist before the store can be used, in the order in which they are made.
   std::array<std::filesystem::path, 9> directories() const;
 
   std::filesystem::path store;

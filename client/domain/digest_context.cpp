@@ -15,8 +15,8 @@ using Algorithm = std::unique_ptr<EVP_MD, ReleaseAlgorithm>;
 
 }  // namespace
 
-// Fetched once: looking an algorithm up costs more than digesting a small record. Where that
-// fails, the built-in description stands in and is looked up at each use.
+// The algorithm is fetched once, since looking it up costs more than digesting a small record. Where fetching it fails,
+// the built-in description is used, which the library looks up at each use.
 const evp_md_st* digest_algorithm(std::string_view name) {
   if (name == "sha256") {
     static const Algorithm algorithm(EVP_MD_fetch(nullptr, "SHA256", nullptr));

@@ -26,9 +26,9 @@ class DigestContext {
   bool start(const evp_md_st* algorithm);
   // Adds bytes. Returns whether that worked.
   bool update(std::span<const std::uint8_t> bytes);
-  // Makes this context a copy of the other, as far as that one has come. Returns whether that worked.
+  // Makes this context a copy of the other, with all bytes that were added to it so far. Returns whether that worked.
   bool copy(const DigestContext& other);
-  // Ends the digest and gives its bytes; they are empty when that did not work.
+  // Ends the digest and returns its bytes, or none when that did not work.
   std::vector<std::uint8_t> finish();
 
  private:

@@ -13,7 +13,7 @@ bool is_line_break(unsigned char c) { return c == '\t' || c == '\n' || c == '\r'
 // The first byte of U+0080 to U+00BF in UTF-8; the second is the character's own number.
 constexpr unsigned char latin_lead = 0xC2;
 
-// A character and how many bytes it has; none for bytes that are not the UTF-8 of any.
+// A character and how many bytes it has; a size of 0 stands for bytes that are not UTF-8.
 struct Character {
   char32_t number = 0;
   std::size_t size = 0;
@@ -33,7 +33,7 @@ Character announced_by(unsigned char lead) {
   return lead >= 0xF0 && lead < 0xF5 ? Character{static_cast<char32_t>(lead & 0x07), 4} : Character();
 }
 
-// A longer form than needed, a half of a surrogate pair and a number beyond the last are no character.
+// Refuses a form that is longer than needed, half of a surrogate pair, and a number beyond the last character.
 bool is_well_formed(const Character& character) {
   switch (character.size) {
     case 3:
@@ -45,7 +45,7 @@ bool is_well_formed(const Character& character) {
   }
 }
 
-// The character that a text, which is not empty, begins with.
+// Returns the first character of a text, which must not be empty.
 Character first_character(std::string_view text) {
   Character character = announced_by(static_cast<unsigned char>(text.front()));
   if (character.size > text.size()) {
@@ -97,7 +97,7 @@ std::string shown_text(std::string_view text) {
   std::string shown;
   while (!text.empty()) {
     const Character character = first_character(text);
-    // Of bytes that are no character, each stands alone.
+    // Bytes that are not UTF-8 are taken and escaped one by one.
     const std::string_view bytes = text.substr(0, std::max<std::size_t>(character.size, 1));
     shown += character.size == 0 || steers_a_terminal(character.number) ? escaped(bytes) : std::string(bytes);
     text.remove_prefix(bytes.size());

@@ -36,7 +36,7 @@ Record require_bounded(std::string_view associated, std::string_view record, std
   return {record.substr(0, record.size() - tag_bytes), record.substr(record.size() - tag_bytes)};
 }
 
-// Ends the decryption, which proves the tag, and returns how many bytes came last.
+// Ends the decryption, which proves the tag. Returns how many bytes the library wrote at the end.
 int authenticate(EVP_CIPHER_CTX* context) {
   std::array<std::uint8_t, tag_bytes> scratch{};
   int size = 0;
@@ -51,7 +51,7 @@ std::size_t decrypt(std::span<const std::uint8_t, 32> key, std::span<const std::
   const std::unique_ptr<EVP_CIPHER_CTX, Release> context(EVP_CIPHER_CTX_new());
   require(context && EVP_DecryptInit_ex2(context.get(), EVP_chacha20_poly1305(), nullptr, nullptr, nullptr) == 1,
           "crypto_failure", "Cannot initialize authenticated chunk decryption");
-  // The library takes a pointer to what it may write, and only reads it.
+  // The library asks for writable bytes, but only reads them.
   std::array<char, tag_bytes> tag{};
   record.tag.copy(tag.data(), tag.size());
   require(EVP_CIPHER_CTX_ctrl(context.get(), EVP_CTRL_AEAD_SET_TAG, static_cast<int>(tag.size()), tag.data()) == 1 &&
@@ -62,7 +62,8 @@ std::size_t decrypt(std::span<const std::uint8_t, 32> key, std::span<const std::
   require(
       EVP_DecryptUpdate(context.get(), nullptr, &size, bytes_of(associated), static_cast<int>(associated.size())) == 1,
       "crypto_failure", "Cannot decrypt authenticated chunk");
-  // Without any ciphertext there may be no output either.
+  // With an empty ciphertext `output` may be empty too. A null pointer would make the library take the ciphertext for
+  // associated data, so it gets a byte that it does not write.
   std::uint8_t nothing = 0;
   size = 0;
   require(EVP_DecryptUpdate(context.get(), output.empty() ? &nothing : output.data(), &size,

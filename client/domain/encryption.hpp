@@ -9,11 +9,14 @@
 
 namespace ravok {
 
-// Decrypts a record, which is the ciphertext with its 16-byte tag behind it, by ChaCha20-Poly1305 into
-// `output`, and returns the plaintext's length: that of the record less 16 bytes, at most `limit`. Nonce
-// and associated data, at most 4096 bytes, are the caller's own.
+// Decrypts a record by ChaCha20-Poly1305 into `output` and returns the length of the plaintext. The record is the
+// ciphertext followed by its 16-byte tag, so the plaintext is 16 bytes shorter. It may be at most `limit` bytes long,
+// which must be less than 2^31 - 16, and `output` must have room for it. The caller chooses the nonce and the
+// associated data, which is at most 4096 bytes long.
+// Where `output` is longer than the plaintext, a success leaves the bytes after the plaintext as they were. Any failure
+// fills all of `output` with zeros.
 // Fails with "encrypted_format" beyond a bound, "authentication_failed" when the tag does not match, and
-// "crypto_failure" when the library fails. After any failure all of `output` is cleared.
+// "crypto_failure" when the library fails.
 std::size_t decrypt_chacha20_poly1305(std::span<const std::uint8_t, 32> key, std::span<const std::uint8_t, 12> nonce,
                                       std::string_view associated, std::string_view record,
                                       std::span<std::uint8_t> output, std::uint64_t limit);

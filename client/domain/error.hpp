@@ -22,7 +22,7 @@ class Error : public std::runtime_error {
 // Throws Error(code, message, details).
 [[noreturn]] void fail(std::string_view code, std::string_view message, std::vector<std::string> details = {});
 
-// Returns when `condition` holds; otherwise throws Error(code, message).
+// Throws Error(code, message) unless `condition` holds.
 inline void require(bool condition, std::string_view code, std::string_view message) {
   if (!condition) [[unlikely]] {
     fail(code, message);

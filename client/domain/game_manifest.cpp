@@ -22,7 +22,7 @@ constexpr std::size_t maximum_decoder_bytes = 80;
 constexpr std::size_t maximum_patches = 8;
 constexpr std::uint64_t maximum_patch_bytes = std::uint64_t{1} << 42;
 
-// The encrypted form: a header of fixed size, and a tag behind each chunk.
+// The encrypted form: a header of fixed size, and a tag after each chunk.
 constexpr std::string_view chunked_format = "ravok-chacha20-poly1305-v1";
 constexpr std::uint64_t header_bytes = 96;
 constexpr std::uint64_t chunk_bytes = 65'536;
@@ -93,7 +93,7 @@ void read_sdk(GameManifest& manifest) {
   }
 }
 
-// The three fields that every file of the repository is named by.
+// Reads the three fields that describe a file of the repository.
 ArtifactDescriptor read_descriptor(const Json& document) {
   ArtifactDescriptor descriptor;
   descriptor.target = text_at(document, "target");
@@ -144,7 +144,7 @@ void require_patch_fields(const Json& document, std::initializer_list<std::strin
   require(document.size() == keys.size(), invalid, "Missing direct patch field");
 }
 
-// The list as it grows: what no later patch may repeat.
+// Reads the patches one after the other, and remembers what no later patch may repeat.
 class PatchReader {
  public:
   explicit PatchReader(const GameManifest& manifest)
@@ -199,7 +199,7 @@ void read_patches(GameManifest& manifest) {
 }  // namespace
 
 GameManifest GameManifest::parse(const Json& document) {
-  // Refused before it is copied.
+  // Checked here too, so that a document that is refused is not copied first.
   refuse_malformed(invalid, malformed, [&] { require_compatible(document); });
   return parse(Json(document));
 }

@@ -1,5 +1,5 @@
-// The description of one game release: its snapshot, who it is and how it is shown, and by which
-// other ways than the full archive it may be delivered.
+// The description of one game release: its snapshot, its identity and presentation, and the ways in which it may be
+// delivered other than as the full archive.
 #pragma once
 
 #include <cstdint>
@@ -35,16 +35,16 @@ struct DirectPatch {
 };
 
 struct GameManifest : SnapshotManifest {
-  // Returns the manifest of a document. Fails with "unsupported_schema", "launcher_incompatible" for
-  // a build that needs another launcher, "sdk_incompatible", "size_limit", "invalid_presentation"
-  // and "invalid_manifest", and as SnapshotManifest::parse does.
+  // Returns the manifest of a document. Fails with "unsupported_schema"; "launcher_incompatible" for a build that needs
+  // another launcher; "sdk_incompatible"; "invalid_presentation"; "size_limit"; "path_collision", "invalid_identity"
+  // and "unsafe_path" as SnapshotManifest::parse does; and "invalid_manifest" for every other rule.
   static GameManifest parse(const Json& document);
   // The same, and keeps the document itself instead of a copy.
   static GameManifest parse(Json&& document);
 
   std::string game_id;
   std::string display_name;
-  GamePresentation presentation;  // empty but for the display name where the document has none
+  GamePresentation presentation;  // only the display name where the document has none
   std::string release_notes;
   bool sdk_required = false;
   std::uint64_t sdk_abi_version = 0;  // 1 where the SDK is required

@@ -98,8 +98,8 @@ class StrictBuilder {
   Json* member_ = nullptr;
 };
 
-// The library takes a NUL behind the value for the end of the text and looks at nothing that follows it. Anywhere
-// else it refuses one by itself.
+// The library takes a NUL after the value for the end of the text, and ignores what follows it. It refuses a NUL
+// anywhere else by itself.
 void require_no_early_end(std::string_view input) {
   const std::size_t end = input.find('\0');
   if (end != std::string_view::npos) {
@@ -224,7 +224,7 @@ const std::string& text_at(const Json& object, const char* key) { return object.
 
 bool is_utf8(std::string_view text) {
   try {
-    // The strict writer refuses everything else.
+    // The library's writer throws for a text that is not UTF-8.
     static_cast<void>(Json(text).dump());
     return true;
   } catch (const Json::exception&) {
@@ -235,6 +235,10 @@ bool is_utf8(std::string_view text) {
 bool is_integer(const Json& value, std::int64_t expected) {
   // The library compares an unsigned number with a negative one by its bits.
   return value.is_number_integer() && value == expected && (expected >= 0 || !value.is_number_unsigned());
+}
+
+bool is_text(const Json& value, std::string_view expected) {
+  return value.is_string() && value.get_ref<const std::string&>() == expected;
 }
 
 bool has_exactly(const Json& value, std::initializer_list<std::string_view> keys) {

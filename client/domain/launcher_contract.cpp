@@ -21,7 +21,7 @@ constexpr std::array<std::string_view, 3> helper_roles = {"crash-handler", "main
 void require_kind(const Json& document) {
   constexpr const char* unsupported = "Unsupported launcher manifest; existing installation was preserved";
   require(document.is_object(), "unsupported_schema", unsupported);
-  require(is_integer(document.at("schema_version"), 1) && document.at("kind") == "ravok-launcher-release",
+  require(is_integer(document.at("schema_version"), 1) && is_text(document.at("kind"), "ravok-launcher-release"),
           "unsupported_schema", unsupported);
 }
 
@@ -105,7 +105,7 @@ bool has_integer(const Json& document, const char* key) {
 }  // namespace
 
 LauncherManifest LauncherManifest::parse(const Json& document) {
-  // Refused before it is copied.
+  // Checked here too, so that a document that is refused is not copied first.
   refuse_malformed(invalid, malformed, [&] { require_launcher(document); });
   return parse(Json(document));
 }
@@ -147,7 +147,7 @@ Json LauncherManifest::startup_health(const Json& attempt, std::uint64_t pid, st
 
 bool LauncherManifest::matches_startup_health(const Json& health, const Json& attempt, std::uint64_t pid,
                                               std::string_view interface, bool console_interrupt) const {
-  // A float that compares equal to the number wanted is not that number.
+  // A floating-point number may compare equal to the integer that is wanted, and is refused all the same.
   for (const char* key : {"schema_version", "health_abi", "application_schema", "pid"}) {
     if (!health.is_object() || !has_integer(health, key)) {
       return false;

@@ -16,9 +16,10 @@ inline constexpr std::uint64_t current_application_schema = 1;
 
 // A launcher release. The inherited `executable` is the entry point for the console.
 struct LauncherManifest : SnapshotManifest {
-  // Returns the manifest of a document. Fails with "unsupported_schema"; "launcher_incompatible" for
-  // a release that this bootstrap must not start; "size_limit" beyond 1 GiB, of the archive or
-  // expanded, or 4096 files; "invalid_manifest"; and as SnapshotManifest::parse does.
+  // Returns the manifest of a document. Fails with "unsupported_schema"; "launcher_incompatible" for a release that
+  // this bootstrap must not start; "invalid_version"; "size_limit" beyond 1 GiB, of the archive or expanded, or 4096
+  // files; "path_collision", "invalid_identity" and "unsafe_path" as SnapshotManifest::parse does; and
+  // "invalid_manifest" for every other rule.
   static LauncherManifest parse(const Json& document);
   // The same, and keeps the document itself instead of a copy.
   static LauncherManifest parse(Json&& document);
@@ -28,8 +29,8 @@ struct LauncherManifest : SnapshotManifest {
   // whether a launcher on the console must declare that contract. Fails with "launcher_health".
   Json startup_health(const Json& attempt, std::uint64_t pid, std::string_view interface, bool console_interrupt) const;
 
-  // Whether `health`, which may be anything, is exactly that document, with numbers of integer types.
-  // Fails as startup_health does for the other arguments.
+  // Whether `health`, which may be any value, is exactly the document that startup_health returns, with numbers of
+  // integer types. Fails as startup_health does for the other arguments.
   bool matches_startup_health(const Json& health, const Json& attempt, std::uint64_t pid, std::string_view interface,
                               bool console_interrupt) const;
 

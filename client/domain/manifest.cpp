@@ -88,7 +88,7 @@ void require_schema(const Json& document) {
 }  // namespace
 
 SnapshotManifest SnapshotManifest::parse(const Json& document) {
-  // Refused before it is copied.
+  // Checked here too, so that a document that is refused is not copied first.
   refuse_malformed(malformed_code, malformed, [&] { require_schema(document); });
   return parse(Json(document));
 }
@@ -115,7 +115,7 @@ std::set<std::string_view> SnapshotManifest::directories(std::size_t most) const
   std::set<std::string_view> found;
   for (const auto& [path, file] : files) {
     std::string_view directory = path;
-    // Above a known directory, all are known.
+    // The directories above a known one are known too.
     for (std::size_t end = directory.rfind('/'); end != std::string_view::npos; end = directory.rfind('/')) {
       directory = directory.substr(0, end);
       if (!found.insert(directory).second) {

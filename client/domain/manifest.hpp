@@ -24,10 +24,10 @@ struct SnapshotFile {
 // A manifest whose every rule was checked: paths are safe on all platforms and collide on none,
 // and no sum of its lengths overflows.
 struct SnapshotManifest {
-  // Returns the manifest of a document. Fails with "unsupported_schema" for another schema;
-  // "size_limit" beyond 100,000 files or 2 to the 42nd bytes, of the archive or expanded;
-  // "path_collision" for paths that some platform cannot tell apart; "invalid_manifest" for every
-  // other rule; and as the rules for identifiers and paths do.
+  // Returns the manifest of a document. Fails with "unsupported_schema" for another schema; "size_limit" beyond 100,000
+  // files or 2 to the 42nd bytes, of the archive or expanded; "path_collision" for paths that some platform cannot tell
+  // apart; "invalid_identity" or "unsafe_path" for a build ID, "unsafe_path" for a path; and "invalid_manifest" for
+  // every other rule.
   static SnapshotManifest parse(const Json& document);
   // The same, and keeps the document itself instead of a copy.
   static SnapshotManifest parse(Json&& document);
@@ -35,8 +35,8 @@ struct SnapshotManifest {
   // Returns the length in bytes of the longest file path in its native form, 0 without files.
   std::size_t longest_native_path() const;
 
-  // Returns the directories that the files imply, without the root, as views into the keys of
-  // `files`, each ahead of those below it. Stops when there are more than `most`.
+  // Returns the directories that the files imply, without the root, as views into the keys of `files`, each before
+  // those below it. Stops once it has found more than `most`.
   std::set<std::string_view> directories(std::size_t most = std::numeric_limits<std::size_t>::max()) const;
 
   Json raw;  // the whole document, to be written out again exactly

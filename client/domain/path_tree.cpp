@@ -46,7 +46,7 @@ std::size_t PathTree::find(std::size_t parent, std::string_view name) {
   return child->second;
 }
 
-// Most paths follow one of the same directory: that one is not looked up again.
+// Most paths lie in the directory of the path before, which is then not looked up again.
 std::size_t PathTree::find_directory(std::string_view path, bool& spelled_alike) {
   if (path == last_directory_) {
     return last_node_;

@@ -1,5 +1,5 @@
-// File paths as a tree of their components, which tells whether some platform that ignores case
-// could not hold all of them.
+// File paths as a tree of their components, which finds those that a platform without regard to case could not hold
+// together.
 #pragma once
 
 #include <cstddef>
@@ -10,15 +10,15 @@
 
 namespace ravok {
 
-// A path costs its own length, whatever the others are. The tree keeps views into the paths, which
-// must stay where they are.
+// Adding a path costs time and memory for its own components only, however long the other paths are. The tree keeps
+// views into the paths, so their texts must stay where they are.
 class PathTree {
  public:
-  // Adds a relative file path. Fails with "path_collision" when it equals an earlier one, or one of
-  // its directories an earlier directory, but for the case of its letters.
+  // Adds a relative file path. Fails with "path_collision" when, without regard to case, it equals an earlier path, and
+  // when one of its directories differs from an earlier directory in case alone.
   void add_file(std::string_view path);
 
-  // The name of a directory that is also a file's, if there is one: its last component.
+  // Returns the last component of a path that is both a file's and a directory's, if there is one.
   std::optional<std::string_view> file_above_another() const;
 
  private:
@@ -26,7 +26,7 @@ class PathTree {
 
   struct Node {
     bool is_file = false;
-    std::string_view spelling;  // as a directory; empty while it is none
+    std::string_view spelling;  // as a directory; empty while the node is not one
   };
 
   struct Key {

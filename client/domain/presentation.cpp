@@ -42,7 +42,7 @@ std::string read_monogram(const Json& value) {
   return monogram;
 }
 
-// A number of pixels, or 0 for what is none.
+// Returns a number of pixels, or 0 for a value that is not one.
 std::uint32_t read_pixels(const Json& value) {
   const bool positive = value.is_number_unsigned() || (value.is_number_integer() && value.get<std::int64_t>() > 0);
   return positive && value.get<std::uint64_t>() <= maximum_pixels ? value.get<std::uint32_t>() : 0;
@@ -59,7 +59,7 @@ std::string read_pixels_text(const Json& value) {
 
 GameArtwork read_artwork(const Json& document) {
   require(has_exactly(document, {"format", "width", "height", "bmp_hex", "alternative_text"}) &&
-              document.at("format") == artwork_format,
+              is_text(document.at("format"), artwork_format),
           code, "Unknown game artwork descriptor");
   GameArtwork artwork;
   artwork.width = read_pixels(document.at("width"));

@@ -20,8 +20,8 @@ struct GameArtwork {
 };
 
 struct GamePresentation {
-  // Returns the presentation of a document under the game's display name. Every key is optional, and
-  // no other is allowed. Fails with "invalid_presentation".
+  // Returns the presentation of a document under the game's display name. Every key is optional; an unknown key is
+  // refused. Fails with "invalid_presentation".
   static GamePresentation parse(std::string_view display_name, const Json& document);
 
   // Returns everything but the pixels as a JSON object.
@@ -34,8 +34,8 @@ struct GamePresentation {
   std::optional<GameArtwork> artwork;
 };
 
-// Returns when the bytes are exactly an uncompressed BMP file of 24 bits a pixel, bottom row first,
-// of 1 to 128 by 1 to 128 pixels. Fails with "invalid_presentation".
+// Accepts only the exact bytes of an uncompressed BMP file of 24 bits a pixel, bottom row first, of this width and
+// height, each 1 to 128 pixels. Fails with "invalid_presentation".
 void validate_presentation_bitmap(std::string_view bytes, std::uint32_t width, std::uint32_t height);
 
 }  // namespace ravok

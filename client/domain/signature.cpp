@@ -92,9 +92,9 @@ bool verify_signature(const Json& key, std::string_view payload, std::string_vie
   try {
     verified = verify(key, payload, signature);
   } catch (const std::exception&) {
-    // A key or a signature that cannot be read is one that does not count.
+    // A key or a signature that cannot be read does not count.
   }
-  // What the library has to say of a bad key must not be taken for the failure of a later call.
+  // The library's errors about a bad key must not be taken for those of a later call.
   ERR_clear_error();
   return verified;
 }

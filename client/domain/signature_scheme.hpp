@@ -1,5 +1,5 @@
-// The signature schemes that a repository may use: what they are called, and what of the cryptographic
-// library stands behind them. Shared by those who sign and those who verify.
+// The signature schemes that a repository may use: their names, and what they are in the cryptographic library. Those
+// who sign share them with those who verify.
 #pragma once
 
 #include <array>
@@ -19,8 +19,8 @@ struct SignatureScheme {
   std::string_view keytype;
   std::string_view name;
   SchemeFamily family;
-  const char* digest;     // the library's name, none for a scheme that takes the whole message
-  const char* parameter;  // the curve, or the kind of key
+  const char* digest;     // the library's name; null for a scheme that signs the whole message
+  const char* parameter;  // the curve, or the kind of key; null where the scheme needs neither
 };
 
 inline constexpr std::array<SignatureScheme, 10> signature_schemes = {{
@@ -42,14 +42,14 @@ struct ReleaseOpenssl {
   void operator()(BIO* buffer) const { BIO_free(buffer); }
 };
 
-// Whether a key is one that the scheme may be used with.
+// Whether the scheme may be used with the key.
 bool fits(const EVP_PKEY* key, const SignatureScheme& scheme);
 
 // Sets the padding of a signing or verifying operation. Returns whether that worked.
 bool use_pss(EVP_PKEY_CTX* parameters, const char* digest);
 
-// Returns what an ML-DSA key signs: a digest of its own domain stands for the payload, so that no
-// signature of another use fits. Empty when the library failed.
+// Returns what an ML-DSA key signs in place of the payload: a mark of its own and a digest of the payload, so that a
+// signature that was made for another use never fits. Empty when the library failed.
 std::vector<std::uint8_t> ml_dsa_message(std::string_view payload);
 
 // The bytes of a text.

@@ -19,7 +19,7 @@ constexpr bool is_hex(char c) { return is_lower_hex(c) || (c >= 'A' && c <= 'F')
 constexpr char lower(char c) { return is_upper_letter(c) ? static_cast<char>(c - 'A' + 'a') : c; }
 constexpr char upper(char c) { return is_lower_letter(c) ? static_cast<char>(c - 'a' + 'A') : c; }
 
-// Return the text with all of its letters in that case.
+// Return the text with all of its letters in lower case, and in upper case.
 std::string lower(std::string_view text);
 std::string upper(std::string_view text);
 
@@ -34,7 +34,7 @@ constexpr std::uint8_t hex_value(char c) {
   return static_cast<std::uint8_t>(is_digit(c) ? c - '0' : lower(c) - 'a' + 10);
 }
 
-// Whether the text holds nothing but lower-case hexadecimal digits; an empty text does not hold anything else.
+// Whether the text holds nothing but lower-case hexadecimal digits. An empty text counts.
 constexpr bool is_lower_hex(std::string_view text) {
   return std::all_of(text.begin(), text.end(), [](char c) { return is_lower_hex(c); });
 }
@@ -44,7 +44,7 @@ constexpr bool is_lower_hex(std::string_view text, std::size_t characters) {
   return text.size() == characters && is_lower_hex(text);
 }
 
-// Whether the text holds nothing but decimal digits.
+// Whether the text holds nothing but decimal digits. An empty text counts.
 constexpr bool are_digits(std::string_view text) { return std::all_of(text.begin(), text.end(), is_digit); }
 
 // The length of a SHA-256 in the text form that documents use, in characters.
@@ -57,7 +57,7 @@ constexpr bool is_sha256_text(std::string_view text) { return is_lower_hex(text,
 // LPT with a digit from 1 to 9, in any case.
 bool is_device_name(std::string_view name);
 
-// Whether the text holds a NUL byte, at which the system would take it for ended.
+// Whether the text holds a NUL byte, where the system would take the text to end.
 constexpr bool has_nul(std::string_view text) { return text.find('\0') != std::string_view::npos; }
 
 }  // namespace ravok

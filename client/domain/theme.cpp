@@ -321,7 +321,7 @@ std::vector<std::string> theme_files(const Json& definition) {
 Theme parse_theme(const Json& definition, const ThemeReader& reader) {
   return guarded([&] {
     object(definition, "definition");
-    require(is_integer(definition.at("schema_version"), 1) && definition.at("kind") == "ravok-theme", code,
+    require(is_integer(definition.at("schema_version"), 1) && is_text(definition.at("kind"), "ravok-theme"), code,
             "Unsupported theme schema");
     collect_files(definition);
     Theme theme;

@@ -1,6 +1,6 @@
-// How a brand restyles the client's windows: colours, sizes, a few fonts, images and notices. All of
-// it comes from outside; files are named and bounded, images are plain bitmaps, and a theme that is
-// hard to read is refused by measure.
+// How a brand restyles the client's windows: colours, sizes, a few fonts, images and notices. All of it comes from
+// outside: files are named and bounded, images are plain bitmaps, and a theme is refused when the contrast of its
+// colours makes it hard to read.
 #pragma once
 
 #include <cstdint>
@@ -84,8 +84,8 @@ double contrast(const Rgb& first, const Rgb& second);
 // "invalid_theme".
 std::vector<std::string> theme_files(const Json& definition);
 
-// Returns the theme of a definition, with its files out of `reader`. Fails with "invalid_theme" and with
-// what `reader` throws.
+// Returns the theme of a definition, with its files read by `reader`. Fails with "invalid_theme" and with what `reader`
+// throws.
 Theme parse_theme(const Json& definition, const ThemeReader& reader);
 
 // The theme of this process, at first the defaults. Not guarded: it is set while one thread starts up.

@@ -11,7 +11,7 @@ const volatile ravok::PackageSealSlot seal_slot = ravok::make_seal_slot(RAVOK_IN
 
 }  // namespace
 
-// What fails before there is a command line ends the process as the runtime ends it.
+// A failure before the command line is read ends the process as an uncaught exception does.
 int main(int argc, char** argv) {
   if (!ravok::start_program()) {
     return 1;

@@ -4,7 +4,7 @@
 #include "platform/process/process.hpp"
 #include "platform/process/program_start.hpp"
 
-// What fails before there is a command line ends the process as the runtime ends it.
+// A failure before the command line is read ends the process as an uncaught exception does.
 int main(int argc, char** argv) {
   if (!ravok::start_program()) {
     return 1;

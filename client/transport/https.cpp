@@ -40,18 +40,19 @@ constexpr const char* no_more = "Service URL must not contain credentials, query
 
 void require_service_url(const std::string& base_url) {
   require(base_url.starts_with(scheme), "https_required", "Ravok service URLs must use HTTPS");
-  // The library reads a text up to its first NUL.
+  // The library would read the text only up to its first NUL.
   require(base_url.find('\0') == std::string::npos, "invalid_url", "Invalid service URL");
   const Url url(curl_url());
   require(url && curl_url_set(url.get(), CURLUPART_URL, base_url.c_str(), 0) == CURLUE_OK, "invalid_url",
           "Invalid service URL");
-  // The library would look for a host behind any number of slashes.
+  // The library would skip any number of slashes to find a host.
   require(base_url[scheme.size()] != '/' && has_part(url.get(), CURLUPART_HOST), "invalid_url",
           "URL must contain a hostname");
   for (const CURLUPart part : {CURLUPART_USER, CURLUPART_PASSWORD, CURLUPART_QUERY, CURLUPART_FRAGMENT}) {
     require(!has_part(url.get(), part), "invalid_url", no_more);
   }
-  // An empty one of these is none to the library, and would still stand between the base and a path.
+  // The library does not report an empty query or fragment, but its "?" or "#" would still stand between the base and a
+  // path.
   require(base_url.find_first_of("?#") == std::string::npos, "invalid_url", no_more);
 }
 

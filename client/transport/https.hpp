@@ -12,8 +12,8 @@ namespace ravok {
 // upper-case hexadecimal digits; "/" stands with `keep_slash`.
 std::string quote_url(std::string_view text, bool keep_slash);
 
-// Accepts only the origin of a service: HTTPS, a host and perhaps a port. Fails with "invalid_origin", and as the
-// constructor of HttpsTransport does.
+// Accepts only the origin of a service: HTTPS, a host and perhaps a port. Fails with "invalid_origin", and with
+// "https_required", "invalid_url" or "transport" as the constructor of HttpsTransport does.
 void require_plain_origin(const std::string& origin);
 
 class HttpsTransport {
@@ -24,10 +24,10 @@ class HttpsTransport {
   // "invalid_url".
   HttpsTransport(std::string base_url, std::filesystem::path ca_bundle, std::uint64_t bytes_per_second);
 
-  // The base URL up to the first "/" behind its scheme.
+  // The base URL up to the first "/" after its scheme.
   const std::string& origin() const { return origin_; }
 
-  // Returns the URL of a relative path below the base. Fails as validate_relative_path does.
+  // Returns the URL of a relative path below the base. Fails with "unsafe_path" as validate_relative_path does.
   std::string url(std::string_view path) const;
 
  private:

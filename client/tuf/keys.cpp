@@ -21,7 +21,7 @@ bool is_key(const Json& key) {
          key.at("keyval").is_object() && has_text(key.at("keyval"), "public");
 }
 
-// IDs that are no texts name no key.
+// Returns the IDs, each once. Refuses an ID that is not a text.
 std::set<std::string> authorized_ids(const Json& authority) {
   std::set<std::string> ids;
   for (const Json& id : authority.at("keyids")) {

@@ -33,12 +33,12 @@ void require_signatures(const Json& signatures) {
   }
 }
 
-// A number as a version is written: no sign, no leading zero.
+// Whether the text is a number as versions have it: no sign, no leading zero.
 bool is_plain_number(std::string_view text) {
   return !text.empty() && are_digits(text) && (text == "0" || text.front() != '0');
 }
 
-// "1.", a number, and perhaps another after a dot.
+// Whether the text is "1.", a number, and perhaps a dot and another number.
 bool is_stable_version(std::string_view text) {
   if (!text.starts_with("1.")) {
     return false;
@@ -151,7 +151,7 @@ void shape_body(const Json& document, std::string_view kind) {
           invalid, "Metadata must contain a signed object and signature array");
   require_signatures(document.at("signatures"));
   const Json& body = document.at("signed");
-  require(body.at("_type") == kind, "metadata_type", "Unexpected metadata type");
+  require(is_text(body.at("_type"), kind), "metadata_type", "Unexpected metadata type");
   require(is_stable_version(text_at(body, "spec_version")), "unsupported_spec",
           "A stable TUF 1.x[.y] specification version is required");
   positive_version(body.at("version"));

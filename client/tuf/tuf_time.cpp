@@ -26,7 +26,7 @@ bool has_time_form(std::string_view text) {
   return text.size() == 20 || (text.size() >= 22 && text[19] == '.');
 }
 
-// Of the digits behind the dot, six count; a shorter fraction is padded.
+// The first six digits after the dot count; a shorter fraction is padded with zeros.
 std::chrono::microseconds read_fraction(std::string_view digits) {
   require(are_digits(digits), "invalid_expiry", "Invalid fractional second");
   std::string counted(digits.substr(0, 6));
@@ -52,7 +52,7 @@ TufTime parse_tuf_time(std::string_view text) {
 }
 
 bool has_passed(TufTime time) {
-  // In the time's own unit, which reaches further than the clock's.
+  // Compares in microseconds: in the clock's own unit, a distant time would overflow.
   return time <= std::chrono::floor<TufTime::duration>(std::chrono::system_clock::now());
 }
 

@@ -8,11 +8,11 @@ namespace ravok {
 
 using TufTime = std::chrono::sys_time<std::chrono::microseconds>;
 
-// Returns the time of a text such as "2030-01-31T23:59:59Z", with up to nine digits of a fraction of
-// which six count. Fails with "invalid_expiry".
+// Returns the time of a text such as "2030-01-31T23:59:59Z". A fraction of the seconds may have up to nine digits, of
+// which the first six count. Fails with "invalid_expiry".
 TufTime parse_tuf_time(std::string_view text);
 
-// Whether the time is not after the present.
+// Whether the time is now or in the past.
 bool has_passed(TufTime time);
 
 }  // namespace ravok

@@ -1,5 +1,5 @@
-// The commands of ravok-publish. Each adds itself to the program's command line, and runs once that has been
-// read; its failures are the program's.
+// The commands of ravok-publish. Each adds itself to the program's command line, and runs once that has been read. The
+// program reports what a command throws.
 #pragma once
 
 #include <functional>

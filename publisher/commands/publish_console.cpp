@@ -18,7 +18,7 @@
 namespace ravok {
 namespace {
 
-// What the command line's library says of a wrong one, with the user's own words as a terminal may show them.
+// Returns what the library says of a wrong command line, with the user's own words escaped for a terminal.
 std::string shown_failure(const CLI::App* command, const CLI::Error& problem) {
   return CLI::FailureMessage::simple(
       command, CLI::Error(problem.get_name(), shown_text(problem.what()), problem.get_exit_code()));
@@ -34,7 +34,7 @@ int answer(CLI::App& program, const CLI::ParseError& problem) {
   return asked ? 0 : 2;
 }
 
-// Exactly one command was named.
+// Returns the command that was named. The library has made sure that there is exactly one.
 const PublishCommand& chosen(const std::array<PublishCommand, 5>& commands) {
   return *std::find_if(commands.begin(), commands.end(), [](const auto& one) { return one.options->parsed(); });
 }

@@ -72,7 +72,7 @@ PublishedHelper read_helper(const std::string& text) {
   return {text.substr(separator + 1), text.substr(0, separator)};
 }
 
-// An option that another kind of snapshot has would be dropped without a word.
+// Refuses the options of another kind of snapshot, which would otherwise be ignored without a word.
 void require_options_of_kind(const CLI::App& command, const SnapshotPublication& publication) {
   const auto refuse = [&](bool is_kind, std::initializer_list<const char*> names, const std::string& kind) {
     for (const char* name : names) {

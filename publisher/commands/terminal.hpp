@@ -1,4 +1,4 @@
-// What the publishing program says to the people before it.
+// How the publishing program talks to its users.
 #pragma once
 
 #include <cstdint>
@@ -10,16 +10,16 @@ namespace ravok {
 // Returns a size in bytes as people read it.
 std::string shown_size(std::uint64_t bytes);
 
-// Writes to standard output, as it is. Fails with "output_failed".
+// Writes the text to standard output as it is. Fails with "output_failed".
 void print(const std::string& text);
 
-// Writes lines to standard output as a terminal may show them, each with its end. Fails with "output_failed".
+// Writes lines to standard output, each with its end and escaped for a terminal. Fails with "output_failed".
 void say(const std::vector<std::string>& lines);
 
-// Writes a line to standard error as a terminal may show it.
+// Writes a line to standard error, escaped for a terminal.
 void complain(const std::string& line);
 
-// One line on a terminal that counts up to a hundred, and is gone with the object; nothing elsewhere.
+// A line on a terminal that counts up to a hundred and is cleared when the object goes. Shows nothing elsewhere.
 class ProgressLine {
  public:
   // `work` names what is done, such as "Packing".

@@ -29,7 +29,7 @@ const ManifestFile gui_file = {gui, 1, 0755};
 const ManifestFile shortcut_file = {shortcut, 1, 0755};
 const ManifestFile metadata_file = {metadata};
 
-// A bootstrap for a platform with these files behind its stable entry point.
+// A bootstrap for a platform, with its stable entry point and then these files.
 Json bootstrap(const std::string& platform, const std::vector<ManifestFile>& files = {}) {
   Json document = testing::manifest_document(files);
   document["kind"] = "ravok-bootstrap-release";

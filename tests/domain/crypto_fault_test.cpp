@@ -26,7 +26,7 @@ namespace {
 
 std::string_view failing;
 
-// What a decryption that succeeds says of its output's size, instead of the truth.
+// The sizes that a decryption reports, in the place of the true ones, when it succeeds.
 std::optional<int> claimed_update;
 std::optional<int> claimed_final;
 
@@ -147,7 +147,7 @@ int __wrap_EVP_DigestVerifyInit_ex(EVP_MD_CTX* context, EVP_PKEY_CTX** parameter
              : __real_EVP_DigestVerifyInit_ex(context, parameters, digest, library, properties, key, more);
 }
 
-// The library tells of its own failures by numbers below zero.
+// The library reports its own failures by numbers below zero.
 int __real_EVP_DigestVerify(EVP_MD_CTX* context, const unsigned char* signature, std::size_t size,
                             const unsigned char* message, std::size_t count);
 int __wrap_EVP_DigestVerify(EVP_MD_CTX* context, const unsigned char* signature, std::size_t size,
@@ -220,7 +220,7 @@ TEST(CryptoFault, RandomIdHasNoWeakerSource) {
   EXPECT_FAILURE(random_id(), "crypto_failure", "Could not create random identifier");
 }
 
-// With the record of RFC 8439, section 2.8.2.
+// Decrypts the record of RFC 8439, section 2.8.2.
 class Decryption : public ::testing::Test {
  protected:
   void TearDown() override {

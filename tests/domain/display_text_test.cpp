@@ -64,7 +64,7 @@ TEST(ShownText, EscapesEveryControlCharacter) {
     std::array<char, 5> escape{};
     std::snprintf(escape.data(), escape.size(), "\\x%02x", static_cast<unsigned>(code));
     const bool is_shown = code >= 32 && code < 127;
-    // Alone, a byte beyond ASCII is no character.
+    // A byte beyond ASCII is no character by itself.
     const std::string byte(1, static_cast<char>(code));
     EXPECT_EQ(shown_text("a" + byte + "b"), "a" + (is_shown ? byte : std::string(escape.data())) + "b") << code;
     if (code >= 0x80 && code < 0xA0) {

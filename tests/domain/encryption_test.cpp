@@ -38,7 +38,7 @@ std::array<std::uint8_t, size> array(const std::string& hexadecimal) {
   return value;
 }
 
-// All that a decryption is asked with.
+// Everything that a decryption is given, and what it should return.
 struct Sealed {
   std::array<std::uint8_t, 32> key;
   std::array<std::uint8_t, 12> nonce;

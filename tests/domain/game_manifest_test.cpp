@@ -498,8 +498,8 @@ TEST(DirectPatches, BoundTheirLengths) {
   }
 }
 
-// Breaks a valid document from its last rule to its first, and each time the first that is broken
-// has to speak.
+// Breaks the rules of a valid document, from the last to the first. Each time, the failure must be that of the first
+// rule that is broken.
 TEST(GameManifest, ChecksInItsOrder) {
   struct Break {
     const char* pointer;

@@ -321,5 +321,14 @@ TEST(RefuseMalformed, LetsOtherFailuresPass) {
   EXPECT_THROW(refuse_malformed("code", "message", []() -> int { throw std::bad_alloc(); }), std::bad_alloc);
 }
 
+TEST(IsText, ComparesWholeTextsAndNothingElse) {
+  EXPECT_TRUE(is_text(Json("kind"), "kind"));
+  EXPECT_TRUE(is_text(Json(""), ""));
+  for (const Json& value : {Json("Kind"), Json("kin"), Json("kinds"), Json(std::string("kind\0", 5)), Json(), Json(1),
+                            Json::array({"kind"}), Json({{"kind", "kind"}})}) {
+    EXPECT_FALSE(is_text(value, "kind")) << value;
+  }
+}
+
 }  // namespace
 }  // namespace ravok

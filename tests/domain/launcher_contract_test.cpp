@@ -37,7 +37,7 @@ constexpr const char* unclaimed = "Every native helper needs declared lifetime o
 constexpr const char* malformed = "Launcher manifest has missing or malformed fields";
 constexpr const char* bad_process = "Launcher health needs its exact native process and interface";
 
-// Names these files behind the two entry points, and these helpers.
+// A launcher with its two entry points and then these files, and with these helpers.
 Json launcher_document(std::vector<ManifestFile> files, const std::vector<std::string>& helpers) {
   files.insert(files.begin(), {"bin/window", 5, 0755});
   return as_launcher(manifest_document(files), helpers);
@@ -265,8 +265,8 @@ TEST(LauncherManifest, RefusesMissingAndMalformedFields) {
   }
 }
 
-// Breaks a valid document from its last rule to its first, and each time the first that is broken
-// has to speak.
+// Breaks the rules of a valid document, from the last to the first. Each time, the failure must be that of the first
+// rule that is broken.
 TEST(LauncherManifest, ChecksInItsOrder) {
   struct Break {
     const char* pointer;

@@ -71,7 +71,7 @@ Signed ed25519(const std::string& key, const std::string& message, const std::st
   return {"ed25519", "ed25519", key, {bytes.begin(), bytes.end()}, signature};
 }
 
-// Other bits of the same hexadecimal text.
+// The hexadecimal text with one bit of its bytes flipped.
 std::string with_flipped_bit(const std::string& text, std::size_t byte, int bit) {
   std::vector<std::uint8_t> bytes = unhex(text, maximum_text);
   bytes.at(byte) = static_cast<std::uint8_t>(bytes.at(byte) ^ (1 << bit));

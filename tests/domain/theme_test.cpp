@@ -40,7 +40,7 @@ const std::vector<std::string> required_colors = {
     "accent",     "accent_hover", "accent_text", "danger",        "danger_hover", "danger_text", "warning",
     "success",    "focus",        "disabled",    "disabled_text", "paper",        "ink",         "ink_muted"};
 
-// The files of a theme, and what was asked of them.
+// The files of a theme, which keeps account of those that were asked for.
 class Files {
  public:
   Files() = default;
@@ -72,7 +72,7 @@ Json with(const std::string& pointer, const Json& value) {
 
 Json with_color(const std::string& name, const Json& value) { return with("/colors/" + name, value); }
 
-// Refused before any file is read.
+// The definition is refused before any file is read.
 void refuses(const Json& definition, const std::string& message) {
   Files files;
   EXPECT_FAILURE(parse_theme(definition, files.reader()), "invalid_theme", message) << definition.dump();

@@ -1,5 +1,5 @@
-// A lack of memory at every allocation of the guarded file operations and of snapshots: it is told, it leaves
-// nothing behind that another failure would have cleaned up, and the next run is as it would have been.
+// Memory runs out at every allocation of the guarded file operations and of snapshots. The operation must say so, leave
+// nothing behind that another failure would have cleaned up, and let the next run go as it would have gone.
 
 #include <algorithm>
 #include <cstddef>
@@ -54,10 +54,10 @@ constexpr std::size_t most_runs = 1500;
 
 class AllocationFault : public ::testing::TestWithParam<Kind> {
  protected:
-  // What the cryptographic library takes once in a process is taken ahead of every run.
+  // The cryptographic library allocates once in a process; this makes it do so before every run.
   AllocationFault() { digest(random_id(), "sha256"); }
 
-  // Tries the work at every allocation, and says how often that was.
+  // Tries the work at every allocation, and prints how many runs that took.
   ShortRuns try_all(const std::string& operation, const ShortTrial& trial) {
     const auto [allocations, shortage] = GetParam();
     const ShortRuns runs = at_every_allocation(allocations, shortage, most_runs, trial);
@@ -67,7 +67,7 @@ class AllocationFault : public ::testing::TestWithParam<Kind> {
     return runs;
   }
 
-  // The same for work all of whose allocations must be had: none may fail unnoticed.
+  // The same for work that cannot do without any of its allocations: no failure of one may go unnoticed.
   void try_all_told(const std::string& operation, const ShortTrial& trial) {
     const ShortRuns runs = try_all(operation, trial);
     if (std::get<Allocations>(GetParam()) == Allocations::of_code) {
@@ -209,8 +209,8 @@ class SnapshotAllocationFault : public AllocationFault {
     extract_snapshot(sample_.manifest, sample_.archive, staging_, {}, reserved);
   }
 
-  // Every file below the staging directory is one of the snapshot, and whole or, where that is right, empty. The
-  // archive library ends the process where it has no memory for a text; then no destructor takes a file away.
+  // Every file below the staging directory is one of the snapshot, and whole or, where that is allowed, empty. The
+  // archive library ends the process where it has no memory for a text; then no destructor removes a file.
   void expect_whole_files(const ShortRun& run, bool may_be_empty) const {
     if (run.ending == Ending::exited) {
       return;
@@ -294,7 +294,7 @@ TEST_P(SnapshotAllocationFault, OfAReservationLeavesAnEmptyRootAtMost) {
     EXPECT_NO_THROW(ReservedTree(sample_.manifest, staging_, nullptr, nullptr)) << "after allocation " << run.number;
   };
   try_all_told("ReservedTree", trial);
-  // Those between the making of the root and the reading of its identity.
+  // A root may be left by the allocations between its making and the reading of its identity.
   EXPECT_LE(left, 24u);
 }
 

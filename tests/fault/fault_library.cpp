@@ -1,5 +1,5 @@
-// A library to preload into a program on Linux: it counts the program's calls to the file system and, at one
-// chosen call, ends the process or fails the call.
+// A library to preload into a program on Linux. It counts the program's calls to the file system and, at one chosen
+// call, ends the process or fails the call.
 //
 // It is told what to do by variables of the environment:
 //
@@ -93,10 +93,10 @@ enum class Mode { none, exit, power, names, torn, eio, enospc };
 
 constexpr const char* mode_names[] = {"-", "exit", "power", "names", "torn", "eio", "enospc"};
 constexpr unsigned seconds_to_live = 30;
-// Descriptors of the library's own lie above those that a program counts on.
+// The library's own descriptors lie above those that a program counts on.
 constexpr int first_own_descriptor = 512;
 
-// Which failures a call may meet, besides the end of the process.
+// The failures that may happen to a call, besides the end of the process.
 constexpr unsigned can_eio = 1;
 constexpr unsigned can_enospc = 2;
 constexpr unsigned can_tear = 4;
@@ -114,14 +114,14 @@ struct Control {
   Mode mode = Mode::none;
   NameLoss loss;
   int report = -1;
-  std::uint64_t reported_names = 0;  // the version of what was reported last
+  std::uint64_t reported_names = 0;  // names_version() at the last report
   std::atomic<bool> armed = false;
   std::atomic<std::uint64_t> count = 0;
   std::atomic<std::uint64_t> flushed_files = 0;
 };
 
 constinit Control control;
-// The number of the call that this thread is in, or 0 for one that is not counted.
+// The number of the call that this thread is in, or 0 for a call that is not counted.
 constinit thread_local std::uint64_t current_call = 0;
 
 class KeptErrno {
@@ -189,7 +189,7 @@ bool anything_unflushed() {
   return false;
 }
 
-// An open file of our own: one that shared its description with the program would share its locks too.
+// Opens the file anew: a description that is shared with the program would share the program's locks too.
 int open_again(int descriptor) {
   char link[64];
   std::snprintf(link, sizeof link, "/proc/self/fd/%d", descriptor);
@@ -296,7 +296,7 @@ bool append_descriptor(Text& text, int descriptor) {
   return append_link(text, link);
 }
 
-// The absolute path that the call concerns, or false when that is no file or directory.
+// Finds the absolute path that the call concerns. Returns false when that is no file or directory.
 bool resolve(const Subject& subject, Text& text) {
   text.size = 0;
   text.bytes[0] = '\0';
@@ -336,7 +336,7 @@ bool is_counted(const Text& path) {
       return false;
     }
   }
-  // The records of the coverage run-time are no doing of the program.
+  // The files of the coverage run-time are not written by the program itself.
   return control.armed && !ends_with(path, ".gcda");
 }
 
@@ -347,7 +347,7 @@ struct Chances {
   unsigned faults = 0;
   bool unflushed = false;  // files
   bool names_pending = false;
-  bool goes_on = true;  // it is not the end of the process
+  bool goes_on = true;  // false at the end of the process
 };
 
 bool is_possible(Mode mode, const Chances& chances) {
@@ -399,7 +399,8 @@ void report(std::uint64_t number, const char* name, const Chances& chances, Mode
   syscall(SYS_write, control.report, line, static_cast<std::size_t>(size));
 }
 
-// Counts what has come, reports it, and says whether it is to be spoilt; a process that is to end does so here.
+// Counts the call or the end, reports it, and returns whether it is to be spoilt. Ends the process here where the mode
+// says so.
 bool is_chosen(const char* name, Chances chances, Text& path) {
   static constinit std::atomic_flag counting = ATOMIC_FLAG_INIT;
   while (counting.test_and_set(std::memory_order_acquire)) {
@@ -423,7 +424,7 @@ bool is_chosen(const char* name, Chances chances, Text& path) {
   return chosen;
 }
 
-// Counts the call, and does to it what is to be done: `untouched`, `tear`, or the errno value to fail with.
+// Counts the call and returns what is to be done to it: `untouched`, `tear`, or the errno value to fail with.
 int spoil(const char* name, unsigned faults, const Subject& subject) {
   current_call = 0;
   if (!control.active) {
@@ -503,10 +504,10 @@ constexpr unsigned taking_space = can_eio | can_enospc;
 bool succeeded(int result) { return result >= 0; }
 bool succeeded(const void* result) { return result != nullptr; }
 
-// Whether the names of the present call are watched.
+// Whether the names that the present call changes are watched.
 bool is_watched() { return names_watched() && current_call != 0; }
 
-// Carries out a call that may make a name, with its number.
+// Carries out a call that may make a name, and notes the name with the number of the call.
 template <typename Call>
 auto making(const Subject& subject, Call call) -> decltype(call()) {
   if (!is_watched()) {
@@ -530,7 +531,7 @@ int counted_making(const Subject& reported, const Subject& made, Arguments... ar
   return making(made, [&] { return next<name, Function>()(arguments...); });
 }
 
-// A function that opens a file, and makes it where it may.
+// A function that opens a file, and with O_CREAT makes it.
 template <Name name, typename Function, typename... Arguments>
 int counted_open(int flags, const Subject& subject, Arguments... arguments) {
   const bool may_make = (flags & O_CREAT) != 0;
@@ -553,7 +554,7 @@ FILE* counted_stream(const char* path, const char* mode) {
   return may_make ? making(named(path), call) : call();
 }
 
-// A function that removes the name of a directory or that of anything else.
+// A function that removes the name of a directory, or of anything else.
 template <Name name, typename Function, typename... Arguments>
 int counted_removal(const Subject& subject, bool of_directory, Arguments... arguments) {
   if (const int problem = spoil(name.text, can_eio, subject); problem != untouched) {
@@ -754,7 +755,7 @@ __attribute__((constructor)) void start() {
   control.active = true;
 }
 
-// What a program has done is not safe by its end.
+// The end of a program does not make durable what it has done.
 __attribute__((destructor)) void finish() {
   Text path{};
   if (control.active && control.armed && syscall(SYS_getpid) == control.process) {
@@ -902,7 +903,7 @@ ssize_t pwrite64(int descriptor, const void* bytes, size_t size, off64_t offset)
   return counted_write<"pwrite64", ssize_t(int, const void*, size_t, off64_t)>(descriptor, bytes, size, offset);
 }
 
-// A torn write of several parts ends within the first.
+// A torn write of several parts ends within the first of them.
 ssize_t writev(int descriptor, const struct iovec* parts, int count) {
   const int problem = spoil("writev", faults_of_write(count > 0 ? parts[0].iov_len : 0), of(descriptor));
   if (problem == tear) {

@@ -1,4 +1,4 @@
-// The fault library spoils exactly the call that it is told to, in exactly the way that it is told to.
+// The fault library spoils exactly the call that it is told to, and exactly as it is told.
 
 #include <algorithm>
 #include <cerrno>
@@ -24,7 +24,7 @@ ProgramRun sample(const std::vector<std::string>& arguments) {
   return {RAVOK_SAMPLE_PLAIN, arguments, {{"HOME", "/nowhere"}}, ""};
 }
 
-// What the sample's steps say when the first `count` of the calls work.
+// What the sample prints when the first `count` of its calls work.
 std::string first_names(const std::vector<FaultCall>& calls, std::uint64_t count) {
   std::string names;
   for (std::uint64_t i = 0; i < count; ++i) {
@@ -42,7 +42,7 @@ class FaultLibrary : public ::testing::Test {
  protected:
   FaultLibrary() : work_(root_ / "work"), steps_(sample({"steps", work_})) {}
 
-  // The steps' calls in a run that only counts, on a fresh state.
+  // Returns the calls of the steps in a run that only counts, on a fresh state.
   std::vector<FaultCall> counted_steps() {
     clear();
     const FaultRun run = run_with_fault(steps_, root_.path());
@@ -192,7 +192,7 @@ TEST_F(FaultLibrary, TellsOfTheEndOfAProcessThatEndsByItself) {
   EXPECT_FALSE(run_with_fault(run, root_.path(), 1, FaultMode::exit).end);
 }
 
-// Names that are changed in a directory where there are files "old" and "target", "full/in" and a directory "empty".
+// Changes names in a directory with the files "old", "target" and "full/in" and a directory "empty".
 class LostNames : public ::testing::Test {
  protected:
   using Steps = std::vector<std::string>;
@@ -213,7 +213,7 @@ class LostNames : public ::testing::Test {
     return run;
   }
 
-  // The unspoilt run, after which everything is as it was before.
+  // Returns the unspoilt run, and then makes everything as it was before.
   FaultRun counted(const Steps& steps) const {
     restart();
     FaultRun run = run_with_fault(program(steps), root_.path());
@@ -224,15 +224,15 @@ class LostNames : public ::testing::Test {
 
   std::size_t pending(const Steps& steps) const { return counted(steps).end.value().pending.size(); }
 
-  // What the steps leave, without a loss.
+  // Returns what the steps leave when nothing is lost.
   TreeState after(const Steps& steps) const {
     restart();
     EXPECT_EQ(run_program(program(steps)).exit_code, 0);
     return tree_state(work_);
   }
 
-  // What is left of the steps when the power goes after the last and these changes are lost; `changes` counts those
-  // that may be, from 0.
+  // Returns what the steps leave when the power goes after the last of them and these changes are lost. `change`
+  // counts, from 0, the changes that may be lost.
   TreeState left(const Steps& steps, NameLoss::Kind kind, std::size_t change = 0) const {
     const FaultRun run = counted(steps);
     const FaultCall last = run.calls.back();
@@ -380,7 +380,8 @@ TEST_F(LostNames, CutsDifferInWhatTheyLeaveAndAreBounded) {
     }
     return cuts;
   };
-  // The one change is lost before the end and after it. Of two, to lose one is to keep but the other.
+  // A single change can be lost before the end and at the end. Of two changes, losing only one is the same as losing
+  // all but the other.
   EXPECT_EQ(text({"unlink:old"}, 100), (std::vector<std::string>{"end: all", "stat: all"}));
   EXPECT_EQ(text({"unlink:old", "flush:."}, 100), (std::vector<std::string>{"open: all"}));
   EXPECT_EQ(

@@ -99,7 +99,7 @@ const FaultCall& call_of(const FaultRun& run, std::uint64_t number) {
   return number <= run.calls.size() ? run.calls.at(number - 1) : run.end.value();
 }
 
-// What a cut leaves of the changes of names that were made before it.
+// Returns the changes of names, of those made before a cut, that the cut leaves.
 std::set<std::uint64_t> kept_changes(std::set<std::uint64_t> all, const FaultCall& call, const NameLoss& loss) {
   for (const std::uint64_t change : call.pending) {
     if (loss.kind == NameLoss::Kind::all || (loss.kind == NameLoss::Kind::only) == (change == loss.change)) {
@@ -109,7 +109,7 @@ std::set<std::uint64_t> kept_changes(std::set<std::uint64_t> all, const FaultCal
   return all;
 }
 
-// At most eight numbers below `count`, spread evenly; with another `turn`, others.
+// Returns at most eight numbers below `count`, spread evenly. Another `turn` gives other numbers.
 std::vector<std::size_t> spread(std::size_t count, std::size_t turn) {
   constexpr std::size_t most = 8;
   std::vector<std::size_t> chosen;
@@ -124,7 +124,7 @@ bool is_turning_point(const std::string& name) {
   return std::find(names.begin(), names.end(), name) != names.end();
 }
 
-// The ending in a few words: the code of a message stands before its first colon.
+// Returns the ending in a few words. A message's code stands before its first colon.
 std::string ending(const ProgramResult& result) {
   if (result.signal != 0) {
     return "signal " + std::to_string(result.signal);
@@ -202,9 +202,9 @@ std::vector<NameCut> name_cuts(const FaultRun& run, std::uint64_t most) {
       continue;
     }
     const bool is_wanted = is_end || is_turning_point(before.name);
-    // Of a program that has told of its end, more is expected.
+    // More is expected of a program that has reported its end, so its end is always a stage of its own.
     const std::uint64_t stage = is_end ? std::numeric_limits<std::uint64_t>::max() : point.flushed_files;
-    // With nothing lost, only files would be.
+    // Losing no name is the same as the mode that loses files alone, which has its own runs.
     met.insert({stage, made});
     const auto add = [&](const NameLoss& loss) {
       if (met.insert({stage, kept_changes(made, point, loss)}).second) {

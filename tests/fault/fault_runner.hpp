@@ -1,4 +1,4 @@
-// Runs a real program again and again, each time with another of its calls to the file system spoilt.
+// Runs a real program again and again, and spoils another of its calls to the file system each time.
 #pragma once
 
 #include <cstdint>
@@ -18,7 +18,7 @@ namespace ravok::testing {
 enum class FaultMode {
   exit,    // the process ends by SIGKILL before the call
   power,   // the same, and what was written to a file and not flushed since is lost
-  names,   // the same as power, and names are lost whose directory was not flushed since they changed
+  names,   // the same as power; names are lost too whose directory was not flushed since
   torn,    // half of the bytes are written, then the process ends by SIGKILL
   eio,     // the call fails with EIO
   enospc,  // the call fails with ENOSPC
@@ -38,10 +38,10 @@ struct FaultCall {
   std::uint64_t number = 0;            // from 1, in the order of the calls
   std::string name;                    // the function of the C library
   std::vector<FaultMode> modes;        // what could happen to this very call
-  std::vector<FaultMode> applied;      // what did happen to it: nothing or one mode
+  std::vector<FaultMode> applied;      // what happened to it: nothing or one mode
   std::uint64_t flushed_files = 0;     // how many files had been flushed before
   std::vector<std::uint64_t> pending;  // the calls whose changes of names a power cut could lose here
-  std::filesystem::path path;          // what it concerned; of two paths the first
+  std::filesystem::path path;          // the path that it concerned, the first of two
 };
 
 struct FaultRun {
@@ -69,9 +69,10 @@ struct NameCut {
   NameLoss loss;
 };
 
-// The power cuts that differ in what they leave of a counted run: at every call from which on other names may be lost,
-// all of them, each by itself and all but each, of more than eight changes eight that are spread over them. More than
-// `most` are thinned out evenly; those stay that follow a flush, a link or a move, and those at the end.
+// Returns the power cuts that differ in what they leave of a counted run. At every call from which on other names may
+// be lost, there is a cut that loses all of them, and for each of them a cut that loses it alone and one that loses all
+// but it; of more than eight changes, eight are chosen, spread over them. More than `most` cuts are thinned out evenly,
+// except those after a flush, a link or a move, and those at the end.
 std::vector<NameCut> name_cuts(const FaultRun& run, std::uint64_t most);
 
 struct FaultOutcome {
@@ -79,7 +80,7 @@ struct FaultOutcome {
   FaultMode mode;
   ProgramResult result;
 
-  // Whether the program had ended by itself, so that nothing but what it had not flushed was spoilt.
+  // Whether the program had ended by itself, so that only what it had not flushed was lost.
   bool at_end() const { return call.name == "end"; }
 };
 
@@ -93,7 +94,7 @@ struct FaultPlan {
   std::vector<FaultMode> modes = {std::begin(all_fault_modes), std::end(all_fault_modes)};
   // Guards against a program that never stops calling.
   std::uint64_t most_calls = 2000;
-  // How many of the runs that lose names are wanted, besides those that always are.
+  // How many runs that lose names are wanted, besides those that are always made.
   std::uint64_t most_name_cuts = 60;
 };
 
@@ -103,16 +104,16 @@ struct FaultTable {
   std::uint64_t runs = 0;       // spoilt runs
   std::uint64_t name_cuts = 0;  // those of them that lost names
   std::optional<FaultCall> end;
-  // By the function's name and the mode: how often a run ended in which way.
+  // How often a run ended in which way, by the function's name and the mode.
   std::map<std::pair<std::string, std::string>, std::map<std::string, std::uint64_t>> endings;
 };
 
 std::ostream& operator<<(std::ostream& stream, const FaultTable& table);
 
-// Runs the program once unspoilt, which must end with code 0, and then once for every call and every mode that is
-// possible for it, each on a fresh state; of the mode that loses names, as name_cuts tells. Throws std::runtime_error
-// when the unspoilt run fails or makes too many calls, and when a spoilt run does not reach its call: the program's
-// calls then differ from run to run.
+// Runs the program once unspoilt, which must end with code 0. Then runs it for every call and every mode that is
+// possible for the call, each time on a fresh state; for the mode that loses names, name_cuts chooses the runs. Throws
+// std::runtime_error when the unspoilt run fails or makes too many calls, and when a spoilt run does not reach its
+// call, since the program's calls then differ from run to run.
 FaultTable run_faults(const FaultPlan& plan);
 
 }  // namespace ravok::testing

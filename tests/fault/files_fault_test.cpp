@@ -1,5 +1,5 @@
-// Whatever call of a guarded file operation is spoilt: what stands there afterwards is the old or the new, the message
-// is one that the operation knows, and the next run finishes.
+// Whatever call of a guarded file operation is spoilt, the old state or the new one is there afterwards, the message is
+// one that the operation knows, and the next run finishes.
 
 #include <algorithm>
 #include <csignal>
@@ -45,7 +45,7 @@ const Messages private_storage = {
 
 const std::string disk_is_full = "insufficient_space: Local storage cannot save data; free space and try again";
 
-// After these the record's new content is in place, and only perhaps not durable.
+// After these the record's new content is in place, but perhaps not durable.
 const Messages directory_flush = {
     "file_sync: Cannot open directory for synchronization",
     "file_sync: Could not durably synchronize directory",
@@ -212,7 +212,8 @@ bool is_one_of(const std::string& name, std::initializer_list<const char*> names
   return std::find(names.begin(), names.end(), name) != names.end();
 }
 
-// The whole message that a failed step of a record's writing must give; empty for the steps that share theirs.
+// Returns the whole message that a failed step of a record's writing must give, or an empty text for a step that has
+// none of its own.
 std::string message_of_step(const FaultOutcome& outcome) {
   if (!is_transaction(outcome.call.path)) {
     return "";
@@ -266,7 +267,7 @@ class FilesFault : public ::testing::Test {
     return root_.read("private/" + name);
   }
 
-  // The names in the private directory that are none of these; each must be a transaction file's.
+  // Counts the names in the private directory that are not known. Each must be that of a transaction file.
   std::size_t strays(const std::set<std::string>& known) const {
     std::size_t count = 0;
     if (std::filesystem::exists(home_)) {
@@ -280,7 +281,7 @@ class FilesFault : public ::testing::Test {
     return count;
   }
 
-  // The ending is one of the program's own, with a message that it knows, or the one that was forced on it.
+  // The program ended by itself with a message that it knows, or was ended by the library.
   static void judge_ending(const FaultOutcome& outcome, const Messages& messages) {
     if (ends_process(outcome.mode)) {
       EXPECT_EQ(outcome.result.signal, SIGKILL);
@@ -297,17 +298,17 @@ class FilesFault : public ::testing::Test {
     EXPECT_LE(strays(known), ends_process(outcome.mode) ? 1u : 0u);
   }
 
-  // The same action, unspoilt, on what was left behind.
+  // Runs the same action, unspoilt, on what was left.
   ProgramResult again(const FaultPlan& plan) const { return run_with_fault(plan.run, plan.root).result; }
 
-  // A finished operation has nothing left that a loss of power could take: every written file was flushed, and
-  // the directory of every changed name.
+  // A power cut can take nothing from a finished operation: every written file was flushed, and the directory of every
+  // changed name.
   void expect_all_flushed(const FaultTable& table) const {
     ASSERT_TRUE(table.end);
     const std::vector<FaultMode>& modes = table.end->modes;
     EXPECT_EQ(std::find(modes.begin(), modes.end(), FaultMode::power), modes.end());
     for (const std::uint64_t change : table.end->pending) {
-      // The next run makes a lost lock again.
+      // The lock alone may be lost: the next run makes it again.
       EXPECT_EQ(table.calls.at(change - 1).path, home_ / "lock");
     }
   }
@@ -315,7 +316,7 @@ class FilesFault : public ::testing::Test {
   void try_all(const FaultPlan& plan) const {
     const FaultTable table = run_faults(plan);
     std::cout << table;
-    EXPECT_GT(table.runs, 20u);  // what was tried had a beginning, a middle and an end
+    EXPECT_GT(table.runs, 20u);  // enough for a beginning, a middle and an end
     expect_all_flushed(table);
   }
 
@@ -365,7 +366,7 @@ class FilesFault : public ::testing::Test {
     try_all(plan);
   }
 
-  // The lock's file is not there, or it is the empty private file that it must be; and it is taken by the next run.
+  // The lock's file is missing, or it is the empty private file that it must be; and the next run takes the lock.
   void try_lock(const std::string& action, const Messages& messages, const std::function<void()>& prepare) const {
     FaultPlan plan;
     plan.run = sample({action, home_ / "lock"});
@@ -401,7 +402,7 @@ class FilesFault : public ::testing::Test {
     };
     plan.reset();
     const TreeState whole = tree_state(home_);
-    // What is left in the end.
+    // The names that are gone in the end.
     std::vector<std::string> gone = {"tree/a/b/one", "tree/a/two", "tree/bin"};
     gone.emplace_back(unmanaged.empty() ? "tree" : "tree/a/b");
     const TreeState retired = without(whole, gone);
@@ -502,7 +503,7 @@ TEST_F(FilesFault, ExchangedDirectoriesAreBothWholeUnderEitherName) {
     if (!ends_process(outcome.mode)) {
       EXPECT_EQ(exchanged, outcome.result.exit_code == 0 || after_exchange.contains(said(outcome.result)));
     }
-    // The directories are never found exchanged without the record of it.
+    // The directories are exchanged only after that was recorded.
     EXPECT_TRUE(!exchanged || content("exchange.record"));
     EXPECT_EQ(again(plan).exit_code, 0);
     EXPECT_EQ(content("first/content"), "second");
@@ -522,16 +523,16 @@ TEST_F(FilesFault, AllocatedFileIsWholeOrKnownOrEmpty) {
     const bool recorded = content("file.record").has_value();
     struct stat status = {};
     const bool present = lstat((home_ / "file").c_str(), &status) == 0;
-    // No content and no blocks that nobody recorded.
+    // A file that is not recorded has no content and no blocks.
     EXPECT_TRUE(!present || recorded || (status.st_size == 0 && status.st_blocks == 0));
     if (outcome.result.exit_code == 0) {
       expect_whole_executable();
     } else if (ends_process(outcome.mode)) {
-      // Only what lasts is sure to precede its record.
+      // The file's name was there before the record, but a power cut may take the name back and leave the record.
       EXPECT_TRUE(present || !recorded || outcome.mode == FaultMode::names);
       EXPECT_LE(status.st_size, 204800);
     } else {
-      // What is abandoned goes; a file that stays behind was finished before its mode could be set.
+      // An abandoned file is removed. One that stays was finished before its mode could be set.
       EXPECT_TRUE(!present || !recorded || content("file") == whole());
     }
     EXPECT_EQ(again(plan).exit_code, 0);
@@ -632,7 +633,7 @@ TEST_F(FilesFault, RemovedTreeIsWholeUntilItIsMeasuredAndGoneInTheEnd) {
   const TreeState whole = tree_state(home_);
   const TreeState removed = without(whole, {"tree"});
   plan.judge = [&](const FaultOutcome& outcome) {
-    // The removal itself passes on the file system's own failure.
+    // The removal passes on the file system's own failure.
     const bool halfway = outcome.result.exit_code == 2;
     if (halfway) {
       EXPECT_EQ(said(outcome.result), "file system: Input/output error");

@@ -1,5 +1,5 @@
-// A volume that is really full, at every point of an install, a repair and an uninstall: the folder is in one of its
-// known states and says so, the player's data is as it was, and with room again, the next run finishes.
+// A volume is really full, at every point of an install, a repair and an uninstall. The folder is in one of its known
+// states and says so, the player's data is as it was, and with room again the next run finishes.
 
 #include <algorithm>
 #include <cstdint>
@@ -30,7 +30,7 @@ class FullDisk : public ::testing::TestWithParam<std::tuple<SetupOperation, Shor
                     std::uint64_t free) {
     struct statvfs state = {};
     ASSERT_EQ(statvfs(place.c_str(), &state), 0);
-    // A limit of nothing would be none.
+    // A limit of 0 would mean no limit.
     const std::uint64_t pages = std::max<std::uint64_t>(state.f_blocks - state.f_bfree + free, 1);
     const std::uint64_t entries = state.f_files - state.f_ffree + free;
     const std::string options = shortage == Shortage::room
@@ -45,8 +45,8 @@ TEST_P(FullDisk, LeavesAKnownStateThatTheNextRunFinishes) {
   SetupTrial trial(operation);
   std::map<std::string, std::uint64_t> endings;
   std::uint64_t free = 0;
-  // One by one as far as the small files of a setup go; what a large reserve is wanted for comes in longer steps. The
-  // last of these has always enough.
+  // The steps are small as long as only the small files of a setup need room, and grow with the room that is left free.
+  // The last step leaves enough for the whole setup.
   for (bool finished = false; !finished; free += 1 + free / 100) {
     ASSERT_LT(free, 200'000u);
     const ::testing::ScopedTrace trace(__FILE__, __LINE__, "with " + std::to_string(free) + " free");

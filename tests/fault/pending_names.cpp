@@ -32,10 +32,10 @@ struct Change {
   std::uint64_t call = 0;
   KnownName from;    // unused by one that makes a name
   KnownName to;      // unused by one that removes a name
-  ino_t object = 0;  // what is removed, moved or, of an exchange, had the first name
+  ino_t object = 0;  // what is removed or moved, or had the first name of an exchange
   ino_t other = 0;   // what had the second name of an exchange
   bool exclusive = false;
-  Removing gone;  // what a removal or a move took away; of an undone making, what was made
+  Removing gone;  // what a removal or a move took away, or what an undone making had made
   bool to_is_flushed = false;
   bool from_is_flushed = false;
   bool lasts = false;
@@ -54,7 +54,7 @@ constinit char store_path[4096] = {};
 constinit char root_path[4096] = {};
 constinit std::atomic_flag taken = ATOMIC_FLAG_INIT;
 
-// Keeps other threads out, and the program's errno.
+// Keeps other threads out, and preserves the program's errno.
 class Inside {
  public:
   Inside() : errno_(errno) {
@@ -144,7 +144,7 @@ bool put_back(int slot, int directory, const char* name) {
 
 int descriptor_of(const KnownName& place) { return directories[place.directory].descriptor; }
 
-// The number of an open directory among those that are known; the descriptor is taken over.
+// Returns the number of an open directory among those that are known, and takes over the descriptor.
 int know_directory(long descriptor, const struct stat& status) {
   for (std::size_t i = 0; i < directory_count; ++i) {
     if (directories[i].device == status.st_dev && directories[i].inode == status.st_ino) {
@@ -159,8 +159,8 @@ int know_directory(long descriptor, const struct stat& status) {
   return static_cast<int>(directory_count++);
 }
 
-// The name that a path ends with, and the directory that it starts from there. Not watched is what lies elsewhere, and
-// what the path does not lead to.
+// Returns the last name of a path, and the directory that holds it. A place elsewhere, and one that the path does not
+// lead to, is not watched.
 KnownName known(int directory, const char* path) {
   KnownName place;
   char parent[4096];
@@ -196,7 +196,7 @@ KnownName known(int directory, const char* path) {
   return place;
 }
 
-// Whether the directory is in its place, and neither lost nor removed.
+// Whether the directory still lies below the root, and is neither lost nor removed.
 bool is_reachable(const KnownName& place) {
   char where[4096];
   return path_of(descriptor_of(place), where, sizeof where) && lies_in(where, root_path);
@@ -215,19 +215,20 @@ bool lies_in_directory(const KnownName& place, ino_t directory) {
   return place.directory >= 0 && directories[place.directory].inode == directory;
 }
 
-// A descriptor of what has this name.
+// Returns a descriptor of what has this name.
 int keep(const KnownName& place) {
   const long opened = syscall(SYS_openat, descriptor_of(place), place.name, O_PATH | O_NOFOLLOW | O_CLOEXEC);
   return opened < 0 ? -1 : move_away(opened);
 }
 
-// Keeps what a move replaces: a file by another name or a descriptor, while an empty directory goes ahead of the call.
+// Keeps what a move replaces: a file by a second name or a descriptor; an empty directory by moving it away before the
+// call.
 void make_way(const KnownName& place, const struct stat& target, bool for_directory, Removing& replaced) {
   replaced.place = place;
   replaced.is_directory = S_ISDIR(target.st_mode);
   if (replaced.is_directory != for_directory ||
       (replaced.is_directory && !is_empty(descriptor_of(place), place.name))) {
-    // The call fails.
+    // The call will fail.
     return;
   }
   if (replaced.is_directory) {
@@ -308,7 +309,7 @@ bool move_back_and_forth(const KnownName& from, const KnownName& to, unsigned fl
   return syscall(SYS_renameat2, descriptor_of(from), from.name, descriptor_of(to), to.name, flags) == 0;
 }
 
-// Gives what was taken away its name again.
+// Gives the thing that was taken away its name again.
 void restore(const Removing& gone) {
   if (gone.slot >= 0) {
     require_undone(put_back(gone.slot, descriptor_of(gone.place), gone.place.name));
@@ -339,7 +340,7 @@ void undo(Change& change) {
   }
 }
 
-// Makes a change again where that can be.
+// Makes a change again where that is possible.
 void redo(const Change& change) {
   switch (change.kind) {
     case Kind::make:
@@ -417,7 +418,7 @@ Removing before_removing(int directory, const char* path, bool as_directory) {
   struct stat status;
   if (place.directory < 0 || !look_at(descriptor_of(place), place.name, status) ||
       S_ISDIR(status.st_mode) != as_directory || (as_directory && !is_empty(descriptor_of(place), place.name))) {
-    // The call fails.
+    // The call will fail.
     removing.place.directory = -1;
     return removing;
   }
@@ -427,7 +428,7 @@ Removing before_removing(int directory, const char* path, bool as_directory) {
     removing.slot = put_away(descriptor_of(place), place.name);
     removing.done = removing.slot >= 0;
   } else {
-    // A name in the store would be one too many for the program.
+    // A name in the store would be one name more than the program expects of the file.
     removing.kept = keep(place);
   }
   return removing;
@@ -471,7 +472,7 @@ Moving before_moving(int from_directory, const char* from, int to_directory, con
     return moving;
   }
   if (target.st_ino == source.st_ino) {
-    // The call changes nothing.
+    // The call will change nothing.
     moving.from.directory = -1;
     return moving;
   }

@@ -1,16 +1,17 @@
 // The names that a program has made, moved or removed, for as long as a power cut may take each change back.
 //
 // A change lasts from the next flush of its directory on. A move is one step in two directories, which no journalling
-// file system shows half done: there is never the new name beside the old one, nor neither of them. It lasts from the
-// flush of the directory that it leads into. ext4, XFS and Btrfs let it last from a flush of the other directory too,
-// and a new file's name from a flush of the file; no program should build on that. An exchange lasts from the flush of
-// both directories. These file systems write what belongs together in its order, so a change that lasts makes all last
-// that it stands on: the earlier changes of the same names and, when a directory is removed, all changes in it.
+// file system shows half done: the new name never stands beside the old one, and never are both missing. It lasts from
+// the flush of the directory that it leads into. ext4, XFS and Btrfs let it last from a flush of the other directory
+// too, and a new file's name from a flush of the file; no program should build on that. An exchange lasts from the
+// flush of both directories. These file systems write what belongs together in its order, so a change that lasts makes
+// all changes last that it stands on: the earlier changes of the same names and, when a directory is removed, all
+// changes in it.
 //
-// Of the other changes a power cut takes back any that it likes. What is there afterwards is what comes of making the
-// kept ones again, in their order, on what lasts. One that cannot be made then is lost as well: its directory is lost,
-// the name that it takes away is missing or another's, the name that it gives is taken, the directory that it removes
-// is not empty.
+// A power cut may take back any of the other changes. What is there afterwards is what comes of making the kept changes
+// again, in their order, on what lasts. A kept change that cannot be made then is lost as well: its directory is lost,
+// the name that it takes away is missing or another's, the name that it gives is taken, or the directory that it
+// removes is not empty.
 //
 // What a program removes or replaces is kept in a store, so that it can come back as what it was.
 #pragma once
@@ -23,7 +24,7 @@
 
 namespace ravok::fault {
 
-// Ends the program, telling what the library cannot do.
+// Ends the program with a message about what the library cannot do.
 [[noreturn]] void refuse(const char* problem);
 
 // Which of the changes that may be lost are lost.
@@ -35,11 +36,11 @@ struct NameLoss {
 
 // A name in a directory that is known.
 struct KnownName {
-  int directory = -1;  // -1 for one that is not watched
+  int directory = -1;  // -1 for a name that is not watched
   char name[256] = {};
 };
 
-// What a call is about to do. Each of these is made before the call and given back after it.
+// What a call is about to do. Each of these is made before the call and passed back after it.
 struct Making {
   KnownName place;
   bool is_new = false;
@@ -51,7 +52,7 @@ struct Removing {
   bool is_directory = false;
   int slot = -1;      // where the object lies in the store
   int kept = -1;      // a descriptor of it, where it has other names
-  bool done = false;  // whether nothing is left to do for the call
+  bool done = false;  // whether the call has nothing left to do
 };
 
 struct Moving {
@@ -63,8 +64,8 @@ struct Moving {
   Removing replaced;
 };
 
-// From here on the changes below `root` are watched. The store must be an empty directory of the same volume that does
-// not lie below it. Both are absolute paths without links.
+// Watches the changes below `root` from now on. The store must be an empty directory of the same volume that does not
+// lie below it. Both are absolute paths without links.
 void watch_names(const char* root, const char* store);
 bool names_watched();
 
@@ -77,10 +78,10 @@ void removed(const Removing& removing, std::uint64_t call);
 Moving before_moving(int from_directory, const char* from, int to_directory, const char* to, unsigned flags);
 void moved(const Moving& moving, std::uint64_t call, bool succeeded);
 
-// What was changed in this directory lasts.
+// Makes the changes in this directory last.
 void flush_names(const struct stat& directory);
 
-// Whether anything may be lost, and a number that grows whenever something else may.
+// Whether any change may be lost, and a number that grows whenever the changes that may be lost are others.
 bool names_pending();
 std::uint64_t names_version();
 

@@ -1,4 +1,4 @@
-// Whatever call of a publication is spoilt: no manifest stands without the whole archive that it names, a publication
+// Whatever call of a publication is spoilt, no manifest is there without the whole archive that it names, a publication
 // that fails leaves nothing behind, and the tree stays as it is.
 
 #include <algorithm>
@@ -57,7 +57,7 @@ class PublishFault : public ::testing::Test {
   void judge(const FaultOutcome& outcome) const {
     EXPECT_TRUE(same_tree(tree_state(root_ / "tree"), tree_before_));
     const bool is_published = std::filesystem::exists(manifest_);
-    // What the system does not remove stays.
+    // A file that the system does not remove stays.
     const bool removes = outcome.call.name == "unlink" || outcome.call.name == "unlinkat";
     if (ends_process(outcome.mode)) {
       EXPECT_EQ(outcome.result.signal, SIGKILL);
@@ -91,7 +91,7 @@ TEST_F(PublishFault, ASnapshotIsPublishedWholeOrNotAtAll) {
   const FaultTable table = run_faults(plan);
   std::cout << table;
   EXPECT_GT(table.runs, 30u);
-  // A finished one has nothing left that a loss of power could take.
+  // A power cut can take nothing from a finished publication.
   const FaultCall& last = table.calls.back();
   EXPECT_EQ(std::count(last.modes.begin(), last.modes.end(), FaultMode::power), 0);
 }

@@ -73,7 +73,7 @@ void exchange_once(const std::filesystem::path& first, const std::filesystem::pa
 }
 
 void commit_once(const std::filesystem::path& source, const std::filesystem::path& destination) {
-  // An earlier run may have come to the step and not to the flush.
+  // An earlier run may have taken the step without reaching the flush.
   if (look_at(source) || !look_at(destination)) {
     commit_private_path_new(source, destination, {});
   }

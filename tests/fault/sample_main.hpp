@@ -1,4 +1,4 @@
-// How every sample program ends: with 0, or with what went wrong in one line of standard error and a code for
+// How every sample program ends: with 0, or with one line on standard error that says what went wrong, and a code for
 // its kind.
 #pragma once
 
@@ -12,8 +12,8 @@
 
 namespace ravok::testing {
 
-// Runs a program's work with its arguments and returns its exit code: what `run` returns, 1 for the system's own
-// failures, 2 for the file system's, 3 for any other.
+// Runs a program's work with its arguments and returns its exit code: what `run` returns, 1 for an Error, 2 for a
+// failure of the standard library's file operations, 3 for any other.
 template <typename Run>
 int sample_main(int argc, char** argv, Run run) {
   try {

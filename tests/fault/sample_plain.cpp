@@ -37,7 +37,7 @@
 #include <sys/xattr.h>
 #include <unistd.h>
 
-// What the C library's headers call in the place of the plain functions when they check sizes.
+// The C library's headers call these in the place of the plain functions when they check sizes.
 extern "C" {
 int __open_2(const char* path, int flags);
 int __open64_2(const char* path, int flags);
@@ -52,7 +52,7 @@ ssize_t __readlinkat_chk(int directory, const char* path, char* bytes, size_t si
 
 namespace {
 
-// Whether a call may fail here for reasons of the volume; it is then as good as done.
+// Whether a call was done, or failed for reasons of the volume, which counts as done.
 bool done_or_unsupported(long result) {
   return result >= 0 || errno == EOPNOTSUPP || errno == ENODATA || errno == ENOTTY || errno == EPERM ||
          errno == EINVAL || errno == EXDEV;
@@ -332,7 +332,7 @@ int print_environment() {
 }  // namespace
 
 int main(int argc, char** argv) {
-  // Nothing that was said may be lost with the process.
+  // Nothing that was printed may be lost when the process ends.
   std::setvbuf(stdout, nullptr, _IONBF, 0);
   const std::string action = argc > 1 ? argv[1] : "";
   const std::string root = argc > 2 ? argv[2] : "";

@@ -4,10 +4,9 @@
 //   sample_setup install DATA PACKAGE SEAL
 //   sample_setup repair DATA PACKAGE SEAL
 //   sample_setup uninstall DATA             keeps the player's data
-//   sample_setup remove DATA                removes that too
-//   sample_setup cancel DATA PACKAGE SEAL   installs until nearly everything is prepared, is then told to stop, and
-//   ends
-//                                           well if it does
+//   sample_setup remove DATA                removes the player's data too
+//   sample_setup cancel DATA PACKAGE SEAL   installs until nearly everything is prepared and is then told to stop;
+//                                           ends with 0 if it does
 
 #include <chrono>
 #include <cstdint>

@@ -1,10 +1,9 @@
 // A small program that unpacks and installs a snapshot as the client does, and that knows what an earlier run of it
 // may have left behind. A refusal is printed as "CODE: MESSAGE" and ends it with code 1.
 //
-//   sample_snapshot unpack MANIFEST ARCHIVE STAGING  removes what stands at STAGING and unpacks the archive there
-//   sample_snapshot install MANIFEST ARCHIVE HOME    prepares the build in HOME/staging, with HOME/preparation.json,
-//   until
-//                                                    HOME/ready.json says that it is complete
+//   sample_snapshot unpack MANIFEST ARCHIVE STAGING  removes what is at STAGING and unpacks the archive there
+//   sample_snapshot install MANIFEST ARCHIVE HOME    prepares the build in HOME/staging, with HOME/preparation.json;
+//                                                    at the end HOME/ready.json says that it is complete
 //   sample_snapshot abandon MANIFEST HOME            removes what both records bind, and then the records
 
 #include <cstdint>
@@ -90,7 +89,7 @@ void install(const GameManifest& game, const std::filesystem::path& archive, con
 }
 
 void abandon(const GameManifest& game, const Home& home) {
-  // A readiness binds the directory of the preparation too, and one of the two may be activated.
+  // The record of readiness binds the directory of the preparation too; either of the two may be activated.
   if (!is_missing(home.ready)) {
     if (!is_missing(home.staging) || !is_missing(home.destination)) {
       cleanup_ready_install(game, read_record(home.ready), home.staging, home.destination, true);

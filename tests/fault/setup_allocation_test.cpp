@@ -1,4 +1,5 @@
-// A lack of memory at the allocations of a whole install, repair and uninstall: it is told, and a next setup finishes.
+// Memory runs out at the allocations of a whole install, repair and uninstall. The setup says so, and the next one
+// finishes.
 
 #include <cstddef>
 #include <cstdio>
@@ -53,7 +54,7 @@ class SetupAllocation : public ::testing::TestWithParam<Kind> {
     std::filesystem::remove_all(place_.paths().bootstrap_directory);
   }
 
-  // An install, or else a repair, or else an uninstall and an install, goes through.
+  // An install goes through, or else a repair, or else an uninstall and an install.
   void expect_next_run_finishes(const ShortRun& run) const {
     const auto finishes = [](const std::function<void()>& setup) {
       try {

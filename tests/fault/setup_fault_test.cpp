@@ -1,4 +1,4 @@
-// Whatever call of an install, a repair or an uninstall is spoilt: the folder is in one of its known states and says
+// Whatever call of an install, a repair or an uninstall is spoilt, the folder is in one of its known states and says
 // so, the player's data is as it was, and the next run finishes.
 
 #include <algorithm>

@@ -38,9 +38,9 @@ const char* action_of(SetupOperation operation) {
   return "";
 }
 
-// The codes with which a run may refuse when a call of it fails. A record that cannot be read is "unsupported_schema",
-// a new launcher store that cannot be seen to be empty "already_installed", a new trust store that cannot be seen to be
-// so "already_initialized", and its lock that cannot be taken "busy".
+// The codes with which a run may refuse when a call of it fails. "unsupported_schema" stands for a record that cannot
+// be read, "already_installed" for a new launcher store that cannot be seen to be empty, "already_initialized" for a
+// trust store of the same kind, and "busy" for a lock of that store that cannot be taken.
 const std::set<std::string> known_codes = {
     "already_installed",
     "unsupported_schema",
@@ -82,7 +82,7 @@ bool is_stray(const std::string& name) {
   static const std::regex form(".*\\.[0-9a-f]{32}\\.tmp");
   return name.ends_with(".tmp") && std::regex_match(name, form);
 }
-// The transaction files that an ended process leaves.
+// Returns the names of the transaction files that an ended process has left.
 std::set<std::string> strays(const Files& files) {
   std::set<std::string> found;
   for (const auto& [name, content] : files) {
@@ -93,7 +93,7 @@ std::set<std::string> strays(const Files& files) {
   return found;
 }
 
-// What two runs that did the same leave alike.
+// Returns a text that is the same for two runs that did the same.
 std::string state_of(const Files& files) {
   static const std::regex random("\\.[0-9a-f]{32}\\.tmp");
   static const std::regex time("_at\":\"[-0-9T:]*Z");
@@ -119,7 +119,7 @@ Files player_data(const Files& files) {
   return found;
 }
 
-// What stands in the home and is none of the client's shortcuts.
+// Returns the files in the home that are not the client's shortcuts.
 Files foreign(const Files& files) {
   static const std::regex own("home/\\.local/share/applications/ravok-.*");
   Files found;
@@ -131,7 +131,7 @@ Files foreign(const Files& files) {
   return found;
 }
 
-// What is left but for locks and what was being prepared.
+// Returns the files without locks and without what was being prepared.
 Files without_beginnings(Files files) {
   std::erase_if(files, [](const auto& file) {
     return is_stray(file.first) || file.first == "data/.ravok-setup.lock" ||
@@ -207,7 +207,7 @@ std::string SetupTrial::judge(const SetupEnding& ending) {
     EXPECT_EQ(player_data(left), player_data(start_));
   }
   EXPECT_EQ(foreign(left), foreign(start_));
-  // Whoever comes while an uninstall ends is kept out for as long as the marker stands.
+  // Until an uninstall has removed the marker, its lock is there and keeps others out.
   EXPECT_TRUE(ending.lost_names || !uninstalls() || state != "interrupted" || !is_missing(place_.paths().setup_lock));
   judge_ending(ending, state, left);
   if (states_.insert(state_of(left)).second) {
@@ -231,11 +231,12 @@ std::string SetupTrial::launcher_file() const {
   throw std::runtime_error("The launcher has no program");
 }
 
-// Keeps the place under another name, and takes it back from there.
+// Keep the place under another name, and take it back from there.
 void SetupTrial::keep(const std::string& name) const { make_copy(place_.place(), place_.root() / name); }
 void SetupTrial::take(const std::string& name) const { make_copy(place_.root() / name, place_.place()); }
 
-// The folder says of itself what its two files mean, and refuses to start where it must. Returns its state.
+// The folder reports the state that its marker and its record give it, and refuses to start where it must. Returns that
+// state.
 std::string SetupTrial::expect_known_state() const {
   const bool marked = !is_missing(place_.paths().incomplete_marker);
   const bool recorded = !is_missing(place_.paths().installation_record);
@@ -256,8 +257,8 @@ std::string SetupTrial::expect_known_state() const {
   return recorded ? "complete" : is_missing(place_.data()) ? "missing" : "not installed";
 }
 
-// Of the data folder, only the player's data is left; or nothing. Locks may be left where they were never held, or
-// where their end was lost.
+// The data folder holds only the player's data, or is gone. Locks may stay where they were never held, or where their
+// removal was lost.
 void SetupTrial::expect_nothing_but_player_data(bool locks_may_stay) const {
   Files found;
   for (const auto& [name, content] : place_.all()) {
@@ -270,15 +271,15 @@ void SetupTrial::expect_nothing_but_player_data(bool locks_may_stay) const {
   EXPECT_TRUE(locks_may_stay || is_missing(place_.data()) == found.empty());
 }
 
-// But for the beginnings of an operation, everything is as it was before.
+// Everything is as it was before, except the beginnings of an operation.
 void SetupTrial::expect_unchanged(const Files& left) const {
   EXPECT_EQ(without_beginnings(left), without_beginnings(start_));
 }
 
-// Without the marker, what an ended run has left is all that it was to do or nothing of it.
+// Without the marker, an ended run has done all that it was to do, or nothing of it.
 void SetupTrial::judge_cut(const SetupEnding& ending, const std::string& state, const Files& left) const {
   if (state == "interrupted") {
-    // What has told of its end is not taken back.
+    // A run that has reported its end is not taken back.
     EXPECT_FALSE(ending.at_end);
   } else if (uninstalls()) {
     EXPECT_FALSE(ending.at_end && state == "complete");
@@ -319,7 +320,7 @@ void SetupTrial::judge_success(const std::string& state) const {
     place_.expect_complete();
   } else if (uninstalls()) {
     EXPECT_TRUE(state == "missing" || state == "not installed") << state;
-    // A lock file that could not be removed is no failure.
+    // It is no failure when a lock file could not be removed.
     for (const std::string& name : place_.top_names()) {
       EXPECT_TRUE(name == ".ravok-setup.lock" || name == ".native-bootstrap.lock" ||
                   (action() == "uninstall" && (name == "userdata" || name == "settings.json")))
@@ -331,11 +332,11 @@ void SetupTrial::judge_success(const std::string& state) const {
 void SetupTrial::judge_failure(const SetupEnding& ending, const std::string& state, const Files& left) const {
   const std::string& errors = ending.result.errors;
   if (operation_ == SetupOperation::first_install) {
-    // Of a folder or a lock that could not be made whole, nobody knows whose it is.
+    // When the making of a folder or a lock failed half-way, the run cannot know that it is its own, and leaves it.
     const bool unowned = ending.spoilt == place_.data() || ending.spoilt == place_.place() ||
                          ending.spoilt == place_.paths().setup_lock ||
                          (errors.starts_with("lock_failed: ") && !left.contains("data/native/"));
-    // What has its record is kept; the marker says that the rest is still to be done.
+    // A folder with its record is kept. The marker says that something is still to be done.
     const bool is_recorded = left.contains("data/native/installation.json");
     if (is_recorded) {
       EXPECT_TRUE(state == "interrupted" || state == "complete") << state;
@@ -348,7 +349,7 @@ void SetupTrial::judge_failure(const SetupEnding& ending, const std::string& sta
     if (state == "not installed") {
       expect_nothing_but_player_data(!left.contains("data/native/"));
     } else if (state == "complete") {
-      // What fails behind the commit takes nothing back.
+      // A failure after the commit takes nothing back.
       place_.expect_complete();
     }
   } else if (repairs()) {
@@ -360,7 +361,7 @@ void SetupTrial::judge_failure(const SetupEnding& ending, const std::string& sta
       EXPECT_EQ(status.value("action", ""), "repair");
       EXPECT_EQ(status.value("message", "") + "\n", errors.substr(errors.find(": ") + 2));
     } else if (state == "complete") {
-      // Not even the failure could be recorded; nothing has been replaced.
+      // Not even the failure could be recorded. Then nothing has been replaced.
       expect_unchanged(left);
     }
   } else if (uninstalls() && state != "interrupted") {
@@ -369,7 +370,7 @@ void SetupTrial::judge_failure(const SetupEnding& ending, const std::string& sta
   }
 }
 
-// Everything that may come next succeeds, each on the same state.
+// Everything that may come next succeeds, each time on the same state.
 void SetupTrial::judge_next_runs(const std::string& state, const Files& left) const {
   keep("left");
   const bool installed = state == "complete";
@@ -380,7 +381,7 @@ void SetupTrial::judge_next_runs(const std::string& state, const Files& left) co
     expect_success("remove", left, [&] { place_.uninstall(true); });
   }
   if (place_.top_names() == std::vector<std::string>{".native-bootstrap.lock"}) {
-    // An uninstall could not remove it; alone, it is nothing that marks a data folder.
+    // An uninstall could not remove this lock, which alone does not mark a data folder.
     EXPECT_FAILURE(place_.install(), "unsafe_path", "Choose an empty folder or an earlier Ravok data folder");
   } else if (!installed) {
     expect_success("install", left, [&] { place_.install(); });
@@ -400,7 +401,7 @@ void SetupTrial::expect_success(const std::string& name, const Files& left, cons
   if (name == "install" || name == "repair") {
     place_.expect_complete();
     EXPECT_EQ(player_data(place_.all()), player_data(left));
-    // Nothing is left behind that an ended run had not left before.
+    // A run that finishes leaves only what an ended run had left before it.
     for (const std::string& stray : strays(place_.all())) {
       EXPECT_TRUE(left.contains(stray)) << stray;
     }

@@ -1,5 +1,5 @@
-// Setups of one small package that are cut short or spoilt: what each starts from, and what must be true of whatever
-// it leaves.
+// Setups of one small package that are cut short or spoilt: the state that each starts from, and what must be true of
+// the state that it leaves.
 #pragma once
 
 #include <cstddef>
@@ -22,7 +22,7 @@ enum class SetupOperation {
   trust_repair,        // of a damaged trust root
   bare_uninstall,      // without a player's data
   keeping_uninstall,   // of all but a player's data
-  removing_uninstall,  // of that too
+  removing_uninstall,  // of the player's data too
   cancelled_install,   // into a missing folder
 };
 
@@ -37,31 +37,31 @@ const char* name_of(SetupOperation operation);
 // How a setup ended.
 struct SetupEnding {
   ProgramResult result;
-  // What the call that was made to fail concerned, if one was.
+  // The path that the call that was made to fail concerned, if one was.
   std::filesystem::path spoilt = {};
-  // Whether names were lost after it.
+  // Whether a power cut ended it that lost names.
   bool lost_names = false;
-  // Whether it had ended by itself before anything was lost.
+  // Whether the setup had ended by itself before anything was lost.
   bool at_end = false;
 };
 
 class SetupTrial {
  public:
-  // Makes what the operation starts from.
+  // Makes the state that the operation starts from.
   explicit SetupTrial(SetupOperation operation);
 
   const SetupPlace& place() const { return place_; }
-  // The program that carries the operation out.
+  // Returns how to run the program that carries out the operation.
   ProgramRun program() const;
 
   // Makes the place again as it was before the operation.
   void restart() const { take("start"); }
 
   // Judges what the operation has left: the folder is in a known state and says so, the player's data is as it was, and
-  // whatever may come next finishes. The state is returned; the place is left in one that is not told.
+  // whatever may come next finishes. Returns the state. The place is left in no particular one.
   std::string judge(const SetupEnding& ending);
 
-  // How many states were met that differ in more than names and times that are new for each run.
+  // How many states were met that differ in more than the names and times that every run makes anew.
   std::size_t states() const { return states_.size(); }
 
  private:

@@ -1,5 +1,5 @@
-// Whatever call of a shortcut's making, removal or restoring is spoilt: the ledger is the old one or the new one, no
-// file is there that it does not know, what is not the client's own stays as it was, and the next run does its work.
+// Whatever call of a shortcut's making, removal or restoring is spoilt, the ledger is the old one or the new one, it
+// knows every file that is there, what is not the client's own stays as it was, and the next run does its work.
 
 #include <algorithm>
 #include <csignal>
@@ -47,8 +47,9 @@ class ShortcutsFault : public ::testing::Test {
     made_ = linux_desktop_entry(place_.shortcut());
   }
 
-  // Besides what a run is about there are always a shortcut that is recorded and unchanged, one that the user has
-  // edited, one in whose place there is a link to a file that looks like it, and a file that was never recorded.
+  // Besides what a run is about, there are always four others: a shortcut that is recorded and unchanged, one that the
+  // user has edited, one in whose place there is a link to a file that looks like it, and a file that was never
+  // recorded.
   void reset(bool with_edited_new = false) const {
     std::filesystem::remove_all(place_.desktop());
     std::filesystem::create_directory(place_.desktop());
@@ -89,7 +90,7 @@ class ShortcutsFault : public ::testing::Test {
   ProgramRun restoring() const { return sample({"restore", place_.data(), place_.bootstrap()}); }
   ProgramResult after(const ProgramRun& run) const { return run_with_fault(run, place_.root().path()).result; }
 
-  // The files on the desktop with their content, but for those that no program would show.
+  // Returns the files on the desktop with their content, without those that no program would show.
   Files files() const {
     Files found;
     for (const auto& each : std::filesystem::directory_iterator(place_.desktop())) {
@@ -101,7 +102,7 @@ class ShortcutsFault : public ::testing::Test {
     return found;
   }
 
-  // The transaction files on the desktop and beside the ledger.
+  // Returns the transaction files on the desktop and beside the ledger.
   std::vector<std::string> strays() const {
     std::vector<std::string> found;
     for (const std::string& name : place_.root().names()) {
@@ -148,7 +149,7 @@ class ShortcutsFault : public ::testing::Test {
                          [&](const Json& entry) { return entry.at("path") == path(name).native(); });
   }
 
-  // Whether this is the first time that a spoilt run has left just this behind.
+  // Whether no spoilt run has left this state before.
   bool is_new_state() {
     static const std::regex random("[0-9a-f]{32}");
     std::string state = ledger();
@@ -161,7 +162,7 @@ class ShortcutsFault : public ::testing::Test {
     return states_.insert(state).second;
   }
 
-  // A shortcut can be made, and all that is the client's own can be removed; tried once for each state.
+  // A shortcut can be made, and everything that is the client's own can be removed. Tried once for each state.
   bool judge_next_runs() {
     if (!is_new_state()) {
       return false;
@@ -181,7 +182,7 @@ class ShortcutsFault : public ::testing::Test {
     plan.root = place_.root().path();
     const FaultTable table = run_faults(plan);
     std::cout << table;
-    EXPECT_GT(table.runs, 20u);  // what was tried had a beginning, a middle and an end
+    EXPECT_GT(table.runs, 20u);  // enough for a beginning, a middle and an end
   }
 
   const ShortcutPlace place_;
@@ -211,7 +212,7 @@ TEST_F(ShortcutsFault, ANewShortcutIsMadeAndRecordedOrIsNeither) {
   try_all(plan);
 }
 
-// The ledger went with its data folder, and the file is as it would be written.
+// The ledger was removed with its data folder, and the file is exactly what would be written.
 TEST_F(ShortcutsFault, AShortcutOfAFormerLedgerIsRecordedAndNeverTouched) {
   FaultPlan plan;
   plan.run = creating();
@@ -252,7 +253,7 @@ TEST_F(ShortcutsFault, AnEditedShortcutIsReplacedOrStaysSomewhere) {
       EXPECT_TRUE(recorded);
       EXPECT_EQ(place_.read(path("new")), made_);
     } else if (ends_process(outcome.mode)) {
-      // Until the new one is in its place, what the user wrote is there, aside or in its own.
+      // Until the new shortcut is in its place, what the user wrote is still there, set aside or in its own place.
       const std::vector<std::string> aside = strays();
       const bool stays = (exists("new") && place_.read(path("new")) == "edited by the user") ||
                          std::any_of(aside.begin(), aside.end(), [&](const std::string& name) {
@@ -317,7 +318,7 @@ TEST_F(ShortcutsFault, AReleaseTellsOfEveryShortcutThatStays) {
   try_all(plan);
 }
 
-// The data folder has another bootstrap by now, and the restored shortcut another content.
+// The data folder has another bootstrap by now, and so the restored shortcut has another content.
 TEST_F(ShortcutsFault, ARestoringForAnotherBootstrapLeavesNoFileThatTheLedgerDoesNotKnow) {
   DesktopShortcut moved = place_.shortcut();
   moved.bootstrap = place_.write(place_.data() / "new/bin/ravok-bootstrap", "");

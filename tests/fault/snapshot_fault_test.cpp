@@ -1,4 +1,4 @@
-// Whatever call of an unpacking or an installation is spoilt: the next run finishes, nothing is taken for complete that
+// Whatever call of an unpacking or an installation is spoilt, the next run finishes, nothing passes for complete that
 // is not, and what no record binds is preserved.
 
 #include <algorithm>
@@ -97,7 +97,7 @@ class SnapshotFault : public ::testing::Test {
   ProgramRun installing() const { return sample({"install", packed_.manifest, packed_.archive, home_}); }
   ProgramRun abandoning() const { return sample({"abandon", packed_.manifest, home_}); }
 
-  // Empties the home but for what is nobody's business here.
+  // Empties the home, except for files that no operation may touch.
   void reset() const {
     std::filesystem::remove_all(home_);
     root_.write("home/beside/file", "foreign");
@@ -105,7 +105,7 @@ class SnapshotFault : public ::testing::Test {
     std::filesystem::permissions(home_, std::filesystem::perms::owner_all);
   }
 
-  // Leaves what a run of the installation leaves that ends within the last file.
+  // Leaves what a run of the installation leaves that is ended within its last file.
   void cut_short() const {
     if (cut_ == 0) {
       reset();
@@ -117,7 +117,8 @@ class SnapshotFault : public ::testing::Test {
     EXPECT_EQ(run_with_fault(installing(), root_.path(), cut_, FaultMode::torn).result.signal, SIGKILL);
   }
 
-  // Everything in the home but the transaction files that an ended process leaves, with the content of the files.
+  // Returns everything in the home with the content of the files, without the transaction files that an ended process
+  // leaves.
   std::map<std::string, std::string> all() const {
     static const std::regex transaction(".*\\.[0-9a-f]{32}\\.tmp");
     std::map<std::string, std::string> found;
@@ -129,7 +130,7 @@ class SnapshotFault : public ::testing::Test {
     return found;
   }
 
-  // What is in the home when nothing was done, and these more.
+  // Returns the names in the home when nothing was done, and these more.
   static Names names_with(const Names& more) {
     Names names = {"beside/", "beside/file", "versions/", "versions/0.9/", "versions/0.9/file"};
     names.insert(names.end(), more.begin(), more.end());
@@ -155,7 +156,7 @@ class SnapshotFault : public ::testing::Test {
     return Json::array({identity.device, identity.inode});
   }
 
-  // The ending is one of the program's own, with a code that it knows, or the one that was forced on it.
+  // The program ended by itself with a code that it knows, or was ended by the library.
   static void judge_ending(const FaultOutcome& outcome, const Codes& codes) {
     const ProgramResult& result = outcome.result;
     if (ends_process(outcome.mode)) {
@@ -163,7 +164,7 @@ class SnapshotFault : public ::testing::Test {
     } else if (result.exit_code == 0) {
       EXPECT_EQ(result.errors, "");
     } else if (result.exit_code == 2) {
-      // The removal of a tree that failed half-way.
+      // This is the removal of a tree that failed half-way.
       EXPECT_EQ(result.errors, "file system: Input/output error\n");
     } else {
       EXPECT_EQ(result.exit_code, 1);
@@ -176,8 +177,8 @@ class SnapshotFault : public ::testing::Test {
 
   void expect_whole_tree() const { EXPECT_NO_THROW(verify_snapshot_tree(packed_.game, staging_, {})); }
 
-  // A finished operation has nothing left that a loss of power could take: every written file was flushed, and every
-  // directory after the last time that a name was made in it.
+  // A power cut can take nothing from a finished operation: every written file was flushed, and every directory after
+  // the last time that a name was made in it.
   static void expect_all_flushed(const std::vector<FaultCall>& calls) {
     EXPECT_FALSE(can(calls.back(), FaultMode::power));
     std::set<std::filesystem::path> unflushed;
@@ -199,7 +200,7 @@ class SnapshotFault : public ::testing::Test {
   static FaultTable try_all(const FaultPlan& plan) {
     FaultTable table = run_faults(plan);
     std::cout << table;
-    EXPECT_GT(table.runs, 100u);  // what was tried had a beginning, a middle and an end
+    EXPECT_GT(table.runs, 100u);  // enough for a beginning, a middle and an end
     return table;
   }
 
@@ -220,7 +221,7 @@ TEST_F(SnapshotFault, AnUnpackedTreeIsWholeOrUnpackedAgain) {
   plan.root = root_.path();
   plan.reset = [&] {
     reset();
-    // What an earlier run left behind.
+    // These files were left by an earlier run.
     root_.write("home/staging/bin/program", "begun");
     root_.write("home/staging/data/one", "content");
   };
@@ -258,7 +259,7 @@ TEST_F(SnapshotFault, AnInstallationIsFinishedByTheNextRun) {
     }
     EXPECT_TRUE(ready || outcome.result.exit_code != 0);
     if (left.contains("staging/") && !(preparation && !preparation->at("staging_identity").is_null())) {
-      // Nothing was reserved in a root that is not recorded yet, and it is nobody's to remove.
+      // A root that is not recorded yet holds no reservation, and no run may remove it.
       ++unrecorded_roots;
       EXPECT_EQ(names_of(left), names_with({"preparation.json", "staging/"}));
       EXPECT_EQ(run_program(plan.run).errors, "install_preparation_state: Unrecorded preparation root was preserved\n");
@@ -284,7 +285,7 @@ TEST_F(SnapshotFault, AnAbandonedPreparationIsGoneAfterTheNextRun) {
   plan.judge = [&](const FaultOutcome& outcome) {
     judge_ending(outcome, codes_of_abandoning);
     const auto left = all();
-    // What is left of the tree is never without the record that binds it.
+    // As long as anything of the tree is left, so is the record that binds it.
     EXPECT_TRUE(left.contains("preparation.json") || !left.contains("staging/"));
     EXPECT_EQ(run_program(plan.run).errors, "");
     EXPECT_EQ(names_of(all()), names_with({}));

@@ -1,4 +1,4 @@
-// Whatever call of the launcher store is spoilt: its document is the old one or the new one, whole, and the next run
+// Whatever call of the launcher store is spoilt, its document is the old one or the new one, whole, and the next run
 // loads it and finishes.
 
 #include <csignal>
@@ -71,11 +71,11 @@ class StoreFault : public ::testing::Test {
   }
 
   Json loaded() const { return LauncherStore::for_launch(home_)->load(); }
-  // The same, as its file has it, which is compact.
+  // The same document as its file has it, which is compact.
   std::string text() const { return root_.read("home/launcher/installation.json"); }
   bool has_document() const { return std::filesystem::exists(home_ / "launcher/installation.json"); }
 
-  // The root's one form is found by the standard library, which fails in its own way.
+  // The standard library looks for the root's one form, and fails in its own way.
   bool is_look_at_root(const FaultCall& call) const { return call.name == "stat" && call.path == home_; }
 
   void judge_ending(const FaultOutcome& outcome, const Codes& codes) const {
@@ -140,7 +140,7 @@ TEST_F(StoreFault, SavedDocumentIsOldOrNew) {
     if (outcome.result.exit_code == 0) {
       EXPECT_TRUE(is_new);
     } else if (!ends_process(outcome.mode)) {
-      // Only the last flush fails with the new content in place.
+      // When the new content is in place, only the last flush can have failed.
       EXPECT_TRUE(!is_new || code_of(outcome) == "file_sync") << outcome.result.errors;
     }
     expect_again(plan);

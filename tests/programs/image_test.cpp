@@ -1,4 +1,4 @@
-// A program whose own file is gone, or another one, by the time it asks where it lies.
+// A program whose own file is gone, or replaced by another, by the time it asks for its path.
 
 #include <filesystem>
 #include <string>
@@ -26,7 +26,7 @@ class MovedImage : public ::testing::Test {
     std::filesystem::copy_file(RAVOK_MAINTENANCE, image);
   }
 
-  // Starts the program from its open file, once the shell's commands have been done to its path, which is $0.
+  // Starts the program from its open file, after the shell's commands were run on its path, which is $0.
   ProgramResult run_after(const std::string& commands, const std::string& option = "status") const {
     return run_program({"/bin/sh",
                         {"-c", "exec 9<\"$0\"; " + commands + "; exec /proc/self/fd/9 status \"$@\"", image, option},
@@ -49,7 +49,7 @@ TEST_F(MovedImage, HasNoPathWhenItIsGoneOrReplaced) {
   expect_unknown("rm \"$0\"");
   std::filesystem::copy_file(RAVOK_MAINTENANCE, image);
   expect_unknown("cp \"$0\" \"$0.new\"; mv \"$0.new\" \"$0\"");
-  // What lies where the system's words for it point is another file.
+  // The path that the system then reports is that of another file.
   expect_unknown("cp \"$0\" \"$0 (deleted)\"; rm \"$0\"");
 }
 

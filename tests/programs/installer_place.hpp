@@ -16,7 +16,7 @@ namespace ravok::testing {
 class InstallerPlace {
  public:
   InstallerPlace() {
-    // The folders of every user's home, which setup makes where they are missing and leaves.
+    // Folders that every user's home has. Setup makes them where they are missing, and leaves them.
     place.root().directory("home/.local/share");
     place.package.featured_game.reset();
     publish();
@@ -41,7 +41,7 @@ class InstallerPlace {
 
   InstallPlace place;
   const std::filesystem::path folder = place.root() / "installer";
-  // All that was there before the installer was started.
+  // All names that were there before the installer was started.
   std::vector<std::string> before;
 };
 

@@ -170,7 +170,7 @@ TEST_F(MaintenanceAt, DoesNothingButHelpWithinAnInstallThatIsNotFinished) {
   expect(run_there({"--help"}), 0, setup_usage("ravok-maintenance", false), "");
 }
 
-// A removal that waits for a running client, which the test stands for, asks for a request meanwhile.
+// A removal waits for a running client, whose part the test plays, and asks for the request to stop meanwhile.
 TEST_F(MaintenanceAt, EndsWithFourWhenItIsInterruptedBeforeItRemovesAnything) {
   place.install(true);
   const testing::TreeState before = testing::without(place.state(), {".ravok-setup.lock"});

@@ -45,7 +45,7 @@ using Names = std::vector<std::string>;
 
 constexpr const char* see_help = "\nRun with --help for more information.\n";
 
-// What a file is, but for its times and its owner.
+// The attributes of a file, without its times and its owner.
 struct Seen {
   mode_t mode;
   std::string content;
@@ -124,7 +124,7 @@ class PublishTest : public ::testing::Test {
     return parse_json(text, text.size());
   }
 
-  // All that lies below a directory; of directories, only the names.
+  // Everything below a directory; for directories, only their names.
   std::map<std::string, Seen> seen(const std::filesystem::path& directory) const {
     std::map<std::string, Seen> found;
     for (const auto& entry : std::filesystem::recursive_directory_iterator(directory)) {
@@ -465,7 +465,7 @@ TEST_F(PublishTest, SaysSoWhenItsOutputCannotBeWritten) {
 TEST_F(PublishTest, LeavesNothingBehindWhenItIsInterrupted) {
   put_program();
   put("tree/large");
-  // More than it packs while a signal is on its way.
+  // So large that it is not packed before the signal comes.
   std::filesystem::resize_file(tree / "large", std::uint64_t{1} << 36);
   for (const int signal : {SIGINT, SIGTERM}) {
     testing::Companion program(RAVOK_PUBLISH, of_game({"--level", "1"}));

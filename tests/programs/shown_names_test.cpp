@@ -1,4 +1,4 @@
-// Names that would steer a terminal, wherever a program may meet them: what it says of them is harmless.
+// Names that would steer a terminal, wherever a program may meet them. What the program says of them must be harmless.
 
 #include <algorithm>
 #include <filesystem>
@@ -35,7 +35,7 @@ const std::vector<HostileName> hostile_names = {{"a\x1b]0;title\x07z", "a\\x1b]0
                                                 {"a\xffz", "a\\xffz"},
                                                 {"a\x9bz", "a\\x9bz"}};
 
-// Only lines of characters that are one byte each, but for the sign of a phase.
+// The text has only lines of printable ASCII, except for the ellipsis after a phase.
 void expect_harmless(std::string text) {
   const std::string dots = "…";
   for (std::size_t at = 0; (at = text.find(dots)) != std::string::npos;) {

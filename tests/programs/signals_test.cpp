@@ -1,4 +1,4 @@
-// What the programs do when they are told to end, and when nobody takes what they write.
+// What the programs do when they are told to end, and when nobody reads what they write.
 
 #include <csignal>
 #include <filesystem>
@@ -137,7 +137,7 @@ TEST_F(SignalledInstaller, SaysSoAndLeavesNothingWhenItsFilesMayNotGrow) {
   EXPECT_GT(installed, 0);
 }
 
-// A removal that waits for a running client, which the test stands for.
+// The removal waits for a running client, whose part the test plays.
 TEST(SignalledMaintenance, EndsWithFourAndRemovesNothingWhenItIsToldToEnd) {
   const testing::InstallPlace place;
   place.install(true);
@@ -147,7 +147,7 @@ TEST(SignalledMaintenance, EndsWithFourAndRemovesNothingWhenItIsToldToEnd) {
     StartedProgram maintenance({.program = RAVOK_MAINTENANCE,
                                 .arguments = {"uninstall", "--data-dir", place.data()},
                                 .environment = {{"HOME", place.home()}}});
-    // The last of the three that it takes.
+    // SIGHUP is the last of the three signals that the program handles.
     while (!maintenance.catches(SIGHUP) && !maintenance.has_ended()) {
     }
     maintenance.send_signal(signal);
@@ -157,7 +157,7 @@ TEST(SignalledMaintenance, EndsWithFourAndRemovesNothingWhenItIsToldToEnd) {
   }
 }
 
-// The publisher at work on a tree that is larger than it packs while a signal is on its way.
+// The publisher packs a tree so large that it is still at work when a signal comes.
 class SignalledPublisher : public ::testing::Test {
  protected:
   SignalledPublisher() {

@@ -1,5 +1,5 @@
-// The programs without some of the three streams that a program is started with: no file that they open may take
-// the number of one, and with it what they say.
+// Programs that are started without some of the three standard streams. No file that they open may get the number of a
+// stream, or what they say would go into that file.
 
 #include <filesystem>
 #include <string>
@@ -38,7 +38,7 @@ Said said_by(const ProgramStart& start) {
   return said;
 }
 
-// The program says what it says otherwise, but for the streams that it does not have.
+// The program says what it says with all streams, except on those that it does not have.
 Said expect_as_ever(ProgramStart start, const Descriptors& closed) {
   const Said whole = said_by(start);
   start.closed = closed;
@@ -118,7 +118,7 @@ TEST_F(InstallerWithoutStreams, DoesNothingWhenItCannotHaveAnyInTheirPlace) {
   GTEST_SKIP() << "the sanitizer needs descriptors of its own";
 #endif
   ProgramStart limited = start("install", {0, 1});
-  // Room for the first stream and not for the second.
+  // Descriptors are left for the first stream and not for the second.
   limited.descriptor_limit = 1;
   const Said said = said_by(limited);
   EXPECT_EQ(said.exit_code, 1);

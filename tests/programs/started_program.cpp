@@ -26,7 +26,7 @@ struct Pipe {
   Handle write_end;
 };
 
-// Of which no program inherits an end that it was not given.
+// Opens a pipe of which a program inherits only the ends that it is given.
 Pipe open_pipe() {
   std::array<int, 2> ends;
   if (pipe2(ends.data(), O_CLOEXEC) != 0) {
@@ -35,7 +35,7 @@ Pipe open_pipe() {
   return {Handle(ends[0]), Handle(ends[1])};
 }
 
-// Leaves room for so many bytes in a pipe of one page, and returns how many it put there.
+// Fills a pipe of one page until it has room for so many bytes. Returns how many it put there.
 std::size_t leave_room(int writer, std::size_t room) {
   const std::string filling(page - room, '.');
   if (fcntl(writer, F_SETPIPE_SZ, static_cast<int>(page)) != static_cast<int>(page) ||

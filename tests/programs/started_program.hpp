@@ -18,13 +18,13 @@ struct ProgramStart {
   std::vector<std::string> arguments;
   // The whole environment of the program.
   std::map<std::string, std::string> environment;
-  // Of 0 to 2, those that it starts without.
+  // The standard descriptors, 0 to 2, that it starts without.
   std::vector<int> closed = {};
-  // The signals that it starts with ignored; of those that end a program, it takes all others as they come.
+  // The signals that it starts with ignored. Every other signal that ends a program is left to the default.
   std::vector<int> ignored = {};
-  // In bytes: how large a file it may make.
+  // The most bytes that a file of it may have.
   std::optional<std::size_t> file_size_limit = {};
-  // The number that its descriptors stay below.
+  // Its descriptors have numbers below this one.
   std::optional<std::size_t> descriptor_limit = {};
   // How many bytes standard error takes until the test reads them; at least 1, at most 4096.
   std::size_t error_room = 4096;
@@ -51,7 +51,7 @@ class StartedProgram {
   // Returns whether it has ended. Does not wait.
   bool has_ended();
 
-  // Waits until nobody writes there any more, and returns all that was said.
+  // Wait until nobody writes to the stream any more, and return all that was said there.
   std::string output();
   std::string errors();
   // Waits for its end and returns its exit code, or minus the signal that ended it.

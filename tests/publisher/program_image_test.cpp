@@ -49,7 +49,7 @@ std::string program(const std::vector<std::uint32_t>& kinds, Shape shape = {}) {
                  shape);
 }
 
-// A program for several processors; each slice lies behind the table, where the table says.
+// A program for several processors. The slices lie after the table, where the table says.
 std::string several(const std::vector<std::string>& slices, bool wide) {
   const std::size_t width = wide ? 8 : 4;
   std::uint64_t at = 8 + slices.size() * (wide ? 32 : 20);

@@ -37,7 +37,7 @@ TEST(NewFolder, GoesAgainUnlessItsNameLasts) {
   {
     NewFolder folder(root / "output");
     write_new_file(folder.path() / "file", "content");
-    // The second is that of the directory that holds the folder.
+    // The second flush is that of the directory that holds the folder.
     const testing::Planned plan(testing::failing("fsync", EIO, 2));
     EXPECT_FAILURE(folder.commit(), "file_sync", "Could not durably synchronize directory");
     EXPECT_TRUE(std::filesystem::exists(root / "output/file"));

@@ -67,7 +67,7 @@ class PublishPackage : public ::testing::Test {
     publication.featured_game = {"first-game", "The First Game"};
   }
 
-  // Nothing of the output is there, nor of what was made on the way to it.
+  // Neither the output is there, nor anything that was made on the way to it.
   void expect_no_package() const {
     for (const auto& entry : std::filesystem::directory_iterator(root.path())) {
       EXPECT_FALSE(entry.path().filename().native().starts_with("package")) << entry.path();

@@ -70,7 +70,7 @@ class SnapshotPackTest : public ::testing::Test {
         tree, inventory, 1, [](std::string_view) {}, progress);
   }
 
-  // Something happens to the tree behind its scan; packing it fails, and the tree is made again.
+  // Something happens to the tree after its scan. Packing it fails, and the tree is made again.
   void expect_noticed(const std::function<void()>& event, const char* code, const std::string& message) const {
     const SnapshotInventory inventory = scan();
     event();
@@ -154,7 +154,7 @@ TEST_F(SnapshotPackTest, BoundsTheSumOfAllLengths) {
   const auto failure = testing::failure_of([&] { scan(); });
   ASSERT_TRUE(failure);
   EXPECT_EQ(failure->code, "size_limit");
-  // Whichever the volume tells of last.
+  // The file that is scanned last is refused; the volume chooses the order.
   const std::string message = failure->what();
   EXPECT_TRUE(message == "Expanded package exceeds size bounds: half" ||
               message == "Expanded package exceeds size bounds: other")

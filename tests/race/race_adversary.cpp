@@ -1,6 +1,6 @@
-// A second process that changes names under a test's feet, over and over until its standard input
-// ends; then everything is back under the name that it had, if nobody else moved it. It says
-// "ready" after the first round, and at its end how many rounds there were.
+// A second process that changes names under a test's feet, over and over until its standard input ends. Then everything
+// is back under the name that it had, unless somebody else has moved it. It says "ready" after the first round, and at
+// its end how many rounds there were.
 //
 //   race_adversary COUNTS [exchange A B | rename A B | plant A B]...
 //
@@ -8,7 +8,7 @@
 // whenever the change or its undoing has really happened.
 //
 // A round does each change in turn and then undoes them from the last to the first. To plant is to move whatever comes
-// to A aside, to B with numbers behind it, and to put the link B in its place: that is not undone.
+// to A aside, to B with numbers appended, and to put the link B in its place; that is not undone.
 
 #include <atomic>
 #include <cstddef>
@@ -49,7 +49,7 @@ bool exists(const std::string& path) {
   return lstat(path.c_str(), &status) == 0;
 }
 
-// Each time after another while, so that it happens at any step of what is being done to `victim`.
+// Waits for another while each time, so that this happens at any step of what is being done to `victim`.
 bool plant(const std::string& victim, const std::string& planted) {
   constexpr unsigned long longest_while = 256;
   static unsigned long number = 0;
@@ -60,7 +60,7 @@ bool plant(const std::string& victim, const std::string& planted) {
   for (unsigned long left = number * 37 % longest_while; left > 0 && exists(victim); --left) {
   }
   const std::string aside = planted + "." + std::to_string(getpid()) + "." + std::to_string(number);
-  // A second name of the link itself.
+  // The new name is a hard link to the link itself.
   return !os::rename_exclusive(AT_FDCWD, victim.c_str(), AT_FDCWD, aside.c_str()) &&
          linkat(AT_FDCWD, planted.c_str(), AT_FDCWD, victim.c_str(), 0) == 0;
 }

@@ -2,9 +2,9 @@
 // links, and renames what lies above. Whatever the outcome of one operation, none follows a link
 // and none acts outside its root; and each succeeds, or fails in a way that it promises.
 //
-// A race in which nothing was done, or in which nothing changed while it was being done, proves nothing: each goes on
-// until every answer that it needs was given and every change has happened in the middle of an attempt. It fails where
-// that does not come about in a great number of attempts.
+// A race proves nothing in which no operation succeeded, or in which no change fell into an operation. So each goes on
+// until every answer that it needs was given and every change has happened in the middle of an attempt, and fails where
+// a great number of attempts does not bring that about.
 
 #include <algorithm>
 #include <array>
@@ -96,7 +96,7 @@ struct Tally {
   }
 };
 
-// The numbers of changes that the other process has made, in memory that both have.
+// How often the other process has made each change, in memory that both processes share.
 class Counts {
  public:
   Counts(const Path& file, std::size_t number) : number_(number), bytes_(number * sizeof(Count)) {
@@ -127,7 +127,7 @@ class Counts {
 class Races : public ::testing::Test {
  protected:
   Races() {
-    // A link in a directory that others may write to is never the system's own, whoever made it.
+    // The directory may be written by others, so no link in it counts as the system's own, whoever made it.
     directory("root", 0777);
     directory("root/place");
     directory("victim");
@@ -194,7 +194,7 @@ class Races : public ::testing::Test {
     while (tally.attempts < race.least || (!tally.unseen(race).empty() && tally.attempts < most_attempts)) {
       attempt(race, counts, tally);
       if (tally.attempts > race.least && tally.attempts % 16 == 0) {
-        // The other process may have been put aside in the middle of a change.
+        // The system may have paused the other process in the middle of a change.
         sched_yield();
       }
     }
@@ -275,7 +275,7 @@ TEST_F(Races, PrivateDirectoryNewMakesNothingBehindALink) {
   EXPECT_GE(entries_of("root/place"), tally.done);
 }
 
-// What is really there is never taken either, being open to others: every success is one of a link.
+// What really lies there is open to others and never accepted either, so a success could only be one through a link.
 constexpr const char* not_opened = "permissions: Cannot open ordinary ";
 constexpr const char* not_private = " private storage must be ordinary, owned and accessible only to this user";
 
@@ -341,7 +341,7 @@ class LockRaces : public Races {
             exchange("place/lock", "place/lock-hard")};
   }
 
-  // The lock that was taken is that of the file of this name, and of no other.
+  // The lock that was taken is that of the file that had this name at first, and of no other.
   void expect_own_is_locked() const {
     EXPECT_EQ(flock(own_.get(), LOCK_SH | LOCK_NB), -1);
     EXPECT_EQ(errno, EWOULDBLOCK);
@@ -395,7 +395,7 @@ TEST_F(Races, ACommitTakesNothingFromBehindALink) {
   }
   const Tally tally =
       run({300, {exchange("work", "work-link")}, commit_codes, {done, "unsafe_path: "}, [&](std::size_t i) {
-             // Past the last, it has gone: a failure like another.
+             // Beyond the last source there is nothing to commit, which fails like anything else.
              commit_private_path_new(root_ / "root/work" / std::to_string(i), place_ / std::to_string(i), {});
            }});
   EXPECT_EQ(entries_of("root/place"), tally.done);
@@ -403,7 +403,7 @@ TEST_F(Races, ACommitTakesNothingFromBehindALink) {
 }
 
 TEST_F(Races, ACommitNeverTakesALinkForItsSource) {
-  // What is really there is never taken either, being open to others.
+  // What really lies there is open to others and never accepted either.
   const Path source = file("root/source", "own", 0644);
   link("source-link", "../victim/record");
   std::filesystem::create_hard_link(root_ / "victim/linked", root_ / "root/source-hard");
@@ -455,7 +455,8 @@ class RecordRaces : public Races {
                 operation});
   }
 
-  // The files that were made, wherever the other process has put their directory; none is a transaction's.
+  // Returns how many files were made, wherever the other process has put their directory. None may be a transaction
+  // file.
   std::size_t made() const {
     std::size_t number = 0;
     for (const std::string& name : root_.names()) {
@@ -492,7 +493,7 @@ TEST_F(RecordRaces, ARecordIsNeverWrittenThroughALink) {
       return found && same_file(*found, *link_status_of(node));
     });
   };
-  // A write may put a file in the place of a link itself. A second name of the link goes back to where it was.
+  // A write may replace a link with its file. The link, of which there is a second name, is then put back.
   const auto put_back = [&](const Path& node, const Path& name) {
     if (none_is(node)) {
       std::filesystem::remove(name);
@@ -554,12 +555,12 @@ class TreeRaces : public Races {
              std::error_code ignored;
              std::filesystem::rename(root_ / "root/work" / name, tree_, ignored);
            }});
-      // A link that was put into it would lead the next changes to the victim.
+      // A link in the tree would lead the next changes to the victim.
       clear_place();
     }
   }
 
-  // Nothing is done unless a file of the tree itself has gone.
+  // Only a removal that has taken a file of the tree itself counts as done.
   void run_removals(const Codes& codes, const std::function<void()>& operation) {
     run_trees(codes, [&] {
       operation();
@@ -567,7 +568,7 @@ class TreeRaces : public Races {
     });
   }
 
-  static constexpr const char* elsewhere = "elsewhere";  // the other process was there before the attempt
+  static constexpr const char* elsewhere = "elsewhere";  // the other process moved the tree before the attempt
   const Path tree_ = root_ / "root/tree";
   const SnapshotManifest manifest_ = SnapshotManifest::parse(testing::manifest_document(manifest_files()));
 
@@ -621,7 +622,7 @@ TEST_F(TreeRaces, APlainTreeIsRemovedWithoutAnythingBehindALink) {
     try {
       remove_plain_tree(tree_);
     } catch (const std::filesystem::filesystem_error&) {
-      // What is changed in the middle of its removal is left as it is.
+      // A tree that is changed in the middle of its removal is left as it is.
     }
   });
 }

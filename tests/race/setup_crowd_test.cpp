@@ -25,13 +25,13 @@ namespace {
 using Answers = std::map<std::string, std::set<std::string>>;
 
 constexpr int processes = 8;
-// At least so many; more, up to a bound, until the processes have really met.
+// The least number of rounds, and the most: between them, rounds go on until the processes have really met.
 constexpr int least_rounds = 25;
 constexpr int most_rounds = 500;
 
 // What may be answered besides success, whoever else is at work. Neither a folder nor its lock can be taken while an
-// uninstall removes them; a record that an uninstall removes is not the one that was expected; and an install still
-// writes its status while an uninstall has begun, which a second one then finishes.
+// uninstall removes them. A record that an uninstall is removing is not the one that was expected. An install may write
+// its status into a folder that an uninstall is removing; a second uninstall then finishes.
 const Answers plain_answers = {
     {"install", {"already_installed", "busy", "lock_failed", "ravok_running", "unsafe_path", "unsupported_schema"}},
     {"repair", {"busy", "lock_failed", "not_installed", "ravok_running", "unsafe_path", "unsupported_schema"}},
@@ -39,8 +39,8 @@ const Answers plain_answers = {
     {"status", {}},
 };
 
-// Of paths, all that may be said is that one has gone meanwhile, or that the last names in the folder tell no more
-// whose it was, which is so just before an uninstall removes it.
+// Whether the answer is one of these. "unsafe_path" may only say that a path has gone meanwhile, or that the folder is
+// not known as a data folder, as just before an uninstall removes it.
 bool is_plain(const std::string& action, const std::string& code, const std::string& line) {
   return plain_answers.at(action).contains(code) &&
          (code != "unsafe_path" || line.ends_with(" private directory path changed") ||

@@ -1,4 +1,4 @@
-// Access lists as the kernel stores them, valid or not.
+// Access lists in the form in which the kernel stores them, valid or not.
 #pragma once
 
 #include <cstdint>

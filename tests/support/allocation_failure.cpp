@@ -124,7 +124,7 @@ void operator delete[](void* memory, std::size_t) noexcept { std::free(memory); 
 namespace ravok::testing {
 namespace {
 
-// What a run tells of itself before its process ends.
+// What a run reports before its process ends.
 struct Report {
   Ending ending = Ending::terminated;
   std::size_t made = 0;
@@ -136,7 +136,7 @@ std::ptrdiff_t open_descriptors() {
   return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), std::filesystem::directory_iterator());
 }
 
-// Ends the count ahead of everything that it does itself.
+// Notes how the run ended. Stops counting first, since this allocates too.
 void note(Report& report, Ending ending, const char* problem) {
   counting = false;
   report.ending = ending;
@@ -160,13 +160,13 @@ void run_short(Report& report, const std::function<void()>& work) {
   report.made = made;
 }
 
-// The first use of the unwinder loads it, which takes memory.
+// The first use of the unwinder loads it, which allocates; so it is used once before any count.
 void load_unwinder() {
   std::array<void*, 1> frame{};
   static_cast<void>(backtrace(frame.data(), 1));
 }
 
-// Shows where a failure could go no further.
+// Shows where a failure was that nothing caught.
 [[noreturn]] void tell_and_abort() {
   counting = false;
   std::array<void*, 32> frames{};

@@ -2,8 +2,8 @@
 // the program's own allocation functions; the test links with the wrapping of malloc, calloc, realloc and strdup, and
 // with its symbols exported.
 //
-// The JSON library takes a value apart with memory of its own, in a destructor, which must not fail. These allocations
-// are always served, as no code could do without them.
+// The JSON library allocates in a destructor when it takes a value apart, where a failure would end any program. These
+// allocations are always served.
 #pragma once
 
 #include <cstddef>
@@ -25,25 +25,25 @@ enum class Ending {
   refused,        // it threw an Error
   other,          // it threw anything else
   exited,         // a library ended the process in its own way, which is an exit code
-  terminated,     // the process did not live to tell
+  terminated,     // a signal ended the process
 };
 
 // How a run with a failing allocation ended.
 struct ShortRun {
   std::size_t number = 0;  // of the allocation that failed, from 1
   Ending ending = Ending::success;
-  std::string problem;                  // a refusal's code, or what is known of an end that none should have
+  std::string problem;                  // a refusal's code, or what is known of an unexpected end
   std::ptrdiff_t open_descriptors = 0;  // how many more are open than before
 };
 
 struct ShortTrial {
-  std::function<void()> prepare;                 // ahead of every run
+  std::function<void()> prepare;                 // before every run
   std::function<void()> work;                    // in a process of its own, a copy of this one
-  std::function<void(const ShortRun&)> inspect;  // behind every run
+  std::function<void(const ShortRun&)> inspect;  // after every run
 };
 
 struct ShortRuns {
-  std::size_t allocations = 0;  // that the work makes where none fails
+  std::size_t allocations = 0;  // that the work makes when none fails
   std::size_t runs = 0;
   std::size_t spared = 0;
   std::size_t succeeded = 0;  // though an allocation failed

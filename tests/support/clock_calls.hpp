@@ -8,8 +8,8 @@
 
 namespace ravok::testing {
 
-// As long as it lives, the steady clock stands still, and a sleep is over at once and has moved the clock by its
-// length. One at a time.
+// As long as it lives, the steady clock stands still. A sleep ends at once and moves the clock by its length. One
+// object at a time.
 class StillClock {
  public:
   // `at_sleep` runs at each sleep, after the clock has moved.
@@ -18,7 +18,7 @@ class StillClock {
   StillClock(const StillClock&) = delete;
   StillClock& operator=(const StillClock&) = delete;
 
-  // How often was slept, and how long in all.
+  // How many sleeps there were, and how long they were in all.
   std::size_t sleeps() const;
   std::chrono::nanoseconds slept() const;
 };

@@ -19,7 +19,7 @@ struct Pipe {
   Handle write_end;
 };
 
-// A pipe of which no program that is started inherits an end that it was not given.
+// Opens a pipe of which a program inherits only the ends that it is given.
 Pipe open_pipe() {
   std::array<int, 2> ends;
   if (pipe(ends.data()) != 0) {

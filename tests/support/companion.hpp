@@ -1,4 +1,4 @@
-// A second process that runs beside a test: told to go on or to end, and heard line by line.
+// A second process that runs beside a test. The test tells it to go on or to end, and reads what it says line by line.
 #pragma once
 
 #include <string>
@@ -19,10 +19,10 @@ class Companion {
   Companion(const Companion&) = delete;
   Companion& operator=(const Companion&) = delete;
 
-  // Waits for its next line, and returns that without the line's end; the rest, perhaps nothing,
-  // when it says no more.
+  // Waits for its next line and returns it without its end. Once the process says no more, returns the rest, which may
+  // be empty.
   std::string read_line();
-  // Closes its standard input, which is how it is told to go on.
+  // Closes its standard input, which tells it to go on.
   void close_input() { input_.reset(); }
   void send_signal(int signal) const;
   // Returns whether it has ended. Does not wait.

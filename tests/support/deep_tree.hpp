@@ -1,4 +1,4 @@
-// A chain of directories, each in the one before, deeper than any path can tell.
+// A chain of directories, each in the one before, so deep that no path can name the last.
 #pragma once
 
 #include <filesystem>

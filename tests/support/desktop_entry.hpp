@@ -11,7 +11,7 @@
 
 namespace ravok::testing {
 
-// What a value says behind its escapes.
+// Returns a value with its escapes replaced by what they stand for.
 inline std::string desktop_value(std::string_view written) {
   static const std::map<char, char> escapes = {{'s', ' '}, {'n', '\n'}, {'t', '\t'}, {'r', '\r'}, {'\\', '\\'}};
   std::string value;
@@ -29,7 +29,7 @@ inline std::string desktop_value(std::string_view written) {
   return value;
 }
 
-// The values of an entry's only group, by their keys and behind their escapes.
+// Returns the values of an entry's only group by their keys, with their escapes replaced.
 inline std::map<std::string, std::string> desktop_entry(std::string_view text) {
   std::map<std::string, std::string> values;
   bool in_group = false;
@@ -53,7 +53,7 @@ inline std::map<std::string, std::string> desktop_entry(std::string_view text) {
             std::string_view::npos) {
       throw std::runtime_error("A line is no pair");
     }
-    // Blanks behind the equals sign are no part of the value.
+    // Blanks after the equals sign do not belong to the value.
     std::string_view value = line.substr(equals + 1);
     value.remove_prefix(std::min(value.find_first_not_of(' '), value.size()));
     if (!values.emplace(line.substr(0, equals), desktop_value(value)).second) {
@@ -63,7 +63,7 @@ inline std::map<std::string, std::string> desktop_entry(std::string_view text) {
   return values;
 }
 
-// The arguments of a command line, the program first. No field code is known but the percent sign's.
+// Returns the arguments of a command line, the program first. Knows no field code except the percent sign.
 inline std::vector<std::string> exec_arguments(std::string_view line) {
   constexpr std::string_view behind_backslash = "\"`$\\";
   constexpr std::string_view reserved = "\t\n\"'\\><~|&;$*?#()`";
@@ -119,7 +119,7 @@ inline std::vector<std::string> exec_arguments(std::string_view line) {
   return arguments;
 }
 
-// The arguments that an entry starts its program with, the program first.
+// Returns the arguments that an entry starts its program with, the program first.
 inline std::vector<std::string> started_by(std::string_view text) {
   return exec_arguments(desktop_entry(text).at("Exec"));
 }

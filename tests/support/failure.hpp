@@ -11,8 +11,8 @@
 
 namespace ravok::testing {
 
-// Runs `work` and returns the failure that it ends with, if any; one of the standard library's file operations has the
-// code "file_system".
+// Runs `work` and returns the failure that it ends with, if any. A failure of the standard library's file operations
+// gets the code "file_system".
 template <typename Work>
 std::optional<Error> failure_of(Work work) {
   try {

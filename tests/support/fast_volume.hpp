@@ -1,4 +1,4 @@
-// Where tests keep files of which no flush shall wait for a disk.
+// The place for files whose flushes should not wait for a disk.
 #pragma once
 
 #include <filesystem>
@@ -7,7 +7,7 @@
 
 namespace ravok::testing {
 
-// A directory in memory or, without one, where the system keeps temporary files.
+// Returns a directory in memory or, without one, the one where the system keeps temporary files.
 inline std::filesystem::path fast_volume() {
   const std::filesystem::path memory = "/dev/shm";
   return access(memory.c_str(), W_OK) == 0 ? memory : std::filesystem::temp_directory_path();

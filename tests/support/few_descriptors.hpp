@@ -1,4 +1,4 @@
-// A process that the system gives few descriptors more.
+// Makes the system give this process only a few descriptors more.
 #pragma once
 
 #include <fcntl.h>
@@ -9,7 +9,8 @@
 
 namespace ravok::testing {
 
-// Whether a test can be left without any: the sanitizers open some of their own when they look at an exception.
+// Whether a test can go on without any descriptor. It cannot with the sanitizers, which open some when they look at an
+// exception.
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 inline constexpr bool can_do_without_descriptors = false;
 #else
@@ -18,7 +19,7 @@ inline constexpr bool can_do_without_descriptors = true;
 
 class FewDescriptors {
  public:
-  // Lets at most so many more be opened for as long as it lives.
+  // Lets this process open at most so many descriptors more, for as long as the object lives.
   explicit FewDescriptors(rlim_t more) {
     EXPECT_EQ(getrlimit(RLIMIT_NOFILE, &before_), 0);
     const int lowest_free = Handle(open("/", O_RDONLY | O_CLOEXEC)).get();

@@ -109,7 +109,7 @@ int __wrap_openat(int directory, const char* name, int flags, ...) {
   return is_failed(name_of_openat(name, flags), name) ? answer() : __real_openat(directory, name, flags, mode);
 }
 
-// The checked form that the C library's headers make of a call whose flags the compiler does not know.
+// The C library's headers call this checked form where the compiler does not know the flags.
 int __real___openat_2(int directory, const char* name, int flags);
 int __wrap___openat_2(int directory, const char* name, int flags) {
   return is_failed(name_of_openat(name, flags)) ? answer() : __real___openat_2(directory, name, flags);

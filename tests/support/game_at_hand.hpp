@@ -16,7 +16,7 @@
 
 namespace ravok::testing {
 
-// The keys that make the document of a snapshot that of a game for this platform.
+// Adds to the document of a snapshot the keys that make it one of a game for this platform.
 inline Json as_game(Json document) {
   document.update(
       {{"platform", native_platform()}, {"minimum_launcher", 1}, {"game_id", "game"}, {"display_name", "The Game"}});
@@ -28,7 +28,7 @@ inline GameManifest game_of(const std::vector<ManifestFile>& files) {
   return GameManifest::parse(as_game(manifest_document(files)));
 }
 
-// What names the saved manifest of a game, as its version "1.0".
+// Returns the reference to the saved manifest of a game, as its version "1.0".
 inline Json reference_to(const GameManifest& game) {
   return {{"version", "1.0"},
           {"build_id", game.build_id},

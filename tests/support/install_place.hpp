@@ -45,7 +45,7 @@ class InstallPlace {
 
   TreeState state() const { return tree_state(data()); }
 
-  // Writes or reads a file of the data folder; a new one is private, as are the folders above it.
+  // Write and read a file of the data folder. A new file is private, as are the folders above it.
   std::filesystem::path write(const std::string& relative, std::string_view content) const {
     std::filesystem::path folder = data();
     make_private(folder);
@@ -60,7 +60,7 @@ class InstallPlace {
   std::string read(const std::string& relative) const { return root_.read("data/" + relative); }
   Json record(const std::string& relative) const { return Json::parse(read(relative)); }
 
-  // What the player has, and must keep.
+  // Writes the player's data, which no setup may change.
   TreeState write_player_data() const {
     write("userdata/saves/first", std::string("save\0game", 9));
     write("userdata/games/game/program", "program");

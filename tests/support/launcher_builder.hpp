@@ -18,8 +18,8 @@ inline Json launcher_helper(const std::string& path) {
   return {{"path", path}, {"role", "maintenance"}, {"lease_abi", 1}};
 }
 
-// The keys that make the document of a snapshot, of which "bin/window" must be an executable file, that
-// of a launcher with these helpers.
+// Adds to the document of a snapshot, of which "bin/window" must be an executable file, the keys that make it one of a
+// launcher with these helpers.
 inline Json as_launcher(Json document, const std::vector<std::string>& helpers = {}) {
   document.update({{"kind", "ravok-launcher-release"},
                    {"bootstrap_abi", 1},

@@ -7,8 +7,8 @@
 
 namespace ravok::testing {
 
-// As long as it lives, an event happens whenever a lock is asked for that another holds, just before the wait for it
-// begins or its refusal is returned. An event that makes the lock free ends the wait. One at a time.
+// As long as it lives, an event happens whenever a lock is asked for that another holds: just before the wait for it
+// begins, or before its refusal is returned. An event that makes the lock free ends the wait. One object at a time.
 class WhenLocked {
  public:
   explicit WhenLocked(std::function<void()> event);
@@ -16,7 +16,7 @@ class WhenLocked {
   WhenLocked(const WhenLocked&) = delete;
   WhenLocked& operator=(const WhenLocked&) = delete;
 
-  // How often it has happened.
+  // How often the event has happened.
   std::size_t count() const;
 };
 

@@ -12,7 +12,7 @@ MountedVolume::MountedVolume(const std::filesystem::path& directory, const std::
   if (image.empty()) {
     mounted_ = mount(kind.c_str(), directory.c_str(), kind.c_str(), 0, options.c_str()) == 0;
   } else {
-    // Loop devices are best left to the system's own command.
+    // The system's own command sets up the loop device.
     mounted_ = run_quietly("mount -t " + kind + " -o loop" + (options.empty() ? "" : "," + options) + " '" +
                            image.string() + "' '" + directory.string() + "'");
   }

@@ -8,18 +8,18 @@ namespace ravok::testing {
 
 class MountedVolume {
  public:
-  // Mounts an image file at a directory; or, for an empty image, a volume of the given kind that
-  // needs none, such as "tmpfs".
+  // Mounts an image file at a directory. An empty image stands for a volume of a kind that needs none, such as "tmpfs".
   MountedVolume(const std::filesystem::path& directory, const std::string& kind, const std::string& options,
                 const std::filesystem::path& image = {});
   ~MountedVolume();
   MountedVolume(const MountedVolume&) = delete;
   MountedVolume& operator=(const MountedVolume&) = delete;
 
-  // Whether the volume could be mounted: only user 0 can, and only where the system lets it.
+  // Whether the volume could be mounted. Only user 0 can do that, and only where the system allows it.
   bool mounted() const { return mounted_; }
 
-  // Mounts it with other options, such as another size; what it holds stays. Returns whether that succeeded.
+  // Mounts the volume with other options, such as another size, and keeps what it holds. Returns whether that
+  // succeeded.
   bool remount(const std::string& options) const;
 
  private:

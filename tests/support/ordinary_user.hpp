@@ -1,4 +1,4 @@
-// What keeps a test's user from reading its own tree, also where that is user 0.
+// Lets a test lack permissions for its own tree, even when user 0 runs it.
 #pragma once
 
 #include <filesystem>
@@ -13,11 +13,10 @@
 
 namespace ravok::testing {
 
-// Where the system's rules would not stop user 0, the test goes on as another user, to whom the
-// tree is given.
+// Gives the tree to another user and goes on as that user, where the test runs as user 0, whom permissions do not stop.
 class OrdinaryUser {
  public:
-  // Whether the tree still has to be given.
+  // Whether the tree is given to the other user now, or belongs to that user already.
   enum class Given { now, already };
 
   explicit OrdinaryUser(const TemporaryRoot& root, Given given = Given::now) {
@@ -40,7 +39,7 @@ class OrdinaryUser {
   static void give(const std::filesystem::path& path) { EXPECT_EQ(chown(path.c_str(), somebody, somebody), 0); }
 };
 
-// Gives a directory another mode for as long as it lives.
+// Gives a directory another mode for as long as the object lives.
 class WithMode {
  public:
   WithMode(std::filesystem::path path, mode_t mode) : path_(std::move(path)) {

@@ -21,7 +21,7 @@ struct InitialPackage {
 
   // Signs the body of the root as it is now.
   void sign_root();
-  // Puts another archive, whatever it holds, into the package and into the manifest that names it.
+  // Put another archive, whatever it holds, into the package and into the manifest that names it.
   void set_bootstrap_archive(std::string bytes);
   void set_launcher_archive(std::string bytes);
 
@@ -29,7 +29,7 @@ struct InitialPackage {
   Json descriptor() const;
   // The content of every file but the descriptor, by name.
   std::map<std::string, std::string> files() const;
-  // Makes a directory with these files and this descriptor, and returns the seal.
+  // Make a directory with these files and this descriptor, by default that of the pieces, and return the seal.
   std::string write(const std::filesystem::path& directory) const;
   std::string write(const std::filesystem::path& directory, const Json& descriptor) const;
 
@@ -49,8 +49,7 @@ struct InitialPackage {
   std::optional<Json> featured_game;
 };
 
-// Makes a good package whose two archives are together so long, of bytes without a pattern, and returns
-// its seal.
+// Makes a good package whose two archives have together so many bytes, without a pattern. Returns its seal.
 std::string write_large_package(const std::filesystem::path& directory, std::uint64_t archive_bytes);
 
 // The name under which a manifest's archive lies in the package.

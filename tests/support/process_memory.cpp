@@ -10,7 +10,7 @@
 namespace ravok::testing {
 namespace {
 
-// Bytes of this process by a line of the kernel's account of it.
+// Returns a number of bytes from a line of the kernel's account of this process.
 std::uint64_t account(const std::string& line) {
   std::ifstream status("/proc/self/status");
   for (std::string word; status >> word;) {
@@ -30,7 +30,7 @@ std::uint64_t peak_of(const std::function<void()>& work) {
   EXPECT_EQ(pipe(ends), 0);
   const pid_t child = fork();
   if (child == 0) {
-    // From here on, the peak is counted afresh.
+    // The kernel counts the peak afresh from here on.
     std::ofstream("/proc/self/clear_refs") << 5;
     const std::uint64_t before = account("VmRSS:");
     work();

@@ -6,8 +6,7 @@
 
 namespace ravok::testing {
 
-// Runs `work` in a process of its own and returns the most bytes that it took beyond what is there
-// before it.
+// Runs `work` in a process of its own and returns the most bytes that the process took beyond those that it had before.
 std::uint64_t peak_of(const std::function<void()>& work);
 
 }  // namespace ravok::testing

@@ -1,5 +1,5 @@
-// A second reader of strict JSON, by the JSON library's callback parser and explicit sets of
-// keys: slow, plain, and independent of the one that it is a witness for.
+// A second reader of strict JSON, by the JSON library's callback parser and explicit sets of keys: slow, plain, and
+// independent of the reader that it is compared with.
 #pragma once
 
 #include <cstddef>

@@ -93,7 +93,7 @@ class SetupPlace {
     return names;
   }
 
-  // The folder holds a complete installation of the package: its trees, its records, and nothing under way.
+  // The folder holds a complete installation of the package: its trees and its records, and nothing unfinished.
   void expect_complete() const {
     const DataPaths paths = this->paths();
     const NativeInstallStatus now = status();

@@ -38,7 +38,7 @@ class ShortcutPlace {
     return {bootstrap(), data(), game, name};
   }
 
-  // Writes or reads a file by its whole path.
+  // Write and read a file by its whole path.
   std::filesystem::path write(const std::filesystem::path& path, std::string_view content) const {
     return root_.write(path.lexically_relative(root_.path()).native(), content);
   }
@@ -46,7 +46,7 @@ class ShortcutPlace {
     return root_.read(path.lexically_relative(root_.path()).native());
   }
 
-  // Replaces the ledger, whatever it then says.
+  // Replaces the ledger by this content, whatever it says.
   void write_ledger(std::string_view content) const {
     std::filesystem::create_directory(data() / "native");
     std::filesystem::permissions(data() / "native", std::filesystem::perms::owner_all);
@@ -61,7 +61,8 @@ class ShortcutPlace {
   const WithEnvironment data_home_;
 };
 
-// Makes a link to a directory that counts as a user's, also where user 0's own would be the system's.
+// Makes a link to a directory that counts as a user's. A link of user 0 would count as the system's, so it is given to
+// another user.
 inline void make_users_link(const std::filesystem::path& target, const std::filesystem::path& link) {
   std::filesystem::create_directory_symlink(target, link);
   if (is_root()) {

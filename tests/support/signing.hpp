@@ -24,7 +24,7 @@ class TestKey {
   Json key() const;
   // The ID that the key object has by its canonical form.
   std::string id() const;
-  // The element of "signatures" that this key makes of these bytes.
+  // Returns the element of "signatures" that this key makes for these bytes.
   Json signature(std::string_view bytes) const;
 
  private:
@@ -41,7 +41,7 @@ Json key_objects(TestKeys keys);
 // The authority of these keys.
 Json signing_authority(TestKeys keys, std::uint64_t threshold);
 
-// The "signed" part of a role document that has what is common to all kinds, and nothing else.
+// Returns the "signed" part of a role document with what all kinds have in common, and nothing else.
 Json role_body(std::string_view kind, std::uint64_t version = 1, std::string_view expires = "2035-01-01T00:00:00Z");
 
 // The "signed" part of a root in which all of these keys must sign for each of the four roles.

@@ -25,7 +25,7 @@ std::string octal(std::uint64_t value, int digits) {
   return text.data();
 }
 
-// Twelve bytes: octal digits, or where those do not do, the number itself.
+// Returns the twelve bytes of a size: octal digits or, for a number that has too many, the number itself.
 std::string size_field(std::int64_t size) {
   if (size >= 0 && size < std::int64_t{1} << 33) {
     return octal(static_cast<std::uint64_t>(size), 11);
@@ -147,7 +147,7 @@ std::string zstd_frame(std::string_view content, const ZstdOptions& options) {
   std::string frame(ZSTD_compressBound(content.size()) + 64, '\0');
   ZSTD_inBuffer input = {content.data(), content.size(), 0};
   ZSTD_outBuffer output = {frame.data(), frame.size(), 0};
-  // The end is told on its own: a library that sees it at once knows the size of the content.
+  // The end is announced by a call of its own: a library that sees it in the first call knows the size of the content.
   while (input.pos < input.size) {
     checked(ZSTD_compressStream2(context.get(), &output, &input, ZSTD_e_continue));
   }

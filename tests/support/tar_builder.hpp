@@ -1,5 +1,4 @@
-// Builds tar archives byte by byte, also those that no archiver would write, and Zstandard frames
-// around them.
+// Builds tar archives byte by byte, including some that no archiver would write, and Zstandard frames around them.
 #pragma once
 
 #include <cstdint>
@@ -11,19 +10,18 @@
 
 namespace ravok::testing {
 
-// One member of an archive as its header tells of it.
+// One member of an archive as its header describes it.
 struct TarMember {
   std::string path;  // at most 100 bytes
   std::string content = {};
   unsigned mode = 0644;
   char type = '0';
   std::string link_target = {};
-  // What the header tells of the size, where that is not the content's.
+  // The size that the header gives, where that is not the size of the content.
   std::optional<std::int64_t> size = {};
-  // Records of an extended header ahead of the member's own.
+  // Records of an extended header before the member's own.
   std::vector<std::pair<std::string, std::string>> extended = {};
-  // Puts the path, or the link's target, into a member of its own ahead of this one, as GNU tar does
-  // for a long one.
+  // Put the path, or the link's target, into a member of its own before this one, as GNU tar does for a long one.
   bool gnu_long_path = false;
   bool gnu_long_link = false;
 };
@@ -40,9 +38,8 @@ std::string tar_archive(const std::vector<TarMember>& members);
 // Writes the checksum of the header that begins at `offset` again.
 void tar_reseal(std::string& archive, std::size_t offset);
 
-// One frame by the library. With a window log, the frame asks for such a window, 2^log bytes;
-// without, the library chooses. Without `content_size` the header does not tell how long the content
-// is.
+// Options of one frame that the library makes. With a window log, the frame asks for a window of 2^log bytes; without,
+// the library chooses. Without `content_size` the header does not say how long the content is.
 struct ZstdOptions {
   int window_log = 0;
   bool content_size = true;
@@ -50,8 +47,8 @@ struct ZstdOptions {
 };
 std::string zstd_frame(std::string_view content, const ZstdOptions& options = {});
 
-// A frame of uncompressed blocks, which is 9 bytes longer than content of up to 65,536 bytes, and 3 bytes
-// longer for each 65,536 bytes more. The window descriptor is that of the format.
+// A frame of uncompressed blocks. It is 9 bytes longer than content of up to 65,536 bytes, and 3 bytes longer for each
+// 65,536 bytes more. The window descriptor is that of the format.
 std::string raw_zstd_frame(std::string_view content, std::uint8_t window_descriptor = 0x38);
 
 // A frame that decoders skip.

@@ -12,7 +12,7 @@
 namespace ravok::testing {
 
 TemporaryRoot::TemporaryRoot(const std::filesystem::path& base) {
-  // The system's own links at the head of the path would surprise the tests, not the code.
+  // The path has no links of the system's at its head, which the tests do not expect.
   std::string pattern = std::filesystem::canonical(base) / "ravok-test-XXXXXX";
   if (mkdtemp(pattern.data()) == nullptr) {
     throw std::runtime_error("Cannot make a temporary directory for a test");

@@ -25,7 +25,7 @@ class TemporaryRoot {
   std::filesystem::path directory(std::string_view relative) const;
   // The whole content of a file.
   std::string read(std::string_view relative) const;
-  // The names below the root, sorted, a directory's with a slash behind it and a link's with an "@".
+  // The names below the root, sorted. A directory's ends in a slash, and a link's in "@".
   std::vector<std::string> names() const;
 
  private:

@@ -1,4 +1,4 @@
-// All that stands below a folder, so that a test can say of it what has stayed byte for byte.
+// Everything below a folder, so that a test can show that it has stayed the same byte for byte.
 #pragma once
 
 #include <filesystem>
@@ -16,7 +16,7 @@
 
 namespace ravok::testing {
 
-// Paths below the folder, each with its kind and mode, and with a file's bytes or a link's target.
+// The paths below the folder, each with its kind and mode, and with a file's bytes or a link's target.
 using TreeState = std::map<std::string, std::string>;
 
 inline TreeState tree_state(const std::filesystem::path& root) {
@@ -39,7 +39,7 @@ inline TreeState tree_state(const std::filesystem::path& root) {
   return state;
 }
 
-// The state without these paths and what lies below them.
+// Returns the state without these paths and what lies below them.
 inline TreeState without(TreeState state, const std::vector<std::string>& paths) {
   std::erase_if(state, [&](const auto& node) {
     for (const std::string& path : paths) {
@@ -52,7 +52,7 @@ inline TreeState without(TreeState state, const std::vector<std::string>& paths)
   return state;
 }
 
-// Only this path and what lies below it.
+// Returns only this path and what lies below it.
 inline TreeState only(TreeState state, const std::string& path) {
   std::erase_if(state, [&](const auto& node) { return node.first != path && !node.first.starts_with(path + "/"); });
   return state;

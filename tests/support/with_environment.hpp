@@ -8,7 +8,7 @@
 
 namespace ravok::testing {
 
-// Sets or, without a value, unsets the variable for as long as it lives.
+// Sets the variable or, without a value, unsets it, for as long as the object lives.
 class WithEnvironment {
  public:
   WithEnvironment(std::string key, const std::optional<std::string>& value) : key_(std::move(key)) {

@@ -6,7 +6,7 @@
 
 namespace ravok::testing {
 
-// Makes the directory the working one for as long as it lives.
+// Makes the directory the working one for as long as the object lives.
 class WorkingDirectory {
  public:
   explicit WorkingDirectory(const std::filesystem::path& path) : before_(std::filesystem::current_path()) {

@@ -49,7 +49,7 @@ class HttpsFault : public ::testing::Test {
   static HttpsTransport transport(const std::string& base_url) { return {base_url, {}, 0}; }
 };
 
-// What the library's start answered holds for the process: this one lives in a child.
+// The library is started once in a process, so a start that fails is tried in a child.
 void expect_no_start() {
   failing = "curl_global_init";
   const auto refused = [](const char* base_url) {

@@ -41,7 +41,7 @@ TEST(VerifyKeys, TakesKeysByTheirCanonicalDigest) {
 
 TEST(VerifyKeys, KnowsADigestThatWasMadeElsewhere) {
   const Json key = parse_json(R"({"scheme":"ed25519","keyval":{"public":"00"},"keytype":"ed25519"})", 1000);
-  // Of {"keytype":"ed25519","keyval":{"public":"00"},"scheme":"ed25519"}, by a tool of the system.
+  // The digest of {"keytype":"ed25519","keyval":{"public":"00"},"scheme":"ed25519"}, made by a tool of the system.
   const std::string id = "f9ae527b2fd2d931a87f86371d944323c4f73b54c325d0944a92731af733405c";
   EXPECT_NO_THROW(verify_keys({{id, key}}));
 }

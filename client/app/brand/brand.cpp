@@ -83,7 +83,7 @@ Json brand_json(const Brand& brand) {
 }
 
 std::optional<Brand> installed_brand(const std::filesystem::path& root) {
-  // No link is followed that somebody has put in the folder's place.
+  // Somebody may have put a link in the place of the folder: it is not followed.
   const auto native = link_status_of(root / "native");
   if (!native || !is_directory(*native)) {
     return std::nullopt;

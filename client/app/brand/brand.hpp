@@ -31,26 +31,26 @@ struct UninstallEntry {
   std::string icon;
 };
 
-// Returns for a name of 1 to 64 bytes that can also be a folder's on every platform. Fails with
+// Accepts only a name of 1 to 64 bytes that can also be a folder's on every platform. Fails with
 // "invalid_native_package".
 void validate_brand_name(std::string_view name);
 
-// Returns for the bytes of an .ico file, as far as its first bytes tell. Fails with "invalid_native_package".
+// Accepts only bytes that begin as an .ico file does and are long enough for one. Fails with "invalid_native_package".
 void validate_brand_icon(std::string_view bytes);
 
-// Returns the brand of an object of exactly four keys. Fails with "invalid_native_package" and as
-// validate_identifier does.
+// Returns the brand of an object of exactly four keys. Fails with "invalid_native_package", and for its ID with
+// "invalid_identity" or "unsafe_path".
 Brand parse_brand(const Json& document);
 
 // Returns the object that parse_brand reads.
 Json brand_json(const Brand& brand);
 
-// Returns the brand in the installation record below `root`; none where the record is missing, damaged or
-// without a brand. Never fails for what stands there.
+// Returns the brand in the installation record below `root`; none where the record is missing, damaged or without a
+// brand. Never fails for the content of the folder.
 std::optional<Brand> installed_brand(const std::filesystem::path& root);
 
-// Makes the brand of the installation in `root`, if it has one, that of the process: its name, its theme
-// and its icon. Fails only as use_installed_theme does.
+// Makes the brand of the installation in `root`, if it has one, that of the process: its name, its theme and its icon.
+// Fails only for a theme that cannot be used, as use_installed_theme does; the name is then set all the same.
 void use_installed_brand(const std::filesystem::path& root);
 
 // Returns where the icon of a branded installation lies.
@@ -69,8 +69,8 @@ std::string branded(std::string_view text);
 // Returns the key of the installation's uninstall entry: "Ravok", or "Ravok." and the brand's id.
 std::string uninstall_entry_key(const std::optional<Brand>& brand);
 
-// Lists the installation for removal, and takes it from the list, on platforms with such a list; does
-// nothing on Linux and macOS.
+// Put the installation on the platform's list of programs that the user may remove, and take it off again. Linux and
+// macOS have no such list: there, both do nothing.
 void register_uninstall_entry(const UninstallEntry& entry);
 void remove_uninstall_entry(std::string_view key);
 

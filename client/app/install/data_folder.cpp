@@ -18,7 +18,7 @@ constexpr std::chrono::milliseconds pause(100);
 
 using Clock = std::chrono::steady_clock;
 
-// The waiting of one operation, up to its deadline.
+// How long one operation waits for others: until its deadline.
 class Patience {
  public:
   Patience(std::chrono::milliseconds timeout, const Cancellation& cancellation)
@@ -51,7 +51,8 @@ class Patience {
   const Cancellation& cancellation_;
 };
 
-// The leases of versions; none where their folder, or one above it, is missing or no plain directory.
+// Returns the names of the leases of versions: none where their folder, or one above it, is missing or not a plain
+// directory.
 std::vector<std::string> lease_names(const DataPaths& paths) {
   const LauncherPaths launcher(paths.launcher);
   std::optional<HeldDirectory> directory = HeldDirectory::open(paths.root);
@@ -63,7 +64,7 @@ std::vector<std::string> lease_names(const DataPaths& paths) {
       }
     }
   } catch (const Error&) {
-    // What may not be looked into counts as no folder of leases.
+    // A folder that may not be opened counts as one without leases.
     return {};
   }
   directory = directory->find_directory(name_of(launcher.version_leases));

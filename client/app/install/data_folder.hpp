@@ -14,31 +14,32 @@
 
 namespace ravok {
 
-// Asks whether the running operation is to stop. The callbacks must outlive it.
+// Asks whether the user wants the running operation to stop. The callbacks must outlive the object.
 class Cancellation {
  public:
   explicit Cancellation(const NativeSetupCallbacks& callbacks) : callbacks_(callbacks) {}
-  // Fails with "cancelled" when it is.
+  // Fails with "cancelled" when the user wants that.
   void check() const;
 
  private:
   const NativeSetupCallbacks& callbacks_;
 };
 
-// Returns a user's choice of a data folder in absolute, normal form; it need not exist. Fails with
-// "unsafe_path" for a file system's root, a path with a separator at its end, and a link.
+// Returns a user's choice of a data folder in absolute, normal form; it need not exist. Fails with "unsafe_path" for an
+// empty or too long path, a file system's root, a path with a separator at its end, and a link.
 std::filesystem::path data_folder(const std::filesystem::path& path);
 
-// Returns the folder of an installation that is not told another: the user's data root or, for a brand, a
-// folder of its name beside it. Fails as user_data_root does.
+// Returns the folder of an installation for which the user names no other: the user's data root or, for a brand, a
+// folder of its name beside it. Fails with "user_path" as user_data_root does.
 std::filesystem::path default_install_folder(const std::optional<Brand>& brand);
 
 // Whether `path` is `base` or lies below it, by the text alone.
 bool within(const std::filesystem::path& path, const std::filesystem::path& base);
 
-// Waits until nothing runs from the folder and returns the lock that keeps it so: that of the bootstrap, with
-// no lease of a version held by anybody. Asks every 100 milliseconds, for at most `timeout`. Fails with
-// "ravok_running", "cancelled", and as the locks do.
+// Waits until nothing runs from the folder, which is when nobody holds the lock of the bootstrap or the lease of a
+// version. Returns the lock of the bootstrap, which keeps it so. Asks every 100 milliseconds, for at most `timeout`.
+// Fails with "ravok_running" when the time is over, with "cancelled", and as NativeFileLock and FileLock do for a lock
+// that cannot be used ("lock_failed").
 std::unique_ptr<NativeFileLock> wait_for_ravok_closed(const DataPaths& paths, std::chrono::milliseconds timeout,
                                                       const Cancellation& cancellation);
 

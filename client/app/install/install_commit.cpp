@@ -23,7 +23,7 @@ constexpr std::array<const char*, 6> update_traces = {"bootstrap-update",       
                                                       "bootstrap-downloads",       "bootstrap-update.json",
                                                       "bootstrap-update.rejected", "bootstrap-old-files"};
 
-// Gives a prepared tree its place; what is there goes aside.
+// Moves aside what is at the place, and moves a prepared tree there.
 void put_in_place(const HeldDirectory& from, const std::string& prepared, const HeldDirectory& to,
                   const std::string& place, const HeldDirectory& staging, const std::string& aside) {
   if (to.type_of(place)) {
@@ -42,14 +42,14 @@ void require_no_directory(const HeldDirectory& directory, const std::filesystem:
           "Setup cannot write " + path_utf8(record) + ": a directory has that name; move it away and try again");
 }
 
-// What is moved to another directory must be writable for its owner. Another user's is not this run's to change.
+// A directory must be writable for its owner to be moved to another. This run does not change another user's directory.
 void make_movable(const HeldDirectory& directory, const std::filesystem::path& tree) {
   require(directory.make_movable(name_of(tree)), "unsafe_path",
           "Setup cannot replace " + path_utf8(tree) + ": it belongs to another user; move it away and try again");
 }
 
-// Only what this run has prepared may lie in the scratch tree: what of a former one could not be removed would keep the
-// marker up.
+// Accepts only a scratch tree that holds nothing but what this run has prepared. Remains that a former run could not
+// remove would keep this one from removing the marker.
 void require_no_remains(const HeldDirectory& staging) {
   constexpr std::array<std::string_view, 3> prepared = {"bootstrap", "launcher-root", "trust"};
   for (const std::string& name : staging.names()) {
@@ -138,8 +138,8 @@ class Commit {
     put_in_place(staging_, "theme", native_, place, staging_, "old-theme");
   }
 
-  // Removes the former trees one by one, so that one that resists keeps none of the others; the removal of the whole
-  // folder then names it.
+  // Removes the former trees one by one, so that a tree that cannot be removed does not keep the others. The removal of
+  // the whole folder then fails and names it.
   void remove_staging() const {
     for (const char* name : old_trees) {
       staging_.remove_tree_quietly(name);

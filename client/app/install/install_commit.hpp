@@ -1,5 +1,6 @@
-// The visible step of an install or repair: what has been prepared aside takes its place. The marker is up before the
-// first change; the record comes last, and the marker goes only after the scratch tree.
+// The visible step of an install or repair, which puts what was prepared in its place. The marker is written before the
+// first change. After the last change come the record, the removal of the scratch tree and the removal of the marker,
+// in this order.
 #pragma once
 
 #include "app/install/data_folder.hpp"
@@ -22,16 +23,18 @@ struct InstallFolders {
   const HeldDirectory& staging;  // with "bootstrap", "launcher-root" and "trust" in it, as the plan asks for them
 };
 
-// Proves that a commit can go through: that the folders are still in place, that no directory has the name of a
-// record, that no volume is mounted in a tree that is to be replaced, that such a tree is this user's, and that no
-// remains of a former run lie in the scratch tree. Links and files that have the name of a record or a tree are no
-// obstacle: the commit replaces the link or the file, and not what a link leads to. Changes nothing but the mode of
-// trees that their owner could not move. Fails with "unsafe_path", and names what is in the way.
+// Accepts only folders in which a commit can go through: they are still in place, no directory has the name of a
+// record, no volume is mounted in a tree that is to be replaced, such a tree is this user's, and no remains of a former
+// run lie in the scratch tree. A link or a file that has the name of a record or a tree is no obstacle: the commit
+// replaces it, and not what a link leads to. Changes nothing but the mode of trees that their owner could not move.
+// Fails with "unsafe_path", and names what is in the way.
 void require_clear_way(const InstallFolders& folders, const DataPaths& paths, const NativePackage& package,
                        const InstallPlan& plan);
 
-// Carries the plan out. Where the file system cannot move a former tree aside, as that of a container's lower layer,
-// that is removed in its place. Fails as HeldDirectory does; the marker then stays, and a repair goes on from there.
+// Carries the plan out. A former tree that the file system cannot move aside, such as one in the lower layer of a
+// container, is removed instead. Fails with "insufficient_space", "file_write", "file_sync", "file_remove" or
+// "unsafe_path" as HeldDirectory does; the marker then stays, unless only the flush after its removal failed, and a
+// repair goes on from there.
 void commit_install(const InstallFolders& folders, const DataPaths& paths, const NativePackage& package,
                     const InstallPlan& plan);
 

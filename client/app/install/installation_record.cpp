@@ -40,7 +40,7 @@ std::string present_time() {
   return {text.data(), static_cast<std::size_t>(size)};
 }
 
-// Reads a small record; whatever is wrong with its text has one form.
+// Reads a small record. Whatever is wrong with its text, the failure has one code and names the file.
 template <typename Take>
 auto read_record(const std::filesystem::path& path, const std::string& malformed, Take take) {
   try {
@@ -52,13 +52,13 @@ auto read_record(const std::filesystem::path& path, const std::string& malformed
   } catch (const std::bad_alloc&) {
     throw;
   } catch (const std::exception&) {
-    // The same as what follows.
+    // Fails below, as for an Error.
   }
   fail(unsupported, malformed + path_utf8(path));
 }
 
 bool is_record(const Json& document, const char* kind) {
-  return is_integer(document.at("schema_version"), 1) && document.at("kind") == kind;
+  return is_integer(document.at("schema_version"), 1) && is_text(document.at("kind"), kind);
 }
 
 SetupOutcome parse_outcome(const Json& document) {
@@ -67,7 +67,7 @@ SetupOutcome parse_outcome(const Json& document) {
           text_at(document, "finished_at")};
 }
 
-// The build that is active, or waits to be tried; empty where the store cannot tell.
+// Returns the build that is active or waits to be tried, or an empty text where the store cannot tell.
 std::string launcher_build(const DataPaths& paths) {
   try {
     const Json status = LauncherStore::existing(paths.root)->status();
@@ -110,8 +110,8 @@ bool is_recorded(const DataPaths& paths) {
 }  // namespace
 
 InstallationState installation_state(const DataPaths& paths) {
-  // A setup that runs beside has its marker up before the record changes and until after. So the marker is looked at
-  // after the record, and again after every later look at the record.
+  // Another setup may be running. It has its marker up from before it changes the record until after that. So the
+  // marker is looked at after the record, and again after every later look at the record.
   bool recorded = is_recorded(paths);
   while (!is_there(paths.incomplete_marker)) {
     const auto native = link_status_of(paths.native);
@@ -157,7 +157,7 @@ void write_status(const DataPaths& paths, std::string_view action, std::string_v
       HeldDirectory::open_private(paths.native).write(name_of(paths.status_record), document.dump());
     }
   } catch (const std::exception&) {
-    // The outcome stays what it is, recorded or not.
+    // The setup ended as it did, whether or not that can be recorded.
   }
 }
 
@@ -182,7 +182,7 @@ NativeInstallStatus installation_status(const DataPaths& paths) {
   try {
     return status_of_folder(paths);
   } catch (const Error&) {
-    // A setup that runs beside may have begun to take away what was still complete.
+    // Another setup may have begun to remove what was complete a moment ago.
     if (installation_state(paths) == InstallationState::complete) {
       throw;
     }

@@ -1,5 +1,5 @@
-// What a data folder says of its installation: the record that is written last in every commit, the one of how
-// the last setup ended, and what both amount to.
+// What a data folder says of its installation: the record that every commit writes last, the record of how the last
+// setup ended, and the status that follows from both.
 #pragma once
 
 #include <cstdint>
@@ -39,36 +39,40 @@ struct NativeInstallStatus {
   Json to_json() const;
 };
 
-// What a data folder is, by its marker and its record alone.
+// The state of a data folder, by its marker and its record alone.
 enum class InstallationState {
   none,
   complete,
   interrupted,  // a setup has begun and not ended
 };
 
-// Fails with "permissions" or "file_system" for a folder that may not be looked into, and with "unsafe_path" where a
-// link has the place of the folder "native", unless the marker is there: no link is followed.
+// Returns the state of a folder, and follows no link for it. Fails with "permissions" or "file_system" for a folder
+// that may not be looked into, and with "unsafe_path" where a link has the place of the folder "native" and there is no
+// marker.
 InstallationState installation_state(const DataPaths& paths);
 
-// Returns what a data folder says of itself; writes nothing and takes no lock. Fails with "unsupported_schema",
-// "shortcut_ledger", and as installation_state and current_bootstrap do.
+// Returns what a data folder says of itself; writes nothing and takes no lock. Fails with "unsupported_schema" for a
+// record that cannot be read or understood, with "shortcut_ledger" for such a ledger, and as installation_state and
+// current_bootstrap do.
 NativeInstallStatus installation_status(const DataPaths& paths);
 
-// Fails with "unsupported_schema" unless the installation record is one of this kind and version.
+// Accepts only an installation record of this kind and version. Fails with "unsupported_schema".
 void check_installation(const DataPaths& paths);
 
-// Writes the record of a finished installation of a package into its folder "native". Fails as HeldDirectory::write
-// does.
+// Writes the record of a finished installation of a package into its folder "native". Fails with "insufficient_space",
+// "file_write" or "file_sync" as HeldDirectory::write does.
 void write_installation(const HeldDirectory& native, const NativePackage& package);
 
 // Records how a setup ended, as far as that can be done: never fails.
 void write_status(const DataPaths& paths, std::string_view action, std::string_view outcome,
                   std::string_view message) noexcept;
 
-// Returns the manifest of the installed bootstrap. Fails as read_file, parse_json and the parser do.
+// Returns the manifest of the installed bootstrap. Fails with "file_read" for a missing one, and as read_file,
+// parse_json and SnapshotManifest::parse do ("unsafe_path", "invalid_json", "invalid_manifest").
 SnapshotManifest current_bootstrap(const DataPaths& paths);
 
-// Returns what a shortcut should start. Fails as current_bootstrap and safe_join do.
+// Returns the path of the program that a shortcut should start. Fails as current_bootstrap does, and with "unsafe_path"
+// for a link on the way to the program.
 std::filesystem::path shortcut_bootstrap(const DataPaths& paths);
 
 // Returns whether an update of the bootstrap waits for the next start.

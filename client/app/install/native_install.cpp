@@ -35,7 +35,8 @@ std::string not_installed_in(const std::filesystem::path& root) {
   return "Ravok is not installed in " + path_utf8(root);
 }
 
-// Whether a folder without an installation, whole or interrupted, may take one: it is empty, or an earlier data folder.
+// Whether a folder that holds no installation, whole or interrupted, may take one: it must be empty, or an earlier data
+// folder.
 bool may_take_installation(const DataPaths& paths) {
   const auto status = link_status_of(paths.root);
   if (!status || !is_directory(*status)) {
@@ -49,7 +50,7 @@ bool may_take_installation(const DataPaths& paths) {
          std::all_of(names.begin(), names.end(), [&](const auto& name) { return name == name_of(paths.setup_lock); });
 }
 
-// Whether the work proves something whole: a failure means that it is not.
+// Whether the work finds a part whole. A failure of any kind means that the part is to be replaced.
 template <typename Work>
 bool proves_whole(Work work) {
   try {
@@ -73,7 +74,7 @@ HeldDirectory require_plain(const HeldDirectory& directory, const std::filesyste
 }
 
 void verify_bootstrap(const DataPaths& paths, const HeldDirectory& native) {
-  // Images that were in use when an update replaced them.
+  // An update leaves these behind: images that were in use when it replaced them.
   require_plain(native, paths.bootstrap_directory.filename()).remove_matching_quietly([](const auto& name) {
     return std::filesystem::path(name).extension() == ".old";
   });
@@ -127,7 +128,7 @@ class Installation {
  private:
   const char* action() const { return request_.repair ? "repair" : "install"; }
 
-  // Tells of a phase, and hears whether the user wants it to stop.
+  // Returns what reports the progress of a phase, and ends it when the user wants it to stop.
   ProgressCallback progress(std::string_view phase) const {
     return [this, phase](std::uint64_t done, std::uint64_t total) {
       if (callbacks_.progress) {
@@ -163,7 +164,7 @@ class Installation {
     }
   }
 
-  // What the folder was before the lock was held, another setup may have changed.
+  // Another setup may have changed the folder before this one held the lock, so its state is looked at again.
   void require_state_still() {
     root_was_missing_ = root_was_missing_ && is_missing(paths_.native);
     require_state();
@@ -236,7 +237,7 @@ class Installation {
     setup_lock_.reset();
   }
 
-  // Never fails: the caller is to hear of what it is called for.
+  // Never fails, so that the caller learns of the failure that this is called for.
   void give_up(const Error& error) noexcept {
     if (request_.repair) {
       release_locks();
@@ -244,25 +245,25 @@ class Installation {
       return;
     }
     try {
-      // Under the lock still, so that nobody else's beginning is taken for what this run has left.
+      // The lock is still held, so that this does not remove what another setup has begun.
       discard_failed_install();
     } catch (const std::exception&) {
-      // What is left, the next install takes away.
+      // The next install removes what is left.
     }
     release_locks();
   }
 
-  // Takes away what this run has made, in the folders that it has proved and no others.
+  // Removes what this run has made, and only in the folders that it has proved.
   void discard_failed_install() {
     if (!setup_lock_) {
-      // Of what is in the folder, nothing is this run's; an empty one may be.
+      // This run has made nothing in the folder, but perhaps the folder itself, which is then empty.
       if (root_was_missing_) {
         root_->remove_itself_quietly();
       }
       return;
     }
     if (root_was_missing_) {
-      // What has its record is an installation, whatever has failed behind it.
+      // A folder with a record is an installation, whatever failed after the record was written.
       if (!native_ || !native_->type_of(name_of(paths_.installation_record))) {
         const std::string lock = name_of(paths_.setup_lock);
         for (const std::string& name : root_->names()) {
@@ -270,7 +271,7 @@ class Installation {
             root_->remove_tree_quietly(name);
           }
         }
-        // Last, since without its file the lock excludes nobody.
+        // The lock's file goes last, since without it the lock excludes nobody.
         root_->remove_quietly(lock);
         root_->remove_itself_quietly();
       }
@@ -284,10 +285,10 @@ class Installation {
       if (native_) {
         root_->remove_tree_quietly(native);
       } else if (root_->type_of(native) == EntryType::directory) {
-        // This run may have made it without proving it, so it goes only if it is empty.
+        // This run may have made the folder without proving it, so it is removed only if it is empty.
         root_->remove_quietly(native);
       }
-      // Still held, since without its file a lock excludes nobody.
+      // The locks are held until their files are gone, since without its file a lock excludes nobody.
       root_->remove_quietly(name_of(paths_.bootstrap_lock));
       root_->remove_quietly(name_of(paths_.setup_lock));
     }
@@ -297,14 +298,14 @@ class Installation {
   void make_shortcuts(NativeInstallResult& result) const {
     try {
       result.shortcuts = with_system_failures([&] { return shortcuts(); });
-      // A first install that was cut short has made none, and a repair makes only those again that are recorded.
+      // A first install that was cut short has made no shortcut, and a repair makes only recorded ones again.
       result.shortcut_missing = request_.repair && has_own_shortcut() && owned_native_shortcuts(paths_.root).empty();
     } catch (const Error& error) {
       result.shortcut_problem = error.what();
     }
   }
 
-  // The front end of a featured game makes that game's own.
+  // The front end of a branded client with a featured game makes that game's shortcut instead.
   bool has_own_shortcut() const { return !package_.brand || !package_.featured_game; }
 
   std::vector<std::filesystem::path> shortcuts() const {

@@ -33,7 +33,7 @@ struct NativeInstallResult {
   std::string shortcut_problem;                  // empty if none
   bool shortcut_missing = false;                 // after a repair: the client has no shortcut, and could have one
 
-  // With "shortcut_missing" only where that is so.
+  // Returns the document of the result. It has the key "shortcut_missing" only where its value is true.
 
   Json to_json() const;
 };
@@ -56,33 +56,39 @@ struct NativeUninstallResult {
 
 class NativeInstaller {
  public:
-  // Makes an installation out of a sealed package, or repairs one: what proves whole is kept, and the player's
-  // data is never touched. The client must be closed. A failed install takes away what it has made; a failed
-  // repair is recorded. Fails with "unsafe_path", "not_installed", "already_installed", "unsupported_schema",
-  // "busy", "ravok_running", "cancelled", and as reading the package, unpacking and writing do.
+  // Makes an installation out of a sealed package, or repairs one. A repair keeps the parts that prove whole, and
+  // neither touches the player's data. The client must be closed. A failed install removes what it has made; one that
+  // fails in its commit may leave a folder that a repair or another install finishes. A failed repair is recorded.
+  // Fails with "unsafe_path", "not_installed", "already_installed", "unsupported_schema", "busy", "ravok_running",
+  // "cancelled"; with "native_install_trust", "content_mismatch", "invalid_native_package" and the other codes of
+  // read_native_package; with "insufficient_space" and "file_write"; and as extract_snapshot, TufClient::initialize and
+  // commit_install do.
   static NativeInstallResult install(const NativeInstallRequest& request, std::string_view seal,
                                      const NativeSetupCallbacks& callbacks);
 
-  // Puts the first launcher into the store of a new data root. Fails as LauncherStore::seed_initial does.
+  // Puts the first launcher into the store of a new data root. Fails with "already_installed", "launcher_incompatible",
+  // "insufficient_space" and the other codes of LauncherStore::seed_initial.
   static void seed_launcher(const std::filesystem::path& root, std::string_view manifest_json,
                             const std::filesystem::path& archive, const ProgressCallback& progress);
 
-  // Returns what a data folder says of itself; writes nothing and takes no lock. Fails with
-  // "unsupported_schema", "shortcut_ledger", and as data_folder and current_bootstrap do.
+  // Returns what a data folder says of itself; writes nothing and takes no lock. Fails with "unsafe_path" as
+  // data_folder does, and as installation_status does ("unsupported_schema", "shortcut_ledger", "permissions").
   static NativeInstallStatus status(const std::filesystem::path& data_root);
 
-  // Removes an installation, whole or interrupted, and keeps the player's data unless told otherwise. Fails
-  // with "not_installed", "busy", "ravok_running" or "cancelled" before anything has changed; and afterwards
-  // with "file_remove" and as atomic_write does, which leaves a folder that a second call finishes.
+  // Removes an installation, whole or interrupted, and keeps the player's data unless the request says otherwise. Fails
+  // with "not_installed", "busy", "ravok_running", "cancelled" or "unsafe_path" before anything has changed. Once it
+  // has begun, it may still fail with "file_remove", "file_sync" and the other codes of HeldDirectory; a second call
+  // then finishes the removal.
   static NativeUninstallResult uninstall(const NativeUninstallRequest& request, const NativeSetupCallbacks& callbacks);
 
-  // Makes a shortcut for the client or a game, and returns its path. An empty name or path stands for the
-  // default one. Fails with "not_installed" and as create_owned_native_shortcut does.
+  // Makes a shortcut for the client or a game, and returns its path. An empty name or path stands for the default one.
+  // Fails with "not_installed", and as create_owned_native_shortcut does ("native_install_incomplete", "shortcut_path",
+  // "shortcut_ledger").
   static std::filesystem::path create_shortcut(const std::filesystem::path& data_root, const std::string& game,
                                                const std::string& name, const std::filesystem::path& path);
 
-  // Removes the shortcuts of an installation. Fails with "not_installed" and as remove_owned_native_shortcuts
-  // does.
+  // Removes the shortcuts of an installation. Fails with "not_installed", and as remove_owned_native_shortcuts does
+  // ("shortcut_ledger", "file_remove", "file_sync").
   static ShortcutRemoval remove_shortcuts(const std::filesystem::path& data_root);
 };
 

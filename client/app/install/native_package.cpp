@@ -48,7 +48,7 @@ struct BrandResources {
   std::optional<ThemeResources> theme;
 };
 
-// Gives every failure that is not the system's own one form.
+// Turns every exception other than an Error and a lack of memory into one failure.
 template <typename Work>
 auto read_sealed(Work work) {
   try {
@@ -149,7 +149,7 @@ BrandResources parse_descriptor_brand(const Json& descriptor) {
   return resources;
 }
 
-// Of a descriptor whose brand was parsed.
+// Returns the brand's icon of a descriptor whose brand was parsed.
 std::optional<Resource> parse_brand_icon(const Json& descriptor, const BrandResources& resources) {
   if (!resources.brand || !resources.brand->icon) {
     return std::nullopt;
@@ -172,7 +172,7 @@ std::optional<FeaturedGame> parse_featured_game(const Json& descriptor) {
   return featured;
 }
 
-// A theme's files as its parser asks for them.
+// Returns a reader that gives a theme's parser the files that it asks for.
 ThemeReader reader_of(const std::vector<std::pair<std::string, std::string>>& files) {
   return [&files](const std::string& name, std::uint64_t limit) {
     const auto file = std::find_if(files.begin(), files.end(), [&](const auto& entry) { return entry.first == name; });
@@ -240,7 +240,8 @@ class PackageReader {
   }
 
  private:
-  // A separator or a dot at the end of a path would lead through a link there.
+  // A separator or a dot at the end of the path would lead through a link there. So this is asked of the path as it was
+  // given, and again of its normal form without a separator.
   static void require_directory(const std::filesystem::path& path) {
     const auto status = link_status_of(path);
     require(status && is_directory(*status), invalid, "Choose an initial package directory");
@@ -258,9 +259,9 @@ class PackageReader {
     }
     require_fields(descriptor_, {"schema_version", "kind", "platform", "origin", "root", "ca_bundle",
                                  "bootstrap_manifest", "launcher_manifest"});
-    require(is_integer(descriptor_.at("schema_version"), 1) && descriptor_.at("kind") == "ravok-initial-package",
+    require(is_integer(descriptor_.at("schema_version"), 1) && is_text(descriptor_.at("kind"), "ravok-initial-package"),
             "unsupported_schema", "Unsupported initial package schema");
-    require(descriptor_.at("platform") == native_platform(), "launcher_incompatible",
+    require(is_text(descriptor_.at("platform"), native_platform()), "launcher_incompatible",
             "This package is for another platform");
     package_.origin = text_at(descriptor_, "origin");
     require_plain_origin(package_.origin);
@@ -330,7 +331,7 @@ class PackageReader {
       require(names.insert(resource.path).second, invalid, "Initial package resources overlap");
     }
     std::size_t count = 0;
-    // One name more than there may be is enough to refuse.
+    // Listing one name more than the package may hold is enough to refuse it.
     for (const std::string& name : names_of(package_.directory, names.size() + 1)) {
       const auto status = link_status_of(package_.directory / name);
       const bool expected = ++count <= names.size() && status && is_file(*status) && names.contains(name);
@@ -339,7 +340,7 @@ class PackageReader {
     require(count == names.size(), invalid, "Initial package is missing a resource");
   }
 
-  // Digests also what was read before, so that a file that changes between the steps is found.
+  // Digests every resource, also those that were read before, so that a file that changes between the steps is found.
   void require_resources(const ProgressCallback& progress) const {
     std::uint64_t total = 0;
     for (const Resource& resource : resources_) {

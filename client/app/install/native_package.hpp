@@ -1,6 +1,6 @@
-// The sealed package of a first installation, which needs no network: a descriptor whose digest the
-// installer was built for, and a flat set of resources that it names by length and digest. Anything
-// missing, changed or beyond that is refused.
+// The sealed package of a first installation, which needs no network: a descriptor whose digest the installer was built
+// for, and a flat set of resources that the descriptor names by length and digest. A resource that is missing, changed
+// or not named is refused.
 #pragma once
 
 #include <cstdint>
@@ -21,7 +21,7 @@
 
 namespace ravok {
 
-// What the parts of a package are called and may measure, in bytes.
+// The names of a package's parts, and the most bytes that each may have.
 namespace package_limits {
 
 inline constexpr const char* descriptor_name = "initial-package.json";
@@ -42,7 +42,7 @@ struct FeaturedGame {
 };
 
 struct NativePackage {
-  // The theme as it is sealed: its definition and its files by their names.
+  // A theme in its sealed form: its definition and its files by their names.
   struct SealedTheme {
     std::string definition;
     std::vector<std::pair<std::string, std::string>> files;
@@ -67,16 +67,16 @@ struct NativePackage {
   std::optional<SealedTheme> theme;
 };
 
-// Returns the package in a directory, with every resource proved against the seal, 64 characters of
-// lower-case hexadecimal. `progress`, which may be empty, is told of the bytes digested. Fails with
-// "native_install_trust" for a wrong seal, "invalid_native_package", "content_mismatch", "size_limit",
-// "unsupported_schema", "launcher_incompatible", "invalid_origin", "expired_metadata", "cancelled", and as the readers
-// of its documents do.
+// Returns the package in a directory, with every resource proved against the seal, 64 characters of lower-case
+// hexadecimal. `progress`, which may be empty, is told of the bytes digested. Fails with "native_install_trust" for a
+// wrong seal, "invalid_native_package", "content_mismatch", "size_limit", "unsupported_schema",
+// "launcher_incompatible", "invalid_origin", "expired_metadata", "cancelled", and as the readers of its documents do
+// ("invalid_json", "invalid_manifest", "invalid_theme", "signature_threshold").
 NativePackage read_native_package(const std::filesystem::path& path, std::string_view seal,
                                   const ProgressCallback& progress);
 
-// Return what a front end shows before the installation begins, of the sealed descriptor and only the
-// resources concerned. Fail as read_native_package does for those.
+// Return what a front end shows before the installation begins. Prove the descriptor and the resources that they
+// return, and nothing else; fail as read_native_package does for those.
 std::optional<Brand> package_brand(const std::filesystem::path& path, std::string_view seal);
 std::optional<Theme> package_theme(const std::filesystem::path& path, std::string_view seal);
 std::optional<std::string> package_brand_icon(const std::filesystem::path& path, std::string_view seal);

@@ -1,5 +1,5 @@
-// The removal of an installation, which may be carried out by a program that lies in it: the marker goes up
-// first, so that a half-removed folder never starts, and goes last.
+// The removal of an installation, perhaps by a program that lies in it. The marker is written first, so that a
+// half-removed folder never starts, and removed last.
 
 #include <algorithm>
 #include <memory>
@@ -56,7 +56,7 @@ class Removal {
     for (const std::string& name : names) {
       remove_child(root, name);
     }
-    // Still under the locks, so that nobody begins an installation in a folder that is about to go.
+    // The locks are still held, so that nobody begins an installation in a folder that is about to go.
     remove_traces(root);
     if (!result_.deferred.empty()) {
       native_files::remove_after_exit(trash_);
@@ -73,15 +73,15 @@ class Removal {
     }
   }
 
-  // Ends the installation as such; what remains are files.
+  // Ends the installation: what remains are files that belong to nothing.
   void withdraw(const HeldDirectory& root) {
     write_setup_marker(root);
     std::optional<Brand> brand;
-    // A link in its place is removed with the rest, and what it leads to is not looked at.
+    // A link in the place of this folder is removed with the rest, without a look at what it leads to.
     if (const auto native = root.find_directory(name_of(paths_.native))) {
       brand = installed_brand(paths_.root);
       native->remove(name_of(paths_.installation_record));
-      // The record is not to outlive the marker.
+      // A power cut must not bring the record back once the marker is gone.
       native->flush();
     }
     remove_uninstall_entry(uninstall_entry_key(brand));
@@ -92,7 +92,8 @@ class Removal {
     }
   }
 
-  // Shortcuts never stop an uninstall. Where it is not known which there are, the default one may be left.
+  // Shortcuts never stop an uninstall. Where the ledger does not tell which there are, the default one is reported if
+  // it is there.
   void tell_of_default_shortcut() {
     try {
       const std::filesystem::path entry = native_menu_entry(paths_.root, "", product_name());
@@ -100,7 +101,7 @@ class Removal {
         result_.changed_shortcuts.push_back(entry);
       }
     } catch (const Error&) {
-      // There is no place for one.
+      // There is no menu folder, and so no shortcut in it.
     }
   }
 
@@ -129,11 +130,11 @@ class Removal {
       // So that a power cut does not bring the marker back after success was reported.
       root.flush();
     } catch (const Error&) {
-      // All is gone; a marker that comes back asks for nothing but another uninstall.
+      // Everything is removed. If a power cut brings the marker back, another uninstall removes it.
     }
-    // Last, since without its file the lock excludes nobody.
+    // The lock's file goes last, since without it the lock excludes nobody.
     root.remove_quietly(name_of(paths_.setup_lock));
-    // With something in it, it stays.
+    // A folder that still holds something stays.
     root.remove_itself_quietly();
   }
 

@@ -11,7 +11,7 @@ namespace ravok {
 
 inline constexpr std::size_t seal_characters = 64;
 
-// Where the seal lies in an installer's image, found by its mark. Without a seal, it holds no digest.
+// The place of the seal in an installer's image, found by its mark. Without a seal, it holds no digest.
 struct PackageSealSlot {
   std::array<char, 24> mark;
   std::array<char, seal_characters> seal;
@@ -19,7 +19,7 @@ struct PackageSealSlot {
 
 inline constexpr std::string_view package_seal_mark = "ravok initial package = ";
 
-// Returns a slot that holds the text as its seal, cut or filled to its size.
+// Returns a slot that holds the text as its seal, cut to its size or filled up with "-".
 constexpr PackageSealSlot make_seal_slot(std::string_view seal) {
   PackageSealSlot slot{};
   for (std::size_t i = 0; i < slot.mark.size(); ++i) {

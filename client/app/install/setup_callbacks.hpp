@@ -1,4 +1,4 @@
-// How long operations of setup report, and how they learn that the user wants them to stop.
+// How long operations of setup report their progress, and learn that the user wants them to stop.
 #pragma once
 
 #include <cstdint>
@@ -8,10 +8,9 @@
 namespace ravok {
 
 struct NativeSetupCallbacks {
-  // Told the phase ("verifying", "installing" or "removing") and how much of how much is done.
-  // May be empty: then nobody listens.
+  // Told the phase ("verifying", "installing" or "removing"), and how much of how much is done. May be empty.
   std::function<void(std::string_view phase, std::uint64_t done, std::uint64_t total)> progress;
-  // Answers true once the user has asked to stop. May be empty: then nobody can.
+  // Answers true once the user has asked to stop. May be empty.
   std::function<bool()> cancelled;
 };
 

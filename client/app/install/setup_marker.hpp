@@ -5,7 +5,8 @@
 
 namespace ravok {
 
-// Puts the marker of a data folder up, durably. Fails as HeldDirectory::write does.
+// Puts the marker of a data folder up, durably. Fails with "insufficient_space", "file_write" or "file_sync" as
+// HeldDirectory::write does.
 void write_setup_marker(const HeldDirectory& root);
 
 // Takes the marker away. Fails with "file_remove".

@@ -1,4 +1,4 @@
-// The standard library's file operations tell of failures in their own way; setup knows only one.
+// Turns the failures of the standard library's file operations into failures of setup.
 #pragma once
 
 #include <filesystem>
@@ -7,7 +7,7 @@
 
 namespace ravok {
 
-// Returns what `work` does; the file system's own failures become those of the system, with the code
+// Returns what `work` returns. A failure of the standard library's file operations becomes one with the code
 // "file_system".
 template <typename Work>
 auto with_system_failures(Work work) {

@@ -61,7 +61,7 @@ void reference_shape(const Json& value) {
 }
 
 void require_document(const Json& document) {
-  require(is_integer(document.at("schema_version"), 1) && document.at("format") == format, "unsupported_schema",
+  require(is_integer(document.at("schema_version"), 1) && is_text(document.at("format"), format), "unsupported_schema",
           "Unknown launcher state was preserved");
   positive_version(document.at("generation"));
   for (const char* key : {"active", "rollback", "candidate"}) {
@@ -89,7 +89,7 @@ Json make_reference(std::string sha256, std::string build_id) {
   return {{"manifest_sha256", std::move(sha256)}, {"build_id", std::move(build_id)}};
 }
 
-// One form of the root for whatever form it is given in.
+// Returns the one form of a root, in whatever form it is given.
 std::filesystem::path ordinary_root(const std::filesystem::path& path) {
   const std::filesystem::path canonical =
       std::filesystem::weakly_canonical(std::filesystem::absolute(path)).lexically_normal();
@@ -188,7 +188,7 @@ Json LauncherStore::selection() const {
       throw;
     }
   } catch (const Json::exception&) {
-    // As unusable as the others.
+    // As unusable as a document that is refused by one of these codes.
   }
   return nullptr;
 }
@@ -265,7 +265,7 @@ Json LauncherStore::fallback_active() const {
     } catch (const std::bad_alloc&) {
       throw;
     } catch (const std::exception&) {
-      // Not a version that could be started.
+      // Without a whole manifest, this version could not be started.
     }
   }
   require(!best.is_null(), "launcher_missing", "No installed Ravok version could be started");
@@ -295,7 +295,7 @@ Json LauncherStore::seed_initial(std::string_view manifest_text, const std::file
   Json reference = make_reference(sha256, manifest.build_id);
   const std::filesystem::path folder = payload(reference);
   require_path_room(root_, folder.lexically_relative(root_), manifest.longest_native_path());
-  // The archive is here already, and none of it has to be downloaded.
+  // The archive lies here already, so nothing has to be downloaded.
   const Json plan = plan_install_storage(manifest, inspect_storage_volume(root_), true, 0, false);
   require_install_storage(plan.at("volume"), "launcher");
 

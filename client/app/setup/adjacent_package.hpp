@@ -1,4 +1,4 @@
-// Where the initial package lies that comes with an installer.
+// The place of the initial package that comes with an installer.
 #pragma once
 
 #include <filesystem>

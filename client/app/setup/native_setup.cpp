@@ -11,10 +11,10 @@
 namespace ravok {
 namespace {
 
-// The code of a failure that has none of its own; so short that it needs no memory.
+// The code of a failure that has none of its own. It is so short that a string holds it without memory from the heap.
 constexpr const char* failed_code = "setup_failed";
 
-// The outcome of a failure. Without memory for its words it has a code at least.
+// Returns the outcome of a failure. Without memory for the message, it has at least a code.
 NativeSetup::View failed(std::string_view code, const char* message) {
   NativeSetup::View outcome;
   try {

@@ -33,18 +33,18 @@ class NativeSetup {
   NativeSetup(const NativeSetup&) = delete;
   NativeSetup& operator=(const NativeSetup&) = delete;
 
-  // Begins a command. How it ends is told by the snapshot. Fails with "busy" while another is running, to the end of
-  // its last wake-up.
+  // Begins a command; the snapshot tells how it ends. Waits for the last wake-up of the command before. Fails with
+  // "busy" while another command is running, and when it is called by that wake-up.
   void start(SetupCommand command);
 
-  // Returns the snapshot. One that is no longer running holds the outcome.
+  // Returns the snapshot, which holds the outcome once the command is no longer running.
   View view() const;
 
   // Asks the running command to stop at its next safe point. Never blocks.
   void cancel() { cancel_requested_ = true; }
 
-  // Sets what is called after each change of the snapshot, with no lock held: on the command's own thread, or on that
-  // of start() where the system gives it none.
+  // Sets what is called after each change of the snapshot, with no lock held. The call comes on the command's own
+  // thread, or on that of start() where the system cannot give the command a thread.
   void set_wakeup(std::function<void()> wakeup);
 
  private:
@@ -56,9 +56,9 @@ class NativeSetup {
   const std::string package_seal_;
   mutable std::mutex mutex_;
   View view_;  // guarded by the mutex
-  // The same. Shared, so that the last publication needs no memory.
+  // Guarded by the mutex. Shared, so that the last publication needs no memory.
   std::shared_ptr<const std::function<void()>> wakeup_;
-  std::thread::id worker_;  // the same: the last command's thread, until it is waited for
+  std::thread::id worker_;  // guarded by the mutex: the last command's thread, until start() has waited for it
   std::atomic<bool> cancel_requested_ = false;
   std::thread thread_;
 };

@@ -33,9 +33,9 @@ struct SetupCommand {
 // Returns whether the command is install or repair, which only an installer may run.
 bool needs_package(SetupCommandKind command);
 
-// Returns the command of an argument list, which does not hold the program's name. Options and
-// the command word may stand in any order, and the last of a repeated option counts.
-// Fails with "usage", and for a bad game with the code of validate_identifier.
+// Returns the command of an argument list, which does not hold the program's name. Options and the command word may
+// stand in any order, and the last of a repeated option counts. Fails with "usage", and for a bad game with
+// "invalid_identity" or "unsafe_path".
 SetupCommand parse_setup_command(const std::vector<std::string>& arguments,
                                  const std::filesystem::path& default_data_root);
 

@@ -31,7 +31,7 @@ void print_result(std::string_view text) {
   require(write_text(stdout, text), "output_failed", "Cannot write to standard output");
 }
 
-// A failure to complain is not worth a second complaint.
+// A failure to write the message is ignored: there is no other place to report it.
 void print_problem(std::string_view message) noexcept {
   try {
     write_text(stderr, shown_text(message) + "\n");
@@ -42,7 +42,7 @@ void print_problem(std::string_view message) noexcept {
 
 void print_problem_document(const Error& error) noexcept {
   try {
-    // A message that is not UTF-8 has no form of its own in JSON.
+    // JSON cannot hold a message that is not UTF-8.
     const std::string message = is_utf8(error.what()) ? error.what() : shown_text(error.what());
     const Json document = {{"schema_version", 1}, {"problem", {{"code", error.code}, {"message", message}}}};
     write_text(stdout, document.dump() + "\n");
@@ -59,7 +59,7 @@ std::string_view phase_line(std::string_view phase) {
   return phase == "installing" ? "Installing…\n" : "Removing…\n";
 }
 
-// The brand of what is to be installed, and with it the folder unless the user chose one.
+// Takes over the brand of the package that is to be installed, and with it the folder, unless the user chose one.
 void use_package_brand(SetupCommand& command, std::string_view package_seal) {
   const std::optional<Brand> brand = package_brand(command.package, package_seal);
   if (brand) {
@@ -80,7 +80,8 @@ void choose_brand(SetupCommand& command, std::string_view package_seal) {
     try {
       use_installed_brand(command.data_root);
     } catch (const Error&) {
-      // A console shows no theme: one that is damaged, or that a setup beside is replacing, stops nothing.
+      // A console shows no theme, so a theme that is damaged, or that another setup is replacing, does not stop the
+      // command.
     }
   }
 }
@@ -125,7 +126,7 @@ NativeSetupCallbacks console_callbacks(bool json, const std::function<bool()>& c
   NativeSetupCallbacks callbacks;
   callbacks.cancelled = cancel;
   if (!json) {
-    // Copies of the callable announce each phase once between them.
+    // The copies of this callable share the text, so that together they announce each phase once.
     callbacks.progress = [announced = std::make_shared<std::string>()](std::string_view phase, std::uint64_t,
                                                                        std::uint64_t) {
       if (phase != *announced) {

@@ -15,7 +15,7 @@ namespace {
 
 constexpr std::chrono::seconds close_timeout(15);
 
-// Before anything is written: what root makes among another user's files locks that user out.
+// Keeps root, before anything is written, from making files among another user's, who could not use them.
 void require_own_folder(const SetupCommand& command) {
   constexpr const char* remedy = ", who could not use what root writes there; run this as that user, or name ";
   require(command.data_root_chosen || !foreign_home(), "user_path",
@@ -25,13 +25,14 @@ void require_own_folder(const SetupCommand& command) {
   }
 }
 
-// Why no shortcut can be made: the menu is another user's. Empty if it is not, or cannot be told.
+// Returns why no shortcut can be made, which is when the menu is another user's. Empty if it is not, or if that cannot
+// be told.
 std::string menu_problem() {
   try {
     const auto folder = foreign_folder(native_menu_directory());
     return folder ? "The application menu lies in " + path_utf8(*folder) + ", which belongs to another user" : "";
   } catch (const Error&) {
-    // The making of the shortcut says what is wrong.
+    // The attempt to make the shortcut will say what is wrong.
     return "";
   }
 }

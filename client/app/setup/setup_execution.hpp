@@ -10,9 +10,9 @@
 
 namespace ravok {
 
-// Runs a command and returns the document of its outcome. Fails with "usage" without a package that the command
-// needs, with "user_path" when root would write among another user's files, and as the operation does. Where only
-// the menu is another user's, root installs without a shortcut and says why.
+// Runs a command and returns the document of its outcome. Fails with "usage" without a package that the command needs,
+// with "user_path" when root would write among another user's files, and as the operation of NativeInstaller does.
+// Where only the menu is another user's, root installs without a shortcut and says why.
 Json run_setup_command(const SetupCommand& command, std::string_view package_seal,
                        const NativeSetupCallbacks& callbacks);
 

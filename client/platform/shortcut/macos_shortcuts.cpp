@@ -31,7 +31,7 @@ void require_document_form(const Json& document) {
   for (const char* key : keys) {
     require(document.contains(key), "shortcut_document", "Incomplete launch document");
   }
-  require(is_integer(document.at("schema_version"), 1) && document.at("kind") == kind, "unsupported_schema",
+  require(is_integer(document.at("schema_version"), 1) && is_text(document.at("kind"), kind), "unsupported_schema",
           "Unknown launch document schema was preserved");
   for (const char* key : {"bootstrap", "data_root", "game_id", "name"}) {
     require(document.at(key).is_string(), "shortcut_document", "Launch document choices must be strings");

@@ -96,7 +96,7 @@ void require_row(const OwnedShortcut& row, DataFolder& folder) {
 Rows read_rows(const std::filesystem::path& root) {
   const std::filesystem::path path = ledger_path(root);
   const Json document = parse_json(read_file(path, byte_limit), byte_limit);
-  require(is_integer(document.at("schema_version"), 1) && document.at("kind") == kind &&
+  require(is_integer(document.at("schema_version"), 1) && is_text(document.at("kind"), kind) &&
               document.at("entries").is_array() && document.at("entries").size() <= maximum_rows,
           "shortcut_ledger", "Unsupported shortcut list " + path_utf8(path));
   Rows rows;

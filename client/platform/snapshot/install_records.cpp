@@ -62,7 +62,7 @@ void require_install_document(const Json& document, const Kind& kind) {
       kind.code, "Installation ownership has no known schema");
   require(is_integer(document.at("schema_version"), 1), "unsupported_schema",
           "Unknown installation ownership schema was preserved");
-  require(document.at("kind") == kind.name && document.at("versions_path").is_string() &&
+  require(is_text(document.at("kind"), kind.name) && document.at("versions_path").is_string() &&
               document.at("reference").is_object(),
           kind.code, "Unknown installation ownership contract was preserved");
   const Json& identity = document.at("staging_identity");

@@ -299,7 +299,7 @@ TEST(UninstallEntries, AreNamedByTheBrand) {
   EXPECT_EQ(uninstall_entry_key(Brand{"Acme", "acme", "Acme Ltd.", false}), "Ravok.acme");
 }
 
-// Everywhere that a program may leave something for its user, there is something of the entry's name already.
+// In every place where a program may leave something for its user, something has the name of the entry already.
 TEST(UninstallEntries, AreNeitherMadeNorTakenOnThisPlatform) {
   const TemporaryRoot root;
   const testing::WithEnvironment home("HOME", root.directory("home").native());

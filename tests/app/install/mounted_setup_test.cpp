@@ -32,7 +32,8 @@ class MountedSetup : public ::testing::Test {
     return "A volume is mounted at " + (place.data() / name).native() + "; unmount it and try again";
   }
 
-  // What a refused setup may have written: the locks and what it says of itself.
+  // The state without what a refused setup may have written: the locks, the scratch tree and the record of how it
+  // ended.
   TreeState lasting() const {
     TreeState state = place.state();
     std::erase_if(state, [](const auto& node) {
@@ -80,7 +81,7 @@ TEST_F(MountedSetup, IsNotRepairedOverAVolumeAndSaysSoBeforeItBegins) {
     GTEST_SKIP() << "needs leave to mount a volume";
   }
   place.write(name + "/mine", "mine");
-  // Not in the way of the launcher, where that is whole.
+  // A repair that keeps the launcher has nothing against a volume in it.
   place.write("trust/root.json", "{");
   EXPECT_EQ(place.repair().replaced, std::vector<std::string>{"trust"});
   place.write("launcher/installation.json", "{");

@@ -24,7 +24,7 @@ using testing::TemporaryRoot;
 
 constexpr std::uint64_t mebibyte = 1 << 20;
 constexpr std::uint64_t allowance = 32 * mebibyte;
-// Of the level that the snapshots are packed with.
+// The level that the snapshots are packed with, and the window that it gives the decoder.
 constexpr int level = 3;
 constexpr std::uint64_t window = 2 * mebibyte;
 constexpr std::size_t file_bytes = 100'000;

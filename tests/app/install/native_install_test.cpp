@@ -74,7 +74,7 @@ class NativeInstall : public ::testing::Test {
     damage_trust();
   }
 
-  // Without what every run writes anew, what it may leave and the locks.
+  // The state without what every run writes anew, what it may leave, and the locks.
   TreeState lasting() const {
     return without(place.state(),
                    {"native/staging", "native/installation.json", "native/setup-status.json", "native/shortcuts.json",
@@ -102,7 +102,7 @@ class NativeInstall : public ::testing::Test {
     return failure && failure->code == "busy";
   }
 
-  // Every name of an installation and no other, each of its kind and mode, and what its parts hold.
+  // The folder holds every name of an installation and no other, each of its kind and mode, with the right content.
   void expect_whole_tree() const {
     const std::string version = "launcher/versions/" + launcher_sha256();
     std::vector<std::pair<std::string, std::string>> kinds;
@@ -165,7 +165,7 @@ class NativeInstall : public ::testing::Test {
     place.install(true);
   }
 
-  // An archive that is sealed, and is none.
+  // Seals bytes that are no archive in the place of the archive.
   void spoil_bootstrap_archive() {
     place.package.set_bootstrap_archive(noise(1000));
     place.republish();
@@ -807,7 +807,7 @@ TEST_F(NativeInstall, ThatFailsAnywhereKeepsThePlayersDataAndAKnownState) {
   }
 }
 
-// Whatever fails once the record is written, what was installed is not taken away again.
+// Whatever fails once the record is written, the installation is kept.
 TEST_F(NativeInstall, ThatFailsBehindItsRecordIsKept) {
   int kept = 0;
   for (const char* call : {"open", "openat", "fsync", "unlink"}) {
@@ -819,7 +819,7 @@ TEST_F(NativeInstall, ThatFailsBehindItsRecordIsKept) {
         failed = failure_of([&] { place.install(); }).has_value();
         happened = plan.happened();
       }
-      // The folder itself, made and found wanting, is not yet anything.
+      // A folder that was made, and nothing more, is no installation yet.
       if (failed && std::filesystem::exists(data) && !std::filesystem::is_empty(data)) {
         ++kept;
         EXPECT_TRUE(std::filesystem::exists(paths.installation_record)) << call << count;
@@ -1122,7 +1122,7 @@ TEST_F(NativeCommit, StoppedAtTheBootstrapHasReplacedNothingElse) {
   EXPECT_EQ(place.read("native/staging/old-bootstrap/data/notes"), "other");
   EXPECT_EQ(place.read(launcher_program()), "other");
   EXPECT_EQ(place.read("trust/root.json"), "{");
-  // The former manifest is of the same build.
+  // The manifest was not replaced, but it is of the same build.
   EXPECT_EQ(place.repair().replaced, (Names{"launcher", "trust"}));
   expect_good();
 }
@@ -1237,7 +1237,7 @@ TEST_F(NativeCommit, RepairReplacesATreeThatIsMissing) {
   }
 }
 
-// Ends a setup like a power cut, just ahead of each call of that name, and lets the next run follow.
+// Ends a setup like a power cut, just before each call of that name, and lets the next run follow.
 class NativeCrash : public NativeCommit {
  protected:
   // Whether the run came so far.
@@ -1278,7 +1278,7 @@ TEST_F(NativeCrash, OfARepairIsFollowedByARepair) {
         expect_interrupted();
       } else if (place.record("native/installation.json") == former) {
         ++untouched;
-        // Stray transaction files may lie beside what they were to become.
+        // Transaction files may lie beside the files that they were to become.
         for (const auto& [path, node] : damaged) {
           EXPECT_EQ(place.state().at(path), node) << count;
         }

@@ -114,7 +114,7 @@ class NativePackageTest : public ::testing::Test {
 
   NativePackage read(const std::string& seal) const { return read_native_package(directory, seal, {}); }
 
-  // Writes the pieces afresh, with a descriptor that tells of them or with this one.
+  // Writes the pieces afresh, with their own descriptor or with this one.
   std::string rewrite() const {
     std::filesystem::remove_all(directory);
     return package.write(directory);
@@ -527,7 +527,7 @@ TEST_F(NativePackageTest, HasResourcesWithFlatNames) {
     EXPECT_FAILURE(read(seal), "unsafe_path", "Path contains an unsafe component") << pointer;
     expect_refused(with(std::string(pointer) + "/path", std::string("a\0b", 3)), "unsafe_path",
                    "Native path contains a NUL byte");
-    // What is read has its own digest, which no descriptor can contain.
+    // The descriptor itself is read, and no descriptor can contain its own digest.
     expect_refused(with(std::string(pointer) + "/path", "initial-package.json"), changed,
                    changed_resource + "initial-package.json");
   }
@@ -688,7 +688,7 @@ TEST_F(NativePackageTest, IsMalformedWhereTheCallerFails) {
   EXPECT_FAILURE(read_native_package(directory, seal, throwing), invalid, malformed);
 }
 
-// Changes while the package is read: `change` happens when the progress of the digests is told first.
+// Reads the package; `change` happens at the first report of progress.
 std::optional<Error> failure_with(const std::filesystem::path& directory, const std::string& seal,
                                   const std::function<void()>& change) {
   bool first = true;
@@ -765,7 +765,7 @@ TEST_F(NativePackageTest, TellsOfTheBytesDigested) {
         std::string("theme-plain.ttf"), bootstrap_name(), launcher_name()}) {
     const std::uint64_t size = files.at(name).size();
     expected.emplace_back(before, total);
-    // After each piece, the last of which is short and may be empty.
+    // Progress is reported after each piece. The last is short and may be empty.
     for (std::uint64_t done = 65'536; done <= size; done += 65'536) {
       expected.emplace_back(before + done, total);
     }
@@ -916,7 +916,7 @@ TEST_F(NativePackageTest, HasArchivesOfAtMostAGibibyteTogether) {
     declare(lengths.first, lengths.second);
     expect_refused("size_limit", too_large);
   }
-  // The most that is taken, and then not found.
+  // The largest sum is accepted, and then the archives are found to be shorter.
   declare(gibibyte - 1, 1);
   expect_refused(changed, wrong_length);
   declare(1, gibibyte - 1);
@@ -1188,7 +1188,7 @@ TEST_F(PackageThemeTest, HasFilesOfAtMost16MebibytesTogether) {
   Json& length = other["brand"]["theme"]["files"]["notice-4.txt"]["length"];
   length = length.get<std::uint64_t>() + 1;
   expect_theme_refused(other, "size_limit", "Brand theme files exceed 16 MiB together");
-  // Ahead of any other rule for them.
+  // This bound is checked before any other rule for the files.
   other["brand"]["theme"]["files"]["other"] = resource_of("theme-other", "x");
   expect_theme_refused(other, "size_limit", "Brand theme files exceed 16 MiB together");
 }
@@ -1245,8 +1245,7 @@ void expire_root(InitialPackage& package) {
 
 std::string other_platform() { return native_platform() == "macos-aarch64" ? "linux-x86_64" : "macos-aarch64"; }
 
-// One for each check, in the order of the checks. Those of one kind of file are in the order in which the
-// files are read.
+// One fault for each check, in the order of the checks; for one kind of file, in the order in which the files are read.
 std::vector<Fault> faults() {
   return {
       {Stage::files, [](Scene& scene) { scene.seal.clear(); }, untrusted, no_seal},

@@ -36,7 +36,7 @@ constexpr const char* running = "Ravok or a game from this folder is still runni
 
 class NativeUninstall : public ::testing::Test {
  protected:
-  // What is in the home and in the data folder, but for the locks that an attempt may have made.
+  // Everything in the home and in the data folder, without the locks that an attempt may have made.
   Files without_locks() const {
     Files files = place_.all();
     files.erase("data/.ravok-setup.lock");
@@ -58,7 +58,7 @@ class NativeUninstall : public ::testing::Test {
     place_.write(".ravok-setup-incomplete", "{\"kind\":\"ravok-setup-incomplete\",\"schema_version\":1}");
   }
 
-  // A folder in which something has failed behind the marker: it is interrupted, and a second uninstall finishes.
+  // Something has failed after the marker was written: the folder is interrupted, and a second uninstall finishes.
   void expect_finished_by_second() const {
     EXPECT_TRUE(place_.status().incomplete);
     EXPECT_FALSE(place_.status().installed);
@@ -114,7 +114,7 @@ TEST_F(NativeUninstall, KeepsThePlayersDataAndNamesIt) {
   EXPECT_EQ(result.deferred, Paths{});
   EXPECT_EQ(result.changed_shortcuts, Paths{});
   Files after = place_.all();
-  // The folder of the user's shortcuts is the user's.
+  // The folders above the user's shortcuts belong to the user.
   std::erase_if(after, [](const auto& file) { return file.first.starts_with("home/") && file.first.ends_with("/"); });
   Files expected = before;
   expected.erase("home/");
@@ -234,7 +234,8 @@ TEST_F(NativeUninstall, ReportsItsBeginningAndItsEnd) {
 
 TEST_F(NativeUninstall, HasTheMarkerUpBeforeTheRecordGoes) {
   place_.install();
-  // A record that cannot be removed as a file: what follows must not begin, and the marker says so.
+  // A directory has the place of the record, which then cannot be removed. The uninstall must stop there, and the
+  // marker says so.
   std::filesystem::remove(place_.paths().installation_record);
   place_.write("native/installation.json/child", "in the way");
   const std::string record = place_.paths().installation_record;
@@ -281,7 +282,7 @@ TEST_F(NativeUninstall, GoesOnOnceTheClientHasClosed) {
   auto client = std::make_unique<NativeFileLock>(place_.paths().bootstrap_lock, true, NativeLockSharing::none,
                                                  LockMode::exclusive);
   NativeSetupCallbacks callbacks;
-  // Asked while it waits.
+  // The callback is called while the uninstall waits.
   callbacks.cancelled = [&] {
     client.reset();
     return false;
@@ -338,7 +339,7 @@ TEST_F(NativeUninstall, IsNotStoppedByALedgerThatCannotBeRead) {
   place_.write("native/shortcuts.json", "damage");
   const NativeUninstallResult result = place_.uninstall();
   EXPECT_TRUE(result.data_removed);
-  // Nothing says that it is the client's own, but the user is told of it.
+  // Nothing shows that the shortcut is the client's own, so it stays and is reported.
   EXPECT_EQ(result.changed_shortcuts, Paths{shortcut});
   EXPECT_FALSE(is_missing(shortcut));
 }
@@ -441,7 +442,7 @@ TEST_F(NativeUninstall, LeavesTheTemporaryDirectoryAsItWas) {
   const testing::TreeState before = testing::tree_state(temporary);
   ASSERT_EQ(before.size(), 3u);
   place_.install();
-  // One that fails in its midst, and the one that finishes it.
+  // One uninstall fails half-way, and the next finishes it.
   std::filesystem::remove(place_.paths().installation_record);
   place_.write("native/installation.json/child", "in the way");
   EXPECT_FAILURE(place_.uninstall(), "file_remove", "Cannot remove " + place_.paths().installation_record.native());

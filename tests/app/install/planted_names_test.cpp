@@ -1,6 +1,6 @@
-// What a user, or somebody with a user's rights, has put in place of what setup knows by name: a link to a tree that
-// looks just like the one that was there, or something else. Whatever the outcome, nothing outside the data folder
-// changes, and nothing of the player's.
+// A user, or somebody with a user's rights, has put something else in the place of what setup knows by name: a link to
+// a tree that looks just like the one that was there, a file, a directory. Whatever the outcome, nothing outside the
+// data folder changes, and nothing of the player's.
 
 #include <array>
 #include <chrono>
@@ -47,7 +47,7 @@ const std::vector<Command> commands = {
     {"uninstall all", [](const auto& place) { uninstall(place, true); }},
 };
 
-// What takes the place of a name. All but the first keep the former content nowhere.
+// What takes the place of a name. Only the first keeps the former content, elsewhere.
 enum class Plant { link_to_the_same, link_to_nothing, file, directory };
 constexpr std::array<Plant, 4> plants = {Plant::link_to_the_same, Plant::link_to_nothing, Plant::file,
                                          Plant::directory};
@@ -66,7 +66,7 @@ class PlantedNames : public ::testing::Test {
     place.republish();
     player = place.write_player_data();
     place.install(true);
-    // What may be there as well.
+    // An installation may hold these too.
     place.write("native/bootstrap-update.json", "{}");
     place.write("native/bootstrap-update/file", "update");
     place.write("native/staging/old-trust/root.json", "{}");
@@ -82,7 +82,7 @@ class PlantedNames : public ::testing::Test {
   }
   ~PlantedNames() override { std::cout << cases << " cases, " << refused << " of them refused\n"; }
 
-  // Every name in the folder but the many of one kind: of a tree's own files, the first of each directory.
+  // Every name in the folder, but of the many files of a tree only the first of each directory.
   static std::set<std::string> known_names(const TreeState& state) {
     std::set<std::string> names;
     std::set<std::string> directories_with_file;
@@ -104,7 +104,7 @@ class PlantedNames : public ::testing::Test {
     copy_tree(template_, place.data());
   }
 
-  // The folder as the command is to find it, with something to do in it.
+  // Makes the folder as the command is to find it, with something to do in it.
   void restore_data(const Command& command) {
     std::filesystem::remove_all(place.data());
     std::filesystem::remove_all(aside);
@@ -140,7 +140,7 @@ class PlantedNames : public ::testing::Test {
     }
   }
 
-  // Runs a command and proves what must hold whatever comes of it.
+  // Runs a command and proves what must hold, whether it succeeds or not.
   void expect_contained(const Command& command, const std::string& name, const std::function<void()>& work) {
     const TreeState before = testing::tree_state(outside);
     const std::optional<Error> failure = testing::failure_of(work);
@@ -182,7 +182,7 @@ TEST_F(PlantedNames, AreNeverReachedThrough) {
   EXPECT_LT(refused, cases * 19 / 20);
 }
 
-// Where the marker is up, everything is tried: no state of it leads outside either.
+// With the marker up, every command is tried again: none leads outside in this state either.
 TEST_F(PlantedNames, AreNeverReachedThroughBehindAnInterruptedSetup) {
   place.write(".ravok-setup-incomplete", "{}");
   std::filesystem::copy(place.data() / ".ravok-setup-incomplete", template_);
@@ -196,7 +196,7 @@ TEST_F(PlantedNames, AreNeverReachedThroughBehindAnInterruptedSetup) {
   }
 }
 
-// A repair replaces what stands for its own records and trees, and names what it must not replace.
+// A repair replaces what has the place of its own records and trees, and names what it must not replace.
 TEST_F(PlantedNames, AreReplacedByARepairOrNamed) {
   const std::vector<std::string> replaceable = {"native/bootstrap.json", "repository.json", "native/brand.ico",
                                                 "native/theme",          "trust",           "launcher",
@@ -222,7 +222,7 @@ TEST_F(PlantedNames, AreReplacedByARepairOrNamed) {
                    "Setup cannot write " + (place.data() / name).native() +
                        ": a directory has that name; move it away and try again");
     TreeState after = place.state();
-    // What the repair has prepared, and what it says of itself.
+    // Without what the repair has prepared, and the record of how it ended.
     std::erase_if(after, [](const auto& node) {
       return node.first.starts_with("native/staging") || node.first == "native/setup-status.json";
     });
@@ -234,7 +234,8 @@ TEST_F(PlantedNames, AreReplacedByARepairOrNamed) {
   }
 }
 
-// What its owner could not move is made movable; what belongs to somebody else is named before the marker goes up.
+// A repair makes movable what its owner could not move, and names what belongs to somebody else before the marker goes
+// up.
 TEST_F(PlantedNames, AreMovedByTheirOwnerOnly) {
   const std::vector<std::string> trees = {"native/bootstrap", "native/theme", "launcher", "trust"};
   for (const std::string& name : trees) {
@@ -268,8 +269,8 @@ TEST_F(PlantedNames, AreMovedByTheirOwnerOnly) {
   }
 }
 
-// A folder is exchanged for a link to another just like it in the middle of a command, ahead of one call after the
-// other.
+// In the middle of a command, just before one call after the other, a folder is exchanged for a link to another just
+// like it.
 TEST_F(PlantedNames, AreNeverReachedThroughWhereTheyComeInTheMiddle) {
   const std::vector<Command> changing = {commands[0], commands[1], commands[5], commands[6]};
   int exchanged = 0;
@@ -277,7 +278,7 @@ TEST_F(PlantedNames, AreNeverReachedThroughWhereTheyComeInTheMiddle) {
        {"", "native", "native/staging", "native/bootstrap", "launcher", "launcher/versions", "trust", "unknown"}) {
     const std::filesystem::path at = name.empty() ? place.data() : place.data() / name;
     copy_tree(name.empty() ? template_ : template_ / name, outside / "like");
-    // Where the launcher's store is prepared.
+    // The launcher's store is prepared here.
     const std::filesystem::path native = name.empty() ? outside / "like/native" : outside / "like";
     const std::filesystem::path prepared = name == "native/staging" ? native : native / "staging";
     for (const char* folder : {"manifests", "versions"}) {

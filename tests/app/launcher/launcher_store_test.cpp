@@ -91,7 +91,7 @@ Json without(const std::string& object, const std::string& key) {
   return document;
 }
 
-// A document that a store refuses, and in which words.
+// A document that a store refuses, with the code and the message.
 struct Refusal {
   std::string text;
   std::string code;
@@ -172,7 +172,7 @@ std::vector<Refusal> documents_of_bad_generation() {
   return refusals;
 }
 
-// The parser's refusals have its own words.
+// Documents that the parser refuses with messages of its own.
 std::vector<Refusal> documents_that_are_no_json() {
   const std::string text = full().dump();
   std::vector<Refusal> refusals;
@@ -181,7 +181,7 @@ std::vector<Refusal> documents_that_are_no_json() {
         text + text, std::string("\xff\xfe"), std::string(512, '\0'), std::string("{\"a\":1,\"a\":1}"),
         std::string(100, '[') + std::string(100, ']'), std::string("{\"schema_version\":1.0}"),
         "\xef\xbb\xbf" + text}) {
-    // A mark of the byte order is the one of these that the parser may skip.
+    // The parser may skip a byte order mark; it refuses all others.
     if (const auto failure = failure_of([&] { parse_json(damaged, 32'768); })) {
       refusals.push_back({damaged, failure->code, failure->what()});
     }
@@ -441,8 +441,8 @@ TEST_F(LauncherStores, DoNotSaveThroughALink) {
   EXPECT_TRUE(std::filesystem::is_symlink(document_path()));
 }
 
-// Every operation, on a document that is refused in these words: each either knows nothing of the document
-// or fails as it does.
+// Every operation, on a document that is refused with this code and message: each fails in the same way, or does not
+// look at the document.
 class RefusedDocuments : public LauncherStores {
  protected:
   void expect_preserved_by_all(const std::string& code, const std::string& message, const Json& version,

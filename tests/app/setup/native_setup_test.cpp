@@ -74,7 +74,7 @@ class FrontEnd {
   std::vector<NativeSetup::View> views_;
 
  public:
-  // Ends before what its thread uses.
+  // The last member, so that it ends before what its thread uses.
   NativeSetup setup;
 };
 
@@ -331,7 +331,7 @@ TEST_F(NativeSetupTest, RunsWithoutAWakeUp) {
 TEST_F(NativeSetupTest, StopsTheRunWhenItIsDropped) {
   place.install();
   const testing::TreeState before = place.state();
-  // As a running client would, so that the removal waits.
+  // The lock that a running client would hold, so that the removal waits.
   const NativeFileLock running(place.paths().bootstrap_lock, true, NativeLockSharing::none, LockMode::exclusive);
   NativeSetup::View last;
   {

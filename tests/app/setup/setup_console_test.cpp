@@ -284,7 +284,7 @@ TEST_F(SetupConsole, PrintsAProblemDocumentWhateverTheMessageHolds) {
   };
   expect_problem("a\xff", "a\\xff", "a\\xff");
   expect_problem("\x1b[2J\xff", "\\x1b[2J\\xff", "\\x1b[2J\\xff");
-  // What is UTF-8 stands in the document as it is.
+  // A document holds text in UTF-8 as it is.
   expect_problem("a\x1b\xc2\x9b\xc3\xa4", "a\x1b\xc2\x9b\xc3\xa4", "a\\x1b\\xc2\\x9b\xc3\xa4");
   expect_nothing_installed();
 }
@@ -322,7 +322,7 @@ TEST_F(ConsoleOfRoot, RefusesTheHomeOfAnotherUser) {
   expect_refused({"install"}, message);
   expect_refused({"repair"}, message);
   expect_commands_refused({}, message);
-  // A wrong command line is told first.
+  // A wrong command line is reported before anything else.
   expect(run({"install"}, "ravok-install", place.seal()), 2, "", "Choose the initial package with --package DIR\n");
   expect(run({"install"}), 2, "", "Use the Ravok installer to install or repair Ravok\n");
   EXPECT_EQ(run({"install", "--help"}).code, 0);
