@@ -32,6 +32,8 @@ if(RAVOK_DEPENDENCIES STREQUAL "bundled")
   set(OPENSSL_USE_STATIC_LIBS ON)
 endif()
 
+# Whoever links the client links these too, from wherever in the build.
+set(CMAKE_FIND_PACKAGE_TARGETS_GLOBAL ON)
 find_package(Threads REQUIRED)
 
 find_package(OpenSSL QUIET COMPONENTS Crypto SSL)

@@ -1,4 +1,4 @@
-# Refuses a value of RAVOK_DEPENDENCIES that is none, or that cannot be had on the operating system, in words that
+# Refuses a value of RAVOK_DEPENDENCIES that is none, or that the operating system does not offer, in words that
 # name the one that can.
 #
 #   ravok_require_dependency_source(SOURCE OS)

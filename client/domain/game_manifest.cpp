@@ -10,6 +10,7 @@
 #include "domain/display_text.hpp"
 #include "domain/identifier.hpp"
 #include "domain/paths.hpp"
+#include "domain/text_rules.hpp"
 
 namespace ravok {
 namespace {
@@ -35,12 +36,6 @@ constexpr std::uint64_t encrypted_length(std::uint64_t plain) {
 }
 
 constexpr std::uint64_t maximum_encrypted_bytes = encrypted_length(std::uint64_t{1} << 42);
-
-std::string folded(std::string text) {
-  std::transform(text.begin(), text.end(), text.begin(),
-                 [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; });
-  return text;
-}
 
 void require_compatible(const Json& document) {
   constexpr const char* unsupported = "Unsupported game manifest schema; nothing was rewritten";
@@ -126,7 +121,7 @@ void read_encrypted(GameManifest& manifest) {
           "Invalid encrypted archive decoder name");
   archive.artifact = read_exact_descriptor(document.at("artifact"));
   archive.key = read_exact_descriptor(document.at("key"));
-  require(all_differ(folded(archive.artifact.target), folded(archive.key.target), folded(manifest.target)) &&
+  require(all_differ(lower(archive.artifact.target), lower(archive.key.target), lower(manifest.target)) &&
               all_differ(archive.artifact.sha256, archive.key.sha256, manifest.archive_sha256),
           invalid, "Encrypted artifact/key aliases the full snapshot");
   require(archive.artifact.length >= minimum_encrypted_bytes && archive.artifact.length <= maximum_encrypted_bytes &&
@@ -148,7 +143,7 @@ void require_patch_fields(const Json& document, std::initializer_list<std::strin
 class PatchReader {
  public:
   explicit PatchReader(const GameManifest& manifest)
-      : build_ids_({manifest.build_id}), targets_({folded(manifest.target)}), digests_({manifest.archive_sha256}) {}
+      : build_ids_({manifest.build_id}), targets_({lower(manifest.target)}), digests_({manifest.archive_sha256}) {}
 
   DirectPatch read(const Json& document) {
     require_patch_fields(document, {"format", "source", "artifact"});
@@ -165,8 +160,8 @@ class PatchReader {
             "Direct patch repeats its source or targets its own build");
     patch.source = read_descriptor(source);
     patch.artifact = read_descriptor(document.at("artifact"));
-    const std::string target = folded(patch.artifact.target);
-    require(target != folded(patch.source.target) && targets_.insert(target).second &&
+    const std::string target = lower(patch.artifact.target);
+    require(target != lower(patch.source.target) && targets_.insert(target).second &&
                 digests_.insert(patch.artifact.sha256).second,
             invalid, "Direct patch artifacts repeat or alias a snapshot");
     require(is_bounded(patch.source) && is_bounded(patch.artifact), "size_limit",

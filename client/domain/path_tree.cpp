@@ -3,16 +3,15 @@
 #include <algorithm>
 
 #include "domain/error.hpp"
+#include "domain/text_rules.hpp"
 
 namespace ravok {
 namespace {
 
-// The case fold of file systems that ignore case, over the letters that paths may hold.
-char folded(char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; }
-
+// The order of file systems that ignore case, over the letters that paths may hold.
 bool folds_before(std::string_view first, std::string_view second) {
   return std::lexicographical_compare(first.begin(), first.end(), second.begin(), second.end(),
-                                      [](char a, char b) { return folded(a) < folded(b); });
+                                      [](char a, char b) { return lower(a) < lower(b); });
 }
 
 }  // namespace

@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <vector>
 
+#include "domain/bytes.hpp"
 #include "domain/crypto.hpp"
 #include "domain/display_text.hpp"
 #include "domain/text_rules.hpp"
@@ -78,15 +79,6 @@ void require_known_fields(const Json& document) {
     require(std::find(known_keys.begin(), known_keys.end(), key) != known_keys.end(), code,
             "Unknown game presentation field");
   }
-}
-
-// A little-endian number of `size` bytes.
-std::uint32_t number_at(std::string_view bytes, std::size_t offset, std::size_t size) {
-  std::uint32_t number = 0;
-  for (std::size_t i = size; i > 0; --i) {
-    number = number << 8 | static_cast<unsigned char>(bytes[offset + i - 1]);
-  }
-  return number;
 }
 
 }  // namespace

@@ -7,6 +7,7 @@
 #include <set>
 #include <utility>
 
+#include "domain/bytes.hpp"
 #include "domain/error.hpp"
 #include "domain/text_rules.hpp"
 
@@ -220,15 +221,6 @@ void read_fonts(const Json& definition, const ThemeReader& reader, Theme& theme)
   read("regular", theme.regular_font);
   read("bold", theme.bold_font);
   read("title", theme.title_font);
-}
-
-// A little-endian number of `size` bytes.
-std::uint32_t number_at(std::string_view bytes, std::size_t offset, std::size_t size) {
-  std::uint32_t number = 0;
-  for (std::size_t i = size; i > 0; --i) {
-    number = number << 8 | static_cast<unsigned char>(bytes[offset + i - 1]);
-  }
-  return number;
 }
 
 void require_bitmap(std::string_view bytes, std::uint32_t most_width, std::uint32_t most_height) {

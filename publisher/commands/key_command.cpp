@@ -16,7 +16,7 @@ struct KeyOptions {
 
 void publish(const KeyOptions& options) {
   const PublishedKey published = publish_key(options.output, options.scheme);
-  say({"Key ID: " + published.id, "Private key, to be kept from everybody: " + path_utf8(published.private_file),
+  say({"Key ID: " + published.id, "Private key, which nobody else may see: " + path_utf8(published.private_file),
        "Public key: " + path_utf8(published.public_file)});
 }
 
@@ -25,7 +25,7 @@ void publish(const KeyOptions& options) {
 PublishCommand add_key_command(CLI::App& program) {
   const auto options = std::make_shared<KeyOptions>();
   CLI::App* const command = program.add_subcommand("key", "Makes a key to sign a repository with");
-  command->add_option("FILE", options->output, "Where to write the private key; the public one gets .pub behind it")
+  command->add_option("FILE", options->output, "Where to write the private key; the public key gets this name and .pub")
       ->required();
   command
       ->add_option("--scheme", options->scheme,

@@ -57,7 +57,7 @@ class PublishRepository : public ::testing::Test {
 TEST_F(PublishRepository, SaysWhatKeyItMadeAndNeverShowsThePrivateOne) {
   const std::string said = expect_published({"key", root / "key"});
   const Json key = parse_json(root.read("key.pub"), 65'536);
-  EXPECT_EQ(said, "Key ID: " + digest(canonical_json(key), "sha256") + "\nPrivate key, to be kept from everybody: " +
+  EXPECT_EQ(said, "Key ID: " + digest(canonical_json(key), "sha256") + "\nPrivate key, which nobody else may see: " +
                       (root / "key").native() + "\nPublic key: " + (root / "key.pub").native() + "\n");
   struct stat status;
   ASSERT_EQ(lstat((root / "key").c_str(), &status), 0);

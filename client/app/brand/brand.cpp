@@ -84,12 +84,13 @@ Json brand_json(const Brand& brand) {
 
 std::optional<Brand> installed_brand(const std::filesystem::path& root) {
   // Somebody may have put a link in the place of the folder: it is not followed.
-  const auto native = link_status_of(root / "native");
+  const DataPaths paths(root);
+  const auto native = link_status_of(paths.native);
   if (!native || !is_directory(*native)) {
     return std::nullopt;
   }
   try {
-    const Json record = parse_json(read_file(root / "native/installation.json", record_limit), record_limit);
+    const Json record = parse_json(read_file(paths.installation_record, record_limit), record_limit);
     if (record.is_object() && record.contains("brand")) {
       return parse_brand(record.at("brand"));
     }

@@ -24,7 +24,6 @@ namespace {
 constexpr std::uint64_t record_limit = 65'536;
 constexpr std::string_view unsupported = "unsupported_schema";
 constexpr const char* installation_kind = "ravok-installation";
-constexpr const char* installation_name = "installation.json";
 constexpr const char* status_kind = "ravok-setup-status";
 
 std::string present_time() {
@@ -144,7 +143,8 @@ void write_installation(const HeldDirectory& native, const NativePackage& packag
   if (package.brand) {
     document["brand"] = brand_json(*package.brand);
   }
-  native.write(installation_name, document.dump());
+  const DataPaths paths(native.path().parent_path());
+  native.write(paths.installation_record.filename(), document.dump());
 }
 
 void write_status(const DataPaths& paths, std::string_view action, std::string_view outcome,
