@@ -9,6 +9,7 @@
 
 #include "programs/installer_place.hpp"
 #include "programs/started_program.hpp"
+#include "support/few_descriptors.hpp"
 #include "support/temporary_root.hpp"
 
 namespace ravok {
@@ -114,9 +115,9 @@ TEST_F(InstallerWithoutStreams, LeavesAnInstallationThatIsRepairedAndRemovedWith
 }
 
 TEST_F(InstallerWithoutStreams, DoesNothingWhenItCannotHaveAnyInTheirPlace) {
-#if defined(__SANITIZE_THREAD__)
-  GTEST_SKIP() << "the sanitizer needs descriptors of its own";
-#endif
+  if (!testing::can_do_without_descriptors) {
+    GTEST_SKIP() << "the sanitizer needs descriptors of its own";
+  }
   ProgramStart limited = start("install", {0, 1});
   // Descriptors are left for the first stream and not for the second.
   limited.descriptor_limit = 1;
