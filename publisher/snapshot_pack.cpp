@@ -28,7 +28,6 @@ namespace {
 
 constexpr std::uint64_t maximum_bytes = std::uint64_t{1} << 42;
 constexpr std::size_t maximum_files = 100'000;
-constexpr std::size_t maximum_entries = 250'000;
 // How deep directories may be nested. This is less than the client's own bound, so that the place of the installation
 // may lie some levels deep.
 constexpr std::ptrdiff_t maximum_depth = 96;
@@ -56,7 +55,7 @@ bool is_ascii(std::string_view path) {
 class Scan {
  public:
   void add(const TreeEntry& entry) {
-    require(++entries_ <= maximum_entries, "size_limit", "Game directory entry count exceeds bounds");
+    require(++entries_ <= maximum_tree_entries, "size_limit", "Game directory entry count exceeds bounds");
     if (entry.type == EntryType::directory) {
       directories_.emplace(entry.path);
       return;

@@ -1,8 +1,9 @@
-// Numbers in the bytes of binary files.
+// Texts as bytes, and the numbers in the bytes of binary files.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
+#include <span>
 #include <string_view>
 
 namespace ravok {
@@ -15,6 +16,11 @@ constexpr std::uint32_t number_at(std::string_view bytes, std::size_t offset, st
     number = number << 8 | static_cast<unsigned char>(bytes[offset + i - 1]);
   }
   return number;
+}
+
+// The bytes of a text, which must outlive them.
+inline std::span<const std::uint8_t> bytes_of(std::string_view text) {
+  return {reinterpret_cast<const std::uint8_t*>(text.data()), text.size()};
 }
 
 }  // namespace ravok

@@ -6,6 +6,7 @@
 #include <openssl/err.h>
 #include <openssl/evp.h>
 
+#include "domain/bytes.hpp"
 #include "domain/error.hpp"
 
 namespace ravok {
@@ -20,8 +21,6 @@ constexpr std::uint32_t maximum_iterations = 2'147'483'647;
 struct Release {
   void operator()(EVP_CIPHER_CTX* context) const { EVP_CIPHER_CTX_free(context); }
 };
-
-const unsigned char* bytes_of(std::string_view text) { return reinterpret_cast<const unsigned char*>(text.data()); }
 
 struct Record {
   std::string_view ciphertext;
@@ -59,15 +58,15 @@ std::size_t decrypt(std::span<const std::uint8_t, 32> key, std::span<const std::
           "crypto_failure", "Cannot set authenticated chunk parameters");
   const auto ciphertext_size = static_cast<int>(record.ciphertext.size());
   int size = 0;
-  require(
-      EVP_DecryptUpdate(context.get(), nullptr, &size, bytes_of(associated), static_cast<int>(associated.size())) == 1,
-      "crypto_failure", "Cannot decrypt authenticated chunk");
+  require(EVP_DecryptUpdate(context.get(), nullptr, &size, bytes_of(associated).data(),
+                            static_cast<int>(associated.size())) == 1,
+          "crypto_failure", "Cannot decrypt authenticated chunk");
   // With an empty ciphertext `output` may be empty too. A null pointer would make the library take the ciphertext for
   // associated data, so it gets a byte that it does not write.
   std::uint8_t nothing = 0;
   size = 0;
   require(EVP_DecryptUpdate(context.get(), output.empty() ? &nothing : output.data(), &size,
-                            bytes_of(record.ciphertext), ciphertext_size) == 1,
+                            bytes_of(record.ciphertext).data(), ciphertext_size) == 1,
           "crypto_failure", "Cannot decrypt authenticated chunk");
   require(size >= 0 && size <= ciphertext_size, "crypto_failure", "Unexpected authenticated chunk output");
   require(authenticate(context.get()) == 0 && size == ciphertext_size, "crypto_failure",

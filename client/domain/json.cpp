@@ -241,6 +241,8 @@ bool is_text(const Json& value, std::string_view expected) {
   return value.is_string() && value.get_ref<const std::string&>() == expected;
 }
 
+bool has_text(const Json& object, const char* key) { return object.contains(key) && object.at(key).is_string(); }
+
 bool has_exactly(const Json& value, std::initializer_list<std::string_view> keys) {
   return value.is_object() && value.size() == keys.size() &&
          std::all_of(keys.begin(), keys.end(), [&](std::string_view key) { return value.contains(key); });

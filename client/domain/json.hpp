@@ -53,6 +53,9 @@ bool is_integer(const Json& value, std::int64_t expected);
 // the process where there is none.
 bool is_text(const Json& value, std::string_view expected);
 
+// Whether the object has a text under the key.
+bool has_text(const Json& object, const char* key);
+
 // Whether the value is an object with exactly these keys.
 bool has_exactly(const Json& value, std::initializer_list<std::string_view> keys);
 

@@ -10,11 +10,11 @@
 namespace ravok {
 namespace {
 
-constexpr std::string_view invalid = "invalid_manifest";
-constexpr std::string_view incompatible = "launcher_incompatible";
-constexpr std::string_view malformed = "Launcher manifest has missing or malformed fields";
-constexpr std::uint64_t maximum_bytes = 1'073'741'824;
-constexpr std::size_t maximum_files = 4096;
+constexpr std::string_view invalid_launcher = "invalid_manifest";
+constexpr std::string_view incompatible_launcher = "launcher_incompatible";
+constexpr std::string_view malformed_launcher = "Launcher manifest has missing or malformed fields";
+constexpr std::uint64_t maximum_launcher_bytes = 1'073'741'824;
+constexpr std::size_t maximum_launcher_files = 4096;
 constexpr std::size_t maximum_helpers = 16;
 constexpr std::array<std::string_view, 3> helper_roles = {"crash-handler", "maintenance", "maintenance-gui"};
 
@@ -26,24 +26,24 @@ void require_kind(const Json& document) {
 }
 
 void require_compatible(const Json& document) {
-  require(is_integer(document.at("bootstrap_abi"), 1) && is_integer(document.at("health_abi"), 1), incompatible,
-          "This launcher needs another native bootstrap ABI");
+  require(is_integer(document.at("bootstrap_abi"), 1) && is_integer(document.at("health_abi"), 1),
+          incompatible_launcher, "This launcher needs another native bootstrap ABI");
   const Json& schema = document.at("application_schema");
   const std::uint64_t minimum = positive_version(schema.at("minimum"));
   const std::uint64_t maximum = positive_version(schema.at("maximum"));
-  require(minimum <= current_application_schema && maximum >= current_application_schema, incompatible,
+  require(minimum <= current_application_schema && maximum >= current_application_schema, incompatible_launcher,
           "This launcher cannot preserve the current application data schema");
 }
 
 void require_contract_value(const Json& document, const char* key, std::uint64_t expected) {
-  require(document.contains(key), incompatible, "Launcher manifest lacks its runtime contract");
-  require(is_integer(document.at(key), static_cast<std::int64_t>(expected)), incompatible,
+  require(document.contains(key), incompatible_launcher, "Launcher manifest lacks its runtime contract");
+  require(is_integer(document.at(key), static_cast<std::int64_t>(expected)), incompatible_launcher,
           "Unsupported launcher runtime contract");
 }
 
 void require_bounded(const SnapshotManifest& manifest) {
-  require(manifest.archive_length <= maximum_bytes && manifest.expanded_length <= maximum_bytes &&
-              manifest.files.size() <= maximum_files,
+  require(manifest.archive_length <= maximum_launcher_bytes && manifest.expanded_length <= maximum_launcher_bytes &&
+              manifest.files.size() <= maximum_launcher_files,
           "size_limit", "Launcher payload exceeds bounded native package limits");
 }
 
@@ -55,9 +55,10 @@ bool is_executable(const SnapshotManifest& manifest, const std::string& path) {
 void read_gui_executable(LauncherManifest& manifest) {
   manifest.gui_executable = text_at(manifest.raw, "gui_executable");
   validate_relative_path(manifest.gui_executable, true);
-  require(is_executable(manifest, manifest.gui_executable), invalid,
+  require(is_executable(manifest, manifest.gui_executable), invalid_launcher,
           "GUI launcher executable is missing or not executable");
-  require(manifest.gui_executable != manifest.executable, invalid, "GUI and CLI need separate native entry points");
+  require(manifest.gui_executable != manifest.executable, invalid_launcher,
+          "GUI and CLI need separate native entry points");
 }
 
 bool is_frontend(const LauncherManifest& manifest, const std::string& path) {
@@ -66,19 +67,19 @@ bool is_frontend(const LauncherManifest& manifest, const std::string& path) {
 
 void read_helper(LauncherManifest& manifest, const Json& helper) {
   require(helper.is_object() && helper.contains("path") && helper.contains("role") && helper.contains("lease_abi"),
-          incompatible, "Native helper ownership fields are invalid");
+          incompatible_launcher, "Native helper ownership fields are invalid");
   const bool known_role =
       std::find(helper_roles.begin(), helper_roles.end(), text_at(helper, "role")) != helper_roles.end();
-  require(known_role && is_integer(helper.at("lease_abi"), 1), incompatible,
+  require(known_role && is_integer(helper.at("lease_abi"), 1), incompatible_launcher,
           "Unsupported native helper ownership contract");
   const std::string& path = text_at(helper, "path");
   require(is_executable(manifest, path) && !is_frontend(manifest, path) && manifest.runtime_helpers.insert(path).second,
-          incompatible, "Native helper is missing, repeated or overlaps a frontend");
+          incompatible_launcher, "Native helper is missing, repeated or overlaps a frontend");
 }
 
 void read_runtime_helpers(LauncherManifest& manifest) {
   const Json& helpers = manifest.raw.at("runtime_helpers");
-  require(helpers.is_array() && helpers.size() <= maximum_helpers, incompatible,
+  require(helpers.is_array() && helpers.size() <= maximum_helpers, incompatible_launcher,
           "Native helper ownership must be a bounded list");
   for (const Json& helper : helpers) {
     read_helper(manifest, helper);
@@ -90,7 +91,7 @@ void require_owned_executables(const LauncherManifest& manifest) {
     return !entry.second.executable || is_frontend(manifest, entry.first) ||
            manifest.runtime_helpers.contains(entry.first);
   });
-  require(all_owned, incompatible, "Every native helper needs declared lifetime ownership");
+  require(all_owned, incompatible_launcher, "Every native helper needs declared lifetime ownership");
 }
 
 void require_launcher(const Json& document) {
@@ -106,12 +107,12 @@ bool has_integer(const Json& document, const char* key) {
 
 LauncherManifest LauncherManifest::parse(const Json& document) {
   // Checked here too, so that a document that is refused is not copied first.
-  refuse_malformed(invalid, malformed, [&] { require_launcher(document); });
+  refuse_malformed(invalid_launcher, malformed_launcher, [&] { require_launcher(document); });
   return parse(Json(document));
 }
 
 LauncherManifest LauncherManifest::parse(Json&& document) {
-  return refuse_malformed(invalid, malformed, [&] {
+  return refuse_malformed(invalid_launcher, malformed_launcher, [&] {
     require_launcher(document);
     LauncherManifest manifest;
     static_cast<SnapshotManifest&>(manifest) = SnapshotManifest::parse(std::move(document));

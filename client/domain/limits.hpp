@@ -15,4 +15,14 @@ inline constexpr std::uint64_t maximum_manifest_bytes = 524'288;
 // How much of a file is read, hashed or written in one step, in bytes.
 inline constexpr std::size_t piece_bytes = 65'536;
 
+// The largest record of an installation, as text, in bytes.
+inline constexpr std::uint64_t maximum_record_bytes = 65'536;
+
+// How many entries a tree may have, and how many levels a path below its root.
+inline constexpr std::size_t maximum_tree_entries = 250'000;
+inline constexpr std::size_t maximum_path_levels = 128;
+
+// The longest value of an environment variable that names a folder, in bytes.
+inline constexpr std::size_t maximum_environment_bytes = 8192;
+
 }  // namespace ravok

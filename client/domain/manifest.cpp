@@ -15,8 +15,8 @@ namespace {
 
 constexpr std::string_view malformed_code = "invalid_manifest";
 constexpr std::string_view malformed = "Snapshot manifest has missing or malformed fields";
-constexpr std::uint64_t maximum_bytes = std::uint64_t{1} << 42;
-constexpr std::size_t maximum_files = 100000;
+constexpr std::uint64_t maximum_snapshot_bytes = std::uint64_t{1} << 42;
+constexpr std::size_t maximum_snapshot_files = 100000;
 constexpr std::array<std::string_view, 3> platforms = {"linux-x86_64", "windows-x86_64", "macos-aarch64"};
 
 bool is_printable_ascii(char c) { return c >= 32 && c <= 126; }
@@ -29,7 +29,7 @@ bool read_executable_mode(const Json& mode) {
 }
 
 void read_files(const Json& list, SnapshotManifest& manifest) {
-  require(list.is_array() && !list.empty() && list.size() <= maximum_files, "size_limit",
+  require(list.is_array() && !list.empty() && list.size() <= maximum_snapshot_files, "size_limit",
           "Package file count exceeds bounds");
   PathTree paths;
   for (const Json& entry : list) {
@@ -40,7 +40,7 @@ void read_files(const Json& list, SnapshotManifest& manifest) {
     paths.add_file(path);
     SnapshotFile file;
     file.length = size_value(entry.at("length"));
-    require(file.length <= maximum_bytes - manifest.expanded_length, "size_limit",
+    require(file.length <= maximum_snapshot_bytes - manifest.expanded_length, "size_limit",
             "Expanded package exceeds size bounds");
     manifest.expanded_length += file.length;
     file.executable = read_executable_mode(entry.at("mode"));
@@ -56,7 +56,7 @@ void read_archive(const Json& archive, SnapshotManifest& manifest) {
   validate_relative_path(manifest.target, true);
   manifest.archive_length = size_value(archive.at("length"));
   manifest.archive_sha256 = sha256(archive.at("sha256"));
-  require(manifest.archive_length >= 1 && manifest.archive_length <= maximum_bytes, "size_limit",
+  require(manifest.archive_length >= 1 && manifest.archive_length <= maximum_snapshot_bytes, "size_limit",
           "Snapshot exceeds archive size bounds");
 }
 

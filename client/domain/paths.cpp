@@ -47,6 +47,10 @@ bool is_bounded_path_text(std::string_view text) {
 
 bool is_bounded_path(const std::filesystem::path& path) { return is_bounded_path_text(path_utf8(path)); }
 
+bool is_bounded_below_root(const std::filesystem::path& path) {
+  return path != path.root_path() && is_bounded_path(path);
+}
+
 void validate_relative_path(std::string_view path, bool portable) {
   require(!path.empty() && path.size() <= maximum_path_bytes && path.front() != '/' &&
               path.find('\\') == std::string_view::npos && !has_nul(path),

@@ -21,6 +21,9 @@ std::size_t native_length(std::string_view text);
 bool is_bounded_path_text(std::string_view text);
 bool is_bounded_path(const std::filesystem::path& path);
 
+// Whether the path can be given to the system, and is not merely the root of a tree of names.
+bool is_bounded_below_root(const std::filesystem::path& path);
+
 // Accepts only a relative path of 1 to 4096 bytes, of components of 1 to 255 bytes that name no parent, no drive and no
 // stream; with `portable` also only of names that every supported platform can hold. Fails with "unsafe_path".
 void validate_relative_path(std::string_view path, bool portable);

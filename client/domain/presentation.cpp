@@ -13,21 +13,22 @@
 namespace ravok {
 namespace {
 
-constexpr std::string_view code = "invalid_presentation";
+constexpr std::string_view invalid_presentation = "invalid_presentation";
 constexpr std::uint32_t maximum_pixels = 128;
-constexpr std::size_t header_bytes = 54;
+constexpr std::size_t bitmap_header_bytes = 54;
 constexpr std::size_t maximum_bitmap_bytes = 49'206;
 constexpr std::size_t maximum_hex_characters = 2 * maximum_bitmap_bytes;
 constexpr std::array<std::string_view, 4> known_keys = {"tagline", "description", "monogram", "artwork"};
 constexpr const char* artwork_format = "bmp-rgb24-v1";
 
 void require_text(std::string_view text, std::size_t limit, bool allow_line_breaks) {
-  require(text.size() <= limit, code, "Game presentation text exceeds its bound");
-  require(is_displayable(text, allow_line_breaks), code, "Game presentation contains unsupported control characters");
+  require(text.size() <= limit, invalid_presentation, "Game presentation text exceeds its bound");
+  require(is_displayable(text, allow_line_breaks), invalid_presentation,
+          "Game presentation contains unsupported control characters");
 }
 
 std::string read_text(const Json& value, std::size_t limit, bool allow_line_breaks) {
-  require(value.is_string(), code, "Game presentation must contain text");
+  require(value.is_string(), invalid_presentation, "Game presentation must contain text");
   require_text(value.get_ref<const std::string&>(), limit, allow_line_breaks);
   return value.get<std::string>();
 }
@@ -39,7 +40,8 @@ std::ptrdiff_t count_characters(std::string_view text) {
 std::string read_monogram(const Json& value) {
   std::string monogram = read_text(value, 16, false);
   const std::ptrdiff_t characters = count_characters(monogram);
-  require(characters >= 1 && characters <= 4, code, "Game monogram must contain one to four characters");
+  require(characters >= 1 && characters <= 4, invalid_presentation,
+          "Game monogram must contain one to four characters");
   return monogram;
 }
 
@@ -50,9 +52,9 @@ std::uint32_t read_pixels(const Json& value) {
 }
 
 std::string read_pixels_text(const Json& value) {
-  require(value.is_string(), code, "Game artwork pixels are missing");
+  require(value.is_string(), invalid_presentation, "Game artwork pixels are missing");
   const std::string& text = value.get_ref<const std::string&>();
-  require(text.size() <= maximum_hex_characters && text.size() % 2 == 0 && is_lower_hex(text), code,
+  require(text.size() <= maximum_hex_characters && text.size() % 2 == 0 && is_lower_hex(text), invalid_presentation,
           "Game artwork encoding exceeds its bound");
   const std::vector<std::uint8_t> bytes = unhex(text, maximum_hex_characters);
   return {bytes.begin(), bytes.end()};
@@ -61,22 +63,23 @@ std::string read_pixels_text(const Json& value) {
 GameArtwork read_artwork(const Json& document) {
   require(has_exactly(document, {"format", "width", "height", "bmp_hex", "alternative_text"}) &&
               is_text(document.at("format"), artwork_format),
-          code, "Unknown game artwork descriptor");
+          invalid_presentation, "Unknown game artwork descriptor");
   GameArtwork artwork;
   artwork.width = read_pixels(document.at("width"));
   artwork.height = read_pixels(document.at("height"));
-  require(artwork.width != 0 && artwork.height != 0, code, "Game artwork dimensions exceed 128 pixels");
+  require(artwork.width != 0 && artwork.height != 0, invalid_presentation, "Game artwork dimensions exceed 128 pixels");
   artwork.alternative_text = read_text(document.at("alternative_text"), 200, false);
-  require(!artwork.alternative_text.empty(), code, "Game artwork needs alternative text");
+  require(!artwork.alternative_text.empty(), invalid_presentation, "Game artwork needs alternative text");
   artwork.bitmap = read_pixels_text(document.at("bmp_hex"));
   validate_presentation_bitmap(artwork.bitmap, artwork.width, artwork.height);
   return artwork;
 }
 
 void require_known_fields(const Json& document) {
-  require(document.is_object() && document.size() <= known_keys.size(), code, "Unknown game presentation fields");
+  require(document.is_object() && document.size() <= known_keys.size(), invalid_presentation,
+          "Unknown game presentation fields");
   for (const auto& [key, value] : document.items()) {
-    require(std::find(known_keys.begin(), known_keys.end(), key) != known_keys.end(), code,
+    require(std::find(known_keys.begin(), known_keys.end(), key) != known_keys.end(), invalid_presentation,
             "Unknown game presentation field");
   }
 }
@@ -86,7 +89,7 @@ void require_known_fields(const Json& document) {
 GamePresentation GamePresentation::parse(std::string_view display_name, const Json& document) {
   GamePresentation presentation;
   require_text(display_name, 200, false);
-  require(!display_name.empty(), code, "Game display name is empty");
+  require(!display_name.empty(), invalid_presentation, "Game display name is empty");
   presentation.display_name = display_name;
   require_known_fields(document);
   if (document.contains("tagline")) {
@@ -118,16 +121,16 @@ Json GamePresentation::summary() const {
 
 void validate_presentation_bitmap(std::string_view bytes, std::uint32_t width, std::uint32_t height) {
   require(width >= 1 && width <= maximum_pixels && height >= 1 && height <= maximum_pixels &&
-              bytes.size() >= header_bytes && bytes.size() <= maximum_bitmap_bytes,
-          code, "Game artwork exceeds its 128-pixel bitmap bound");
+              bytes.size() >= bitmap_header_bytes && bytes.size() <= maximum_bitmap_bytes,
+          invalid_presentation, "Game artwork exceeds its 128-pixel bitmap bound");
   const std::uint32_t stride = (width * 3 + 3) / 4 * 4;
   const std::uint32_t image_bytes = stride * height;
   const bool exact = bytes.starts_with("BM") && number_at(bytes, 2, 4) == bytes.size() &&
-                     number_at(bytes, 10, 4) == header_bytes && number_at(bytes, 14, 4) == 40 &&
+                     number_at(bytes, 10, 4) == bitmap_header_bytes && number_at(bytes, 14, 4) == 40 &&
                      number_at(bytes, 18, 4) == width && number_at(bytes, 22, 4) == height &&
                      number_at(bytes, 26, 2) == 1 && number_at(bytes, 28, 2) == 24 && number_at(bytes, 30, 4) == 0 &&
-                     number_at(bytes, 34, 4) == image_bytes && bytes.size() == header_bytes + image_bytes;
-  require(exact, code, "Game artwork must be an exact uncompressed RGB24 BMP");
+                     number_at(bytes, 34, 4) == image_bytes && bytes.size() == bitmap_header_bytes + image_bytes;
+  require(exact, invalid_presentation, "Game artwork must be an exact uncompressed RGB24 BMP");
 }
 
 }  // namespace ravok

@@ -5,6 +5,7 @@
 #include <openssl/core_names.h>
 #include <openssl/rsa.h>
 
+#include "domain/bytes.hpp"
 #include "domain/digest_context.hpp"
 
 namespace ravok {
@@ -50,10 +51,6 @@ std::vector<std::uint8_t> ml_dsa_message(std::string_view payload) {
   const std::vector<std::uint8_t> digest = context.finish();
   message.insert(message.end(), digest.begin(), digest.end());
   return digest.empty() ? digest : message;
-}
-
-std::span<const std::uint8_t> bytes_of(std::string_view text) {
-  return {reinterpret_cast<const std::uint8_t*>(text.data()), text.size()};
 }
 
 }  // namespace ravok

@@ -52,7 +52,4 @@ bool use_pss(EVP_PKEY_CTX* parameters, const char* digest);
 // signature that was made for another use never fits. Empty when the library failed.
 std::vector<std::uint8_t> ml_dsa_message(std::string_view payload);
 
-// The bytes of a text.
-std::span<const std::uint8_t> bytes_of(std::string_view text);
-
 }  // namespace ravok

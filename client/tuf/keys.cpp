@@ -14,8 +14,6 @@ namespace {
 
 constexpr std::size_t maximum_public_bytes = 16'384;
 
-bool has_text(const Json& object, const char* key) { return object.contains(key) && object.at(key).is_string(); }
-
 bool is_key(const Json& key) {
   return key.is_object() && has_text(key, "keytype") && has_text(key, "scheme") && key.contains("keyval") &&
          key.at("keyval").is_object() && has_text(key.at("keyval"), "public");

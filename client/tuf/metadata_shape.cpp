@@ -22,8 +22,6 @@ constexpr std::size_t maximum_pattern_bytes = 4096;
 constexpr std::size_t maximum_prefix_characters = 64;
 constexpr std::array<std::string_view, 4> top_level = {"root", "timestamp", "snapshot", "targets"};
 
-bool has_text(const Json& object, const char* key) { return object.contains(key) && object.at(key).is_string(); }
-
 void require_signatures(const Json& signatures) {
   std::set<std::string_view> seen;
   for (const Json& signature : signatures) {

@@ -8,7 +8,7 @@
 #include "support/failure.hpp"
 #include "support/manifest_builder.hpp"
 
-namespace ravok {
+namespace ravok::bootstrap_contract_test {
 namespace {
 
 using testing::ManifestFile;
@@ -202,4 +202,4 @@ TEST(BootstrapContract, ChecksInItsOrder) {
 }
 
 }  // namespace
-}  // namespace ravok
+}  // namespace ravok::bootstrap_contract_test

@@ -10,7 +10,7 @@
 
 #include "support/failure.hpp"
 
-namespace ravok {
+namespace ravok::crypto_test {
 namespace {
 
 constexpr const char* unsupported = "Only SHA-256 and SHA-512 hashes are supported";
@@ -117,4 +117,4 @@ TEST(InitializeClientRuntime, MayBeCalledFromManyThreads) {
 }
 
 }  // namespace
-}  // namespace ravok
+}  // namespace ravok::crypto_test

@@ -8,7 +8,7 @@
 
 #include <gtest/gtest.h>
 
-namespace ravok {
+namespace ravok::display_text_test {
 namespace {
 
 TEST(IsDisplayable, KnowsEveryCharacterOfOneByte) {
@@ -110,4 +110,4 @@ TEST(ShownText, EscapesEachByteThatIsNoPartOfACharacter) {
 TEST(ShownText, ReadsNothingBehindTheText) { EXPECT_EQ(shown_text(std::string_view("a\xc3\xa4", 2)), "a\\xc3"); }
 
 }  // namespace
-}  // namespace ravok
+}  // namespace ravok::display_text_test

@@ -16,7 +16,7 @@
 #include "domain/crypto.hpp"
 #include "support/failure.hpp"
 
-namespace ravok {
+namespace ravok::encryption_test {
 namespace {
 
 constexpr const char* out_of_bounds = "AEAD record or associated data exceeds its bound";
@@ -262,4 +262,4 @@ TEST(DeriveKey, RefusesIterationsThatTheLibraryCannotCount) {
 }
 
 }  // namespace
-}  // namespace ravok
+}  // namespace ravok::encryption_test

@@ -6,7 +6,7 @@
 
 #include "support/failure.hpp"
 
-namespace ravok {
+namespace ravok::error_test {
 namespace {
 
 TEST(Error, CarriesCodeMessageAndHintsAsARunTimeError) {
@@ -31,4 +31,4 @@ TEST(Require, HandsHintsOn) {
 }
 
 }  // namespace
-}  // namespace ravok
+}  // namespace ravok::error_test

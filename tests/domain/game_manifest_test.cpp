@@ -8,7 +8,7 @@
 #include "support/failure.hpp"
 #include "support/manifest_builder.hpp"
 
-namespace ravok {
+namespace ravok::game_manifest_test {
 namespace {
 
 using testing::manifest_document;
@@ -542,4 +542,4 @@ TEST(GameManifest, ChecksInItsOrder) {
 }
 
 }  // namespace
-}  // namespace ravok
+}  // namespace ravok::game_manifest_test

@@ -6,7 +6,7 @@
 
 #include "support/failure.hpp"
 
-namespace ravok {
+namespace ravok::identifier_test {
 namespace {
 
 constexpr const char* form = "Game and build IDs use lower-case letters, digits, dots and hyphens";
@@ -41,4 +41,4 @@ TEST(ValidateIdentifier, RefusesADotAtTheEnd) {
 }
 
 }  // namespace
-}  // namespace ravok
+}  // namespace ravok::identifier_test

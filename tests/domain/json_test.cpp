@@ -11,7 +11,7 @@
 #include "support/failure.hpp"
 #include "support/reference_json.hpp"
 
-namespace ravok {
+namespace ravok::json_test {
 namespace {
 
 constexpr std::uint64_t limit = 1 << 20;
@@ -331,4 +331,4 @@ TEST(IsText, ComparesWholeTextsAndNothingElse) {
 }
 
 }  // namespace
-}  // namespace ravok
+}  // namespace ravok::json_test

@@ -11,7 +11,7 @@
 #include "support/launcher_builder.hpp"
 #include "support/manifest_builder.hpp"
 
-namespace ravok {
+namespace ravok::launcher_contract_test {
 namespace {
 
 using testing::as_launcher;
@@ -445,4 +445,4 @@ TEST(LauncherManifestTarget, NamesThePlatform) {
 }
 
 }  // namespace
-}  // namespace ravok
+}  // namespace ravok::launcher_contract_test

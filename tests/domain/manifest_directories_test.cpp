@@ -8,7 +8,7 @@
 
 #include "domain/manifest.hpp"
 
-namespace ravok {
+namespace ravok::manifest_directories_test {
 namespace {
 
 using Directories = std::set<std::string_view>;
@@ -61,4 +61,4 @@ TEST(ManifestDirectories, AreCountedNoFurtherThanAsked) {
 }
 
 }  // namespace
-}  // namespace ravok
+}  // namespace ravok::manifest_directories_test

@@ -8,7 +8,7 @@
 #include "support/failure.hpp"
 #include "support/manifest_builder.hpp"
 
-namespace ravok {
+namespace ravok::manifest_test {
 namespace {
 
 using testing::manifest_document;
@@ -263,4 +263,4 @@ TEST(LongestNativePath, CountsBytesOrNothing) {
 }
 
 }  // namespace
-}  // namespace ravok
+}  // namespace ravok::manifest_test

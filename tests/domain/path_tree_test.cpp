@@ -8,7 +8,7 @@
 
 #include "support/failure.hpp"
 
-namespace ravok {
+namespace ravok::path_tree_test {
 namespace {
 
 constexpr const char* duplicate = "Package contains duplicate or case-colliding paths";
@@ -96,4 +96,4 @@ TEST(PathTree, GoesAsDeepAsAPathMay) {
 }
 
 }  // namespace
-}  // namespace ravok
+}  // namespace ravok::path_tree_test

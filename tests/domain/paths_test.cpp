@@ -6,7 +6,7 @@
 
 #include "support/failure.hpp"
 
-namespace ravok {
+namespace ravok::paths_test {
 namespace {
 
 constexpr const char* not_relative = "Path must be a safe relative path";
@@ -118,4 +118,4 @@ TEST(NativeLength, CountsBytes) {
 }
 
 }  // namespace
-}  // namespace ravok
+}  // namespace ravok::paths_test

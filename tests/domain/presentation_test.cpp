@@ -11,7 +11,7 @@
 #include "domain/crypto.hpp"
 #include "support/failure.hpp"
 
-namespace ravok {
+namespace ravok::presentation_test {
 namespace {
 
 constexpr const char* no_text = "Game presentation must contain text";
@@ -343,4 +343,4 @@ TEST(PresentationBitmap, IsDeterminedByEveryBitOfItsDescription) {
 }
 
 }  // namespace
-}  // namespace ravok
+}  // namespace ravok::presentation_test

@@ -15,7 +15,7 @@
 
 #include "domain/crypto.hpp"
 
-namespace ravok {
+namespace ravok::signature_test {
 namespace {
 
 constexpr std::size_t maximum_text = 16'384;
@@ -337,4 +337,4 @@ TEST(VerifySignature, CountsThePublishedEd25519Signatures) {
 }
 
 }  // namespace
-}  // namespace ravok
+}  // namespace ravok::signature_test

@@ -11,7 +11,7 @@
 #include "support/failure.hpp"
 #include "support/theme_builder.hpp"
 
-namespace ravok {
+namespace ravok::theme_test {
 namespace {
 
 using testing::bitmap;
@@ -600,4 +600,4 @@ TEST(ParseTheme, ReadsTheFilesAheadOfTheMeasures) {
 }
 
 }  // namespace
-}  // namespace ravok
+}  // namespace ravok::theme_test

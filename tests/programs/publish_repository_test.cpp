@@ -13,7 +13,7 @@
 #include "support/process.hpp"
 #include "support/temporary_root.hpp"
 
-namespace ravok {
+namespace ravok::publish_repository_test {
 namespace {
 
 using testing::ProgramResult;
@@ -173,4 +173,4 @@ TEST_F(PublishRepository, NamesItsCommandsWhereNoneIsGiven) {
 }
 
 }  // namespace
-}  // namespace ravok
+}  // namespace ravok::publish_repository_test

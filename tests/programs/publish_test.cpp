@@ -30,7 +30,7 @@
 #include "support/snapshot_builder.hpp"
 #include "support/temporary_root.hpp"
 
-namespace ravok {
+namespace ravok::publish_test {
 namespace {
 
 using testing::noise;
@@ -742,4 +742,4 @@ TEST_F(ArchiverTest, PackWhatTheClientRefuses) {
 }
 
 }  // namespace
-}  // namespace ravok
+}  // namespace ravok::publish_test

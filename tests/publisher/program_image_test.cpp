@@ -9,7 +9,7 @@
 
 #include "support/failure.hpp"
 
-namespace ravok {
+namespace ravok::program_image_test {
 namespace {
 
 constexpr const char* damaged = "The headers of this program for macOS are damaged";
@@ -156,4 +156,4 @@ TEST(InspectProgramImage, RefusesMoreSlicesThanThereAreProcessors) {
 }
 
 }  // namespace
-}  // namespace ravok
+}  // namespace ravok::program_image_test

@@ -81,7 +81,7 @@ void append_number(std::string& bytes, std::uint64_t value, int count) {
   }
 }
 
-struct Release {
+struct FreeContext {
   void operator()(ZSTD_CCtx* context) const { ZSTD_freeCCtx(context); }
 };
 
@@ -137,7 +137,7 @@ std::string tar_archive(const std::vector<TarMember>& members) {
 }
 
 std::string zstd_frame(std::string_view content, const ZstdOptions& options) {
-  const std::unique_ptr<ZSTD_CCtx, Release> context(ZSTD_createCCtx());
+  const std::unique_ptr<ZSTD_CCtx, FreeContext> context(ZSTD_createCCtx());
   checked(ZSTD_CCtx_setParameter(context.get(), ZSTD_c_compressionLevel, 1));
   checked(ZSTD_CCtx_setParameter(context.get(), ZSTD_c_windowLog, options.window_log));
   checked(ZSTD_CCtx_setParameter(context.get(), ZSTD_c_checksumFlag, options.checksum ? 1 : 0));

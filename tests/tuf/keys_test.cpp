@@ -9,7 +9,7 @@
 #include "support/failure.hpp"
 #include "support/signing.hpp"
 
-namespace ravok {
+namespace ravok::keys_test {
 namespace {
 
 using testing::key_objects;
@@ -246,4 +246,4 @@ TEST_F(Threshold, OnlineKeysOfEmptyRolesAreNone) {
 }
 
 }  // namespace
-}  // namespace ravok
+}  // namespace ravok::keys_test

@@ -12,7 +12,7 @@
 #include "support/failure.hpp"
 #include "support/signing.hpp"
 
-namespace ravok {
+namespace ravok::metadata_shape_test {
 namespace {
 
 using testing::key_objects;
@@ -531,4 +531,4 @@ TEST(Length, IsANumberOfBytes) {
 }
 
 }  // namespace
-}  // namespace ravok
+}  // namespace ravok::metadata_shape_test

@@ -15,7 +15,7 @@
 #include "support/signing.hpp"
 #include "support/temporary_root.hpp"
 
-namespace ravok {
+namespace ravok::tuf_test {
 namespace {
 
 using testing::root_document;
@@ -156,4 +156,4 @@ TEST_F(Initialize, WaitsForTheLockAndThenSeesWhatItsHolderDid) {
 }
 
 }  // namespace
-}  // namespace ravok
+}  // namespace ravok::tuf_test

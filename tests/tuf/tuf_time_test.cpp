@@ -9,7 +9,7 @@
 
 #include "support/failure.hpp"
 
-namespace ravok {
+namespace ravok::tuf_time_test {
 namespace {
 
 constexpr const char* time_form = "Expiry must use a UTC ISO-8601 timestamp";
@@ -93,4 +93,4 @@ TEST(TufTime, ReadsDigitsOnly) {
 }
 
 }  // namespace
-}  // namespace ravok
+}  // namespace ravok::tuf_time_test

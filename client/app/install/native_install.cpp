@@ -29,7 +29,7 @@
 namespace ravok {
 namespace {
 
-constexpr const char* default_name = "Ravok";
+constexpr const char* unbranded_name = "Ravok";
 constexpr std::size_t version_name_characters = 64;
 std::string not_installed_in(const std::filesystem::path& root) {
   return "Ravok is not installed in " + path_utf8(root);
@@ -319,7 +319,7 @@ class Installation {
     if (!request_.create_shortcut || !has_own_shortcut()) {
       return {};
     }
-    const std::string name = package_.brand ? package_.brand->name : default_name;
+    const std::string name = package_.brand ? package_.brand->name : unbranded_name;
     const std::filesystem::path entry = native_menu_entry(paths_.root, "", name);
     create_owned_native_shortcut({bootstrap, paths_.root, "", name}, entry);
     return {entry};
@@ -339,8 +339,8 @@ class Installation {
     const std::filesystem::path icon = brand_icon_path(paths_.root);
     UninstallEntry entry;
     entry.key = uninstall_entry_key(package_.brand);
-    entry.display_name = package_.brand ? package_.brand->name : default_name;
-    entry.publisher = package_.brand ? package_.brand->publisher : default_name;
+    entry.display_name = package_.brand ? package_.brand->name : unbranded_name;
+    entry.publisher = package_.brand ? package_.brand->publisher : unbranded_name;
     entry.install_location = path_utf8(paths_.root);
     entry.executable = path_utf8(shortcut_bootstrap(paths_));
     entry.icon = is_missing(icon) ? entry.executable : path_utf8(icon);

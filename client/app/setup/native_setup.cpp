@@ -15,10 +15,10 @@ namespace {
 constexpr const char* failed_code = "setup_failed";
 
 // Returns the outcome of a failure. Without memory for the message, it has at least a code.
-NativeSetup::View failed(std::string_view code, const char* message) {
+NativeSetup::View failed(std::string_view error, const char* message) {
   NativeSetup::View outcome;
   try {
-    outcome.error_code = code;
+    outcome.error_code = error;
     outcome.error_message = message;
   } catch (const std::bad_alloc&) {
     outcome.error_code = failed_code;

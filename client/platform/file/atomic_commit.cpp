@@ -17,10 +17,6 @@ namespace {
 
 constexpr std::string_view commit_code = "native_install_commit";
 
-bool is_bounded_below_root(const std::filesystem::path& path) {
-  return path != path.root_path() && is_bounded_path(path);
-}
-
 void run(const std::function<void()>& hook) {
   if (hook) {
     hook();

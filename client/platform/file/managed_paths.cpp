@@ -27,13 +27,13 @@ std::filesystem::path read_system_link(const std::filesystem::path& path) {
   return path_from_utf8(*target);
 }
 
-struct Walk {
+struct LinkWalk {
   std::filesystem::path path;
   bool finished;
 };
 
 // Walks to the first system link: either finished, or the path with that link replaced.
-Walk walk_to_system_link(const std::filesystem::path& path, int& followed) {
+LinkWalk walk_to_system_link(const std::filesystem::path& path, int& followed) {
   std::filesystem::path result = path.root_path();
   const std::filesystem::path relative = path.relative_path();
   for (auto component = relative.begin(); component != relative.end(); ++component) {
@@ -87,7 +87,7 @@ std::filesystem::path resolve_system_links(const std::filesystem::path& path) {
   std::error_code problem;
   const std::filesystem::path absolute = std::filesystem::absolute(path, problem);
   require(!problem, "unsafe_path", "Cannot make a path absolute");
-  Walk walk{absolute.lexically_normal(), false};
+  LinkWalk walk{absolute.lexically_normal(), false};
   int followed = 0;
   while (!walk.finished) {
     walk = walk_to_system_link(walk.path, followed);

@@ -5,6 +5,7 @@
 #include <system_error>
 
 #include "domain/error.hpp"
+#include "domain/limits.hpp"
 #include "domain/paths.hpp"
 #include "platform/file/file_operations.hpp"
 #include "platform/file/managed_paths.hpp"
@@ -12,8 +13,6 @@
 
 namespace ravok {
 namespace {
-
-constexpr std::size_t maximum_levels = 128;
 
 Result<Handle> open_existing(int parent, const std::string& name) {
   return os::open_at(parent, name.c_str(), os::OpenAs::file_to_change);
@@ -32,7 +31,7 @@ Result<Handle> create_or_open(int parent, const std::string& name) {
 
 Problem lock(int file, LockMode mode, bool wait) { return os::lock(file, mode != LockMode::shared, wait); }
 
-bool is_private_file(const Status& status) {
+bool has_private_mode(const Status& status) {
   return is_single_link_file(status) && status.is_own && status.permissions == permissions::private_file;
 }
 
@@ -53,7 +52,7 @@ bool has_ordinary_parent(const std::filesystem::path& path) {
   for (const std::filesystem::path& component : parent.relative_path()) {
     prefix /= component;
     const auto status = link_status_of(prefix);
-    if (++levels > maximum_levels || !status || !is_directory(*status)) {
+    if (++levels > maximum_path_levels || !status || !is_directory(*status)) {
       return false;
     }
   }
@@ -70,7 +69,7 @@ FileLock::FileLock(const std::filesystem::path& path, bool wait, LockMode mode) 
   require(file.has_value(), "lock_failed", "Cannot open operation lock");
   file_ = *std::move(file);
   const auto status = status_of(file_.get());
-  require(status && is_private_file(*status), "lock_failed", "Operation lock must be an ordinary private owned file");
+  require(status && has_private_mode(*status), "lock_failed", "Operation lock must be an ordinary private owned file");
   posix_files::require_private_acl(file_.get());
   require(!lock(file_.get(), mode, wait), "busy", "Another Ravok operation is using this state");
 }

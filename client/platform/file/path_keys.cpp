@@ -17,8 +17,6 @@
 namespace ravok {
 namespace {
 
-constexpr std::size_t maximum_levels = 128;
-
 void require_place(bool condition, std::string_view before, std::string_view after) {
   if (!condition) {
     fail("unsafe_path", std::string(before) + std::string(os::system_name()) + std::string(after));
@@ -36,18 +34,18 @@ std::vector<std::string> names_of(const std::filesystem::path& path) {
 }
 
 // A path as far as it exists: its deepest existing level, and the names below it that do not.
-struct Walk {
+struct Reach {
   Handle deepest;
   Status status;
   std::vector<std::string> missing;
 };
 
-Walk walk(const std::filesystem::path& path, bool leaf) {
+Reach walk(const std::filesystem::path& path, bool leaf) {
   Result<Handle> anchor = os::open(path.root_path(), os::OpenAs::directory);
   require_place(anchor.has_value(), "Cannot anchor ", " setup ancestry");
   Handle deepest = *std::move(anchor);
   const std::vector<std::string> names = names_of(resolve_system_links(path));
-  require_place(names.size() <= maximum_levels, "", " setup ancestry exceeds its bound");
+  require_place(names.size() <= maximum_path_levels, "", " setup ancestry exceeds its bound");
   auto name = names.begin();
   for (; name != names.end(); ++name) {
     const bool may_be_file = leaf && name + 1 == names.end();
@@ -73,10 +71,10 @@ std::filesystem::path physical(int descriptor) {
   return path_from_utf8(*path);
 }
 
-Walk walk_to_mount(const os::Volume& volume) {
+Reach walk_to_mount(const os::Volume& volume) {
   const std::filesystem::path mount = path_from_utf8(volume.mount_path);
   require_place(mount.is_absolute() && mount.lexically_normal() == mount, "Unknown ", " volume mount path");
-  Walk mounted = walk(mount, false);
+  Reach mounted = walk(mount, false);
   require_place(mounted.missing.empty() && os::local_volume(mounted.deepest.get()).id == volume.id, "",
                 " setup volume changed during inspection");
   return mounted;
@@ -89,7 +87,7 @@ struct ComparedNames {
   bool case_sensitive;
 };
 
-ComparedNames compared_names(const Walk& place, const Walk& mounted) {
+ComparedNames compared_names(const Reach& place, const Reach& mounted) {
   const std::filesystem::path relative =
       physical(place.deepest.get()).lexically_relative(physical(mounted.deepest.get()));
   require_place(!relative.empty() && *relative.begin() != "..", "", " setup path escaped its mounted volume");
@@ -111,7 +109,7 @@ ComparedNames compared_names(const Walk& place, const Walk& mounted) {
   return compared;
 }
 
-bool same_walk(const Walk& first, const Walk& second) {
+bool same_walk(const Reach& first, const Reach& second) {
   return same_file(first.status, second.status) && first.missing == second.missing;
 }
 
@@ -121,11 +119,11 @@ std::string key(const std::filesystem::path& path, bool leaf) {
   require_place(path.is_absolute() && path_utf8(normal).size() <= maximum_path_bytes, "",
                 " setup needs a bounded absolute destination");
 
-  const Walk place = walk(normal, leaf);
+  const Reach place = walk(normal, leaf);
   const os::Volume volume = os::local_volume(place.deepest.get());
   const ComparedNames compared = compared_names(place, walk_to_mount(volume));
 
-  const Walk again = walk(normal, leaf);
+  const Reach again = walk(normal, leaf);
   require_place(same_walk(place, again) && os::local_volume(again.deepest.get()).id == volume.id, "",
                 " setup ancestry or volume changed during inspection");
 

@@ -18,8 +18,6 @@
 namespace ravok {
 namespace {
 
-constexpr std::size_t maximum_levels = 128;
-
 // Fails unless `condition` holds, in words that name the system between them. The message is put together for a
 // failure only, so that a lack of memory cannot come between two steps.
 void require_here(bool condition, std::string_view code, std::string_view before, std::string_view after) {
@@ -35,10 +33,6 @@ bool climbs(const std::filesystem::path& path) {
 // The path with the system's links resolved and no separator at its end.
 std::filesystem::path target_of(const std::filesystem::path& path) {
   return without_end_separator(resolve_system_links(path));
-}
-
-bool is_bounded_below_root(const std::filesystem::path& target) {
-  return target != target.root_path() && path_utf8(target).size() <= maximum_path_bytes;
 }
 
 bool is_private_directory(const Status& status) {
@@ -142,7 +136,7 @@ Handle open_parent_chain(const std::filesystem::path& parent) {
   require(directory.has_value(), "unsafe_path", "Cannot open new private directory ancestry");
   std::size_t levels = 0;
   for (const std::filesystem::path& component : parent.relative_path()) {
-    require(++levels <= maximum_levels, "size_limit", "New private directory ancestry exceeds its bound");
+    require(++levels <= maximum_path_levels, "size_limit", "New private directory ancestry exceeds its bound");
     directory = posix_files::open_level(directory->get(), path_utf8(component).c_str());
     require(directory.has_value(), "unsafe_path", "New private directory requires ordinary existing parents");
   }
@@ -204,7 +198,7 @@ PrivateDirectory open_private_directory_in_parent(const std::filesystem::path& p
   const std::filesystem::path relative = target.relative_path();
   std::size_t levels = 0;
   for (auto component = relative.begin(); component != relative.end();) {
-    require_here(++levels <= maximum_levels, "size_limit", "", " directory ancestry exceeds its bound");
+    require_here(++levels <= maximum_path_levels, "size_limit", "", " directory ancestry exceeds its bound");
     const std::string name = path_utf8(*component);
     found.parent = std::move(found.directory);
     found.directory = ++component == relative.end()
@@ -245,7 +239,7 @@ Result<Handle> open_passage(const std::filesystem::path& directory) {
   Result<Handle> passage = os::open(target.root_path(), os::OpenAs::passage);
   std::size_t levels = 0;
   for (const std::filesystem::path& component : target.relative_path()) {
-    if (!passage || ++levels > maximum_levels) {
+    if (!passage || ++levels > maximum_path_levels) {
       return passage ? problem_of(Cause::missing) : passage.problem();
     }
     passage = os::open_at(passage->get(), path_utf8(component).c_str(), os::OpenAs::passage);

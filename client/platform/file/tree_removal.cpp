@@ -20,9 +20,9 @@ bool is_gone(const Problem& problem) { return !problem || problem == Cause::miss
 bool is_not_empty(const Problem& problem) { return problem == Cause::not_empty || problem == Cause::exists; }
 
 // The removal of one tree. What fails is kept quiet about, or ends it.
-class Removal {
+class TreeRemoval {
  public:
-  Removal(const std::filesystem::path& path, bool quiet) : path_(path), quiet_(quiet) {}
+  TreeRemoval(const std::filesystem::path& path, bool quiet) : path_(path), quiet_(quiet) {}
 
   // Returns no problem when all of it went, or that of the first failure.
   Problem run(int directory, const char* name) {
@@ -117,13 +117,13 @@ class Removal {
 }  // namespace
 
 void remove_tree_at(int directory, const std::string& name, const std::filesystem::path& path) {
-  Removal(path, false).run(directory, name.c_str());
+  TreeRemoval(path, false).run(directory, name.c_str());
 }
 
 Problem remove_tree_quietly_at(int directory, const std::string& name) noexcept {
   try {
     const std::filesystem::path unnamed;
-    return Removal(unnamed, true).run(directory, name.c_str());
+    return TreeRemoval(unnamed, true).run(directory, name.c_str());
   } catch (const Error& error) {
     if (error.code == "too_many_files") {
       return problem_of(Cause::too_many_open);

@@ -8,6 +8,7 @@
 #include "domain/data_layout.hpp"
 #include "domain/error.hpp"
 #include "domain/identifier.hpp"
+#include "domain/limits.hpp"
 #include "domain/paths.hpp"
 #include "platform/file/files.hpp"
 #include "platform/file/status.hpp"
@@ -17,8 +18,7 @@
 namespace ravok {
 namespace {
 
-constexpr std::size_t environment_bound = 8192;
-constexpr shortcut_rules::FormWords words = {"Desktop entries", "Desktop-entry"};
+constexpr shortcut_rules::FormWords entry_words = {"Desktop entries", "Desktop-entry"};
 
 void require_linux(std::string_view message) {
   require(os::shortcut_form() == os::ShortcutForm::desktop_entry, "unsupported_platform", message);
@@ -83,12 +83,12 @@ std::optional<std::filesystem::path> brand_icon(const std::filesystem::path& dat
 
 std::filesystem::path linux_menu_directory() {
   require_linux("Application menu creation requires Linux");
-  const std::optional<std::string> data_home = process_environment("XDG_DATA_HOME", environment_bound);
+  const std::optional<std::string> data_home = process_environment("XDG_DATA_HOME", maximum_environment_bytes);
   // A relative value is to be ignored.
   if (data_home && std::filesystem::path(*data_home).is_absolute()) {
     return std::filesystem::path(*data_home) / "applications";
   }
-  const std::optional<std::string> home = process_environment("HOME", environment_bound);
+  const std::optional<std::string> home = process_environment("HOME", maximum_environment_bytes);
   require(home && std::filesystem::path(*home).is_absolute(), "user_path", "Cannot locate the user's application menu");
   return std::filesystem::path(*home) / ".local/share/applications";
 }
@@ -114,7 +114,7 @@ shortcut_rules::NewFile prove_linux_desktop_entry(const DesktopShortcut& shortcu
                                                   shortcut_rules::Taken taken) {
   std::string text = linux_desktop_entry(shortcut);
   require(path.extension() == ".desktop", "shortcut_path", "Linux desktop entries must end in .desktop");
-  shortcut_rules::NewFile file = shortcut_rules::prove_new_file(shortcut, path, std::move(text), words, taken);
+  shortcut_rules::NewFile file = shortcut_rules::prove_new_file(shortcut, path, std::move(text), entry_words, taken);
   shortcut_rules::require_stable_bootstrap(shortcut.bootstrap, "Linux");
   return file;
 }

@@ -14,9 +14,9 @@ namespace ravok {
 namespace {
 
 constexpr std::uint64_t document_limit = 32'768;
-constexpr const char* kind = "ravok-launch-document";
+constexpr const char* document_kind = "ravok-launch-document";
 constexpr std::array<const char*, 6> keys = {"schema_version", "kind", "bootstrap", "data_root", "game_id", "name"};
-constexpr shortcut_rules::FormWords words = {"Launch documents", "Launch-document"};
+constexpr shortcut_rules::FormWords document_words = {"Launch documents", "Launch-document"};
 
 void require_choices(const std::string& game_id, const std::string& name) {
   shortcut_rules::bounded_text(name, shortcut_rules::maximum_name_bytes);
@@ -31,8 +31,8 @@ void require_document_form(const Json& document) {
   for (const char* key : keys) {
     require(document.contains(key), "shortcut_document", "Incomplete launch document");
   }
-  require(is_integer(document.at("schema_version"), 1) && is_text(document.at("kind"), kind), "unsupported_schema",
-          "Unknown launch document schema was preserved");
+  require(is_integer(document.at("schema_version"), 1) && is_text(document.at("kind"), document_kind),
+          "unsupported_schema", "Unknown launch document schema was preserved");
   for (const char* key : {"bootstrap", "data_root", "game_id", "name"}) {
     require(document.at(key).is_string(), "shortcut_document", "Launch document choices must be strings");
   }
@@ -72,7 +72,7 @@ shortcut_rules::NewFile prove_macos_launch_document(const DesktopShortcut& short
                                                     shortcut_rules::Taken taken) {
   std::string text = macos_launch_document(shortcut);
   require(path.extension() == ".ravok-launch", "shortcut_path", "macOS launch documents must end in .ravok-launch");
-  shortcut_rules::NewFile file = shortcut_rules::prove_new_file(shortcut, path, std::move(text), words, taken);
+  shortcut_rules::NewFile file = shortcut_rules::prove_new_file(shortcut, path, std::move(text), document_words, taken);
   // No document is to exist that nothing can open.
   register_macos_shortcut_handler(shortcut.bootstrap);
   return file;

@@ -10,6 +10,7 @@
 #include "domain/data_layout.hpp"
 #include "domain/error.hpp"
 #include "domain/identifier.hpp"
+#include "domain/limits.hpp"
 #include "domain/paths.hpp"
 #include "platform/file/native_lock.hpp"
 #include "platform/file/path_keys.hpp"
@@ -30,8 +31,6 @@ using shortcut_rules::NewFile;
 using shortcut_rules::Taken;
 using Rows = std::vector<OwnedShortcut>;
 
-constexpr std::size_t environment_bound = 8192;
-
 void require_plain_way(const std::filesystem::path& parent) {
   std::filesystem::path level = parent.root_path();
   for (const std::filesystem::path& component : parent.relative_path()) {
@@ -47,7 +46,7 @@ void require_plain_way(const std::filesystem::path& parent) {
 }
 
 std::filesystem::path launch_document_directory() {
-  const std::optional<std::string> home = process_environment("HOME", environment_bound);
+  const std::optional<std::string> home = process_environment("HOME", maximum_environment_bytes);
   require(home && !home->empty(), "user_path", "Cannot locate the user's Desktop");
   return std::filesystem::path(*home) / "Desktop";
 }
@@ -140,9 +139,9 @@ bool is_unchanged(const std::optional<OpenedFile>& file, const OwnedShortcut& ro
 }
 
 // A removal of the recorded shortcuts, one after the other.
-class Removal {
+class Remover {
  public:
-  explicit Removal(const std::filesystem::path& root) {
+  explicit Remover(const std::filesystem::path& root) {
     for (const OwnedShortcut& row : shortcut_ledger::read(root)) {
       remove(row);
     }
@@ -264,7 +263,7 @@ ShortcutRemoval remove_owned_native_shortcuts(const std::filesystem::path& data_
     return {};
   }
   const FileLock lock = shortcut_ledger::lock(data_root);
-  const Removal removal(data_root);
+  const Remover removal(data_root);
   removal.flush();
   require(removal.kept().empty(), "file_remove", "Cannot remove a recorded shortcut");
   shortcut_ledger::write(data_root, {});
@@ -276,7 +275,7 @@ ShortcutRemoval release_owned_native_shortcuts(const std::filesystem::path& data
     return {};
   }
   const FileLock lock = shortcut_ledger::lock(data_root);
-  const Removal removal(data_root);
+  const Remover removal(data_root);
   try {
     removal.flush();
     shortcut_ledger::write(data_root, removal.kept());

@@ -18,7 +18,7 @@ namespace ravok {
 namespace {
 
 // The absolute form of a root, with or without a separator at its end; empty where there is none.
-std::filesystem::path place_of(const std::filesystem::path& root) {
+std::filesystem::path absolute_root(const std::filesystem::path& root) {
   std::error_code ignored;
   return without_end_separator(std::filesystem::absolute(root, ignored));
 }
@@ -48,7 +48,7 @@ bool is_reserved(const Status& status, const FileReservation& reservation) {
 
 ReservedTree::ReservedTree(const SnapshotManifest& manifest, const std::filesystem::path& root,
                            const ProgressCallback& progress, const Recorder& recorder)
-    : root_(place_of(root)) {
+    : root_(absolute_root(root)) {
   require(is_missing(root_), "staging_exists", "A fresh reservation directory is required");
   const std::filesystem::path parent = root_.parent_path();
   const auto status = link_status_of(parent);
@@ -134,7 +134,7 @@ const FileReservation& ReservedTree::file(std::string_view path, std::uint64_t l
 
 void ReservedTree::validate(const SnapshotManifest& manifest, const std::filesystem::path& root) const {
   require(files_.size() == manifest.files.size() && requested_bytes_ == manifest.expanded_length &&
-              place_of(root) == root_ && inspect_storage_directory(root_) == identity_,
+              absolute_root(root) == root_ && inspect_storage_directory(root_) == identity_,
           "allocation_changed", "Prepared tree differs from the requested snapshot");
   for (const auto& [path, expected] : manifest.files) {
     file(path, expected.length);

@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "domain/error.hpp"
+#include "domain/limits.hpp"
 #include "domain/paths.hpp"
 #include "platform/file/file_digest.hpp"
 #include "platform/file/managed_paths.hpp"
@@ -13,9 +14,7 @@
 namespace ravok {
 namespace {
 
-constexpr std::size_t maximum_entries = 250'000;
-
-Handle open_root(const std::filesystem::path& root) {
+Handle open_content_root(const std::filesystem::path& root) {
   Result<Handle> directory = open_tree(root);
   require_handles(directory.problem());
   require(directory.has_value(), "unsafe_path", "Game content directory is missing or linked");
@@ -29,7 +28,7 @@ void walk_contents(const SnapshotManifest& manifest, Handle directory, Visit vis
   std::size_t entries = 0;
   std::string path;
   walk_tree(std::move(directory), [&](const TreeEntry& entry) {
-    require(++entries <= maximum_entries, "size_limit", "Game directory entry count exceeds bounds");
+    require(++entries <= maximum_tree_entries, "size_limit", "Game directory entry count exceeds bounds");
     require(entry.type != EntryType::link, "unsafe_path", "Game tree contains a symbolic link");
     path = entry.path;
     // The manifest's own paths have passed the rules.
@@ -49,7 +48,7 @@ enum class Condition { whole, different, not_executable };
 class FileInspector {
  public:
   FileInspector(const std::filesystem::path& root, std::uint64_t total, const ProgressCallback& progress)
-      : root_(root), files_(open_root(root)), total_(total), progress_(progress) {}
+      : root_(root), files_(open_content_root(root)), total_(total), progress_(progress) {}
 
   // Tells of a file whether it is what the manifest says. Fails with "unsafe_path" for a link on the
   // way, "file_read" when it cannot be read, and "cancelled".
@@ -119,7 +118,7 @@ class FileInspector {
 void verify_snapshot_tree(const SnapshotManifest& manifest, const std::filesystem::path& root,
                           const ProgressCallback& progress) {
   std::size_t files = 0;
-  walk_contents(manifest, open_root(root), [&](const std::string&, bool managed) {
+  walk_contents(manifest, open_content_root(root), [&](const std::string&, bool managed) {
     require(managed, "unexpected_file", "Game tree contains an unmanaged file");
     require(++files <= manifest.files.size(), "size_limit", "Game tree contains too many files");
   });
@@ -145,7 +144,7 @@ DamagedFiles damaged_snapshot_files(const SnapshotManifest& manifest, const std:
       damaged.paths.push_back(path);
     }
   };
-  walk_contents(manifest, open_root(root), [&](const std::string& path, bool managed) {
+  walk_contents(manifest, open_content_root(root), [&](const std::string& path, bool managed) {
     if (!managed) {
       add(path);
     }

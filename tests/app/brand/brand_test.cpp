@@ -14,7 +14,7 @@
 #include "support/with_environment.hpp"
 #include "support/working_directory.hpp"
 
-namespace ravok {
+namespace ravok::brand_test {
 namespace {
 
 using testing::TemporaryRoot;
@@ -321,4 +321,4 @@ TEST(UninstallEntries, AreNeitherMadeNorTakenOnThisPlatform) {
 }
 
 }  // namespace
-}  // namespace ravok
+}  // namespace ravok::brand_test

@@ -10,7 +10,7 @@
 #include "support/temporary_root.hpp"
 #include "support/theme_builder.hpp"
 
-namespace ravok {
+namespace ravok::theme_folder_test {
 namespace {
 
 using testing::bitmap;
@@ -153,4 +153,4 @@ TEST_F(ThemeFolder, ThatIsRefusedLeavesTheThemeInForce) {
 }
 
 }  // namespace
-}  // namespace ravok
+}  // namespace ravok::theme_folder_test

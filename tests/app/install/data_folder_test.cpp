@@ -19,7 +19,7 @@
 #include "support/temporary_root.hpp"
 #include "support/with_environment.hpp"
 
-namespace ravok {
+namespace ravok::data_folder_test {
 namespace {
 
 using std::chrono::hours;
@@ -291,4 +291,4 @@ TEST_F(RavokClosed, PassesOnEveryOtherFailure) {
 }
 
 }  // namespace
-}  // namespace ravok
+}  // namespace ravok::data_folder_test

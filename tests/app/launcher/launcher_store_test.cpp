@@ -27,7 +27,7 @@
 #include "support/ordinary_user.hpp"
 #include "support/temporary_root.hpp"
 
-namespace ravok {
+namespace ravok::launcher_store_test {
 namespace {
 
 using testing::failure_of;
@@ -907,4 +907,4 @@ TEST_F(StoreOwners, FailAtOnceForALockThatIsNotPrivate) {
 }
 
 }  // namespace
-}  // namespace ravok
+}  // namespace ravok::launcher_store_test

@@ -8,7 +8,7 @@
 #include "platform/process/native_platform.hpp"
 #include "support/temporary_root.hpp"
 
-namespace ravok {
+namespace ravok::adjacent_package_test {
 namespace {
 
 using testing::TemporaryRoot;
@@ -88,4 +88,4 @@ TEST(AdjacentInitialPackage, NeverFailsForWhatTheFileSystemAnswers) {
 }
 
 }  // namespace
-}  // namespace ravok
+}  // namespace ravok::adjacent_package_test

@@ -7,7 +7,7 @@
 
 #include "support/failure.hpp"
 
-namespace ravok {
+namespace ravok::setup_command_test {
 namespace {
 
 SetupCommand parse(const std::vector<std::string>& arguments) { return parse_setup_command(arguments, "/default"); }
@@ -165,4 +165,4 @@ TEST(SetupUsage, AddsTheCommandsOfAnInstaller) {
 }
 
 }  // namespace
-}  // namespace ravok
+}  // namespace ravok::setup_command_test

@@ -14,7 +14,7 @@
 #include "support/ordinary_user.hpp"
 #include "support/working_directory.hpp"
 
-namespace ravok {
+namespace ravok::setup_console_test {
 namespace {
 
 using testing::InstallPlace;
@@ -409,4 +409,4 @@ TEST(ConsoleCallbacks, HandTheCancelCallableOn) {
 }
 
 }  // namespace
-}  // namespace ravok
+}  // namespace ravok::setup_console_test

@@ -363,7 +363,7 @@ TEST_F(AllocatedFileFault, CannotTellItsBlocksWithoutTheSystem) {
   change_status = [](struct stat& status) { status.st_blocks = -1; };
   EXPECT_FAILURE(file.allocated_bytes(), "volume_query", "Cannot inspect existing file allocation");
   change_status = [](struct stat& status) { status.st_blocks = blkcnt_t{1} << 55; };
-  EXPECT_FAILURE(file.allocated_bytes(), "size_limit", "Peak storage calculation overflowed");
+  EXPECT_FAILURE(file.allocated_bytes(), "volume_query", "Cannot inspect existing file allocation");
 }
 
 // --- Writing -------------------------------------------------------------------------------

@@ -17,7 +17,7 @@
 #include "support/failure.hpp"
 #include "support/temporary_root.hpp"
 
-namespace ravok {
+namespace ravok::allocated_file_test {
 namespace {
 
 using testing::TemporaryRoot;
@@ -824,4 +824,4 @@ TEST_F(AllocatedFileTest, InspectsOnlyAnOrdinaryFile) {
 }
 
 }  // namespace
-}  // namespace ravok
+}  // namespace ravok::allocated_file_test

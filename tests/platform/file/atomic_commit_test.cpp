@@ -17,7 +17,7 @@
 #include "support/temporary_root.hpp"
 #include "support/working_directory.hpp"
 
-namespace ravok {
+namespace ravok::atomic_commit_test {
 namespace {
 
 using testing::SecondVolume;
@@ -617,4 +617,4 @@ TEST_F(ExchangePrivateDirectories, DoesNotAskForTheModeOfAParentAgain) {
 }
 
 }  // namespace
-}  // namespace ravok
+}  // namespace ravok::atomic_commit_test

@@ -20,7 +20,7 @@
 #include "support/temporary_root.hpp"
 #include "support/with_mask.hpp"
 
-namespace ravok {
+namespace ravok::creation_mask_test {
 namespace {
 
 using testing::OrdinaryUser;
@@ -122,4 +122,4 @@ TEST(CreationMask, IsNeverChanged) {
 }
 
 }  // namespace
-}  // namespace ravok
+}  // namespace ravok::creation_mask_test

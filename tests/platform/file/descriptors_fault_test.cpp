@@ -32,7 +32,7 @@
 #include "support/manifest_builder.hpp"
 #include "support/temporary_root.hpp"
 
-namespace ravok {
+namespace ravok::descriptors_fault_test {
 namespace {
 
 using testing::failing;
@@ -207,4 +207,4 @@ TEST(EveryHook, ThatThrowsLeavesNoDescriptorOpenAndNothingMade) {
 }
 
 }  // namespace
-}  // namespace ravok
+}  // namespace ravok::descriptors_fault_test

@@ -8,7 +8,7 @@
 #include "support/failure.hpp"
 #include "support/temporary_root.hpp"
 
-namespace ravok {
+namespace ravok::directory_identity_test {
 namespace {
 
 using testing::TemporaryRoot;
@@ -48,4 +48,4 @@ TEST(InspectStorageDirectory, RefusesALinkAlsoWithASeparatorBehindIt) {
 }
 
 }  // namespace
-}  // namespace ravok
+}  // namespace ravok::directory_identity_test

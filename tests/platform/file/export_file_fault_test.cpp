@@ -13,7 +13,7 @@
 #include "support/file_calls.hpp"
 #include "support/temporary_root.hpp"
 
-namespace ravok {
+namespace ravok::export_file_fault_test {
 namespace {
 
 using testing::failing;
@@ -110,4 +110,4 @@ TEST_F(ExportFileFault, AFileThatHasItsNameKeepsIt) {
 }
 
 }  // namespace
-}  // namespace ravok
+}  // namespace ravok::export_file_fault_test

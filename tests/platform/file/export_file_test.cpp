@@ -14,7 +14,7 @@
 #include "support/temporary_root.hpp"
 #include "support/working_directory.hpp"
 
-namespace ravok {
+namespace ravok::export_file_test {
 namespace {
 
 using testing::TemporaryRoot;
@@ -191,4 +191,4 @@ TEST_F(ExportFileTest, TwoOfOneNameDoNotDisturbEachOtherAndTheFirstCommittedStay
 }
 
 }  // namespace
-}  // namespace ravok
+}  // namespace ravok::export_file_test

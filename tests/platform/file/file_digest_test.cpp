@@ -11,7 +11,7 @@
 #include "support/failure.hpp"
 #include "support/temporary_root.hpp"
 
-namespace ravok {
+namespace ravok::file_digest_test {
 namespace {
 
 using Calls = std::vector<std::pair<std::uint64_t, std::uint64_t>>;
@@ -125,4 +125,4 @@ TEST(DigestFileProgress, DigestsAFileThatShrinksAsItIs) {
 }
 
 }  // namespace
-}  // namespace ravok
+}  // namespace ravok::file_digest_test

@@ -16,7 +16,7 @@
 #include "support/file_calls.hpp"
 #include "support/temporary_root.hpp"
 
-namespace ravok {
+namespace ravok::files_fault_test {
 namespace {
 
 using testing::failing;
@@ -320,4 +320,4 @@ TEST_F(FileCallFaultOfAWriter, AFailedFlushOfTheDirectoryLeavesTheNewContent) {
 }
 
 }  // namespace
-}  // namespace ravok
+}  // namespace ravok::files_fault_test

@@ -21,7 +21,7 @@
 #include "support/temporary_root.hpp"
 #include "support/working_directory.hpp"
 
-namespace ravok {
+namespace ravok::files_test {
 namespace {
 
 using testing::TemporaryRoot;
@@ -507,4 +507,4 @@ TEST_F(ReplacePrivateFile, RefusesALink) {
 }
 
 }  // namespace
-}  // namespace ravok
+}  // namespace ravok::files_test

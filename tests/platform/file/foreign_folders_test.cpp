@@ -10,7 +10,7 @@
 #include "support/temporary_root.hpp"
 #include "support/with_environment.hpp"
 
-namespace ravok {
+namespace ravok::foreign_folders_test {
 namespace {
 
 using testing::TemporaryRoot;
@@ -79,4 +79,4 @@ TEST(ForeignFoldersOfAnybody, AreNoneForAnOrdinaryUser) {
 }
 
 }  // namespace
-}  // namespace ravok
+}  // namespace ravok::foreign_folders_test

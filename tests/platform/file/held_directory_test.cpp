@@ -14,7 +14,7 @@
 #include "support/ordinary_user.hpp"
 #include "support/temporary_root.hpp"
 
-namespace ravok {
+namespace ravok::held_directory_test {
 namespace {
 
 using testing::MountedVolume;
@@ -209,4 +209,4 @@ TEST_F(HeldDirectoryTest, KnowsWhatIsMountedBelow) {
 }
 
 }  // namespace
-}  // namespace ravok
+}  // namespace ravok::held_directory_test

@@ -9,7 +9,7 @@
 #include "support/file_calls.hpp"
 #include "support/temporary_root.hpp"
 
-namespace ravok {
+namespace ravok::managed_paths_fault_test {
 namespace {
 
 using testing::failing;
@@ -37,4 +37,4 @@ TEST(SystemLinkFault, WhatCannotBeLookedAtStaysAsItIs) {
 }
 
 }  // namespace
-}  // namespace ravok
+}  // namespace ravok::managed_paths_fault_test

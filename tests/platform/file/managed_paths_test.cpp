@@ -14,7 +14,7 @@
 #include "support/temporary_root.hpp"
 #include "support/with_environment.hpp"
 
-namespace ravok {
+namespace ravok::managed_paths_test {
 namespace {
 
 using testing::TemporaryRoot;
@@ -158,4 +158,4 @@ TEST(UserDataRoot, NeedsAnAbsoluteHome) {
 TEST(RequirePathRoom, HasRoomOnThisPlatform) { EXPECT_NO_THROW(require_path_room("/root", "tree", 1 << 20)); }
 
 }  // namespace
-}  // namespace ravok
+}  // namespace ravok::managed_paths_test

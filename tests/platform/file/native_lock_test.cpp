@@ -18,7 +18,7 @@
 #include "support/temporary_root.hpp"
 #include "support/working_directory.hpp"
 
-namespace ravok {
+namespace ravok::native_lock_test {
 namespace {
 
 using testing::Companion;
@@ -487,4 +487,4 @@ TEST_F(NativeFileLocks, MatchNothingOnceReleasedByAMove) {
 }
 
 }  // namespace
-}  // namespace ravok
+}  // namespace ravok::native_lock_test

@@ -15,7 +15,7 @@
 #include "support/ordinary_user.hpp"
 #include "support/temporary_root.hpp"
 
-namespace ravok {
+namespace ravok::path_keys_test {
 namespace {
 
 using path_keys::directory_key;
@@ -249,4 +249,4 @@ TEST(DescriptorPath, IsThePathAsLongAsThereIsOne) {
 }
 
 }  // namespace
-}  // namespace ravok
+}  // namespace ravok::path_keys_test

@@ -21,7 +21,7 @@
 #include "support/file_calls.hpp"
 #include "support/temporary_root.hpp"
 
-namespace ravok {
+namespace ravok::posix_files_fault_test {
 namespace {
 
 using testing::failing;
@@ -310,4 +310,4 @@ TEST_F(PosixFilesFault, PrivateDirectoryNewLeavesWhatItMadeBeforeAFailure) {
 }
 
 }  // namespace
-}  // namespace ravok
+}  // namespace ravok::posix_files_fault_test

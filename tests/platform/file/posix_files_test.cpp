@@ -27,7 +27,7 @@
 #include "support/ordinary_user.hpp"
 #include "support/temporary_root.hpp"
 
-namespace ravok {
+namespace ravok::posix_files_test {
 namespace {
 
 using testing::TemporaryRoot;
@@ -561,4 +561,4 @@ TEST(PrivateDirectory, IsMadeByAllWhoAskForItAtOnce) {
 }
 
 }  // namespace
-}  // namespace ravok
+}  // namespace ravok::posix_files_test

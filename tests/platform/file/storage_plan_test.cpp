@@ -10,7 +10,7 @@
 #include "platform/file/storage.hpp"
 #include "support/failure.hpp"
 
-namespace ravok {
+namespace ravok::storage_plan_test {
 namespace {
 
 using testing::failure_of;
@@ -290,4 +290,4 @@ TEST(RequireInstallStorage, JudgesAPlanToTheByteAndToTheEntry) {
 }
 
 }  // namespace
-}  // namespace ravok
+}  // namespace ravok::storage_plan_test

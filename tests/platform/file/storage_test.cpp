@@ -12,7 +12,7 @@
 #include "support/failure.hpp"
 #include "support/temporary_root.hpp"
 
-namespace ravok {
+namespace ravok::storage_test {
 namespace {
 
 using testing::TemporaryRoot;
@@ -270,4 +270,4 @@ TEST(FinishStorageVolumeBudget, MayBeDoneAgainAfterTheDemandChanged) {
 }
 
 }  // namespace
-}  // namespace ravok
+}  // namespace ravok::storage_test

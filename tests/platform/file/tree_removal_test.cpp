@@ -20,7 +20,7 @@
 #include "support/ordinary_user.hpp"
 #include "support/temporary_root.hpp"
 
-namespace ravok {
+namespace ravok::tree_removal_test {
 namespace {
 
 using testing::DeepTree;
@@ -170,4 +170,4 @@ TEST_F(TreeRemoval, SaysThatDescriptorsHaveRunOut) {
 }
 
 }  // namespace
-}  // namespace ravok
+}  // namespace ravok::tree_removal_test

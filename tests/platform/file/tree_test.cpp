@@ -17,7 +17,7 @@
 #include "support/temporary_root.hpp"
 #include "support/working_directory.hpp"
 
-namespace ravok {
+namespace ravok::tree_test {
 namespace {
 
 using testing::OrdinaryUser;
@@ -172,4 +172,4 @@ TEST(RemovePathQuietly, RemovesWhateverThereIs) {
 TEST(RemovePathQuietly, AnswersAFailureWithoutThrowing) { EXPECT_FALSE(remove_path_quietly("/proc/self/status")); }
 
 }  // namespace
-}  // namespace ravok
+}  // namespace ravok::tree_test

@@ -22,7 +22,7 @@
 #include "support/ordinary_user.hpp"
 #include "support/temporary_root.hpp"
 
-namespace ravok {
+namespace ravok::tree_walk_test {
 namespace {
 
 using testing::DeepTree;
@@ -415,4 +415,4 @@ TEST_F(TreePathsTest, FindsNothingInATreeThatIsNotOpen) {
 }
 
 }  // namespace
-}  // namespace ravok
+}  // namespace ravok::tree_walk_test

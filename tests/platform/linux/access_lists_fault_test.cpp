@@ -19,7 +19,7 @@
 #include "support/file_calls.hpp"
 #include "support/temporary_root.hpp"
 
-namespace ravok {
+namespace ravok::access_lists_fault_test {
 namespace {
 
 using testing::failing;
@@ -125,4 +125,4 @@ TEST_F(AccessListFault, ANodeWhoseListCannotBeUnderstoodKeepsItsMode) {
 }
 
 }  // namespace
-}  // namespace ravok
+}  // namespace ravok::access_lists_fault_test

@@ -11,7 +11,7 @@
 #include "support/temporary_root.hpp"
 #include "support/with_environment.hpp"
 
-namespace ravok {
+namespace ravok::directory_opening_test {
 namespace {
 
 using testing::TemporaryRoot;
@@ -77,4 +77,4 @@ TEST_F(OpenDirectory, FailsWhenTheProgramDoes) {
 }
 
 }  // namespace
-}  // namespace ravok
+}  // namespace ravok::directory_opening_test

@@ -6,7 +6,7 @@
 
 #include <gtest/gtest.h>
 
-namespace ravok {
+namespace ravok::native_platform_test {
 namespace {
 
 TEST(NativePlatform, IsOneThatDocumentsName) {
@@ -19,4 +19,4 @@ TEST(NativePlatform, NamesTheManifestOfItsLauncher) {
 }
 
 }  // namespace
-}  // namespace ravok
+}  // namespace ravok::native_platform_test

@@ -25,7 +25,7 @@
 #include "support/temporary_root.hpp"
 #include "support/with_environment.hpp"
 
-namespace ravok {
+namespace ravok::process_test {
 namespace {
 
 using testing::TemporaryRoot;
@@ -383,4 +383,4 @@ TEST_P(ReplacedProcess, IsNotStartedInADirectoryThatMayNotBeEntered) {
 }
 
 }  // namespace
-}  // namespace ravok
+}  // namespace ravok::process_test

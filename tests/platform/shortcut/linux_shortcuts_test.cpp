@@ -20,7 +20,7 @@
 #include "support/shortcut_place.hpp"
 #include "support/with_environment.hpp"
 
-namespace ravok {
+namespace ravok::linux_shortcuts_test {
 namespace {
 
 using testing::desktop_entry;
@@ -371,4 +371,4 @@ TEST(MenuDirectory, IsNamedInAtMost8192Bytes) {
 }
 
 }  // namespace
-}  // namespace ravok
+}  // namespace ravok::linux_shortcuts_test

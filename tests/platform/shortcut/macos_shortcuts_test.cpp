@@ -10,7 +10,7 @@
 #include "support/failure.hpp"
 #include "support/shortcut_place.hpp"
 
-namespace ravok {
+namespace ravok::macos_shortcuts_test {
 namespace {
 
 using testing::ShortcutPlace;
@@ -239,4 +239,4 @@ TEST_F(LaunchDocumentHandler, ThatCannotBeRegisteredLeavesNoDocument) {
 }
 
 }  // namespace
-}  // namespace ravok
+}  // namespace ravok::macos_shortcuts_test

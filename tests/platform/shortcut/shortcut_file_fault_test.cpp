@@ -18,7 +18,7 @@
 #include "support/file_calls.hpp"
 #include "support/shortcut_place.hpp"
 
-namespace ravok {
+namespace ravok::shortcut_file_fault_test {
 namespace {
 
 using testing::failing;
@@ -364,4 +364,4 @@ TEST_F(ShortcutRemovalFault, ARestoringForAnotherBootstrapIsRecordedBeforeTheFil
 }
 
 }  // namespace
-}  // namespace ravok
+}  // namespace ravok::shortcut_file_fault_test

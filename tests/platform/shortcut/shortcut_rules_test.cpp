@@ -9,7 +9,7 @@
 #include "support/failure.hpp"
 #include "support/shortcut_place.hpp"
 
-namespace ravok {
+namespace ravok::shortcut_rules_test {
 namespace {
 
 using shortcut_rules::absolute_path;
@@ -202,4 +202,4 @@ TEST(StableBootstrap, IsAnOrdinaryFile) {
 }
 
 }  // namespace
-}  // namespace ravok
+}  // namespace ravok::shortcut_rules_test

@@ -33,7 +33,7 @@
 #include "support/shortcut_place.hpp"
 #include "support/with_environment.hpp"
 
-namespace ravok {
+namespace ravok::shortcuts_test {
 namespace {
 
 using testing::ledger_document;
@@ -1010,4 +1010,4 @@ TEST_F(Shortcuts, WaitForWhoeverHoldsTheirLedger) {
 }
 
 }  // namespace
-}  // namespace ravok
+}  // namespace ravok::shortcuts_test

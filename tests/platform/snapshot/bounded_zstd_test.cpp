@@ -17,7 +17,7 @@
 #include "support/tar_builder.hpp"
 #include "support/temporary_root.hpp"
 
-namespace ravok {
+namespace ravok::bounded_zstd_test {
 namespace {
 
 using testing::noise;
@@ -298,4 +298,4 @@ TEST_F(BoundedZstdCallbackTest, KeepsEveryFailureUnderTheOneCode) {
 }
 
 }  // namespace
-}  // namespace ravok
+}  // namespace ravok::bounded_zstd_test

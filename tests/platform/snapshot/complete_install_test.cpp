@@ -10,7 +10,7 @@
 #include "support/failure.hpp"
 #include "support/temporary_root.hpp"
 
-namespace ravok {
+namespace ravok::complete_install_test {
 namespace {
 
 using testing::TemporaryRoot;
@@ -119,4 +119,4 @@ TEST(CompleteInstallImage, LiesInAtMost256Folders) {
 }
 
 }  // namespace
-}  // namespace ravok
+}  // namespace ravok::complete_install_test

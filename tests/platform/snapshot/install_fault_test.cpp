@@ -20,7 +20,7 @@
 #include "support/game_at_hand.hpp"
 #include "support/temporary_root.hpp"
 
-namespace ravok {
+namespace ravok::install_fault_test {
 namespace {
 
 using testing::failing;
@@ -232,7 +232,7 @@ TEST_F(CleanupFault, ARootIsPreservedThatIsReplacedAtAnyStep) {
   const std::vector<std::pair<int, std::string>> steps = {
       {1, "Prepared directory identity changed; preserve its replacement"},
       {2, "Prepared directory changed during cleanup validation"},
-      {3, "Prepared directory changed before disposal"},
+      {4, "Prepared directory changed before disposal"},
   };
   for (const auto& [step, message] : steps) {
     for (const bool is_ready : {false, true}) {
@@ -258,7 +258,7 @@ TEST_F(CleanupFault, AnActivatedTreeIsPreservedThatIsReplacedAtAnyStep) {
   const std::vector<std::pair<int, std::string>> steps = {
       {1, "Activation directory identity changed; preserve its replacement"},
       {2, "Prepared directory changed during cleanup validation"},
-      {3, "Prepared directory changed before disposal"},
+      {4, "Prepared directory changed before disposal"},
   };
   for (const auto& [step, message] : steps) {
     {
@@ -305,4 +305,4 @@ TEST_F(CleanupFault, NothingIsRemovedWhereACallFailsAheadOfTheRemoval) {
 }
 
 }  // namespace
-}  // namespace ravok
+}  // namespace ravok::install_fault_test

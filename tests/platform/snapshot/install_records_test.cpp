@@ -22,7 +22,7 @@
 #include "support/game_at_hand.hpp"
 #include "support/temporary_root.hpp"
 
-namespace ravok {
+namespace ravok::install_records_test {
 namespace {
 
 using testing::game_of;
@@ -994,4 +994,4 @@ TEST_F(CleanupReadyInstall, PreservesATreeWithAnythingThatTheManifestDoesNotAllo
 }
 
 }  // namespace
-}  // namespace ravok
+}  // namespace ravok::install_records_test

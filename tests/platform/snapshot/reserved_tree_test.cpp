@@ -21,7 +21,7 @@
 #include "support/temporary_root.hpp"
 #include "support/working_directory.hpp"
 
-namespace ravok {
+namespace ravok::reserved_tree_test {
 namespace {
 
 using testing::ManifestFile;
@@ -392,4 +392,4 @@ TEST_F(ReservedTreeTest, StaysWithoutTheObject) {
 }
 
 }  // namespace
-}  // namespace ravok
+}  // namespace ravok::reserved_tree_test

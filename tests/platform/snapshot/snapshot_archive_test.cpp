@@ -24,7 +24,7 @@
 #include "support/tar_builder.hpp"
 #include "support/temporary_root.hpp"
 
-namespace ravok {
+namespace ravok::snapshot_archive_test {
 namespace {
 
 using testing::manifest_of;
@@ -992,4 +992,4 @@ TEST_F(ReservedExtractionTest, StaysUsableAfterAnArchiveThatWasRefused) {
 }
 
 }  // namespace
-}  // namespace ravok
+}  // namespace ravok::snapshot_archive_test

@@ -15,7 +15,7 @@
 #include "support/temporary_root.hpp"
 #include "support/tree_state.hpp"
 
-namespace ravok {
+namespace ravok::snapshot_retirement_test {
 namespace {
 
 using testing::OrdinaryUser;
@@ -250,4 +250,4 @@ TEST(RetireSnapshotFiles, ReportsARootThatItCannotRemove) {
 }
 
 }  // namespace
-}  // namespace ravok
+}  // namespace ravok::snapshot_retirement_test

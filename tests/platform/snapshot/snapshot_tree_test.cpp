@@ -23,7 +23,7 @@
 #include "support/temporary_root.hpp"
 #include "support/tree_state.hpp"
 
-namespace ravok {
+namespace ravok::snapshot_tree_test {
 namespace {
 
 using testing::noise;
@@ -593,4 +593,4 @@ TEST(SnapshotTreeBounds, CountsDamageUpToItsBoundOnEntries) {
 }
 
 }  // namespace
-}  // namespace ravok
+}  // namespace ravok::snapshot_tree_test
