@@ -81,14 +81,30 @@ endif()
 ravok_header_version(ravok_zstd_version "${ravok_zstd_header}" ZSTD_VERSION RELEASE)
 ravok_require_version(zstd "${ravok_zstd_version}" 1.5 2)
 
-add_library(ravok_json INTERFACE)
-target_include_directories(ravok_json SYSTEM INTERFACE "${RAVOK_JSON_INCLUDE}")
+# The libraries as the client links them. They are imported targets, which an installed package does not contain but
+# finds or defines again: see ravokConfig.cmake.in.
+foreach(name json zstd crypto archive curl)
+  add_library(ravok_${name} INTERFACE IMPORTED GLOBAL)
+endforeach()
+target_include_directories(ravok_json INTERFACE "${RAVOK_JSON_INCLUDE}")
 # A value becomes another type only where the code says so.
 target_compile_definitions(ravok_json INTERFACE JSON_USE_IMPLICIT_CONVERSIONS=0)
-
-add_library(ravok_zstd INTERFACE)
-target_include_directories(ravok_zstd SYSTEM INTERFACE "${RAVOK_ZSTD_INCLUDE}")
+target_include_directories(ravok_zstd INTERFACE "${RAVOK_ZSTD_INCLUDE}")
 target_link_libraries(ravok_zstd INTERFACE "${RAVOK_ZSTD_LIBRARY}")
+target_link_libraries(ravok_crypto INTERFACE OpenSSL::Crypto)
+target_link_libraries(ravok_archive INTERFACE LibArchive::LibArchive)
+target_link_libraries(ravok_curl INTERFACE CURL::libcurl)
+
+# What every Linux system packages as static libraries.
+if(RAVOK_OS STREQUAL "linux")
+  find_library(RAVOK_BLKID_LIBRARY NAMES libblkid.a REQUIRED)
+  find_library(RAVOK_UTF8PROC_LIBRARY NAMES libutf8proc.a REQUIRED)
+  foreach(name blkid utf8proc)
+    string(TOUPPER "${name}" upper)
+    add_library(ravok_${name} INTERFACE IMPORTED GLOBAL)
+    target_link_libraries(ravok_${name} INTERFACE "${RAVOK_${upper}_LIBRARY}")
+  endforeach()
+endif()
 
 message(STATUS "Libraries (${RAVOK_DEPENDENCIES}): OpenSSL ${OPENSSL_VERSION}, libcurl ${CURL_VERSION_STRING}, "
                "libarchive ${LibArchive_VERSION}, zstd ${ravok_zstd_version}, nlohmann json ${ravok_json_version}")

@@ -58,3 +58,9 @@ if(RAVOK_COVERAGE)
   target_compile_options(ravok_options INTERFACE --coverage -O0)
   target_link_options(ravok_options INTERFACE --coverage)
 endif()
+
+# ravok_compile_as_set(NAME): compiles a library with these options and hands none of them on, so that the program of
+# another project that links it has its own.
+function(ravok_compile_as_set name)
+  target_compile_options(${name} PRIVATE $<TARGET_PROPERTY:ravok_options,INTERFACE_COMPILE_OPTIONS>)
+endfunction()

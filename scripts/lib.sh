@@ -3,7 +3,23 @@
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 readonly root
 
-step() { printf '\n== %s\n' "$*"; }
+# number_steps [WORD...]: from now on each step is shown with its number and the time since the script was started. All
+# the steps of the script are lines that begin with `step`, or with a WORD that calls it once.
+number_steps() {
+  local words=step
+  [ $# -eq 0 ] || words=$(IFS='|' && printf 'step|%s' "$*")
+  step_total=$(grep -cE "^($words) " "$0")
+  step_number=0
+}
+
+step() {
+  if [ -z "${step_total:-}" ]; then
+    printf '\n== %s\n' "$*"
+  else
+    step_number=$((step_number + 1))
+    printf '\n== [%d/%d] %s (after %d:%02d)\n' "$step_number" "$step_total" "$*" $((SECONDS / 60)) $((SECONDS % 60))
+  fi
+}
 
 fail() {
   printf '%s: %s\n' "$(basename "$0")" "$1" >&2
@@ -23,12 +39,16 @@ as_root() {
   fi
 }
 
-# Configures, where that is still to be done, and builds one preset.
+# build_preset PRESET [TARGET...]: configures, where that is still to be done, and builds one preset, or these targets of
+# it. Says how far it is on a terminal only.
 build_preset() {
+  local preset=$1 quiet=()
+  shift
+  [ -t 1 ] || quiet=(-- --quiet)
   mkdir -p "$root/build"
-  [ -f "$root/build/$1/build.ninja" ] || (cd "$root" && cmake --preset "$1" >"$root/build/$1-configure.log" 2>&1) || {
-    cat "$root/build/$1-configure.log" >&2
-    fail "configuring the preset $1 failed."
+  [ -f "$root/build/$preset/build.ninja" ] || (cd "$root" && cmake --preset "$preset" >"$root/build/$preset-configure.log" 2>&1) || {
+    cat "$root/build/$preset-configure.log" >&2
+    fail "configuring the preset $preset failed."
   }
-  (cd "$root" && cmake --build --preset "$1")
+  (cd "$root" && cmake --build --preset "$preset" ${1:+--target "$@"} "${quiet[@]}")
 }

@@ -164,7 +164,7 @@ TEST_F(ProcessEnvironment, RefusesKeysThatNoVariableOfOursHas) {
 TEST(CurrentExecutablePath, IsThisVeryProgram) {
   const std::filesystem::path path = current_executable_path();
   EXPECT_TRUE(path.is_absolute());
-  EXPECT_EQ(path.filename(), "platform_test");
+  EXPECT_EQ(path.filename(), "process_test");
   EXPECT_TRUE(std::filesystem::is_regular_file(path));
 }
 
