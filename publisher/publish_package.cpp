@@ -9,10 +9,12 @@
 #include "app/brand/theme_folder.hpp"
 #include "domain/bootstrap_contract.hpp"
 #include "domain/crypto.hpp"
+#include "domain/icon_file.hpp"
 #include "domain/json.hpp"
 #include "domain/limits.hpp"
 #include "platform/file/file_operations.hpp"
 #include "platform/file/files.hpp"
+#include "platform/os.hpp"
 #include "platform/process/native_platform.hpp"
 #include "publisher/ca_bundle.hpp"
 #include "publisher/publish_files.hpp"
@@ -149,7 +151,14 @@ class PackageInputs {
 
   static Document icon(const std::filesystem::path& file) {
     Document document = read_document(file, "brand.ico", package_limits::icon);
-    about(file, [&] { validate_brand_icon(document.bytes); });
+    about(file, [&] {
+      validate_brand_icon(document.bytes);
+      require(os::shortcut_form() != os::ShortcutForm::desktop_entry || largest_png_image(document.bytes),
+              "invalid_native_package",
+              "The icon holds no PNG image that a desktop's menu could show: save its largest image, of at most " +
+                  std::to_string(maximum_icon_side) + "×" + std::to_string(maximum_icon_side) +
+                  " pixels, as PNG in the .ico file");
+    });
     return document;
   }
 

@@ -14,6 +14,8 @@
 #include "publisher/publish_snapshot.hpp"
 #include "support/certificate.hpp"
 #include "support/failure.hpp"
+#include "support/icon_builder.hpp"
+#include "support/package_builder.hpp"
 #include "support/temporary_root.hpp"
 #include "support/theme_builder.hpp"
 
@@ -56,7 +58,7 @@ class PublishPackage : public ::testing::Test {
   void add_everything() {
     publication.ca_bundle = root.write("authorities.pem", testing::certificate());
     BrandPublication brand = {"My Product", "my-product", "My Studio", {}, {}};
-    brand.icon = root.write("product.ico", std::string("\0\0\1\0", 4) + std::string(18, 'i'));
+    brand.icon = root.write("product.ico", testing::brand_icon_file());
     brand.theme = root.directory("theme");
     Json definition = testing::theme_definition();
     definition["fonts"]["regular"] = "text.ttf";
@@ -266,6 +268,21 @@ TEST_F(PublishPackage, NamesTheIconThatIsNone) {
   add_everything();
   publication.brand->icon = root.write("icon.png", "\x89PNG and so on, longer than a header");
   expect_refused("invalid_native_package", (root / "icon.png").native() + ": The brand icon is not an .ico file");
+}
+
+TEST_F(PublishPackage, NamesTheIconThatNoMenuCouldShow) {
+  add_everything();
+  const std::string message =
+      (root / "product.ico").native() +
+      ": The icon holds no PNG image that a desktop's menu could show: save its largest image, of at most 1024×1024 "
+      "pixels, as PNG in the .ico file";
+  std::string damaged = testing::icon_of({testing::png_image(32, 32)});
+  damaged[100] = 'x';
+  for (const std::string& icon : {testing::icon_of({testing::icon_bitmap()}), testing::icon_file(64), damaged,
+                                  testing::icon_of({testing::png_image(1025, 1)})}) {
+    root.write("product.ico", icon);
+    expect_refused("invalid_native_package", message);
+  }
 }
 
 TEST_F(PublishPackage, NamesTheThemeThatIsIncomplete) {
