@@ -33,6 +33,10 @@ if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU" AND CMAKE_CXX_COMPILER_VERSION VERSION_L
   # Warns of overlapping copies inside the library's own operator+ for texts.
   target_compile_options(ravok_options INTERFACE -Wno-restrict)
 endif()
+if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
+  # Sources that are compiled as one are included by it, so that their own types seem to be those of a header.
+  target_compile_options(ravok_options INTERFACE $<$<BOOL:$<TARGET_PROPERTY:UNITY_BUILD>>:-Wno-subobject-linkage>)
+endif()
 if(RAVOK_WARNINGS_AS_ERRORS)
   target_compile_options(ravok_options INTERFACE -Werror)
 endif()

@@ -9,14 +9,17 @@
 #include "app/brand/theme_folder.hpp"
 #include "domain/bootstrap_contract.hpp"
 #include "domain/crypto.hpp"
+#include "domain/icon_file.hpp"
 #include "domain/json.hpp"
 #include "domain/limits.hpp"
 #include "platform/file/file_operations.hpp"
 #include "platform/file/files.hpp"
+#include "platform/os.hpp"
 #include "platform/process/native_platform.hpp"
+#include "publisher/ca_bundle.hpp"
 #include "publisher/publish_files.hpp"
 #include "publisher/publish_root.hpp"
-#include "transport/https.hpp"
+#include "publisher/repository_origin.hpp"
 #include "tuf/tuf.hpp"
 
 namespace ravok {
@@ -51,11 +54,28 @@ Archive archive_of(const SnapshotManifest& manifest, const std::filesystem::path
           manifest.archive_sha256, manifest.archive_length};
 }
 
+// A ratio as it is written, with what is beyond two decimals cut off, so that none looks better than it is.
+std::string shown_ratio(double ratio) {
+  const auto hundredths = static_cast<std::uint64_t>(ratio * 100);
+  const std::string decimals = std::to_string(hundredths % 100);
+  return std::to_string(hundredths / 100) + (decimals.size() < 2 ? ".0" : ".") + decimals + ":1";
+}
+
+// The client names only the first pair that is hard to read. Whoever makes a theme wants all of them at once.
+void require_readable(const Theme& theme) {
+  std::string message;
+  for (const LowContrast& low : low_contrasts(theme)) {
+    message += message.empty() ? "Theme contrast is too low: " : "; ";
+    message += low.pair + " has " + shown_ratio(low.ratio) + " and needs " + shown_ratio(low.needed);
+  }
+  require(message.empty(), "invalid_theme", message);
+}
+
 // Everything that the package will hold, read and judged piece by piece.
 class PackageInputs {
  public:
   explicit PackageInputs(const PackagePublication& publication) : publication_(publication) {
-    require_plain_origin(publication_.origin);
+    require_reachable_origin(publication_.origin);
     Json descriptor = {{"schema_version", 1},
                        {"kind", "ravok-initial-package"},
                        {"platform", native_platform()},
@@ -91,7 +111,9 @@ class PackageInputs {
   }
 
   Document ca_bundle() const {
-    return read_document(publication_.ca_bundle, "ca-bundle.pem", package_limits::ca_bundle);
+    Document document = read_document(publication_.ca_bundle, "ca-bundle.pem", package_limits::ca_bundle);
+    about(publication_.ca_bundle, [&] { require_certificates(document.bytes); });
+    return document;
   }
 
   Document bootstrap() {
@@ -129,7 +151,14 @@ class PackageInputs {
 
   static Document icon(const std::filesystem::path& file) {
     Document document = read_document(file, "brand.ico", package_limits::icon);
-    about(file, [&] { validate_brand_icon(document.bytes); });
+    about(file, [&] {
+      validate_brand_icon(document.bytes);
+      require(os::shortcut_form() != os::ShortcutForm::desktop_entry || largest_png_image(document.bytes),
+              "invalid_native_package",
+              "The icon holds no PNG image that a desktop's menu could show: save its largest image, of at most " +
+                  std::to_string(maximum_icon_side) + "×" + std::to_string(maximum_icon_side) +
+                  " pixels, as PNG in the .ico file");
+    });
     return document;
   }
 
@@ -137,7 +166,7 @@ class PackageInputs {
     const std::filesystem::path file = directory / "theme.json";
     const Document document = read_document(file, "theme.json", package_limits::theme_definition);
     const Json definition = about(file, [&] { return parse_json(document.bytes, package_limits::theme_definition); });
-    about(directory, [&] { parse_theme(definition, directory); });
+    about(directory, [&] { require_readable(read_theme(definition, directory)); });
     Json files = Json::object();
     for (const std::string& name : theme_files(definition)) {
       files[name] = add(read_document(directory / name, "theme-" + name, package_limits::theme_file));

@@ -14,6 +14,7 @@ DataPaths::DataPaths(const std::filesystem::path& data_root)
       bootstrap_manifest(native / "bootstrap.json"),
       bootstrap_update(native / "bootstrap-update.json"),
       brand_icon(native / "brand.ico"),
+      menu_icon(native / "brand.png"),
       theme_directory(native / "theme"),
       shortcut_ledger(native / "shortcuts.json"),
       shortcut_lock(native / "shortcuts.lock"),

@@ -30,6 +30,7 @@ struct DataPaths {
   std::filesystem::path bootstrap_manifest;   // its snapshot manifest
   std::filesystem::path bootstrap_update;     // there while an update of the bootstrap has begun and not ended
   std::filesystem::path brand_icon;           // of a branded installation
+  std::filesystem::path menu_icon;            // its image for the desktop's menu, where the icon holds one
   std::filesystem::path theme_directory;      // of a branded installation
   std::filesystem::path shortcut_ledger;      // the shortcuts that belong to the installation
   std::filesystem::path shortcut_lock;        // of the ledger

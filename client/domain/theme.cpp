@@ -269,15 +269,13 @@ void read_notices(const Json& definition, const ThemeReader& reader, Theme& them
 }
 
 void require_readable(const Theme& theme) {
-  for (const ReadablePair& pair : readable_pairs) {
-    require(contrast(theme.*pair.front, theme.*pair.back) >= text_contrast, code,
-            std::string("Theme contrast is below 4.5:1 for ") + pair.name);
+  const std::vector<LowContrast> low = low_contrasts(theme);
+  if (low.empty()) {
+    return;
   }
-  require(!theme.button || contrast(theme.text, *theme.button) >= text_contrast, code,
-          "Theme contrast is below 4.5:1 for text on button");
-  require(
-      contrast(theme.focus, theme.background) >= focus_contrast && contrast(theme.focus, theme.panel) >= focus_contrast,
-      code, "Theme focus colour is below 3:1 against the background or panel");
+  fail(std::string(code), low.front().needed < text_contrast
+                              ? "Theme focus colour is below 3:1 against the background or panel"
+                              : "Theme contrast is below 4.5:1 for " + low.front().pair);
 }
 
 double luminance(const Rgb& color) {
@@ -310,7 +308,26 @@ std::vector<std::string> theme_files(const Json& definition) {
   return guarded([&] { return collect_files(object(definition, "definition")); });
 }
 
-Theme parse_theme(const Json& definition, const ThemeReader& reader) {
+std::vector<LowContrast> low_contrasts(const Theme& theme) {
+  std::vector<LowContrast> low;
+  const auto measure = [&](const char* pair, const Rgb& front, const Rgb& back, double needed) {
+    const double ratio = contrast(front, back);
+    if (ratio < needed) {
+      low.push_back({pair, ratio, needed});
+    }
+  };
+  for (const ReadablePair& pair : readable_pairs) {
+    measure(pair.name, theme.*pair.front, theme.*pair.back, text_contrast);
+  }
+  if (theme.button) {
+    measure("text on button", theme.text, *theme.button, text_contrast);
+  }
+  measure("focus on background", theme.focus, theme.background, focus_contrast);
+  measure("focus on panel", theme.focus, theme.panel, focus_contrast);
+  return low;
+}
+
+Theme read_theme(const Json& definition, const ThemeReader& reader) {
   return guarded([&] {
     object(definition, "definition");
     require(is_integer(definition.at("schema_version"), 1) && is_text(definition.at("kind"), "ravok-theme"), code,
@@ -323,9 +340,14 @@ Theme parse_theme(const Json& definition, const ThemeReader& reader) {
     read_fonts(definition, reader, theme);
     read_images(definition, reader, theme);
     read_notices(definition, reader, theme);
-    require_readable(theme);
     return theme;
   });
+}
+
+Theme parse_theme(const Json& definition, const ThemeReader& reader) {
+  Theme theme = read_theme(definition, reader);
+  require_readable(theme);
+  return theme;
 }
 
 const Theme& theme() { return current_theme(); }

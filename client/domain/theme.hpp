@@ -84,8 +84,23 @@ double contrast(const Rgb& first, const Rgb& second);
 // "invalid_theme".
 std::vector<std::string> theme_files(const Json& definition);
 
-// Returns the theme of a definition, with its files read by `reader`. Fails with "invalid_theme" and with what `reader`
-// throws.
+// Two colours of a theme that cannot be told apart well enough.
+struct LowContrast {
+  std::string pair;   // such as "text on panel"
+  double ratio = 0;   // as contrast() measures it
+  double needed = 0;  // the least that is accepted
+};
+
+// Returns every pair of a theme's colours that a user could hardly read, in the order of the pairs' rules; none for a
+// theme that parse_theme would accept.
+std::vector<LowContrast> low_contrasts(const Theme& theme);
+
+// Returns the theme of a definition, with its files read by `reader`, whatever the contrast of its colours. Fails with
+// "invalid_theme" and with what `reader` throws.
+Theme read_theme(const Json& definition, const ThemeReader& reader);
+
+// The same for a theme whose colours all have enough contrast. Fails as read_theme does, and with "invalid_theme" for
+// the first pair that has not.
 Theme parse_theme(const Json& definition, const ThemeReader& reader);
 
 // The theme of this process, at first the defaults. Not guarded: it is set while one thread starts up.

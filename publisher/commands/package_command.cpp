@@ -42,7 +42,7 @@ void add_options(CLI::App& command, PackageOptions& options) {
   name->needs(id, publisher);
   id->needs(name);
   publisher->needs(name);
-  command.add_option("--brand-icon", options.brand.icon, "The brand's icon, an .ico file")
+  command.add_option("--brand-icon", options.brand.icon, "The brand's icon, an .ico file with a PNG image in it")
       ->needs(name)
       ->type_name("FILE");
   command.add_option("--theme", options.brand.theme, "The brand's theme: a directory with theme.json and its files")

@@ -588,6 +588,35 @@ TEST(ParseTheme, MeasuresTheFocus) {
   }
 }
 
+TEST(LowContrasts, AreAllThatAreHardToReadInTheOrderOfTheRules) {
+  Theme theme = parsed(black_and_white());
+  EXPECT_TRUE(low_contrasts(theme).empty());
+  theme.button = gray(0x77);
+  theme.panel = gray(0x77);
+  theme.focus = gray(0x90);
+  Names pairs;
+  for (const LowContrast& low : low_contrasts(theme)) {
+    pairs.push_back(low.pair);
+    EXPECT_LT(low.ratio, low.needed) << low.pair;
+    EXPECT_EQ(low.needed, low.pair.starts_with("focus") ? 3.0 : 4.5) << low.pair;
+    const Rgb front = low.pair.starts_with("focus") ? theme.focus : gray(0xff);
+    EXPECT_EQ(low.ratio, contrast(front, gray(0x77))) << low.pair;
+  }
+  EXPECT_EQ(pairs, (Names{"text on panel", "muted on panel", "warning on panel", "text on button", "focus on panel"}));
+  theme.button.reset();
+  EXPECT_EQ(low_contrasts(theme).size(), 4u);
+}
+
+TEST(ReadTheme, TakesWhatIsHardToReadAndRefusesAllElse) {
+  Json definition = black_and_white();
+  definition["colors"]["text"] = "#000000";
+  Files files;
+  EXPECT_EQ(low_contrasts(read_theme(definition, files.reader())).size(), 4u);
+  definition["schema_version"] = 2;
+  EXPECT_FAILURE(read_theme(definition, files.reader()), "invalid_theme", "Unsupported theme schema");
+  EXPECT_FAILURE(read_theme(Json::array(), files.reader()), "invalid_theme", "definition must be an object");
+}
+
 TEST(ParseTheme, ReadsTheFilesAheadOfTheMeasures) {
   Json definition = black_and_white();
   definition["colors"]["text"] = "#000000";

@@ -12,7 +12,10 @@
 #include "publisher/publish_key.hpp"
 #include "publisher/publish_root.hpp"
 #include "publisher/publish_snapshot.hpp"
+#include "support/certificate.hpp"
 #include "support/failure.hpp"
+#include "support/icon_builder.hpp"
+#include "support/package_builder.hpp"
 #include "support/temporary_root.hpp"
 #include "support/theme_builder.hpp"
 
@@ -53,9 +56,9 @@ class PublishPackage : public ::testing::Test {
   }
 
   void add_everything() {
-    publication.ca_bundle = root.write("authorities.pem", "certificates");
+    publication.ca_bundle = root.write("authorities.pem", testing::certificate());
     BrandPublication brand = {"My Product", "my-product", "My Studio", {}, {}};
-    brand.icon = root.write("product.ico", std::string("\0\0\1\0", 4) + std::string(18, 'i'));
+    brand.icon = root.write("product.ico", testing::brand_icon_file());
     brand.theme = root.directory("theme");
     Json definition = testing::theme_definition();
     definition["fonts"]["regular"] = "text.ttf";
@@ -90,7 +93,7 @@ TEST_F(PublishPackage, IsReadWholeByTheClient) {
   const NativePackage package = read_native_package(published.directory, published.seal, {});
   EXPECT_EQ(package.origin, "https://updates.example.com");
   EXPECT_EQ(package.root_json, root.read("root.json"));
-  EXPECT_EQ(package.ca_bundle, "certificates");
+  EXPECT_EQ(package.ca_bundle, root.read("authorities.pem"));
   EXPECT_EQ(package.bootstrap_manifest_json,
             root.read("snapshots/bootstrap-" + std::string(native_platform()) + ".manifest.json"));
   EXPECT_EQ(package.launcher.executable, "bin/launcher");
@@ -192,6 +195,31 @@ TEST_F(PublishPackage, RefusesAnOriginThatIsMoreThanOne) {
   expect_no_package();
 }
 
+TEST_F(PublishPackage, RefusesAnOriginThatNoClientCouldReach) {
+  publication.origin = "https://updates.example.com:";
+  expect_refused("invalid_origin", "The origin has a colon without a port behind it");
+  publication.origin = "https://updates.example.com:0";
+  expect_refused("invalid_origin", "The port of the origin must be a number from 1 to 65535");
+}
+
+TEST_F(PublishPackage, NamesTheBundleThatIsNotOneOfCertificates) {
+  const std::string file = root.write("authorities.pem", "certificates");
+  publication.ca_bundle = file;
+  expect_refused("invalid_ca_bundle", file + ": The CA bundle holds no certificate in PEM form");
+  root.write("authorities.pem", testing::certificate() + std::string(1'048'576, '\n'));
+  expect_refused("size_limit", file + ": File exceeds read limit");
+  std::filesystem::remove(file);
+  expect_refused("file_read", "Cannot open file: " + file);
+}
+
+TEST_F(PublishPackage, TakesABundleAsLargeAsThePackageMayHold) {
+  const std::string certificate = testing::certificate();
+  publication.ca_bundle =
+      root.write("authorities.pem", certificate + std::string(1'048'576 - certificate.size(), '\n'));
+  const PublishedPackage published = publish_package(publication, {});
+  EXPECT_EQ(read_native_package(published.directory, published.seal, {}).ca_bundle, root.read("authorities.pem"));
+}
+
 TEST_F(PublishPackage, NamesTheRootThatIsNone) {
   const std::string file = root.write("bad.json", "{}");
   publication.root = file;
@@ -242,6 +270,21 @@ TEST_F(PublishPackage, NamesTheIconThatIsNone) {
   expect_refused("invalid_native_package", (root / "icon.png").native() + ": The brand icon is not an .ico file");
 }
 
+TEST_F(PublishPackage, NamesTheIconThatNoMenuCouldShow) {
+  add_everything();
+  const std::string message =
+      (root / "product.ico").native() +
+      ": The icon holds no PNG image that a desktop's menu could show: save its largest image, of at most 1024×1024 "
+      "pixels, as PNG in the .ico file";
+  std::string damaged = testing::icon_of({testing::png_image(32, 32)});
+  damaged[100] = 'x';
+  for (const std::string& icon : {testing::icon_of({testing::icon_bitmap()}), testing::icon_file(64), damaged,
+                                  testing::icon_of({testing::png_image(1025, 1)})}) {
+    root.write("product.ico", icon);
+    expect_refused("invalid_native_package", message);
+  }
+}
+
 TEST_F(PublishPackage, NamesTheThemeThatIsIncomplete) {
   add_everything();
   std::filesystem::remove(root / "theme/text.ttf");
@@ -252,6 +295,21 @@ TEST_F(PublishPackage, NamesTheThemeThatIsIncomplete) {
   EXPECT_EQ(failure->code, "invalid_json");
   EXPECT_TRUE(std::string(failure->what()).starts_with((root / "theme/theme.json").native() + ": "));
   expect_no_package();
+}
+
+TEST_F(PublishPackage, NamesEveryPairOfColoursThatIsHardToReadAndHowMuchIsMissing) {
+  add_everything();
+  Json definition = parse_json(root.read("theme/theme.json"), 65'536);
+  definition["colors"]["background"] = "#777777";
+  definition["colors"]["success"] = "#ffffff";
+  definition["colors"]["text"] = "#777778";
+  definition["colors"]["focus"] = "#999999";
+  root.write("theme/theme.json", definition.dump());
+  const std::string low =
+      "Theme contrast is too low: text on background has 1.00:1 and needs 4.50:1; muted on background has 3.39:1 and "
+      "needs 4.50:1; success on background has 4.47:1 and needs 4.50:1; focus on background has 1.57:1 and needs "
+      "3.00:1";
+  expect_refused("invalid_theme", (root / "theme").native() + ": " + low);
 }
 
 TEST_F(PublishPackage, RefusesAFeaturedGameThatTheClientWouldRefuse) {

@@ -10,6 +10,7 @@
 #include "domain/crypto.hpp"
 #include "platform/process/native_platform.hpp"
 #include "publisher/publish_snapshot.hpp"
+#include "support/icon_builder.hpp"
 #include "support/snapshot_builder.hpp"
 #include "support/temporary_root.hpp"
 #include "support/theme_builder.hpp"
@@ -106,7 +107,7 @@ InitialPackage::InitialPackage()
       launcher(launcher_release().manifest),
       launcher_archive(launcher_release().archive),
       brand({{"name", "Acme Games"}, {"id", "acme"}, {"publisher", "Acme"}}),
-      icon(icon_file(64)),
+      icon(brand_icon_file()),
       theme(theme_of("plain.ttf", "badge.bmp")),
       theme_files({{"plain.ttf", font_file()}, {"badge.bmp", bitmap(3, 2)}}),
       featured_game({{"id", "first-game"}, {"name", "The First Game"}}) {
@@ -199,6 +200,8 @@ std::string write_descriptor(const std::filesystem::path& directory, std::string
   write_bytes(directory / descriptor_name, text);
   return digest(text, "sha256");
 }
+
+std::string brand_icon_file() { return icon_of({icon_bitmap(), png_image(16, 16), png_image(32, 32)}); }
 
 std::string icon_file(std::size_t size) {
   std::string bytes("\0\0\1\0", 4);

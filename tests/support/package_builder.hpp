@@ -61,7 +61,10 @@ Json resource_of(const std::string& name, std::string_view content);
 // Writes a descriptor, whatever it holds, and returns its seal.
 std::string write_descriptor(const std::filesystem::path& directory, std::string_view text);
 
-// An icon file of so many bytes, at least 4.
+// The icon file of a brand: a bitmap, and two PNG images of which the last is the larger.
+std::string brand_icon_file();
+
+// Bytes that begin as an icon file does and hold no image, as many as told and at least 4.
 std::string icon_file(std::size_t size);
 
 }  // namespace ravok::testing

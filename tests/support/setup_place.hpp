@@ -19,6 +19,7 @@
 #include "platform/shortcut/shortcuts.hpp"
 #include "platform/snapshot/snapshot_tree.hpp"
 #include "support/fast_volume.hpp"
+#include "support/icon_builder.hpp"
 #include "support/package_builder.hpp"
 #include "support/temporary_root.hpp"
 #include "support/with_environment.hpp"
@@ -119,6 +120,7 @@ class SetupPlace {
       EXPECT_EQ(is_missing(data() / installed) ? "missing" : read(installed), root_.read("package/" + packed))
           << installed;
     }
+    EXPECT_EQ(is_missing(paths.menu_icon) ? "missing" : read("native/brand.png"), png_image(32, 32));
     const Json repository = {
         {"schema_version", 1}, {"origin", "https://games.example"}, {"ca_bundle", paths.repository_ca.native()}};
     EXPECT_EQ(is_missing(paths.repository_record) ? "missing" : read("repository.json"), repository.dump());

@@ -25,15 +25,22 @@ std::string read_plain(const std::filesystem::path& path, std::uint64_t limit) {
   return read_file(path, limit);
 }
 
+ThemeReader reader_of(const std::filesystem::path& directory) {
+  return [directory](const std::string& name, std::uint64_t limit) { return read_plain(directory / name, limit); };
+}
+
 }  // namespace
 
 std::filesystem::path theme_directory(const std::filesystem::path& data_root) {
   return DataPaths(data_root).theme_directory;
 }
 
+Theme read_theme(const Json& definition, const std::filesystem::path& directory) {
+  return read_theme(definition, reader_of(directory));
+}
+
 Theme parse_theme(const Json& definition, const std::filesystem::path& directory) {
-  return parse_theme(definition,
-                     [&](const std::string& name, std::uint64_t limit) { return read_plain(directory / name, limit); });
+  return parse_theme(definition, reader_of(directory));
 }
 
 std::optional<Theme> load_theme(const std::filesystem::path& directory) {

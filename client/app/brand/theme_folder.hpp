@@ -12,8 +12,9 @@ namespace ravok {
 // Returns the folder of the theme below a data folder.
 std::filesystem::path theme_directory(const std::filesystem::path& data_root);
 
-// Returns the theme of a definition whose files lie in a directory. Fails with "invalid_theme", and with "size_limit"
-// or "file_read" as read_file does.
+// Return the theme of a definition whose files lie in a directory; the first whatever the contrast of its colours.
+// Fail with "invalid_theme", and with "size_limit" or "file_read" as read_file does.
+Theme read_theme(const Json& definition, const std::filesystem::path& directory);
 Theme parse_theme(const Json& definition, const std::filesystem::path& directory);
 
 // Returns the theme of a folder, or none where it has no plain "theme.json". Fails as parse_theme does, and with

@@ -12,8 +12,10 @@
 #include "app/install/installation_record.hpp"
 #include "app/install/setup_marker.hpp"
 #include "domain/error.hpp"
+#include "domain/icon_file.hpp"
 #include "domain/paths.hpp"
 #include "platform/file/mounts.hpp"
+#include "platform/os.hpp"
 
 namespace ravok {
 namespace {
@@ -40,6 +42,15 @@ void put_in_place(const HeldDirectory& from, const std::string& prepared, const 
 void require_no_directory(const HeldDirectory& directory, const std::filesystem::path& record) {
   require(directory.type_of(name_of(record)) != EntryType::directory, "unsafe_path",
           "Setup cannot write " + path_utf8(record) + ": a directory has that name; move it away and try again");
+}
+
+// The image of the icon for an entry of the desktop's menu. Empty where a package has none, and where shortcuts are no
+// such entries.
+std::string_view menu_image(const NativePackage& package) {
+  if (os::shortcut_form() != os::ShortcutForm::desktop_entry) {
+    return {};
+  }
+  return largest_png_image(package.brand_icon).value_or(std::string_view());
 }
 
 // A directory must be writable for its owner to be moved to another. This run does not change another user's directory.
@@ -80,7 +91,8 @@ class Commit {
       put_in_place(staging_, "trust", root_, name_of(paths_.trust), staging_, "old-trust");
     }
     write_repository();
-    write_icon();
+    write_or_remove(brand_icon_path(paths_.root), package_.brand_icon);
+    write_or_remove(paths_.menu_icon, menu_image(package_));
     replace_theme();
     write_installation(native_, package_);
     remove_staging();
@@ -115,12 +127,11 @@ class Commit {
     root_.write(name_of(paths_.repository_record), record.dump());
   }
 
-  void write_icon() const {
-    const std::string icon = name_of(brand_icon_path(paths_.root));
-    if (package_.brand_icon.empty()) {
-      native_.remove_quietly(icon);
+  void write_or_remove(const std::filesystem::path& icon, std::string_view bytes) const {
+    if (bytes.empty()) {
+      native_.remove_quietly(name_of(icon));
     } else {
-      native_.write(icon, package_.brand_icon);
+      native_.write(name_of(icon), bytes);
     }
   }
 
@@ -173,6 +184,9 @@ void require_clear_way(const InstallFolders& folders, const DataPaths& paths, co
   }
   if (!package.brand_icon.empty()) {
     require_no_directory(folders.native, brand_icon_path(paths.root));
+  }
+  if (!menu_image(package).empty()) {
+    require_no_directory(folders.native, paths.menu_icon);
   }
   require_no_remains(folders.staging);
   if (plan.replace_bootstrap) {

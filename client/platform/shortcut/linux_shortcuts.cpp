@@ -73,8 +73,13 @@ std::string command_line(const DesktopShortcut& shortcut) {
   return line;
 }
 
-std::optional<std::filesystem::path> brand_icon(const std::filesystem::path& data_root) {
-  const std::filesystem::path icon = DataPaths(data_root).brand_icon;
+// What the desktop says of the entry beside its name.
+std::string comment(const DesktopShortcut& shortcut) {
+  return shortcut.game_id.empty() ? "Install, update and play games" : "Play " + shortcut.name;
+}
+
+std::optional<std::filesystem::path> menu_icon(const std::filesystem::path& data_root) {
+  const std::filesystem::path icon = DataPaths(data_root).menu_icon;
   const auto status = link_status_of(icon);
   return status && is_file(*status) ? std::optional(icon) : std::nullopt;
 }
@@ -103,8 +108,9 @@ std::string linux_desktop_entry(const DesktopShortcut& shortcut) {
   }
   std::string text = "[Desktop Entry]\nType=Application\nVersion=1.0\n";
   text += "Name=" + escaped(shortcut.name) + "\n";
+  text += "Comment=" + escaped(comment(shortcut)) + "\n";
   text += "Exec=" + escaped(command_line(shortcut)) + "\n";
-  if (const auto icon = brand_icon(shortcut.data_root)) {
+  if (const auto icon = menu_icon(shortcut.data_root)) {
     text += "Icon=" + escaped(path_utf8(*icon)) + "\n";
   }
   return text + "Terminal=false\nCategories=Game;\n";

@@ -15,7 +15,8 @@ std::filesystem::path linux_menu_directory();
 
 // Returns the text of an entry that starts the bootstrap with the data folder and, where one is named, the
 // game. Every argument is quoted. A bootstrap with a percent or an equals sign in its path, which desktops do not
-// start, is started by the system's shell. The icon is the brand's, where the data folder has one. Fails with
+// start, is started by the system's shell. The icon is the brand's, where the data folder holds it as a PNG file,
+// the form that menus read. Fails with
 // "shortcut_text", "shortcut_path", as validate_identifier does, and with "unsupported_platform" on another
 // system.
 std::string linux_desktop_entry(const DesktopShortcut& shortcut);

@@ -27,6 +27,7 @@
 #include "support/desktop_entry.hpp"
 #include "support/failure.hpp"
 #include "support/file_calls.hpp"
+#include "support/icon_builder.hpp"
 #include "support/install_place.hpp"
 #include "support/mounted_volume.hpp"
 #include "support/ordinary_user.hpp"
@@ -138,6 +139,7 @@ class NativeInstall : public ::testing::Test {
         {"native/bootstrap/data", "700 directory"},
         {"native/bootstrap/data/notes", "600 file"},
         {"native/brand.ico", "600 file"},
+        {"native/brand.png", "600 file"},
         {"native/installation.json", "600 file"},
         {"native/setup-status.json", "600 file"},
         {"native/theme", "700 directory"},
@@ -204,6 +206,7 @@ TEST_F(NativeInstall, PutsTheBrandWhereTheProgramsLookForIt) {
   place.republish();
   place.repair();
   EXPECT_FALSE(std::filesystem::exists(brand_icon_path(data)));
+  EXPECT_FALSE(std::filesystem::exists(paths.menu_icon));
   EXPECT_FALSE(std::filesystem::exists(theme_directory(data)));
 }
 
@@ -221,6 +224,7 @@ TEST_F(NativeInstall, WritesTheDocumentsOfThePackage) {
   EXPECT_EQ(place.read("repository.json"), R"({"ca_bundle":")" + (data / "repository-ca.pem").native() +
                                                R"(","origin":"https://games.example","schema_version":1})");
   EXPECT_EQ(place.read("native/brand.ico"), *package.icon);
+  EXPECT_EQ(place.read("native/brand.png"), testing::png_image(32, 32));
   EXPECT_EQ(place.read("native/theme/theme.json"), package.theme->dump());
   EXPECT_EQ(place.read("native/theme/plain.ttf"), package.theme_files.at("plain.ttf"));
   EXPECT_EQ(place.read("native/theme/badge.bmp"), package.theme_files.at("badge.bmp"));
@@ -280,7 +284,7 @@ TEST_F(NativeInstall, OfABarePackageLeavesOutWhatThatHasNot) {
   place.republish();
   place.install();
   const TreeState state = place.state();
-  for (const char* name : {"repository-ca.pem", "native/brand.ico", "native/theme"}) {
+  for (const char* name : {"repository-ca.pem", "native/brand.ico", "native/brand.png", "native/theme"}) {
     EXPECT_FALSE(state.contains(name)) << name;
   }
   EXPECT_EQ(place.read("repository.json"), R"({"ca_bundle":"","origin":"https://games.example","schema_version":1})");
@@ -1023,6 +1027,7 @@ TEST_F(NativeInstall, RepairWithAnotherPackageKeepsWhatIsWholeAndTakesItsRecords
   EXPECT_EQ(place.read("repository-ca.pem"), "-----BEGIN CERTIFICATE-----\n");
   EXPECT_EQ(place.read("repository.json"), R"({"ca_bundle":"","origin":"https://other.example","schema_version":1})");
   EXPECT_FALSE(after.contains("native/brand.ico"));
+  EXPECT_FALSE(after.contains("native/brand.png"));
   EXPECT_FALSE(after.contains("native/theme"));
   const Json record = place.record("native/installation.json");
   EXPECT_FALSE(record.contains("brand"));
@@ -1039,12 +1044,14 @@ TEST_F(NativeInstall, RepairPutsTheWholeThemeOfThePackageInPlace) {
   place.write("native/theme/more", "more");
   place.write("native/theme/theme.json", "{}");
   place.write("native/brand.ico", "changed");
+  place.write("native/brand.png", "changed");
   place.write("repository-ca.pem", "changed");
   place.write("repository.json", "changed");
   EXPECT_EQ(place.repair().replaced, Names());
   EXPECT_TRUE(same_tree(lasting(), good));
   std::filesystem::remove_all(paths.native / "theme");
   std::filesystem::remove(paths.native / "brand.ico");
+  std::filesystem::remove(paths.native / "brand.png");
   place.repair();
   EXPECT_TRUE(same_tree(lasting(), good));
 }
@@ -1152,6 +1159,53 @@ TEST_F(NativeCommit, KeepsTheOldTreesUntilTheRecordIsWritten) {
   EXPECT_EQ(place.read("native/staging/old-launcher/" + launcher_program().substr(9)), "other");
   EXPECT_EQ(place.read("native/staging/old-trust/root.json"), "{");
   EXPECT_EQ(place.repair().replaced, Names());
+  expect_good();
+}
+
+TEST_F(NativeCommit, WritesTheIconOfTheMenuAheadOfTheTheme) {
+  const std::string record = place.read("native/installation.json");
+  place.write("native/brand.ico", "changed");
+  place.write("native/brand.png", "changed");
+  place.write("native/theme/theme.json", "old");
+  repair_stopped_at(paths.menu_icon);
+  expect_interrupted();
+  EXPECT_EQ(place.read("native/brand.ico"), *place.package.icon);
+  EXPECT_EQ(place.read("native/brand.png"), "changed");
+  EXPECT_EQ(place.read("native/theme/theme.json"), "old");
+  EXPECT_EQ(place.read("native/installation.json"), record);
+  EXPECT_EQ(place.repair().replaced, Names());
+  expect_good();
+}
+
+TEST_F(NativeCommit, HasNoIconOfTheMenuWhereThePackageHasNoImageForIt) {
+  place.package.icon = testing::icon_file(64);
+  place.republish();
+  place.repair();
+  EXPECT_EQ(place.read("native/brand.ico"), testing::icon_file(64));
+  EXPECT_FALSE(std::filesystem::exists(paths.menu_icon));
+  place.package.icon = testing::icon_of({testing::png_image(8, 8)});
+  place.republish();
+  place.repair();
+  EXPECT_EQ(place.read("native/brand.png"), testing::png_image(8, 8));
+  place.package.icon.reset();
+  place.republish();
+  place.repair();
+  EXPECT_FALSE(std::filesystem::exists(brand_icon_path(data)));
+  EXPECT_FALSE(std::filesystem::exists(paths.menu_icon));
+  EXPECT_TRUE(NativeInstaller::status(data).installed);
+}
+
+TEST_F(NativeCommit, NamesADirectoryInThePlaceOfTheIconOfTheMenu) {
+  std::filesystem::remove(paths.menu_icon);
+  place.write("native/brand.png/mine", "mine");
+  const TreeState before = lasting();
+  EXPECT_FAILURE(
+      place.repair(), "unsafe_path",
+      in_data("Setup cannot write ") + "/native/brand.png: a directory has that name; move it away and try again");
+  EXPECT_TRUE(same_tree(lasting(), before));
+  EXPECT_NE(installation_state(paths), InstallationState::interrupted);
+  std::filesystem::remove_all(paths.menu_icon);
+  place.repair();
   expect_good();
 }
 
@@ -1341,6 +1395,8 @@ TEST_F(NativeInstall, NamesTheShortcutByTheBrand) {
   place.republish();
   EXPECT_EQ(place.install(true).shortcuts, Paths{place.entry()});
   EXPECT_EQ(place.record("native/shortcuts.json").at("entries")[0].at("name"), "Acme Games");
+  const std::string text = place.root().read(place.entry().lexically_relative(place.root().path()).native());
+  EXPECT_EQ(testing::desktop_entry(text).at("Icon"), paths.menu_icon.native());
 }
 
 TEST_F(NativeInstall, MakesTheShortcutOfAFeaturedGameWithoutABrand) {

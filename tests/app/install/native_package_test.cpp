@@ -31,6 +31,7 @@ namespace {
 
 using testing::archive_name;
 using testing::bitmap;
+using testing::brand_icon_file;
 using testing::icon_file;
 using testing::InitialPackage;
 using testing::noise;
@@ -178,7 +179,7 @@ TEST_F(NativePackageTest, IsReadWhole) {
   EXPECT_EQ(read_package.featured_game->name, "The First Game");
   ASSERT_TRUE(read_package.brand);
   EXPECT_EQ(*read_package.brand, (Brand{"Acme Games", "acme", "Acme", true}));
-  EXPECT_EQ(read_package.brand_icon, icon_file(64));
+  EXPECT_EQ(read_package.brand_icon, brand_icon_file());
   ASSERT_TRUE(read_package.theme);
   EXPECT_EQ(read_package.theme->definition, package.theme->dump());
   const std::vector<std::pair<std::string, std::string>> files(package.theme_files.begin(), package.theme_files.end());
@@ -219,9 +220,9 @@ TEST_F(NativePackageTest, MayHaveABrandWithoutAnIconOrATheme) {
   seal = rewrite();
   read_package = read(seal);
   EXPECT_TRUE(read_package.brand->icon);
-  EXPECT_EQ(read_package.brand_icon, icon_file(64));
+  EXPECT_EQ(read_package.brand_icon, brand_icon_file());
   EXPECT_FALSE(read_package.theme);
-  EXPECT_EQ(package_brand_icon(directory, seal), icon_file(64));
+  EXPECT_EQ(package_brand_icon(directory, seal), brand_icon_file());
   EXPECT_FALSE(package_theme(directory, seal));
 }
 
@@ -1041,7 +1042,7 @@ TEST_F(NativePackageTest, ShowsItsIcon) {
   const std::string seal = rewrite();
   std::filesystem::remove(directory / "root.json");
   append_byte(directory / "extra");
-  EXPECT_EQ(package_brand_icon(directory, seal), icon_file(64));
+  EXPECT_EQ(package_brand_icon(directory, seal), brand_icon_file());
   const std::filesystem::path icon = directory / "brand.ico";
   constexpr const char* differs = "Initial package icon differs from its descriptor";
   for (std::streamoff offset = 0; offset < 64; ++offset) {

@@ -72,6 +72,7 @@ class PlantedNames : public ::testing::Test {
     place.write("native/staging/old-trust/root.json", "{}");
     place.write("native/theme/theme.json", "{}");
     place.write("native/brand.ico", "icon");
+    place.write("native/brand.png", "image");
     place.write("repository-ca.pem", "certificate");
     place.write("launcher/leases/versions/" + std::string(64, '0') + ".lock", "");
     place.write("unknown/file", "unknown");
@@ -198,9 +199,10 @@ TEST_F(PlantedNames, AreNeverReachedThroughBehindAnInterruptedSetup) {
 
 // A repair replaces what has the place of its own records and trees, and names what it must not replace.
 TEST_F(PlantedNames, AreReplacedByARepairOrNamed) {
-  const std::vector<std::string> replaceable = {"native/bootstrap.json", "repository.json", "native/brand.ico",
-                                                "native/theme",          "trust",           "launcher",
-                                                "launcher/versions",     "native/bootstrap"};
+  const std::vector<std::string> replaceable = {
+      "native/bootstrap.json", "repository.json", "native/brand.ico", "native/brand.png",
+      "native/theme",          "trust",           "launcher",         "launcher/versions",
+      "native/bootstrap"};
   for (const std::string& name : replaceable) {
     for (const Plant kind : {Plant::link_to_the_same, Plant::link_to_nothing, Plant::file}) {
       SCOPED_TRACE(name + std::to_string(static_cast<int>(kind)));

@@ -139,6 +139,7 @@ TEST(DesktopEntry, IsOneGroupOfTheseLines) {
             "Type=Application\n"
             "Version=1.0\n"
             "Name=The Game\n"
+            "Comment=Play The Game\n"
             "Exec=\"/opt/bin/ravok-bootstrap\" --data-dir \"/data\" --launch \"game\"\n"
             "Terminal=false\n"
             "Categories=Game;\n");
@@ -147,6 +148,8 @@ TEST(DesktopEntry, IsOneGroupOfTheseLines) {
 TEST(DesktopEntry, OfTheClientNamesNoGame) {
   EXPECT_EQ(desktop_entry(linux_desktop_entry({"/opt/bin/ravok-bootstrap", "/data", "", "Client"})).at("Exec"),
             "\"/opt/bin/ravok-bootstrap\" --data-dir \"/data\"");
+  EXPECT_EQ(desktop_entry(linux_desktop_entry({"/opt/bin/ravok-bootstrap", "/data", "", "Client"})).at("Comment"),
+            "Install, update and play games");
 }
 
 TEST(DesktopEntry, StartsExactlyWhatWasAskedForFromEveryPlace) {
@@ -194,6 +197,7 @@ TEST(DesktopEntry, ShowsExactlyTheNameThatWasGiven) {
     const std::filesystem::path path = place.desktop() / "entry.desktop";
     create_linux_desktop_entry(place.shortcut("game", name), path);
     EXPECT_EQ(desktop_entry(place.read(path)).at("Name"), name) << place.read(path);
+    EXPECT_EQ(desktop_entry(place.read(path)).at("Comment"), "Play " + name) << place.read(path);
     EXPECT_TRUE(is_valid_entry(path)) << place.read(path);
     std::filesystem::remove(path);
   }
@@ -202,7 +206,7 @@ TEST(DesktopEntry, ShowsExactlyTheNameThatWasGiven) {
 TEST(DesktopEntry, ShowsTheBrandsIconWhereThereIsOne) {
   for (const std::string& name : difficult_names) {
     const ShortcutPlace place(name);
-    const std::filesystem::path icon = place.write(place.data() / "native/brand.ico", "icon");
+    const std::filesystem::path icon = place.write(place.data() / "native/brand.png", "image");
     const std::filesystem::path path = place.desktop() / "entry.desktop";
     create_linux_desktop_entry(place.shortcut(), path);
     EXPECT_EQ(desktop_entry(place.read(path)).at("Icon"), icon);
@@ -212,12 +216,13 @@ TEST(DesktopEntry, ShowsTheBrandsIconWhereThereIsOne) {
 
 TEST(DesktopEntry, ShowsNoIconThatIsNoFile) {
   const ShortcutPlace place;
-  const std::filesystem::path icon = place.data() / "native/brand.ico";
+  const std::filesystem::path icon = place.data() / "native/brand.png";
+  place.write(place.data() / "native/brand.ico", "icon");  // not in a form that menus read
   EXPECT_FALSE(desktop_entry(linux_desktop_entry(place.shortcut())).contains("Icon"));
   std::filesystem::create_directories(icon);
   EXPECT_FALSE(desktop_entry(linux_desktop_entry(place.shortcut())).contains("Icon"));
   std::filesystem::remove(icon);
-  std::filesystem::create_symlink(place.write(place.home() / "other.ico", "icon"), icon);
+  std::filesystem::create_symlink(place.write(place.home() / "other.png", "image"), icon);
   EXPECT_FALSE(desktop_entry(linux_desktop_entry(place.shortcut())).contains("Icon"));
 }
 

@@ -1,0 +1,58 @@
+#include "publisher/repository_origin.hpp"
+
+#include <algorithm>
+#include <cstddef>
+#include <string_view>
+
+#include "domain/error.hpp"
+#include "domain/text_rules.hpp"
+#include "transport/https.hpp"
+
+namespace ravok {
+namespace {
+
+constexpr std::string_view code = "invalid_origin";
+constexpr std::string_view scheme = "https://";
+constexpr std::size_t maximum_port_digits = 5;
+constexpr unsigned long maximum_port = 65'535;
+
+void require_port(std::string_view port) {
+  require(!port.empty(), code, "The origin has a colon without a port behind it");
+  const bool is_number = are_digits(port) && port.size() <= maximum_port_digits;
+  const unsigned long number = is_number ? std::stoul(std::string(port)) : 0;
+  require(number >= 1 && number <= maximum_port, code, "The port of the origin must be a number from 1 to 65535");
+}
+
+void require_host(std::string_view host) {
+  require(std::none_of(host.begin(), host.end(), [](char c) { return static_cast<unsigned char>(c) > 127; }), code,
+          "The host of the origin must be ASCII; write an international name in its form that begins with xn--");
+  require(std::any_of(host.begin(), host.end(), is_letter_or_digit), code,
+          "The host of the origin has no letter or digit");
+}
+
+// Whether a text behind the scheme is not even the form of a host and a port.
+bool has_more(std::string_view authority) {
+  return authority.empty() || authority.find_first_of("/?#@") != std::string_view::npos ||
+         authority.starts_with('[') != (authority.find(']') != std::string_view::npos);
+}
+
+}  // namespace
+
+void require_reachable_origin(const std::string& origin) {
+  const std::string_view text = origin;
+  if (!text.starts_with(scheme) || has_more(text.substr(scheme.size()))) {
+    require_plain_origin(origin);
+    fail(code, "The package origin must be a plain HTTPS origin");
+  }
+  require(text.find('%') == std::string_view::npos, code, "The origin must not contain a percent sign");
+  const std::string_view authority = text.substr(scheme.size());
+  // The colons of an address in brackets begin no port.
+  const std::size_t colon = authority.find(':', authority.starts_with('[') ? authority.find(']') : 0);
+  if (colon != std::string_view::npos) {
+    require_port(authority.substr(colon + 1));
+  }
+  require_host(authority.substr(0, colon));
+  require_plain_origin(origin);
+}
+
+}  // namespace ravok
