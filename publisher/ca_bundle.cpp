@@ -18,7 +18,7 @@
 namespace ravok {
 namespace {
 
-constexpr std::string_view code = "invalid_ca_bundle";
+constexpr std::string_view invalid_bundle = "invalid_ca_bundle";
 constexpr std::string_view begin_mark = "-----BEGIN ";
 constexpr std::string_view end_mark = "-----END ";
 constexpr std::string_view last_mark = "-----";
@@ -85,9 +85,9 @@ class Bundle {
       read_line(start, end);
       start = end + 1;
     }
-    require(block_line_ == 0, code,
+    require(block_line_ == 0, invalid_bundle,
             "The CA bundle ends within the certificate that begins in line " + std::to_string(block_line_));
-    require(certificates_ > 0, code, "The CA bundle holds no certificate in PEM form");
+    require(certificates_ > 0, invalid_bundle, "The CA bundle holds no certificate in PEM form");
   }
 
  private:
@@ -95,7 +95,7 @@ class Bundle {
     std::string_view line = pem_.substr(start, end - start);
     // Readers of the form overlook blanks at the end of a line, and so does this one.
     line = line.substr(0, line.find_last_not_of(" \t\r") + 1);
-    require(is_text(line), code, "Line " + std::to_string(line_) + " of the CA bundle is not text");
+    require(is_text(line), invalid_bundle, "Line " + std::to_string(line_) + " of the CA bundle is not text");
     if (line.find(begin_mark) != std::string_view::npos) {
       begin(line, start);
     } else if (line.find(end_mark) != std::string_view::npos) {
@@ -105,8 +105,8 @@ class Bundle {
 
   void begin(std::string_view line, std::size_t start) {
     const std::string_view found = label_of(line, begin_mark);
-    require(block_line_ == 0 && !found.empty(), code, malformed());
-    require(found == label, code,
+    require(block_line_ == 0 && !found.empty(), invalid_bundle, malformed());
+    require(found == label, invalid_bundle,
             "The CA bundle may hold nothing but certificates, and line " + std::to_string(line_) +
                 " begins a block of " + shown(found));
     block_line_ = line_;
@@ -114,8 +114,8 @@ class Bundle {
   }
 
   void finish(std::string_view line, std::size_t end) {
-    require(block_line_ != 0 && label_of(line, end_mark) == label, code, malformed());
-    require(is_certificate(pem_.substr(block_start_, end - block_start_)), code,
+    require(block_line_ != 0 && label_of(line, end_mark) == label, invalid_bundle, malformed());
+    require(is_certificate(pem_.substr(block_start_, end - block_start_)), invalid_bundle,
             "The certificate that begins in line " + std::to_string(block_line_) + " of the CA bundle cannot be read");
     block_line_ = 0;
     ++certificates_;

@@ -11,22 +11,24 @@
 namespace ravok {
 namespace {
 
-constexpr std::string_view code = "invalid_origin";
+constexpr std::string_view invalid_origin = "invalid_origin";
 constexpr std::string_view scheme = "https://";
 constexpr std::size_t maximum_port_digits = 5;
 constexpr unsigned long maximum_port = 65'535;
 
 void require_port(std::string_view port) {
-  require(!port.empty(), code, "The origin has a colon without a port behind it");
+  require(!port.empty(), invalid_origin, "The origin has a colon without a port behind it");
   const bool is_number = are_digits(port) && port.size() <= maximum_port_digits;
   const unsigned long number = is_number ? std::stoul(std::string(port)) : 0;
-  require(number >= 1 && number <= maximum_port, code, "The port of the origin must be a number from 1 to 65535");
+  require(number >= 1 && number <= maximum_port, invalid_origin,
+          "The port of the origin must be a number from 1 to 65535");
 }
 
 void require_host(std::string_view host) {
-  require(std::none_of(host.begin(), host.end(), [](char c) { return static_cast<unsigned char>(c) > 127; }), code,
+  require(std::none_of(host.begin(), host.end(), [](char c) { return static_cast<unsigned char>(c) > 127; }),
+          invalid_origin,
           "The host of the origin must be ASCII; write an international name in its form that begins with xn--");
-  require(std::any_of(host.begin(), host.end(), is_letter_or_digit), code,
+  require(std::any_of(host.begin(), host.end(), is_letter_or_digit), invalid_origin,
           "The host of the origin has no letter or digit");
 }
 
@@ -42,9 +44,9 @@ void require_reachable_origin(const std::string& origin) {
   const std::string_view text = origin;
   if (!text.starts_with(scheme) || has_more(text.substr(scheme.size()))) {
     require_plain_origin(origin);
-    fail(code, "The package origin must be a plain HTTPS origin");
+    fail(invalid_origin, "The package origin must be a plain HTTPS origin");
   }
-  require(text.find('%') == std::string_view::npos, code, "The origin must not contain a percent sign");
+  require(text.find('%') == std::string_view::npos, invalid_origin, "The origin must not contain a percent sign");
   const std::string_view authority = text.substr(scheme.size());
   // The colons of an address in brackets begin no port.
   const std::size_t colon = authority.find(':', authority.starts_with('[') ? authority.find(']') : 0);

@@ -12,6 +12,7 @@
 #include <openssl/evp.h>
 #include <openssl/pem.h>
 
+#include "domain/bytes.hpp"
 #include "domain/crypto.hpp"
 #include "domain/error.hpp"
 #include "domain/signature_scheme.hpp"

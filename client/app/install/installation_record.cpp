@@ -143,7 +143,7 @@ void write_installation(const HeldDirectory& native, const NativePackage& packag
     document["brand"] = brand_json(*package.brand);
   }
   const DataPaths paths(native.path().parent_path());
-  native.write(paths.installation_record.filename(), document.dump());
+  native.write(path_utf8(paths.installation_record.filename()), document.dump());
 }
 
 void write_status(const DataPaths& paths, std::string_view action, std::string_view outcome,

@@ -43,7 +43,7 @@ void require_document_form(const Json& document) {
 std::string macos_launch_document(const DesktopShortcut& shortcut) {
   require_choices(shortcut.game_id, shortcut.name);
   const Json document = {{"schema_version", 1},
-                         {"kind", kind},
+                         {"kind", document_kind},
                          {"bootstrap", path_utf8(shortcut.bootstrap)},
                          {"data_root", path_utf8(shortcut.data_root)},
                          {"game_id", shortcut.game_id},
