@@ -47,10 +47,10 @@ void sync_directory(const std::filesystem::path& path);
 void sync_open_directory(int directory);
 
 // The writers make a file of mode 0600: a private one whatever the process's mask, any other as limited by it. All
-// want a path with a directory in it and refuse a bare file name, "./name" aside, with "unsafe_path". All fail with
-// "unsafe_path" for a destination that is a link, "insufficient_space" on a full disk, "file_write" for every other
-// failed step, and "file_sync" when only the last flush, of the directory, failed and the new content is in place.
-// After any other failure the destination is as it was.
+// but atomic_write_at want a path that names its directory: they refuse a bare file name with "unsafe_path", and take
+// "./name". They also refuse a destination that is a link with "unsafe_path". All fail with "insufficient_space" on a
+// full disk, "file_write" for every other failed step, and "file_sync" when only the last flush, of the directory,
+// failed and the new content is in place. After any other failure the destination is as it was.
 
 // Replaces or makes a private record durably. The parent is made private as private_directory
 // does it, and its failures pass through.

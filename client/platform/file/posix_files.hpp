@@ -78,8 +78,9 @@ Result<Handle> open_passage(const std::filesystem::path& directory);
 void private_directory(const std::filesystem::path& path);
 
 // Makes a private directory that must not exist yet, in a parent that must, of mode 0700 whatever the
-// process's mask; a set-group bit that it takes over from its parent is cleared. The parent may lie at most 128
-// levels below the root, so the new directory itself may be the 129th. Fails with
+// process's mask; a set-group bit that it takes over from its parent is cleared. Only the levels above the new
+// directory count toward the bound of 128, after the system's own links are followed, so the new
+// directory itself may be the 129th level below the root. Fails with
 // "unsafe_path", "size_limit", "permissions", and with "native_install_commit" when the name
 // exists, cannot be made or is changed meanwhile; then the directory may be left behind.
 void private_directory_new(const std::filesystem::path& path);

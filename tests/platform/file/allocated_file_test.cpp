@@ -115,6 +115,15 @@ TEST_F(AllocatedFileTest, TellsOfANewFileBeforeItsBlocksAreClaimed) {
   EXPECT_EQ(told, std::vector{expected});
 }
 
+TEST_F(AllocatedFileTest, IsNotReopenedWithWhatWasToldBeforeItsBlocksWereClaimed) {
+  FileReservation told;
+  AllocatedFile file(path, 100'000, [&](const FileReservation& reservation) { told = reservation; });
+  const FileReservation made = file.retain_reservation();
+  AllocatedFile::verify_identity(told);
+  EXPECT_FAILURE(AllocatedFile{told}, "allocation_changed", preserved);
+  EXPECT_EQ(AllocatedFile(made).reservation(), made);
+}
+
 TEST_F(AllocatedFileTest, IsGoneWhenItsOwnershipCannotBeRecorded) {
   EXPECT_THROW(AllocatedFile(path, 10, [](const FileReservation&) { throw std::runtime_error("no record"); }),
                std::runtime_error);

@@ -292,6 +292,8 @@ TEST_F(AtomicWrite, NeedsAPathWithADirectoryAndLeavesTheWorkingOneAlone) {
   }
   EXPECT_EQ(root_.names(), Names{});
   EXPECT_EQ(link_status_of(root_.path())->permissions & permissions::everybody, 0755u);
+  atomic_write("./record.json", "content");
+  EXPECT_EQ(root_.read("record.json"), "content");
 }
 
 TEST_F(AtomicWrite, RefusesANulWhichWouldCutThePathShort) {
@@ -418,6 +420,15 @@ TEST_F(AtomicPrivateCreate, MakesAPrivateFileWithOneNameInAPrivateParent) {
   EXPECT_EQ(link_status_of(root_ / "a/record.json")->links, 1u);
 }
 
+TEST_F(AtomicPrivateCreate, NeedsAPathWithADirectory) {
+  const WorkingDirectory set(root_.path());
+  EXPECT_FAILURE(atomic_private_create("record.json", "content"), "unsafe_path",
+                 "Linux private directory needs a bounded path below a root");
+  EXPECT_EQ(root_.names(), Names{});
+  atomic_private_create("./record.json", "content");
+  EXPECT_EQ(root_.read("record.json"), "content");
+}
+
 TEST_F(AtomicPrivateCreate, NeverReplaces) {
   root_.write("record.json", "old");
   root_.directory("directory");
@@ -497,6 +508,24 @@ TEST_F(ReplacePrivateFile, MakesAndReplacesAPrivateFile) {
     EXPECT_EQ(mode_of(root_ / "a/cache.json"), 0600u);
     EXPECT_EQ(mode_of(root_ / "a"), 0700u);
   }
+}
+
+TEST_F(ReplacePrivateFile, NeedsAPathWithADirectory) {
+  const WorkingDirectory set(root_.path());
+  EXPECT_FAILURE(replace_private_file("cache.json", "content"), "unsafe_path",
+                 "Linux private directory needs a bounded path below a root");
+  EXPECT_EQ(root_.names(), Names{});
+  replace_private_file("./cache.json", "content");
+  EXPECT_EQ(root_.read("cache.json"), "content");
+}
+
+TEST(AtomicCreateOrRemove, NeedsAPathWithADirectory) {
+  const TemporaryRoot root;
+  const WorkingDirectory set(root.path());
+  EXPECT_FAILURE(atomic_create_or_remove("export.json", "content"), "unsafe_path", "Cannot make a path absolute");
+  EXPECT_EQ(root.names(), Names{});
+  atomic_create_or_remove("./export.json", "content");
+  EXPECT_EQ(root.read("export.json"), "content");
 }
 
 TEST_F(ReplacePrivateFile, RefusesALink) {

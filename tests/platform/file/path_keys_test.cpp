@@ -40,6 +40,22 @@ TEST(PathKey, NamesTheVolumeItsComparisonAndThePlace) {
   EXPECT_TRUE(key.ends_with("/" + root.path().filename().string() + "/a")) << key;
 }
 
+TEST(PathKey, OfAPlaceBeginsWithThatOfTheDirectoriesAbove) {
+  const TemporaryRoot root;
+  EXPECT_EQ(directory_key(root / "a/b"), directory_key(root.path()) + "/a/b");
+}
+
+TEST(PathKey, OfAVolumesRootEndsInASeparatorAndHoldsNoName) {
+  const TemporaryRoot root;
+  const MountedVolume volume(root.directory("volume"), "tmpfs", "size=64k");
+  if (!volume.mounted()) {
+    GTEST_SKIP() << "volumes cannot be mounted here";
+  }
+  const std::string key = directory_key(root / "volume");
+  EXPECT_TRUE(key.ends_with("/s/")) << key;
+  EXPECT_EQ(directory_key(root / "volume/x"), key + "x");
+}
+
 TEST(PathKey, IsTheSameForEverySpelling) {
   const TemporaryRoot root;
   root.directory("a/b");
@@ -130,6 +146,7 @@ TEST(PathKey, WalksAtMost128Levels) {
     path += "/missing";
   }
   EXPECT_NO_THROW(path_key(path));
+  EXPECT_NO_THROW(path_key(path + "/./x/.."));
   EXPECT_FAILURE(path_key(path + "/x"), "unsafe_path", "Linux setup ancestry exceeds its bound");
 }
 
