@@ -397,7 +397,8 @@ class ExchangePrivateDirectories : public CommitTest {
     EXPECT_EQ(root_.read("right/b/token"), "B");
   }
 
-  // Fails as told when the hook does `change`, and exchanges nothing; `undo` sets it right.
+  // Expects that the exchange fails with this message when the hook does `change`, and exchanges nothing. `undo` then
+  // reverts the change.
   void expect_refusal_after(const std::function<void()>& change, const std::function<void()>& undo) {
     EXPECT_FAILURE(exchange_private_directories(a_, b_, change), "native_install_commit", identities_changed);
     undo();

@@ -57,7 +57,7 @@ using Names = std::vector<std::string>;
 
 class Files : public ::testing::Test {
  protected:
-  // Makes the root a place where a link of user 0 is no link of the system's own.
+  // Lets others write to the root. A link of user 0 in it then does not count as the system's own.
   void let_others_write() { ASSERT_EQ(chmod(root_.path().c_str(), 0777), 0); }
 
   TemporaryRoot root_;
@@ -373,7 +373,7 @@ TEST_F(AtomicWrite, GivesTheFileNoneOfTheAccessListsThatItWouldInherit) {
   EXPECT_EQ(errno, ENODATA);
 }
 
-// A very small volume of its own at a directory, for as long as it lives.
+// A very small volume, mounted at a directory for as long as the object lives.
 class SmallVolume {
  public:
   explicit SmallVolume(std::filesystem::path path)
