@@ -13,6 +13,7 @@
 #include "domain/data_layout.hpp"
 #include "domain/error.hpp"
 #include "domain/identifier.hpp"
+#include "domain/limits.hpp"
 #include "domain/text_rules.hpp"
 #include "platform/file/files.hpp"
 #include "platform/file/status.hpp"
@@ -27,7 +28,6 @@ constexpr std::size_t maximum_id_bytes = 80;
 constexpr std::size_t maximum_publisher_bytes = 128;
 constexpr std::size_t minimum_icon_bytes = 22;
 constexpr std::string_view icon_start("\0\0\1\0", 4);
-constexpr std::uint64_t record_limit = 65'536;
 
 std::string text_field(const Json& document, const std::string& key, std::size_t bound) {
   require(document.contains(key) && document.at(key).is_string(), code, "Brand needs a " + key);
@@ -90,7 +90,8 @@ std::optional<Brand> installed_brand(const std::filesystem::path& root) {
     return std::nullopt;
   }
   try {
-    const Json record = parse_json(read_file(paths.installation_record, record_limit), record_limit);
+    const Json record =
+        parse_json(read_file(paths.installation_record, maximum_setup_record_bytes), maximum_setup_record_bytes);
     if (record.is_object() && record.contains("brand")) {
       return parse_brand(record.at("brand"));
     }

@@ -21,7 +21,6 @@
 namespace ravok {
 namespace {
 
-constexpr std::uint64_t record_limit = 65'536;
 constexpr std::string_view unsupported = "unsupported_schema";
 constexpr const char* installation_kind = "ravok-installation";
 constexpr const char* status_kind = "ravok-setup-status";
@@ -43,7 +42,7 @@ std::string present_time() {
 template <typename Take>
 auto read_record(const std::filesystem::path& path, const std::string& malformed, Take take) {
   try {
-    return take(parse_json(read_file(path, record_limit), record_limit));
+    return take(parse_json(read_file(path, maximum_setup_record_bytes), maximum_setup_record_bytes));
   } catch (const Error& error) {
     if (error.code == unsupported) {
       throw;

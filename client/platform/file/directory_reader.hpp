@@ -15,7 +15,7 @@ class DirectoryReader {
   struct Entry {
     const char* name = nullptr;
     bool type_known = false;
-    EntryType type = EntryType::other;  // where it is known; a link's is not that of what it leads to
+    EntryType type = EntryType::other;  // where it is known; for a link, EntryType::link
   };
 
   DirectoryReader() = default;

@@ -3,6 +3,7 @@
 #include <utility>
 
 #include "domain/error.hpp"
+#include "domain/limits.hpp"
 #include "domain/paths.hpp"
 #include "platform/file/file_operations.hpp"
 #include "platform/file/files.hpp"
@@ -13,8 +14,6 @@
 
 namespace ravok {
 namespace {
-
-constexpr std::size_t maximum_names = 250'000;
 
 std::string not_plain() { return std::string(os::system_name()) + " directory ancestry is missing or linked"; }
 
@@ -87,8 +86,8 @@ std::optional<EntryType> HeldDirectory::type_of(const std::string& name) const {
 }
 
 std::vector<std::string> HeldDirectory::names() const {
-  std::vector<std::string> found = names(maximum_names + 1);
-  require(found.size() <= maximum_names, "size_limit", "Directory entry count exceeds bounds");
+  std::vector<std::string> found = names(maximum_tree_entries + 1);
+  require(found.size() <= maximum_tree_entries, "size_limit", "Directory entry count exceeds bounds");
   return found;
 }
 

@@ -5,6 +5,7 @@
 #include <system_error>
 
 #include "domain/error.hpp"
+#include "domain/limits.hpp"
 #include "domain/paths.hpp"
 #include "platform/file/file_operations.hpp"
 #include "platform/file/managed_paths.hpp"
@@ -12,8 +13,6 @@
 
 namespace ravok {
 namespace {
-
-constexpr std::size_t maximum_levels = 128;
 
 Result<Handle> open_existing(int parent, const std::string& name) {
   return os::open_at(parent, name.c_str(), os::OpenAs::file_to_change);
@@ -53,7 +52,7 @@ bool has_ordinary_parent(const std::filesystem::path& path) {
   for (const std::filesystem::path& component : parent.relative_path()) {
     prefix /= component;
     const auto status = link_status_of(prefix);
-    if (++levels > maximum_levels || !status || !is_directory(*status)) {
+    if (++levels > maximum_path_levels || !status || !is_directory(*status)) {
       return false;
     }
   }

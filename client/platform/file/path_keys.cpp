@@ -17,8 +17,6 @@
 namespace ravok {
 namespace {
 
-constexpr std::size_t maximum_levels = 128;
-
 void require_place(bool condition, std::string_view before, std::string_view after) {
   if (!condition) {
     fail("unsafe_path", std::string(before) + std::string(os::system_name()) + std::string(after));
@@ -47,7 +45,7 @@ Walk walk(const std::filesystem::path& path, bool leaf) {
   require_place(anchor.has_value(), "Cannot anchor ", " setup ancestry");
   Handle deepest = *std::move(anchor);
   const std::vector<std::string> names = names_of(resolve_system_links(path));
-  require_place(names.size() <= maximum_levels, "", " setup ancestry exceeds its bound");
+  require_place(names.size() <= maximum_path_levels, "", " setup ancestry exceeds its bound");
   auto name = names.begin();
   for (; name != names.end(); ++name) {
     const bool may_be_file = leaf && name + 1 == names.end();

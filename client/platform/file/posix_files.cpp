@@ -18,8 +18,6 @@
 namespace ravok {
 namespace {
 
-constexpr std::size_t maximum_levels = 128;
-
 // Fails unless `condition` holds. The message is `before`, the system's name and `after`. It is put together only for a
 // failure, so that a successful step needs no memory.
 void require_here(bool condition, std::string_view code, std::string_view before, std::string_view after) {
@@ -142,7 +140,7 @@ Handle open_parent_chain(const std::filesystem::path& parent) {
   require(directory.has_value(), "unsafe_path", "Cannot open new private directory ancestry");
   std::size_t levels = 0;
   for (const std::filesystem::path& component : parent.relative_path()) {
-    require(++levels <= maximum_levels, "size_limit", "New private directory ancestry exceeds its bound");
+    require(++levels <= maximum_path_levels, "size_limit", "New private directory ancestry exceeds its bound");
     directory = posix_files::open_level(directory->get(), path_utf8(component).c_str());
     require(directory.has_value(), "unsafe_path", "New private directory requires ordinary existing parents");
   }
@@ -204,7 +202,7 @@ PrivateDirectory open_private_directory_in_parent(const std::filesystem::path& p
   const std::filesystem::path relative = target.relative_path();
   std::size_t levels = 0;
   for (auto component = relative.begin(); component != relative.end();) {
-    require_here(++levels <= maximum_levels, "size_limit", "", " directory ancestry exceeds its bound");
+    require_here(++levels <= maximum_path_levels, "size_limit", "", " directory ancestry exceeds its bound");
     const std::string name = path_utf8(*component);
     found.parent = std::move(found.directory);
     found.directory = ++component == relative.end()
@@ -245,7 +243,7 @@ Result<Handle> open_passage(const std::filesystem::path& directory) {
   Result<Handle> passage = os::open(target.root_path(), os::OpenAs::passage);
   std::size_t levels = 0;
   for (const std::filesystem::path& component : target.relative_path()) {
-    if (!passage || ++levels > maximum_levels) {
+    if (!passage || ++levels > maximum_path_levels) {
       return passage ? problem_of(Cause::missing) : passage.problem();
     }
     passage = os::open_at(passage->get(), path_utf8(component).c_str(), os::OpenAs::passage);

@@ -12,7 +12,7 @@ enum class Cause {
   no_space,         // the volume is full, or the user's share of it
   exists,           // something has the name already
   missing,          // nothing has the name
-  not_a_directory,  // what should hold the name, or what has it, is no directory
+  not_a_directory,  // the name, or one on the way to it, is not that of a directory
   is_link,          // a link has the name
   denied,           // this user may not
   not_permitted,    // nobody may, or only the owner
@@ -36,6 +36,9 @@ struct Problem {
   explicit operator bool() const { return cause != Cause::none; }
   bool operator==(Cause other) const { return cause == other; }
 };
+
+// Whether a directory was not removed because it holds something. Systems answer with either of two causes.
+inline bool is_not_empty(const Problem& problem) { return problem == Cause::not_empty || problem == Cause::exists; }
 
 // The problem with this cause and the number that this system has for it.
 Problem problem_of(Cause cause);

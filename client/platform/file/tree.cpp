@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "domain/error.hpp"
+#include "domain/limits.hpp"
 #include "domain/paths.hpp"
 #include "platform/file/file_operations.hpp"
 #include "platform/file/files.hpp"
@@ -13,8 +14,6 @@
 
 namespace ravok {
 namespace {
-
-constexpr std::size_t maximum_removed_entries = 250000;
 
 // Removes what a path names, with all that it holds. Returns the problem of the first failure.
 Problem remove_named(const std::filesystem::path& path) {
@@ -62,7 +61,7 @@ void remove_plain_tree(const std::filesystem::path& path) {
   }
   const auto status = link_status_of(tree);
   require(status && is_directory(*status), "unsafe_path", "Tree cleanup requires an ordinary directory");
-  tree_bytes(tree, maximum_removed_entries);
+  tree_bytes(tree, maximum_tree_entries);
   if (const Problem problem = remove_named(tree)) {
     throw std::filesystem::filesystem_error("Cannot remove a tree", tree,
                                             std::error_code(problem.number, std::generic_category()));

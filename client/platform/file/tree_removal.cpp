@@ -17,8 +17,6 @@ constexpr int maximum_attempts = 3;
 
 bool is_gone(const Problem& problem) { return !problem || problem == Cause::missing; }
 
-bool is_not_empty(const Problem& problem) { return problem == Cause::not_empty || problem == Cause::exists; }
-
 // The removal of one tree. If it is quiet, it goes on after a failure; otherwise the first failure ends it.
 class Removal {
  public:

@@ -17,7 +17,7 @@ struct TreeEntry {
   std::string_view path;  // relative to the root
   const char* name;       // the last component of it
   int directory;          // the open directory that holds it
-  EntryType type;         // a link's is not that of what it points to
+  EntryType type;         // for a link, EntryType::link
 };
 
 // Opens a directory to walk it. Refused when the path names no directory, or a link.

@@ -11,6 +11,7 @@
 #include "domain/crypto.hpp"
 #include "domain/error.hpp"
 #include "domain/identifier.hpp"
+#include "domain/limits.hpp"
 #include "domain/paths.hpp"
 #include "domain/text_rules.hpp"
 #include "platform/file/status.hpp"
@@ -22,7 +23,6 @@ namespace ravok {
 namespace {
 
 constexpr std::size_t maximum_document_bytes = 16'384;
-constexpr std::size_t maximum_entries = 250'000;
 
 // What differs between the two records.
 struct Kind {
@@ -123,11 +123,11 @@ bool is_manifest_file(const SnapshotManifest& manifest, const TreeEntry& entry) 
 // Accepts only a tree that holds nothing but what the manifest names, so that it may be removed whole.
 void require_manifest_tree(const SnapshotManifest& manifest, const std::filesystem::path& root,
                            const DirectoryIdentity& identity) {
-  const std::set<std::string_view> directories = manifest.directories(maximum_entries);
-  require(directories.size() <= maximum_entries, "size_limit", "Prepared directory inventory exceeds its bound");
+  const std::set<std::string_view> directories = manifest.directories(maximum_tree_entries);
+  require(directories.size() <= maximum_tree_entries, "size_limit", "Prepared directory inventory exceeds its bound");
   std::size_t entries = 0;
   walk_tree(open_tree(root), [&](const TreeEntry& entry) {
-    require(++entries <= maximum_entries, "size_limit", "Prepared cleanup entry count exceeds its bound");
+    require(++entries <= maximum_tree_entries, "size_limit", "Prepared cleanup entry count exceeds its bound");
     if (entry.type == EntryType::directory) {
       require(directories.contains(entry.path), "unexpected_file", "Prepared cleanup preserves unmanaged directories");
     } else {

@@ -104,8 +104,6 @@ class Retirement {
     return std::nullopt;
   }
 
-  static bool is_not_empty(const Problem& problem) { return problem == Cause::not_empty || problem == Cause::exists; }
-
   static void flush(const Result<Handle>& directory) {
     require_handles(directory.problem());
     require(directory && !os::flush(directory->get()), "file_sync", "Could not durably synchronize directory");

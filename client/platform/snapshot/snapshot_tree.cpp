@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "domain/error.hpp"
+#include "domain/limits.hpp"
 #include "domain/paths.hpp"
 #include "platform/file/file_digest.hpp"
 #include "platform/file/managed_paths.hpp"
@@ -12,8 +13,6 @@
 
 namespace ravok {
 namespace {
-
-constexpr std::size_t maximum_entries = 250'000;
 
 Handle open_root(const std::filesystem::path& root) {
   Result<Handle> directory = open_tree(root);
@@ -29,7 +28,7 @@ void walk_contents(const SnapshotManifest& manifest, Handle directory, Visit vis
   std::size_t entries = 0;
   std::string path;
   walk_tree(std::move(directory), [&](const TreeEntry& entry) {
-    require(++entries <= maximum_entries, "size_limit", "Game directory entry count exceeds bounds");
+    require(++entries <= maximum_tree_entries, "size_limit", "Game directory entry count exceeds bounds");
     require(entry.type != EntryType::link, "unsafe_path", "Game tree contains a symbolic link");
     path = entry.path;
     // The manifest's parser has already checked its own paths.
