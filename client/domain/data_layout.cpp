@@ -13,6 +13,10 @@ DataPaths::DataPaths(const std::filesystem::path& data_root)
       bootstrap_directory(native / "bootstrap"),
       bootstrap_manifest(native / "bootstrap.json"),
       bootstrap_update(native / "bootstrap-update.json"),
+      bootstrap_update_tree(native / "bootstrap-update.partial"),
+      bootstrap_update_traces{native / "bootstrap-update",          bootstrap_update_tree,
+                              native / "bootstrap-downloads",       bootstrap_update,
+                              native / "bootstrap-update.rejected", native / "bootstrap-old-files"},
       brand_icon(native / "brand.ico"),
       menu_icon(native / "brand.png"),
       theme_directory(native / "theme"),
@@ -21,8 +25,19 @@ DataPaths::DataPaths(const std::filesystem::path& data_root)
       staging(native / "staging"),
       launcher(root / "launcher"),
       trust(root / "trust"),
+      trusted_root(trust / trusted_root_file),
       repository_record(root / "repository.json"),
       repository_ca(root / "repository-ca.pem") {}
+
+StagingPaths::StagingPaths(const std::filesystem::path& folder)
+    : bootstrap(folder / "bootstrap"),
+      launcher_root(folder / "launcher-root"),
+      trust(folder / "trust"),
+      theme(folder / "theme"),
+      old_bootstrap(folder / "old-bootstrap"),
+      old_launcher(folder / "old-launcher"),
+      old_trust(folder / "old-trust"),
+      old_theme(folder / "old-theme") {}
 
 LauncherPaths::LauncherPaths(const std::filesystem::path& folder)
     : store(folder),

@@ -15,30 +15,56 @@ inline constexpr std::array<std::string_view, 4> ravok_entries = {"native", "lau
 // The entries among these that an uninstall keeps, unless it is asked to remove them too.
 inline constexpr std::array<std::string_view, 2> player_data = {"userdata", "settings.json"};
 
+// The file of the trusted root in the folder DataPaths::trust, and its lock.
+inline constexpr const char* trusted_root_file = "root.json";
+inline constexpr const char* trust_lock_file = ".lock";
+
+// The file in DataPaths::theme_directory that names the theme's other files.
+inline constexpr const char* theme_definition_file = "theme.json";
+
+// The places in the folder of an install or repair, DataPaths::staging: the trees that are prepared, and the names
+// under which the trees that they replace are kept until the end. Touches no file.
+struct StagingPaths {
+  explicit StagingPaths(const std::filesystem::path& folder);
+
+  std::filesystem::path bootstrap;
+  std::filesystem::path launcher_root;  // the folder in which the launcher store is prepared
+  std::filesystem::path trust;
+  std::filesystem::path theme;
+  std::filesystem::path old_bootstrap;
+  std::filesystem::path old_launcher;
+  std::filesystem::path old_trust;
+  std::filesystem::path old_theme;
+};
+
 // The places below a data folder, all absolute where `root` is. Touches no file.
 struct DataPaths {
   explicit DataPaths(const std::filesystem::path& root);
 
   std::filesystem::path root;
-  std::filesystem::path native;               // all that belongs to the native installation
-  std::filesystem::path incomplete_marker;    // there while a commit has begun and not ended
-  std::filesystem::path setup_lock;           // of setup operations
-  std::filesystem::path bootstrap_lock;       // held by whoever runs from this folder
-  std::filesystem::path installation_record;  // of a finished installation
-  std::filesystem::path status_record;        // of the last setup operation
-  std::filesystem::path bootstrap_directory;  // the unpacked bootstrap
-  std::filesystem::path bootstrap_manifest;   // its snapshot manifest
-  std::filesystem::path bootstrap_update;     // there while an update of the bootstrap has begun and not ended
-  std::filesystem::path brand_icon;           // of a branded installation
-  std::filesystem::path menu_icon;            // its image for the desktop's menu, where the icon holds one
-  std::filesystem::path theme_directory;      // of a branded installation
-  std::filesystem::path shortcut_ledger;      // the shortcuts that belong to the installation
-  std::filesystem::path shortcut_lock;        // of the ledger
-  std::filesystem::path staging;              // of an install or repair; absent at rest
-  std::filesystem::path launcher;             // the launcher store
-  std::filesystem::path trust;                // of the repository
-  std::filesystem::path repository_record;    // origin and CA bundle of the repository
-  std::filesystem::path repository_ca;        // the CA bundle, where the package brought one
+  std::filesystem::path native;                 // all that belongs to the native installation
+  std::filesystem::path incomplete_marker;      // there while a commit has begun and not ended
+  std::filesystem::path setup_lock;             // of setup operations
+  std::filesystem::path bootstrap_lock;         // held by whoever runs from this folder
+  std::filesystem::path installation_record;    // of a finished installation
+  std::filesystem::path status_record;          // of the last setup operation
+  std::filesystem::path bootstrap_directory;    // the unpacked bootstrap
+  std::filesystem::path bootstrap_manifest;     // its snapshot manifest
+  std::filesystem::path bootstrap_update;       // there while an update of the bootstrap has begun and not ended
+  std::filesystem::path bootstrap_update_tree;  // where the tree of an update is unpacked
+  // Everything that updates of the bootstrap leave, the two above included; it applies to no other bootstrap.
+  std::array<std::filesystem::path, 6> bootstrap_update_traces;
+  std::filesystem::path brand_icon;         // of a branded installation
+  std::filesystem::path menu_icon;          // its image for the desktop's menu, where the icon holds one
+  std::filesystem::path theme_directory;    // of a branded installation
+  std::filesystem::path shortcut_ledger;    // the shortcuts that belong to the installation
+  std::filesystem::path shortcut_lock;      // of the ledger
+  std::filesystem::path staging;            // of an install or repair; absent at rest
+  std::filesystem::path launcher;           // the launcher store
+  std::filesystem::path trust;              // of the repository
+  std::filesystem::path trusted_root;       // the repository's root document
+  std::filesystem::path repository_record;  // origin and CA bundle of the repository
+  std::filesystem::path repository_ca;      // the CA bundle, where the package brought one
 };
 
 // The places in a launcher store, whose folder is DataPaths::launcher. Touches no file.

@@ -9,18 +9,20 @@ namespace ravok {
 // The longest path that is taken from outside or given to the system, in bytes.
 inline constexpr std::size_t maximum_path_bytes = 4096;
 
+// How many levels below the root of the file system a path that is walked level by level may have.
+inline constexpr std::size_t maximum_path_levels = 128;
+
+// How many entries a managed tree, or a directory in which setup works, may have.
+inline constexpr std::size_t maximum_tree_entries = 250'000;
+
+// The largest record that setup keeps of an installation, as text, in bytes.
+inline constexpr std::uint64_t maximum_setup_record_bytes = 65'536;
+
 // The largest manifest of a snapshot or a launcher, as text, in bytes.
 inline constexpr std::uint64_t maximum_manifest_bytes = 524'288;
 
 // How much of a file is read, hashed or written in one step, in bytes.
 inline constexpr std::size_t piece_bytes = 65'536;
-
-// The largest record of an installation, as text, in bytes.
-inline constexpr std::uint64_t maximum_record_bytes = 65'536;
-
-// How many entries a tree may have, and how many levels a path below its root.
-inline constexpr std::size_t maximum_tree_entries = 250'000;
-inline constexpr std::size_t maximum_path_levels = 128;
 
 // The longest value of an environment variable that names a folder, in bytes.
 inline constexpr std::size_t maximum_environment_bytes = 8192;

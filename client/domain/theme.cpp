@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "domain/bytes.hpp"
+#include "domain/data_layout.hpp"
 #include "domain/error.hpp"
 #include "domain/text_rules.hpp"
 
@@ -163,7 +164,7 @@ const std::string& read_file_name(const Json& value, FileKind kind) {
   require(value.is_string(), code, "Theme files are named by text");
   const std::string& name = value.get_ref<const std::string&>();
   const bool well_formed = !name.empty() && name.size() <= maximum_name_bytes && name.front() != '.' &&
-                           name != "theme.json" && std::all_of(name.begin(), name.end(), [](char c) {
+                           name != theme_definition_file && std::all_of(name.begin(), name.end(), [](char c) {
                              return is_letter_or_digit(c) || c == '.' || c == '_' || c == '-';
                            });
   require(well_formed, code, "Theme file names are 1 to 100 letters, digits, '.', '_' or '-': " + name);

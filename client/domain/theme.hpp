@@ -73,6 +73,9 @@ struct Theme {
   std::vector<std::string> notices;
 };
 
+// The largest definition of a theme, as text, in bytes.
+inline constexpr std::uint64_t maximum_theme_definition_bytes = 65'536;
+
 // Gives the bytes of a theme's file, at most `limit` of them, or fails.
 using ThemeReader = std::function<std::string(const std::string& name, std::uint64_t limit)>;
 

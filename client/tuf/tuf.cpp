@@ -1,5 +1,6 @@
 #include "tuf/tuf.hpp"
 
+#include "domain/data_layout.hpp"
 #include "domain/error.hpp"
 #include "domain/json.hpp"
 #include "platform/file/files.hpp"
@@ -11,8 +12,8 @@
 namespace ravok {
 
 void TufClient::initialize(const std::filesystem::path& directory, std::string_view root_text) {
-  const FileLock lock(directory / ".lock", true, LockMode::exclusive);
-  const std::filesystem::path path = directory / "root.json";
+  const FileLock lock(directory / trust_lock_file, true, LockMode::exclusive);
+  const std::filesystem::path path = directory / trusted_root_file;
   require(is_missing(path), "already_initialized", "Trusted root is already initialized");
   const Json root = parse_json(root_text, tuf_root_limit);
   shape(root, "root");

@@ -128,6 +128,16 @@ TEST(Decrypt, OpensThePublishedRecords) {
   EXPECT_EQ(internet_draft().open(), internet_draft().plaintext);
 }
 
+TEST(Decrypt, LeavesTheOutputAfterThePlaintextAsItWas) {
+  for (const std::string plaintext : {"", "content"}) {
+    const Sealed sealed = seal("a", plaintext);
+    std::vector<std::uint8_t> output(plaintext.size() + 100, 0xee);
+    EXPECT_EQ(decrypt_chacha20_poly1305(sealed.key, sealed.nonce, sealed.associated, sealed.record, output, 7),
+              plaintext.size());
+    EXPECT_EQ(std::string(output.begin(), output.end()), plaintext + std::string(100, '\xee'));
+  }
+}
+
 TEST(Decrypt, RefusesEveryFlippedBitOfTheNonce) {
   for (std::size_t bit = 0; bit < 96; ++bit) {
     Sealed sealed = sunscreen();

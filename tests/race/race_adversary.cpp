@@ -7,8 +7,8 @@
 // COUNTS is a file of zeros that the test has mapped too: a number of 64 bits for each change, which grows by one
 // whenever the change or its undoing has really happened.
 //
-// A round does each change in turn and then undoes them from the last to the first. To plant is to move whatever comes
-// to A aside, to B with numbers appended, and to put the link B in its place; that is not undone.
+// A round does each change in turn and then undoes them from the last to the first. "plant" moves whatever has
+// the name A to B with numbers appended, and gives the name A to the link B as well; that is not undone.
 
 #include <atomic>
 #include <cstddef>
@@ -49,7 +49,7 @@ bool exists(const std::string& path) {
   return lstat(path.c_str(), &status) == 0;
 }
 
-// Waits for another while each time, so that this happens at any step of what is being done to `victim`.
+// Waits for another time in each round, so that the change falls into any step of the work on `victim`.
 bool plant(const std::string& victim, const std::string& planted) {
   constexpr unsigned long longest_while = 256;
   static unsigned long number = 0;

@@ -2,9 +2,9 @@
 // links, and renames what lies above. Whatever the outcome of one operation, none follows a link
 // and none acts outside its root; and each succeeds, or fails in a way that it promises.
 //
-// A race proves nothing in which no operation succeeded, or in which no change fell into an operation. So each goes on
-// until every answer that it needs was given and every change has happened in the middle of an attempt, and fails where
-// a great number of attempts does not bring that about.
+// A race proves nothing unless operations succeed and changes happen during them. So each race goes on until every
+// answer that it needs was given and every change has happened in the middle of an attempt. It fails when that has not
+// come about after a great number of attempts.
 
 #include <algorithm>
 #include <array>
@@ -71,7 +71,7 @@ struct Race {
   std::function<void(std::size_t)> prepare = {};  // what comes before it, and is no part of the attempt
 };
 
-// What a race came to.
+// The outcome of a race.
 struct Tally {
   std::size_t done = 0;
   std::size_t attempts = 0;
@@ -83,7 +83,7 @@ struct Tally {
                        [&](const auto& answer) { return answer.first.find(part) != std::string::npos; });
   }
 
-  // What is still to be seen; empty once the race proves something.
+  // What the race has not seen yet; empty once it proves something.
   std::string unseen(const Race& race) const {
     std::string words;
     for (const std::string& part : race.needed) {
@@ -275,7 +275,7 @@ TEST_F(Races, PrivateDirectoryNewMakesNothingBehindALink) {
   EXPECT_GE(entries_of("root/place"), tally.done);
 }
 
-// What really lies there is open to others and never accepted either, so a success could only be one through a link.
+// The directory at that place is open to others and never accepted, so a success could only have gone through a link.
 constexpr const char* not_opened = "permissions: Cannot open ordinary ";
 constexpr const char* not_private = " private storage must be ordinary, owned and accessible only to this user";
 
@@ -395,7 +395,7 @@ TEST_F(Races, ACommitTakesNothingFromBehindALink) {
   }
   const Tally tally =
       run({300, {exchange("work", "work-link")}, commit_codes, {done, "unsafe_path: "}, [&](std::size_t i) {
-             // Beyond the last source there is nothing to commit, which fails like anything else.
+             // After the last source there is nothing to commit, which is one more failure.
              commit_private_path_new(root_ / "root/work" / std::to_string(i), place_ / std::to_string(i), {});
            }});
   EXPECT_EQ(entries_of("root/place"), tally.done);
@@ -403,7 +403,7 @@ TEST_F(Races, ACommitTakesNothingFromBehindALink) {
 }
 
 TEST_F(Races, ACommitNeverTakesALinkForItsSource) {
-  // What really lies there is open to others and never accepted either.
+  // The directory at that place is open to others and never accepted.
   const Path source = file("root/source", "own", 0644);
   link("source-link", "../victim/record");
   std::filesystem::create_hard_link(root_ / "victim/linked", root_ / "root/source-hard");

@@ -109,7 +109,12 @@ int __wrap_openat(int directory, const char* name, int flags, ...) {
   return is_failed(name_of_openat(name, flags), name) ? answer() : __real_openat(directory, name, flags, mode);
 }
 
-// The C library's headers call this checked form where the compiler does not know the flags.
+// The C library's headers call these checked forms where the compiler does not know the flags.
+int __real___open_2(const char* path, int flags);
+int __wrap___open_2(const char* path, int flags) {
+  return is_failed(name_of_open(path, flags)) ? answer() : __real___open_2(path, flags);
+}
+
 int __real___openat_2(int directory, const char* name, int flags);
 int __wrap___openat_2(int directory, const char* name, int flags) {
   return is_failed(name_of_openat(name, flags)) ? answer() : __real___openat_2(directory, name, flags);

@@ -90,7 +90,8 @@ std::optional<Brand> installed_brand(const std::filesystem::path& root) {
     return std::nullopt;
   }
   try {
-    const Json record = parse_json(read_file(paths.installation_record, maximum_record_bytes), maximum_record_bytes);
+    const Json record =
+        parse_json(read_file(paths.installation_record, maximum_setup_record_bytes), maximum_setup_record_bytes);
     if (record.is_object() && record.contains("brand")) {
       return parse_brand(record.at("brand"));
     }

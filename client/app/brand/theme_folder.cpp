@@ -12,8 +12,6 @@
 namespace ravok {
 namespace {
 
-constexpr std::uint64_t definition_limit = 65'536;
-
 bool is_plain_file(const std::filesystem::path& path) {
   const auto status = link_status_of(path);
   return status && is_file(*status);
@@ -44,11 +42,12 @@ Theme parse_theme(const Json& definition, const std::filesystem::path& directory
 }
 
 std::optional<Theme> load_theme(const std::filesystem::path& directory) {
-  const std::filesystem::path definition = directory / "theme.json";
+  const std::filesystem::path definition = directory / theme_definition_file;
   if (!is_plain_file(definition)) {
     return std::nullopt;
   }
-  return parse_theme(parse_json(read_file(definition, definition_limit), definition_limit), directory);
+  constexpr std::uint64_t limit = maximum_theme_definition_bytes;
+  return parse_theme(parse_json(read_file(definition, limit), limit), directory);
 }
 
 void use_installed_theme(const std::filesystem::path& data_root) {

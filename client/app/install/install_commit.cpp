@@ -11,6 +11,7 @@
 #include "app/brand/theme_folder.hpp"
 #include "app/install/installation_record.hpp"
 #include "app/install/setup_marker.hpp"
+#include "domain/data_layout.hpp"
 #include "domain/error.hpp"
 #include "domain/icon_file.hpp"
 #include "domain/paths.hpp"
@@ -19,11 +20,6 @@
 
 namespace ravok {
 namespace {
-
-constexpr std::array<const char*, 4> old_trees = {"old-bootstrap", "old-launcher", "old-trust", "old-theme"};
-constexpr std::array<const char*, 6> update_traces = {"bootstrap-update",          "bootstrap-update.partial",
-                                                      "bootstrap-downloads",       "bootstrap-update.json",
-                                                      "bootstrap-update.rejected", "bootstrap-old-files"};
 
 // Moves aside what is at the place, and moves a prepared tree there.
 void put_in_place(const HeldDirectory& from, const std::string& prepared, const HeldDirectory& to,
@@ -62,7 +58,8 @@ void make_movable(const HeldDirectory& directory, const std::filesystem::path& t
 // Accepts only a scratch tree that holds nothing but what this run has prepared. Remains that a former run could not
 // remove would keep this one from removing the marker.
 void require_no_remains(const HeldDirectory& staging) {
-  constexpr std::array<std::string_view, 3> prepared = {"bootstrap", "launcher-root", "trust"};
+  const StagingPaths places(staging.path());
+  const std::array prepared = {name_of(places.bootstrap), name_of(places.launcher_root), name_of(places.trust)};
   for (const std::string& name : staging.names()) {
     require(std::find(prepared.begin(), prepared.end(), name) != prepared.end(), "unsafe_path",
             "Setup cannot clear " + path_utf8(staging.path() / path_from_utf8(name)) + "; remove it and try again");
@@ -75,6 +72,7 @@ class Commit {
       : root_(folders.root),
         native_(folders.native),
         staging_(folders.staging),
+        staged_(folders.staging.path()),
         paths_(paths),
         package_(package),
         plan_(plan) {}
@@ -88,7 +86,8 @@ class Commit {
       replace_launcher();
     }
     if (plan_.replace_trust) {
-      put_in_place(staging_, "trust", root_, name_of(paths_.trust), staging_, "old-trust");
+      put_in_place(staging_, name_of(staged_.trust), root_, name_of(paths_.trust), staging_,
+                   name_of(staged_.old_trust));
     }
     write_repository();
     write_or_remove(brand_icon_path(paths_.root), package_.brand_icon);
@@ -103,18 +102,20 @@ class Commit {
 
  private:
   void replace_bootstrap() const {
-    put_in_place(staging_, "bootstrap", native_, name_of(paths_.bootstrap_directory), staging_, "old-bootstrap");
+    put_in_place(staging_, name_of(staged_.bootstrap), native_, name_of(paths_.bootstrap_directory), staging_,
+                 name_of(staged_.old_bootstrap));
     native_.write(name_of(paths_.bootstrap_manifest), package_.bootstrap_manifest_json);
     // No update of the former bootstrap applies to this one.
-    for (const char* name : update_traces) {
-      native_.remove_tree_quietly(name);
+    for (const std::filesystem::path& trace : paths_.bootstrap_update_traces) {
+      native_.remove_tree_quietly(name_of(trace));
     }
   }
 
   void replace_launcher() const {
-    const std::optional<HeldDirectory> prepared = staging_.find_directory("launcher-root");
+    const std::optional<HeldDirectory> prepared = staging_.find_directory(name_of(staged_.launcher_root));
     require(prepared.has_value(), "unsafe_path", "The prepared launcher is gone");
-    put_in_place(*prepared, "launcher", root_, name_of(paths_.launcher), staging_, "old-launcher");
+    const std::string place = name_of(paths_.launcher);
+    put_in_place(*prepared, place, root_, place, staging_, name_of(staged_.old_launcher));
   }
 
   void write_repository() const {
@@ -141,19 +142,20 @@ class Commit {
       native_.remove_tree(place);
       return;
     }
-    const HeldDirectory staged = staging_.private_directory("theme");
-    staged.write("theme.json", package_.theme->definition);
+    const HeldDirectory staged = staging_.private_directory(name_of(staged_.theme));
+    staged.write(theme_definition_file, package_.theme->definition);
     for (const auto& [name, bytes] : package_.theme->files) {
       staged.write(name, bytes);
     }
-    put_in_place(staging_, "theme", native_, place, staging_, "old-theme");
+    put_in_place(staging_, name_of(staged_.theme), native_, place, staging_, name_of(staged_.old_theme));
   }
 
   // Removes the former trees one by one, so that a tree that cannot be removed does not keep the others. The removal of
   // the whole folder then fails and names it.
   void remove_staging() const {
-    for (const char* name : old_trees) {
-      staging_.remove_tree_quietly(name);
+    for (const std::filesystem::path& old :
+         {staged_.old_bootstrap, staged_.old_launcher, staged_.old_trust, staged_.old_theme}) {
+      staging_.remove_tree_quietly(name_of(old));
     }
     native_.remove_tree(name_of(paths_.staging));
     native_.flush();
@@ -162,6 +164,7 @@ class Commit {
   const HeldDirectory& root_;
   const HeldDirectory& native_;
   const HeldDirectory& staging_;
+  const StagingPaths staged_;
   const DataPaths& paths_;
   const NativePackage& package_;
   const InstallPlan& plan_;

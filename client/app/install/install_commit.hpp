@@ -20,7 +20,7 @@ struct InstallPlan {
 struct InstallFolders {
   const HeldDirectory& root;
   const HeldDirectory& native;
-  const HeldDirectory& staging;  // with "bootstrap", "launcher-root" and "trust" in it, as the plan asks for them
+  const HeldDirectory& staging;  // with the trees of StagingPaths that the plan asks for
 };
 
 // Accepts only folders in which a commit can go through: they are still in place, no directory has the name of a

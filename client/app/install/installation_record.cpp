@@ -42,7 +42,7 @@ std::string present_time() {
 template <typename Take>
 auto read_record(const std::filesystem::path& path, const std::string& malformed, Take take) {
   try {
-    return take(parse_json(read_file(path, maximum_record_bytes), maximum_record_bytes));
+    return take(parse_json(read_file(path, maximum_setup_record_bytes), maximum_setup_record_bytes));
   } catch (const Error& error) {
     if (error.code == unsupported) {
       throw;

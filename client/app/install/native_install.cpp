@@ -16,6 +16,7 @@
 #include "app/launcher/launcher_store.hpp"
 #include "domain/error.hpp"
 #include "domain/paths.hpp"
+#include "domain/text_rules.hpp"
 #include "platform/file/files.hpp"
 #include "platform/file/held_directory.hpp"
 #include "platform/file/managed_paths.hpp"
@@ -30,7 +31,7 @@ namespace ravok {
 namespace {
 
 constexpr const char* unbranded_name = "Ravok";
-constexpr std::size_t version_name_characters = 64;
+
 std::string not_installed_in(const std::filesystem::path& root) {
   return "Ravok is not installed in " + path_utf8(root);
 }
@@ -82,7 +83,7 @@ void verify_bootstrap(const DataPaths& paths, const HeldDirectory& native) {
 }
 
 void verify_launcher(const DataPaths& paths, const HeldDirectory& root) {
-  require_plain(root, paths.launcher.filename() / "versions");
+  require_plain(root, LauncherPaths(paths.launcher.filename()).versions);
   const std::unique_ptr<LauncherStore> store = LauncherStore::existing(paths.root, true);
   const Json status = store->status();
   const Json& build = current_build(status);
@@ -91,7 +92,7 @@ void verify_launcher(const DataPaths& paths, const HeldDirectory& root) {
 
 void verify_trust(const DataPaths& paths, const HeldDirectory& root) {
   require_plain(root, paths.trust.filename());
-  parse_json(read_file(paths.trust / "root.json", tuf_root_limit), tuf_root_limit);
+  parse_json(read_file(paths.trusted_root, tuf_root_limit), tuf_root_limit);
 }
 
 // One install or repair, from the sealed package to the record.
@@ -145,10 +146,11 @@ class Installation {
   }
 
   void require_room() const {
-    const std::filesystem::path version =
-        std::filesystem::path("launcher-root/launcher/versions") / std::string(version_name_characters, '0');
-    require_path_room(paths_.staging, version, package_.launcher.longest_native_path());
-    require_path_room(paths_.native, "bootstrap-update.partial", package_.bootstrap.longest_native_path());
+    const LauncherPaths launcher(DataPaths(StagingPaths(paths_.staging).launcher_root).launcher);
+    const std::filesystem::path version = launcher.versions / std::string(sha256_characters, '0');
+    require_path_room(paths_.staging, version.lexically_relative(paths_.staging),
+                      package_.launcher.longest_native_path());
+    require_path_room(paths_.native, name_of(paths_.bootstrap_update_tree), package_.bootstrap.longest_native_path());
   }
 
   void require_state() const {
@@ -197,20 +199,21 @@ class Installation {
   }
 
   void prepare(const InstallPlan& plan) const {
+    const StagingPaths staged(paths_.staging);
     if (plan.replace_bootstrap) {
-      const std::filesystem::path staged = paths_.staging / "bootstrap";
-      extract_snapshot(package_.bootstrap, package_.bootstrap_archive(), staged, progress("installing"), nullptr);
-      verify_snapshot_tree(package_.bootstrap, staged, {});
+      extract_snapshot(package_.bootstrap, package_.bootstrap_archive(), staged.bootstrap, progress("installing"),
+                       nullptr);
+      verify_snapshot_tree(package_.bootstrap, staged.bootstrap, {});
     }
     cancellation_.check();
     if (plan.replace_launcher) {
-      NativeInstaller::seed_launcher(paths_.staging / "launcher-root", package_.launcher_manifest_json,
-                                     package_.launcher_archive(), progress("installing"));
+      NativeInstaller::seed_launcher(staged.launcher_root, package_.launcher_manifest_json, package_.launcher_archive(),
+                                     progress("installing"));
     }
     cancellation_.check();
     if (plan.replace_trust) {
-      private_directory(paths_.staging / "trust");
-      TufClient::initialize(paths_.staging / "trust", package_.root_json);
+      private_directory(staged.trust);
+      TufClient::initialize(staged.trust, package_.root_json);
     }
     // From here on, the operation goes through to its end.
     cancellation_.check();

@@ -10,6 +10,7 @@
 
 #include "domain/bootstrap_contract.hpp"
 #include "domain/crypto.hpp"
+#include "domain/data_layout.hpp"
 #include "domain/error.hpp"
 #include "domain/identifier.hpp"
 #include "domain/paths.hpp"
@@ -124,7 +125,7 @@ ThemeResources parse_theme_resources(const Json& value) {
   require(value.at("files").is_object(), invalid, "Brand theme files must be an object");
   ThemeResources theme;
   theme.definition = parse_resource(value.at("definition"), package_limits::theme_definition);
-  require(theme.definition.path == "theme.json", invalid, "Brand theme definition must be theme.json");
+  require(theme.definition.path == theme_definition_file, invalid, "Brand theme definition must be theme.json");
   for (const auto& [name, file] : value.at("files").items()) {
     Resource resource = parse_resource(file, package_limits::theme_file);
     require(resource.path == "theme-" + name, invalid, "Brand theme files are stored as theme-NAME");

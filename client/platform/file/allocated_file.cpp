@@ -19,7 +19,7 @@
 namespace ravok {
 namespace {
 
-// Fails where a step had a problem.
+// Turns a problem into its failure, and no problem into none.
 void require_storage(const Problem& problem, std::string_view code, std::string_view message) {
   if (!problem) {
     return;
@@ -30,7 +30,7 @@ void require_storage(const Problem& problem, std::string_view code, std::string_
   fail(code, std::string(message) + " (" + std::to_string(problem.number) + ")");
 }
 
-// Empty where there is no absolute form, which no check of a path passes.
+// Returns an empty path, which every later check refuses, where there is no absolute form.
 std::filesystem::path absolute_form(const std::filesystem::path& path) {
   std::error_code ignored;
   return std::filesystem::absolute(path, ignored);
@@ -48,8 +48,8 @@ struct AllocatedFile::Implementation {
   bool owned = false;
   bool identity_known = false;
   bool must_be_private = false;
-  Handle parent;     // of a file that is to be written, held from its check on
-  std::string name;  // in it
+  Handle parent;     // the directory of a file that is to be written; open since it was checked
+  std::string name;  // of the file in `parent`
   Handle file;
 
   Implementation(std::filesystem::path path, std::uint64_t length) {
@@ -92,7 +92,7 @@ struct AllocatedFile::Implementation {
     Result<Handle> directory = os::open(reservation.path.parent_path(), os::OpenAs::passage);
     require(directory.has_value(), "unsafe_path", "Allocation requires an ordinary parent directory");
     parent = *std::move(directory);
-    // At hand from here on: the destructor must not need memory.
+    // Made here, because the destructor must not need memory.
     name = path_utf8(reservation.path.filename());
     Result<Handle> opened =
         create ? os::create_at(parent.get(), name.c_str(), os::CreateAs::file_to_change, permissions::private_file)
@@ -110,7 +110,7 @@ struct AllocatedFile::Implementation {
     identity_known = true;
   }
 
-  // Proves the open file and returns its size, in bytes.
+  // Proves that the open file is still what it must be, and returns its size in bytes.
   std::uint64_t inspect() {
     const auto status = status_of(file.get());
     require(status && is_single_link_file(*status), "unsafe_path", "Allocation requires an ordinary single-link file");
@@ -174,8 +174,7 @@ struct AllocatedFile::Implementation {
             "New allocation changed during preparation");
   }
 
-  // The identity is compared here and not by inspect: at first sight any other file is a foreign
-  // one, whatever became of ours.
+  // Compares the identity itself, since inspect only records it at the first look.
   void reopen(const FileReservation& expected, std::optional<std::uint64_t> resumed) {
     open_for_writing(false);
     const std::uint64_t size = inspect();
@@ -265,11 +264,11 @@ void AllocatedFile::discard() {
   Implementation& file = *implementation_;
   file.require_same_path("Cannot discard a replaced partial file");
   file.file.reset();
-  // Closing may take time.
+  // Checked again, as closing may take long enough for another file to get the name.
   file.require_same_path("Partial path changed before disposal");
   require(!os::remove_at(file.parent.get(), file.name.c_str()), "file_remove",
           "Cannot remove a discarded partial file");
-  // What may come to that name from here on is another's.
+  // From here on the destructor must not remove a file of that name: it would be somebody else's.
   file.owned = false;
   sync_directory(file.reservation.path.parent_path());
 }

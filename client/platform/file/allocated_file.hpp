@@ -60,7 +60,7 @@ class AllocatedFile {
   explicit AllocatedFile(const FileReservation& reservation);
 
   // Reopens a reserved file with `written` bytes of recorded content; the next write goes behind
-  // them. Fails as the other does.
+  // them. Fails with the same codes; with "allocation_changed" also when the file has fewer bytes than that.
   AllocatedFile(const FileReservation& reservation, std::uint64_t written);
 
   ~AllocatedFile();
@@ -86,7 +86,8 @@ class AllocatedFile {
   // Returns the bytes that the file's blocks take on the volume. Fails with "volume_query".
   std::uint64_t allocated_bytes() const;
 
-  // Claims the blocks up to the intended length again. Fails as the making of a file does.
+  // Claims the blocks up to the intended length again. Fails also with "insufficient_space" without room, with
+  // "space_reservation" when the claim fails for another reason, and with "file_write".
   void reserve_remaining();
 
   // Goes back to the first byte; content and blocks stay until they are written over.

@@ -25,7 +25,7 @@ void run(const std::function<void()>& hook) {
 
 // --- Commit --------------------------------------------------------------------------------
 
-// A name in a directory that is held open, so that the commit happens there or not at all.
+// A name in an open directory. The commit uses the open directory, so it cannot happen in another one.
 struct Place {
   std::filesystem::path path;
   Handle parent;
@@ -58,7 +58,7 @@ bool is_unchanged_source(const Status& opened, const Result<Status>& named) {
 
 // --- Exchange ------------------------------------------------------------------------------
 
-// A directory held open from its first check until after the exchange.
+// A directory that stays open from its first check until after the exchange.
 struct Held {
   std::filesystem::path path;
   Handle handle;
@@ -66,7 +66,7 @@ struct Held {
 };
 
 Held hold_private_directory(const std::filesystem::path& path) {
-  // Only asks whether something could be joined below the path.
+  // Called for its failure alone: a link of that name in the directory is refused.
   safe_join(path, "exchange-ancestry", true);
   Result<Handle> directory = os::open(path, os::OpenAs::directory);
   const Result<Status> status = directory ? status_of(directory->get()) : directory.problem();
@@ -117,7 +117,7 @@ struct Exchange {
             "Native directory exchange committed with changed ownership; recover its recorded identities");
   }
 
-  // By their paths, and by the names that the step takes.
+  // Looks both at the paths and at the names in the open parents, which the exchange uses.
   bool roots_are(const Status& at_first, const Status& at_second) const {
     return is_same_private_directory(link_status_of(first.path), at_first) &&
            is_same_private_directory(link_status_of(second.path), at_second) &&
@@ -158,9 +158,9 @@ void commit_private_path_new(const std::filesystem::path& source, const std::fil
   require(status && is_private_source(*status), commit_code, "Commit source must be private and owned by this user");
   posix_files::require_private_acl(opened->get());
   run(hook);
-  // The hook takes time, and with it the chance of a change.
+  // Checked again, as somebody may have changed it while the hook ran.
   posix_files::require_private_acl(opened->get());
-  // By its path, and by the name that the step takes.
+  // Looks both at the path and at the name in the open parent, which the move uses.
   require(is_unchanged_source(*status, link_status_of(from)) &&
               is_unchanged_source(*status, link_status_at(old_place.parent.get(), old_place.name().c_str())),
           commit_code, "Source identity changed during verification");
@@ -179,7 +179,7 @@ void exchange_private_directories(const std::filesystem::path& first, const std:
   const std::filesystem::path b = absolute_normal(second, unbounded);
   require(is_bounded_below_root(a) && is_bounded_below_root(b) && a != b, "unsafe_path", unbounded);
 
-  // Held in this order: members of a braced list are made from the first to the last.
+  // The order is fixed: members of a braced list are made from the first to the last.
   const Exchange exchange{hold_private_directory(a), hold_private_directory(b), hold_private_directory(a.parent_path()),
                           hold_private_directory(b.parent_path())};
   exchange.require_distinct_on_one_volume();

@@ -1,4 +1,4 @@
-// Which directory it is, whatever its name.
+// The identity of a directory, by which it is recognised under any name.
 #pragma once
 
 #include <cstdint>
@@ -6,7 +6,7 @@
 
 namespace ravok {
 
-// What tells a directory from every other while it exists.
+// No other directory has the same identity while this one exists.
 struct DirectoryIdentity {
   std::uint64_t device = 0;
   std::uint64_t inode = 0;

@@ -11,17 +11,16 @@ namespace ravok::os {
 
 class DirectoryReader {
  public:
-  // An entry of a directory. `name` lasts until the next one is read; none at the end.
+  // An entry of a directory. `name` is valid until the next one is read, and null at the end.
   struct Entry {
     const char* name = nullptr;
     bool type_known = false;
-    EntryType type = EntryType::other;  // where it is known; a link's is not that of what it leads to
+    EntryType type = EntryType::other;  // where it is known; for a link, EntryType::link
   };
 
-  // Reads from nothing.
   DirectoryReader() = default;
 
-  // Reads from an open directory, which it takes over, and closes at its own end.
+  // Reads from an open directory. Takes the handle over and closes it.
   static Result<DirectoryReader> of(Handle directory);
 
   // The directory that is read from; -1 when there is none.

@@ -18,7 +18,7 @@ struct Piece {
   bool failed;
 };
 
-// Fills the buffer from the file; a short piece is the last.
+// Fills the buffer from the file. A buffer that is not full holds the end of the file.
 Piece read_piece(int file, std::span<std::uint8_t> buffer) {
   std::size_t size = 0;
   while (size < buffer.size()) {

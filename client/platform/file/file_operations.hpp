@@ -1,8 +1,8 @@
-// The operations on files and directories that every system gives, and nothing more. What is done with them, in which
-// order and under which conditions, stands above; so a signal that interrupts one of them is dealt with here.
+// The operations on files and directories that every system gives, and nothing more. The units above decide in which
+// order and under which conditions they are called. An operation that a signal interrupts is repeated here.
 //
-// A name is one component of a path, relative to an open directory; a link that has the name is treated as what it is
-// and never followed. All texts are UTF-8 where the system wants a form, and bytes as they are elsewhere.
+// A name is one component of a path, relative to an open directory. A link that has the name is never followed. Texts
+// are UTF-8 on systems that want an encoding, and plain bytes on all others.
 #pragma once
 
 #include <cstddef>
@@ -17,15 +17,15 @@
 
 namespace ravok::os {
 
-// How something that exists is opened. Only `linked` and `linked_directory` go through a link that has the name, and
-// nothing waits for the other end of a pipe but `linked`.
+// How something that exists is opened. Only `linked` and `linked_directory` follow a link that has the name, and only
+// `linked` waits for the other end of a pipe.
 enum class OpenAs {
   file,              // to read
   file_to_change,    // to read and write
   linked,            // to read, through a link
   directory,         // to list, and to act in
   linked_directory,  // the same, through a link
-  passage,           // a directory to act in or pass through, which needs no leave to read it
+  passage,           // a directory to act in or pass through, without permission to list it
 };
 
 Result<Handle> open(const std::filesystem::path& path, OpenAs how);
@@ -67,7 +67,7 @@ Problem reserve(int file, std::uint64_t length);
 Problem set_permissions(int handle, std::uint32_t permissions);
 Problem set_permissions_at(int directory, const char* name, std::uint32_t permissions);
 
-// Remove a file, a link or whatever else is no directory; and a directory that holds nothing.
+// remove and remove_at remove a file, a link or any other entry that is no directory; the others an empty directory.
 Problem remove_at(int directory, const char* name);
 Problem remove_directory_at(int directory, const char* name);
 Problem remove(const std::filesystem::path& path);
@@ -85,14 +85,14 @@ Problem exchange_names(int first, const char* first_name, int second, const char
 // Gives a file a second name, which nothing may have yet.
 Problem link_at(int from, const char* name, int to, const char* new_name);
 
-// Takes a lock of a file, for this handle and its duplicates alone and until the last of them is closed; without
-// `wait` it is refused with Cause::busy where another has it.
+// Takes a lock of a file. The lock belongs to this handle and its duplicates until the last of them is closed. Without
+// `wait` it is refused with Cause::busy when another has it.
 Problem lock(int file, bool exclusive, bool wait);
 
-// Returns where a link leads, in at most `limit` bytes of which the last may be missing.
+// Returns the target of a link, cut off after `limit` bytes.
 Result<std::string> link_target(const std::filesystem::path& path, std::size_t limit);
 
-// Whether this process acts for the system's own user, whom no permission keeps out.
+// Whether this process acts for the system's own user, for whom permissions do not count.
 bool acts_for_system();
 
 // How a volume is divided, as seen from one of its directories.

@@ -15,7 +15,7 @@
 namespace ravok {
 namespace {
 
-// The system would read such a path only as far as the NUL.
+// The system takes a path to end at a NUL, and would open another file.
 void require_no_nul(const std::filesystem::path& path) {
   require(!has_nul(path_utf8(path)), "unsafe_path", "Native path contains a NUL byte");
 }
@@ -32,7 +32,7 @@ Status require_ordinary(const Result<Handle>& file, const std::filesystem::path&
   return *status;
 }
 
-// Reads exactly `count` bytes, which must be all that is left.
+// Reads `count` bytes and fails unless the file ends there.
 std::string read_to_end(int file, std::size_t count) {
   std::string bytes(count, '\0');
   std::size_t done = 0;
@@ -66,7 +66,7 @@ std::string read_ordinary(const std::filesystem::path& path, std::uint64_t limit
   return read_to_end(file->get(), static_cast<std::size_t>(size - start));
 }
 
-// Fails where a step of a transaction had a problem.
+// Turns the problem of a transaction's step into its failure, and no problem into none.
 void require_transaction(const Problem& problem, std::string_view message) {
   if (!problem) {
     return;
@@ -89,7 +89,7 @@ Handle open_export_parent(const std::filesystem::path& parent) {
   return *std::move(directory);
 }
 
-// A name in a directory that is held open: every step happens there, whatever becomes of the path.
+// A name in an open directory. Every step uses the open directory, even if the path leads elsewhere later.
 struct Destination {
   std::filesystem::path path;
   Handle parent;
@@ -108,7 +108,7 @@ void flush_and_close(Result<Handle> directory) {
   require(!problem, "file_sync", "Could not durably synchronize directory");
 }
 
-// A transaction file from its creation to its commit; what is not committed is removed.
+// A transaction file from its creation to its commit. The destructor removes a file that was not committed.
 class Transaction {
  public:
   Transaction(const Destination& destination, std::uint32_t permissions)
@@ -155,7 +155,7 @@ class Transaction {
     committed_ = true;
   }
 
-  // A link never replaces, so the destination keeps whatever it already holds.
+  // A hard link never replaces, so whatever already has the name stays.
   void create() {
     constexpr const char* not_created = "Cannot create export; the destination may already exist";
     require_parent_in_place(not_created);
@@ -164,7 +164,7 @@ class Transaction {
     committed_ = true;
   }
 
-  // Removes the destination if it is this file, which must still be open.
+  // Removes the destination if it is this file. The file must still be open.
   void remove_created() const {
     const auto made = status_of(file_.get());
     const auto named = link_status_at(parent(), destination_.name().c_str());
@@ -176,11 +176,11 @@ class Transaction {
  private:
   int parent() const { return destination_.parent.get(); }
   Problem remove() const { return os::remove_at(parent(), name_.c_str()); }
-  // What would be committed to a directory that was moved away would not be found by its path.
+  // A file in a directory that was moved away would not be found by its path.
   void require_parent_in_place(std::string_view message) const {
     const auto held = status_of(parent());
     require_transaction(held.problem(), message);
-    // By a link of the system, the path may lead there too.
+    // Follows links, since the path may lead through one of the system's own.
     const auto named = target_status_of(destination_.path.parent_path());
     require_transaction(named.problem(), message);
     require_transaction(same_file(*held, *named) ? Problem() : problem_of(Cause::missing), message);

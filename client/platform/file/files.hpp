@@ -32,7 +32,8 @@ struct OpenedFile {
   std::string bytes;
 };
 
-// Reads a file by its name in an open directory, which may be open only to pass through. Fails as read_file does.
+// Reads a file by its name in an open directory, which may be open only to pass through. Fails with "unsafe_path",
+// "size_limit" and "file_read" in the same cases.
 OpenedFile read_file_at(int directory, const std::string& name, std::uint64_t limit);
 
 // Flushes an ordinary file with one name, which must still be the one at the path afterwards, to
@@ -47,10 +48,10 @@ void sync_directory(const std::filesystem::path& path);
 void sync_open_directory(int directory);
 
 // The writers make a file of mode 0600: a private one whatever the process's mask, any other as limited by it. All
-// want a path with a directory in it and refuse a bare file name, "./name" aside, with "unsafe_path". All fail with
-// "unsafe_path" for a destination that is a link, "insufficient_space" on a full disk, "file_write" for every other
-// failed step, and "file_sync" when only the last flush, of the directory, failed and the new content is in place.
-// After any other failure the destination is as it was.
+// but atomic_write_at want a path that names its directory: they refuse a bare file name with "unsafe_path", and take
+// "./name". They also refuse a destination that is a link with "unsafe_path". All fail with "insufficient_space" on a
+// full disk, "file_write" for every other failed step, and "file_sync" when only the last flush, of the directory,
+// failed and the new content is in place. After any other failure the destination is as it was.
 
 // Replaces or makes a private record durably. The parent is made private as private_directory
 // does it, and its failures pass through.
@@ -60,7 +61,7 @@ void atomic_write(const std::filesystem::path& path, std::string_view bytes);
 // other writers it replaces a link, or whatever else but a directory, itself.
 void atomic_write_at(int directory, const std::filesystem::path& path, std::string_view bytes);
 
-// Makes a private record that must not exist yet, durably; the same for the parent.
+// Makes a private record that must not exist yet, durably. The parent is made private in the same way.
 void atomic_private_create(const std::filesystem::path& path, std::string_view bytes);
 
 // Makes a file that must not exist yet in a directory of the user's choice, which must be there
@@ -83,7 +84,8 @@ enum class ExportAccess { everybody, owner };
 // by the process's mask, or 0600. An object that goes before its commit leaves nothing behind.
 class ExportFile {
  public:
-  // Fails as atomic_create does.
+  // Fails with "unsafe_path" for a link or a parent that is no plain directory, and with "insufficient_space" or
+  // "file_write".
   explicit ExportFile(const std::filesystem::path& path, ExportAccess access = ExportAccess::everybody);
   ~ExportFile();
   ExportFile(const ExportFile&) = delete;
@@ -92,10 +94,11 @@ class ExportFile {
   // Adds bytes. Fails with "insufficient_space" or "file_write".
   void write(std::string_view bytes);
 
-  // Flushes the file and gives it its name, durably. Fails as atomic_create does.
+  // Flushes the file and gives it its name, durably. Fails with "insufficient_space", with "file_write" also when
+  // something has the name, and with "file_sync" when only the flush of the name failed.
   void commit();
 
-  // Takes the committed file away again, as far as that goes, if it still has its name: never another file.
+  // Removes the committed file, if its name is still its own. Tells nothing when that fails.
   void remove() noexcept;
 
  private:

@@ -14,7 +14,7 @@ std::optional<std::filesystem::path> foreign_folder(const std::filesystem::path&
   std::error_code problem;
   std::filesystem::path folder = std::filesystem::absolute(path, problem).lexically_normal();
   if (problem) {
-    // What has no place is judged by whoever uses it.
+    // Such a path cannot be used either, and the caller's own checks refuse it.
     return std::nullopt;
   }
   Result<Status> status = target_status_of(folder);

@@ -6,12 +6,12 @@
 
 namespace ravok {
 
-// Returns what is at the path, or else the nearest folder above it, when this process acts for root and that
-// belongs to another user; nothing otherwise, and always nothing for every user but root. A link stands for
-// what it leads to.
+// Looks at what is at the path or, where nothing is, at the nearest folder above it. Returns its path when this process
+// acts for root and another user owns it, and nothing otherwise. For every user but root it returns nothing. Links are
+// followed.
 std::optional<std::filesystem::path> foreign_folder(const std::filesystem::path& path);
 
-// The same of the directory that HOME names; nothing where HOME names none.
+// The same for the directory that HOME names; nothing when HOME is empty or not set.
 std::optional<std::filesystem::path> foreign_home();
 
 }  // namespace ravok

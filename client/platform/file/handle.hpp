@@ -7,7 +7,7 @@ namespace ravok {
 
 namespace os {
 
-// Gives an open file or directory back to the system. What the system then says of it is of no use: it is closed.
+// Closes an open file or directory. It is closed even where the system reports a failure, so there is no answer.
 void close(int handle);
 
 }  // namespace os

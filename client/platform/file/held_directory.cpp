@@ -102,7 +102,7 @@ bool HeldDirectory::make_movable(const std::string& name) const {
     return os::acts_for_system();
   }
   if ((status->permissions & permissions::owner) != permissions::owner) {
-    // Where that cannot be done, the move tells.
+    // No answer is needed: where the mode cannot be set, the move fails.
     os::set_permissions_at(handle(), name.c_str(), permissions::private_directory);
   }
   return true;
@@ -159,7 +159,7 @@ void HeldDirectory::remove_matching_quietly(const std::function<bool(const std::
   try {
     walk_tree(os::open_at(handle(), ".", os::OpenAs::directory), visitor);
   } catch (const Error&) {
-    // The rest stays.
+    // What was not reached stays.
   }
 }
 

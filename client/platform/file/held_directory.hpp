@@ -1,6 +1,6 @@
-// A directory in which setup moves, writes and removes: held open since it was proved, so that everything happens
-// there, whatever becomes of its path. A name stands for one entry of it, without a separator; a link of that name is
-// treated as what it is and never followed.
+// A directory in which setup moves, writes and removes. It stays open from its check on, so everything happens in the
+// directory that was checked, even if its path leads elsewhere later. A name stands for one entry of it, without a
+// separator; a link of that name is treated as what it is and never followed.
 #pragma once
 
 #include <cstddef>
@@ -23,15 +23,17 @@ class HeldDirectory {
   // Holds an existing directory that is reached through no link but the system's own. Fails with "unsafe_path".
   static HeldDirectory open(const std::filesystem::path& path);
 
-  // The same for a private directory, which is made where it is missing. Fails as private_directory does.
+  // The same for a private directory, which is made where it is missing. Fails with "unsafe_path", "size_limit",
+  // "permissions" or "file_sync", as posix_files::private_directory does.
   static HeldDirectory open_private(const std::filesystem::path& path);
 
-  // Holds a directory of that name, or returns none where nothing, a link or anything else has it. Fails with
-  // "permissions" for a directory that may not be opened, and with "unsafe_path" for one that cannot be.
+  // Holds the directory of that name. Returns none where the name is missing or is that of a link, a file or another
+  // kind of entry. Fails with "permissions" for a directory that this user may not open, and with "unsafe_path" for
+  // one that cannot be opened for another reason.
   std::optional<HeldDirectory> find_directory(const std::string& name) const;
 
-  // Makes the directory of that name private, with the name durable where it is new, and holds it. Fails as
-  // private_directory does.
+  // Makes the directory of that name private and holds it. A new name is made durable. Fails with "unsafe_path",
+  // "permissions" or "file_sync".
   HeldDirectory private_directory(const std::string& name) const;
 
   const std::filesystem::path& path() const { return path_; }
@@ -44,7 +46,8 @@ class HeldDirectory {
   // told.
   std::optional<EntryType> type_of(const std::string& name) const;
 
-  // Returns the names in the directory, at most 250,000. Fails as names_in does, and with "size_limit" beyond that.
+  // Returns the names in the directory, at most 250,000. Fails with "size_limit" beyond that, with "tree_read" when it
+  // cannot be read, and with "too_many_files".
   std::vector<std::string> names() const;
   // Returns the first `limit` of them.
   std::vector<std::string> names(std::size_t limit) const;
@@ -65,19 +68,20 @@ class HeldDirectory {
 
   // Removes a file, a link or an empty directory; a missing name is fine. Fails with "file_remove".
   void remove(const std::string& name) const;
-  // The same as far as that goes.
+  // The same; tells nothing when that fails.
   void remove_quietly(const std::string& name) const noexcept;
 
-  // Removes a name with all that it holds, as remove_tree_at does and with its failures.
+  // Removes a name with all that it holds, as remove_tree_at does. Fails with "file_remove" for what cannot be removed,
+  // with "unsafe_path" for a mounted volume, and with "tree_read" or "too_many_files".
   void remove_tree(const std::string& name) const;
-  // The same as far as that goes. Returns whether all of it went.
+  // The same, but goes on after what cannot be removed. Returns whether everything was removed.
   bool remove_tree_quietly(const std::string& name) const noexcept;
 
-  // Removes every file, link and empty directory below whose own name matches, as far as that goes. Enters no volume
-  // that is mounted inside.
+  // Removes every file, link and empty directory below whose own name matches. What cannot be removed stays. Enters no
+  // volume that is mounted inside.
   void remove_matching_quietly(const std::function<bool(const std::string& name)>& matches) const;
 
-  // Removes the directory itself, if its path still leads to it and it holds nothing.
+  // Removes the directory itself if it is empty and still has its name. Tells nothing when that fails.
   void remove_itself_quietly() const noexcept;
 
   // Makes the changes of names in it durable. Fails with "file_sync".

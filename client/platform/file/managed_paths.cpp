@@ -15,7 +15,7 @@ namespace {
 constexpr int maximum_system_links = 16;
 constexpr std::size_t maximum_target_bytes = 4095;
 
-// A directory in which nobody but the system's own user can have made an entry.
+// Whether only the system's own user can have made an entry in the directory.
 bool is_system_directory(const std::filesystem::path& path) {
   const auto status = target_status_of(path);
   return status && status->is_of_system && (status->permissions & permissions::others_write) == 0;
@@ -32,7 +32,7 @@ struct LinkWalk {
   bool finished;
 };
 
-// Walks to the first system link: either finished, or the path with that link replaced.
+// Walks to the first system link and replaces it by its target. Finished where there is none.
 LinkWalk walk_to_system_link(const std::filesystem::path& path, int& followed) {
   std::filesystem::path result = path.root_path();
   const std::filesystem::path relative = path.relative_path();

@@ -8,13 +8,13 @@
 
 namespace ravok {
 
-// Returns `root` joined with a relative path that validate_relative_path accepts and none of
-// whose components below `root` is a symbolic link; they need not exist, and `root` itself is
-// not looked at. Fails with "unsafe_path". Promises nothing against a change made meanwhile.
+// Returns `root` joined with a relative path. Accepts only a path that validate_relative_path accepts and
+// none of whose components below `root` is a symbolic link; they need not exist, and `root` itself is not
+// looked at. Fails with "unsafe_path". Others may change the tree after the check.
 std::filesystem::path safe_join(const std::filesystem::path& root, std::string_view relative, bool portable);
 
-// Returns whether the path names anything, a link at its end not followed. Fails where that cannot be told: with
-// "permissions" in a folder that may not be looked into, otherwise with "file_system".
+// Returns whether the path names anything; a link at its end is not followed. Fails with "permissions" in a folder that
+// this user may not look into, and with "file_system" when the system cannot tell for another reason.
 bool is_there(const std::filesystem::path& path);
 
 // Returns the path made absolute, with the links in it followed that only the system can have
@@ -27,8 +27,8 @@ std::filesystem::path resolve_system_links(const std::filesystem::path& path);
 // with "user_path" unless HOME holds an absolute path.
 std::filesystem::path user_data_root();
 
-// Called before a tree is placed at `root` joined with `relative`, of which `longest` bytes is
-// the longest path below. Returns, as every supported platform has room for it.
+// Called before a tree is placed at `root` joined with `relative`; `longest` is the length in bytes of the longest path
+// in the tree. Accepts every path, since every supported platform has room for it.
 void require_path_room(const std::filesystem::path& root, const std::filesystem::path& relative, std::size_t longest);
 
 }  // namespace ravok

@@ -6,8 +6,9 @@
 
 namespace ravok {
 
-// Proves that nothing is mounted at a place in an open directory that `matters`. `path` is where the directory is; the
-// places are told as paths below it. Fails with "unsafe_path", and names the place and what to do.
+// Accepts only an open directory in which no volume is mounted at a place for which `matters` answers true. `path` is
+// where the directory is, and `matters` is given places as paths below it. Fails with "unsafe_path"; the message names
+// the place and what to do.
 void require_no_mounts(int directory, const std::filesystem::path& path,
                        const std::function<bool(const std::filesystem::path& place)>& matters);
 

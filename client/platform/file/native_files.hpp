@@ -9,13 +9,14 @@ namespace ravok::native_files {
 // and was moved into `trash`, which does not happen on POSIX systems. Fails with "file_remove".
 bool remove_or_trash(const std::filesystem::path& path, const std::filesystem::path& trash);
 
-// Removes a whole tree once this program no longer needs it, as far as that goes.
+// Removes a whole tree once this program no longer needs it. Tells nothing when that fails.
 void remove_after_exit(const std::filesystem::path& path);
 
 // Returns the directory for the trash of the volume that holds `path`.
 std::filesystem::path temporary_directory(const std::filesystem::path& path);
 
-// Gives a file or directory another name, in place of what may be there. Fails with "file_write".
+// Gives a file or directory another name. A file or an empty directory that has the new name is replaced. Fails with
+// "file_write".
 void rename_replace(const std::filesystem::path& from, const std::filesystem::path& to);
 
 }  // namespace ravok::native_files

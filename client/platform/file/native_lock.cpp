@@ -18,7 +18,7 @@ Result<Handle> open_existing(int parent, const std::string& name) {
   return os::open_at(parent, name.c_str(), os::OpenAs::file_to_change);
 }
 
-// Makes the lock file, or opens the one that is there; only its maker treats it as new.
+// Makes the lock file, or opens the one that is there. Only a file that this call has made is made private.
 Result<Handle> create_or_open(int parent, const std::string& name) {
   Result<Handle> file = os::create_at(parent, name.c_str(), os::CreateAs::file_to_change, permissions::private_file);
   if (file) {
@@ -100,7 +100,7 @@ NativeFileLock::NativeFileLock(const std::filesystem::path& path, bool create, N
           "Native ownership requires a bounded lock path and known sharing");
   constexpr const char* ordinary = "Native ownership requires ordinary existing parents";
   require(has_ordinary_parent(path), "lock_failed", ordinary);
-  // What follows acts in the directory that was walked to, whatever becomes of the path.
+  // The next steps use the open directory, even if the path leads elsewhere by then.
   const std::filesystem::path place = absolute_normal(path);
   const Result<Handle> parent = posix_files::open_passage(place.parent_path());
   require(parent.has_value(), "lock_failed", ordinary);
@@ -115,7 +115,7 @@ NativeFileLock::NativeFileLock(const std::filesystem::path& path, bool create, N
     require(!(problem == Cause::busy), "busy", "Another worker owns this native installation");
     fail("lock_failed", "Cannot acquire native installation ownership");
   }
-  // A file that was replaced between the open and the lock guards nothing.
+  // A file that was replaced between the open and the lock keeps nobody else out.
   require(matches_path(path), "lock_failed", "Native ownership path changed while locking");
 }
 

@@ -21,8 +21,8 @@ class FileLock {
  public:
   // Makes the private directory and the lock file where they are missing and takes the lock; with
   // `wait` it blocks until the lock is free. Fails with "busy" when another holds it,
-  // "lock_failed" when the file is not a private file of mode 0600, and as private_directory
-  // and the access-list check do.
+  // "lock_failed" when the file is not a private file of mode 0600, "unsafe_path", "size_limit" or
+  // "file_sync" for its directory as private_directory does, and "permissions" for either.
   FileLock(const std::filesystem::path& path, bool wait, LockMode mode);
 
   // Leaves the lock held until the process ends, beyond the life of this object.
@@ -40,8 +40,8 @@ class NativeFileLock {
  public:
   // Takes the lock and never waits; with `create` the file is made where it is missing, but no
   // directory is. Fails with "busy" when another holds it, with "lock_failed" when the file or
-  // the directories above it are not what they must be, and as resolve_system_links and the
-  // access-list check do.
+  // the directories above it are not what they must be, with "unsafe_path" for more than 16 of the system's
+  // links in the path, and with "permissions" when the file's access lists grant anything to others.
   NativeFileLock(const std::filesystem::path& path, bool create, NativeLockSharing sharing, LockMode mode);
 
   // Returns whether this lock is held and its file is still the empty private file at the path.

@@ -33,7 +33,7 @@ std::vector<std::string> names_of(const std::filesystem::path& path) {
   return names;
 }
 
-// A path as far as it exists: its deepest existing level, and the names below it that do not.
+// The deepest existing level of a path, and the names below it that do not exist.
 struct Reach {
   Handle deepest;
   Status status;
@@ -96,13 +96,13 @@ ComparedNames compared_names(const Reach& place, const Reach& mounted) {
   for (const std::string& name : relative == "." ? std::vector<std::string>() : names_of("/" / relative)) {
     require_place(directory.has_value(), "", " setup ancestry is linked, unavailable or changed");
     compared.names.push_back(os::compared_name(name, compared.case_sensitive));
-    // Below the last level, which may be a file, nothing is asked for.
+    // The last level may be a file. Then it cannot be opened as a directory, and nothing below it is looked up.
     directory = posix_files::open_level(directory->get(), name.c_str());
     if (directory) {
       compared.case_sensitive = os::compares_case(directory->get());
     }
   }
-  // A new directory takes after the one that it is made in.
+  // A new directory compares names as the one does that it is made in.
   for (const std::string& name : place.missing) {
     compared.names.push_back(os::compared_name(name, compared.case_sensitive));
   }
@@ -129,7 +129,7 @@ std::string key(const std::filesystem::path& path, bool leaf) {
 
   std::string result =
       std::string(os::path_key_form()) + "/" + volume.identity + (compared.case_sensitive ? "/s" : "/i");
-  // What lies above the mount within the volume is named as it is: it is not the user's to spell.
+  // Names above the mounted part come from the system and not from the caller, so they need no comparison form.
   for (const std::string& name : names_of(path_from_utf8(volume.mounted_below))) {
     result += "/" + name;
   }

@@ -5,7 +5,8 @@
 // their case and "i" where it does not, and the names from the volume's root down to the place, all joined by "/"; the
 // key of a volume's root ends in "/". The names are those of the volume itself: ahead of what the path spells below a
 // mount stands what lies above the part that is mounted there, so two mounts of one volume give one key. Each name is
-// written as its directory compares it. A place lies in another when its key begins with the other's up to a "/".
+// written as its directory compares it. A place lies in another when its key begins with the other's up to a "/". The
+// keys of two places do not tell that where one directory compares names with their case and the other does not.
 //
 // A path has at most 128 levels: the names of its normal form below "/", after the system's own links at its head were
 // followed, whether they exist or not. The path of the volume's mount has the same bound of its own. What lies above

@@ -18,8 +18,8 @@
 namespace ravok {
 namespace {
 
-// Fails unless `condition` holds, in words that name the system between them. The message is put together for a
-// failure only, so that a lack of memory cannot come between two steps.
+// Fails unless `condition` holds. The message is `before`, the system's name and `after`. It is put together only for a
+// failure, so that a successful step needs no memory.
 void require_here(bool condition, std::string_view code, std::string_view before, std::string_view after) {
   if (!condition) {
     fail(code, std::string(before) + std::string(os::system_name()) + std::string(after));
@@ -50,8 +50,8 @@ Result<Handle> open_root(const std::filesystem::path& target) {
 
 Result<Handle> open_to_read(int parent, const char* name) { return os::open_at(parent, name, os::OpenAs::directory); }
 
-// Opens a directory that this process has just made. Where the process's mask has kept even its owner out, its mode
-// is set first: the mask belongs to all threads, so it stays as it is.
+// Opens a directory that this process has just made. If the process's mask denied access to the owner too, the
+// directory's mode is set first. The mask itself is left alone, as all threads share it.
 Result<Handle> open_new_level(int parent, const char* name) {
   Result<Handle> level = open_to_read(parent, name);
   if (level || !(level.problem() == Cause::denied)) {
@@ -80,7 +80,7 @@ Result<Handle> open_existing_level(int parent, const char* name, bool is_last) {
   return is_last ? open_to_read(parent, name) : posix_files::open_level(parent, name);
 }
 
-// Opens one level below a verified parent, making it where it is missing.
+// Opens one level below a verified parent. Makes a missing one.
 Level open_or_make_level(int parent, const char* name, bool is_last) {
   bool is_new = false;
   Result<Handle> directory = open_existing_level(parent, name, is_last);
@@ -91,7 +91,7 @@ Level open_or_make_level(int parent, const char* name, bool is_last) {
     if (is_new) {
       directory = open_new_level(parent, name);
     } else {
-      // Another process has just made it: judged like any that was there before, but its name may not be durable.
+      // Another process has just made it. Its name may not be durable yet; otherwise it is treated as an older one.
       flush_new_name(parent);
       directory = open_existing_level(parent, name, is_last);
     }
@@ -105,7 +105,7 @@ Level open_or_make_level(int parent, const char* name, bool is_last) {
   return level;
 }
 
-// Makes a new level private, and its name durable before anything is made inside it.
+// Makes a new level private and its name durable, before anything is made inside it.
 void secure_new_level(int parent, int directory) {
   posix_files::secure_new_private(directory, true);
   flush_new_name(parent);
@@ -123,7 +123,7 @@ Level open_secured_level(int parent, const char* name, bool is_last) {
 void tighten(int directory) {
   const auto status = status_of(directory);
   if (status && status->is_own && status->permissions != permissions::private_directory) {
-    // A change of mode would also change what an access list grants; a foreign one is preserved.
+    // A change of mode also changes what an access list grants, so a list that grants others access is refused first.
     posix_files::require_private_acl(directory);
     require_here(!os::set_permissions(directory, permissions::private_directory), "permissions", "Cannot restrict ",
                  " directory permissions");

@@ -23,7 +23,7 @@ int sync(int descriptor);
 // ENOTSUP or ENOSYS on a volume that cannot claim blocks.
 int reserve(int descriptor, std::uint64_t length);
 
-// Makes a node that this process has just created private: no access lists, mode 0700 for a
+// Makes a node private that this process has just created: removes its access lists and sets mode 0700 for a
 // directory or 0600 for a file. Fails with "permissions".
 void secure_new_private(int descriptor, bool directory);
 
@@ -47,8 +47,8 @@ void require_private_path(const std::filesystem::path& path, bool directory);
 // before a failure stay, empty and private.
 void private_directory(const std::filesystem::path& path);
 
-// The same, and returns the directory open: what is done through the descriptor happens in the
-// directory that was proved, whatever becomes of the path.
+// The same, and returns the directory open, so that later steps happen in the directory that was proved even if the
+// path leads elsewhere by then.
 Handle open_private_directory(const std::filesystem::path& path);
 
 // A private directory and the one that it stands in, both open. The parent may be one to pass through only.
@@ -57,15 +57,15 @@ struct PrivateDirectory {
   Handle directory;
 };
 
-// The same, with the parent that the walk came through.
+// The same, with the directory above, which the walk passed through.
 PrivateDirectory open_private_directory_in_parent(const std::filesystem::path& path);
 
-// Makes one directory below an open, proved one private, where it is missing too, and returns it open. Fails with
+// Makes one directory below an open, proved one private and returns it open; a missing one is made. Fails with
 // "unsafe_path", "permissions" or "file_sync".
 Handle open_private_level(int parent, const char* name);
 
-// Opens one directory below an open one. A level that this user may not read, such as a folder of all
-// users' homes, is opened to pass through.
+// Opens one directory below an open one. A directory that this user may not list, such as the one that holds all homes,
+// is opened to pass through.
 Result<Handle> open_level(int parent, const char* name);
 
 // Opens an existing directory to pass through, level by level from its root and through no link
@@ -78,8 +78,9 @@ Result<Handle> open_passage(const std::filesystem::path& directory);
 void private_directory(const std::filesystem::path& path);
 
 // Makes a private directory that must not exist yet, in a parent that must, of mode 0700 whatever the
-// process's mask; a set-group bit that it takes over from its parent is cleared. The parent may lie at most 128
-// levels below the root, so the new directory itself may be the 129th. Fails with
+// process's mask; a set-group bit that it takes over from its parent is cleared. Only the levels above the new
+// directory count toward the bound of 128, after the system's own links are followed, so the new
+// directory itself may be the 129th level below the root. Fails with
 // "unsafe_path", "size_limit", "permissions", and with "native_install_commit" when the name
 // exists, cannot be made or is changed meanwhile; then the directory may be left behind.
 void private_directory_new(const std::filesystem::path& path);

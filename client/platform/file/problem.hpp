@@ -12,7 +12,7 @@ enum class Cause {
   no_space,         // the volume is full, or the user's share of it
   exists,           // something has the name already
   missing,          // nothing has the name
-  not_a_directory,  // what should hold the name, or what has it, is no directory
+  not_a_directory,  // the name, or one on the way to it, is not that of a directory
   is_link,          // a link has the name
   denied,           // this user may not
   not_permitted,    // nobody may, or only the owner
@@ -37,13 +37,16 @@ struct Problem {
   bool operator==(Cause other) const { return cause == other; }
 };
 
-// The problem that this cause is on this system.
+// Whether a directory was not removed because it holds something. Systems answer with either of two causes.
+inline bool is_not_empty(const Problem& problem) { return problem == Cause::not_empty || problem == Cause::exists; }
+
+// The problem with this cause and the number that this system has for it.
 Problem problem_of(Cause cause);
 
 // The system's own words for it, such as "Permission denied".
 std::string problem_text(const Problem& problem);
 
-// Fails with "too_many_files" when that is why an operation was refused.
+// Fails with "too_many_files" when the operation was refused for a lack of handles; otherwise does nothing.
 void require_handles(const Problem& problem);
 
 // The value of an operation that was not refused, or the problem of one that was.
@@ -56,7 +59,7 @@ class Result {
   explicit operator bool() const { return !problem_; }
   bool has_value() const { return !problem_; }
 
-  // Of an operation that was refused, these give a value as it is when it is made.
+  // After a refusal these give a default-constructed value.
   const Value& operator*() const& { return value_; }
   Value& operator*() & { return value_; }
   Value&& operator*() && { return std::move(value_); }

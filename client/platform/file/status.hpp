@@ -50,7 +50,7 @@ Result<Status> link_status_at(int directory, const char* name);
 // The status of what a path leads to, through links.
 Result<Status> target_status_of(const std::filesystem::path& path);
 
-// Whether the path is known to name nothing; what cannot be looked at may be there.
+// Whether the path is known to name nothing. False for a path that cannot be looked at.
 bool is_missing(const std::filesystem::path& path);
 
 // Whether two views are of one file: the same device and inode.

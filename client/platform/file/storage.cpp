@@ -42,7 +42,7 @@ std::uint64_t tree_allocation(const SnapshotManifest& manifest, std::uint64_t un
   return storage_add(total, storage_multiply(snapshot_storage_file_entries(manifest), unit));
 }
 
-// A count with its unit, in the singular for exactly one.
+// A count with its unit: `one` for exactly one, otherwise `more`.
 std::string counted(std::uint64_t count, std::string_view one, std::string_view more) {
   return std::to_string(count) + std::string(count == 1 ? one : more);
 }
@@ -82,7 +82,7 @@ StorageVolume inspect_storage_volume(const std::filesystem::path& path) {
           "Storage needs an ordinary absolute directory");
   StorageVolume volume;
   volume.path = path;
-  // Where this fails it answers with all ones, which no volume has.
+  // After a failure all its members have all bits set, which the check below refuses.
   std::error_code ignored;
   const std::filesystem::space_info space = std::filesystem::space(path, ignored);
   volume.capacity_bytes = space.capacity;

@@ -12,19 +12,17 @@
 namespace ravok {
 namespace {
 
-// Others may add entries while a directory is emptied; after this many attempts it is theirs.
+// Others may add entries while a directory is emptied. After this many attempts the removal gives up.
 constexpr int maximum_attempts = 3;
 
 bool is_gone(const Problem& problem) { return !problem || problem == Cause::missing; }
 
-bool is_not_empty(const Problem& problem) { return problem == Cause::not_empty || problem == Cause::exists; }
-
-// The removal of one tree. What fails is kept quiet about, or ends it.
+// The removal of one tree. If it is quiet, it goes on after a failure; otherwise the first failure ends it.
 class TreeRemoval {
  public:
   TreeRemoval(const std::filesystem::path& path, bool quiet) : path_(path), quiet_(quiet) {}
 
-  // Returns no problem when all of it went, or that of the first failure.
+  // Returns no problem when everything was removed, otherwise that of the first failure.
   Problem run(int directory, const char* name) {
     int attempt = 1;
     while (!remove_once(directory, name, attempt == maximum_attempts)) {
@@ -34,7 +32,7 @@ class TreeRemoval {
   }
 
  private:
-  // Returns false when the directory was not empty after all and may be tried again.
+  // Returns false when somebody has added entries meanwhile and another attempt may succeed.
   bool remove_once(int directory, const char* name, bool last) {
     const Result<Status> status = link_status_at(directory, name);
     if (!status) {
@@ -83,16 +81,16 @@ class TreeRemoval {
     walk_tree(std::move(tree), visitor);
   }
 
-  // A directory that may not be read goes all the same if it holds nothing.
+  // An empty directory can be removed even when it may not be read.
   void remove_unread(int directory, const char* name, const Problem& unread) {
     if (!is_gone(os::remove_directory_at(directory, name))) {
       require(quiet_, "tree_read", "Cannot read a directory of the tree");
-      // Why it could not be read, and not that it is not empty.
+      // The reason is that it could not be read; the removal itself only says that it is not empty.
       failed({}, unread);
     }
   }
 
-  // What others have put there meanwhile is met by the next attempt.
+  // Entries that others have added meanwhile are left for the next attempt.
   void remove_directory(const TreeEntry& entry) {
     const Problem problem = os::remove_directory_at(entry.directory, entry.name);
     if (!is_gone(problem) && !is_not_empty(problem)) {

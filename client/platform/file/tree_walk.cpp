@@ -13,7 +13,7 @@
 namespace ravok {
 namespace {
 
-// How many levels above the deepest stay open; those further up are opened again on the way back.
+// How many of the deepest levels stay open. Those above are opened again on the way back.
 constexpr std::size_t open_levels = 32;
 
 [[noreturn]] void cannot_read(const Problem& problem) {
@@ -54,8 +54,8 @@ EntryType type_of(int directory, const os::DirectoryReader::Entry& entry) {
 
 std::string_view first_name(std::string_view path) { return path.substr(0, path.find('/')); }
 
-// One walk. A directory's own entries are all read before the walk goes into the first of its directories, so that
-// one stream at a time is read, and a level needs to stay open only to be gone on from.
+// One walk. All entries of a directory are read before the walk enters the first of its directories, so only one
+// stream is read at a time.
 class Walk {
  public:
   explicit Walk(const TreeVisitor& visitor) : visitor_(visitor) {}
@@ -73,12 +73,12 @@ class Walk {
 
  private:
   struct Level {
-    os::DirectoryReader stream;  // that the entries were read from, while it is open
-    Handle reopened;             // in its place, once the walk has come back
+    os::DirectoryReader stream;  // the entries were read from it; closed for levels far above
+    Handle reopened;             // opened on the way back where `stream` was closed
     std::string name;
     Status status;
-    std::size_t path_size = 0;           // of what stands before the names in it
-    std::vector<std::string> unvisited;  // the directories that the walk has yet to go into, the last one first
+    std::size_t path_size = 0;           // the length of the path before the names in this directory
+    std::vector<std::string> unvisited;  // directories still to be entered, the last one first
 
     int handle() const { return stream ? stream.handle() : reopened.get(); }
     void close() {
@@ -156,7 +156,7 @@ class Walk {
     }
   }
 
-  // Goes back up from a child. It may have been moved meanwhile, and then lies in another directory.
+  // Goes back up from a child. Fails when the child was moved to another directory meanwhile.
   static void reopen(Level& parent, int child) {
     Result<Handle> reopened = os::open_at(child, "..", os::OpenAs::directory);
     const Result<Status> status = reopened ? status_of(reopened->get()) : reopened.problem();
@@ -212,7 +212,6 @@ Result<Handle> TreePaths::open(const std::string& path, os::OpenAs how) {
   if (!parent) {
     return parent.problem();
   }
-  // The separator before the last component, or the place before the first byte.
   const std::size_t separator = path.rfind('/');
   const std::size_t name = separator == std::string::npos ? 0 : separator + 1;
   return os::open_at(*parent, path.c_str() + name, how);
@@ -231,7 +230,7 @@ Result<int> TreePaths::parent_of(std::string_view path) {
     rest.remove_prefix(std::min(name.size() + 1, rest.size()));
     Result<Handle> directory = os::open_at(last(), name.c_str(), os::OpenAs::passage);
     if (!directory) {
-      // What is open is not the directory of any path that is known.
+      // Some of the path's levels may be open, but not its directory, so the next call begins at the root.
       levels_.clear();
       return directory.problem();
     }
@@ -255,7 +254,7 @@ std::string_view TreePaths::keep_shared(std::string_view wanted) {
   if (shared == 0 || levels_.back().directory) {
     return rest;
   }
-  // That level is no longer open: the way begins at the root again.
+  // That level was closed, so the way begins at the root again.
   levels_.clear();
   return wanted;
 }

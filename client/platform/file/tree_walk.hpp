@@ -12,15 +12,15 @@
 
 namespace ravok {
 
-// What a walk has come to. All of it lasts for the visit only.
+// An entry that a walk has reached. Its members are valid during the visit only.
 struct TreeEntry {
   std::string_view path;  // relative to the root
   const char* name;       // the last component of it
   int directory;          // the open directory that holds it
-  EntryType type;         // a link's is not that of what it points to
+  EntryType type;         // for a link, EntryType::link
 };
 
-// Opens a directory to walk it; refused when there is none of that name, or a link in its place.
+// Opens a directory to walk it. Refused when the path names no directory, or a link.
 Result<Handle> open_tree(const std::filesystem::path& root);
 
 // What a walk calls.
@@ -28,8 +28,8 @@ struct TreeVisitor {
   // Told of every entry: all those of a directory first, in the order in which the file system tells them, and then
   // what lies in its directories, one after the other.
   std::function<void(const TreeEntry&)> visit;
-  // Told of a directory once all that it holds has been visited, with its own open descriptor; not of the root. May
-  // be empty. It may remove the directory.
+  // Told of a directory once all that it holds has been visited, with its own open handle; not told of the root. It may
+  // remove the directory. May be empty.
   std::function<void(const TreeEntry& entry, int self)> leave;
   // Told of a directory that cannot be opened, which the walk then passes by. Where it is empty, the walk fails.
   std::function<void(const TreeEntry& entry, const Problem& problem)> unreadable;
@@ -37,19 +37,19 @@ struct TreeVisitor {
   bool refuse_mounts = false;
 };
 
-// Visits everything below an open directory; the problem of one that could not be opened becomes the failure to read
-// it. At most 34 directories are open at a time, however deep the tree is, and the time grows with the number of
-// entries. Fails with "tree_read" when a directory cannot be read or is moved meanwhile, with "too_many_files" when the
-// system gives no more descriptors, with "unsafe_path" for a mounted volume where those are refused; what the visitor
-// throws goes on.
+// Visits everything below an open directory. A root that could not be opened fails like one that cannot be read. At
+// most 34 directories are open at a time, however deep the tree is, and the time grows with the number of entries.
+// Fails with "tree_read" when a directory cannot be read or is moved meanwhile, with "too_many_files" when the system
+// gives no more descriptors, with "unsafe_path" for a mounted volume where those are refused; what the visitor throws
+// goes on.
 void walk_tree(Result<Handle> root, const TreeVisitor& visitor);
 void walk_tree(Result<Handle> root, const std::function<void(const TreeEntry&)>& visit);
 
 // Returns the names in an open directory, the first `limit` of them in the order in which the file system tells them.
-// Fails as walk_tree does.
+// Fails with "tree_read" when the directory cannot be read, and with "too_many_files".
 std::vector<std::string> names_in(int directory, std::size_t limit);
 
-// The same by a directory's path, through whatever links it goes.
+// The same by a directory's path; links in it are followed.
 std::vector<std::string> names_in(const std::filesystem::path& directory, std::size_t limit);
 
 // Opens files of a tree by their relative paths. The last 32 directories on the way stay open for the next

@@ -53,7 +53,7 @@ void require_owner_only(const Entry& entry) {
     case owning_group_tag:
     case group_tag:
     case other_tag:
-      // The mask is not looked at: a later change of mode widens it again.
+      // The mask does not count, since a later change of mode may widen it.
       require(entry.permissions == 0, "permissions", foreign);
       return;
     default:

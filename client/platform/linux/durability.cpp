@@ -16,8 +16,8 @@ Problem os::flush(int handle) {
 Problem posix::claim_blocks(int descriptor, std::uint64_t, std::uint64_t length) {
   const Problem problem =
       done([&] { return fallocate(descriptor, FALLOC_FL_KEEP_SIZE, 0, static_cast<off_t>(length)); });
-  // A volume that ran out half-way keeps what it claimed beyond the end; setting the size that the file already has
-  // gives that back.
+  // A volume that runs out of room half-way keeps the blocks that it claimed. Setting the size that the file already
+  // has frees them.
   if (const auto status = status_of(descriptor); problem && status) {
     os::set_size(descriptor, status->size);
   }

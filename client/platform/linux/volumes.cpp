@@ -42,7 +42,7 @@ constexpr std::array<std::uint32_t, 13> network_file_systems = {
     0x19830326,  // BeeGFS
 };
 
-// The same behind a process of the user's, by the name that the mount gives.
+// File systems on another machine that a user's process serves, by the name that the mount gives.
 constexpr std::array<std::string_view, 9> network_kinds = {"fuse.sshfs",      "fuse.glusterfs", "fuse.rclone",
                                                            "fuse.s3fs",       "fuse.davfs",     "fuse.curlftpfs",
                                                            "fuse.gvfsd-fuse", "fuse.smbnetfs",  "fuse.cephfs"};
@@ -93,8 +93,7 @@ std::string uuid_of_btrfs(int descriptor) {
   return uuid_text(information.fsid);
 }
 
-// The name that the system's device manager gives the block device by the UUID that it found on it, which
-// every user may read.
+// The UUID by which the system's device manager names the block device. Every user may read those names.
 std::string uuid_listed_for(dev_t device) {
   const Result<Handle> list = open("/dev/disk/by-uuid", OpenAs::linked_directory);
   if (!list) {
@@ -167,13 +166,13 @@ std::string without_escapes(std::string_view text) {
 
 // A line of the kernel's table of mounts.
 struct Mount {
-  std::string path = "/";   // where it is
-  std::string below = "/";  // what of the volume is mounted there
-  std::string kind;         // of file system
-  std::string source;       // its device, where it has one
+  std::string path = "/";   // where the volume is mounted
+  std::string below = "/";  // the path within the volume that is mounted there
+  std::string kind;         // the kind of file system
+  std::string source;       // the device, for a file system that has one
 };
 
-// A mount that the process cannot name, as in a changed root, is all that the process sees.
+// Returns the line of a mount. A mount without a line, as in a changed root, is taken for all that the process sees.
 Mount read_mount(long wanted) {
   std::ifstream mounts("/proc/self/mountinfo");
   for (std::string line; std::getline(mounts, line);) {
@@ -223,7 +222,7 @@ std::optional<std::string> descriptor_path(int descriptor) {
     return std::nullopt;
   }
   path.resize(static_cast<std::size_t>(size));
-  // The path of what was removed has a remark behind it, and leads nowhere or elsewhere.
+  // The system adds a remark to the path of something that was removed, so the path leads nowhere or elsewhere.
   const auto opened = status_of(descriptor);
   const auto named = link_status_of(path);
   return opened && named && same_file(*opened, *named) ? std::optional(path) : std::nullopt;
@@ -248,7 +247,7 @@ bool is_mounted(int directory, std::uint64_t parent_device) {
       (information.stx_attributes_mask & STATX_ATTR_MOUNT_ROOT) != 0) {
     return (information.stx_attributes & STATX_ATTR_MOUNT_ROOT) != 0;
   }
-  // A kernel that does not tell: all but a part of the same volume has another device.
+  // For a kernel that does not tell: another device means a mount. A part of the same volume goes unnoticed.
   const auto status = status_of(directory);
   return !status || status->device != parent_device;
 }
@@ -285,7 +284,7 @@ std::string compared_name(std::string_view name, bool case_sensitive) {
   if (case_sensitive) {
     return std::string(name);
   }
-  // Characters that show nothing take no part in the comparison either.
+  // The comparison also ignores characters that show nothing.
   const auto decompose = static_cast<utf8proc_option_t>(UTF8PROC_STABLE | UTF8PROC_DECOMPOSE | UTF8PROC_IGNORE);
   const auto fold = static_cast<utf8proc_option_t>(decompose | UTF8PROC_CASEFOLD);
   return mapped(mapped(name, decompose), fold);

@@ -20,7 +20,7 @@ Problem posix::claim_blocks(int descriptor, std::uint64_t allocated, std::uint64
   claim.fst_offset = 0;
   claim.fst_length = wanted;
   if (const Problem problem = done([&] { return fcntl(descriptor, F_PREALLOCATE, &claim); })) {
-    // Two numbers mean the same here.
+    // Two error numbers mean the same here.
     return problem == Cause::unsupported ? problem_of(Cause::unsupported) : problem;
   }
   return claim.fst_bytesalloc < wanted ? problem_of(Cause::no_space) : Problem();

@@ -37,8 +37,8 @@ std::optional<std::string> executable_path(std::size_t limit) {
   if (limit == 0 || _NSGetExecutablePath(path.data(), &size) != 0) {
     return std::nullopt;
   }
-  // The loader gives the path by which the program was started, which may be a link or go through one: those who
-  // look at the folders above the image want to know where it really is.
+  // The loader gives the path by which the program was started, and that may lead through a link. Callers look at the
+  // folders above the image, so they need the real path.
   const std::unique_ptr<char, Release> image(realpath(path.c_str(), nullptr));
   const std::size_t length = image ? std::strlen(image.get()) : 0;
   return image && length <= limit ? std::optional(std::string(image.get(), length)) : std::nullopt;
@@ -48,7 +48,7 @@ std::string_view directory_opener() { return "/usr/bin/open"; }
 
 std::string_view program_signer() { return "/usr/bin/codesign"; }
 
-// The signal is for the whole process here: no thread could keep it off by its own mask.
+// The signal goes to the whole process here, so a thread's mask would not keep it off.
 void keep_quiet_when_reader_gone(int writer) { fcntl(writer, F_SETNOSIGPIPE, 1); }
 
 ShortcutForm shortcut_form() { return ShortcutForm::launch_document; }

@@ -101,7 +101,7 @@ std::vector<std::string> mounts_below(const std::string& path) {
   const std::string prefix = path.ends_with('/') ? path : path + '/';
   std::vector<std::string> found;
   const int count = getfsstat(nullptr, 0, MNT_NOWAIT);
-  // Room for some that come meanwhile.
+  // A few more, as volumes may be mounted meanwhile.
   std::vector<struct statfs> mounts(count > 0 ? static_cast<std::size_t>(count) + 8 : 0);
   const int filled = getfsstat(mounts.data(), static_cast<int>(mounts.size() * sizeof(struct statfs)), MNT_NOWAIT);
   for (int i = 0; i < filled; ++i) {

@@ -46,7 +46,7 @@ Result<Handle> handle_from(int descriptor) {
   return Handle(descriptor);
 }
 
-// A size that the system cannot take is too large for its volumes.
+// A size that the system's type cannot hold is also too large for its volumes.
 Result<off_t> offset_from(std::uint64_t bytes) {
   if (bytes > static_cast<std::uint64_t>(std::numeric_limits<off_t>::max())) {
     return posix::native_problem(EFBIG);
@@ -93,7 +93,7 @@ Result<Status> status_from(const struct stat& native) {
   Status status;
   status.type = type_of(native.st_mode);
   status.permissions = native.st_mode & permissions::all;
-  // A system whose type for it is signed has its bits read as unsigned.
+  // Some systems have a signed type here; its bits are taken as an unsigned number.
   status.device = static_cast<std::make_unsigned_t<decltype(native.st_dev)>>(native.st_dev);
   status.inode = native.st_ino;
   status.links = native.st_nlink;

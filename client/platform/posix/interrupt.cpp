@@ -44,7 +44,7 @@ bool install_handler(int signal, struct sigaction* previous) {
   return sigaction(signal, &action, previous) == 0;
 }
 
-// The number of an inherited descriptor, in the one form in which it may be written.
+// The number of an inherited descriptor. Only its canonical decimal form is accepted.
 int channel_descriptor(std::string_view value) {
   require(value.starts_with(channel_version), control, "Launcher interrupt channel version is invalid");
   const std::string_view text = value.substr(channel_version.size());
@@ -74,7 +74,7 @@ void protect(int descriptor) {
           control, "Cannot protect launcher interrupt reader");
 }
 
-// Keeps clear of the standard descriptors, which could be taken for the channel.
+// Moves an end of the pipe off the standard descriptors, since no child accepts one of those as the channel.
 Handle relocated(Handle end) {
   constexpr int first = STDERR_FILENO + 1;
   if (end.get() < first) {
@@ -86,7 +86,7 @@ Handle relocated(Handle end) {
   return end;
 }
 
-// Writes without a signal for a reader that is gone, in this thread.
+// Writes, and keeps the signal for a missing reader from this thread.
 bool write_quietly(int descriptor, char byte) {
   sigset_t pipe_signal;
   sigset_t before;
@@ -118,7 +118,7 @@ class ConsoleInterrupt::State {
   ~State() {
     if (!owner_) {
       if (reader_.get() == listened) {
-        // Whoever owns the scope goes on with it.
+        // The object that owns the scope still reads from it.
         static_cast<void>(reader_.release());
       }
       return;
@@ -165,7 +165,7 @@ class ConsoleInterrupt::State {
     char byte = 0;
     const ssize_t count = posix::retry_interrupted([&] { return read(reader_.get(), &byte, 1); });
     if (count == 0) {
-      // A parent that is gone has asked for nothing.
+      // The parent is gone, and has not asked to stop.
       reader_.reset();
       listened = -1;
       return false;

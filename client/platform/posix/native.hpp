@@ -20,7 +20,7 @@ Problem last_problem();
 // The status that the logic above the seam sees; a file of a negative size or a negative number of blocks has none.
 Result<Status> status_from(const struct stat& native);
 
-// The flags that open a directory only to pass through it, which needs no leave to read it, and never through a link.
+// The flags that open a directory only to pass through it, without permission to list it, and never through a link.
 int passage_flags();
 
 // Claims blocks as os::reserve does, all or nothing, for a file that has `allocated` bytes of them; its size may stay

@@ -1,4 +1,4 @@
-// The two operations of private storage that answer in the system's own way.
+// The two operations of private storage that answer with errno.
 #include "platform/file/posix_files.hpp"
 
 #include <cerrno>

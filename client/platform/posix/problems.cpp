@@ -47,7 +47,7 @@ Cause cause_of(int number) {
     case EIO:
       return Cause::input_output;
     default:
-      // On some systems this is a number of its own.
+      // On some systems ENOTSUP is another number than EOPNOTSUPP.
       return number == ENOTSUP ? Cause::unsupported : Cause::other;
   }
 }

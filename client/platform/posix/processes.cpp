@@ -69,7 +69,7 @@ ReplacementProblem replace_program(const std::string& image, std::vector<std::st
   }
   execve(image.c_str(), argument_table.data(), environment_table.data());
   const Problem problem = posix::last_problem();
-  // What was the current directory a moment ago; if it is gone, there is none to go back to.
+  // Back to the former directory. If that is gone, the process stays in this one.
   static_cast<void>(chdir(before.c_str()) == 0);
   return {false, problem};
 }

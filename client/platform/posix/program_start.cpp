@@ -24,7 +24,8 @@ bool open_standard_streams() {
 
 void go_on(int) {}
 
-// A handler, as a signal that is ignored would stay so in every program that this one becomes or starts.
+// Installs a handler instead of ignoring the signal: an ignored signal stays ignored in every program that this one
+// starts or becomes.
 bool go_on_after(int signal) {
   struct sigaction action {};
   if (sigaction(signal, nullptr, &action) != 0) {

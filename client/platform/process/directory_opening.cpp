@@ -10,7 +10,6 @@ namespace ravok {
 void open_directory(const std::filesystem::path& path) {
   const auto status = link_status_of(without_end_separator(path));
   require(status && is_directory(*status), "location_unavailable", "Local directory is unavailable");
-  // What the opener says is nothing that this program's reader waits for.
   const os::ProgramEnd end = os::run_program({std::string(os::directory_opener()), path_utf8(path)});
   require(end != os::ProgramEnd::not_prepared, "desktop_unavailable", "Cannot initialize native directory opening");
   require(end != os::ProgramEnd::not_started, "desktop_unavailable", "No native directory opener is available");

@@ -1,5 +1,5 @@
-// How a user's Ctrl+C reaches a long operation: as a request that it asks for at safe points, never as
-// an end in the middle of a commit. A parent process can forward the request through an inherited pipe.
+// Ctrl+C as a request: a long operation asks for it at safe points, so it never ends in the middle of a commit. A
+// parent process can forward the request through an inherited pipe.
 #pragma once
 
 #include <memory>
@@ -13,14 +13,15 @@ namespace ravok {
 class ConsoleInterrupt {
  public:
   // With `attach_parent`, also listens to the pipe that a parent has announced in the environment. Fails with
-  // "launcher_control" for an announcement that is wrong, and with "signal".
+  // "launcher_control" for an announcement that is wrong, and with "signal" when another object exists or the handler
+  // cannot be installed.
   explicit ConsoleInterrupt(bool attach_parent);
   ~ConsoleInterrupt();
   ConsoleInterrupt(const ConsoleInterrupt&) = delete;
   ConsoleInterrupt& operator=(const ConsoleInterrupt&) = delete;
 
   // Returns whether the user has asked to stop; once true, it stays so. Never blocks. Fails with
-  // "launcher_control" when the parent's pipe says what it must not.
+  // "launcher_control" when the parent's pipe cannot be read or sends anything but a request.
   bool requested() const;
 
   // Returns whether a parent's pipe is being listened to.
@@ -31,8 +32,8 @@ class ConsoleInterrupt {
   const std::unique_ptr<State> state_;
 };
 
-// Makes SIGTERM, and the SIGHUP of a terminal that is closed, requests of the ConsoleInterrupt that is there, for as
-// long as it lives. One of them that is ignored stays so. A program that this one starts does not inherit it.
+// Makes SIGTERM and SIGHUP requests to the present ConsoleInterrupt, for as long as the object lives. A signal that is
+// ignored stays ignored. Programs that this one starts do not inherit the handlers.
 class TerminationSignals {
  public:
   // Fails with "signal".
@@ -55,8 +56,8 @@ class InterruptPipe {
   // Returns what the child must find in its environment.
   std::string child_environment() const;
 
-  // Lets the read end survive the start of another program. Runs in the child, between fork and exec; only
-  // calls what is safe there. Returns whether that worked.
+  // Lets the read end survive the start of another program. Called in the child between fork and exec, and makes only
+  // calls that are safe there. Returns whether that worked.
   bool prepare_child();
 
   // Gives up the read end, once the child has it.

@@ -12,7 +12,7 @@ std::string_view native_platform();
 // Returns the path in a repository of the manifest of the current launcher for this platform.
 std::string launcher_manifest_target();
 
-// Whether programs for users come as bundles here: folders that users see and start as one file.
+// Whether programs for users are bundles on this platform: folders that users see and start as one file.
 bool programs_are_bundles();
 
 }  // namespace ravok

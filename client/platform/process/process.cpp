@@ -40,7 +40,7 @@ bool is_ordinary(const std::filesystem::path& path, EntryType type) {
   return path.is_absolute() && status && status->type == type;
 }
 
-// A separator after a link would lead the system through it.
+// With a separator after it, the system would follow a link.
 bool is_plain_directory(const std::filesystem::path& path) {
   return is_ordinary(without_end_separator(path), EntryType::directory);
 }

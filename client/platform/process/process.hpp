@@ -1,5 +1,5 @@
-// What enters through the process image, bounded before it is believed: arguments, environment
-// values and the program's own path; and what replaces that image, by the same rules.
+// The arguments, the environment and the program's own path, checked against bounds before they are used; and the start
+// of another program in place of this one.
 #pragma once
 
 #include <cstddef>

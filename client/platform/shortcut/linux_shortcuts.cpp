@@ -24,7 +24,7 @@ void require_linux(std::string_view message) {
   require(os::shortcut_form() == os::ShortcutForm::desktop_entry, "unsupported_platform", message);
 }
 
-// A text value of an entry: the backslash begins an escape, and blanks at the front would be lost.
+// A text value of an entry. A backslash begins an escape; blanks at the front would be lost unless they are escaped.
 std::string escaped(std::string_view text) {
   std::string value;
   for (const char c : text) {
@@ -39,8 +39,8 @@ std::string escaped(std::string_view text) {
   return value;
 }
 
-// An argument of a command line, in quotes: what a shell would read in them stands behind a backslash, and a
-// percent sign, which would begin a field code, is doubled.
+// An argument of a command line, in quotes. A backslash stands before what a shell would interpret in them. A percent
+// sign is doubled, since it would begin a field code.
 std::string in_quotes(std::string_view argument) {
   std::string text = "\"";
   for (const char c : argument) {
@@ -54,9 +54,9 @@ std::string in_quotes(std::string_view argument) {
   return text + '"';
 }
 
-// What the command line begins with: the program. Its path must not hold an equals sign by the standard, and desktops
-// look for a file of that path before they undo the doubling of a percent sign. A shell takes such a path as an
-// argument, where both may stand, and becomes that program.
+// The program, with which the command line begins. The standard allows no equals sign in its path, and desktops look
+// for the file before they undo the doubling of a percent sign. A path with one of them is therefore given as an
+// argument to a shell, which then becomes that program.
 std::string program(const std::string& bootstrap) {
   std::string quoted = in_quotes(bootstrap);
   if (bootstrap.find_first_of("%=") == std::string::npos) {
@@ -89,7 +89,7 @@ std::optional<std::filesystem::path> menu_icon(const std::filesystem::path& data
 std::filesystem::path linux_menu_directory() {
   require_linux("Application menu creation requires Linux");
   const std::optional<std::string> data_home = process_environment("XDG_DATA_HOME", maximum_environment_bytes);
-  // A relative value is to be ignored.
+  // The standard says to ignore a relative value.
   if (data_home && std::filesystem::path(*data_home).is_absolute()) {
     return std::filesystem::path(*data_home) / "applications";
   }

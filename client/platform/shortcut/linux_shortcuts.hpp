@@ -26,8 +26,9 @@ std::string linux_desktop_entry(const DesktopShortcut& shortcut);
 shortcut_rules::NewFile prove_linux_desktop_entry(const DesktopShortcut& shortcut, const std::filesystem::path& path,
                                                   shortcut_rules::Taken taken);
 
-// Writes a new entry, whose name nothing may have yet, and returns what was made. Fails as
-// prove_linux_desktop_entry and atomic_create do; then there is no new file.
+// Writes a new entry, whose name nothing may have yet, and returns the document that describes it. Fails as
+// prove_linux_desktop_entry does, and with "insufficient_space", "file_write" or "file_sync"; then there is no new
+// file.
 Json create_linux_desktop_entry(const DesktopShortcut& shortcut, const std::filesystem::path& path);
 
 }  // namespace ravok

@@ -73,7 +73,7 @@ shortcut_rules::NewFile prove_macos_launch_document(const DesktopShortcut& short
   std::string text = macos_launch_document(shortcut);
   require(path.extension() == ".ravok-launch", "shortcut_path", "macOS launch documents must end in .ravok-launch");
   shortcut_rules::NewFile file = shortcut_rules::prove_new_file(shortcut, path, std::move(text), document_words, taken);
-  // No document is to exist that nothing can open.
+  // Comes first, so that no document exists that nothing can open.
   register_macos_shortcut_handler(shortcut.bootstrap);
   return file;
 }

@@ -24,8 +24,9 @@ DesktopShortcut parse_macos_launch_document(std::string_view text);
 shortcut_rules::NewFile prove_macos_launch_document(const DesktopShortcut& shortcut, const std::filesystem::path& path,
                                                     shortcut_rules::Taken taken);
 
-// Writes a new launch document, whose name nothing may have yet, and returns what was made. Fails as
-// prove_macos_launch_document and atomic_create do; then there is no new file.
+// Writes a new launch document, whose name nothing may have yet, and returns the document that describes it. Fails as
+// prove_macos_launch_document does, and with "insufficient_space", "file_write" or "file_sync"; then there is no new
+// file.
 Json create_macos_launch_document(const DesktopShortcut& shortcut, const std::filesystem::path& path);
 
 // Registers the application beside the stable bootstrap as the one that opens launch documents. Fails with

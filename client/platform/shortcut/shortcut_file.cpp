@@ -72,7 +72,7 @@ StandAside::StandAside(const std::filesystem::path& path)
   const int folder = place_.folder_.get();
   require(!os::rename_at(folder, place_.name_.c_str(), folder, aside_.c_str()), "shortcut_path", not_replaced);
   if (!names_file(folder, aside_, *file_)) {
-    // Another file had come to the name since the look.
+    // Another file has got the name since it was read.
     come_back();
     fail("shortcut_path", not_replaced);
   }

@@ -1,5 +1,5 @@
-// A shortcut's file by its name in a folder that is held open. What is looked at, moved or removed is one and the same
-// file, in the folder that the path led to, whatever becomes of either name meanwhile.
+// A shortcut's file in an open folder. All steps use the open folder and the same file, even if the path leads
+// elsewhere later or another file gets the name.
 #pragma once
 
 #include <cstdint>
@@ -18,8 +18,8 @@ inline constexpr std::uint64_t shortcut_limit = 65'536;
 
 class ShortcutFile {
  public:
-  // Opens the folder of an absolute path level by level, through no link but the system's own. Where that fails the
-  // object has no folder, and finds nothing to read or to remove.
+  // Opens the folder of an absolute path level by level, through no link but the system's own. If that fails, the
+  // object has no folder; read then returns nothing.
   explicit ShortcutFile(const std::filesystem::path& path);
 
   bool has_folder() const { return static_cast<bool>(folder_); }
@@ -45,18 +45,18 @@ class ShortcutFile {
   Handle folder_;
 };
 
-// A shortcut's file that stands aside, under another name of its folder, while a new one takes its place. It comes
-// back unless that succeeds, but never over what others have put there meanwhile.
+// Renames a shortcut's file within its folder while a new one takes its place. The destructor gives it its name back
+// unless dismiss was called, but never replaces what others have put there meanwhile.
 class StandAside {
  public:
-  // Fails with "shortcut_path" unless the name is that of a file that ShortcutFile can read, and the file can be moved;
-  // then it keeps its place.
+  // Fails with "shortcut_path" when ShortcutFile cannot read the file or the file cannot be renamed; the file then
+  // keeps its name.
   explicit StandAside(const std::filesystem::path& path);
   ~StandAside();
   StandAside(const StandAside&) = delete;
   StandAside& operator=(const StandAside&) = delete;
 
-  // Removes the file, as the new one is in its place.
+  // Removes the old file. Called once the new one is in its place.
   void dismiss();
 
  private:

@@ -31,7 +31,7 @@ std::filesystem::path resolved(const std::filesystem::path& path) {
   try {
     return resolve_system_links(path);
   } catch (const Error&) {
-    return {};  // what cannot be resolved leads nowhere
+    return {};  // an empty path names nothing
   }
 }
 
@@ -45,8 +45,8 @@ class DataFolder {
     status_ = link_status_of(resolved(path_));
   }
 
-  // Whether the place of a file is known to lie in the folder, by its spelling or because a level above it is the
-  // folder. What lies behind a user's link is not known.
+  // Whether a file lies in the folder, by its spelling or because a directory above it is the folder. Links that a user
+  // has made are not followed, so a file behind one counts as outside.
   bool is_known_to_hold(const std::filesystem::path& file) {
     if (file == path_ || path_utf8(file).starts_with(prefix_)) {
       return true;
@@ -129,7 +129,7 @@ Rows read(const std::filesystem::path& root) {
       throw;
     }
   } catch (const Json::exception&) {
-    // As malformed as what cannot be read.
+    // Fails below, like a ledger that cannot be read.
   }
   fail("shortcut_ledger", "Shortcut list is malformed: " + path_utf8(path));
 }

@@ -25,7 +25,8 @@ inline constexpr std::size_t maximum_rows = 128;
 // Returns the path of the lock that every change of the ledger is made under.
 std::filesystem::path lock_path(const std::filesystem::path& root);
 
-// Waits for that lock, and makes its file where it is missing. Fails as FileLock does.
+// Waits for that lock, and makes its file where it is missing. Fails with "lock_failed", "permissions", "unsafe_path",
+// "size_limit" or "file_sync", as FileLock does.
 FileLock lock(const std::filesystem::path& root);
 
 // Returns the rows, none without a ledger. What a row says has been proved by the rules for a new shortcut: a path of
@@ -33,8 +34,8 @@ FileLock lock(const std::filesystem::path& root);
 // digest, and no path twice. Fails with "shortcut_ledger".
 std::vector<OwnedShortcut> read(const std::filesystem::path& root);
 
-// Replaces the rows. Fails with "size_limit" beyond 262,144 bytes, before anything is written, and as atomic_write
-// does.
+// Replaces the rows. Fails with "size_limit" beyond 262,144 bytes, before anything is written, and with
+// "insufficient_space", "file_write", "file_sync" or the failures of its private folder, as atomic_write does.
 void write(const std::filesystem::path& root, const std::vector<OwnedShortcut>& rows);
 
 }  // namespace shortcut_ledger

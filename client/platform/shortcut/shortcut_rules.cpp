@@ -18,12 +18,12 @@
 namespace ravok::shortcut_rules {
 namespace {
 
-// Whether the file is just what would be written, and nobody else's.
+// Whether the file is this user's, has no second name, and holds exactly what would be written.
 bool is_same(const OpenedFile& file, const std::string& text) {
   return is_single_link_file(file.status) && file.status.is_own && file.bytes == text;
 }
 
-// What has the name, or nothing for what a request has to preserve.
+// Returns what has the name, or nothing when the request must preserve it.
 std::optional<Found> find(const std::filesystem::path& path, const std::string& text, Taken taken) {
   if (is_missing(path)) {
     return Found::nothing;
@@ -70,7 +70,7 @@ void ordinary(const std::filesystem::path& path, bool directory) {
 }
 
 bool is_key_within(const std::string& inner, const std::string& outer) {
-  // The key of a volume's root has the separator already.
+  // The key of a volume's root already ends in a separator.
   return inner == outer || inner.starts_with(outer.ends_with('/') ? outer : outer + "/");
 }
 

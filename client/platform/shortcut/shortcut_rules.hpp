@@ -25,7 +25,7 @@ inline constexpr std::size_t maximum_name_bytes = 512;
 // The extension of this system's shortcuts, with its dot.
 std::string_view extension();
 
-// Returns for 1 to `bound` bytes of UTF-8 without control characters. Fails with "shortcut_text".
+// Accepts only 1 to `bound` bytes of UTF-8 without control characters. Fails with "shortcut_text".
 void bounded_text(std::string_view text, std::size_t bound);
 
 // Returns the path, which must be absolute, normal and a bounded text. Fails with "shortcut_text" or
@@ -35,8 +35,7 @@ std::filesystem::path absolute_path(const std::filesystem::path& path);
 // The same for a path that also names something below a file system's root.
 std::filesystem::path absolute_path_below_root(const std::filesystem::path& path);
 
-// Fails with "shortcut_path" unless the path is a regular file or, with `directory`, a directory, and no
-// link.
+// Accepts only a regular file or, with `directory`, a directory; never a link. Fails with "shortcut_path".
 void ordinary(const std::filesystem::path& path, bool directory);
 
 // Returns whether a place is a directory or lies in it, by their keys: the place's path_key and the directory's
@@ -53,7 +52,7 @@ struct FormWords {
   std::string_view destination;
 };
 
-// What a new shortcut may find under its name. Everything else there is preserved, and refuses the request.
+// What may have the name of a new shortcut already. Anything else is preserved, and the request is refused.
 enum class Taken {
   refused,   // nothing
   adopted,   // a file that is already as it would be written: a regular one of this user, with one name and these bytes
@@ -75,14 +74,15 @@ struct NewFile {
 NewFile prove_new_file(const DesktopShortcut& shortcut, const std::filesystem::path& path, std::string text,
                        const FormWords& words, Taken taken);
 
-// The same for a file that may find nothing under its name, whatever its text.
+// The same for a name that nothing may have yet; the text plays no part.
 void require_new_file(const DesktopShortcut& shortcut, const std::filesystem::path& path, const FormWords& words);
 
-// Makes the new file, durably, and returns the document that tells of it. Fails as atomic_create does, and then
-// leaves no file of its own; one that others have made under that name meanwhile is not touched.
+// Makes the new file, durably, and returns the document that describes it. Fails with "unsafe_path", "file_write" also
+// when something has the name by then, "insufficient_space" or "file_sync". After a failure there is no file of its
+// own; one that others have made under that name meanwhile is not touched.
 Json create_file(const DesktopShortcut& shortcut, const std::filesystem::path& path, const std::string& text);
 
-// Fails with "shortcut_bootstrap" unless the bootstrap is the stable one of an installation.
+// Accepts only the stable bootstrap of an installation. Fails with "shortcut_bootstrap".
 void require_stable_bootstrap(const std::filesystem::path& bootstrap, std::string_view system);
 
 }  // namespace shortcut_rules

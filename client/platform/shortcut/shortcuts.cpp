@@ -51,7 +51,7 @@ std::filesystem::path launch_document_directory() {
   return std::filesystem::path(*home) / "Desktop";
 }
 
-// Makes the folder of the default shortcuts where it is missing; any other must be there, and reached without a link.
+// Makes a missing folder of the default shortcuts. Any other must exist and be reached without a link.
 void provide_folder(const std::filesystem::path& folder) {
   if (is_missing(folder)) {
     require(folder == native_menu_directory(), "shortcut_path",
@@ -69,7 +69,7 @@ NewFile prove_native_shortcut(const DesktopShortcut& shortcut, const std::filesy
                                                                 : prove_macos_launch_document(shortcut, target, taken);
 }
 
-// Makes the file, unless it is already there, and replaces another where that was allowed.
+// Makes the file unless it is already there. Replaces another one where that was allowed.
 void put_in_place(const DesktopShortcut& shortcut, const NewFile& file) {
   if (file.found == Found::same) {
     return;
@@ -92,12 +92,12 @@ void write_if_possible(const std::filesystem::path& root, const Rows& rows) {
   try {
     shortcut_ledger::write(root, rows);
   } catch (const Error&) {
-    // The former failure is the one to report; the row that stays is made good by the next creation.
+    // The caller reports the earlier failure. The next creation makes the file of the row that stays.
   }
 }
 
-// Puts a file in its place with a ledger that already names it, so that no file is ever there that the ledger does not
-// know, wherever the process ends. A row whose file is not there yet is made good by the next making or restoring.
+// Writes the ledger before the file, so that the ledger names every file even if the process ends in between. The next
+// creation or restoring makes the file of a row that has none.
 void put_recorded(const std::filesystem::path& root, const Rows& before, const Rows& after,
                   const DesktopShortcut& shortcut, const NewFile& file) {
   try {
@@ -113,9 +113,9 @@ void require_outside(const std::filesystem::path& target, const std::filesystem:
   require(!shortcut_rules::lies_within(target, root), "shortcut_path", "Shortcuts must be outside the data folder");
 }
 
-// A request that is refused is to leave no lock file behind, so its place is proved ahead of the lock. Whoever holds
-// the lock may make or remove that very file meanwhile, which the key of its path then refuses; only the look under the
-// lock counts in that case.
+// Checks the place before it takes the lock, so that a refused request leaves no lock file behind. Whoever holds the
+// lock may make or remove the file during that check, which makes it fail with "unsafe_path". It is then repeated under
+// the lock.
 FileLock lock_for(const std::filesystem::path& target, const std::filesystem::path& root) {
   bool needs_another_look = false;
   try {
@@ -133,7 +133,7 @@ FileLock lock_for(const std::filesystem::path& target, const std::filesystem::pa
   return lock;
 }
 
-// Whether the file is the one that was made. What is missing, or can no longer be read, is not.
+// Whether the file is the one that was made. False for a file that is missing or cannot be read.
 bool is_unchanged(const std::optional<OpenedFile>& file, const OwnedShortcut& row) {
   return file && digest(file->bytes, "sha256") == row.sha256;
 }
@@ -163,7 +163,7 @@ class Remover {
   void remove(const OwnedShortcut& row) {
     ShortcutFile place(row.path);
     if (is_missing(row.path)) {
-      // Perhaps removed by a run that was ended before it could flush.
+      // An earlier run may have removed it and ended before the flush.
       if (place.has_folder()) {
         keep_folder(std::move(place));
       }
@@ -230,7 +230,7 @@ Json create_owned_native_shortcut(const DesktopShortcut& shortcut, const std::fi
   require_complete_native_install(root);
   const std::filesystem::path target = shortcut_rules::absolute_path(path);
   const FileLock lock = lock_for(target, root);
-  // An uninstall may have begun, and released its shortcuts, while this call waited.
+  // Checked again: an uninstall may have begun and released its shortcuts while this call waited.
   require_complete_native_install(root);
   const Rows before = shortcut_ledger::read(root);
   Rows rows = before;
@@ -280,7 +280,7 @@ ShortcutRemoval release_owned_native_shortcuts(const std::filesystem::path& data
     removal.flush();
     shortcut_ledger::write(data_root, removal.kept());
   } catch (const Error&) {
-    // The rows that stay name nothing any more, or what a power cut has brought back; the next release takes them.
+    // The rows that stay name files that are gone, or that a power cut has brought back. The next release drops them.
   }
   return removal.told();
 }

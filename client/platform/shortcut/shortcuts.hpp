@@ -36,8 +36,10 @@ std::filesystem::path native_menu_directory();
 std::filesystem::path native_menu_entry(const std::filesystem::path& data_root, const std::string& game,
                                         const std::string& name);
 
-// Makes a shortcut's file and records nothing. Its folder must exist without a link on the way, unless it is
-// the default one, which is made. Fails with "shortcut_path" and as the form of this system does.
+// Makes a shortcut's file and records nothing. Its folder must exist and be reached without a link; only the default
+// one is made. Fails with "shortcut_path", "shortcut_bootstrap", "shortcut_text", "already_exists",
+// "insufficient_space", "file_write" or "file_sync", and on macOS with "shortcut_api" when the application cannot be
+// registered.
 void create_native_shortcut(const DesktopShortcut& shortcut, const std::filesystem::path& path);
 
 // Makes a shortcut outside the data folder and records it, and returns a document with "created", whether a file was
@@ -53,21 +55,21 @@ Json create_owned_native_shortcut(const DesktopShortcut& shortcut, const std::fi
 // Returns the rows of the ledger, proved by the rules for a new shortcut. Fails with "shortcut_ledger".
 std::vector<OwnedShortcut> owned_native_shortcuts(const std::filesystem::path& data_root);
 
-// Removes the recorded shortcuts that nobody has changed, and empties the ledger. Nothing is to remove without a folder
-// "native". One that cannot be removed does not keep the others, but the call then fails with "file_remove". Fails
-// also with "shortcut_ledger", "file_sync", and as the lock and the writing do. After a failure the ledger is as it
-// was; the rows of what was removed are dropped by the next call.
+// Removes the recorded shortcuts that nobody has changed, and empties the ledger. Does nothing without a folder
+// "native". When one cannot be removed, the others still are, and the call then fails with "file_remove". Fails also
+// with "shortcut_ledger", "file_sync", "lock_failed", "permissions", "insufficient_space" or "file_write". After a
+// failure the ledger is as it was; the next call drops the rows of files that this one has removed.
 ShortcutRemoval remove_owned_native_shortcuts(const std::filesystem::path& data_root);
 
-// The same for an uninstall, which goes on whatever happens to a shortcut: one that cannot be removed is told of under
-// "changed", and alone stays in the ledger, so that a repeated uninstall tries it and tells of it again. A removal that
-// cannot be flushed, or a ledger that cannot be written, is no failure: the ledger then stays as it was. Fails, before
-// anything is removed, with "shortcut_ledger" for a ledger that cannot be understood, when it is not known which files
-// are the client's own, and as the lock does.
+// The same for an uninstall, which goes on after a shortcut that cannot be removed. That one is returned under
+// "changed" and alone stays in the ledger, so that a repeated uninstall tries it again. When a removal cannot be
+// flushed or the ledger cannot be written, that is no failure, and the ledger stays as it was. Fails before anything is
+// removed: with "shortcut_ledger" for a ledger that cannot be understood, since it is then not known which files are
+// the client's own, and with "lock_failed" or "permissions".
 ShortcutRemoval release_owned_native_shortcuts(const std::filesystem::path& data_root);
 
-// Makes the recorded shortcuts again that are missing, and returns their paths. Those made before a failure are
-// recorded as they are now. Fails as create_native_shortcut does and with "shortcut_ledger".
+// Makes the recorded shortcuts again that are missing, and returns their paths. The ledger then has the new digests of
+// all that were made, also after a failure. Fails as create_native_shortcut does and with "shortcut_ledger".
 std::vector<std::filesystem::path> restore_owned_native_shortcuts(const std::filesystem::path& data_root,
                                                                   const std::filesystem::path& bootstrap);
 

@@ -32,7 +32,7 @@ BoundedZstd::BoundedZstd(const std::filesystem::path& path, std::uint64_t limit)
 
 BoundedZstd::~BoundedZstd() = default;
 
-// The buffer is filled as far as the file goes, so that a short one is the last.
+// Fills the buffer. One that is not full holds the end of the file.
 void BoundedZstd::fill() {
   input_position_ = 0;
   input_size_ = 0;

@@ -17,7 +17,7 @@ struct ZSTD_DCtx_s;
 
 namespace ravok {
 
-// Allocates nothing while it decodes. Large: for one allocation of its own, not for the stack.
+// Allocates nothing while it decodes. An object is too large for the stack, so it should be allocated.
 class BoundedZstd {
  public:
   // Hands out at most `limit` decoded bytes. Fails with "archive" when the file cannot be opened or
@@ -36,11 +36,12 @@ class BoundedZstd {
   // What the last read decoded.
   const std::uint8_t* output() const { return output_.data(); }
 
-  // Reads to the end of the frame. Fails as require_no_error does, and then as read does.
+  // Reads to the end of the frame. Fails with what a callback has kept, otherwise with "archive" or "size_limit" as
+  // read does.
   void finish();
 
-  // Fails when a callback has kept a failure: with "archive" and its message for one of the system's own, and with
-  // the same exception for any other, such as a lack of memory.
+  // Fails when a callback has kept a failure. For an Error the code is "archive", with its message; any other
+  // exception, such as a lack of memory, is thrown again.
   void require_no_error() const;
 
   // The tar reader's way to read; `self` is a BoundedZstd. A failure of any kind is kept, as it must not cross the

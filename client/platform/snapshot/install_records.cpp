@@ -23,6 +23,7 @@ namespace ravok {
 namespace {
 
 constexpr std::size_t maximum_document_bytes = 16'384;
+
 // What differs between the two records.
 struct Kind {
   std::string_view code;
@@ -80,7 +81,7 @@ void validate_install_document(const Json& document, const Kind& kind) {
                    [&] { require_install_document(document, kind); });
 }
 
-// Whether a validated record is of this manifest, and the build of this platform.
+// Whether a validated record belongs to this manifest, and the build to this platform.
 bool binds_manifest(const Json& document, const GameManifest& manifest) {
   const Json& reference = document.at("reference");
   return digest(manifest.raw.dump(), "sha256") == text_at(reference, "manifest_ref") &&
@@ -95,15 +96,15 @@ std::filesystem::path build_folder(const Json& document) {
   return path_from_utf8(text_at(document, "versions_path")) / text_at(document.at("reference"), "version");
 }
 
-// Whether a record is of this operation: its build's folder is the destination, and the staging
-// directory another.
+// Whether a record belongs to this operation: its build's folder is the destination and not the
+// staging directory.
 bool binds_places(const Json& document, const std::filesystem::path& staging,
                   const std::filesystem::path& destination) {
   return normal_form(destination) == build_folder(document) && normal_form(staging) != build_folder(document);
 }
 
-// Fails with "allocation_changed", with the first message for another volume and the second for another
-// directory.
+// Fails with "allocation_changed": with the first message when the root lies on another volume than the
+// recorded directory, with the second when it is another directory.
 void require_recorded_root(const std::filesystem::path& root, const DirectoryIdentity& identity,
                            std::string_view other_volume, std::string_view other_directory) {
   const auto status = link_status_of(root);
@@ -119,7 +120,7 @@ bool is_manifest_file(const SnapshotManifest& manifest, const TreeEntry& entry) 
          status->size <= expected->second.length;
 }
 
-// Proves that the tree holds nothing but what the manifest allows, so that it may be removed whole.
+// Accepts only a tree that holds nothing but what the manifest names, so that it may be removed whole.
 void require_manifest_tree(const SnapshotManifest& manifest, const std::filesystem::path& root,
                            const DirectoryIdentity& identity) {
   const std::set<std::string_view> directories = manifest.directories(maximum_tree_entries);

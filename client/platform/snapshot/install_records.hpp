@@ -1,6 +1,6 @@
 // The two records of a game's installation: a preparation binds a staging directory to a build while
-// work is under way, and a readiness record says that its tree is complete and may be activated. What
-// is cleaned up is only what they bind; a root that is not the one recorded is preserved.
+// work is under way, and a readiness record says that its tree is complete and may be activated. Only the directory
+// that a record binds is ever removed; any other is preserved.
 //
 // A build's folder is its versions folder joined with the reference's version.
 #pragma once
@@ -14,9 +14,9 @@
 
 namespace ravok {
 
-// Return when the document is a preparation, or a readiness record, of at most 16,384 bytes. Fail with
-// "install_preparation_state" or "install_ready_state", "unsupported_schema", "size_limit", and as the
-// rules for identifiers and paths do.
+// Accept only a preparation, or a readiness record, of at most 16,384 bytes. Fail with "install_preparation_state" or
+// "install_ready_state", "unsupported_schema", "size_limit", and for identifiers and paths with "invalid_identity" or
+// "unsafe_path".
 void validate_install_preparation(const Json& document);
 void validate_install_ready(const Json& document);
 
@@ -40,8 +40,9 @@ Json make_install_ready(const GameManifest& manifest, const Json& preparation, c
 // Removes the staging directory that a preparation binds, when it holds nothing but files of the
 // manifest; a missing one is fine. `destination` is the build's folder, which must not exist.
 // Fails with "install_preparation_state", "allocation_changed" for what is not the directory recorded,
-// "unexpected_file" for what the manifest does not name, "size_limit", and as remove_plain_tree does.
-// Nothing is removed then, but by a removal that failed half-way, which a later call continues.
+// "unexpected_file" for what the manifest does not name, "size_limit", "unsafe_path" or "tree_read"; nothing is
+// removed then. A removal that fails half-way ends with "file_sync" or std::filesystem::filesystem_error, and a later
+// call continues it.
 void cleanup_prepared_install(const GameManifest& manifest, const Json& preparation,
                               const std::filesystem::path& staging, const std::filesystem::path& destination);
 

@@ -53,7 +53,7 @@ ReservedTree::ReservedTree(const SnapshotManifest& manifest, const std::filesyst
   const std::filesystem::path parent = root_.parent_path();
   const auto status = link_status_of(parent);
   require(status && is_directory(*status), "unsafe_path", "Allocation requires an ordinary parent directory");
-  // All that removing the tree takes is at hand before it is made: where memory has run out, it still goes.
+  // Made before the tree, so that its removal needs no memory.
   const std::vector<std::filesystem::path> directories = directories_below(root_, manifest);
   private_directory_new(root_);
   identity_ = inspect_storage_directory(root_);
@@ -88,7 +88,7 @@ void ReservedTree::reserve_files(const SnapshotManifest& manifest, const Progres
     const std::filesystem::path output = safe_join(root_, path, true);
     private_directory(output.parent_path());
     requested_bytes_ = storage_add(requested_bytes_, file.length);
-    // Its place in the inventory first: a file that exists must not go unrecorded.
+    // The inventory gets its place before the file is made, so that no file exists without one.
     FileReservation& reservation = files_.emplace_hint(files_.end(), path, FileReservation())->second;
     reservation = AllocatedFile(output, file.length, nullptr).retain_reservation();
     if (reservation.allocated) {
@@ -97,7 +97,7 @@ void ReservedTree::reserve_files(const SnapshotManifest& manifest, const Progres
   }
 }
 
-// What cannot be proved ours stays; its owner's record binds it.
+// Stops at the first file that is not the one reserved. What stays is bound by the caller's record.
 void ReservedTree::remove_reserved(const std::vector<std::filesystem::path>& directories,
                                    const std::filesystem::path& parent) const noexcept {
   const auto found = link_status_of(root_);
@@ -106,7 +106,7 @@ void ReservedTree::remove_reserved(const std::vector<std::filesystem::path>& dir
   }
   for (const auto& [name, reservation] : files_) {
     if (reservation.path.empty()) {
-      continue;  // Its making failed.
+      continue;  // the file could not be made
     }
     const auto file = link_status_of(reservation.path);
     if (!file || !is_reserved(*file, reservation)) {

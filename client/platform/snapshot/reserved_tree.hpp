@@ -25,12 +25,12 @@ class ReservedTree {
   using Recorder = std::function<void(const DirectoryIdentity&)>;
 
   // Makes `root`, which must not exist yet in an ordinary directory, with a reserved file for every
-  // file of the manifest. A separator at the end of `root` means nothing. `progress`, which may be empty, is told
-  // before each file of the bytes reserved; `recorder` may be empty. Where this fails after the root is made, what
-  // was reserved is removed again as far as it is provably ours; a failure of the making of the root itself may
-  // leave it, empty and unrecorded.
-  // Fails with "staging_exists", "allocation_changed", "cancelled", and as safe_join, private_directory,
-  // private_directory_new, AllocatedFile and sync_directory do.
+  // file of the manifest. A separator at the end of `root` is ignored. `progress`, which may be empty, is told
+  // before each file of the bytes reserved; `recorder` may be empty. When this fails after the root is made, it
+  // removes again what it can prove to have reserved. A failure while the root itself is made may leave an empty
+  // root that is not recorded.
+  // Fails with "staging_exists", "allocation_changed", "cancelled", "insufficient_space" without room,
+  // "space_reservation", "unsafe_path", "permissions", "size_limit", "native_install_commit" and "file_sync".
   ReservedTree(const SnapshotManifest& manifest, const std::filesystem::path& root, const ProgressCallback& progress,
                const Recorder& recorder);
 
@@ -38,9 +38,9 @@ class ReservedTree {
   // other path or length.
   const FileReservation& file(std::string_view path, std::uint64_t length) const;
 
-  // Proves that this is the tree of that manifest at that place, named as it was at the making but for a separator
-  // at its end and for what makes it absolute. Fails with "allocation_changed" and as inspect_storage_directory
-  // does.
+  // Accepts only the manifest and the root that this tree was made with. The root is compared by its absolute path; a
+  // separator at its end is ignored. Fails with "allocation_changed", and with "unsafe_path" when the root is no
+  // directory any more.
   void validate(const SnapshotManifest& manifest, const std::filesystem::path& root) const;
 
   // Returns an object of `requested_bytes`, `reserved_bytes`, `file_count` and `data_reserved`, which

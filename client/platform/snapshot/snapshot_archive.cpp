@@ -30,7 +30,7 @@
 namespace ravok {
 namespace {
 
-// What the headers and the padding of one file, and the end of the archive, may take beyond content.
+// The most bytes for the headers and the padding of one file, and for the end of the archive.
 constexpr std::uint64_t member_overhead_bytes = 8192;
 constexpr std::uint64_t end_overhead_bytes = 10'240;
 
@@ -68,8 +68,8 @@ std::uint64_t decoded_limit(const SnapshotManifest& manifest) {
 Reader open_reader(BoundedZstd& decoder) {
   Reader reader(archive_read_new());
   require(reader != nullptr, "archive", "Cannot allocate archive decoder");
-  // With the option off, no name stands for the metadata of another. The steps of opening are taken one by one, as
-  // archive_read_open goes on without the memory for its data.
+  // The option would make the reader take some names for another file's metadata. The steps of opening are taken one by
+  // one, because archive_read_open does not report a lack of memory for its data.
   const bool opened = archive_read_support_filter_none(reader.get()) == ARCHIVE_OK &&
                       archive_read_support_format_tar(reader.get()) == ARCHIVE_OK &&
                       archive_read_set_format_option(reader.get(), "tar", "mac-ext", nullptr) == ARCHIVE_OK &&
@@ -83,7 +83,7 @@ Reader open_reader(BoundedZstd& decoder) {
   return reader;
 }
 
-// The entry's path; what is marked as a directory by its end alone is left to the test of types.
+// Returns the entry's path, without the separator that ends a directory's. require_ordinary refuses directories later.
 std::string entry_path(archive_entry* entry) {
   const char* const text = archive_entry_pathname_utf8(entry);
   require(text != nullptr, "archive_path", "Archive path is not valid UTF-8");
@@ -114,7 +114,7 @@ std::unique_ptr<AllocatedFile> open_output(const std::filesystem::path& output, 
     return std::make_unique<AllocatedFile>(output, length, nullptr);
   }
   const FileReservation& reservation = reserved->file(path, length);
-  // Without blocks to tell it by, a file that an earlier attempt wrote to is as good as an empty one.
+  // Without claimed blocks, an earlier attempt may have left a file of any size, so it is resumed at its first byte.
   return reservation.allocated ? std::make_unique<AllocatedFile>(reservation)
                                : std::make_unique<AllocatedFile>(reservation, 0);
 }
@@ -128,7 +128,7 @@ class Extraction {
   // Unpacks every entry. Fails with "archive" when the archive does not end as it should.
   void unpack(BoundedZstd& decoder) {
     const Reader reader = open_reader(decoder);
-    // An entry of our own: the reader goes on without the memory for its own.
+    // Made here, because the reader does not report a lack of memory for an entry of its own.
     const Entry entry(archive_entry_new2(reader.get()));
     require(entry != nullptr, "archive", "Cannot allocate archive decoder");
     int answer = ARCHIVE_OK;
@@ -180,7 +180,7 @@ class Extraction {
     return static_cast<std::size_t>(count);
   }
 
-  // What the disk holds is read back.
+  // Reads back what was written.
   std::string digest(const std::filesystem::path& path) const { return digest_file(path, "sha256"); }
 
   const SnapshotManifest& manifest_;

@@ -25,8 +25,8 @@ std::vector<std::string_view> deepest_first(const std::set<std::string_view>& di
   return sorted;
 }
 
-// A snapshot's tree of which the files are taken away that its manifest names. Everything happens in
-// directories that are held open, whatever becomes of their paths.
+// The retirement of one snapshot. Everything happens in open directories, even if their paths lead elsewhere
+// later.
 class Retirement {
  public:
   Retirement(const std::filesystem::path& root, Handle directory)
@@ -44,14 +44,14 @@ class Retirement {
       return;
     }
     if (!is_file(*status)) {
-      // The joining names a link as what it is.
+      // For a link, this fails with a message of its own.
       safe_join(root_, path, true);
       fail("unsafe_path", "Changed managed paths were preserved");
     }
     require(!os::remove_at(*parent, name), "file_remove", "Cannot remove a declared managed file");
   }
 
-  // Removes a directory that holds nothing any more, and flushes one that still holds something.
+  // Removes an empty directory; flushes any other.
   void remove_directory(const std::string& path) {
     const std::optional<int> parent = find_parent(path);
     if (!parent) {
@@ -70,8 +70,7 @@ class Retirement {
     }
   }
 
-  // Removes the root where it holds nothing any more, and flushes what is left: it, or the directory that
-  // held it.
+  // Removes an empty root and flushes the directory above; flushes a root that still holds something.
   void finish() {
     flush(paths_.open(".", os::OpenAs::directory));
     const auto named = link_status_of(root_);
@@ -104,8 +103,6 @@ class Retirement {
             "Changed managed paths were preserved");
     return std::nullopt;
   }
-
-  static bool is_not_empty(const Problem& problem) { return problem == Cause::not_empty || problem == Cause::exists; }
 
   static void flush(const Result<Handle>& directory) {
     require_handles(directory.problem());

@@ -1,5 +1,5 @@
-// Taking away the files of a snapshot that is no longer wanted: only what its manifest names is removed, and what was
-// changed, linked or added by others is preserved.
+// Removing the files of a snapshot that is no longer wanted. Only what its manifest names is removed; what others have
+// changed, linked or added is preserved.
 #pragma once
 
 #include <filesystem>

@@ -21,8 +21,8 @@ Handle open_content_root(const std::filesystem::path& root) {
   return *std::move(directory);
 }
 
-// Visits every file and every entry that is neither file nor directory, in a tree of bounded size
-// without links whose names could all be managed.
+// Visits all entries of a tree but its directories. Fails beyond the bound of entries, for a link, and for a name that
+// no managed file can have.
 template <typename Visit>
 void walk_contents(const SnapshotManifest& manifest, Handle directory, Visit visit) {
   std::size_t entries = 0;
@@ -31,7 +31,7 @@ void walk_contents(const SnapshotManifest& manifest, Handle directory, Visit vis
     require(++entries <= maximum_tree_entries, "size_limit", "Game directory entry count exceeds bounds");
     require(entry.type != EntryType::link, "unsafe_path", "Game tree contains a symbolic link");
     path = entry.path;
-    // The manifest's own paths have passed the rules.
+    // The manifest's parser has already checked its own paths.
     const bool managed = entry.type == EntryType::file && manifest.files.contains(path);
     if (!managed) {
       validate_relative_path(path, false);
@@ -50,7 +50,7 @@ class FileInspector {
   FileInspector(const std::filesystem::path& root, std::uint64_t total, const ProgressCallback& progress)
       : root_(root), files_(open_content_root(root)), total_(total), progress_(progress) {}
 
-  // Tells of a file whether it is what the manifest says. Fails with "unsafe_path" for a link on the
+  // Compares a file with what the manifest says of it. Fails with "unsafe_path" for a link on the
   // way, "file_read" when it cannot be read, and "cancelled".
   Condition inspect(const std::string& path, const SnapshotFile& expected) {
     done_ += std::exchange(current_, expected.length);
@@ -85,7 +85,7 @@ class FileInspector {
         return true;
       });
     } catch (const Error& error) {
-      // It grew meanwhile, and no digest is that of such a file.
+      // The file grew while it was read. No digest equals the empty text, so it counts as different.
       if (error.code == "content_mismatch") {
         return {};
       }
@@ -93,12 +93,12 @@ class FileInspector {
     }
   }
 
-  // Returns for a file that is not there; fails for a link on the way, and for what keeps this user
-  // from reading the file.
+  // Accepts a file that is missing. Fails when there is a link on the way, and when the file is there but cannot be
+  // opened.
   void explain_missing(const std::string& path, const Problem& problem) const {
     require_handles(problem);
     const std::filesystem::path file = safe_join(root_, path, true);
-    // The last two are what systems say of a socket.
+    // Systems answer with one of the last two for a socket.
     require(problem == Cause::missing || problem == Cause::not_a_directory || problem == Cause::not_a_file ||
                 problem == Cause::unsupported,
             "file_read", "Could not open file for verification: " + path_utf8(file));
@@ -107,8 +107,8 @@ class FileInspector {
   const std::filesystem::path& root_;
   TreePaths files_;
   FileDigester digester_{"sha256"};
-  std::uint64_t done_ = 0;     // of the files before
-  std::uint64_t current_ = 0;  // the length of the file that is inspected
+  std::uint64_t done_ = 0;     // bytes of the files before the current one
+  std::uint64_t current_ = 0;  // bytes of the current file
   std::uint64_t total_;
   const ProgressCallback& progress_;
 };
@@ -157,7 +157,7 @@ DamagedFiles damaged_snapshot_files(const SnapshotManifest& manifest, const std:
         add(path);
       }
     } catch (const Error& error) {
-      // What cannot be read cannot be proved whole.
+      // A file that cannot be read counts as damaged.
       if (error.code != "file_read") {
         throw;
       }

@@ -1,5 +1,5 @@
-// What a volume or another process does to an allocated file at its worst moment. The linker leads
-// the system calls through the wrappers below, which a test fails or puts something before.
+// Allocated files whose system calls fail, or are preceded by what another process does. The linker leads
+// the calls through the wrappers below, which a test sets.
 
 #include <cerrno>
 #include <cstdint>
@@ -24,7 +24,7 @@
 
 namespace {
 
-// Gives the answer in the place of the system, or nothing to let the system answer.
+// Returns the answer to give in place of the system's, or nothing to let the system answer.
 using Answer = std::function<std::optional<ssize_t>()>;
 
 struct Hook {
@@ -37,7 +37,7 @@ std::function<void(struct stat&)> change_status;
 std::optional<ssize_t> hooked(std::string_view call) {
   for (Hook& hook : hooks) {
     if (hook.call == call && hook.answer) {
-      // What the answer itself calls goes to the system.
+      // Calls made by the answer itself go to the system.
       const Answer answer = std::exchange(hook.answer, nullptr);
       const std::optional<ssize_t> result = answer();
       hook.answer = answer;
@@ -106,7 +106,7 @@ int __wrap_unlinkat(int directory, const char* path, int flags) {
   return through<int>("unlink", [&] { return __real_unlinkat(directory, path, flags); });
 }
 
-// The number of bytes that one call writes at most; 0 for no limit.
+// The most bytes that one call writes; 0 for no limit.
 std::size_t write_limit = 0;
 std::vector<std::size_t> write_requests;
 
@@ -136,7 +136,7 @@ class AllocatedFileFault : public ::testing::Test {
  protected:
   ~AllocatedFileFault() override { heal(); }
 
-  // From here on the system answers everything as it is.
+  // From here on the system answers every call.
   static void heal() {
     hooks.clear();
     change_status = nullptr;
@@ -153,7 +153,7 @@ class AllocatedFileFault : public ::testing::Test {
     });
   }
 
-  // Does something before a call, the first time that it comes.
+  // Does something just before the first call of that name.
   static void before(std::string_view call, std::function<void()> work) {
     answer(call, [work = std::move(work), done = false]() mutable -> std::optional<ssize_t> {
       if (!std::exchange(done, true)) {
@@ -163,7 +163,7 @@ class AllocatedFileFault : public ::testing::Test {
     });
   }
 
-  // Interrupts a call the first time.
+  // Interrupts the first call of that name.
   static void interrupt(std::string_view call) {
     answer(call, [done = false]() mutable -> std::optional<ssize_t> {
       if (std::exchange(done, true)) {
@@ -283,7 +283,7 @@ TEST_F(AllocatedFileFault, LeavesANewFileThatCannotBeMadePrivateBecauseItIsNotPr
 }
 
 TEST_F(AllocatedFileFault, MustBeginEmpty) {
-  // The first look is that of the making private, the last of it the third.
+  // The first three looks belong to making the file private.
   answer("fstat", [this, looks = 0]() mutable -> std::optional<ssize_t> {
     if (++looks == 3) {
       root.write("file", "early");
@@ -566,7 +566,7 @@ TEST_F(AllocatedFileFault, IsNotUsedWhenReplacedWhileItsModeIsSet) {
 
 // --- Real volumes --------------------------------------------------------------------------
 
-// A volume that only this process sees, or nothing where it may not have one.
+// A volume that only this process sees, or nothing where the process may not mount one.
 class MountedVolume {
  public:
   MountedVolume(const std::filesystem::path& place, const char* kind, const char* options) {

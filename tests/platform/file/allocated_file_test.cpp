@@ -52,7 +52,7 @@ class AllocatedFileTest : public ::testing::Test {
   const TemporaryRoot root;
   const std::filesystem::path path = root / "file";
 
-  // Puts a foreign file where ours is, which goes elsewhere and keeps its inode.
+  // Moves our file away, so that it keeps its inode, and puts a foreign one in its place.
   void replace() const {
     std::filesystem::rename(path, root / "moved");
     write_foreign();
@@ -63,7 +63,7 @@ class AllocatedFileTest : public ::testing::Test {
   // Makes a file of `length` bytes on the disk and returns its reservation.
   FileReservation reserve(std::uint64_t length) const { return AllocatedFile(path, length, {}).retain_reservation(); }
 
-  // The same with content that is recorded as received; the file has the size of its length.
+  // The same, with content written to it.
   FileReservation reserve_with(std::uint64_t length, std::string_view content) const {
     const FileReservation reservation = reserve(length);
     AllocatedFile(reservation).write(content);
@@ -113,6 +113,15 @@ TEST_F(AllocatedFileTest, TellsOfANewFileBeforeItsBlocksAreClaimed) {
   FileReservation expected = file.reservation();
   expected.allocated = false;
   EXPECT_EQ(told, std::vector{expected});
+}
+
+TEST_F(AllocatedFileTest, IsNotReopenedWithWhatWasToldBeforeItsBlocksWereClaimed) {
+  FileReservation told;
+  AllocatedFile file(path, 100'000, [&](const FileReservation& reservation) { told = reservation; });
+  const FileReservation made = file.retain_reservation();
+  AllocatedFile::verify_identity(told);
+  EXPECT_FAILURE(AllocatedFile{told}, "allocation_changed", preserved);
+  EXPECT_EQ(AllocatedFile(made).reservation(), made);
 }
 
 TEST_F(AllocatedFileTest, IsGoneWhenItsOwnershipCannotBeRecorded) {
@@ -632,7 +641,7 @@ TEST_P(ChangedOpenFile, IsNotUsedWhenOpenedToOthers) {
   EXPECT_EQ(root.names(), Names{});
 }
 
-// What lies behind a prefix does not matter to its reader.
+// Bytes after the prefix do not matter to its reader.
 class GrownFile : public ChangedFile {};
 
 INSTANTIATE_TEST_SUITE_P(EveryStep, GrownFile, ::testing::Values<std::size_t>(0, 1, 2, 3), step_name);

@@ -221,6 +221,20 @@ TEST_F(CommitPrivatePathNew, RefusesASourceThatIsNotPrivate) {
   EXPECT_EQ(root_.names(), (std::vector<std::string>{"directory/", "file"}));
 }
 
+TEST_F(CommitPrivatePathNew, LooksAtNoSetIdOrStickyBitAndKeepsThem) {
+  for (const mode_t bits : {01000u, 02000u, 04000u}) {
+    commit_private_path_new(directory("source", bits | 0700), root_ / "place", {});
+    EXPECT_EQ(link_status_of(root_ / "place")->permissions, bits | 0700) << std::oct << bits;
+    std::filesystem::remove(root_ / "place");
+    commit_private_path_new(file("source", "x", bits | 0600), root_ / "place", {});
+    EXPECT_EQ(link_status_of(root_ / "place")->permissions, bits | 0600) << std::oct << bits;
+    std::filesystem::remove(root_ / "place");
+  }
+  const Path source = directory("source");
+  EXPECT_NO_THROW(
+      commit_private_path_new(source, root_ / "place", [&] { ASSERT_EQ(chmod(source.c_str(), 01700), 0); }));
+}
+
 TEST_F(CommitPrivatePathNew, RefusesASourceWithASecondHardLink) {
   file("source", "x");
   std::filesystem::create_hard_link(root_ / "source", root_ / "second");
@@ -383,7 +397,8 @@ class ExchangePrivateDirectories : public CommitTest {
     EXPECT_EQ(root_.read("right/b/token"), "B");
   }
 
-  // Fails as told when the hook does `change`, and exchanges nothing; `undo` sets it right.
+  // Expects that the exchange fails with this message when the hook does `change`, and exchanges nothing. `undo` then
+  // reverts the change.
   void expect_refusal_after(const std::function<void()>& change, const std::function<void()>& undo) {
     EXPECT_FAILURE(exchange_private_directories(a_, b_, change), "native_install_commit", identities_changed);
     undo();
@@ -451,7 +466,7 @@ TEST_F(ExchangePrivateDirectories, RefusesARootAboveWhichALinkTakesThePlaceOfThe
 
 TEST_F(ExchangePrivateDirectories, RefusesRootsAndParentsThatAreNotPrivate) {
   for (const char* name : {"left", "left/a", "right", "right/b"}) {
-    for (const mode_t mode : {0755u, 0710u, 01700u}) {
+    for (const mode_t mode : {0755u, 0710u, 01700u, 02700u, 04700u}) {
       directory(name, mode);
       EXPECT_FAILURE(exchange_private_directories(a_, b_, {}), "native_install_commit", exchange_not_private)
           << name << std::oct << mode;

@@ -1,5 +1,5 @@
-// What an exchange does when its own system calls fail, or when the world changes around them. The
-// linker hands those calls to the functions below first.
+// An exchange whose system calls fail, or whose directories others change meanwhile. The linker leads those calls
+// through the functions below.
 
 #include <cerrno>
 #include <functional>

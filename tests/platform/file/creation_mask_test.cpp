@@ -1,4 +1,4 @@
-// What is made has its own mode whatever the process's mask, and can be used at once by its user.
+// Files and directories get their own mode whatever the process's mask, and their user can use them at once.
 
 #include <filesystem>
 #include <string>
@@ -36,7 +36,7 @@ std::uint32_t mode_of(const std::filesystem::path& path) {
   return status ? status->permissions : 0;
 }
 
-// A folder for one mask, which does not hold for the folder itself.
+// Makes the folder for the test of one mask. Its own mode does not depend on the mask.
 std::filesystem::path place_of(const TemporaryRoot& root, mode_t mask) {
   const std::filesystem::path place = root.directory(std::to_string(mask));
   EXPECT_EQ(chmod(place.c_str(), 0700), 0);

@@ -1,5 +1,5 @@
-// Whatever call of a guarded operation fails, and whichever time: the operation ends with one of its own failures, it
-// leaves no descriptor open, and no transaction file behind.
+// Each call of a guarded operation fails in turn. The operation then ends with one of its own failures, and leaves no
+// descriptor open and no transaction file behind.
 
 #include <cerrno>
 #include <filesystem>

@@ -38,7 +38,7 @@ class ExportFileFault : public ::testing::Test {
     file.commit();
   }
 
-  // Fails with this when the plan holds, and leaves this behind.
+  // Expects this failure under the plan, and these names afterwards.
   void expect_failure(const Plan& plan, const char* code, const std::string& message, const Names& left) const {
     {
       const Planned set(plan);

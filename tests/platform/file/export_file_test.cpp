@@ -98,8 +98,10 @@ TEST_F(ExportFileTest, LeavesItsParentAsItIs) {
   EXPECT_EQ(mode_of(root / "exports"), 0755u);
 }
 
-TEST_F(ExportFileTest, TakesThePathOfTheWorkingDirectory) {
+TEST_F(ExportFileTest, TakesThePathOfTheWorkingDirectoryButNoBareName) {
   const testing::WorkingDirectory working(root.path());
+  EXPECT_FAILURE(ExportFile("export"), "unsafe_path", "Export parent must be an existing plain directory");
+  EXPECT_TRUE(root.names().empty());
   ExportFile file("./export");
   file.write("content");
   file.commit();

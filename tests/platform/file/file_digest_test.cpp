@@ -81,7 +81,7 @@ TEST(DigestFileProgress, ReportsAnEmptyFileTwice) {
 
 TEST(DigestFileProgress, StopsBeforeAnyByteWhenTheFirstCallSaysSo) {
   const testing::TemporaryRoot root;
-  // A directory opens but cannot be read: had a byte been asked for, the failure would be another.
+  // A directory opens but cannot be read. Reading a byte of it would give another failure.
   int calls = 0;
   const auto stop = [&calls](std::uint64_t, std::uint64_t) {
     ++calls;

@@ -215,7 +215,7 @@ struct Step {
   const char* message;
 };
 
-// Fails one step of a writer in every way, and looks that the destination is as it was.
+// Fails one step of a writer in every way, and expects the destination as it was.
 class FileCallFaultOfAWriter : public FileCallFault {
  protected:
   void expect_failures(Writer write, const std::vector<Step>& steps) {

@@ -57,7 +57,7 @@ using Names = std::vector<std::string>;
 
 class Files : public ::testing::Test {
  protected:
-  // Makes the root a place where a link of user 0 is no link of the system's own.
+  // Lets others write to the root. A link of user 0 in it then does not count as the system's own.
   void let_others_write() { ASSERT_EQ(chmod(root_.path().c_str(), 0777), 0); }
 
   TemporaryRoot root_;
@@ -292,6 +292,8 @@ TEST_F(AtomicWrite, NeedsAPathWithADirectoryAndLeavesTheWorkingOneAlone) {
   }
   EXPECT_EQ(root_.names(), Names{});
   EXPECT_EQ(link_status_of(root_.path())->permissions & permissions::everybody, 0755u);
+  atomic_write("./record.json", "content");
+  EXPECT_EQ(root_.read("record.json"), "content");
 }
 
 TEST_F(AtomicWrite, RefusesANulWhichWouldCutThePathShort) {
@@ -371,7 +373,7 @@ TEST_F(AtomicWrite, GivesTheFileNoneOfTheAccessListsThatItWouldInherit) {
   EXPECT_EQ(errno, ENODATA);
 }
 
-// A very small volume of its own at a directory, for as long as it lives.
+// A very small volume, mounted at a directory for as long as the object lives.
 class SmallVolume {
  public:
   explicit SmallVolume(std::filesystem::path path)
@@ -416,6 +418,15 @@ TEST_F(AtomicPrivateCreate, MakesAPrivateFileWithOneNameInAPrivateParent) {
   EXPECT_EQ(mode_of(root_ / "a/record.json"), 0600u);
   EXPECT_EQ(mode_of(root_ / "a"), 0700u);
   EXPECT_EQ(link_status_of(root_ / "a/record.json")->links, 1u);
+}
+
+TEST_F(AtomicPrivateCreate, NeedsAPathWithADirectory) {
+  const WorkingDirectory set(root_.path());
+  EXPECT_FAILURE(atomic_private_create("record.json", "content"), "unsafe_path",
+                 "Linux private directory needs a bounded path below a root");
+  EXPECT_EQ(root_.names(), Names{});
+  atomic_private_create("./record.json", "content");
+  EXPECT_EQ(root_.read("record.json"), "content");
 }
 
 TEST_F(AtomicPrivateCreate, NeverReplaces) {
@@ -497,6 +508,24 @@ TEST_F(ReplacePrivateFile, MakesAndReplacesAPrivateFile) {
     EXPECT_EQ(mode_of(root_ / "a/cache.json"), 0600u);
     EXPECT_EQ(mode_of(root_ / "a"), 0700u);
   }
+}
+
+TEST_F(ReplacePrivateFile, NeedsAPathWithADirectory) {
+  const WorkingDirectory set(root_.path());
+  EXPECT_FAILURE(replace_private_file("cache.json", "content"), "unsafe_path",
+                 "Linux private directory needs a bounded path below a root");
+  EXPECT_EQ(root_.names(), Names{});
+  replace_private_file("./cache.json", "content");
+  EXPECT_EQ(root_.read("cache.json"), "content");
+}
+
+TEST(AtomicCreateOrRemove, NeedsAPathWithADirectory) {
+  const TemporaryRoot root;
+  const WorkingDirectory set(root.path());
+  EXPECT_FAILURE(atomic_create_or_remove("export.json", "content"), "unsafe_path", "Cannot make a path absolute");
+  EXPECT_EQ(root.names(), Names{});
+  atomic_create_or_remove("./export.json", "content");
+  EXPECT_EQ(root.read("export.json"), "content");
 }
 
 TEST_F(ReplacePrivateFile, RefusesALink) {

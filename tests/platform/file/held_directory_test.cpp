@@ -38,7 +38,7 @@ class HeldDirectoryTest : public ::testing::Test {
 };
 
 TEST_F(HeldDirectoryTest, IsReachedThroughNoLink) {
-  // To user 0, a link of its own is the system's.
+  // Links that user 0 makes count as the system's own.
   const OrdinaryUser user(root);
   std::filesystem::create_directory_symlink("held", root / "link");
   EXPECT_FAILURE(HeldDirectory::open(root / "link"), "unsafe_path", linked);

@@ -1,6 +1,6 @@
 // A second process for the tests of locks. It says "waiting" before it waits for a lock and "held"
-// once it holds it, and ends when its standard input does. A refusal is said as "CODE: MESSAGE"
-// and ends it with code 1.
+// once it holds it, and ends when its standard input does. It prints a refusal as "CODE: MESSAGE" and then
+// ends with code 1.
 //
 //   lock_companion hold PATH MODE         holds a FileLock
 //   lock_companion hold-native PATH MODE  holds a NativeFileLock
@@ -71,7 +71,7 @@ void wait(const std::string& path, const std::string& note) {
   say(text_of(note));
 }
 
-// One turn of the only holder: nobody else's mark is there, and nobody else counts meanwhile.
+// Takes one turn as the holder of the lock. Fails when another process takes one at the same time.
 void take_turn(const std::filesystem::path& directory) {
   const std::filesystem::path mark = directory / "mark";
   const Handle marked(open(mark.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));

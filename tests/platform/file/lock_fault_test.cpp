@@ -1,5 +1,5 @@
-// What a lock does when the system refuses it, or when its file is replaced meanwhile. The linker
-// hands the call to the function below first.
+// Locks that the system refuses, or whose file is replaced meanwhile. The linker leads the call through
+// the function below.
 
 #include <cerrno>
 #include <functional>

@@ -1,4 +1,4 @@
-// A link of the system that is gone by the time that it is read.
+// A link of the system's own that is removed before it is read.
 
 #include <cerrno>
 

@@ -1,5 +1,5 @@
-// Places on volumes that the test machine may not have: the linker leads the questions about a
-// volume through the wrappers below, which give another system's answers.
+// Places on volumes that the test machine may not have. The linker leads the calls that ask about a
+// volume through the wrappers below, which give such a volume's answers.
 
 #include <cerrno>
 #include <cstdarg>
@@ -80,7 +80,7 @@ constexpr const char* volume_changed = "Linux setup volume changed during inspec
 constexpr const char* unresolved = "Cannot resolve the physical Linux setup path";
 constexpr const char* unidentified = "Cannot identify the Linux setup volume and its case behavior";
 
-// A path is walked, then the place where its volume is mounted, then the path again.
+// The steps: the path is walked, then the way to its volume's mount, then the path again.
 constexpr int walk_to_mount = 2;
 constexpr int second_walk = 3;
 
@@ -91,7 +91,7 @@ class PathKeyFault : public ::testing::Test {
     volume_kind = 0;
     kind_unknown = false;
   }
-  // Nothing is made for a key, whether or not there is one.
+  // Asking for a key makes nothing, whether it succeeds or not.
   void expect_refused(const testing::Plan& plan, const std::string& path, const char* message) const {
     const auto before = root_.names();
     const Planned set(plan);

@@ -40,6 +40,22 @@ TEST(PathKey, NamesTheVolumeItsComparisonAndThePlace) {
   EXPECT_TRUE(key.ends_with("/" + root.path().filename().string() + "/a")) << key;
 }
 
+TEST(PathKey, OfAPlaceBeginsWithThatOfTheDirectoriesAbove) {
+  const TemporaryRoot root;
+  EXPECT_EQ(directory_key(root / "a/b"), directory_key(root.path()) + "/a/b");
+}
+
+TEST(PathKey, OfAVolumesRootEndsInASeparatorAndHoldsNoName) {
+  const TemporaryRoot root;
+  const MountedVolume volume(root.directory("volume"), "tmpfs", "size=64k");
+  if (!volume.mounted()) {
+    GTEST_SKIP() << "volumes cannot be mounted here";
+  }
+  const std::string key = directory_key(root / "volume");
+  EXPECT_TRUE(key.ends_with("/s/")) << key;
+  EXPECT_EQ(directory_key(root / "volume/x"), key + "x");
+}
+
 TEST(PathKey, IsTheSameForEverySpelling) {
   const TemporaryRoot root;
   root.directory("a/b");
@@ -98,7 +114,7 @@ TEST(PathKey, RefusesAPlaceBelowADirectoryThatMayNotBePassed) {
 TEST(PathKey, RefusesLinks) {
   const TemporaryRoot root;
   root.directory("real/inner");
-  // Where others may write, no link is the system's own.
+  // A link in a directory that others may write to does not count as the system's own.
   ASSERT_EQ(chmod(root.path().c_str(), 0777), 0);
   std::filesystem::create_symlink("real", root / "link");
   EXPECT_FAILURE(directory_key(root / "link"), "unsafe_path", linked);
@@ -130,6 +146,7 @@ TEST(PathKey, WalksAtMost128Levels) {
     path += "/missing";
   }
   EXPECT_NO_THROW(path_key(path));
+  EXPECT_NO_THROW(path_key(path + "/./x/.."));
   EXPECT_FAILURE(path_key(path + "/x"), "unsafe_path", "Linux setup ancestry exceeds its bound");
 }
 
@@ -173,7 +190,7 @@ TEST(PathKey, FoldsNamesInACaseFoldDirectoryOnly) {
   root.directory("volume/Folded");
   ASSERT_TRUE(testing::run_quietly("chattr +F '" + (root / "volume/Folded").string() + "'"));
 
-  // In a folding directory, spellings of one name give one key, before and after it exists.
+  // In a directory that folds case, all spellings of a name give one key, before and after it exists.
   const std::string before = directory_key(root /
                                            "volume/Folded/Game/Stra\xc3\x9f"
                                            "e");
@@ -184,7 +201,7 @@ TEST(PathKey, FoldsNamesInACaseFoldDirectoryOnly) {
   EXPECT_EQ(path_key(root / "volume/Folded/\xc3\xa4"), path_key(root / "volume/Folded/A\xcc\x88"));
   EXPECT_FAILURE(path_key(root / "volume/Folded/\xff"), "unsafe_path", "Linux setup names must be valid UTF-8");
 
-  // Beside it, they stay apart, and so does the folding directory's own name.
+  // Outside it, and for its own name, different spellings give different keys.
   EXPECT_NE(directory_key(root / "volume/Game"), directory_key(root / "volume/game"));
   EXPECT_NE(directory_key(root / "volume/Folded"), directory_key(root / "volume/folded"));
 }
@@ -205,7 +222,7 @@ TEST(PathKey, FoldsNamesOnAVolumeThatNeverComparesCase) {
 
 TEST(PathKey, RefusesAVolumeOfAnotherMachine) {
   const TemporaryRoot root;
-  // A directory of this machine's own, seen through the kernel's plan 9 client, stands in.
+  // A local directory, mounted through the kernel's plan 9 client, stands in for another machine's.
   const MountedVolume volume(root.directory("volume"), "9p", "trans=fd,rfdno=0,wfdno=1");
   if (!volume.mounted()) {
     GTEST_SKIP() << "no network volume can be mounted here";
@@ -227,7 +244,7 @@ TEST(ComparedName, HoldsAtMost4096BytesOnceItIsFolded) {
   constexpr const char* beyond = "Normalized Linux setup names exceed their bound";
   EXPECT_EQ(os::compared_name(std::string(4096, 'A'), false), std::string(4096, 'a'));
   EXPECT_FAILURE(os::compared_name(std::string(4097, 'A'), false), "unsafe_path", beyond);
-  // One letter of two bytes is decomposed to two of three.
+  // Decomposition makes three bytes out of this letter's two.
   std::string letters;
   for (int i = 0; i < 1366; ++i) {
     letters += "\xc3\xa9";

@@ -1,4 +1,4 @@
-// Every failure of the calls that private storage makes, and every swap between two of them.
+// Every failure of the calls that private storage makes, and directories that others swap between two calls.
 
 #include <cerrno>
 #include <cstdint>
@@ -249,7 +249,7 @@ TEST_F(PosixFilesFault, PrivateDirectoryNoticesALevelThatIsSwappedWhileItIsOpene
 
 TEST_F(PosixFilesFault, PrivateDirectoryNoticesASwapAfterTheWalk) {
   make_private("a");
-  // One look at each level for the system's own links comes before the last look at the path.
+  // Resolving the system's own links takes one look at each level. The last look at the path comes after them.
   const Planned set(meanwhile(
       "lstat", [this] { swap("a"); }, levels_ + 2));
   EXPECT_FAILURE(private_directory(root_ / "a"), "unsafe_path", "Linux private directory path changed");

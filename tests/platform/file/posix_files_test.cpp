@@ -280,7 +280,7 @@ TEST_F(PosixFiles, AnEntryThatGrantsAnotherUserOrGroupIsRefusedAndPreserved) {
 }
 
 TEST_F(PosixFiles, AnAccessListHoldsAtMost128Entries) {
-  // Four entries stand in every list beside the users' own.
+  // Every list has four entries besides those of the users.
   const auto directory = private_node("directory", true);
   put_list(directory, access_list, list_of(denied_users(124)));
   if (IsSkipped()) {
@@ -391,7 +391,7 @@ TEST_F(PosixFiles, PrivateDirectoryPreservesAForeignAccessListAndTheMode) {
   EXPECT_EQ(mode_of(directory), 0750u);
 }
 
-// As where a folder of all users' homes may not be read.
+// The directory that holds all homes may be one that this user cannot list.
 TEST_F(PosixFiles, PrivateStorageIsReachedThroughLevelsThatMayNotBeRead) {
   private_node("homes/mine", true);
   const testing::OrdinaryUser user(root_);
@@ -429,7 +429,7 @@ TEST_F(PosixFiles, NothingIsMadeBelowALevelThatMayNotBePassed) {
 TEST_F(PosixFiles, PrivateDirectoryRefusesALinkAtAnyLevel) {
   constexpr const char* linked = "Linux directory ancestry is missing or linked";
   root_.directory("real/inner");
-  // A link of the system's own would be followed; one where others may write never is.
+  // A link in a directory that others may write to does not count as the system's own, so it is not followed.
   ASSERT_EQ(chmod(root_.path().c_str(), 0777), 0);
   std::filesystem::create_symlink("real", root_ / "link");
   std::filesystem::create_symlink("nowhere", root_ / "dangling");

@@ -1,5 +1,5 @@
-// What volumes tell that no volume at hand does. The linker leads the calls for it through the
-// wrappers below, whose answers a test changes.
+// Volumes with properties that no volume at hand has. The linker leads the calls that ask for them through
+// the wrappers below, whose answers a test changes.
 
 #include <cerrno>
 #include <cstdint>
@@ -19,7 +19,7 @@ bool stat_fails = false;
 bool statvfs_fails = false;
 std::function<void(struct statvfs&)> change_geometry;
 
-// Everything as the system tells it before and after each test.
+// Lets the system answer before and after each test.
 class StorageFault : public ::testing::Test {
  protected:
   ~StorageFault() override {

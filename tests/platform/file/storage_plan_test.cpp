@@ -200,7 +200,7 @@ TEST(PlanNativePayloadStorage, AddsBothTreesAndTheFurtherEntriesUnderALargerMarg
       "additional_bytes": 21057536, "existing_or_unavailable_bytes": 600000000, "peak_capacity_bytes": 621057536,
       "shortfall_bytes": 0, "additional_file_entries": 79, "existing_or_unavailable_inodes": 700,
       "peak_inodes": 779, "shortfall_file_entries": 0}})");
-  // Of content 4 and 2 units; of entries 6, 4 and 5.
+  // The content takes 4 and 2 units; there are 6, 4 and 5 entries.
   EXPECT_EQ(plan_native_payload_storage(small_game(), launcher, volume_at_hand(), 5), expected);
 }
 

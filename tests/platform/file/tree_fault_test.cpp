@@ -1,5 +1,5 @@
-// Every failure of the calls that measure and remove a tree. Whatever fails, nothing is taken for gone that may be
-// there, and a later call goes on.
+// Every failure of the calls that measure and remove a tree. Nothing counts as removed that may still be there, and a
+// later call continues.
 
 #include <cerrno>
 #include <string>
@@ -82,7 +82,7 @@ TEST_F(TreeFault, NothingIsRemovedOfATreeThatCannotBeMeasured) {
     EXPECT_FAILURE(remove_plain_tree(root_ / "tree"), "too_many_files",
                    "Too many files are open; close other programs and try again");
   }
-  // Neither missing nor a directory, for all that is known.
+  // Without a look at the name, it cannot be told whether it is missing.
   const Planned set(failing("lstat", EACCES));
   EXPECT_FAILURE(remove_plain_tree(root_ / "missing"), "unsafe_path", "Tree cleanup requires an ordinary directory");
   EXPECT_EQ(root_.names(), before);
@@ -149,14 +149,14 @@ TEST_F(TreeFault, ARetirementNeedsItsRootOpen) {
 
 TEST_F(TreeFault, ARetirementReportsEveryFlushThatFails) {
   root_.write("tree/d/mine", "mine");
-  // Of the directory that stays, and of the root that stays.
+  // The first flush is that of the directory that stays, the second that of the root.
   for (const int flush : {1, 2}) {
     const Planned set(failing("fsync", EIO, flush));
     EXPECT_FAILURE(retire(), "file_sync", not_flushed) << flush;
     EXPECT_EQ(root_.names(), (Names{"tree/", "tree/d/", "tree/d/mine"})) << flush;
   }
   std::filesystem::remove(root_ / "tree/d/mine");
-  // Of the root, which is still there, and of what held it.
+  // The first flush is that of the root before its removal, the second that of the directory above it.
   {
     const Planned set(failing("fsync", EIO));
     EXPECT_FAILURE(retire(), "file_sync", not_flushed);

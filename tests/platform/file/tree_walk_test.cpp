@@ -79,7 +79,7 @@ TEST(WalkTree, VisitsEverythingOnceWithItsType) {
   std::map<std::string, EntryType> seen;
   walk_tree(open_tree(root / "tree"), [&](const TreeEntry& entry) {
     EXPECT_TRUE(seen.emplace(entry.path, entry.type).second) << entry.path;
-    // By its directory and its name, it is found again.
+    // The directory and the name that the visitor was given lead to the entry.
     const auto held = link_status_at(entry.directory, entry.name);
     ASSERT_TRUE(held) << entry.path;
     EXPECT_TRUE(same_file(*held, *link_status_of(root / "tree" / entry.path))) << entry.path;
@@ -154,7 +154,7 @@ TEST(WalkTree, NeedsFewDescriptorsAtAnyDepth) {
   visitor.visit = [&](const TreeEntry&) { ++visits; };
   visitor.leave = [&](const TreeEntry& entry, int self) {
     ++leaves;
-    // By the directory above it and its name, it is the one that was walked through.
+    // The directory and the name that the visitor was given lead to the directory that was walked through.
     EXPECT_TRUE(same_file(*link_status_at(entry.directory, entry.name), *status_of(self)));
   };
   const FewDescriptors few(40);
@@ -385,7 +385,7 @@ TEST_F(TreePathsTest, KeepsADirectoryOpenForTheNextPath) {
   root.write("a/b/second", "2");
   const Handle first = *paths.open("a/b/first", os::OpenAs::file);
   ASSERT_TRUE(first);
-  // What replaces the directory is not looked at while the one that was opened is the last.
+  // The last directory stays open, so the one that replaces it is not looked at.
   std::filesystem::rename(root / "a", root / "moved");
   const Handle second = *paths.open("a/b/second", os::OpenAs::file);
   ASSERT_TRUE(second);

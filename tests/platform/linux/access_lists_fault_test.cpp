@@ -1,4 +1,4 @@
-// Access lists that no kernel at hand stores: what cannot be understood is refused, whatever it grants.
+// Access lists that no kernel at hand stores. One that cannot be understood is refused, whatever it grants.
 
 #include <cerrno>
 #include <cstdint>
@@ -41,7 +41,7 @@ constexpr Entry owner = {0x01, 7};
 
 class AccessListFault : public ::testing::Test {
  protected:
-  // The node's list for access is the first that is asked for, its list for what is made in it the second.
+  // The first list that is read is the node's access list, the second its default list.
   void expect_refused(const std::string& list, const char* message) const {
     for (const int which : {1, 2}) {
       const Planned set(holding(list, which));
@@ -99,7 +99,7 @@ TEST_F(AccessListFault, OnlyTheOwnerMayBeGrantedAnything) {
     expect_refused(stored_access_list({owner, {0x04, permissions}}), foreign);
     expect_refused(stored_access_list({owner, {0x08, permissions, getegid()}}), foreign);
     expect_refused(stored_access_list({owner, {0x20, permissions}}), foreign);
-    // A mask that takes it away may be widened later.
+    // The mask denies it now, but a later change of mode may widen the mask.
     expect_refused(stored_access_list({owner, {0x02, permissions, geteuid() + 1}, {0x10, 0}}), foreign);
   }
 }

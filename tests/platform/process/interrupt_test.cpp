@@ -23,7 +23,7 @@
 
 namespace {
 
-// The calls that the next test wants to fail: a command of fcntl, and the whole of the others.
+// What the next test wants to fail: one command of fcntl, or any call of the others.
 std::optional<int> failing_command;
 bool pipe_fails = false;
 bool sigaction_fails = false;
@@ -127,7 +127,7 @@ int descriptors() {
   return count;
 }
 
-// How many of them a program would inherit.
+// Returns how many open descriptors a program would inherit.
 int inheritable() {
   int count = 0;
   for (int i = 0; i < 256; ++i) {
@@ -138,7 +138,7 @@ int inheritable() {
 
 int reader_of(const InterruptPipe& pipe) { return std::stoi(pipe.child_environment().substr(2)); }
 
-// What lies in a pipe, up to 16 bytes.
+// Returns up to 16 bytes that wait in a pipe.
 std::string waiting_in(int reader) {
   EXPECT_EQ(fcntl(reader, F_SETFL, fcntl(reader, F_GETFL) | O_NONBLOCK), 0);
   std::array<char, 16> bytes{};
@@ -171,7 +171,7 @@ void expect_refused(const std::string& value, const std::string& message) {
   EXPECT_FALSE(ConsoleInterrupt::parent_reader_attached());
   EXPECT_EQ(descriptors(), before);
   EXPECT_EQ(action_of(SIGINT).sa_handler, SIG_DFL);
-  // Nothing holds the place of the next one.
+  // The next object can be made.
   const ConsoleInterrupt next(false);
   EXPECT_FALSE(next.requested());
 }
@@ -599,8 +599,8 @@ TEST(InterruptPipe, TellsWhenTheChildCannotHaveIt) {
   EXPECT_FALSE(closed.prepare_child());
 }
 
-// What a child answers that listens to the pipe: asked once before it says so by a byte, and then again and
-// again until it hears the request or the end of its parent.
+// The work of a child that listens to the pipe; returns its exit code. It asks once, writes a byte to say that it has,
+// and asks again and again until it gets the request or its parent has ended.
 int listen_in_child(InterruptPipe& pipe, int ready) {
   const WithEnvironment announced(variable, pipe.child_environment());
   if (!pipe.prepare_child()) {

@@ -1,5 +1,4 @@
-// What the system refuses to tell or to prepare only on the worst of days. The linker leads the calls for it through
-// the wrappers below, which fail on demand.
+// Calls about processes that hardly ever fail. The linker leads them through the wrappers below, which fail on demand.
 
 #include <cerrno>
 #include <filesystem>
@@ -24,7 +23,7 @@ bool actions_fail = false;
 bool redirection_fails = false;
 int interrupted_waits = 0;
 
-// Everything as the system does it before and after each test.
+// Lets the system carry out every call before and after each test.
 class ProcessFault : public ::testing::Test {
  protected:
   ~ProcessFault() override {

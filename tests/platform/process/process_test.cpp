@@ -77,7 +77,7 @@ TEST(ProcessArguments, Accepts131072BytesTogetherAndRefusesOneMore) {
                  "Native process text exceeds its byte bound");
 }
 
-// Text without an end, behind which no byte may be read.
+// A text without a NUL at its end, after which no byte can be read.
 class EndlessText {
  public:
   explicit EndlessText(const std::string& text) {
@@ -239,7 +239,7 @@ class ReplacedProcess : public ::testing::TestWithParam<Replacement> {
     return path;
   }
 
-  // Nothing of this process has changed but for the attempt.
+  // The attempt has changed nothing in this process.
   void expect_failure(const std::filesystem::path& image, const std::vector<std::string>& arguments,
                       const std::filesystem::path& directory, const ravok::ProcessEnvironment& environment,
                       const std::string& code, const std::string& message) const {

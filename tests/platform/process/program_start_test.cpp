@@ -49,7 +49,7 @@ bool is_null_device(int descriptor, int mode) {
          S_ISCHR(opened.st_mode) && (fcntl(descriptor, F_GETFL) & O_ACCMODE) == mode;
 }
 
-// Of the process that it runs in.
+// Closes these streams of the process that it runs in, starts the program and returns an exit code.
 int expect_streams(const std::vector<int>& closed, int file) {
   for (int descriptor = 0; descriptor <= 2; ++descriptor) {
     dup2(file, descriptor);
@@ -71,7 +71,7 @@ int expect_streams(const std::vector<int>& closed, int file) {
       return 10 + descriptor;
     }
   }
-  // The next file gets none of their numbers.
+  // The next file gets another number.
   return open("/dev/null", O_RDONLY) > 2 ? 0 : 20;
 }
 

@@ -33,7 +33,7 @@ constexpr const char* launcher = "/usr/bin/gio";
 constexpr const char* unbounded = "Shortcut text must be bounded and contain no control characters";
 constexpr const char* not_below_root = "Shortcut paths must be absolute and normalized below a filesystem root";
 
-// Whether the standard's own program finds nothing at all to say of an entry.
+// Whether the standard's own validator accepts an entry without a remark.
 ::testing::AssertionResult is_valid_entry(const std::filesystem::path& path) {
   if (!std::filesystem::exists(validator)) {
     return ::testing::AssertionFailure() << validator << " is missing; scripts/install-packages installs it";
@@ -45,7 +45,7 @@ constexpr const char* not_below_root = "Shortcut paths must be absolute and norm
   return ::testing::AssertionSuccess();
 }
 
-// What the program that a shortcut names is started with, itself first.
+// The arguments that a shortcut should give its program, the program first.
 std::vector<std::string> arguments_for(const DesktopShortcut& shortcut) {
   std::vector<std::string> arguments = {shortcut.bootstrap, "--data-dir", shortcut.data_root};
   if (!shortcut.game_id.empty()) {
@@ -63,8 +63,8 @@ std::vector<std::string> command_for(const DesktopShortcut& shortcut) {
   return command;
 }
 
-// What a desktop's own program, with nothing of this process's environment, starts by an entry: the lines that a
-// bootstrap writes of its arguments.
+// Starts an entry with a desktop's own program, without this process's environment. Returns the lines in which the
+// bootstrap prints its arguments.
 std::vector<std::string> launched_by(const std::filesystem::path& path, std::size_t lines) {
   if (!std::filesystem::exists(launcher)) {
     throw std::runtime_error(std::string(launcher) + " is missing; scripts/install-packages installs it");
@@ -80,7 +80,7 @@ std::vector<std::string> launched_by(const std::filesystem::path& path, std::siz
   return told;
 }
 
-// Names of places that mean something to a shell, to the standard or to a reader of lines.
+// File names with characters that are special to a shell, to the standard or to a reader of lines.
 const std::vector<std::string> difficult_names = {
     "plain",
     "with space",
@@ -187,7 +187,7 @@ TEST(DesktopEntry, StartsAPathThatNoDesktopStartsByTheShell) {
   const std::string shell = R"(/bin/sh -c "exec \"\$0\" \"\$@\"" )";
   EXPECT_EQ(line("/50%/ravok-bootstrap"), shell + R"("/50%%/ravok-bootstrap" --data-dir "/data=%%" --launch "game")");
   EXPECT_EQ(line("/a=b/ravok-bootstrap"), shell + R"("/a=b/ravok-bootstrap" --data-dir "/data=%%" --launch "game")");
-  // Only the program's own path is in question.
+  // An equals sign or a percent sign in an argument needs no shell.
   EXPECT_EQ(line("/opt/ravok-bootstrap"), R"("/opt/ravok-bootstrap" --data-dir "/data=%%" --launch "game")");
 }
 
@@ -277,7 +277,7 @@ TEST(DesktopEntryFile, IsWrittenAndTold) {
                         {"data_root", place.data().native()},
                         {"shortcut_abi", 1}}));
   EXPECT_EQ(place.read(path), linux_desktop_entry(place.shortcut()));
-  // Only its owner may change what a click starts.
+  // Nobody but the owner may change the entry.
   EXPECT_EQ(std::filesystem::status(path).permissions() &
                 (std::filesystem::perms::group_write | std::filesystem::perms::others_write),
             std::filesystem::perms::none);

@@ -1,4 +1,4 @@
-// What others do to a shortcut, and what fails, between two calls of its making, replacing and removal.
+// Shortcuts that others change, or whose calls fail, while they are made, replaced or removed.
 
 #include <algorithm>
 #include <cerrno>
@@ -31,7 +31,7 @@ using Paths = std::vector<std::filesystem::path>;
 
 constexpr const char* not_replaced = "Cannot replace a changed shortcut";
 
-// That call fails, and the event happens just ahead of it.
+// A plan in which the call fails and the event happens just before it.
 testing::Plan failing_after(std::string_view call, int problem, int countdown, std::function<void()> event) {
   testing::Plan plan = failing(call, problem, countdown);
   plan.meanwhile = std::move(event);
@@ -55,13 +55,13 @@ class ShortcutFault : public ::testing::Test {
     return ledger_document(Json::array({ledger_entry(entry(), digest(text_, "sha256"))})).dump();
   }
 
-  // Puts a file of somebody else's making where the shortcut is or will be.
+  // Puts somebody else's file where the shortcut is or will be.
   void replace(const std::string& content) const {
     place_.write(place_.home() / "foreign", content);
     std::filesystem::rename(place_.home() / "foreign", entry());
   }
 
-  // Only the file of somebody else's making is on the desktop.
+  // Only somebody else's file is on the desktop.
   void expect_foreign(const std::string& content) const {
     EXPECT_EQ(names(), (std::vector<std::string>{"entry.desktop"}));
     EXPECT_EQ(place_.read(entry()), content);
@@ -169,7 +169,8 @@ TEST_F(ShortcutFault, NoFileIsMadeThroughALinkThatComesInTheFoldersPlace) {
   EXPECT_EQ(place_.read(place_.home() / "moved/entry.desktop"), text_);
 }
 
-// Both calls find nothing at first; the other one has the lock, and makes the shortcut, between two looks of this one.
+// Both calls find nothing at first. The other one then holds the lock and makes the shortcut between two looks of this
+// one.
 TEST_F(ShortcutFault, ACallThatWaitsForAnotherToldOfTheSameShortcutFindsItMade) {
   create();
   ASSERT_EQ(remove().removed, Paths{entry()});
@@ -260,7 +261,7 @@ class ShortcutRemovalFault : public ShortcutFault {
     }
   }
 
-  // The number of the last call of that name ahead of the first `next` in an undisturbed removal.
+  // Returns the number of the last such call before the first `next` in an undisturbed removal.
   int last_before(const std::string& call, const std::string& next) {
     std::vector<std::string> order;
     {

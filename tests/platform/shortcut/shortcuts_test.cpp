@@ -66,7 +66,7 @@ class Shortcuts : public ::testing::Test {
   std::vector<OwnedShortcut> rows() const { return owned_native_shortcuts(place_.data()); }
   std::string ledger() const { return place_.read(place_.ledger()); }
 
-  // No shortcut takes the place of a link. One of user 0 may be the system's own, and a place behind it has a key.
+  // A shortcut never replaces a link. A link of user 0 may count as the system's own, and then the place has a key.
   void expect_refused_link(const std::filesystem::path& link) const {
     if (testing::is_root()) {
       EXPECT_FAILURE(create(link), "already_exists", preserved);
@@ -85,13 +85,13 @@ class Shortcuts : public ::testing::Test {
     return names;
   }
 
-  // A row for a file that is as the row says.
+  // Returns a row that records a file as it is.
   Json row_of(const std::filesystem::path& path) const {
     return ledger_entry(path, digest(place_.read(path), "sha256"));
   }
   void record(const Json& entries) const { place_.write_ledger(ledger_document(entries).dump()); }
 
-  // What the text of a shortcut for a game would be now.
+  // Returns the text that a shortcut for a game would have now.
   std::string text(const std::string& game = "game") const { return linux_desktop_entry(place_.shortcut(game)); }
 
   struct stat status(const std::filesystem::path& path) const {
@@ -109,7 +109,7 @@ class Shortcuts : public ::testing::Test {
     place_.write_ledger(ledger_document(entries).dump());
   }
 
-  // The ledger is refused with this message by everything that reads it, and stays, as do all shortcuts.
+  // Every operation that reads the ledger refuses it with this message. The ledger and all shortcuts stay.
   void expect_refused_ledger(const std::string& content, const std::string& message) const {
     place_.write_ledger(content);
     place_.write(entry("mine"), "mine");
@@ -237,7 +237,7 @@ TEST_F(Shortcuts, LieOutsideTheDataFolder) {
   testing::make_users_link(place_.desktop(), place_.home() / "link");
   EXPECT_FAILURE(create(place_.home() / "link/a.desktop"), "unsafe_path",
                  "Linux setup ancestry is linked, unavailable or changed");
-  // There is not even a lock.
+  // Not even a lock file was made.
   EXPECT_FALSE(std::filesystem::exists(place_.data() / "native"));
   create(place_.write(place_.base() / "data2/keep", "").parent_path() / "a.desktop");
   EXPECT_EQ(rows().size(), 1u);
@@ -471,7 +471,7 @@ TEST_F(Shortcuts, NeverMakeALedgerThatCouldNotBeReadAgain) {
     entries.push_back(ledger_entry(deep / (std::to_string(i) + ".desktop")));
   }
   entries.push_back(ledger_entry(entry("changed")));
-  // The rest of the room goes to the names of as many rows as it takes.
+  // Longer names in as many rows as needed fill the rest of the room.
   for (std::size_t rest = 262'144 - ledger_document(entries).dump().size(), i = 0; rest > 0; ++i) {
     const std::size_t part = std::min<std::size_t>(rest, 500);
     entries.at(i)["name"] = text_at(entries.at(i), "name") + std::string(part, 'n');
@@ -483,7 +483,7 @@ TEST_F(Shortcuts, NeverMakeALedgerThatCouldNotBeReadAgain) {
   place_.write(entry("changed"), "changed");
   EXPECT_FAILURE(create(entry("new")), "size_limit", "Too many recorded shortcuts");
   EXPECT_FAILURE(create(entry("changed"), "game2"), "size_limit", "Too many recorded shortcuts");
-  // What could not be recorded is not there, and what it was to replace is.
+  // The shortcut that could not be recorded does not exist, and the one that it was to replace does.
   EXPECT_EQ(on_desktop(), (std::vector<std::string>{"changed.desktop"}));
   EXPECT_EQ(place_.read(entry("changed")), "changed");
   EXPECT_EQ(ledger(), full);
@@ -739,7 +739,7 @@ TEST_F(Shortcuts, ThatTheUserChangedAreNeverRemoved) {
   EXPECT_EQ(removal.changed, changed);
   EXPECT_EQ(on_desktop().size(), changes.size());
   EXPECT_TRUE(std::filesystem::is_regular_file(moved));
-  // What was changed is no longer the client's, and the next removal knows nothing of it.
+  // A changed shortcut is no longer the client's, so the next removal does not mention it.
   EXPECT_TRUE(rows().empty());
   EXPECT_TRUE(remove().changed.empty());
 }
@@ -768,7 +768,7 @@ TEST_F(Shortcuts, BehindALinkAreNotReplaced) {
   const std::filesystem::path far = place_.home() / "far";
   const std::filesystem::path file = place_.write(far / "entry.desktop", "mine");
   const struct stat before = status(file);
-  // The row was written while its folder was there; the request comes to a link in its place.
+  // The row was written while the folder existed. By the time of the request, a link has its name.
   create(entry());
   std::filesystem::remove_all(place_.desktop());
   testing::make_users_link(far, place_.desktop());

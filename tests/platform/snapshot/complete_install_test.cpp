@@ -21,7 +21,7 @@ std::string unfinished(const std::filesystem::path& folder) {
   return "Ravok setup did not finish in " + folder.native() + ". Run the Ravok installer again to repair it.";
 }
 
-// Makes the path in every way in which a marker can stand there, one after the other.
+// Makes a marker at the path in every form that it can have, one after the other.
 template <typename Look>
 void with_each_kind(const std::filesystem::path& path, Look look) {
   ASSERT_EQ(mkfifo(path.c_str(), 0), 0);

@@ -1,5 +1,4 @@
-// Every failure of the calls that the reserving and the removal of an installation make, and what is done to
-// its directories meanwhile.
+// Every failure of the calls that reserve and remove an installation, and directories that others change meanwhile.
 
 #include <cerrno>
 #include <filesystem>
@@ -38,7 +37,7 @@ class InstallFault : public ::testing::Test {
     return ReservedTree(game, staging, {}, recorder);
   }
 
-  // Puts an empty foreign directory where the staging directory is, which goes elsewhere.
+  // Moves the staging directory away and puts an empty foreign one in its place.
   void replace() const {
     std::filesystem::rename(staging, root / "moved");
     std::filesystem::create_directory(staging);
@@ -172,7 +171,7 @@ TEST_F(InstallFault, ATreeTellsWhatOfItIsHeldOnAVolumeThatCannotClaimBlocks) {
   EXPECT_NO_THROW(tree.validate(game, staging));
 }
 
-// Whatever call fails, no space stays taken, and what stays is found by what was recorded.
+// Whatever call fails, no blocks stay reserved, and the record binds everything that stays.
 TEST_F(InstallFault, AFailureHoldsNoSpaceAndLeavesNothingUnrecordedButAnEmptyRoot) {
   int failures = 0;
   for (const char* call : {"open", "open directory", "anchor", "openat", "create", "mkdirat", "fstat", "fstatat",
@@ -272,7 +271,7 @@ TEST_F(CleanupFault, AnActivatedTreeIsPreservedThatIsReplacedAtAnyStep) {
   EXPECT_NO_THROW(clean_ready());
 }
 
-// What cannot be looked at may be there and may be another's.
+// A directory that cannot be looked at may be somebody else's, so it stays.
 TEST_F(CleanupFault, NothingIsRemovedWhereACallFailsAheadOfTheRemoval) {
   int failures = 0;
   for (const char* call : {"lstat", "open directory", "openat", "fstat", "fstatat", "fsync"}) {

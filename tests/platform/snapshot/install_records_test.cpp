@@ -341,7 +341,7 @@ class InstallRecords : public ::testing::Test {
   const std::filesystem::path destination = root / "versions/1.0";
 };
 
-// Other manifests and other operations than those that a record is of.
+// Manifests and operations that a record does not belong to.
 struct Mismatch {
   const char* what;
   std::function<void(GameManifest&, std::filesystem::path& staging, std::filesystem::path& destination)> change;
@@ -965,7 +965,7 @@ TEST_F(CleanupReadyInstall, PreservesBothWhereTheSourceReappeared) {
   auto before = all();
   EXPECT_FAILURE(clean_ready(ready), "allocation_changed", reappeared);
   EXPECT_EQ(all(), before);
-  // Another source than the recorded one is told first.
+  // A staging directory that is not the recorded one is refused before the destination is looked at.
   std::filesystem::remove(destination);
   std::filesystem::rename(staging, destination);
   stage();

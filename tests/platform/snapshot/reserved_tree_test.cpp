@@ -71,7 +71,7 @@ class ReservedTreeTest : public ::testing::Test {
     };
   }
 
-  // Puts a foreign directory where the root is, which goes elsewhere.
+  // Moves the root away and puts a foreign directory in its place.
   void replace_root() const {
     std::filesystem::rename(staging, root / "moved");
     root.write("staging/foreign", "foreign");

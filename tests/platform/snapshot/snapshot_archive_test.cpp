@@ -75,7 +75,7 @@ mode_t mode_of(const std::filesystem::path& path) {
   return status.st_mode;
 }
 
-// So many files that the bound on the decoded bytes lies far behind the archive's end.
+// So many files that the bound on decoded bytes is far larger than the archive.
 Files many_files() {
   Files files = {{"program", "x", 0755}};
   for (int i = 0; i < 20; ++i) {
@@ -100,7 +100,7 @@ class ExtractSnapshotTest : public ::testing::Test {
     extract_snapshot(sample.manifest, sample.archive, staging, progress, reserved);
   }
 
-  // What lies in the root beside the archive.
+  // The names in the root besides the archive.
   Names names() const {
     Names names = root.names();
     std::erase(names, "archive");
@@ -118,7 +118,7 @@ class ExtractSnapshotTest : public ::testing::Test {
     }
   }
 
-  // The extraction of these members fails, and leaves of the staging directory what is named.
+  // The extraction of these members fails, and leaves these names in the staging directory.
   void expect_refused(const std::string& tar, const char* code, const char* message,
                       const Names& left = {"staging/"}) const {
     const Sample spoiled = testing::write_tar_sample(root, files, tar);
@@ -127,13 +127,13 @@ class ExtractSnapshotTest : public ::testing::Test {
     std::filesystem::remove_all(staging);
   }
 
-  // The same for a member that stands ahead of all that is as it should be.
+  // The same for a wrong member in front of the right ones.
   void expect_member_refused(const TarMember& member, const char* code, const char* message) const {
     SCOPED_TRACE("member " + member.path + " of type " + member.type);
     expect_refused(tar_member(member) + tar_archive(members_of(files)), code, message);
   }
 
-  // The same for members with one of them changed, of which the one that is changed is the first.
+  // The same for the right members with the first of them changed.
   template <typename Change>
   void expect_change_refused(Change change, const char* code, const char* message,
                              const Names& left = {"staging/"}) const {
@@ -196,7 +196,7 @@ TEST_F(ExtractSnapshotTest, UnpacksWhatAnExtendedHeaderSaysNothingForeignOf) {
   Members members = members_of(files);
   members[0].extended = {{"mtime", "1234.5"}, {"uname", "somebody"}, {"comment", "none"}};
   members[1].extended = {{"size", std::to_string(members[1].content.size())}};
-  // Of an ordinary file, no link.
+  // The member stays an ordinary file in spite of this record.
   members[2].extended = {{"linkpath", "/etc/passwd"}};
   const TarMember global = {.path = "pax_global_header", .content = "20 comment=whatever\n", .type = 'g'};
   extract(testing::write_tar_sample(root, files, tar_member(global) + tar_archive(members)));
@@ -418,7 +418,7 @@ TEST_F(ExtractSnapshotTest, TellsATruncatedFrameAtWhateverPageItEnds) {
     for (const std::string& name : names()) {
       EXPECT_TRUE(allowed.contains(name)) << name;
     }
-    // What could not be completed is not there.
+    // A file that could not be completed is removed.
     const bool complete = size > files[1].content.size() + 5 * block_bytes;
     EXPECT_EQ(std::filesystem::exists(staging / "data/deep/large"), complete) << size;
     std::filesystem::remove_all(staging);
@@ -640,7 +640,7 @@ TEST_F(ExtractSnapshotTest, RefusesContentThatTheManifestDoesNotTell) {
                         {"staging/", "staging/bin/", "staging/bin/program"});
 }
 
-// Each of these members breaks every rule from its own on.
+// Each of these members breaks its rule and all later ones, so that the first rule in order must refuse it.
 TEST_F(ExtractSnapshotTest, ChecksAMemberInItsOrder) {
   const Members members = {{.path = "../\xff", .mode = 0600, .type = '2', .link_target = "x"},
                            {.path = "../outside", .mode = 0600, .type = '2', .link_target = "x"},

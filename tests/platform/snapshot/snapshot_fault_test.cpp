@@ -1,5 +1,5 @@
-// What a volume or a library does to a snapshot at its worst moment. The linker leads the calls through
-// the wrappers below, which a test lets fail.
+// Snapshots whose system or library calls fail. The linker leads the calls through the wrappers below, which a test
+// lets fail.
 
 #include <algorithm>
 #include <array>
@@ -33,7 +33,7 @@
 
 namespace {
 
-// What the calls answer in the place of the system or the library; nothing lets those answer.
+// The answers to give in place of the system's or the library's own, where there are any.
 struct Answers {
   bool blocks_can_be_held = true;
   bool contexts_can_be_made = true;
@@ -88,7 +88,7 @@ ssize_t __wrap_read(int descriptor, void* bytes, std::size_t size) {
   return answer ? *answer : __real_read(descriptor, bytes, std::min(size, answers.longest_read));
 }
 
-// A file stays the entry of its directory until the next one is read, or the directory is closed.
+// The entry that was read last, until the next one is read or the directory is closed.
 static dirent* told = nullptr;
 
 int __real_closedir(DIR* directory);
@@ -130,7 +130,7 @@ std::size_t __real_ZSTD_compressStream2(ZSTD_CCtx* context, ZSTD_outBuffer* outp
                                         ZSTD_EndDirective directive);
 std::size_t __wrap_ZSTD_compressStream2(ZSTD_CCtx* context, ZSTD_outBuffer* output, ZSTD_inBuffer* input,
                                         ZSTD_EndDirective directive) {
-  // The last numbers are the library's errors.
+  // The library returns its errors as the largest numbers.
   return answers.content_can_be_compressed ? __real_ZSTD_compressStream2(context, output, input, directive)
                                            : static_cast<std::size_t>(-1);
 }
@@ -184,7 +184,7 @@ class SnapshotFaultTest : public ::testing::Test {
     }
   }
 
-  // From now on, a file cannot be read: as soon as it is read the `countdown`th time.
+  // Lets the reads of a file fail, from the `countdown`th on.
   static void fail_reads_of(const std::filesystem::path& path, int countdown = 1) {
     answers.read = [path, countdown](const std::string& read) mutable -> std::optional<ssize_t> {
       if (read != path.native() || --countdown > 0) {

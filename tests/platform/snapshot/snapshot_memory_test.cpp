@@ -20,7 +20,7 @@ using testing::TemporaryRoot;
 
 constexpr std::uint64_t mebibyte = 1 << 20;
 constexpr std::uint64_t allowance = 16 * mebibyte;
-// Of the level that the tests pack with.
+// The level that the tests pack with, and its window.
 constexpr int level = 3;
 constexpr std::uint64_t window = 2 * mebibyte;
 

@@ -104,7 +104,7 @@ class SnapshotTreeTest : public ::testing::Test {
   }
 };
 
-// As deep as a managed path can be, which a tree walked by full paths would take minutes for.
+// A tree as deep as a managed path can be. A walk by full paths would take minutes.
 TEST_F(SnapshotTreeTest, PassesADeepChainOfDirectoriesWithFewDescriptors) {
   const testing::DeepTree chain(tree / "data", 2000);
   std::filesystem::remove_all(tree / "data" / "text");
@@ -447,7 +447,7 @@ TEST_F(SnapshotTreeTest, FollowsNoLinkThatComesAfterTheWalk) {
   EXPECT_FAILURE(damaged(10, swap), "unsafe_path", "Managed path contains a symbolic link");
 }
 
-// What is done to the tree behind the walk, ahead of the first file that is read.
+// Changes of the tree after the walk and before the first file is read.
 TEST_F(SnapshotTreeTest, FindsWhatBecomesOfAFileAfterTheWalk) {
   const struct {
     std::function<void()> event;
@@ -475,7 +475,7 @@ TEST_F(SnapshotTreeTest, FindsWhatBecomesOfAFileAfterTheWalk) {
   verify();
 }
 
-// Whatever was done to a tree, one of the two has something to say of it exactly when the other has.
+// Whatever was done to a tree, one of the two functions finds damage exactly when the other does.
 TEST_F(SnapshotTreeTest, IsWholeForTheOneWalkExactlyWhereItIsForTheOther) {
   const auto replace = [&](const std::string& path, const std::function<void()>& make) {
     std::filesystem::remove_all(tree / path);
@@ -509,7 +509,7 @@ TEST_F(SnapshotTreeTest, IsWholeForTheOneWalkExactlyWhereItIsForTheOther) {
       put_all();
     }
   }
-  // Nothing done, directories without files, and modes that forbid nothing.
+  // These trees are whole: unchanged, with empty directories, and with modes that do not matter.
   EXPECT_EQ(whole, 5 + 1 + 5 + 5 + 3);
 }
 
