@@ -95,6 +95,9 @@ class ExportFile {
   // Flushes the file and gives it its name, durably. Fails as atomic_create does.
   void commit();
 
+  // The open file, which keeps its lock, if it gets one, as long as the object lives.
+  int handle() const;
+
   // Takes the committed file away again, as far as that goes, if it still has its name: never another file.
   void remove() noexcept;
 
