@@ -181,8 +181,12 @@ TEST_F(PublishPackage, NamesThePlaceThatItCannotWriteTo) {
 
 TEST_F(PublishPackage, MakesTheMissingFoldersAboveItAndRemovesThemAfterAFailure) {
   publication.output = root / "new/deep/package";
-  EXPECT_FAILURE(publish_package(publication, [](std::uint64_t, std::uint64_t) { return false; }), "cancelled",
-                 "Operation cancelled at a safe boundary");
+  const auto failure =
+      testing::failure_of([&] { publish_package(publication, [](std::uint64_t, std::uint64_t) { return false; }); });
+  ASSERT_TRUE(failure);
+  EXPECT_EQ(failure->code, "cancelled");
+  EXPECT_TRUE(std::string(failure->what()).ends_with(".tar.zst: Operation cancelled at a safe boundary"))
+      << failure->what();
   EXPECT_FALSE(std::filesystem::exists(root / "new"));
   const PublishedPackage published = publish_package(publication, {});
   EXPECT_EQ(read_native_package(root / "new/deep/package", published.seal, {}).descriptor_sha256, published.seal);
