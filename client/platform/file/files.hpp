@@ -95,7 +95,7 @@ class ExportFile {
   // Flushes the file and gives it its name, durably. Fails as atomic_create does.
   void commit();
 
-  // The open file, which keeps its lock, if it gets one, as long as the object lives.
+  // The open file. A lock that it is given lasts as long as the object.
   int handle() const;
 
   // Takes the committed file away again, as far as that goes, if it still has its name: never another file.
