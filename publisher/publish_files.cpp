@@ -5,8 +5,14 @@
 #include "domain/crypto.hpp"
 #include "platform/file/file_operations.hpp"
 #include "platform/file/tree_removal.hpp"
+#include "publisher/leftovers.hpp"
 
 namespace ravok {
+namespace {
+
+constexpr const char* not_durable = "Could not durably synchronize directory";
+
+}  // namespace
 
 void require_absent(const std::filesystem::path& path) {
   require(is_missing(path), "output_exists", "The output already exists: " + path_utf8(path));
@@ -28,42 +34,102 @@ void make_output_folder(int parent, const std::string& name, const std::filesyst
   require(!problem && status, "file_write", "Cannot make the directory " + path_utf8(path));
 }
 
-void commit_or_remove(ExportFile& file) {
+NewFolders::NewFolders(const std::filesystem::path& folder) {
+  std::vector<std::filesystem::path> missing;
+  for (std::filesystem::path level = folder; !level.empty() && is_missing(level); level = level.parent_path()) {
+    missing.push_back(level);
+  }
   try {
-    file.commit();
-  } catch (const Error&) {
-    file.remove();
+    for (auto level = missing.rbegin(); level != missing.rend(); ++level) {
+      make(*level);
+    }
+  } catch (...) {
+    remove();
     throw;
   }
+}
+
+NewFolders::~NewFolders() { remove(); }
+
+void NewFolders::make(const std::filesystem::path& folder) {
+  const Result<Handle> parent = os::open(folder_of(folder), os::OpenAs::linked_directory);
+  require(parent.has_value(), "file_write", "Cannot make the directory " + path_utf8(folder));
+  try {
+    make_output_folder(parent->get(), name_of(folder), folder);
+  } catch (const Error&) {
+    // Another run may have made it meanwhile, and keeps it.
+    const auto status = link_status_of(folder);
+    if (status && is_directory(*status)) {
+      return;
+    }
+    throw;
+  }
+  made_.push_back(folder);
+  require(!os::flush(parent->get()), "file_sync", not_durable);
+}
+
+void NewFolders::remove() noexcept {
+  for (; !made_.empty(); made_.pop_back()) {
+    os::remove_directory(made_.back());
+  }
+}
+
+OutputFile::OutputFile(const std::filesystem::path& path, ExportAccess access) : folders_(folder_of(path)) {
+  if (const Result<Handle> folder = os::open(folder_of(path), os::OpenAs::linked_directory)) {
+    sweep_leftovers(folder->get());
+  }
+  do {
+    file_ = std::make_unique<ExportFile>(path, access);
+  } while (!hold_file(file_->handle()));
+}
+
+OutputFile::~OutputFile() {
+  if (!kept_) {
+    file_->remove();
+  }
+  // The file goes before its folder.
+  file_.reset();
+}
+
+void OutputFile::keep() {
+  kept_ = true;
+  folders_.keep();
 }
 
 NewOutput::NewOutput(const std::filesystem::path& path, std::string_view bytes, ExportAccess access)
     : file_(path, access) {
   file_.write(bytes);
-  commit_or_remove(file_);
+  file_.commit();
 }
 
-NewOutput::~NewOutput() {
-  if (!kept_) {
-    file_.remove();
+NewFolder::NewFolder(const std::filesystem::path& output) : output_(output), folders_(folder_of(output)) {
+  Result<Handle> parent = os::open(folder_of(output), os::OpenAs::linked_directory);
+  require(parent.has_value(), "file_write", "Cannot make the directory " + path_utf8(output));
+  parent_ = *std::move(parent);
+  sweep_leftovers(parent_.get());
+  while (!make()) {
   }
 }
 
-NewFolder::NewFolder(const std::filesystem::path& output)
-    : output_(output), path_(path_from_utf8(path_utf8(output) + "." + random_id() + ".tmp")), name_(name_of(path_)) {
-  Result<Handle> parent = os::open(output.parent_path(), os::OpenAs::linked_directory);
-  require(parent.has_value(), "file_write", "Cannot make the directory " + path_utf8(path_));
-  parent_ = *std::move(parent);
+// Returns false when another run has taken the directory for a leftover before it was held.
+bool NewFolder::make() {
+  path_ = path_from_utf8(path_utf8(output_) + "." + random_id() + ".tmp");
+  name_ = name_of(path_);
   make_output_folder(parent_.get(), name_, path_);
   Result<Handle> folder = os::open_at(parent_.get(), name_.c_str(), os::OpenAs::directory);
+  if (folder.problem() == Cause::missing) {
+    return false;
+  }
   require(folder.has_value(), "file_write", "Cannot make the directory " + path_utf8(path_));
   folder_ = *std::move(folder);
+  return hold_folder(parent_.get(), name_, folder_.get());
 }
 
 NewFolder::~NewFolder() {
   if (committed_) {
     return;
   }
+  // The directory goes before the one that it lies in.
   const auto made = status_of(folder_.get());
   const auto named = link_status_at(parent_.get(), name_.c_str());
   if (made && named && same_file(*made, *named)) {
@@ -72,7 +138,6 @@ NewFolder::~NewFolder() {
 }
 
 void NewFolder::commit() {
-  constexpr const char* not_durable = "Could not durably synchronize directory";
   require(!os::flush(folder_.get()), "file_sync", not_durable);
   std::string name = name_of(output_);
   require(!os::rename_exclusive(parent_.get(), name_.c_str(), parent_.get(), name.c_str()), "file_write",
@@ -80,6 +145,7 @@ void NewFolder::commit() {
   name_ = std::move(name);
   require(!os::flush(parent_.get()), "file_sync", not_durable);
   committed_ = true;
+  folders_.keep();
 }
 
 }  // namespace ravok

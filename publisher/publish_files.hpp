@@ -3,8 +3,10 @@
 #pragma once
 
 #include <filesystem>
+#include <memory>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "domain/error.hpp"
 #include "domain/paths.hpp"
@@ -17,7 +19,7 @@ namespace ravok {
 void require_absent(const std::filesystem::path& path);
 
 // Writes a file of mode 0644 that must not exist yet, durably. Fails with "insufficient_space", "file_write",
-// "file_sync" or "unsafe_path" as ExportFile does; then there is no file.
+// "file_sync" or "unsafe_path" as OutputFile does; then there is no file.
 void write_new_file(const std::filesystem::path& path, std::string_view bytes);
 
 // Makes a directory in an open one, with mode 0755 as limited by the process's mask, except that its owner gets all
@@ -41,32 +43,68 @@ auto about(const std::filesystem::path& path, Work work) {
   }
 }
 
-// Gives an output its name. Removes an output that could not be flushed, so that nothing stays that a power cut may
-// take back. Fails with "insufficient_space", "file_write" or "file_sync" as ExportFile::commit does.
-void commit_or_remove(ExportFile& file);
+// The missing directories on the way to a folder, and the folder itself. They are made with mode 0755 as limited by the
+// process's mask, durably, and removed again unless keep() is called, as far as nothing else has come into them.
+class NewFolders {
+ public:
+  // Makes what is missing. Fails with "file_write" and "file_sync".
+  explicit NewFolders(const std::filesystem::path& folder);
+  ~NewFolders();
+  NewFolders(const NewFolders&) = delete;
+  NewFolders& operator=(const NewFolders&) = delete;
 
-// A new file that is removed again unless keep() is called. Never removes another file that has come to its name.
+  void keep() { made_.clear(); }
+
+ private:
+  void make(const std::filesystem::path& folder);
+  void remove() noexcept;
+
+  std::vector<std::filesystem::path> made_;
+};
+
+// A new file that is written piece by piece, and removed again unless keep() is called. Never removes another file that
+// has come to its name. Makes the folder that it lies in, where it is missing, and first removes from it what killed
+// runs have left.
+class OutputFile {
+ public:
+  // Fails with "insufficient_space", "file_write" or "unsafe_path" as ExportFile does, and as NewFolders does.
+  explicit OutputFile(const std::filesystem::path& path, ExportAccess access = ExportAccess::everybody);
+  ~OutputFile();
+  OutputFile(const OutputFile&) = delete;
+  OutputFile& operator=(const OutputFile&) = delete;
+
+  void write(std::string_view bytes) { file_->write(bytes); }
+
+  // Gives the file its name, durably. A file that could not be flushed is removed, so that nothing stays that a power
+  // cut may take back. Fails as ExportFile::commit does.
+  void commit() { file_->commit(); }
+
+  void keep();
+
+ private:
+  NewFolders folders_;
+  std::unique_ptr<ExportFile> file_;
+  bool kept_ = false;
+};
+
+// An OutputFile whose bytes are all at hand.
 class NewOutput {
  public:
   // Writes the file. Fails as write_new_file does; then there is no file.
   NewOutput(const std::filesystem::path& path, std::string_view bytes, ExportAccess access = ExportAccess::everybody);
-  ~NewOutput();
-  NewOutput(const NewOutput&) = delete;
-  NewOutput& operator=(const NewOutput&) = delete;
 
-  void keep() { kept_ = true; }
+  void keep() { file_.keep(); }
 
  private:
-  ExportFile file_;
-  bool kept_ = false;
+  OutputFile file_;
 };
 
 // A directory that appears whole or not at all: it is filled beside its place, under another name, until commit() gives
 // it its own. Without a commit that succeeds, the object removes it when it goes, but never another directory that has
-// come to its name.
+// come to its name. Makes the folder that it lies in, and removes what killed runs have left there, as OutputFile does.
 class NewFolder {
  public:
-  // Makes the directory. Fails with "file_write".
+  // Makes the directory. Fails with "file_write", and as NewFolders does.
   explicit NewFolder(const std::filesystem::path& output);
   ~NewFolder();
   NewFolder(const NewFolder&) = delete;
@@ -80,7 +118,10 @@ class NewFolder {
   void commit();
 
  private:
+  bool make();
+
   std::filesystem::path output_;
+  NewFolders folders_;
   std::filesystem::path path_;
   std::string name_;  // its present one
   Handle parent_;

@@ -1,5 +1,8 @@
 #include "publisher/publish_root.hpp"
 
+#include <string_view>
+#include <utility>
+
 #include "domain/json.hpp"
 #include "platform/file/files.hpp"
 #include "publisher/publish_files.hpp"
@@ -12,9 +15,23 @@
 namespace ravok {
 namespace {
 
+void require_keys(const std::string& name, const RolePublication& role) {
+  require(!role.keys.empty(), "invalid_key", "The role " + name + " has no key");
+}
+
+void require_threshold(const std::string& name, const RolePublication& role) {
+  require(role.threshold >= 1 && role.threshold <= role.keys.size(), "invalid_threshold",
+          "The role " + name + " has " + std::to_string(role.keys.size()) + (role.keys.size() == 1 ? " key" : " keys") +
+              ", which cannot meet a threshold of " + std::to_string(role.threshold));
+}
+
+void require_unexpired(std::string_view expires) {
+  require(!has_passed(parse_tuf_time(expires)), "expired_metadata", "The root document would have expired already");
+}
+
 // Adds a role with its keys to the body of a root document.
 void add_role(Json& body, const std::string& name, const RolePublication& role) {
-  require(!role.keys.empty(), "invalid_key", "The role " + name + " has no key");
+  require_keys(name, role);
   Json ids = Json::array();
   for (const std::filesystem::path& file : role.keys) {
     const Json key = read_public_key(file);
@@ -25,9 +42,7 @@ void add_role(Json& body, const std::string& name, const RolePublication& role) 
     body["keys"][id] = key;
     ids.push_back(id);
   }
-  require(role.threshold >= 1 && role.threshold <= role.keys.size(), "invalid_threshold",
-          "The role " + name + " has " + std::to_string(role.keys.size()) + (role.keys.size() == 1 ? " key" : " keys") +
-              ", which cannot meet a threshold of " + std::to_string(role.threshold));
+  require_threshold(name, role);
   body["roles"][name] = {{"keyids", std::move(ids)}, {"threshold", role.threshold}};
 }
 
@@ -77,13 +92,24 @@ PublishedRoot publish_root(const RootPublication& publication) {
   return {output, signatures.size()};
 }
 
+void require_options(const RootPublication& publication) {
+  require_unexpired(publication.expires);
+  const std::pair<const char*, const RolePublication*> roles[] = {{"root", &publication.root},
+                                                                  {"timestamp", &publication.timestamp},
+                                                                  {"snapshot", &publication.snapshot},
+                                                                  {"targets", &publication.targets}};
+  for (const auto& [name, role] : roles) {
+    require_keys(name, *role);
+    require_threshold(name, *role);
+  }
+}
+
 void require_first_root(const std::string& text) {
   const Json root = parse_json(text, tuf_root_limit);
   shape(root, "root");
   const Json& body = root.at("signed");
   verify_threshold(root, body.at("keys"), body.at("roles").at("root"));
-  require(!has_passed(parse_tuf_time(text_at(body, "expires"))), "expired_metadata",
-          "The root document would have expired already");
+  require_unexpired(text_at(body, "expires"));
 }
 
 }  // namespace ravok

@@ -35,6 +35,10 @@ struct PublishedRoot {
 // and as shape and verify_threshold do.
 PublishedRoot publish_root(const RootPublication& publication);
 
+// Accepts only a publication of which nothing that can be judged without its key files is refused. Fails with
+// "invalid_expiry", "expired_metadata", and with "invalid_key" and "invalid_threshold" for a role.
+void require_options(const RootPublication& publication);
+
 // Accepts only a root document that is signed by its own keys and has not expired. Fails with "expired_metadata", and
 // as parse_json, shape and verify_threshold do ("invalid_json", "invalid_metadata", "signature_threshold").
 void require_first_root(const std::string& text);

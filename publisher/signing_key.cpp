@@ -107,10 +107,14 @@ SigningKey::~SigningKey() = default;
 SigningKey::SigningKey(SigningKey&&) noexcept = default;
 SigningKey& SigningKey::operator=(SigningKey&&) noexcept = default;
 
-SigningKey SigningKey::generate(std::string_view scheme) {
-  const SignatureScheme* const found = find_scheme(scheme);
-  require(found != nullptr, "unknown_scheme",
+void require_scheme(std::string_view scheme) {
+  require(find_scheme(scheme) != nullptr, "unknown_scheme",
           "There is no scheme " + std::string(scheme) + "; there are " + all_schemes());
+}
+
+SigningKey SigningKey::generate(std::string_view scheme) {
+  require_scheme(scheme);
+  const SignatureScheme* const found = find_scheme(scheme);
   Handle handle(make_key(*found));
   if (!handle) {
     library_failed();

@@ -51,6 +51,9 @@ class SigningKey {
   std::string id_;
 };
 
+// Accepts only the name of one of the ten schemes. Fails with "unknown_scheme".
+void require_scheme(std::string_view scheme);
+
 // Returns the identifier of a public key object: the digest of its canonical form. Fails with
 // "invalid_number".
 std::string key_id(const Json& key);

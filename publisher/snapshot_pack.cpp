@@ -1,12 +1,8 @@
 #include "publisher/snapshot_pack.hpp"
 
-#include <algorithm>
-#include <array>
 #include <cstddef>
 #include <exception>
-#include <limits>
 #include <memory>
-#include <set>
 #include <span>
 #include <utility>
 #include <vector>
@@ -18,7 +14,6 @@
 #include "domain/crypto.hpp"
 #include "domain/error.hpp"
 #include "domain/limits.hpp"
-#include "domain/path_tree.hpp"
 #include "domain/paths.hpp"
 #include "platform/file/file_operations.hpp"
 #include "platform/file/tree_walk.hpp"
@@ -27,104 +22,12 @@ namespace ravok {
 namespace {
 
 constexpr std::uint64_t maximum_bytes = std::uint64_t{1} << 42;
-constexpr std::size_t maximum_files = 100'000;
-// How deep directories may be nested. This is less than the client's own bound, so that the place of the installation
-// may lie some levels deep.
-constexpr std::ptrdiff_t maximum_depth = 96;
 constexpr int minimum_level = 1;
 constexpr int maximum_level = 19;
 
 [[noreturn]] void refuse(std::string_view code, std::string_view message, std::string_view path) {
   fail(code, std::string(message) + ": " + std::string(path));
 }
-
-// Runs a rule of the client's and names the path that it refuses.
-template <typename Rule>
-void require_rule(std::string_view path, Rule rule) {
-  try {
-    rule();
-  } catch (const Error& error) {
-    refuse(error.code, error.what(), path);
-  }
-}
-
-bool is_ascii(std::string_view path) {
-  return std::all_of(path.begin(), path.end(), [](char c) { return c >= 32 && c <= 126; });
-}
-
-class Scan {
- public:
-  void add(const TreeEntry& entry) {
-    require(++entries_ <= maximum_tree_entries, "size_limit", "Game directory entry count exceeds bounds");
-    if (entry.type == EntryType::directory) {
-      directories_.emplace(entry.path);
-      return;
-    }
-    if (entry.type != EntryType::file) {
-      refuse("archive_type", "Only ordinary files are accepted in snapshots", entry.path);
-    }
-    add_file(entry);
-  }
-
-  SnapshotInventory finish() {
-    require(!files_.empty(), "size_limit", "Package file count exceeds bounds");
-    require_no_empty_directory();
-    require_no_collision();
-    return std::move(files_);
-  }
-
- private:
-  void add_file(const TreeEntry& entry) {
-    require_rule(entry.path, [&] { validate_relative_path(entry.path, true); });
-    if (std::count(entry.path.begin(), entry.path.end(), '/') > maximum_depth) {
-      refuse("size_limit", "Package directories are nested too deeply", entry.path);
-    }
-    if (!is_ascii(entry.path)) {
-      refuse("invalid_manifest", "The v1 package profile requires ASCII file paths", entry.path);
-    }
-    const auto status = link_status_at(entry.directory, entry.name);
-    if (!status || !is_file(*status)) {
-      refuse("archive_type", "Only ordinary files are accepted in snapshots", entry.path);
-    }
-    SnapshotFile file;
-    file.length = status->size;
-    file.executable = status->permissions == permissions::program;
-    if (!file.executable && status->permissions != permissions::readable_file) {
-      refuse("invalid_manifest", "Package modes must be 0644 or 0755", entry.path);
-    }
-    if (file.length > maximum_bytes - total_) {
-      refuse("size_limit", "Expanded package exceeds size bounds", entry.path);
-    }
-    total_ += file.length;
-    require(files_.size() < maximum_files, "size_limit", "Package file count exceeds bounds");
-    files_.emplace(entry.path, file);
-  }
-
-  void require_no_empty_directory() const {
-    for (const std::string& directory : directories_) {
-      const std::string below = directory + "/";
-      const auto first = files_.lower_bound(below);
-      if (first == files_.end() || !first->first.starts_with(below)) {
-        refuse("archive_type", "Snapshots hold no empty directories", directory);
-      }
-    }
-  }
-
-  void require_no_collision() const {
-    PathTree paths;
-    for (const auto& entry : files_) {
-      require_rule(entry.first, [&] { paths.add_file(entry.first); });
-    }
-    if (const auto both = paths.file_above_another()) {
-      refuse("path_collision", "Package file is another file's parent directory", *both);
-    }
-  }
-
-  std::size_t entries_ = 0;
-  std::uint64_t total_ = 0;
-  SnapshotInventory files_;
-  std::set<std::string> directories_;
-};
 
 // Compresses what it is given into one frame, and digests what comes out.
 class Compressor {
@@ -263,8 +166,8 @@ Handle open_root(const std::filesystem::path& root) {
 
 class Packing {
  public:
-  Packing(const std::filesystem::path& root, std::uint64_t total, const ProgressCallback& progress)
-      : files_(open_root(root)), total_(total), progress_(progress), buffer_(piece_bytes) {}
+  Packing(const std::filesystem::path& root, std::uint64_t total, SnapshotModes modes, const ProgressCallback& progress)
+      : files_(open_root(root)), total_(total), modes_(modes), progress_(progress), buffer_(piece_bytes) {}
 
   // Adds a file to the archive and returns its digest.
   std::string add(const std::string& path, const SnapshotFile& expected, TarWriter& archive) {
@@ -299,11 +202,17 @@ class Packing {
       refuse("file_read", "Cannot open file", path);
     }
     const auto status = status_of(file->get());
-    const std::uint32_t mode = expected.executable ? permissions::program : permissions::readable_file;
-    if (!status || !is_file(*status) || status->permissions != mode || status->size != expected.length) {
+    if (!status || !is_file(*status) || !has_mode(*status, expected) || status->size != expected.length) {
       changed(path);
     }
     return *std::move(file);
+  }
+
+  bool has_mode(const Status& status, const SnapshotFile& expected) const {
+    if (modes_ == SnapshotModes::by_owner) {
+      return ((status.permissions & permissions::owner_executes) != 0) == expected.executable;
+    }
+    return status.permissions == (expected.executable ? permissions::program : permissions::readable_file);
   }
 
   std::size_t read_piece(int file, const std::string& path) {
@@ -317,20 +226,21 @@ class Packing {
   TreePaths files_;
   std::uint64_t done_ = 0;
   std::uint64_t total_;
+  SnapshotModes modes_;
   const ProgressCallback& progress_;
   std::vector<std::uint8_t> buffer_;
 };
 
 }  // namespace
 
-SnapshotInventory scan_snapshot_tree(const std::filesystem::path& root) {
-  Scan scan;
-  walk_tree(open_root(root), [&](const TreeEntry& entry) { scan.add(entry); });
-  return scan.finish();
+PackedArchive pack_snapshot(const std::filesystem::path& root, SnapshotInventory& inventory, int level,
+                            const std::function<void(std::string_view bytes)>& sink, const ProgressCallback& progress) {
+  return pack_snapshot(root, inventory, level, sink, progress, SnapshotModes::exact);
 }
 
 PackedArchive pack_snapshot(const std::filesystem::path& root, SnapshotInventory& inventory, int level,
-                            const std::function<void(std::string_view bytes)>& sink, const ProgressCallback& progress) {
+                            const std::function<void(std::string_view bytes)>& sink, const ProgressCallback& progress,
+                            SnapshotModes modes) {
   require(level >= minimum_level && level <= maximum_level, "usage", "The compression level is a number from 1 to 19");
   std::uint64_t total = 0;
   for (const auto& [path, file] : inventory) {
@@ -339,7 +249,7 @@ PackedArchive pack_snapshot(const std::filesystem::path& root, SnapshotInventory
   Compressor compressor(level, sink);
   {
     TarWriter archive(compressor);
-    Packing packing(root, total, progress);
+    Packing packing(root, total, modes, progress);
     report(progress, 0, total);
     for (auto& [path, file] : inventory) {
       file.sha256 = packing.add(path, file, archive);

@@ -13,8 +13,6 @@ namespace {
 constexpr std::string_view invalid_launcher = "invalid_manifest";
 constexpr std::string_view incompatible_launcher = "launcher_incompatible";
 constexpr std::string_view malformed_launcher = "Launcher manifest has missing or malformed fields";
-constexpr std::uint64_t maximum_launcher_bytes = 1'073'741'824;
-constexpr std::size_t maximum_launcher_files = 4096;
 constexpr std::size_t maximum_helpers = 16;
 constexpr std::array<std::string_view, 3> helper_roles = {"crash-handler", "maintenance", "maintenance-gui"};
 
@@ -42,8 +40,8 @@ void require_contract_value(const Json& document, const char* key, std::uint64_t
 }
 
 void require_bounded(const SnapshotManifest& manifest) {
-  require(manifest.archive_length <= maximum_launcher_bytes && manifest.expanded_length <= maximum_launcher_bytes &&
-              manifest.files.size() <= maximum_launcher_files,
+  require(manifest.archive_length <= launcher_limits::bytes && manifest.expanded_length <= launcher_limits::bytes &&
+              manifest.files.size() <= launcher_limits::files,
           "size_limit", "Launcher payload exceeds bounded native package limits");
 }
 

@@ -2,6 +2,7 @@
 // it, and the document by which a started launcher proves that it is that release.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <set>
 #include <string>
@@ -13,6 +14,14 @@ namespace ravok {
 
 // The version of the application's data that this system reads and writes.
 inline constexpr std::uint64_t current_application_schema = 1;
+
+// The most that a launcher may be.
+namespace launcher_limits {
+
+inline constexpr std::uint64_t bytes = 1'073'741'824;  // of the archive, and of all files
+inline constexpr std::size_t files = 4096;
+
+}  // namespace launcher_limits
 
 // A launcher release. The inherited `executable` is the entry point for the console.
 struct LauncherManifest : SnapshotManifest {

@@ -1,19 +1,36 @@
 // The commands of ravok-publish. Each adds itself to the program's command line, and runs once that has been read. The
-// program reports what a command throws.
+// program reports what a command returns or throws.
 #pragma once
 
 #include <functional>
+#include <string>
+#include <vector>
 
 #include <CLI/CLI.hpp>
+
+#include "domain/json.hpp"
 
 namespace ravok {
 
 // Answers whether the user asked to stop.
 using Cancelled = std::function<bool()>;
 
+// What is the same for every command.
+struct CommandRun {
+  Cancelled cancelled;
+  bool json = false;  // the result is printed as a document: nothing else is shown, no progress either
+};
+
+// What a command has done: as lines for people, or as a document for programs, to which the program adds the version of
+// its schema. Only the one that is printed needs to be there.
+struct CommandResult {
+  std::vector<std::string> lines;
+  Json document = Json::object();
+};
+
 struct PublishCommand {
-  const CLI::App* options;
-  std::function<void(const Cancelled&)> run;
+  CLI::App* options;
+  std::function<CommandResult(const CommandRun&)> run;
 };
 
 PublishCommand add_snapshot_command(CLI::App& program);

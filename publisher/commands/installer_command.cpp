@@ -4,26 +4,38 @@
 #include "domain/paths.hpp"
 #include "platform/process/process.hpp"
 #include "publisher/commands/commands.hpp"
+#include "publisher/commands/results.hpp"
 #include "publisher/commands/terminal.hpp"
 #include "publisher/publish_installer.hpp"
 
 namespace ravok {
 namespace {
 
-void publish(InstallerPublication publication, const Cancelled& cancelled) {
+CommandResult publish(InstallerPublication publication, const CommandRun& run) {
+  judge_options([&] {
+    require(publication.signing_identity.empty() || !publication.signer.empty(), "usage",
+            "Programs are signed on macOS alone");
+  });
   if (publication.program.empty()) {
     publication.program = current_executable_path().parent_path() / "ravok-install";
   }
   PublishedInstaller published;
   {
-    ProgressLine line("Assembling");
+    ProgressLine line("Assembling", !run.json);
     published = publish_installer(publication, [&](std::uint64_t done, std::uint64_t total) {
       line.show(done, total);
-      return !cancelled();
+      return !run.cancelled();
     });
   }
-  say({"Installer: " + path_utf8(published.program), "Package: " + path_utf8(published.package),
-       "Seal: " + published.seal});
+  CommandResult result;
+  result.lines = {"Installer: " + path_utf8(published.program), "Package: " + path_utf8(published.package),
+                  "Seal: " + published.seal};
+  if (run.json) {
+    result.document = {{"installer", described_file(published.program)},
+                       {"package", described_folder(published.package)},
+                       {"seal", published.seal}};
+  }
+  return result;
 }
 
 }  // namespace
@@ -40,7 +52,7 @@ PublishCommand add_installer_command(CLI::App& program) {
       ->add_option("--sign", publication->signing_identity,
                    "On macOS, the identity that signs the program; by default a signature that names nobody")
       ->type_name("IDENTITY");
-  return {command, [publication](const Cancelled& cancelled) { publish(*publication, cancelled); }};
+  return {command, [publication](const CommandRun& run) { return publish(*publication, run); }};
 }
 
 }  // namespace ravok

@@ -2,11 +2,14 @@
 #include <memory>
 #include <string>
 
+#include "app/brand/brand.hpp"
 #include "domain/error.hpp"
 #include "domain/paths.hpp"
 #include "publisher/commands/commands.hpp"
+#include "publisher/commands/results.hpp"
 #include "publisher/commands/terminal.hpp"
 #include "publisher/publish_package.hpp"
+#include "transport/https.hpp"
 
 namespace ravok {
 namespace {
@@ -57,7 +60,19 @@ FeaturedGame read_featured_game(const std::string& text) {
   return {text.substr(0, separator), text.substr(separator + 1)};
 }
 
-void publish(const CLI::App& command, const PackageOptions& options, const Cancelled& cancelled) {
+void require_options(const PackagePublication& publication) {
+  require_plain_origin(publication.origin);
+  if (publication.brand) {
+    const BrandPublication& brand = *publication.brand;
+    parse_brand(
+        {{"name", brand.name}, {"id", brand.id}, {"publisher", brand.publisher}, {"icon", !brand.icon.empty()}});
+  }
+  if (publication.featured_game) {
+    require_featured_game(*publication.featured_game);
+  }
+}
+
+CommandResult publish(const CLI::App& command, const PackageOptions& options, const CommandRun& run) {
   PackagePublication publication = options.publication;
   if (command.count("--brand-name") > 0) {
     publication.brand = options.brand;
@@ -65,16 +80,23 @@ void publish(const CLI::App& command, const PackageOptions& options, const Cance
   if (command.count("--featured-game") > 0) {
     publication.featured_game = read_featured_game(options.featured_game);
   }
+  judge_options([&] { require_options(publication); });
   PublishedPackage published;
   {
-    ProgressLine line("Assembling");
+    ProgressLine line("Assembling", !run.json);
     published = publish_package(publication, [&](std::uint64_t done, std::uint64_t total) {
       line.show(done, total);
-      return !cancelled();
+      return !run.cancelled();
     });
   }
-  say({"Package: " + path_utf8(published.directory) + " (" + shown_size(published.length) + ")",
-       "Seal: " + published.seal});
+  CommandResult result;
+  result.lines = {"Package: " + path_utf8(published.directory) + " (" + shown_size(published.length) + ")",
+                  "Seal: " + published.seal};
+  if (run.json) {
+    result.document = {
+        {"package", described_folder(published.directory)}, {"length", published.length}, {"seal", published.seal}};
+  }
+  return result;
 }
 
 }  // namespace
@@ -83,7 +105,7 @@ PublishCommand add_package_command(CLI::App& program) {
   const auto options = std::make_shared<PackageOptions>();
   CLI::App* const command = program.add_subcommand("package", "Assembles the sealed package of a first installation");
   add_options(*command, *options);
-  return {command, [command, options](const Cancelled& cancelled) { publish(*command, *options, cancelled); }};
+  return {command, [command, options](const CommandRun& run) { return publish(*command, *options, run); }};
 }
 
 }  // namespace ravok

@@ -2,10 +2,13 @@
 
 #include <algorithm>
 #include <array>
+#include <cstddef>
 #include <cstdio>
 #include <exception>
+#include <new>
 #include <sstream>
 #include <string>
+#include <string_view>
 
 #include <CLI/CLI.hpp>
 
@@ -13,10 +16,20 @@
 #include "domain/error.hpp"
 #include "domain/exit_code.hpp"
 #include "publisher/commands/commands.hpp"
+#include "publisher/commands/results.hpp"
 #include "publisher/commands/terminal.hpp"
+#include "publisher/snapshot_refusals.hpp"
 
 namespace ravok {
 namespace {
+
+constexpr const char* json_option = "--json";
+constexpr const char* footer =
+    "Exit codes:\n"
+    "  0  Done.\n"
+    "  1  Failed, for any reason but the two below.\n"
+    "  2  The command line is wrong: its form, or an option's value that is refused without a look at any file.\n"
+    "  4  Cancelled.";
 
 // Returns what the library says of a wrong command line, with the user's own words escaped for a terminal.
 std::string shown_failure(const CLI::App* command, const CLI::Error& problem) {
@@ -24,14 +37,42 @@ std::string shown_failure(const CLI::App* command, const CLI::Error& problem) {
       command, CLI::Error(problem.get_name(), shown_text(problem.what()), problem.get_exit_code()));
 }
 
-// Prints the help that was asked for, or what is wrong with the command line.
-int answer(CLI::App& program, const CLI::ParseError& problem) {
-  std::ostringstream help;
+Json problem_of(const Error& error) { return {{"code", error.code}, {"message", json_text(error.what())}}; }
+
+Json problem_of(const SnapshotRefused& error) {
+  Json problem = problem_of(static_cast<const Error&>(error));
+  problem["refused_count"] = error.count;
+  problem["refused"] = Json::array();
+  for (const SnapshotRefusal& refusal : error.refusals) {
+    problem["refused"].push_back({{"code", refusal.code},
+                                  {"name", json_text(refusal.name)},
+                                  {"rule", refusal.rule},
+                                  {"limit", refusal.limit},
+                                  {"value", json_text(refusal.value)}});
+  }
+  return problem;
+}
+
+// What standard output refuses is told once, where the result itself cannot be printed.
+void print_problem(const Json& problem) {
+  const std::string text = Json({{"schema_version", 1}, {"problem", problem}}).dump() + "\n";
+  std::fputs(text.c_str(), stdout);
+  std::fflush(stdout);
+}
+
+// Prints the help or the version that was asked for, or what is wrong with the command line.
+int answer(CLI::App& program, const CLI::ParseError& problem, bool json) {
+  std::ostringstream asked_for;
   std::ostringstream failure;
-  const bool asked = program.exit(problem, help, failure) == 0;
+  if (program.exit(problem, asked_for, failure) == 0) {
+    print(asked_for.str());
+    return 0;
+  }
+  if (json) {
+    print_problem({{"code", "usage"}, {"message", shown_text(problem.what())}});
+  }
   std::fputs(failure.str().c_str(), stderr);
-  print(help.str());
-  return asked ? 0 : 2;
+  return 2;
 }
 
 // Returns the command that was named. The library has made sure that there is exactly one.
@@ -39,27 +80,75 @@ const PublishCommand& chosen(const std::array<PublishCommand, 5>& commands) {
   return *std::find_if(commands.begin(), commands.end(), [](const auto& one) { return one.options->parsed(); });
 }
 
-}  // namespace
+void run_command(const PublishCommand& command, const CommandRun& run) {
+  CommandResult result = command.run(run);
+  if (run.json) {
+    result.document["schema_version"] = 1;
+    print(result.document.dump() + "\n");
+  } else {
+    say(result.lines);
+  }
+}
 
-int run_publish_console(int count, const char* const* words, const std::function<bool()>& cancelled) {
+int run_program(int count, const char* const* words, CommandRun& run) {
   CLI::App program("Makes what the client reads.", "ravok-publish");
   program.require_subcommand(1);
   program.failure_message(shown_failure);
+  program.set_version_flag("--version", "ravok-publish " RAVOK_VERSION, "Prints the program's version");
+  program.footer(footer);
   const std::array<PublishCommand, 5> commands = {add_snapshot_command(program), add_key_command(program),
                                                   add_root_command(program), add_package_command(program),
                                                   add_installer_command(program)};
+  for (const PublishCommand& command : commands) {
+    command.options->add_flag(json_option)->description("Prints the result, or the problem, as one JSON document");
+  }
   try {
-    try {
-      program.parse(count, words);
-    } catch (const CLI::ParseError& problem) {
-      return answer(program, problem);
+    program.parse(count, words);
+  } catch (const CLI::ParseError& problem) {
+    return answer(program, problem, run.json);
+  }
+  const PublishCommand& command = chosen(commands);
+  run.json = command.options->count(json_option) > 0;
+  run_command(command, run);
+  return 0;
+}
+
+}  // namespace
+
+int run_publish_console(int count, const char* const* words, const std::function<bool()>& cancelled) {
+  // A command line that cannot be read is answered in a document too, so this does not wait for its reading.
+  const bool asked = std::any_of(words, words + count, [](std::string_view word) { return word == json_option; });
+  CommandRun run = {cancelled, asked};
+  const bool& json = run.json;
+  try {
+    return run_program(count, words, run);
+  } catch (const SnapshotRefused& error) {
+    if (json) {
+      print_problem(problem_of(error));
     }
-    chosen(commands).run(cancelled);
-    return 0;
+    for (const std::string& line : error.lines()) {
+      complain(line);
+    }
+    return 1;
   } catch (const Error& error) {
+    if (json) {
+      print_problem(problem_of(error));
+    }
     complain(error.what());
     return exit_code(error);
+  } catch (const std::bad_alloc&) {
+    constexpr const char* message = "Out of memory";
+    if (json) {
+      std::fputs(R"({"problem":{"code":"publish_failed","message":"Out of memory"},"schema_version":1})"
+                 "\n",
+                 stdout);
+    }
+    complain(message);
+    return 1;
   } catch (const std::exception& problem) {
+    if (json) {
+      print_problem({{"code", "publish_failed"}, {"message", json_text(problem.what())}});
+    }
     complain(problem.what());
     return 1;
   }

@@ -5,7 +5,7 @@
 
 #include "domain/paths.hpp"
 #include "publisher/commands/commands.hpp"
-#include "publisher/commands/terminal.hpp"
+#include "publisher/commands/results.hpp"
 #include "publisher/publish_root.hpp"
 
 namespace ravok {
@@ -19,10 +19,16 @@ void add_role(CLI::App& command, const std::string& role, const std::string& key
       ->type_name("N");
 }
 
-void publish(const RootPublication& publication) {
+CommandResult publish(const RootPublication& publication, const CommandRun& run) {
+  judge_options([&] { require_options(publication); });
   const PublishedRoot published = publish_root(publication);
-  say({"Root with " + std::to_string(published.signatures) +
-       (published.signatures == 1 ? " signature: " : " signatures: ") + path_utf8(published.file)});
+  CommandResult result;
+  result.lines = {"Root with " + std::to_string(published.signatures) +
+                  (published.signatures == 1 ? " signature: " : " signatures: ") + path_utf8(published.file)};
+  if (run.json) {
+    result.document = {{"root", described_file(published.file)}, {"signatures", published.signatures}};
+  }
+  return result;
 }
 
 }  // namespace
@@ -39,7 +45,7 @@ PublishCommand add_root_command(CLI::App& program) {
   add_role(*command, "timestamp", "A key file of the role timestamp; may be given again", publication->timestamp);
   add_role(*command, "snapshot", "A key file of the role snapshot; may be given again", publication->snapshot);
   add_role(*command, "targets", "A key file of the role targets; may be given again", publication->targets);
-  return {command, [publication](const Cancelled&) { publish(*publication); }};
+  return {command, [publication](const CommandRun& run) { return publish(*publication, run); }};
 }
 
 }  // namespace ravok

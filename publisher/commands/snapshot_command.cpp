@@ -4,6 +4,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "domain/error.hpp"
@@ -12,6 +13,7 @@
 #include "platform/file/files.hpp"
 #include "platform/process/native_platform.hpp"
 #include "publisher/commands/commands.hpp"
+#include "publisher/commands/results.hpp"
 #include "publisher/commands/terminal.hpp"
 #include "publisher/publish_snapshot.hpp"
 
@@ -29,6 +31,9 @@ struct SnapshotOptions {
   std::string presentation_file;
   std::string release_notes_file;
   std::vector<std::string> helpers;
+  std::vector<std::string> exclude;
+  bool normalize_modes = false;
+  bool check = false;
 };
 
 void add_snapshot_options(CLI::App& command, SnapshotOptions& options) {
@@ -41,7 +46,9 @@ void add_snapshot_options(CLI::App& command, SnapshotOptions& options) {
   command.add_option("--executable", publication.executable, "The program to start, below TREE")
       ->required()
       ->type_name("PATH");
-  command.add_option("--output", publication.output, "Where to write archive and manifest; by default here")
+  command
+      .add_option("--output", publication.output,
+                  "Where to write archive and manifest, made if missing; by default here")
       ->type_name("DIR");
   command.add_option("--platform", publication.platform, "By default the one that this program was built for")
       ->type_name("NAME");
@@ -63,6 +70,15 @@ void add_snapshot_options(CLI::App& command, SnapshotOptions& options) {
       ->type_name("FILE");
   command.add_option("--release-notes", options.release_notes_file, "The release's notes, a text file")
       ->type_name("FILE");
+  command
+      .add_option("--exclude", options.exclude,
+                  "Leaves out the paths below TREE that match, with all below them; may be given again. * stands for "
+                  "any characters of a name, and ** for any names; without / a name at any depth is matched")
+      ->allow_extra_args(false)
+      ->type_name("PATTERN");
+  command.add_flag("--normalize-modes", options.normalize_modes,
+                   "Takes every file as one of mode 0755 if its owner may execute it, otherwise of mode 0644");
+  command.add_flag("--check", options.check, "Judges TREE and writes nothing");
   command.add_flag("--sdk-required", publication.sdk_required, "The game needs the client's SDK");
 }
 
@@ -112,6 +128,11 @@ void complete(SnapshotOptions& options) {
   for (const std::string& helper : options.helpers) {
     publication.helpers.push_back(read_helper(helper));
   }
+  for (const std::string& pattern : options.exclude) {
+    publication.scan.exclude.emplace_back(pattern);
+  }
+  publication.scan.modes = options.normalize_modes ? SnapshotModes::by_owner : SnapshotModes::exact;
+  judge_options([&] { require_options(publication); });
   if (!options.presentation_file.empty()) {
     publication.presentation = parse_json(read_file(path_from_utf8(options.presentation_file), text_limit), text_limit);
   }
@@ -120,21 +141,85 @@ void complete(SnapshotOptions& options) {
   }
 }
 
-void publish(const CLI::App& command, SnapshotOptions& options, const Cancelled& cancelled) {
+// Tells of the look through the tree, and of patterns that match nothing there.
+class Listener {
+ public:
+  explicit Listener(const CommandRun& run) : run_(run), line_(std::in_place, "Looking through the tree", !run.json) {}
+
+  SnapshotListener listener() {
+    return {[this](std::uint64_t seen, std::uint64_t) {
+              line_->show_count(seen);
+              return !run_.cancelled();
+            },
+            [this](const std::string& pattern) {
+              line_.reset();
+              complain("--exclude matches nothing: " + pattern);
+              unmatched_.push_back(json_text(pattern));
+            }};
+  }
+
+  // Clears the line, because other work follows.
+  void finish() { line_.reset(); }
+  const Json& unmatched() const { return unmatched_; }
+
+ private:
+  const CommandRun& run_;
+  std::optional<ProgressLine> line_;
+  Json unmatched_ = Json::array();
+};
+
+CommandResult check(const SnapshotPublication& publication, const CommandRun& run) {
+  Listener listener(run);
+  const PublishedSnapshot judged = check_snapshot(publication, listener.listener());
+  listener.finish();
+  CommandResult result;
+  result.lines = {"Nothing is refused of " + std::to_string(judged.files) + " files, " +
+                  shown_size(judged.expanded_length) + "; nothing was written"};
+  result.document = {{"checked_only", true},
+                     {"files", judged.files},
+                     {"expanded_length", judged.expanded_length},
+                     {"archive", {{"path", json_text(path_utf8(judged.archive))}}},
+                     {"manifest", {{"path", json_text(path_utf8(judged.manifest))}}},
+                     {"unmatched_excludes", listener.unmatched()}};
+  return result;
+}
+
+CommandResult pack(const SnapshotPublication& publication, const CommandRun& run) {
+  Listener listener(run);
+  PublishedSnapshot published;
+  {
+    ProgressLine line("Packing", !run.json);
+    const auto progress = [&](std::uint64_t done, std::uint64_t total) {
+      listener.finish();
+      line.show(done, total);
+      return !run.cancelled();
+    };
+    published = publish_snapshot(publication, progress, listener.listener());
+  }
+  CommandResult result;
+  result.lines = {"Packed " + std::to_string(published.files) + " files, " + shown_size(published.expanded_length) +
+                      ", into " + path_utf8(published.archive) + " (" + shown_size(published.archive_length) + ")",
+                  "Manifest: " + path_utf8(published.manifest)};
+  result.document = {{"checked_only", false},
+                     {"files", published.files},
+                     {"expanded_length", published.expanded_length},
+                     {"archive",
+                      {{"path", json_text(path_utf8(published.archive))},
+                       {"length", published.archive_length},
+                       {"sha256", published.archive_sha256}}},
+                     {"manifest",
+                      {{"path", json_text(path_utf8(published.manifest))},
+                       {"length", published.manifest_length},
+                       {"sha256", published.manifest_sha256}}},
+                     {"unmatched_excludes", listener.unmatched()}};
+  return result;
+}
+
+CommandResult publish(const CLI::App& command, SnapshotOptions& options, const CommandRun& run) {
   options.publication.kind = read_kind(options.kind);
   require_options_of_kind(command, options.publication);
   complete(options);
-  PublishedSnapshot published;
-  {
-    ProgressLine line("Packing");
-    published = publish_snapshot(options.publication, [&](std::uint64_t done, std::uint64_t total) {
-      line.show(done, total);
-      return !cancelled();
-    });
-  }
-  say({"Packed " + std::to_string(published.files) + " files, " + shown_size(published.expanded_length) + ", into " +
-           path_utf8(published.archive) + " (" + shown_size(published.archive_length) + ")",
-       "Manifest: " + path_utf8(published.manifest)});
+  return options.check ? check(options.publication, run) : pack(options.publication, run);
 }
 
 }  // namespace
@@ -143,7 +228,7 @@ PublishCommand add_snapshot_command(CLI::App& program) {
   const auto options = std::make_shared<SnapshotOptions>();
   CLI::App* const command = program.add_subcommand("snapshot", "Packs a directory into an archive and its manifest");
   add_snapshot_options(*command, *options);
-  return {command, [command, options](const Cancelled& cancelled) { publish(*command, *options, cancelled); }};
+  return {command, [command, options](const CommandRun& run) { return publish(*command, *options, run); }};
 }
 
 }  // namespace ravok

@@ -46,7 +46,8 @@ void complain(const std::string& line) {
   }
 }
 
-ProgressLine::ProgressLine(std::string work) : work_(std::move(work)), terminal_(os::is_terminal(2)) {}
+ProgressLine::ProgressLine(std::string work, bool shown)
+    : work_(std::move(work)), terminal_(shown && os::is_terminal(2)) {}
 
 ProgressLine::~ProgressLine() {
   if (last_ >= 0) {
@@ -59,6 +60,15 @@ void ProgressLine::show(std::uint64_t done, std::uint64_t total) {
   if (terminal_ && percent != last_) {
     std::fprintf(stderr, "\r%s… %d %%", work_.c_str(), percent);
     last_ = percent;
+  }
+}
+
+void ProgressLine::show_count(std::uint64_t count) {
+  constexpr std::uint64_t step = 1000;
+  const auto steps = static_cast<std::int64_t>(count / step);
+  if (terminal_ && steps != last_) {
+    std::fprintf(stderr, "\r%s… %llu", work_.c_str(), static_cast<unsigned long long>(count));
+    last_ = steps;
   }
 }
 

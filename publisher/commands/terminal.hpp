@@ -19,21 +19,25 @@ void say(const std::vector<std::string>& lines);
 // Writes a line to standard error, escaped for a terminal.
 void complain(const std::string& line);
 
-// A line on a terminal that counts up to a hundred and is cleared when the object goes. Shows nothing elsewhere.
+// A line on a terminal that tells how far some work is, and is cleared when the object goes. Shows nothing elsewhere.
 class ProgressLine {
  public:
-  // `work` names what is done, such as "Packing".
-  explicit ProgressLine(std::string work);
+  // `work` names what is done, such as "Packing". Without `shown`, nothing is shown on a terminal either.
+  explicit ProgressLine(std::string work, bool shown = true);
   ~ProgressLine();
   ProgressLine(const ProgressLine&) = delete;
   ProgressLine& operator=(const ProgressLine&) = delete;
 
+  // Shows a part in percent.
   void show(std::uint64_t done, std::uint64_t total);
+
+  // Shows a number that grows, in steps of a thousand.
+  void show_count(std::uint64_t count);
 
  private:
   std::string work_;
   bool terminal_;
-  int last_ = -1;
+  std::int64_t last_ = -1;
 };
 
 }  // namespace ravok

@@ -1,5 +1,8 @@
 // The commands of ravok-publish that come after the snapshots: keys, the first root, the package.
 
+#include <algorithm>
+#include <cstddef>
+#include <filesystem>
 #include <string>
 #include <vector>
 
@@ -65,7 +68,7 @@ TEST_F(PublishRepository, SaysWhatKeyItMadeAndNeverShowsThePrivateOne) {
 }
 
 TEST_F(PublishRepository, RefusesAKeyOfNoSchemeAndASecondKeyOfTheSameName) {
-  expect_refused({"key", root / "key", "--scheme", "none"}, 1,
+  expect_refused({"key", root / "key", "--scheme", "none"}, 2,
                  "There is no scheme none; there are rsassa-pss-sha256, rsassa-pss-sha384, rsassa-pss-sha512, "
                  "ecdsa-sha2-nistp256, ecdsa-sha2-nistp384, ecdsa-sha2-nistp521, ed25519, ml-dsa-44/1, ml-dsa-65/1, "
                  "ml-dsa-87/1\n");
@@ -156,12 +159,102 @@ TEST_F(PublishRepository, RefusesAnInstallerOfAnotherProgramOrWithoutAPackage) {
                  program + ": The program has no place for a package seal\n");
   expect_refused({"installer", package, folder, "--program", RAVOK_PUBLISH}, 1,
                  std::string(RAVOK_PUBLISH) + ": The program has no place for a package seal\n");
-  const std::string own = std::filesystem::path(RAVOK_PUBLISH).parent_path() / "ravok-install";
-  expect_refused({"installer", package, folder, "--sign", "-"}, 1, own + ": Programs are signed on macOS alone\n");
+  expect_refused({"installer", package, folder, "--sign", "-"}, 2, "Programs are signed on macOS alone\n");
   expect_refused({"installer"}, 2, std::string("PACKAGE is required") + see_help);
   expect_refused({"installer", package}, 2, std::string("DIR is required") + see_help);
   expect_refused({"installer", root / "none", folder}, 1,
                  "Cannot open file: " + (root / "none/initial-package.json").native() + "\n");
+}
+
+// Everything that can be seen to be wrong without a look at any file ends with 2.
+TEST_F(PublishRepository, TellsAWrongCommandLineFromEveryOtherFailure) {
+  expect_published({"key", root / "key"});
+  const auto changed = [](Arguments arguments, std::size_t at, const std::string& value) {
+    arguments.at(at) = value;
+    return arguments;
+  };
+  const auto with = [](Arguments arguments, const Arguments& more) {
+    arguments.insert(arguments.end(), more.begin(), more.end());
+    return arguments;
+  };
+  const std::string missing = root / "missing";
+  const Arguments package = {"package", root / "package", "--bootstrap", missing,    "--launcher",
+                             missing,   "--root",         missing,       "--origin", "https://updates.example.com"};
+  const Arguments brand = with(package, {"--brand-name", "Acme", "--brand-id", "acme", "--brand-publisher", "Acme"});
+  const struct {
+    Arguments arguments;
+    int exit_code;
+    std::string message;
+  } cases[] = {
+      {changed(root_arguments(), 3, "tomorrow"), 2, "Expiry must use a UTC ISO-8601 timestamp"},
+      {changed(root_arguments(), 3, "2001-01-01T00:00:00Z"), 2, "The root document would have expired already"},
+      {with(root_arguments(), {"--targets-threshold", "2"}), 2,
+       "The role targets has 1 key, which cannot meet a threshold of 2"},
+      {with(root_arguments(), {"--root-threshold", "0"}), 2,
+       "The role root has 1 key, which cannot meet a threshold of 0"},
+      {changed(root_arguments(), 5, missing), 1, "Cannot open file: " + missing},
+      {with(brand, {"--featured-game", "a b=Game"}), 2,
+       "Game and build IDs use lower-case letters, digits, dots and hyphens"},
+      {with(brand, {"--featured-game", "game="}), 2, "Featured game name must be 1 to 80 bytes"},
+      {package, 1, "Cannot open file: " + missing}};
+  for (const auto& refused : cases) {
+    expect_refused(refused.arguments, refused.exit_code, refused.message + "\n");
+  }
+  for (const Arguments& refused : {changed(package, 9, "http://updates.example.com"), changed(package, 9, "nonsense"),
+                                   changed(brand, 11, "a/b"), changed(brand, 13, "A B")}) {
+    const ProgramResult result = publisher(refused);
+    EXPECT_EQ(result.exit_code, 2) << result.errors;
+    EXPECT_EQ(result.output, "");
+    EXPECT_FALSE(std::filesystem::exists(root / "package"));
+  }
+}
+
+TEST_F(PublishRepository, MakesTheMissingFoldersOfItsOutputs) {
+  expect_published({"key", root / "keys/deep/key"});
+  const std::string key = root / "keys/deep/key";
+  Arguments arguments = root_arguments();
+  arguments.at(1) = root / "out/root.json";
+  arguments.at(5) = key;
+  for (const std::size_t at : {7u, 9u, 11u}) {
+    arguments.at(at) = key + ".pub";
+  }
+  expect_published(arguments);
+  EXPECT_TRUE(std::filesystem::exists(root / "out/root.json"));
+  const std::string package = root / "package";
+  testing::InitialPackage().write(package);
+  expect_published({"installer", package, root / "made/for/it"});
+  EXPECT_TRUE(std::filesystem::exists(root / "made/for/it/ravok-install"));
+}
+
+TEST_F(PublishRepository, PrintsResultsAsDocuments) {
+  const auto described = [&](const std::string& name) {
+    const std::string bytes = root.read(name);
+    return Json{{"path", (root / name).native()}, {"length", bytes.size()}, {"sha256", digest(bytes, "sha256")}};
+  };
+  const Json key = Json::parse(expect_published({"key", root / "key", "--json"}));
+  EXPECT_EQ(key, (Json{{"schema_version", 1},
+                       {"key_id", digest(canonical_json(Json::parse(root.read("key.pub"))), "sha256")},
+                       {"scheme", "ed25519"},
+                       {"private_key", {{"path", (root / "key").native()}}},
+                       {"public_key", described("key.pub")}}));
+  Arguments arguments = root_arguments();
+  arguments.emplace_back("--json");
+  const Json root_result = Json::parse(expect_published(arguments));
+  EXPECT_EQ(root_result, (Json{{"schema_version", 1}, {"signatures", 1}, {"root", described("root.json")}}));
+  const std::string seal = testing::InitialPackage().write(root / "package");
+  const Json installer = Json::parse(expect_published({"installer", root / "package", root / "installer", "--json"}));
+  EXPECT_EQ(installer.at("seal"), seal);
+  EXPECT_EQ(installer.at("installer"), described("installer/ravok-install"));
+  const Json& files = installer.at("package").at("files");
+  std::size_t seen = 0;
+  for (const auto& entry : std::filesystem::directory_iterator(root / "package")) {
+    const std::string name = entry.path().filename();
+    const std::string bytes = root.read("package/" + name);
+    const Json expected = {{"name", name}, {"length", bytes.size()}, {"sha256", digest(bytes, "sha256")}};
+    EXPECT_EQ(std::count(files.begin(), files.end(), expected), 1) << name;
+    ++seen;
+  }
+  EXPECT_EQ(files.size(), seen);
 }
 
 TEST_F(PublishRepository, NamesItsCommandsWhereNoneIsGiven) {

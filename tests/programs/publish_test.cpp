@@ -29,6 +29,7 @@
 #include "support/process.hpp"
 #include "support/snapshot_builder.hpp"
 #include "support/temporary_root.hpp"
+#include "support/with_mask.hpp"
 
 namespace ravok::publish_test {
 namespace {
@@ -372,14 +373,14 @@ TEST_F(PublishTest, RefusesNamesThatDifferOnlyInCase) {
   put_program();
   put("tree/README");
   put("tree/readme");
-  expect_tree_refused("Package contains duplicate or case-colliding paths: readme");
+  expect_tree_refused("Package contains duplicate or case-colliding paths: readme\nIt clashes with: README");
   std::filesystem::remove(tree / "README");
   put("tree/Dir/one");
   put("tree/dir/two");
-  expect_tree_refused("Package directories differ only in case: dir/two");
+  expect_tree_refused("Package directories differ only in case: dir/two\nIt clashes with: Dir");
   std::filesystem::remove_all(tree / "Dir");
   put("tree/DIR");
-  expect_tree_refused("Package file is another file's parent directory: dir");
+  expect_tree_refused("Package file is another file's parent directory: dir\nIt clashes with: DIR");
 }
 
 TEST_F(PublishTest, RefusesATreeThatIsNone) {
@@ -447,12 +448,44 @@ TEST_F(PublishTest, WritesNothingIntoTheTree) {
 TEST_F(PublishTest, NeedsADirectoryToWriteTo) {
   put_program();
   put("file");
-  for (const char* name : {"missing", "file"}) {
-    Arguments arguments = of_game();
-    arguments[9] = root / name;
-    expect_refused(arguments, 1, "Export parent must be an existing plain directory\n");
+  Arguments arguments = of_game();
+  arguments[9] = root / "file";
+  expect_refused(arguments, 1, "Export parent must be an existing plain directory\n");
+  arguments[9] = root / "file/below";
+  expect_refused(arguments, 1, "Cannot make the directory " + (root / "file/below").native() + "\n");
+  EXPECT_EQ(root.read("file"), "x");
+}
+
+TEST_F(PublishTest, MakesTheMissingFoldersOfItsOutput) {
+  put_program();
+  Arguments arguments = of_game();
+  arguments[9] = root / "new/and/deep";
+  const testing::WithMask mask(027);
+  expect_published(arguments);
+  for (const char* folder : {"new", "new/and", "new/and/deep"}) {
+    struct stat status;
+    ASSERT_EQ(lstat((root / folder).c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 07777, 0750u) << folder;
   }
-  EXPECT_FALSE(std::filesystem::exists(root / "missing"));
+  EXPECT_TRUE(std::filesystem::exists(root / "new/and/deep" / (game + ".manifest.json")));
+}
+
+TEST_F(PublishTest, LeavesNoFolderThatItMadeForNothing) {
+  put_program();
+  put("tree/bin/second", "x", 0600);
+  Arguments arguments = of_game({"--level", "1"});
+  arguments[9] = root / "new/deep";
+  expect_refused(arguments, 1, "Package modes must be 0644 or 0755: bin/second\n");
+  EXPECT_FALSE(std::filesystem::exists(root / "new"));
+  std::filesystem::remove(tree / "bin/second");
+  put("tree/large");
+  std::filesystem::resize_file(tree / "large", std::uint64_t{1} << 36);
+  testing::Companion program(RAVOK_PUBLISH, arguments);
+  while (!std::filesystem::exists(root / "new/deep") && !program.has_ended()) {
+  }
+  program.send_signal(SIGTERM);
+  EXPECT_EQ(program.wait(), 4);
+  EXPECT_FALSE(std::filesystem::exists(root / "new"));
 }
 
 TEST_F(PublishTest, SaysSoWhenItsOutputCannotBeWritten) {
@@ -548,39 +581,58 @@ TEST_F(PublishTest, NeedsARoleForEachHelper) {
                  "A helper is named as ROLE=PATH: bin/x\n");
 }
 
-TEST_F(PublishTest, RefusesWhatTheClientWouldRefuse) {
+// Everything that can be seen to be wrong without a look at any file ends with 2, and everything else with 1.
+TEST_F(PublishTest, TellsAWrongCommandLineFromEveryOtherFailure) {
   put_program();
   put("tree/bin/window", "x", 0755);
   put("tree/bin/helper", "x", 0755);
   const Arguments launcher = with(common("launcher"), {"--gui-executable", "bin/window"});
-  put("broken", "{");
+  const Arguments owned = with(launcher, {"--helper", "maintenance=bin/helper"});
   put("foreign", R"({"colour":"red"})");
   put("notes", std::string(16'385, 'x'));
-  Arguments bad_build = of_game();
-  bad_build[5] = "Build 1";
-  Arguments bad_game = of_game();
-  bad_game[11] = "The Game";
+  put("binary-notes", "caf\xe9");
+  const auto changed = [](Arguments arguments, std::size_t at, const std::string& value) {
+    arguments.at(at) = value;
+    return arguments;
+  };
+  constexpr const char* bad_id = "Game and build IDs use lower-case letters, digits, dots and hyphens";
+  constexpr const char* unsafe = "Path contains an unsafe component";
+  constexpr const char* not_utf8 = "The texts of a manifest must be valid UTF-8";
   const struct {
     Arguments arguments;
-    const char* message;
+    int exit_code;
+    std::string message;
   } cases[] = {
-      {bad_build, "Game and build IDs use lower-case letters, digits, dots and hyphens"},
-      {bad_game, "Game and build IDs use lower-case letters, digits, dots and hyphens"},
-      {of_game({"--platform", "amiga"}), "Unknown snapshot platform"},
-      {of_game({"--platform", "../x"}), "Path contains an unsafe component"},
-      {of_game({"--target", "../x"}), "Path contains an unsafe component"},
-      {of_game({"--presentation", root / "foreign"}), "Unknown game presentation field"},
-      {of_game({"--release-notes", root / "notes"}), "Release notes exceed 16 KiB"},
-      {launcher, "Every native helper needs declared lifetime ownership"},
-      {with(launcher, {"--helper", "cook=bin/helper"}), "Unsupported native helper ownership contract"},
-      {with(launcher, {"--helper", "maintenance=bin/other"}),
+      {changed(of_game(), 5, "Build 1"), 2, bad_id},
+      {changed(of_game(), 11, "The Game"), 2, bad_id},
+      {changed(of_game(), 13, std::string(201, 'x')), 2, "Game display name is missing or too long"},
+      {changed(of_game(), 13, "caf\xe9"), 2, not_utf8},
+      {changed(of_game(), 7, "../program"), 2, unsafe},
+      {of_game({"--platform", "amiga"}), 2, "Unknown snapshot platform"},
+      {of_game({"--platform", "../x"}), 2, unsafe},
+      {of_game({"--target", "../x"}), 2, unsafe},
+      {of_game({"--target", "games/caf\xe9.tar.zst"}), 2, not_utf8},
+      {of_game({"--exclude", "/etc"}), 2, "A pattern is a relative path without empty names, \".\" and \"..\": /etc"},
+      {of_game({"--exclude", "a**"}), 2, "In a pattern, ** takes the place of a whole name: a**"},
+      {with(launcher, {"--helper", "cook=bin/helper"}), 2, "Unsupported native helper ownership contract"},
+      {with(launcher, {"--helper", "maintenance=bin/window"}), 2,
        "Native helper is missing, repeated or overlaps a frontend"},
-      {with(common("launcher"), {"--gui-executable", "bin/none"}),
-       "GUI launcher executable is missing or not executable"},
-      {with(common("launcher"), {"--gui-executable", "bin/program"}), "GUI and CLI need separate native entry points"},
-      {common("bootstrap"), "Initial bootstrap has a missing or incompatible stable entry point"}};
+      {with(owned, {"--target", "nested/launcher.tar.zst"}), 2, "Initial package resources need distinct flat names"},
+      {with(owned, {"--target", "root.json"}), 2, "Initial package resources overlap"},
+      {with(common("launcher"), {"--gui-executable", "bin/program"}), 2,
+       "GUI and CLI need separate native entry points"},
+      {common("bootstrap"), 2, "Initial bootstrap has a missing or incompatible stable entry point"},
+      {of_game({"--presentation", root / "foreign"}), 1, "Unknown game presentation field"},
+      {of_game({"--presentation", root / "missing"}), 1, "Cannot open file: " + (root / "missing").native()},
+      {of_game({"--release-notes", root / "notes"}), 1, "Release notes exceed 16 KiB"},
+      {of_game({"--release-notes", root / "binary-notes"}), 1, not_utf8},
+      {launcher, 1, "Every native helper needs declared lifetime ownership"},
+      {with(launcher, {"--helper", "maintenance=bin/other"}), 1,
+       "Native helper is missing, repeated or overlaps a frontend"},
+      {with(common("launcher"), {"--gui-executable", "bin/none"}), 1,
+       "GUI launcher executable is missing or not executable"}};
   for (const auto& refused : cases) {
-    expect_refused(refused.arguments, 1, std::string(refused.message) + "\n");
+    expect_refused(refused.arguments, refused.exit_code, refused.message + "\n");
   }
   put("linux/bin/ravok-bootstrap", "#!", 0755);
   put("linux/bin/other", "#!", 0755);
@@ -589,16 +641,8 @@ TEST_F(PublishTest, RefusesWhatTheClientWouldRefuse) {
                  1, "Initial bootstrap snapshot contains an undeclared executable helper\n");
 }
 
-TEST_F(PublishTest, RefusesTextsThatNoManifestCanHold) {
-  constexpr const char* message = "The texts of a manifest must be valid UTF-8\n";
+TEST_F(PublishTest, TakesTextsInUtf8) {
   put_program();
-  put("notes", "caf\xe9");
-  Arguments bad_name = of_game();
-  bad_name[13] = "caf\xe9";
-  for (const Arguments& refused :
-       {bad_name, of_game({"--release-notes", root / "notes"}), of_game({"--target", "games/caf\xe9.tar.zst"})}) {
-    expect_refused(refused, 1, message);
-  }
   put("notes", "caf\xc3\xa9");
   Arguments name = of_game({"--release-notes", root / "notes", "--target", "games/caf\xc3\xa9.tar.zst"});
   name[13] = "caf\xc3\xa9";
@@ -612,6 +656,297 @@ TEST_F(PublishTest, NeedsTheFilesThatItIsToRead) {
   for (const char* option : {"--presentation", "--release-notes"}) {
     expect_refused(of_game({option, missing}), 1, "Cannot open file: " + missing + "\n");
   }
+}
+
+// --- All that is refused of a tree, at once ------------------------------------------------
+
+TEST_F(PublishTest, ListsAllThatItRefusesWithNamesRulesLimitsAndValues) {
+  put("tree/bin/program", "#!program", 0700);
+  put("tree/a?");
+  put("tree/\xc3\xa4");
+  put("tree/README");
+  put("tree/readme");
+  root.directory("tree/empty/inner");
+  std::filesystem::create_symlink("readme", tree / "link");
+  expect_tree_refused(
+      "The snapshot is refused for 6 reasons:\n"
+      "a?: Path is not portable across supported platforms (limit: a name that every platform can hold; found: a?)\n"
+      "bin/program: Package modes must be 0644 or 0755 (limit: 0644 or 0755; found: 0700)\n"
+      "empty: Snapshots hold no empty directories (limit: 1 file at least; found: none)\n"
+      "link: Only ordinary files are accepted in snapshots (limit: ordinary files; found: a symbolic link)\n"
+      "readme: Package contains duplicate or case-colliding paths (limit: one spelling, whatever its case; found: "
+      "README)\n"
+      "\xc3\xa4: The v1 package profile requires ASCII file paths (limit: bytes 0x20 to 0x7e; found: byte 0xc3)");
+}
+
+TEST_F(PublishTest, ListsTheFirstTwentyAndSaysHowManyMore) {
+  put_program();
+  std::string lines = "The snapshot is refused for 23 reasons:\n";
+  for (int i = 10; i < 33; ++i) {
+    const std::string name = "file" + std::to_string(i);
+    put("tree/" + name, "x", 0600);
+    if (i < 30) {
+      lines += name + ": Package modes must be 0644 or 0755 (limit: 0644 or 0755; found: 0600)\n";
+    }
+  }
+  expect_tree_refused(lines + "and 3 more");
+}
+
+TEST_F(PublishTest, ListsProgramsThatAreMissingAndThoseWithoutARole) {
+  put("tree/bin/other", "x", 0755);
+  put("tree/bin/window", "x", 0644);
+  const Arguments launcher = with(common("launcher"), {"--gui-executable", "bin/window"});
+  expect_refused(launcher, 1,
+                 "The snapshot is refused for 2 reasons:\n"
+                 "bin/program: Declared executable is missing or not executable (limit: a file of mode 0755; found: no "
+                 "such file)\n"
+                 "bin/window: GUI launcher executable is missing or not executable (limit: a file of mode 0755; found: "
+                 "a file of mode 0644)\n");
+  put_program();
+  put("tree/bin/window", "x", 0755);
+  put("tree/bin/second", "x", 0755);
+  expect_refused(launcher, 1,
+                 "The snapshot is refused for 2 reasons:\n"
+                 "bin/other: Every native helper needs declared lifetime ownership (limit: mode 0755 for programs that "
+                 "are named; found: mode 0755 of a program that is not)\n"
+                 "bin/second: Every native helper needs declared lifetime ownership (limit: mode 0755 for programs "
+                 "that are named; found: mode 0755 of a program that is not)\n");
+}
+
+TEST_F(PublishTest, RefusesALauncherThatNoPackageCouldHold) {
+  put_program();
+  put("tree/bin/window", "x", 0755);
+  const std::string folder(200, 'd');
+  for (int i = 0; i < 2000; ++i) {
+    root.write("tree/" + folder + "/" + std::to_string(i), "");
+    ASSERT_EQ(chmod((tree / folder / std::to_string(i)).c_str(), 0644), 0);
+  }
+  const Arguments launcher = with(common("launcher"), {"--gui-executable", "bin/window"});
+  const ProgramResult result = publisher(launcher);
+  EXPECT_EQ(result.exit_code, 1);
+  EXPECT_TRUE(result.errors.starts_with("The manifest has ")) << result.errors;
+  EXPECT_TRUE(result.errors.ends_with(" bytes, and the client reads at most 524288\n")) << result.errors;
+  EXPECT_EQ(outputs(), Names{});
+  // A game of as many files is no part of a package.
+  expect_published(of_game());
+}
+
+TEST_F(PublishTest, RefusesALauncherThatIsTooLarge) {
+  put_program();
+  put("tree/bin/window", "x", 0755);
+  put("tree/large");
+  std::filesystem::resize_file(tree / "large", (std::uint64_t{1} << 30) - 9);
+  expect_refused(with(common("launcher"), {"--gui-executable", "bin/window"}), 1,
+                 "Launcher payload exceeds bounded native package limits\n");
+}
+
+// --- What is left out of a tree, and what is changed ---------------------------------------
+
+TEST_F(PublishTest, LeavesOutWhatIsExcluded) {
+  put_program();
+  put("tree/data/level");
+  put("tree/data/level.bak");
+  put("tree/notes.bak", "x", 0600);
+  put("tree/.git/objects/object", "x", 0444);
+  std::filesystem::create_symlink("missing", tree / ".git/link");
+  put("tree/only/cache/file");
+  put("tree/a/b/c/deep.o");
+  put("tree/a/b/kept");
+  expect_published(
+      of_game({"--exclude", "*.bak", "--exclude", ".git", "--exclude", "only/**", "--exclude", "a/**/*.o"}));
+  const GameManifest manifest = GameManifest::parse(document(game + ".manifest.json"));
+  std::set<std::string> names;
+  for (const auto& entry : manifest.files) {
+    names.insert(entry.first);
+  }
+  EXPECT_EQ(names, (std::set<std::string>{"a/b/kept", "bin/program", "data/level"}));
+}
+
+TEST_F(PublishTest, TellsOfAPatternThatMatchesNothing) {
+  put_program();
+  for (const Arguments& more : {Arguments{}, {"--check"}}) {
+    const ProgramResult result = publisher(with(of_game({"--exclude", "*.bak", "--exclude", "no\x1bne"}), more));
+    EXPECT_EQ(result.exit_code, 0);
+    EXPECT_EQ(result.errors, "--exclude matches nothing: *.bak\n--exclude matches nothing: no\\x1bne\n");
+    std::filesystem::remove_all(output);
+  }
+  EXPECT_EQ(publisher(of_game({"--exclude", "program"})).errors, "Package file count exceeds bounds\n");
+}
+
+TEST_F(PublishTest, NormalizesModesInTheArchiveAndLeavesTheTreeAlone) {
+  put("tree/bin/program", "#!program", 0700);
+  put("tree/group", "x", 0660);
+  put("tree/read-only", "x", 0444);
+  put("tree/set-user", "x", 04711);
+  put("tree/others-execute", "x", 0655);
+  const std::map<std::string, Seen> before = seen(tree);
+  expect_published(of_game({"--normalize-modes"}));
+  EXPECT_TRUE(seen(tree) == before);
+  const GameManifest manifest = GameManifest::parse(document(game + ".manifest.json"));
+  extract_snapshot(manifest, output / (game + ".tar.zst"), root / "staging", {}, nullptr);
+  const std::map<std::string, bool> expected = {
+      {"bin/program", true}, {"group", false}, {"others-execute", false}, {"read-only", false}, {"set-user", true}};
+  ASSERT_EQ(manifest.files.size(), expected.size());
+  for (const auto& [path, executable] : expected) {
+    EXPECT_EQ(manifest.files.at(path).executable, executable) << path;
+  }
+}
+
+TEST_F(PublishTest, WritesNothingWhenItOnlyChecks) {
+  put_program();
+  Arguments arguments = of_game({"--check"});
+  arguments[9] = root / "new/folder";
+  const ProgramResult accepted = publisher(arguments);
+  EXPECT_EQ(accepted.exit_code, 0);
+  EXPECT_EQ(accepted.errors, "");
+  EXPECT_EQ(accepted.output, "Nothing is refused of 1 files, 9 bytes; nothing was written\n");
+  EXPECT_FALSE(std::filesystem::exists(root / "new"));
+  put("tree/file", "x", 0600);
+  expect_refused(of_game({"--check"}), 1, "Package modes must be 0644 or 0755: file\n");
+}
+
+// --- What programs read --------------------------------------------------------------------
+
+TEST_F(PublishTest, PrintsItsResultAsADocument) {
+  put_program();
+  const ProgramResult result = publisher(of_game({"--json", "--exclude", "none"}));
+  EXPECT_EQ(result.exit_code, 0);
+  EXPECT_EQ(result.errors, "--exclude matches nothing: none\n");
+  const std::string archive = output / (game + ".tar.zst");
+  const std::string manifest = output / (game + ".manifest.json");
+  EXPECT_EQ(Json::parse(result.output), (Json{{"schema_version", 1},
+                                              {"checked_only", false},
+                                              {"files", 1},
+                                              {"expanded_length", 9},
+                                              {"unmatched_excludes", {"none"}},
+                                              {"archive",
+                                               {{"path", archive},
+                                                {"length", std::filesystem::file_size(archive)},
+                                                {"sha256", digest(read_output(game + ".tar.zst"), "sha256")}}},
+                                              {"manifest",
+                                               {{"path", manifest},
+                                                {"length", std::filesystem::file_size(manifest)},
+                                                {"sha256", digest(read_output(game + ".manifest.json"), "sha256")}}}}));
+}
+
+TEST_F(PublishTest, PrintsItsProblemsAsADocumentToo) {
+  put_program();
+  put("tree/a", "x", 0600);
+  put("tree/b", "x", 0640);
+  const std::string lines =
+      "The snapshot is refused for 2 reasons:\n"
+      "a: Package modes must be 0644 or 0755 (limit: 0644 or 0755; found: 0600)\n"
+      "b: Package modes must be 0644 or 0755 (limit: 0644 or 0755; found: 0640)";
+  const auto refusal = [](const char* name, const char* value) {
+    return Json{{"code", "invalid_manifest"},
+                {"name", name},
+                {"rule", "Package modes must be 0644 or 0755"},
+                {"limit", "0644 or 0755"},
+                {"value", value}};
+  };
+  const ProgramResult refused = publisher(of_game({"--json"}));
+  EXPECT_EQ(refused.exit_code, 1);
+  EXPECT_EQ(refused.errors, lines + "\n");
+  EXPECT_EQ(Json::parse(refused.output), (Json{{"schema_version", 1},
+                                               {"problem",
+                                                {{"code", "invalid_manifest"},
+                                                 {"message", lines},
+                                                 {"refused_count", 2},
+                                                 {"refused", {refusal("a", "0600"), refusal("b", "0640")}}}}}));
+  EXPECT_EQ(outputs(), Names{});
+
+  const struct {
+    Arguments arguments;
+    int exit_code;
+    const char* code;
+    const char* message;
+  } cases[] = {{of_game({"--json", "--level", "20"}), 2, "usage", "--level: Value 20 not in range 1 to 19"},
+               {of_game({"--json", "--platform", "amiga"}), 2, "usage", "Unknown snapshot platform"},
+               {{"--json"}, 2, "usage", nullptr},
+               {of_game({"--json", "--release-notes", "/missing"}), 1, "file_read", "Cannot open file: /missing"}};
+  for (const auto& problem : cases) {
+    const ProgramResult result = publisher(problem.arguments);
+    EXPECT_EQ(result.exit_code, problem.exit_code) << result.errors;
+    const Json document = Json::parse(result.output);
+    EXPECT_EQ(document.at("schema_version"), 1);
+    EXPECT_EQ(document.at("problem").at("code"), problem.code);
+    if (problem.message != nullptr) {
+      EXPECT_EQ(document.at("problem").at("message"), problem.message);
+      EXPECT_TRUE(result.errors.starts_with(problem.message)) << result.errors;
+    }
+  }
+}
+
+TEST_F(PublishTest, TellsItsVersionAndItsExitCodes) {
+  const ProgramResult version = publisher({"--version"});
+  EXPECT_EQ(version.exit_code, 0);
+  EXPECT_EQ(version.errors, "");
+  EXPECT_EQ(version.output, std::string("ravok-publish ") + RAVOK_VERSION + "\n");
+  for (const Arguments& arguments : {Arguments{"--help"}, {"snapshot", "--help"}, {"key", "--help"}}) {
+    const ProgramResult help = publisher(arguments);
+    EXPECT_EQ(help.exit_code, 0);
+    EXPECT_NE(help.output.find("Exit codes:\n  0  Done."), std::string::npos) << help.output;
+    EXPECT_NE(help.output.find("  2  The command line is wrong"), std::string::npos) << help.output;
+  }
+}
+
+// --- What killed runs leave ----------------------------------------------------------------
+
+class KilledRunTest : public PublishTest {
+ protected:
+  KilledRunTest() {
+    put_program();
+    put("tree/large");
+    // So large that it is not packed before the signal comes.
+    std::filesystem::resize_file(tree / "large", std::uint64_t{1} << 36);
+  }
+
+  // Starts a run and waits for its temporary file, which it returns.
+  std::string start(std::optional<testing::Companion>& program) const {
+    const Names before = outputs();
+    program.emplace(RAVOK_PUBLISH, of_game({"--level", "1"}));
+    Names now = outputs();
+    while (now.size() == before.size() && !program->has_ended()) {
+      now = outputs();
+    }
+    for (const std::string& name : now) {
+      if (std::find(before.begin(), before.end(), name) == before.end()) {
+        return name;
+      }
+    }
+    return "";
+  }
+
+  // A run into the same folder that has nothing to do with the build of the killed one.
+  void run_another() const {
+    put("small/program", "#!", 0755);
+    expect_published({"snapshot", root / "small", "--kind", "game", "--build-id", "build-2", "--executable", "program",
+                      "--game-id", "other", "--display-name", "Other", "--output", output});
+  }
+};
+
+TEST_F(KilledRunTest, IsSweptByTheNextRunIntoTheSameFolder) {
+  std::optional<testing::Companion> killed;
+  const std::string left = start(killed);
+  killed->send_signal(SIGKILL);
+  EXPECT_EQ(killed->wait(), -SIGKILL);
+  EXPECT_EQ(outputs(), Names{left});
+  EXPECT_TRUE(left.starts_with(game + ".tar.zst.") && left.ends_with(".tmp")) << left;
+  run_another();
+  const std::string other = "other-" + platform + "-build-2";
+  EXPECT_EQ(outputs(), (Names{other + ".manifest.json", other + ".tar.zst"}));
+}
+
+TEST_F(KilledRunTest, IsToldFromOneThatIsStillAlive) {
+  std::optional<testing::Companion> alive;
+  EXPECT_NE(start(alive), "");
+  run_another();
+  EXPECT_FALSE(alive->has_ended());
+  const Names now = outputs();
+  EXPECT_EQ(now.size(), 3u);
+  EXPECT_EQ(std::count_if(now.begin(), now.end(), [](const std::string& name) { return name.ends_with(".tmp"); }), 1);
+  alive->send_signal(SIGTERM);
+  EXPECT_EQ(alive->wait(), 4);
 }
 
 // --- The archivers of the system -----------------------------------------------------------

@@ -175,12 +175,24 @@ TEST_F(PublishPackage, OverwritesNothing) {
 }
 
 TEST_F(PublishPackage, NamesThePlaceThatItCannotWriteTo) {
+  root.write("none", "x");
   publication.output = root / "none/package";
-  const auto failure = testing::failure_of([&] { publish_package(publication, {}); });
+  EXPECT_FAILURE(publish_package(publication, {}), "file_write",
+                 "Cannot make the directory " + (root / "none/package").native());
+  EXPECT_EQ(root.read("none"), "x");
+}
+
+TEST_F(PublishPackage, MakesTheMissingFoldersAboveItAndRemovesThemAfterAFailure) {
+  publication.output = root / "new/deep/package";
+  const auto failure =
+      testing::failure_of([&] { publish_package(publication, [](std::uint64_t, std::uint64_t) { return false; }); });
   ASSERT_TRUE(failure);
-  EXPECT_EQ(failure->code, "file_write");
-  EXPECT_TRUE(
-      std::string(failure->what()).starts_with("Cannot make the directory " + (root / "none/package.").native()));
+  EXPECT_EQ(failure->code, "cancelled");
+  EXPECT_TRUE(std::string(failure->what()).ends_with(".tar.zst: Operation cancelled at a safe boundary"))
+      << failure->what();
+  EXPECT_FALSE(std::filesystem::exists(root / "new"));
+  const PublishedPackage published = publish_package(publication, {});
+  EXPECT_EQ(read_native_package(root / "new/deep/package", published.seal, {}).descriptor_sha256, published.seal);
 }
 
 TEST_F(PublishPackage, RefusesAnOriginThatIsMoreThanOne) {

@@ -1,5 +1,6 @@
 #include "publisher/snapshot_pack.hpp"
 
+#include <algorithm>
 #include <cstdint>
 #include <filesystem>
 #include <fstream>
@@ -205,6 +206,52 @@ TEST_F(SnapshotPackTest, NoticesAFileThatIsNotAsItWasScanned) {
   }
   expect_noticed(instead([&] { root.directory("tree/bin/program"); }), "content_mismatch", message);
   expect_noticed(instead([&] { ASSERT_EQ(mkfifo(program.c_str(), 0755), 0); }), "content_mismatch", message);
+}
+
+TEST_F(SnapshotPackTest, LooksOnlyAtTheOwnersPermissionWhereModesAreNormalized) {
+  put("bin/program", "#!program", 0700);
+  SnapshotScanRules rules;
+  rules.modes = SnapshotModes::by_owner;
+  const auto never = [](const SnapshotRefusal& refusal) { ADD_FAILURE() << refusal.message; };
+  SnapshotInventory inventory = scan_snapshot_tree(tree, rules, never, {}).files;
+  const auto pack_by_owner = [&] {
+    pack_snapshot(
+        tree, inventory, 1, [](std::string_view) {}, {}, rules.modes);
+  };
+  put("bin/program", "#!program", 0711);
+  pack_by_owner();
+  EXPECT_EQ(inventory.at("bin/program").sha256, digest("#!program", "sha256"));
+  put("bin/program", "#!program", 0655);
+  EXPECT_FAILURE(pack_by_owner(), "content_mismatch", changed("bin/program"));
+}
+
+TEST_F(SnapshotPackTest, StopsLookingWhereItIsCancelled) {
+  std::uint64_t seen = 0;
+  const auto progress = [&](std::uint64_t entries, std::uint64_t total) {
+    EXPECT_EQ(total, 0u);
+    seen = entries;
+    return entries < 3;
+  };
+  EXPECT_FAILURE(scan_snapshot_tree(
+                     tree, {}, [](const SnapshotRefusal&) {}, progress),
+                 "cancelled", cancelled);
+  EXPECT_EQ(seen, 3u);
+}
+
+TEST_F(SnapshotPackTest, GoesOnBesideADirectoryThatItCannotRead) {
+  put("bin/wrong", "x", 0600);
+  std::vector<std::string> refused;
+  const auto note = [&](const SnapshotRefusal& refusal) { refused.push_back(refusal.code + " " + refusal.name); };
+  const OrdinaryUser user(root);
+  const WithMode closed(tree / "data/deep", 0);
+  scan_snapshot_tree(tree, {}, note, {});
+  std::sort(refused.begin(), refused.end());
+  EXPECT_EQ(refused, (std::vector<std::string>{"invalid_manifest bin/wrong", "tree_read data/deep"}));
+  SnapshotScanRules rules;
+  rules.exclude = {PathPattern("deep"), PathPattern("wrong")};
+  refused.clear();
+  scan_snapshot_tree(tree, rules, note, {});
+  EXPECT_EQ(refused, std::vector<std::string>{});
 }
 
 TEST_F(SnapshotPackTest, OpensNothingThatIsGoneOrLiesBehindALink) {

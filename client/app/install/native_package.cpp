@@ -167,9 +167,7 @@ std::optional<FeaturedGame> parse_featured_game(const Json& descriptor) {
   require(game.at("id").is_string() && game.at("name").is_string(), invalid,
           "Featured game must name an id and a display name");
   FeaturedGame featured = {text_at(game, "id"), text_at(game, "name")};
-  validate_identifier(featured.id);
-  require(!featured.name.empty() && featured.name.size() <= maximum_game_name_bytes, invalid,
-          "Featured game name must be 1 to 80 bytes");
+  require_featured_game(featured);
   return featured;
 }
 
@@ -373,6 +371,12 @@ class PackageReader {
 };
 
 }  // namespace
+
+void require_featured_game(const FeaturedGame& game) {
+  validate_identifier(game.id);
+  require(!game.name.empty() && game.name.size() <= maximum_game_name_bytes, invalid,
+          "Featured game name must be 1 to 80 bytes");
+}
 
 NativePackage read_native_package(const std::filesystem::path& path, std::string_view seal,
                                   const ProgressCallback& progress) {

@@ -41,6 +41,10 @@ struct FeaturedGame {
   std::string name;  // 1 to 80 bytes
 };
 
+// Accepts only a game that a package can feature. Fails with "invalid_native_package", and for its ID with
+// "invalid_identity" or "unsafe_path".
+void require_featured_game(const FeaturedGame& game);
+
 struct NativePackage {
   // A theme in its sealed form: its definition and its files by their names.
   struct SealedTheme {

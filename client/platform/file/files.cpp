@@ -164,6 +164,8 @@ class Transaction {
     committed_ = true;
   }
 
+  int handle() const { return file_.get(); }
+
   // Removes the destination if it is this file. The file must still be open.
   void remove_created() const {
     const auto made = status_of(file_.get());
@@ -324,6 +326,8 @@ ExportFile::ExportFile(const std::filesystem::path& path, ExportAccess access)
 ExportFile::~ExportFile() = default;
 
 void ExportFile::write(std::string_view bytes) { implementation_->transaction.write_all(bytes); }
+
+int ExportFile::handle() const { return implementation_->transaction.handle(); }
 
 void ExportFile::remove() noexcept { implementation_->transaction.remove_created(); }
 
