@@ -12,7 +12,7 @@ namespace ravok {
 namespace {
 
 constexpr std::string_view invalid_origin = "invalid_origin";
-constexpr std::string_view scheme = "https://";
+constexpr std::string_view https = "https://";
 constexpr std::size_t maximum_port_digits = 5;
 constexpr unsigned long maximum_port = 65'535;
 
@@ -42,12 +42,12 @@ bool has_more(std::string_view authority) {
 
 void require_reachable_origin(const std::string& origin) {
   const std::string_view text = origin;
-  if (!text.starts_with(scheme) || has_more(text.substr(scheme.size()))) {
+  if (!text.starts_with(https) || has_more(text.substr(https.size()))) {
     require_plain_origin(origin);
     fail(invalid_origin, "The package origin must be a plain HTTPS origin");
   }
   require(text.find('%') == std::string_view::npos, invalid_origin, "The origin must not contain a percent sign");
-  const std::string_view authority = text.substr(scheme.size());
+  const std::string_view authority = text.substr(https.size());
   // The colons of an address in brackets begin no port.
   const std::size_t colon = authority.find(':', authority.starts_with('[') ? authority.find(']') : 0);
   if (colon != std::string_view::npos) {

@@ -22,7 +22,7 @@ namespace {
 
 constexpr std::size_t rsa_bits = 3072;
 constexpr std::size_t maximum_text = 65'536;
-constexpr const char* kind = "ravok-signing-key";
+constexpr const char* key_kind = "ravok-signing-key";
 
 [[noreturn]] void library_failed() {
   ERR_clear_error();
@@ -126,7 +126,7 @@ SigningKey SigningKey::parse(const Json& document) {
   constexpr const char* code = "invalid_key";
   return refuse_malformed(code, "The signing key is malformed", [&] {
     require(has_exactly(document, {"schema_version", "kind", "scheme", "private"}) &&
-                is_integer(document.at("schema_version"), 1) && is_text(document.at("kind"), kind),
+                is_integer(document.at("schema_version"), 1) && is_text(document.at("kind"), key_kind),
             code, "The file holds no signing key");
     const SignatureScheme* const scheme = find_scheme(text_at(document, "scheme"));
     const std::string& text = text_at(document, "private");
@@ -141,7 +141,7 @@ Json SigningKey::document() const {
   const std::string text = pem_text([&](BIO* buffer) {
     return PEM_write_bio_PKCS8PrivateKey(buffer, handle_.get(), nullptr, nullptr, 0, nullptr, nullptr) == 1;
   });
-  return {{"schema_version", 1}, {"kind", kind}, {"scheme", scheme_->name}, {"private", text}};
+  return {{"schema_version", 1}, {"kind", key_kind}, {"scheme", scheme_->name}, {"private", text}};
 }
 
 std::string SigningKey::sign(std::string_view payload) const {

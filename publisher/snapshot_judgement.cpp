@@ -21,7 +21,7 @@ struct NamedProgram {
   std::string rule;
 };
 
-std::vector<NamedProgram> named_programs(const SnapshotPublication& publication) {
+std::vector<NamedProgram> programs_to_be(const SnapshotPublication& publication) {
   constexpr const char* manifest = "invalid_manifest";
   constexpr const char* package = "invalid_native_package";
   std::vector<NamedProgram> programs = {
@@ -52,7 +52,7 @@ class Judgement {
   void judge_programs() {
     std::set<std::string> named;
     bool all_there = true;
-    for (const NamedProgram& program : named_programs(publication_)) {
+    for (const NamedProgram& program : programs_to_be(publication_)) {
       named.insert(program.path);
       all_there = judge_named(program) && all_there;
     }

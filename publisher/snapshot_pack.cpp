@@ -21,7 +21,6 @@
 namespace ravok {
 namespace {
 
-constexpr std::uint64_t maximum_bytes = std::uint64_t{1} << 42;
 constexpr int minimum_level = 1;
 constexpr int maximum_level = 19;
 
@@ -67,7 +66,7 @@ class Compressor {
   }
 
   void take(std::string_view bytes) {
-    require(bytes.size() <= maximum_bytes - length_, "size_limit", "Snapshot exceeds archive size bounds");
+    require(bytes.size() <= maximum_snapshot_bytes - length_, "size_limit", "Snapshot exceeds archive size bounds");
     length_ += bytes.size();
     digest_.update(bytes);
     sink_(bytes);

@@ -17,9 +17,7 @@
 namespace ravok {
 namespace {
 
-constexpr std::uint64_t maximum_bytes = std::uint64_t{1} << 42;
 constexpr std::size_t maximum_files = 100'000;
-constexpr std::size_t maximum_entries = 250'000;
 constexpr std::size_t maximum_name_bytes = 255;
 // How deep directories may be nested. This is less than the client's own bound, so that the place of the installation
 // may lie some levels deep.
@@ -90,7 +88,7 @@ SnapshotRefusal refusal_of_name(const Error& error, std::string_view path) {
   return refusal_of(error.code, path, error.what(), "a name that every platform can hold", std::string(path));
 }
 
-Result<Handle> open_root(const std::filesystem::path& root) {
+Result<Handle> open_scanned_root(const std::filesystem::path& root) {
   Result<Handle> directory = open_tree(root);
   if (!directory) {
     fail("unsafe_path", "Expected a plain directory: " + path_utf8(root));
@@ -163,9 +161,10 @@ class Scan {
     if (leaves_out(entry)) {
       return;
     }
-    if (++entries_ > maximum_entries) {
+    if (++entries_ > maximum_tree_entries) {
       refuse_(refusal_of_tree("size_limit", "Game directory entry count exceeds bounds",
-                              counted(maximum_entries, "entries"), "more than " + counted(maximum_entries, "entries")));
+                              counted(maximum_tree_entries, "entries"),
+                              "more than " + counted(maximum_tree_entries, "entries")));
       throw Ended();
     }
     if (entry.type == EntryType::directory) {
@@ -297,9 +296,9 @@ class Scan {
       refuse_(refusal_of("invalid_manifest", entry.path, "Package modes must be 0644 or 0755", "0644 or 0755",
                          mode_text(status->permissions)));
     }
-    if (file.length > maximum_bytes - total_) {
+    if (file.length > maximum_snapshot_bytes - total_) {
       refuse_(refusal_of("size_limit", entry.path, "Expanded package exceeds size bounds",
-                         counted(maximum_bytes, "bytes of all files"),
+                         counted(maximum_snapshot_bytes, "bytes of all files"),
                          counted(file.length, "bytes after ") + counted(total_, "of others")));
     } else {
       total_ += file.length;
@@ -355,7 +354,7 @@ SnapshotScan scan_snapshot_tree(const std::filesystem::path& root, const Snapsho
   visitor.visit = [&](const TreeEntry& entry) { scan.add(entry); };
   visitor.unreadable = [&](const TreeEntry& entry, const Problem&) { scan.add_unreadable(entry); };
   try {
-    walk_tree(open_root(root), visitor);
+    walk_tree(open_scanned_root(root), visitor);
   } catch (const Scan::Ended&) {
     // What was refused until then is told all the same.
     return {};

@@ -21,6 +21,9 @@ inline constexpr std::uint64_t maximum_setup_record_bytes = 65'536;
 // The largest manifest of a snapshot or a launcher, as text, in bytes.
 inline constexpr std::uint64_t maximum_manifest_bytes = 524'288;
 
+// The largest archive of a snapshot, and the most that its files may hold together, in bytes.
+inline constexpr std::uint64_t maximum_snapshot_bytes = std::uint64_t{1} << 42;
+
 // How much of a file is read, hashed or written in one step, in bytes.
 inline constexpr std::size_t piece_bytes = 65'536;
 

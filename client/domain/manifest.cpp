@@ -7,6 +7,7 @@
 
 #include "domain/error.hpp"
 #include "domain/identifier.hpp"
+#include "domain/limits.hpp"
 #include "domain/path_tree.hpp"
 #include "domain/paths.hpp"
 
@@ -15,7 +16,6 @@ namespace {
 
 constexpr std::string_view malformed_code = "invalid_manifest";
 constexpr std::string_view malformed = "Snapshot manifest has missing or malformed fields";
-constexpr std::uint64_t maximum_snapshot_bytes = std::uint64_t{1} << 42;
 constexpr std::size_t maximum_snapshot_files = 100000;
 constexpr std::array<std::string_view, 3> platforms = {"linux-x86_64", "windows-x86_64", "macos-aarch64"};
 

@@ -15,7 +15,7 @@ namespace {
 
 constexpr std::string_view invalid_presentation = "invalid_presentation";
 constexpr std::uint32_t maximum_pixels = 128;
-constexpr std::size_t bitmap_header_bytes = 54;
+constexpr std::size_t artwork_header_bytes = 54;
 constexpr std::size_t maximum_bitmap_bytes = 49'206;
 constexpr std::size_t maximum_hex_characters = 2 * maximum_bitmap_bytes;
 constexpr std::array<std::string_view, 4> known_keys = {"tagline", "description", "monogram", "artwork"};
@@ -121,15 +121,15 @@ Json GamePresentation::summary() const {
 
 void validate_presentation_bitmap(std::string_view bytes, std::uint32_t width, std::uint32_t height) {
   require(width >= 1 && width <= maximum_pixels && height >= 1 && height <= maximum_pixels &&
-              bytes.size() >= bitmap_header_bytes && bytes.size() <= maximum_bitmap_bytes,
+              bytes.size() >= artwork_header_bytes && bytes.size() <= maximum_bitmap_bytes,
           invalid_presentation, "Game artwork exceeds its 128-pixel bitmap bound");
   const std::uint32_t stride = (width * 3 + 3) / 4 * 4;
   const std::uint32_t image_bytes = stride * height;
   const bool exact = bytes.starts_with("BM") && number_at(bytes, 2, 4) == bytes.size() &&
-                     number_at(bytes, 10, 4) == bitmap_header_bytes && number_at(bytes, 14, 4) == 40 &&
+                     number_at(bytes, 10, 4) == artwork_header_bytes && number_at(bytes, 14, 4) == 40 &&
                      number_at(bytes, 18, 4) == width && number_at(bytes, 22, 4) == height &&
                      number_at(bytes, 26, 2) == 1 && number_at(bytes, 28, 2) == 24 && number_at(bytes, 30, 4) == 0 &&
-                     number_at(bytes, 34, 4) == image_bytes && bytes.size() == bitmap_header_bytes + image_bytes;
+                     number_at(bytes, 34, 4) == image_bytes && bytes.size() == artwork_header_bytes + image_bytes;
   require(exact, invalid_presentation, "Game artwork must be an exact uncompressed RGB24 BMP");
 }
 

@@ -225,15 +225,15 @@ void read_fonts(const Json& definition, const ThemeReader& reader, Theme& theme)
 }
 
 void require_bitmap(std::string_view bytes, std::uint32_t most_width, std::uint32_t most_height) {
-  constexpr std::uint64_t sfnt_header_bytes = 54;
-  require(bytes.size() >= sfnt_header_bytes && bytes.starts_with("BM"), code, "Theme images are BMP files");
+  constexpr std::uint64_t bitmap_header_bytes = 54;
+  require(bytes.size() >= bitmap_header_bytes && bytes.starts_with("BM"), code, "Theme images are BMP files");
   const std::uint64_t width = number_at(bytes, 18, 4);
   const std::uint64_t height = number_at(bytes, 22, 4);
   require(width != 0 && height != 0 && width <= most_width && height <= most_height, code,
           "Theme image is larger than " + std::to_string(most_width) + "×" + std::to_string(most_height) + " pixels");
   const std::uint64_t stride = (width * 3 + 3) / 4 * 4;
-  require(bytes.size() == sfnt_header_bytes + stride * height && number_at(bytes, 2, 4) == bytes.size() &&
-              number_at(bytes, 10, 4) == sfnt_header_bytes && number_at(bytes, 14, 4) == 40 &&
+  require(bytes.size() == bitmap_header_bytes + stride * height && number_at(bytes, 2, 4) == bytes.size() &&
+              number_at(bytes, 10, 4) == bitmap_header_bytes && number_at(bytes, 14, 4) == 40 &&
               number_at(bytes, 26, 2) == 1 && number_at(bytes, 28, 2) == 24 && number_at(bytes, 30, 4) == 0,
           code, "Theme images must be uncompressed 24-bit BMP files");
 }

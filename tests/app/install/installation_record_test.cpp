@@ -495,15 +495,15 @@ TEST_F(InstallationRecord, StatusFailsForASetupRecordThatCannotBeRead) {
 
 // --- A store that must be there ----------------------------------------------------------------
 
-constexpr const char* no_directory = "Cannot inspect prepared directory identity";
+constexpr const char* no_prepared_directory = "Cannot inspect prepared directory identity";
 
 TEST_F(InstallationRecord, ExistingStoreMakesNothing) {
-  EXPECT_FAILURE(LauncherStore::existing(paths.root), "unsafe_path", no_directory);
+  EXPECT_FAILURE(LauncherStore::existing(paths.root), "unsafe_path", no_prepared_directory);
   EXPECT_FALSE(std::filesystem::exists(paths.root));
   place.write("launcher/manifests/x", "");
   const TreeState before = place.state();
-  EXPECT_FAILURE(LauncherStore::existing(paths.root), "unsafe_path", no_directory);
-  EXPECT_FAILURE(LauncherStore::existing(paths.root, true), "unsafe_path", no_directory);
+  EXPECT_FAILURE(LauncherStore::existing(paths.root), "unsafe_path", no_prepared_directory);
+  EXPECT_FAILURE(LauncherStore::existing(paths.root, true), "unsafe_path", no_prepared_directory);
   EXPECT_TRUE(same_tree(place.state(), before));
 }
 
@@ -511,9 +511,9 @@ TEST_F(InstallationRecord, ExistingStoreNeedsEachOfItsRecordsFolders) {
   for (const char* name : {"manifests", "downloads", "download-intents", "intents"}) {
     { const LauncherStore store(paths.root); }
     std::filesystem::remove_all(paths.launcher / name);
-    EXPECT_FAILURE(LauncherStore::existing(paths.root, true), "unsafe_path", no_directory) << name;
+    EXPECT_FAILURE(LauncherStore::existing(paths.root, true), "unsafe_path", no_prepared_directory) << name;
     std::filesystem::create_directory_symlink("versions", paths.launcher / name);
-    EXPECT_FAILURE(LauncherStore::existing(paths.root, true), "unsafe_path", no_directory) << name;
+    EXPECT_FAILURE(LauncherStore::existing(paths.root, true), "unsafe_path", no_prepared_directory) << name;
     std::filesystem::remove(paths.launcher / name);
   }
 }
