@@ -8,7 +8,7 @@
 #include "support/allocation_meter.hpp"
 #include "support/failure.hpp"
 
-namespace ravok {
+namespace ravok::json_memory_test {
 namespace {
 
 constexpr std::size_t limit = 16 << 20;
@@ -88,4 +88,4 @@ TEST(ParseJsonMemory, TheDensestListsStayInProportionToTheText) {
 }
 
 }  // namespace
-}  // namespace ravok
+}  // namespace ravok::json_memory_test

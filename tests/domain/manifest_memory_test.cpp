@@ -8,7 +8,7 @@
 #include "support/allocation_meter.hpp"
 #include "support/manifest_builder.hpp"
 
-namespace ravok {
+namespace ravok::manifest_memory_test {
 namespace {
 
 std::string large_manifest() {
@@ -33,4 +33,4 @@ TEST(SnapshotManifestMemory, StaysWithinThreeTimesTheParsedValue) {
 }
 
 }  // namespace
-}  // namespace ravok
+}  // namespace ravok::manifest_memory_test

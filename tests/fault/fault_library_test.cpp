@@ -17,7 +17,7 @@
 #include "support/temporary_root.hpp"
 #include "support/tree_state.hpp"
 
-namespace ravok::testing {
+namespace ravok::testing::fault_library_test {
 namespace {
 
 ProgramRun sample(const std::vector<std::string>& arguments) {
@@ -487,4 +487,4 @@ TEST_F(FaultLibrary, RunnerRefusesAProgramWithTooManyCalls) {
 }
 
 }  // namespace
-}  // namespace ravok::testing
+}  // namespace ravok::testing::fault_library_test

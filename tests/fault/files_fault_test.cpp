@@ -19,7 +19,7 @@
 #include "support/temporary_root.hpp"
 #include "support/tree_state.hpp"
 
-namespace ravok::testing {
+namespace ravok::testing::files_fault_test {
 namespace {
 
 using Messages = std::set<std::string>;
@@ -659,4 +659,4 @@ TEST_F(FilesFault, RetiredSnapshotLosesItsOwnFilesOnlyAndGoesInTheEnd) { try_ret
 TEST_F(FilesFault, RetiredSnapshotKeepsWhatIsNotItsOwn) { try_retirement({"a/mine"}); }
 
 }  // namespace
-}  // namespace ravok::testing
+}  // namespace ravok::testing::files_fault_test

@@ -15,7 +15,7 @@
 #include "fault/setup_trial.hpp"
 #include "support/mounted_volume.hpp"
 
-namespace ravok::testing {
+namespace ravok::testing::full_disk_test {
 namespace {
 
 // What runs out first.
@@ -79,4 +79,4 @@ INSTANTIATE_TEST_SUITE_P(Setup, FullDisk,
                          });
 
 }  // namespace
-}  // namespace ravok::testing
+}  // namespace ravok::testing::full_disk_test

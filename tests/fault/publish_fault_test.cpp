@@ -17,7 +17,7 @@
 #include "support/temporary_root.hpp"
 #include "support/tree_state.hpp"
 
-namespace ravok::testing {
+namespace ravok::testing::publish_fault_test {
 namespace {
 
 class PublishFault : public ::testing::Test {
@@ -97,4 +97,4 @@ TEST_F(PublishFault, ASnapshotIsPublishedWholeOrNotAtAll) {
 }
 
 }  // namespace
-}  // namespace ravok::testing
+}  // namespace ravok::testing::publish_fault_test

@@ -15,7 +15,7 @@
 #include "fault/fault_runner.hpp"
 #include "fault/setup_trial.hpp"
 
-namespace ravok::testing {
+namespace ravok::testing::setup_fault_test {
 namespace {
 
 class SetupFault : public ::testing::TestWithParam<std::tuple<SetupOperation, FaultMode>> {};
@@ -71,4 +71,4 @@ TEST(SetupCalls, AnUninstallLetsTheEndOfTheRecordLastBeforeItTakesMore) {
 }
 
 }  // namespace
-}  // namespace ravok::testing
+}  // namespace ravok::testing::setup_fault_test

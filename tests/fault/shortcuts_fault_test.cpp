@@ -22,7 +22,7 @@
 #include "support/process.hpp"
 #include "support/shortcut_place.hpp"
 
-namespace ravok::testing {
+namespace ravok::testing::shortcuts_fault_test {
 namespace {
 
 using Codes = std::set<std::string>;
@@ -372,4 +372,4 @@ TEST_F(ShortcutsFault, ARestoringMakesOnlyWhatIsMissing) {
 }
 
 }  // namespace
-}  // namespace ravok::testing
+}  // namespace ravok::testing::shortcuts_fault_test

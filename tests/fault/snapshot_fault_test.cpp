@@ -28,7 +28,7 @@
 #include "support/process.hpp"
 #include "support/temporary_root.hpp"
 
-namespace ravok::testing {
+namespace ravok::testing::snapshot_fault_test {
 namespace {
 
 using Names = std::vector<std::string>;
@@ -353,4 +353,4 @@ TEST_F(SnapshotFault, ACompleteInstallationIsNotTouched) {
 }
 
 }  // namespace
-}  // namespace ravok::testing
+}  // namespace ravok::testing::snapshot_fault_test

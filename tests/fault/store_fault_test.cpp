@@ -18,7 +18,7 @@
 #include "support/launcher_builder.hpp"
 #include "support/temporary_root.hpp"
 
-namespace ravok::testing {
+namespace ravok::testing::store_fault_test {
 namespace {
 
 using Codes = std::set<std::string>;
@@ -241,4 +241,4 @@ TEST_F(StoreFault, SeededStoreNamesAWholeVersionOrNone) {
 }
 
 }  // namespace
-}  // namespace ravok::testing
+}  // namespace ravok::testing::store_fault_test

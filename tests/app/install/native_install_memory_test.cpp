@@ -16,7 +16,7 @@
 #include "support/temporary_root.hpp"
 #include "support/with_environment.hpp"
 
-namespace ravok {
+namespace ravok::native_install_memory_test {
 namespace {
 
 using testing::peak_of;
@@ -93,4 +93,4 @@ TEST_F(LargeInstall, TakesLittleMemory) {
 }
 
 }  // namespace
-}  // namespace ravok
+}  // namespace ravok::native_install_memory_test

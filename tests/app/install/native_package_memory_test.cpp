@@ -9,7 +9,7 @@
 #include "support/process_memory.hpp"
 #include "support/temporary_root.hpp"
 
-namespace ravok {
+namespace ravok::native_package_memory_test {
 namespace {
 
 constexpr std::uint64_t mebibyte = 1 << 20;
@@ -28,4 +28,4 @@ TEST(NativePackageMemory, IsBoundedForLargeArchives) {
 }
 
 }  // namespace
-}  // namespace ravok
+}  // namespace ravok::native_package_memory_test

@@ -12,7 +12,7 @@
 #include "support/process_memory.hpp"
 #include "support/temporary_root.hpp"
 
-namespace ravok {
+namespace ravok::snapshot_memory_test {
 namespace {
 
 using testing::peak_of;
@@ -85,4 +85,4 @@ TEST(SnapshotMemory, IsBoundedForManyFiles) {
 }
 
 }  // namespace
-}  // namespace ravok
+}  // namespace ravok::snapshot_memory_test
