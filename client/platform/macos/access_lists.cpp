@@ -19,12 +19,12 @@ namespace {
 
 constexpr int maximum_entries = 128;
 
-struct Release {
+struct FreeList {
   void operator()(void* value) const { acl_free(value); }
 };
 
-using AccessList = std::unique_ptr<std::remove_pointer_t<acl_t>, Release>;
-using Qualifier = std::unique_ptr<void, Release>;
+using AccessList = std::unique_ptr<std::remove_pointer_t<acl_t>, FreeList>;
+using Qualifier = std::unique_ptr<void, FreeList>;
 
 void require_owner_only(acl_entry_t entry, const uuid_t owner) {
   acl_tag_t tag = ACL_UNDEFINED_TAG;

@@ -57,12 +57,12 @@ std::string identity_of(const VolumeAttributes& attributes) {
   return text;
 }
 
-struct Release {
+struct ReleaseObject {
   void operator()(const void* value) const { CFRelease(value); }
 };
 
 template <typename Reference>
-using Owned = std::unique_ptr<std::remove_pointer_t<Reference>, Release>;
+using Owned = std::unique_ptr<std::remove_pointer_t<Reference>, ReleaseObject>;
 
 }  // namespace
 
