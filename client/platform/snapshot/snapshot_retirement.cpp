@@ -33,39 +33,29 @@ class Retirement {
       : root_(root), identity_(status_of(directory.get())), paths_(std::move(directory)) {}
 
   void remove_file(const std::string& path) {
-    const std::optional<int> parent = find_parent(path);
-    if (!parent) {
+    constexpr const char* failed = "Cannot remove a declared managed file";
+    const std::optional<Found> found = find(path, failed);
+    if (!found) {
       return;
     }
-    const char* const name = name_in(path);
-    const Result<Status> status = link_status_at(*parent, name);
-    if (!status) {
-      require(status.problem() == Cause::missing, "file_remove", "Cannot remove a declared managed file");
-      return;
-    }
-    if (!is_file(*status)) {
+    if (!is_file(found->status)) {
       // For a link, this fails with a message of its own.
       safe_join(root_, path, true);
       fail("unsafe_path", "Changed managed paths were preserved");
     }
-    require(!os::remove_at(*parent, name), "file_remove", "Cannot remove a declared managed file");
+    require(!os::remove_at(found->parent, found->name), "file_remove", failed);
   }
 
   // Removes an empty directory; flushes any other.
   void remove_directory(const std::string& path) {
-    const std::optional<int> parent = find_parent(path);
-    if (!parent) {
+    constexpr const char* failed = "Cannot retire empty managed directory";
+    const std::optional<Found> found = find(path, failed);
+    if (!found) {
       return;
     }
-    const char* const name = name_in(path);
-    const Result<Status> status = link_status_at(*parent, name);
-    if (!status) {
-      require(status.problem() == Cause::missing, "file_remove", "Cannot retire empty managed directory");
-      return;
-    }
-    require(is_directory(*status), "unsafe_path", "Changed managed directory was preserved");
-    if (const Problem problem = os::remove_directory_at(*parent, name)) {
-      require(is_not_empty(problem), "file_remove", "Cannot retire empty managed directory");
+    require(is_directory(found->status), "unsafe_path", "Changed managed directory was preserved");
+    if (const Problem problem = os::remove_directory_at(found->parent, found->name)) {
+      require(is_not_empty(problem), "file_remove", failed);
       flush(paths_.open(path, os::OpenAs::directory));
     }
   }
@@ -85,6 +75,29 @@ class Retirement {
   }
 
  private:
+  // An entry of the tree, by its name in an open directory.
+  struct Found {
+    int parent;
+    const char* name;
+    Status status;
+  };
+
+  // Finds what a path names; none where nothing does. Fails with "file_remove" and this message when that cannot be
+  // told, and for a link on the way.
+  std::optional<Found> find(const std::string& path, std::string_view failed) {
+    const std::optional<int> parent = find_parent(path);
+    if (!parent) {
+      return std::nullopt;
+    }
+    const char* const name = name_in(path);
+    const Result<Status> status = link_status_at(*parent, name);
+    if (!status) {
+      require(status.problem() == Cause::missing, "file_remove", failed);
+      return std::nullopt;
+    }
+    return Found{*parent, name, *status};
+  }
+
   static const char* name_in(const std::string& path) {
     const std::size_t separator = path.rfind('/');
     return path.c_str() + (separator == std::string::npos ? 0 : separator + 1);
