@@ -14,8 +14,29 @@ constexpr const char* not_durable = "Could not durably synchronize directory";
 
 }  // namespace
 
+bool is_named(const std::string& message, const std::string& path) {
+  constexpr std::string_view around = " :;,()";
+  const auto ends = [&](std::size_t at) { return at >= message.size() || around.find(message[at]) != around.npos; };
+  for (std::size_t at = message.find(path); at != std::string::npos; at = message.find(path, at + 1)) {
+    if ((at == 0 || ends(at - 1)) && ends(at + path.size())) {
+      return true;
+    }
+  }
+  return false;
+}
+
 void require_absent(const std::filesystem::path& path) {
-  require(is_missing(path), "output_exists", "The output already exists: " + path_utf8(path));
+  const auto status = link_status_of(path);
+  require(!status, "output_exists", "The output already exists: " + path_utf8(path));
+  require(is_missing(path), "file_write",
+          "Cannot look for the output " + path_utf8(path) + ": " + problem_text(status.problem()));
+}
+
+void require_outside(const std::filesystem::path& output, const std::filesystem::path& directory,
+                     std::string_view message) {
+  std::error_code problem;
+  const std::filesystem::path below = std::filesystem::relative(output, directory, problem);
+  require(!problem && (below.empty() || *below.begin() == ".."), "unsafe_path", message);
 }
 
 std::filesystem::path output_path(const std::filesystem::path& path) {

@@ -15,8 +15,12 @@
 
 namespace ravok {
 
-// Accepts only a path where nothing is. Fails with "output_exists".
+// Accepts only a path where nothing is. Fails with "output_exists", and with "file_write" where that cannot be told.
 void require_absent(const std::filesystem::path& path);
+
+// Accepts only an output that does not lie in a directory, nor is it. Fails with "unsafe_path" and this message.
+void require_outside(const std::filesystem::path& output, const std::filesystem::path& directory,
+                     std::string_view message);
 
 // Writes a file of mode 0644 that must not exist yet, durably. Fails with "insufficient_space", "file_write",
 // "file_sync" or "unsafe_path" as OutputFile does; then there is no file.
@@ -30,7 +34,10 @@ void make_output_folder(int parent, const std::string& name, const std::filesyst
 // output and its directory have a name.
 std::filesystem::path output_path(const std::filesystem::path& path);
 
-// Returns what `work` returns. An Error from it keeps its code, and its message begins with the path unless it holds
+// Whether the path stands in a message, between spaces and punctuation.
+bool is_named(const std::string& message, const std::string& path);
+
+// Returns what `work` returns. An Error from it keeps its code, and its message begins with the path unless it names
 // the path already.
 template <typename Work>
 auto about(const std::filesystem::path& path, Work work) {
@@ -39,7 +46,7 @@ auto about(const std::filesystem::path& path, Work work) {
   } catch (const Error& error) {
     const std::string message = error.what();
     const std::string name = path_utf8(path);
-    fail(error.code, message.find(name) == std::string::npos ? name + ": " + message : message);
+    fail(error.code, is_named(message, name) ? message : name + ": " + message);
   }
 }
 

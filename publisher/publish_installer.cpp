@@ -88,6 +88,7 @@ PublishedInstaller publish_installer(const InstallerPublication& publication, co
   published.package = output / package_name;
   published.seal = seal_of(publication.package);
   require_absent(output);
+  require_outside(output, publication.package, "The installer's folder must lie outside the package");
   std::string program;
   bool to_sign = false;
   about(publication.program, [&] {

@@ -19,13 +19,6 @@ namespace {
 // No manifest within the bounds on files and paths is longer than this.
 constexpr std::uint64_t manifest_limit = std::uint64_t{1} << 31;
 
-void require_outside(const std::filesystem::path& output, const std::filesystem::path& tree) {
-  std::error_code problem;
-  const std::filesystem::path below = std::filesystem::relative(output, tree, problem);
-  require(!problem && (below.empty() || *below.begin() == ".."), "unsafe_path",
-          "The output directory must lie outside the tree");
-}
-
 // What has been judged, and may be written.
 struct Judged {
   PublishedSnapshot snapshot;
@@ -44,7 +37,7 @@ Judged judge(const SnapshotPublication& publication, const SnapshotListener& lis
   require_absent(snapshot.archive);
   require_absent(snapshot.manifest);
   judged.inventory = judge_tree(publication, listener.scanning, listener.unmatched);
-  require_outside(publication.output, publication.tree);
+  require_outside(publication.output, publication.tree, "The output directory must lie outside the tree");
   require_accepted(publication.kind, make_document(publication, judged.inventory, smallest_archive()));
   snapshot.files = judged.inventory.size();
   snapshot.expanded_length = expanded_length(judged.inventory);

@@ -2,7 +2,9 @@
 
 #include <algorithm>
 #include <cstddef>
+#include <string>
 #include <string_view>
+#include <vector>
 
 #include "domain/error.hpp"
 #include "domain/text_rules.hpp"
@@ -14,6 +16,8 @@ namespace {
 constexpr std::string_view invalid_origin = "invalid_origin";
 constexpr std::string_view https = "https://";
 constexpr std::size_t maximum_port_digits = 5;
+constexpr std::size_t maximum_name_characters = 63;
+constexpr std::size_t maximum_host_characters = 253;
 constexpr unsigned long maximum_port = 65'535;
 
 void require_port(std::string_view port) {
@@ -24,12 +28,45 @@ void require_port(std::string_view port) {
           "The port of the origin must be a number from 1 to 65535");
 }
 
+bool is_host_name(std::string_view name) {
+  return !name.empty() && name.size() <= maximum_name_characters && name.front() != '-' && name.back() != '-' &&
+         std::all_of(name.begin(), name.end(), [](char c) { return is_letter_or_digit(c) || c == '-' || c == '_'; });
+}
+
+bool is_address(const std::vector<std::string_view>& numbers) {
+  return numbers.size() == 4 && std::all_of(numbers.begin(), numbers.end(), [](std::string_view number) {
+           return are_digits(number) && number.size() <= 3 && std::stoul(std::string(number)) <= 255;
+         });
+}
+
+// The names of a host, of which the last is a number in an address alone. A dot may end them.
+void require_names(std::string_view host) {
+  std::vector<std::string_view> names;
+  for (std::string_view rest = host.ends_with('.') ? host.substr(0, host.size() - 1) : host;;) {
+    const std::size_t dot = rest.find('.');
+    names.push_back(rest.substr(0, dot));
+    if (dot == std::string_view::npos) {
+      break;
+    }
+    rest.remove_prefix(dot + 1);
+  }
+  require(host.size() <= maximum_host_characters && std::all_of(names.begin(), names.end(), is_host_name),
+          invalid_origin,
+          "The host of the origin must be names of 1 to 63 letters, digits and hyphens between dots, 253 characters at "
+          "most");
+  require(!are_digits(names.back()) || is_address(names), invalid_origin,
+          "The host of the origin ends in a number and is no address");
+}
+
 void require_host(std::string_view host) {
   require(std::none_of(host.begin(), host.end(), [](char c) { return static_cast<unsigned char>(c) > 127; }),
           invalid_origin,
           "The host of the origin must be ASCII; write an international name in its form that begins with xn--");
   require(std::any_of(host.begin(), host.end(), is_letter_or_digit), invalid_origin,
           "The host of the origin has no letter or digit");
+  if (!host.starts_with('[')) {
+    require_names(host);
+  }
 }
 
 // Whether a text behind the scheme is not even the form of a host and a port.

@@ -51,12 +51,11 @@ class Judgement {
 
   void judge_programs() {
     std::set<std::string> named;
-    bool all_there = true;
     for (const NamedProgram& program : programs_to_be(publication_)) {
       named.insert(program.path);
-      all_there = judge_named(program) && all_there;
+      judge_named(program);
     }
-    if (!all_there || publication_.kind == SnapshotKind::game) {
+    if (publication_.kind == SnapshotKind::game) {
       return;
     }
     for (const auto& [path, file] : inventory_) {
@@ -97,15 +96,13 @@ class Judgement {
   }
 
  private:
-  // Returns whether the program is there, even if something else is refused of it.
-  bool judge_named(const NamedProgram& program) {
+  void judge_named(const NamedProgram& program) {
     const auto file = inventory_.find(program.path);
     if (refusals_.concern(program.path) || (file != inventory_.end() && file->second.executable)) {
-      return true;
+      return;
     }
     refusals_.add({program.code, program.rule, program.path, program.rule, "a file of mode 0755",
                    file == inventory_.end() ? "no such file" : "a file of mode 0644"});
-    return false;
   }
 
   void refuse_without_role(const std::string& path) {

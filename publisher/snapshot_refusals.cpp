@@ -8,20 +8,20 @@
 namespace ravok {
 namespace {
 
+std::string measure_of(const SnapshotRefusal& refusal) {
+  return "limit: " + refusal.limit + "; found: " + refusal.value;
+}
+
 std::string line_of(const SnapshotRefusal& refusal) {
   const std::string about = refusal.name.empty() ? "" : refusal.name + ": ";
-  return about + refusal.rule + " (limit: " + refusal.limit + "; found: " + refusal.value + ")";
+  return about + refusal.rule + " (" + measure_of(refusal) + ")";
 }
 
 std::vector<std::string> lines_of(const std::vector<SnapshotRefusal>& refusals, std::size_t count) {
   if (count == 1) {
     const SnapshotRefusal& only = refusals.front();
-    std::vector<std::string> lines = {only.message};
-    if (only.code == "path_collision") {
-      // The message has only one of the two names.
-      lines.push_back("It clashes with: " + only.value);
-    }
-    return lines;
+    // The message need not have the name, and of two that clash it has one.
+    return {only.message, (only.name.empty() ? "" : only.name + ", ") + measure_of(only)};
   }
   std::vector<std::string> lines = {"The snapshot is refused for " + std::to_string(count) + " reasons:"};
   for (const SnapshotRefusal& refusal : refusals) {

@@ -32,7 +32,7 @@ class SnapshotRefused : public Error {
   // `refusals` are the first of `count`, one at least.
   SnapshotRefused(std::vector<SnapshotRefusal> refusals, std::size_t count);
 
-  // What to show a user: the lines of the message, and for a single clash of two names one more with the other name. A
+  // What to show a user: the lines of the message, and for a single refusal one more with its name, limit and value. A
   // name in them is as the tree has it; in the message of several refusals it is escaped for a terminal.
   std::vector<std::string> lines() const;
 

@@ -3,13 +3,14 @@
 #include <string>
 
 #include "app/brand/brand.hpp"
+#include "domain/display_text.hpp"
 #include "domain/error.hpp"
 #include "domain/paths.hpp"
 #include "publisher/commands/commands.hpp"
 #include "publisher/commands/results.hpp"
 #include "publisher/commands/terminal.hpp"
 #include "publisher/publish_package.hpp"
-#include "transport/https.hpp"
+#include "publisher/repository_origin.hpp"
 
 namespace ravok {
 namespace {
@@ -61,7 +62,7 @@ FeaturedGame read_featured_game(const std::string& text) {
 }
 
 void require_options(const PackagePublication& publication) {
-  require_plain_origin(publication.origin);
+  require_reachable_origin(publication.origin);
   if (publication.brand) {
     const BrandPublication& brand = *publication.brand;
     parse_brand(
@@ -69,6 +70,8 @@ void require_options(const PackagePublication& publication) {
   }
   if (publication.featured_game) {
     require_featured_game(*publication.featured_game);
+    require(is_displayable(publication.featured_game->name, false), "invalid_native_package",
+            "The name of a featured game must be plain text");
   }
 }
 

@@ -80,6 +80,15 @@ const PublishCommand& chosen(const std::array<PublishCommand, 5>& commands) {
   return *std::find_if(commands.begin(), commands.end(), [](const auto& one) { return one.options->parsed(); });
 }
 
+// An empty value is what a variable leaves that was never set.
+void require_values(const CLI::App& command) {
+  for (const CLI::Option* const option : command.get_options()) {
+    for (const std::string& value : option->results()) {
+      require(!value.empty(), "usage", option->get_name() + " needs a value");
+    }
+  }
+}
+
 void run_command(const PublishCommand& command, const CommandRun& run) {
   CommandResult result = command.run(run);
   if (run.json) {
@@ -108,6 +117,7 @@ int run_program(int count, const char* const* words, CommandRun& run) {
     return answer(program, problem, run.json);
   }
   const PublishCommand& command = chosen(commands);
+  require_values(*command.options);
   run.json = command.options->count(json_option) > 0;
   run_command(command, run);
   return 0;

@@ -196,6 +196,11 @@ TEST_F(PublishRepository, TellsAWrongCommandLineFromEveryOtherFailure) {
       {with(brand, {"--featured-game", "a b=Game"}), 2,
        "Game and build IDs use lower-case letters, digits, dots and hyphens"},
       {with(brand, {"--featured-game", "game="}), 2, "Featured game name must be 1 to 80 bytes"},
+      {with(brand, {"--featured-game", "game=a\nb"}), 2, "The name of a featured game must be plain text"},
+      {with(package, {"--ca-bundle", ""}), 2, "--ca-bundle needs a value"},
+      {changed(package, 9, "https://a:"), 2, "The origin has a colon without a port behind it"},
+      {changed(package, 9, "https://a:65536"), 2, "The port of the origin must be a number from 1 to 65535"},
+      {changed(package, 9, "https://%"), 2, "The origin must not contain a percent sign"},
       {package, 1, "Cannot open file: " + missing}};
   for (const auto& refused : cases) {
     expect_refused(refused.arguments, refused.exit_code, refused.message + "\n");

@@ -81,6 +81,27 @@ TEST(NewOutput, TakesNoOtherFileAwayEvenOneThatHoldsTheSame) {
   EXPECT_EQ(root.names(), Names{"output"});
 }
 
+TEST(RequireAbsent, SaysWhatItCannotLookFor) {
+  const testing::TemporaryRoot root;
+  const std::filesystem::path long_name = root / std::string(256, 'x');
+  EXPECT_FAILURE(require_absent(long_name), "file_write",
+                 "Cannot look for the output " + long_name.native() + ": File name too long");
+  EXPECT_NO_THROW(require_absent(root / "missing/below"));
+  root.write("there", "x");
+  EXPECT_FAILURE(require_absent(root / "there"), "output_exists",
+                 "The output already exists: " + (root / "there").native());
+}
+
+TEST(IsNamed, TellsAPathFromAPartOfAWord) {
+  EXPECT_TRUE(is_named("Cannot open file: th", "th"));
+  EXPECT_TRUE(is_named("th: File exceeds read limit", "th"));
+  EXPECT_TRUE(is_named("Cannot read a/b (5)", "a/b"));
+  EXPECT_FALSE(is_named("Theme needs the colour text", "th"));
+  EXPECT_FALSE(is_named("File exceeds read limit", "e"));
+  EXPECT_FALSE(is_named("Cannot open file: out/th", "th"));
+  EXPECT_FALSE(is_named("", "th"));
+}
+
 TEST(ReadSeal, ReturnsTheDigestOfASlot) {
   const volatile PackageSealSlot slot = make_seal_slot(seal);
   EXPECT_EQ(read_seal(slot), seal);
@@ -179,6 +200,16 @@ TEST_F(PublishInstaller, PutsASealedProgramBesideItsPackage) {
   std::sort(names.begin(), names.end());
   EXPECT_EQ(root.names(), names);
   EXPECT_EQ(root.read("program"), "image " + empty_slot + " end");
+}
+
+TEST_F(PublishInstaller, RefusesAPlaceInItsPackage) {
+  const Names names = root.names();
+  for (const std::filesystem::path& inside : {publication.package / "installer", publication.package / "a/b"}) {
+    publication.output = inside;
+    EXPECT_FAILURE(publish_installer(publication, {}), "unsafe_path",
+                   "The installer's folder must lie outside the package");
+  }
+  EXPECT_EQ(root.names(), names);
 }
 
 TEST_F(PublishInstaller, ReplacesTheSealOfAnotherPackage) {
