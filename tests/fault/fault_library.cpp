@@ -23,8 +23,10 @@
 //                        the function, the modes possible for this very call (separated by commas), the mode that
 //                        was applied or "-", how many files were flushed before, the numbers of the calls whose
 //                        changes of names a power cut could lose here (separated by commas; "-" for none, "=" for the
-//                        same as in the line before), and the path. A last line stands for the end of a process that
-//                        ends by itself, with the number that follows and "end" as its function.
+//                        same as in the line before), a number that is the same for two calls only where the last
+//                        functions on the way to them are (0 while a call is to be spoilt), and the path. A last line
+//                        stands for the end of a process that ends by itself, with the number that follows and "end" as
+//                        its function.
 //   RAVOK_FAULT_PROGRAM  The file name of the program to act in; any other passes the variables on to those that it
 //                        starts. Without it the library acts in the first program.
 //
@@ -68,6 +70,7 @@
 #include <sys/uio.h>
 #include <sys/xattr.h>
 #include <unistd.h>
+#include <unwind.h>
 
 #include "fault/pending_names.hpp"
 
@@ -371,6 +374,26 @@ bool is_possible(Mode mode, const Chances& chances) {
   return false;
 }
 
+struct Callers {
+  std::uint64_t hash = 0xcbf29ce484222325;
+  int count = 0;
+};
+
+_Unwind_Reason_Code add_caller(_Unwind_Context* context, void* found) {
+  constexpr int most = 8;  // this library's own among them
+  Callers& callers = *static_cast<Callers*>(found);
+  // FNV-1a over the addresses to which the functions will return.
+  callers.hash = (callers.hash ^ static_cast<std::uint64_t>(_Unwind_GetIP(context))) * 0x100000001b3;
+  return ++callers.count < most ? _URC_NO_REASON : _URC_END_OF_STACK;
+}
+
+// Returns a number for the last functions that have been called, within one run of a program.
+std::uint64_t last_callers() {
+  Callers callers;
+  _Unwind_Backtrace(add_caller, &callers);
+  return callers.hash;
+}
+
 void report(std::uint64_t number, const char* name, const Chances& chances, Mode applied, Text& path) {
   if (control.report < 0) {
     return;
@@ -392,10 +415,10 @@ void report(std::uint64_t number, const char* name, const Chances& chances, Mode
     list_pending_names(pending, sizeof pending);
   }
   static char line[sizeof path.bytes + sizeof pending + 256];
-  const int size =
-      std::snprintf(line, sizeof line, "%llu\t%s\t%s\t%s\t%llu\t%s\t%s\n", static_cast<unsigned long long>(number),
-                    name, modes, mode_names[static_cast<int>(applied)],
-                    static_cast<unsigned long long>(control.flushed_files), pending, path.bytes);
+  const int size = std::snprintf(
+      line, sizeof line, "%llu\t%s\t%s\t%s\t%llu\t%s\t%llu\t%s\n", static_cast<unsigned long long>(number), name, modes,
+      mode_names[static_cast<int>(applied)], static_cast<unsigned long long>(control.flushed_files), pending,
+      static_cast<unsigned long long>(control.chosen == 0 ? last_callers() : 0), path.bytes);
   syscall(SYS_write, control.report, line, static_cast<std::size_t>(size));
 }
 

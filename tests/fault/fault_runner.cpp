@@ -1,10 +1,12 @@
 #include "fault/fault_runner.hpp"
 
 #include <algorithm>
+#include <cstdlib>
 #include <initializer_list>
 #include <iomanip>
 #include <iterator>
 #include <limits>
+#include <map>
 #include <ostream>
 #include <set>
 #include <sstream>
@@ -51,16 +53,17 @@ std::vector<FaultCall> parse_report(const std::string& report) {
   std::istringstream lines(report);
   for (std::string line; std::getline(lines, line);) {
     std::istringstream fields(line);
-    std::string number, name, modes, applied, flushed, pending, path;
+    std::string number, name, modes, applied, flushed, pending, callers, path;
     std::getline(fields, number, '\t');
     std::getline(fields, name, '\t');
     std::getline(fields, modes, '\t');
     std::getline(fields, applied, '\t');
     std::getline(fields, flushed, '\t');
     std::getline(fields, pending, '\t');
+    std::getline(fields, callers, '\t');
     std::getline(fields, path);
     calls.push_back({std::stoull(number), name, modes_called(modes), modes_called(applied), std::stoull(flushed),
-                     pending == "=" ? calls.back().pending : numbers(pending), path});
+                     pending == "=" ? calls.back().pending : numbers(pending), std::stoull(callers), path});
   }
   return calls;
 }
@@ -122,6 +125,59 @@ std::vector<std::size_t> spread(std::size_t count, std::size_t turn) {
 bool is_turning_point(const std::string& name) {
   const std::initializer_list<const char*> names = {"rename", "renameat", "renameat2", "link", "linkat", "fsync"};
   return std::find(names.begin(), names.end(), name) != names.end();
+}
+
+// Whether a call only looks: a process that ends behind it leaves what it would have left before it. A function that is
+// not known here may change something, and a call that takes space does, like an opening that makes its file.
+bool only_looks(const FaultCall& call) {
+  static const std::set<std::string> looking = {
+      "access",          "close",      "faccessat",   "fcntl",         "fdopendir",  "fgetxattr",
+      "flistxattr",      "flock",      "fopen",       "fopen64",       "fstat",      "fstat64",
+      "fstatat",         "fstatat64",  "fstatfs",     "fstatfs64",     "fstatvfs",   "fstatvfs64",
+      "getxattr",        "lgetxattr",  "listxattr",   "llistxattr",    "lseek",      "lseek64",
+      "lstat",           "lstat64",    "open",        "open64",        "openat",     "openat64",
+      "opendir",         "pread",      "pread64",     "read",          "readdir",    "readdir64",
+      "readlink",        "readlinkat", "readv",       "stat",          "stat64",     "statfs",
+      "statfs64",        "statvfs",    "statvfs64",   "statx",         "__open64_2", "__open_2",
+      "__openat64_2",    "__openat_2", "__pread_chk", "__pread64_chk", "__read_chk", "__readlink_chk",
+      "__readlinkat_chk"};
+  const bool takes_space = std::find(call.modes.begin(), call.modes.end(), FaultMode::enospc) != call.modes.end();
+  return looking.contains(call.name) && !takes_space;
+}
+
+// Returns the numbers of the calls that only look and need not fail, since others do that come from the same functions.
+std::set<std::uint64_t> spared_looks(const FaultRun& counted) {
+  std::set<std::uint64_t> spared;
+  if (std::getenv("RAVOK_EVERY_CALL") != nullptr) {
+    return spared;
+  }
+  std::map<std::pair<std::string, std::uint64_t>, std::vector<std::uint64_t>> looks;
+  for (const FaultCall& call : counted.calls) {
+    if (only_looks(call)) {
+      looks[{call.name, call.callers}].push_back(call.number);
+    }
+  }
+  for (const auto& [from, numbers] : looks) {
+    for (const std::uint64_t number : numbers) {
+      if (number != numbers.front() && number != numbers[numbers.size() / 2] && number != numbers.back()) {
+        spared.insert(number);
+      }
+    }
+  }
+  return spared;
+}
+
+// Whether ending the process at a call leaves something else than ending it at the call before.
+bool is_new_end(const FaultCall& before, FaultMode mode) {
+  const bool only_flushes = before.name == "fsync" || before.name == "fdatasync";
+  switch (mode) {
+    case FaultMode::exit:
+      return !only_looks(before) && !only_flushes;
+    case FaultMode::power:
+      return !only_looks(before);
+    default:
+      return true;
+  }
 }
 
 // Returns the ending in a few words. A message's code stands before its first colon.
@@ -271,10 +327,15 @@ FaultTable run_faults(const FaultPlan& plan) {
                                        description(unspoilt, call, mode, loss) + "\n" + spoilt.result.errors);
     plan.judge({call, mode, spoilt.result});
   };
+  const std::set<std::uint64_t> spared = spared_looks(unspoilt);
+  const auto is_worth_it = [&](const FaultCall& call, FaultMode mode) {
+    return mode == FaultMode::eio ? !spared.contains(call.number)
+                                  : call.number == 1 || is_new_end(call_of(unspoilt, call.number - 1), mode);
+  };
   for (std::uint64_t number = 1; number <= unspoilt.calls.size() + (unspoilt.end ? 1 : 0); ++number) {
     const FaultCall& call = call_of(unspoilt, number);
     for (const FaultMode mode : call.modes) {
-      if (mode != FaultMode::names && is_tried(mode)) {
+      if (mode != FaultMode::names && is_tried(mode) && is_worth_it(call, mode)) {
         spoil(call, mode, {});
       }
     }

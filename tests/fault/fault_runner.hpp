@@ -41,6 +41,7 @@ struct FaultCall {
   std::vector<FaultMode> applied;      // what happened to it: nothing or one mode
   std::uint64_t flushed_files = 0;     // how many files had been flushed before
   std::vector<std::uint64_t> pending;  // the calls whose changes of names a power cut could lose here
+  std::uint64_t callers = 0;           // in a counted run, the same for the same last functions on the way to it
   std::filesystem::path path;          // the path that it concerned, the first of two
 };
 
@@ -111,9 +112,11 @@ struct FaultTable {
 std::ostream& operator<<(std::ostream& stream, const FaultTable& table);
 
 // Runs the program once unspoilt, which must end with code 0. Then runs it for every call and every mode that is
-// possible for the call, each time on a fresh state; for the mode that loses names, name_cuts chooses the runs. Throws
-// std::runtime_error when the unspoilt run fails or makes too many calls, and when a spoilt run does not reach its
-// call, since the program's calls then differ from run to run.
+// possible for the call, each time on a fresh state; for the mode that loses names, name_cuts chooses the runs. Where
+// the call before only looks, an end of the process leaves what it leaves there, and is not tried again. Of the calls
+// that only look and come from the same last functions, three fail: the first, one in the middle and the last; all of
+// them where the environment has RAVOK_EVERY_CALL. Throws std::runtime_error when the unspoilt run fails or makes too
+// many calls, and when a spoilt run does not reach its call, since the program's calls then differ from run to run.
 FaultTable run_faults(const FaultPlan& plan);
 
 }  // namespace ravok::testing
