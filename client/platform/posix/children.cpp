@@ -53,7 +53,7 @@ struct ChildStart {
 
 [[noreturn]] void report_and_end(int report) {
   const int number = errno;
-  static_cast<void>(posix::retry_interrupted([&] { return write(report, &number, sizeof number); }) == 0);
+  static_cast<void>(posix::retry_interrupted([&] { return ::write(report, &number, sizeof number); }) == 0);
   _exit(not_started_code);
 }
 
@@ -68,7 +68,7 @@ void keep_descriptors_back(int count) {
 
 bool is_activated(int activation) {
   char byte = 0;
-  const bool read_one = posix::retry_interrupted([&] { return read(activation, &byte, 1); }) == 1;
+  const bool read_one = posix::retry_interrupted([&] { return ::read(activation, &byte, 1); }) == 1;
   close(activation);
   return read_one && byte == go_on_byte;
 }
@@ -121,7 +121,7 @@ bool protect_channel(Channel& channel) {
 }
 
 Handle open_empty_input() {
-  Handle input(posix::retry_interrupted([] { return open("/dev/null", O_RDONLY | O_CLOEXEC); }));
+  Handle input(posix::retry_interrupted([] { return ::open("/dev/null", O_RDONLY | O_CLOEXEC); }));
   return input && protect_descriptor(input) ? std::move(input) : Handle();
 }
 
@@ -165,7 +165,7 @@ bool activate_child(const Handle& activation) {
 
 std::optional<Problem> start_problem(const Handle& start) {
   int number = 0;
-  const ssize_t size = posix::retry_interrupted([&] { return read(start.get(), &number, sizeof number); });
+  const ssize_t size = posix::retry_interrupted([&] { return ::read(start.get(), &number, sizeof number); });
   if (size < 0) {
     return std::nullopt;
   }

@@ -160,6 +160,20 @@ TEST_F(ChildFault, AGroupThatItsParentCannotSetIsSetByTheChild) {
   EXPECT_EQ(described("group"), (std::vector<std::string>{std::to_string(child->pid())}));
 }
 
+TEST_F(ChildFault, AGroupIsInPlaceBeforeTheChildIsMadeKnown) {
+  ProcessCalls calls;
+  calls.fail_there("setpgid", {.number = EPERM});
+  ChildStart start = console();
+  pid_t group = 0;
+  std::uint64_t told = 0;
+  start.on_started = [&](std::uint64_t pid) {
+    told = pid;
+    group = getpgid(static_cast<pid_t>(pid));
+  };
+  expect_not_started(start, "process_start", "Cannot execute the installed game");
+  EXPECT_EQ(static_cast<std::uint64_t>(group), told);
+}
+
 TEST_F(ChildFault, InterruptedCallsAreRepeated) {
   for (const std::string call : {"open", "send", "waitpid", "read", "chdir", "dup2", "execve"}) {
     ProcessCalls calls;

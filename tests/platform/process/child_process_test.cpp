@@ -531,7 +531,7 @@ TEST_F(Child, IsTerminatedByThePoliteSignal) {
   wait_until_ready();
   const ProcessCalls calls;
   const StillClock clock([&] { wait_until_ended(child->pid()); });
-  EXPECT_TRUE(child->terminate(2000));
+  EXPECT_TRUE(child->terminate(5));
   EXPECT_EQ(child->poll(), 143u);
   EXPECT_TRUE(child->signalled());
   EXPECT_EQ(calls.count("kill"), 1);
@@ -638,6 +638,18 @@ TEST_F(Child, TakesOneRequest) {
   EXPECT_EQ(child->wait([&] { return ++asked > 0; }), 42u);
   EXPECT_EQ(asked, 0);
   EXPECT_FALSE(child->request_interrupt());
+}
+
+TEST_F(Child, LeavesItsParentOnlyTheWriterOfItsInterruptPipe) {
+  const std::size_t before = testing::open_descriptors().size();
+  const std::unique_ptr<ChildProcess> child = start_child(console_start({"listen", pipe()}));
+  EXPECT_EQ(testing::open_descriptors().size(), before + 1);
+  wait_until_ready();
+  const auto pid = static_cast<pid_t>(child->pid());
+  ASSERT_EQ(kill(pid, SIGKILL), 0);
+  wait_until_ended(child->pid());
+  EXPECT_FALSE(child->request_interrupt());
+  EXPECT_EQ(child->wait({}), 137u);
 }
 
 TEST_F(Child, WhoseOwnerIsGoneHearsThatNoRequestWillCome) {
