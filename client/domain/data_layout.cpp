@@ -58,4 +58,13 @@ std::array<std::filesystem::path, 9> LauncherPaths::directories() const {
   return {versions, manifests, downloads, download_intents, staging, intents, health, version_leases, attempt_leases};
 }
 
+GamePaths::GamePaths(std::string_view game_id)
+    : folder("games/" + std::string(game_id)), record(folder + "/record.json") {}
+
+std::string GamePaths::version(std::string_view name) const { return folder + "/versions/" + std::string(name); }
+
+std::string GamePaths::manifest(std::string_view sha256) const {
+  return folder + "/verified-manifests/application-" + std::string(sha256) + ".json";
+}
+
 }  // namespace ravok

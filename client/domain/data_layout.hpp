@@ -3,6 +3,7 @@
 
 #include <array>
 #include <filesystem>
+#include <string>
 #include <string_view>
 
 namespace ravok {
@@ -21,6 +22,11 @@ inline constexpr const char* trust_lock_file = ".lock";
 
 // The file in DataPaths::theme_directory that names the theme's other files.
 inline constexpr const char* theme_definition_file = "theme.json";
+
+// The file beside a program that makes it serve the one game of another store.
+inline constexpr const char* platformed_game_file = "ravok-platform.json";
+// The folder in the user's own data root that holds the data folders of such games.
+inline constexpr const char* platformed_games_folder = "platformed";
 
 // The places in the folder of an install or repair, DataPaths::staging: the trees that are prepared, and the names
 // under which the trees that they replace are kept until the end. Touches no file.
@@ -87,6 +93,18 @@ struct LauncherPaths {
   std::filesystem::path leases;            // the two folders of leases
   std::filesystem::path version_leases;    // held by whoever runs a version
   std::filesystem::path attempt_leases;    // held by whoever starts one
+};
+
+// The places of one installed game, as paths relative to the data folder. Touches no file.
+struct GamePaths {
+  explicit GamePaths(std::string_view game_id);
+
+  // Returns the place of an unpacked version, and of the saved manifest with this SHA-256.
+  std::string version(std::string_view name) const;
+  std::string manifest(std::string_view sha256) const;
+
+  std::string folder;  // all that belongs to the game
+  std::string record;  // which version is installed
 };
 
 }  // namespace ravok

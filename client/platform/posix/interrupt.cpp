@@ -24,7 +24,7 @@
 namespace ravok {
 namespace {
 
-constexpr std::string_view control = "launcher_control";
+constexpr std::string_view control_code = "launcher_control";
 constexpr std::string_view channel_version = "1:";
 constexpr std::size_t maximum_channel_bytes = 32;
 constexpr char request_byte = 1;
@@ -46,14 +46,14 @@ bool install_handler(int signal, struct sigaction* previous) {
 
 // The number of an inherited descriptor. Only its canonical decimal form is accepted.
 int channel_descriptor(std::string_view value) {
-  require(value.starts_with(channel_version), control, "Launcher interrupt channel version is invalid");
+  require(value.starts_with(channel_version), control_code, "Launcher interrupt channel version is invalid");
   const std::string_view text = value.substr(channel_version.size());
   std::uint64_t number = 0;
   const auto [end, problem] = std::from_chars(text.data(), text.data() + text.size(), number);
   require(problem == std::errc() && end == text.data() + text.size() && std::to_string(number) == text &&
               number > STDERR_FILENO,
-          control, "Launcher interrupt channel handle is invalid");
-  require(number <= static_cast<std::uint64_t>(std::numeric_limits<int>::max()), control,
+          control_code, "Launcher interrupt channel handle is invalid");
+  require(number <= static_cast<std::uint64_t>(std::numeric_limits<int>::max()), control_code,
           "Launcher interrupt descriptor is invalid");
   return static_cast<int>(number);
 }
@@ -63,7 +63,7 @@ void require_inherited_reader(int descriptor) {
   struct stat status;
   require(flags >= 0 && fcntl(descriptor, F_GETFD) >= 0 && fstat(descriptor, &status) == 0 &&
               (flags & O_ACCMODE) == O_RDONLY && S_ISFIFO(status.st_mode),
-          control, "Launcher interrupt reader must be an inherited read pipe");
+          control_code, "Launcher interrupt reader must be an inherited read pipe");
 }
 
 void protect(int descriptor) {
@@ -71,7 +71,7 @@ void protect(int descriptor) {
   const int flags = fcntl(descriptor, F_GETFL);
   require(fcntl(descriptor, F_SETFD, descriptor_flags | FD_CLOEXEC) >= 0 &&
               fcntl(descriptor, F_SETFL, flags | O_NONBLOCK) >= 0,
-          control, "Cannot protect launcher interrupt reader");
+          control_code, "Cannot protect launcher interrupt reader");
 }
 
 // Moves an end of the pipe off the standard descriptors, since no child accepts one of those as the channel.
@@ -173,8 +173,8 @@ class ConsoleInterrupt::State {
     if (count < 0 && errno == EAGAIN) {
       return false;
     }
-    require(count == 1, control, "Cannot read launcher interrupt channel");
-    require(byte == request_byte, control, "Launcher interrupt channel request is invalid");
+    require(count == 1, control_code, "Cannot read launcher interrupt channel");
+    require(byte == request_byte, control_code, "Launcher interrupt channel request is invalid");
     interrupted = 1;
     return true;
   }
@@ -247,7 +247,8 @@ InterruptPipe::InterruptPipe() {
   writer_ = Handle(ends[1]);
   reader_ = relocated(std::move(reader_));
   writer_ = relocated(std::move(writer_));
-  os::keep_quiet_when_reader_gone(writer_.get());
+  // A writer that cannot be told so writes with the signal kept off.
+  static_cast<void>(os::keep_quiet_when_reader_gone(writer_.get()));
 }
 
 std::string InterruptPipe::child_environment() const {
