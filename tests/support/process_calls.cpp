@@ -6,6 +6,7 @@
 #include <cstdarg>
 #include <cstddef>
 #include <stdexcept>
+#include <string_view>
 
 #include <fcntl.h>
 #include <sys/socket.h>
@@ -17,23 +18,23 @@ namespace ravok::testing {
 namespace {
 
 // A child between fork and exec must not make memory, so what is known of the calls stands in arrays.
-constexpr std::array<const char*, 17> names = {"pipe2",
-                                               "pipe",
-                                               "open",
-                                               "socketpair",
-                                               "fork",
-                                               "send",
-                                               "waitpid",
-                                               "kill",
-                                               "setpgid",
-                                               "chdir",
-                                               "dup2",
-                                               "execve",
-                                               "read",
-                                               "syscall",
-                                               "fcntl F_SETFD",
-                                               "fcntl F_GETFD",
-                                               "fcntl F_DUPFD_CLOEXEC"};
+constexpr std::array<std::string_view, 17> names = {"pipe2",
+                                                    "pipe",
+                                                    "open",
+                                                    "socketpair",
+                                                    "fork",
+                                                    "send",
+                                                    "waitpid",
+                                                    "kill",
+                                                    "setpgid",
+                                                    "chdir",
+                                                    "dup2",
+                                                    "execve",
+                                                    "read",
+                                                    "syscall",
+                                                    "fcntl F_SETFD",
+                                                    "fcntl F_GETFD",
+                                                    "fcntl F_DUPFD_CLOEXEC"};
 
 struct Calls {
   std::array<WrongCall, names.size()> wrong{};
@@ -49,24 +50,21 @@ struct Calls {
 
 Calls* present = nullptr;
 
-std::size_t index_of(const std::string& call) {
+std::size_t index_of(std::string_view call) {
   for (std::size_t i = 0; i < names.size(); ++i) {
     if (call == names[i]) {
       return i;
     }
   }
-  throw std::logic_error("No wrapped call is named " + call);
+  throw std::logic_error("No wrapped call is named " + std::string(call));
 }
 
-constexpr std::size_t at_pipe2 = 0, at_pipe = 1, at_open = 2, at_socketpair = 3, at_fork = 4, at_send = 5,
-                      at_waitpid = 6, at_kill = 7, at_setpgid = 8, at_chdir = 9, at_dup2 = 10, at_execve = 11,
-                      at_read = 12, at_syscall = 13, at_setfd = 14, at_getfd = 15, at_dupfd = 16;
-
 // Whether this call goes wrong, with its number in errno.
-bool goes_wrong(std::size_t call) {
+bool goes_wrong(std::string_view name) {
   if (present == nullptr) {
     return false;
   }
+  const std::size_t call = index_of(name);
   ++present->counts[call];
   WrongCall& how = present->wrong[call];
   if (!(getpid() == present->process ? present->wrong_here : present->wrong_there)[call]) {
@@ -123,10 +121,10 @@ std::optional<int> ProcessCalls::last_status() const { return present->last_stat
 extern "C" {
 
 int __real_pipe2(int* ends, int flags);
-int __wrap_pipe2(int* ends, int flags) { return goes_wrong(at_pipe2) ? -1 : __real_pipe2(ends, flags); }
+int __wrap_pipe2(int* ends, int flags) { return goes_wrong("pipe2") ? -1 : __real_pipe2(ends, flags); }
 
 int __real_pipe(int* ends);
-int __wrap_pipe(int* ends) { return goes_wrong(at_pipe) ? -1 : __real_pipe(ends); }
+int __wrap_pipe(int* ends) { return goes_wrong("pipe") ? -1 : __real_pipe(ends); }
 
 int __real_open(const char* path, int flags, ...);
 int __wrap_open(const char* path, int flags, ...) {
@@ -134,28 +132,28 @@ int __wrap_open(const char* path, int flags, ...) {
   va_start(rest, flags);
   const auto mode = va_arg(rest, mode_t);
   va_end(rest);
-  return goes_wrong(at_open) ? -1 : __real_open(path, flags, mode);
+  return goes_wrong("open") ? -1 : __real_open(path, flags, mode);
 }
 
 int __real_socketpair(int family, int type, int protocol, int* ends);
 int __wrap_socketpair(int family, int type, int protocol, int* ends) {
-  return goes_wrong(at_socketpair) ? -1 : __real_socketpair(family, type, protocol, ends);
+  return goes_wrong("socketpair") ? -1 : __real_socketpair(family, type, protocol, ends);
 }
 
 pid_t __real_fork();
-pid_t __wrap_fork() { return goes_wrong(at_fork) ? -1 : __real_fork(); }
+pid_t __wrap_fork() { return goes_wrong("fork") ? -1 : __real_fork(); }
 
 ssize_t __real_send(int descriptor, const void* bytes, size_t size, int flags);
 ssize_t __wrap_send(int descriptor, const void* bytes, size_t size, int flags) {
   if (present != nullptr && present->sends_nothing) {
     return 0;
   }
-  return goes_wrong(at_send) ? -1 : __real_send(descriptor, bytes, size, flags);
+  return goes_wrong("send") ? -1 : __real_send(descriptor, bytes, size, flags);
 }
 
 pid_t __real_waitpid(pid_t child, int* status, int options);
 pid_t __wrap_waitpid(pid_t child, int* status, int options) {
-  if (goes_wrong(at_waitpid)) {
+  if (goes_wrong("waitpid")) {
     return -1;
   }
   const pid_t ended = __real_waitpid(child, status, options);
@@ -168,34 +166,34 @@ pid_t __wrap_waitpid(pid_t child, int* status, int options) {
 
 int __real_kill(pid_t process, int signal);
 int __wrap_kill(pid_t process, int signal) {
-  if (goes_wrong(at_kill)) {
+  if (goes_wrong("kill")) {
     return -1;
   }
   return present != nullptr && present->swallows_signals ? 0 : __real_kill(process, signal);
 }
 
 int __real_setpgid(pid_t process, pid_t group);
-int __wrap_setpgid(pid_t process, pid_t group) { return goes_wrong(at_setpgid) ? -1 : __real_setpgid(process, group); }
+int __wrap_setpgid(pid_t process, pid_t group) { return goes_wrong("setpgid") ? -1 : __real_setpgid(process, group); }
 
 int __real_chdir(const char* path);
-int __wrap_chdir(const char* path) { return goes_wrong(at_chdir) ? -1 : __real_chdir(path); }
+int __wrap_chdir(const char* path) { return goes_wrong("chdir") ? -1 : __real_chdir(path); }
 
 int __real_dup2(int from, int to);
-int __wrap_dup2(int from, int to) { return goes_wrong(at_dup2) ? -1 : __real_dup2(from, to); }
+int __wrap_dup2(int from, int to) { return goes_wrong("dup2") ? -1 : __real_dup2(from, to); }
 
 int __real_execve(const char* image, char* const* arguments, char* const* environment);
 int __wrap_execve(const char* image, char* const* arguments, char* const* environment) {
-  return goes_wrong(at_execve) ? -1 : __real_execve(image, arguments, environment);
+  return goes_wrong("execve") ? -1 : __real_execve(image, arguments, environment);
 }
 
 ssize_t __real_read(int descriptor, void* bytes, size_t size);
 ssize_t __wrap_read(int descriptor, void* bytes, size_t size) {
-  return goes_wrong(at_read) ? -1 : __real_read(descriptor, bytes, size);
+  return goes_wrong("read") ? -1 : __real_read(descriptor, bytes, size);
 }
 
 long __real_syscall(long number, long a, long b, long c, long d, long e, long f);
 long __wrap_syscall(long number, long a, long b, long c, long d, long e, long f) {
-  return goes_wrong(at_syscall) ? -1 : __real_syscall(number, a, b, c, d, e, f);
+  return goes_wrong("syscall") ? -1 : __real_syscall(number, a, b, c, d, e, f);
 }
 
 int __real_fcntl(int descriptor, int command, ...);
@@ -204,8 +202,8 @@ int __wrap_fcntl(int descriptor, int command, ...) {
   va_start(rest, command);
   void* const argument = va_arg(rest, void*);
   va_end(rest);
-  if ((command == F_SETFD && goes_wrong(at_setfd)) || (command == F_GETFD && goes_wrong(at_getfd)) ||
-      (command == F_DUPFD_CLOEXEC && goes_wrong(at_dupfd))) {
+  if ((command == F_SETFD && goes_wrong("fcntl F_SETFD")) || (command == F_GETFD && goes_wrong("fcntl F_GETFD")) ||
+      (command == F_DUPFD_CLOEXEC && goes_wrong("fcntl F_DUPFD_CLOEXEC"))) {
     return -1;
   }
   return __real_fcntl(descriptor, command, argument);

@@ -2,7 +2,6 @@
 // of the calls' names, they fail on demand.
 #pragma once
 
-#include <map>
 #include <optional>
 #include <string>
 

@@ -31,6 +31,11 @@ bool protect_descriptor(Handle& handle) {
   return handle && fcntl(handle.get(), F_SETFD, FD_CLOEXEC) >= 0;
 }
 
+int descriptors_to_look_at() {
+  const long limit = sysconf(_SC_OPEN_MAX);
+  return static_cast<int>(limit < 0 ? maximum_descriptors : std::min(limit, maximum_descriptors));
+}
+
 // All that a child needs, made before it is.
 struct ChildStart {
   const char* image;
@@ -45,7 +50,7 @@ struct ChildStart {
   int report;
   int activation;
   int input;
-  int descriptors;  // one more than the highest that can be open
+  int descriptors;  // how many may be open
 };
 
 // From here to the start of the image, a child of a process with several threads may only make calls that are safe in a
@@ -73,7 +78,7 @@ bool is_activated(int activation) {
   return read_one && byte == go_on_byte;
 }
 
-// The image may only replace the standard streams with these.
+// Gives the program an empty input and, where it is to be so, its standard error for its output.
 bool set_streams(const ChildStart& child) {
   const bool set =
       posix::retry_interrupted([&] { return dup2(child.input, STDIN_FILENO); }) >= 0 &&
@@ -142,7 +147,7 @@ std::optional<std::int32_t> prepare_child(ChildProgram program, const Channel& s
       .report = start.child.get(),
       .activation = activation.child.get(),
       .input = input.get(),
-      .descriptors = static_cast<int>(std::clamp(sysconf(_SC_OPEN_MAX), 0L, maximum_descriptors)),
+      .descriptors = descriptors_to_look_at(),
   };
   const pid_t made = fork();
   if (made == 0) {
