@@ -2,7 +2,7 @@
 
 #include "domain/error.hpp"
 #include "domain/paths.hpp"
-#include "platform/os.hpp"
+#include "platform/process/process_operations.hpp"
 
 namespace ravok {
 

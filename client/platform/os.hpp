@@ -10,8 +10,6 @@
 #include <string_view>
 #include <vector>
 
-#include "platform/file/problem.hpp"
-
 namespace ravok::os {
 
 // --- The build and the process -------------------------------------------------------------
@@ -32,32 +30,8 @@ std::string_view data_root_below_home();
 // nothing when it cannot be told: the image may have been removed since, or replaced.
 std::optional<std::string> executable_path(std::size_t limit);
 
-// The variables of this process's environment, each as its name, "=" and its value.
-std::vector<std::string> environment();
-
-// Makes this process another program, in another directory. `arguments` begins with the program's own name, and
-// `environment` has the form of the function of that name. Returns only the problem, and then nothing has changed.
-struct ReplacementProblem {
-  bool in_directory = false;  // whether it was the directory that could not be entered
-  Problem problem;
-};
-ReplacementProblem replace_program(const std::string& image, std::vector<std::string> arguments,
-                                   std::vector<std::string> environment, const std::string& directory);
-
 // Whether a stream of this process is a terminal: 0 for its input, 1 for its output, 2 for its errors.
 bool is_terminal(int stream);
-
-// How a program ended that was started and waited for.
-enum class ProgramEnd {
-  not_prepared,  // its streams could not be set up
-  not_started,   // there is no such program, or it cannot be started
-  failed,        // it ended otherwise than with the exit code 0
-  succeeded,
-};
-
-// Runs a program, named by the first of the words and found on the search path, with the others as its arguments, and
-// waits for its end. What it says on its standard output goes to this process's standard error.
-ProgramEnd run_program(std::vector<std::string> words);
 
 // The program that shows a directory to the user, by its path or by its name on the search path.
 std::string_view directory_opener();

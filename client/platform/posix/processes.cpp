@@ -8,6 +8,7 @@
 
 #include "platform/os.hpp"
 #include "platform/posix/native.hpp"
+#include "platform/process/process_operations.hpp"
 
 extern char** environ;
 

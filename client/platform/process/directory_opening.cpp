@@ -4,6 +4,7 @@
 #include "domain/paths.hpp"
 #include "platform/file/status.hpp"
 #include "platform/os.hpp"
+#include "platform/process/process_operations.hpp"
 
 namespace ravok {
 

@@ -9,6 +9,7 @@
 #include "domain/text_rules.hpp"
 #include "platform/file/status.hpp"
 #include "platform/os.hpp"
+#include "platform/process/process_operations.hpp"
 
 namespace ravok {
 namespace {
