@@ -67,7 +67,7 @@ Json lease_document(const LauncherManifest& manifest, const Json& attempt, std::
 
 ProcessEnvironment cleared_startup_environment() {
   ProcessEnvironment environment;
-  for (const char* variable : startup_variables::all) {
+  for (const std::string_view variable : startup_variables) {
     environment.emplace(variable, "");
   }
   return environment;
@@ -134,11 +134,11 @@ ProcessEnvironment LauncherStore::health_environment(const Json& attempt, std::s
   const std::string nonce = nonce_of(attempt);
   return refuse_malformed(launcher_state_code, malformed_launcher_record, [&]() -> ProcessEnvironment {
     const Json& reference = attempt.at("reference");
-    return {{startup_variables::nonce, nonce},
-            {startup_variables::manifest, hash_identity(reference.at("manifest_sha256"))},
-            {startup_variables::build, text_at(reference, "build_id")},
-            {startup_variables::interface, std::string(interface)},
-            {startup_variables::data_root, path_utf8(root_)}};
+    return {{std::string(startup_variable::health_nonce), nonce},
+            {std::string(startup_variable::manifest), hash_identity(reference.at("manifest_sha256"))},
+            {std::string(startup_variable::build), text_at(reference, "build_id")},
+            {std::string(startup_variable::interface), std::string(interface)},
+            {std::string(startup_variable::data_root), path_utf8(root_)}};
   });
 }
 

@@ -3,7 +3,6 @@
 // are members of LauncherStore.
 #pragma once
 
-#include <array>
 #include <cstdint>
 #include <string_view>
 
@@ -12,19 +11,6 @@
 #include "platform/process/process.hpp"
 
 namespace ravok {
-
-// The variables of an attempt. Whoever has them may act as the launcher of that attempt.
-namespace startup_variables {
-
-inline constexpr const char* nonce = "RAVOK_LAUNCHER_HEALTH_NONCE";
-inline constexpr const char* manifest = "RAVOK_LAUNCHER_MANIFEST";
-inline constexpr const char* build = "RAVOK_LAUNCHER_BUILD";
-inline constexpr const char* interface = "RAVOK_LAUNCHER_INTERFACE";
-inline constexpr const char* data_root = "RAVOK_LAUNCHER_DATA_ROOT";
-// All of them, in the order in which a launcher gives them up.
-inline constexpr std::array<const char*, 5> all = {nonce, manifest, build, interface, data_root};
-
-}  // namespace startup_variables
 
 // The largest health document or acknowledgement, in bytes.
 inline constexpr std::uint64_t maximum_startup_document_bytes = 4096;
