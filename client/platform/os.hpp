@@ -40,8 +40,9 @@ std::string_view directory_opener();
 // unsigned.
 std::string_view program_signer();
 
-// Makes a write to a pipe fail without a signal once its reader is gone, where the system can be told so.
-void keep_quiet_when_reader_gone(int writer);
+// Makes a write to a pipe or a socket fail without a signal once its reader is gone, where the system can be told so.
+// Returns whether that worked.
+bool keep_quiet_when_reader_gone(int writer);
 
 // --- Access lists --------------------------------------------------------------------------
 

@@ -42,8 +42,8 @@ std::string_view directory_opener() { return "xdg-open"; }
 
 std::string_view program_signer() { return {}; }
 
-// The signal is for the thread that writes, which keeps it off by its own mask.
-void keep_quiet_when_reader_gone(int) {}
+// The signal is for the thread that writes, which keeps it off by itself.
+bool keep_quiet_when_reader_gone(int) { return true; }
 
 ShortcutForm shortcut_form() { return ShortcutForm::desktop_entry; }
 

@@ -49,7 +49,7 @@ std::string_view directory_opener() { return "/usr/bin/open"; }
 std::string_view program_signer() { return "/usr/bin/codesign"; }
 
 // The signal goes to the whole process here, so a thread's mask would not keep it off.
-void keep_quiet_when_reader_gone(int writer) { fcntl(writer, F_SETNOSIGPIPE, 1); }
+bool keep_quiet_when_reader_gone(int writer) { return fcntl(writer, F_SETNOSIGPIPE, 1) >= 0; }
 
 ShortcutForm shortcut_form() { return ShortcutForm::launch_document; }
 

@@ -247,7 +247,8 @@ InterruptPipe::InterruptPipe() {
   writer_ = Handle(ends[1]);
   reader_ = relocated(std::move(reader_));
   writer_ = relocated(std::move(writer_));
-  os::keep_quiet_when_reader_gone(writer_.get());
+  // A writer that cannot be told so writes with the signal kept off.
+  static_cast<void>(os::keep_quiet_when_reader_gone(writer_.get()));
 }
 
 std::string InterruptPipe::child_environment() const {

@@ -3,6 +3,8 @@
 
 #include <cerrno>
 #include <cstdint>
+#include <string>
+#include <vector>
 
 #include <sys/stat.h>
 
@@ -26,6 +28,21 @@ int passage_flags();
 // Claims blocks as os::reserve does, all or nothing, for a file that has `allocated` bytes of them; its size may stay
 // as it is.
 Problem claim_blocks(int descriptor, std::uint64_t allocated, std::uint64_t length);
+
+// The table that the system wants: pointers into the texts, and a null behind the last.
+std::vector<char*> pointers_to(std::vector<std::string>& texts);
+
+// Open both ends of a pipe, the end to read from first, or of a pair of sockets, neither of them for programs that this
+// process starts where the system can open them like that. Return what the system call does.
+int open_pipe(int (&ends)[2]);
+int open_sockets(int (&ends)[2]);
+
+// The flags with which a byte is sent without a signal if its reader is gone.
+int quiet_sending();
+
+// Keeps every descriptor but those of the standard streams from the program that this process becomes. Safe between
+// fork and exec. Returns whether the system can do that at once.
+bool keep_descriptors_back();
 
 // Repeats a system call, which answers -1 on failure, for as long as a signal interrupts it.
 template <typename Call>

@@ -13,7 +13,18 @@
 
 extern char** environ;
 
-namespace ravok::os {
+namespace ravok {
+
+std::vector<char*> posix::pointers_to(std::vector<std::string>& texts) {
+  std::vector<char*> table;
+  for (std::string& text : texts) {
+    table.push_back(text.data());
+  }
+  table.push_back(nullptr);
+  return table;
+}
+
+namespace os {
 namespace {
 
 // The redirections of a process that is to be started.
@@ -38,16 +49,6 @@ class SpawnActions {
   bool initialized_;
 };
 
-// The table that the system wants: pointers into the texts, and a null behind the last.
-std::vector<char*> pointers_to(std::vector<std::string>& texts) {
-  std::vector<char*> table;
-  for (std::string& text : texts) {
-    table.push_back(text.data());
-  }
-  table.push_back(nullptr);
-  return table;
-}
-
 }  // namespace
 
 std::vector<std::string> environment() {
@@ -66,8 +67,8 @@ bool is_terminal(int stream) { return isatty(stream) != 0; }
 
 ReplacementProblem replace_program(const std::string& image, std::vector<std::string> arguments,
                                    std::vector<std::string> environment, const std::string& directory) {
-  const std::vector<char*> argument_table = pointers_to(arguments);
-  const std::vector<char*> environment_table = pointers_to(environment);
+  const std::vector<char*> argument_table = posix::pointers_to(arguments);
+  const std::vector<char*> environment_table = posix::pointers_to(environment);
   std::error_code unknown;
   const std::filesystem::path before = std::filesystem::current_path(unknown);
   if (unknown || chdir(directory.c_str()) != 0) {
@@ -85,7 +86,7 @@ ProgramEnd run_program(std::vector<std::string> words) {
   if (!actions.duplicate(STDERR_FILENO, STDOUT_FILENO)) {
     return ProgramEnd::not_prepared;
   }
-  const std::vector<char*> table = pointers_to(words);
+  const std::vector<char*> table = posix::pointers_to(words);
   pid_t child = 0;
   if (posix_spawnp(&child, table.front(), actions.get(), nullptr, table.data(), environ) != 0) {
     return ProgramEnd::not_started;
@@ -95,4 +96,6 @@ ProgramEnd run_program(std::vector<std::string> words) {
   return ended && WIFEXITED(end) && WEXITSTATUS(end) == 0 ? ProgramEnd::succeeded : ProgramEnd::failed;
 }
 
-}  // namespace ravok::os
+}  // namespace os
+
+}  // namespace ravok

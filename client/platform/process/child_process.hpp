@@ -81,6 +81,8 @@ class ChildProcess {
   bool signalled() const { return signalled_; }
 
  private:
+  bool ends_within(std::uint64_t milliseconds);
+
   std::int32_t pid_ = -1;
   std::uint64_t exit_code_ = 0;
   bool finished_ = false;

@@ -67,6 +67,9 @@ class InterruptPipe {
   // raises no signal.
   bool request();
 
+  // Returns whether the request has been sent.
+  bool requested() const { return requested_; }
+
  private:
   Handle reader_;
   Handle writer_;

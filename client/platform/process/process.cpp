@@ -7,8 +7,8 @@
 #include "domain/error.hpp"
 #include "domain/paths.hpp"
 #include "domain/text_rules.hpp"
-#include "platform/file/status.hpp"
 #include "platform/os.hpp"
+#include "platform/process/launch_rules.hpp"
 #include "platform/process/process_operations.hpp"
 
 namespace ravok {
@@ -19,9 +19,14 @@ constexpr std::size_t maximum_argument_bytes = 131072;
 constexpr std::size_t maximum_key_characters = 127;
 constexpr std::size_t maximum_environment_bound = 131072;
 constexpr std::size_t maximum_executable_path_bytes = 32768;
-constexpr std::size_t maximum_replacement_arguments = 64;
-constexpr std::size_t maximum_replacement_argument_bytes = 4096;
-constexpr std::size_t maximum_replacement_bytes = 32768;
+
+constexpr LaunchRefusals replacement_refusals = {
+    .many_arguments = {"argument_limit", "Too many replacement arguments"},
+    .bad_argument = {"argument_encoding", "Invalid maintenance argument"},
+    .long_arguments = {"argument_limit", "Maintenance arguments exceed their bound"},
+    .bad_variable = {"argument_encoding", "Invalid maintenance environment"},
+    .interrupt_variable = {"argument_encoding", "Maintenance cannot inherit launcher interrupt authority"},
+};
 
 // Reads no byte beyond the first `bound` + 1, however long the text is.
 std::string bounded_bytes(const char* text, std::size_t bound, std::string_view code) {
@@ -36,61 +41,15 @@ std::string bounded_bytes(const char* text, std::size_t bound, std::string_view 
 
 bool is_key_character(char c) { return is_letter_or_digit(c) || c == '_'; }
 
-bool is_ordinary(const std::filesystem::path& path, EntryType type) {
-  const auto status = link_status_of(path);
-  return path.is_absolute() && status && status->type == type;
-}
-
-// With a separator after it, the system would follow a link.
-bool is_plain_directory(const std::filesystem::path& path) {
-  return is_ordinary(without_end_separator(path), EntryType::directory);
-}
-
-std::vector<std::string> replacement_arguments(const std::filesystem::path& image,
-                                               const std::vector<std::string>& arguments) {
-  require(arguments.size() <= maximum_replacement_arguments, "argument_limit", "Too many replacement arguments");
-  std::vector<std::string> table = {path_utf8(image)};
-  std::size_t total = 0;
-  for (const std::string& argument : arguments) {
-    require(!has_nul(argument) && argument.size() <= maximum_replacement_argument_bytes, "argument_encoding",
-            "Invalid maintenance argument");
-    total += argument.size();
-    table.push_back(argument);
-  }
-  require(total <= maximum_replacement_bytes, "argument_limit", "Maintenance arguments exceed their bound");
-  return table;
-}
-
-bool is_inherited(std::string_view key, const ProcessEnvironment& environment, bool scrub) {
-  const bool of_loader = key.starts_with("LD_") || key.starts_with("DYLD_");
-  return key != interrupt_reader_variable && !environment.contains(std::string(key)) && !(scrub && of_loader);
-}
-
-std::vector<std::string> replacement_environment(const ProcessEnvironment& environment, bool scrub) {
-  std::vector<std::string> table;
-  for (std::string& variable : os::environment()) {
-    if (is_inherited(std::string_view(variable).substr(0, variable.find('=')), environment, scrub)) {
-      table.push_back(std::move(variable));
-    }
-  }
-  for (const auto& [key, value] : environment) {
-    require(!key.empty() && key.find('=') == std::string::npos && !has_nul(key) && !has_nul(value), "argument_encoding",
-            "Invalid maintenance environment");
-    require(key != interrupt_reader_variable, "argument_encoding",
-            "Maintenance cannot inherit launcher interrupt authority");
-    table.push_back(key + "=" + value);
-  }
-  return table;
-}
-
 [[noreturn]] void replace_image(const std::filesystem::path& image, const std::vector<std::string>& arguments,
                                 const std::filesystem::path& directory, const ProcessEnvironment& environment,
                                 bool scrub) {
-  require(is_ordinary(image, EntryType::file) && is_plain_directory(directory), "process_start",
+  require(is_launch_image(image) && is_launch_directory(directory), "process_start",
           "Replacement image or directory is unavailable");
-  const os::ReplacementProblem end =
-      os::replace_program(path_utf8(image), replacement_arguments(image, arguments),
-                          replacement_environment(environment, scrub), path_utf8(directory));
+  std::vector<std::string> argument_table = launch_arguments(image, arguments, replacement_refusals);
+  std::vector<std::string> environment_table = launch_environment(environment, scrub, replacement_refusals);
+  const os::ReplacementProblem end = os::replace_program(path_utf8(image), std::move(argument_table),
+                                                         std::move(environment_table), path_utf8(directory));
   require(!end.in_directory, "process_start", "Cannot enter the external maintenance runtime");
   fail("process_start", "Cannot replace this process (native error " + std::to_string(end.problem.number) + ")");
 }

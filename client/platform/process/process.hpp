@@ -4,11 +4,12 @@
 
 #include <cstddef>
 #include <filesystem>
-#include <map>
 #include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
+
+#include "platform/process/launch_rules.hpp"
 
 namespace ravok {
 
@@ -24,12 +25,6 @@ std::optional<std::string> process_environment(std::string_view key, std::size_t
 // Returns the absolute path of the running image. Fails with "launcher_identity", also for an image that has been
 // removed since it was started or, where the system tells, replaced.
 std::filesystem::path current_executable_path();
-
-// The variable that announces the pipe for a forwarded interrupt to a child.
-inline constexpr std::string_view interrupt_reader_variable = "RAVOK_LAUNCHER_INTERRUPT_READER";
-
-// Variables laid over the inherited ones.
-using ProcessEnvironment = std::map<std::string, std::string>;
 
 // Replace this process with another program, in another directory, both absolute and no links, and return
 // only by failing. The arguments, at most 64 of at most 4096 bytes, do not hold the program's name. The

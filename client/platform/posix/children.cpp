@@ -1,0 +1,203 @@
+// What Linux and macOS share of starting a child and of seeing it end.
+#include <algorithm>
+#include <csignal>
+#include <utility>
+
+#include <fcntl.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "platform/os.hpp"
+#include "platform/posix/native.hpp"
+#include "platform/process/process_operations.hpp"
+
+namespace ravok::os {
+namespace {
+
+constexpr int first_descriptor = STDERR_FILENO + 1;
+// As many as are looked at one by one, where the system cannot keep all of them back at once.
+constexpr long maximum_descriptors = 65536;
+constexpr char go_on_byte = 1;
+constexpr int not_started_code = 127;
+constexpr std::uint64_t first_signal_code = 128;
+constexpr std::uint64_t stopped_code = 1;
+
+// Moves a descriptor off the standard streams and keeps it from other programs. Returns whether that worked.
+bool protect_descriptor(Handle& handle) {
+  if (handle.get() < first_descriptor) {
+    handle = Handle(fcntl(handle.get(), F_DUPFD_CLOEXEC, first_descriptor));
+  }
+  return handle && fcntl(handle.get(), F_SETFD, FD_CLOEXEC) >= 0;
+}
+
+// All that a child needs, made before it is.
+struct ChildStart {
+  const char* image;
+  char* const* arguments;
+  char* const* environment;
+  const char* directory;
+  bool joined_output;
+  bool own_group;
+  InterruptPipe* interrupt;
+  int parents_start;
+  int parents_activation;
+  int report;
+  int activation;
+  int input;
+  int descriptors;  // one more than the highest that can be open
+};
+
+// From here to the start of the image, a child of a process with several threads may only make calls that are safe in a
+// signal handler.
+
+[[noreturn]] void report_and_end(int report) {
+  const int number = errno;
+  static_cast<void>(posix::retry_interrupted([&] { return write(report, &number, sizeof number); }) == 0);
+  _exit(not_started_code);
+}
+
+void keep_descriptors_back(int count) {
+  if (posix::keep_descriptors_back()) {
+    return;
+  }
+  for (int descriptor = first_descriptor; descriptor < count; ++descriptor) {
+    fcntl(descriptor, F_SETFD, FD_CLOEXEC);
+  }
+}
+
+bool is_activated(int activation) {
+  char byte = 0;
+  const bool read_one = posix::retry_interrupted([&] { return read(activation, &byte, 1); }) == 1;
+  close(activation);
+  return read_one && byte == go_on_byte;
+}
+
+// The image may only replace the standard streams with these.
+bool set_streams(const ChildStart& child) {
+  const bool set =
+      posix::retry_interrupted([&] { return dup2(child.input, STDIN_FILENO); }) >= 0 &&
+      (!child.joined_output || posix::retry_interrupted([] { return dup2(STDERR_FILENO, STDOUT_FILENO); }) >= 0);
+  if (set) {
+    close(child.input);
+  }
+  return set;
+}
+
+[[noreturn]] void become(const ChildStart& child) {
+  close(child.parents_start);
+  close(child.parents_activation);
+  keep_descriptors_back(child.descriptors);
+  if ((child.interrupt != nullptr && !child.interrupt->prepare_child()) || (child.own_group && setpgid(0, 0) != 0)) {
+    report_and_end(child.report);
+  }
+  if (!is_activated(child.activation)) {
+    _exit(not_started_code);
+  }
+  if (posix::retry_interrupted([&] { return chdir(child.directory); }) == 0 && set_streams(child)) {
+    posix::retry_interrupted([&] { return execve(child.image, child.arguments, child.environment); });
+  }
+  report_and_end(child.report);
+}
+
+// A process that is gone needs no signal any more.
+bool send_signal(std::int32_t child, int signal) { return kill(child, signal) == 0 || errno == ESRCH; }
+
+}  // namespace
+
+Channel open_start_channel() {
+  int ends[2];
+  return posix::open_pipe(ends) == 0 ? Channel{Handle(ends[0]), Handle(ends[1])} : Channel();
+}
+
+Channel open_activation_channel() {
+  int ends[2];
+  return posix::open_sockets(ends) == 0 ? Channel{Handle(ends[0]), Handle(ends[1])} : Channel();
+}
+
+bool protect_channel(Channel& channel) {
+  return protect_descriptor(channel.parent) && protect_descriptor(channel.child) &&
+         keep_quiet_when_reader_gone(channel.parent.get());
+}
+
+Handle open_empty_input() {
+  Handle input(posix::retry_interrupted([] { return open("/dev/null", O_RDONLY | O_CLOEXEC); }));
+  return input && protect_descriptor(input) ? std::move(input) : Handle();
+}
+
+std::optional<std::int32_t> prepare_child(ChildProgram program, const Channel& start, const Channel& activation,
+                                          const Handle& input) {
+  const std::vector<char*> arguments = posix::pointers_to(program.arguments);
+  const std::vector<char*> environment = posix::pointers_to(program.environment);
+  const ChildStart child = {
+      .image = program.image.c_str(),
+      .arguments = arguments.data(),
+      .environment = environment.data(),
+      .directory = program.directory.c_str(),
+      .joined_output = program.joined_output,
+      .own_group = program.own_group,
+      .interrupt = program.interrupt,
+      .parents_start = start.parent.get(),
+      .parents_activation = activation.parent.get(),
+      .report = start.child.get(),
+      .activation = activation.child.get(),
+      .input = input.get(),
+      .descriptors = static_cast<int>(std::clamp(sysconf(_SC_OPEN_MAX), 0L, maximum_descriptors)),
+  };
+  const pid_t made = fork();
+  if (made == 0) {
+    become(child);
+  }
+  if (made < 0) {
+    return std::nullopt;
+  }
+  if (program.own_group) {
+    // The child does the same. Whoever is told of the child finds its group in place, whichever of the two is first.
+    static_cast<void>(setpgid(made, made) == 0);
+  }
+  return made;
+}
+
+bool activate_child(const Handle& activation) {
+  return posix::retry_interrupted(
+             [&] { return send(activation.get(), &go_on_byte, sizeof go_on_byte, posix::quiet_sending()); }) == 1;
+}
+
+std::optional<Problem> start_problem(const Handle& start) {
+  int number = 0;
+  const ssize_t size = posix::retry_interrupted([&] { return read(start.get(), &number, sizeof number); });
+  if (size < 0) {
+    return std::nullopt;
+  }
+  if (size == 0) {
+    return Problem();
+  }
+  return size == sizeof number && number != 0 ? posix::native_problem(number) : problem_of(Cause::other);
+}
+
+Result<std::optional<ChildEnd>> child_end(std::int32_t child) {
+  int status = 0;
+  const pid_t ended = posix::retry_interrupted([&] { return waitpid(child, &status, WNOHANG); });
+  if (ended < 0) {
+    return posix::last_problem();
+  }
+  if (ended == 0) {
+    return std::optional<ChildEnd>();
+  }
+  if (WIFSIGNALED(status)) {
+    return std::optional(ChildEnd{first_signal_code + static_cast<std::uint64_t>(WTERMSIG(status)), true});
+  }
+  const auto code = WIFEXITED(status) ? static_cast<std::uint64_t>(WEXITSTATUS(status)) : stopped_code;
+  return std::optional(ChildEnd{code, false});
+}
+
+bool terminate_child(std::int32_t child) { return send_signal(child, SIGTERM); }
+
+bool kill_child(std::int32_t child) { return send_signal(child, SIGKILL); }
+
+void reap_child(std::int32_t child) {
+  int status = 0;
+  static_cast<void>(posix::retry_interrupted([&] { return waitpid(child, &status, 0); }) == child);
+}
+
+}  // namespace ravok::os
