@@ -67,12 +67,12 @@ class MaintenanceRuntime {
   std::unique_ptr<ChildProcess> launch_console(const std::vector<std::string>& arguments);
 
   // Starts the helper and waits until it has opened its window, at most `timeout` milliseconds. Fails with
-  // "maintenance_startup" when the time is over or the helper has ended before that, and as ChildProcess does. The
-  // helper is ended then.
+  // "maintenance_startup" when the time is over, and the helper is ended then, or when it has ended before that; with
+  // "unsafe_path" when the folder for temporary files cannot be used; and as ChildProcess does.
   std::unique_ptr<ChildProcess> launch_gui(const std::vector<std::string>& arguments, std::uint64_t timeout);
 
   // Called once in a helper when its window is shown: tells that to the client that waits for it, if one does. Fails
-  // as atomic_create does ("unsafe_path", "insufficient_space", "file_write", "file_sync").
+  // as atomic_create_or_remove does ("unsafe_path", "insufficient_space", "file_write", "file_sync").
   void report_ready() const;
 
  private:
