@@ -52,6 +52,7 @@ LauncherPaths::LauncherPaths(const std::filesystem::path& folder)
     : store(folder),
       document(store / "installation.json"),
       owner_lock(store / "bootstrap.lock"),
+      start_marker(store / "start-attempt.json"),
       versions(store / "versions"),
       manifests(store / "manifests"),
       downloads(store / "downloads"),

@@ -92,6 +92,7 @@ struct LauncherPaths {
   std::filesystem::path store;
   std::filesystem::path document;          // which versions are active, candidate and rollback
   std::filesystem::path owner_lock;        // held by whoever changes the document
+  std::filesystem::path start_marker;      // there while a windowed launcher has been started and has not opened
   std::filesystem::path versions;          // the unpacked versions, each named by its manifest's SHA-256
   std::filesystem::path manifests;         // their manifests, named in the same way
   std::filesystem::path downloads;         // archives on their way

@@ -10,7 +10,7 @@
 #include "app/launcher/launcher_startup.hpp"
 #include "domain/crypto.hpp"
 #include "domain/error.hpp"
-#include "domain/launcher_contract.hpp"
+#include "domain/limits.hpp"
 #include "domain/paths.hpp"
 #include "platform/file/file_digest.hpp"
 #include "platform/file/files.hpp"
@@ -26,7 +26,6 @@ namespace {
 
 constexpr std::string_view copy_variable = "RAVOK_MAINTENANCE_COPY";
 constexpr std::string_view ready_variable = "RAVOK_MAINTENANCE_READY";
-constexpr std::size_t maximum_variable_bytes = 8192;
 
 // How the name of a temporary folder with a copy of the helper begins.
 constexpr std::string_view copy_prefix = "ravok-maintenance-";
@@ -42,7 +41,7 @@ void require_whole(const std::filesystem::path& image, const SnapshotFile& liste
 }
 
 std::filesystem::path path_variable(std::string_view key) {
-  return path_from_utf8(process_environment(key, maximum_variable_bytes).value_or(""));
+  return path_from_utf8(process_environment(key, maximum_environment_bytes).value_or(""));
 }
 
 // The helper runs in another directory and follows no link to the file by which it says that it is ready, so the
