@@ -1,6 +1,15 @@
 #include "domain/data_layout.hpp"
 
+#include <string>
+
 namespace ravok {
+namespace {
+
+std::filesystem::path named(const std::filesystem::path& folder, std::string_view name, std::string_view extension) {
+  return folder / (std::string(name) += extension);
+}
+
+}  // namespace
 
 DataPaths::DataPaths(const std::filesystem::path& data_root)
     : root(data_root),
@@ -43,6 +52,7 @@ LauncherPaths::LauncherPaths(const std::filesystem::path& folder)
     : store(folder),
       document(store / "installation.json"),
       owner_lock(store / "bootstrap.lock"),
+      start_marker(store / "start-attempt.json"),
       versions(store / "versions"),
       manifests(store / "manifests"),
       downloads(store / "downloads"),
@@ -56,6 +66,28 @@ LauncherPaths::LauncherPaths(const std::filesystem::path& folder)
 
 std::array<std::filesystem::path, 9> LauncherPaths::directories() const {
   return {versions, manifests, downloads, download_intents, staging, intents, health, version_leases, attempt_leases};
+}
+
+std::filesystem::path LauncherPaths::version(std::string_view sha256) const { return named(versions, sha256, ""); }
+
+std::filesystem::path LauncherPaths::manifest(std::string_view sha256) const {
+  return named(manifests, sha256, ".json");
+}
+
+std::filesystem::path LauncherPaths::version_lease(std::string_view sha256) const {
+  return named(version_leases, sha256, ".lock");
+}
+
+std::filesystem::path LauncherPaths::attempt_lease(std::string_view nonce) const {
+  return named(attempt_leases, nonce, ".lock");
+}
+
+std::filesystem::path LauncherPaths::attempt_acknowledgement(std::string_view nonce) const {
+  return named(attempt_leases, nonce, ".json");
+}
+
+std::filesystem::path LauncherPaths::attempt_health(std::string_view nonce) const {
+  return named(health, nonce, ".json");
 }
 
 GamePaths::GamePaths(std::string_view game_id)

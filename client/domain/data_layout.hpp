@@ -80,9 +80,19 @@ struct LauncherPaths {
   // The folders that must exist before the store can be used, in the order in which they are made.
   std::array<std::filesystem::path, 9> directories() const;
 
+  // The places of one version, by the SHA-256 of its manifest, and of one attempt to start one, by its nonce. Neither
+  // is checked.
+  std::filesystem::path version(std::string_view sha256) const;        // its unpacked files
+  std::filesystem::path manifest(std::string_view sha256) const;       // its manifest
+  std::filesystem::path version_lease(std::string_view sha256) const;  // its lease
+  std::filesystem::path attempt_lease(std::string_view nonce) const;
+  std::filesystem::path attempt_acknowledgement(std::string_view nonce) const;  // that the launcher holds its leases
+  std::filesystem::path attempt_health(std::string_view nonce) const;           // that the launcher is ready
+
   std::filesystem::path store;
   std::filesystem::path document;          // which versions are active, candidate and rollback
   std::filesystem::path owner_lock;        // held by whoever changes the document
+  std::filesystem::path start_marker;      // there while a windowed launcher has been started and has not opened
   std::filesystem::path versions;          // the unpacked versions, each named by its manifest's SHA-256
   std::filesystem::path manifests;         // their manifests, named in the same way
   std::filesystem::path downloads;         // archives on their way

@@ -158,6 +158,16 @@ bool LauncherManifest::matches_startup_health(const Json& health, const Json& at
   return health == startup_health(attempt, pid, interface, console_interrupt);
 }
 
+std::vector<std::string> LauncherManifest::helpers(std::string_view role) const {
+  std::vector<std::string> paths;
+  for (const Json& helper : raw.at("runtime_helpers")) {
+    if (text_at(helper, "role") == role) {
+      paths.push_back(text_at(helper, "path"));
+    }
+  }
+  return paths;
+}
+
 std::string launcher_manifest_target(std::string_view platform) {
   return "launcher-" + std::string(platform) + ".manifest.json";
 }

@@ -2,11 +2,13 @@
 // it, and the document by which a started launcher proves that it is that release.
 #pragma once
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <set>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "domain/manifest.hpp"
 
@@ -22,6 +24,22 @@ inline constexpr std::uint64_t bytes = 1'073'741'824;  // of the archive, and of
 inline constexpr std::size_t files = 4096;
 
 }  // namespace launcher_limits
+
+// The variables that give a launcher the authority to run as a candidate. Whoever is started for another purpose gets
+// them empty.
+namespace startup_variable {
+
+inline constexpr std::string_view health_nonce = "RAVOK_LAUNCHER_HEALTH_NONCE";
+inline constexpr std::string_view manifest = "RAVOK_LAUNCHER_MANIFEST";
+inline constexpr std::string_view build = "RAVOK_LAUNCHER_BUILD";
+inline constexpr std::string_view interface = "RAVOK_LAUNCHER_INTERFACE";
+inline constexpr std::string_view data_root = "RAVOK_LAUNCHER_DATA_ROOT";
+
+}  // namespace startup_variable
+
+inline constexpr std::array<std::string_view, 5> startup_variables = {
+    startup_variable::health_nonce, startup_variable::manifest, startup_variable::build, startup_variable::interface,
+    startup_variable::data_root};
 
 // A launcher release. The inherited `executable` is the entry point for the console.
 struct LauncherManifest : SnapshotManifest {
@@ -42,6 +60,9 @@ struct LauncherManifest : SnapshotManifest {
   // integer types. Fails as startup_health does for the other arguments.
   bool matches_startup_health(const Json& health, const Json& attempt, std::uint64_t pid, std::string_view interface,
                               bool console_interrupt) const;
+
+  // Returns the paths of the helpers with a role, keys of `files`, in the order in which the document names them.
+  std::vector<std::string> helpers(std::string_view role) const;
 
   std::string gui_executable;             // the entry point with windows, a key of `files`
   std::set<std::string> runtime_helpers;  // the other executables, keys of `files`

@@ -1,3 +1,6 @@
+#include <memory>
+
+#include "app/maintenance/maintenance_runtime.hpp"
 #include "app/setup/setup_console.hpp"
 #include "domain/crypto.hpp"
 #include "platform/process/interrupt.hpp"
@@ -12,6 +15,8 @@ int main(int argc, char** argv) {
   ravok::initialize_client_runtime();
   const ravok::ConsoleInterrupt interrupt(true);
   const ravok::TerminationSignals termination;
+  // Ends after all output, and before the signals do: no signal stops the removal of a temporary copy half-way.
+  const std::unique_ptr<ravok::MaintenanceRuntime> runtime = ravok::MaintenanceRuntime::attach("maintenance", "0.1.0");
   return ravok::run_setup_console(ravok::process_arguments(argc, argv), "ravok-maintenance", "",
                                   [&] { return interrupt.requested(); });
 }

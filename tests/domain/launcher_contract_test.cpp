@@ -97,6 +97,19 @@ TEST(LauncherManifest, KeepsEveryField) {
   EXPECT_EQ(manifest.console_interrupt_abi, 1u);
 }
 
+TEST(LauncherManifest, FindsItsHelpersByTheirRoleInTheOrderOfTheDocument) {
+  Json document = full_document();
+  EXPECT_EQ(LauncherManifest::parse(document).helpers("maintenance"),
+            (std::vector<std::string>{"bin/help-b", "bin/help-a"}));
+  document["runtime_helpers"][0]["role"] = "maintenance-gui";
+  const LauncherManifest manifest = LauncherManifest::parse(document);
+  EXPECT_EQ(manifest.helpers("maintenance"), (std::vector<std::string>{"bin/help-a"}));
+  EXPECT_EQ(manifest.helpers("maintenance-gui"), (std::vector<std::string>{"bin/help-b"}));
+  for (const char* const role : {"crash-handler", "", "maintenance-", "x"}) {
+    EXPECT_TRUE(manifest.helpers(role).empty()) << role;
+  }
+}
+
 TEST(LauncherManifest, IgnoresUnknownKeysAndKeepsThem) {
   Json document = with("/extra", {{"x", 1.5}});
   document["runtime_helpers"][0]["more"] = true;

@@ -13,6 +13,7 @@
 #include <utility>
 
 #include "app/install/data_folder.hpp"
+#include "app/launcher/launcher_reference.hpp"
 #include "domain/crypto.hpp"
 #include "domain/error.hpp"
 #include "domain/limits.hpp"
@@ -35,30 +36,11 @@ namespace {
 
 constexpr std::uint64_t document_limit = 32'768;
 constexpr std::size_t maximum_versions = 64;
-constexpr std::size_t nonce_characters = 32;
 constexpr const char* format = "ravok-launcher-store-v1";
-constexpr std::string_view state = "launcher_state";
-constexpr std::string_view malformed = "Launcher installation record is malformed; it was preserved";
+constexpr std::string_view state = launcher_state_code;
+constexpr std::string_view malformed = malformed_launcher_record;
 constexpr std::chrono::milliseconds owner_pause(5);
 constexpr std::chrono::seconds owner_patience(2);
-
-const std::string& hash_identity(const Json& value) {
-  const std::string& text = value.get_ref<const std::string&>();
-  require(is_sha256_text(text), state, "Launcher manifest identity is invalid");
-  return text;
-}
-
-void nonce_identity(const Json& value) {
-  require(is_lower_hex(value.get_ref<const std::string&>(), nonce_characters), state,
-          "Launcher startup identity is invalid");
-}
-
-void reference_shape(const Json& value) {
-  if (!value.is_null()) {
-    hash_identity(value.at("manifest_sha256"));
-    text_at(value, "build_id");
-  }
-}
 
 void require_document(const Json& document) {
   require(is_integer(document.at("schema_version"), 1) && is_text(document.at("format"), format), "unsupported_schema",
@@ -85,19 +67,6 @@ Json fresh_document() {
           {"rollback", nullptr},  {"candidate", nullptr}, {"attempt", nullptr}, {"failed_candidate", nullptr}};
 }
 
-Json make_reference(std::string sha256, std::string build_id) {
-  return {{"manifest_sha256", std::move(sha256)}, {"build_id", std::move(build_id)}};
-}
-
-// Returns the one form of a root, in whatever form it is given.
-std::filesystem::path ordinary_root(const std::filesystem::path& path) {
-  const std::filesystem::path canonical =
-      std::filesystem::weakly_canonical(std::filesystem::absolute(path)).lexically_normal();
-  // A separator at the end names the same folder.
-  const std::filesystem::path named = canonical.has_filename() ? canonical : canonical.parent_path();
-  return safe_join(named.root_path(), path_utf8(named.relative_path()), false);
-}
-
 std::optional<std::filesystem::file_time_type> write_time(const std::filesystem::path& path) {
   std::error_code problem;
   const auto time = std::filesystem::last_write_time(path, problem);
@@ -105,6 +74,14 @@ std::optional<std::filesystem::file_time_type> write_time(const std::filesystem:
 }
 
 }  // namespace
+
+std::filesystem::path ordinary_root(const std::filesystem::path& path) {
+  const std::filesystem::path canonical =
+      std::filesystem::weakly_canonical(std::filesystem::absolute(path)).lexically_normal();
+  // A separator at the end names the same folder.
+  const std::filesystem::path named = canonical.has_filename() ? canonical : canonical.parent_path();
+  return safe_join(named.root_path(), path_utf8(named.relative_path()), false);
+}
 
 const Json& current_build(const Json& status) {
   return status.at("active").is_null() ? status.at("candidate") : status.at("active");
@@ -207,17 +184,13 @@ std::unique_ptr<FileLock> LauncherStore::owner() const {
   }
 }
 
-std::filesystem::path LauncherStore::manifest_path(std::string_view sha256) const {
-  return paths_.manifests / (std::string(sha256) + ".json");
-}
-
 LauncherManifest LauncherStore::manifest(const Json& reference) const {
   require(!reference.is_null(), "launcher_missing", "Install a verified launcher first");
   const std::string sha256 = refuse_malformed(state, malformed, [&] {
     reference_shape(reference);
     return text_at(reference, "manifest_sha256");
   });
-  const std::string text = read_file(manifest_path(sha256), maximum_manifest_bytes);
+  const std::string text = read_file(paths_.manifest(sha256), maximum_manifest_bytes);
   require(digest(text, "sha256") == sha256, "content_mismatch", "Stored launcher manifest changed");
   LauncherManifest manifest = LauncherManifest::parse(parse_json(text, maximum_manifest_bytes));
   require(manifest.build_id == text_at(reference, "build_id") && manifest.platform == native_platform(), state,
@@ -229,7 +202,7 @@ std::filesystem::path LauncherStore::payload(const Json& reference) const {
   require(!reference.is_null(), "launcher_missing", "No working launcher is installed");
   return refuse_malformed(state, malformed, [&] {
     reference_shape(reference);
-    return paths_.versions / text_at(reference, "manifest_sha256");
+    return paths_.version(text_at(reference, "manifest_sha256"));
   });
 }
 
@@ -254,7 +227,8 @@ Json LauncherStore::fallback_active() const {
       continue;
     }
     try {
-      const Json document = parse_json(read_file(manifest_path(name), maximum_manifest_bytes), maximum_manifest_bytes);
+      const Json document =
+          parse_json(read_file(paths_.manifest(name), maximum_manifest_bytes), maximum_manifest_bytes);
       Json reference = make_reference(name, text_at(document, "build_id"));
       manifest(reference);
       const auto time = write_time(folder);
@@ -299,7 +273,7 @@ Json LauncherStore::seed_initial(std::string_view manifest_text, const std::file
   const Json plan = plan_install_storage(manifest, inspect_storage_volume(root_), true, 0, false);
   require_install_storage(plan.at("volume"), "launcher");
 
-  atomic_private_create(manifest_path(sha256), manifest_text);
+  atomic_private_create(paths_.manifest(sha256), manifest_text);
   extract_snapshot(manifest, archive, folder, progress, nullptr);
   verify_snapshot_tree(manifest, folder, progress);
   Json document = load();

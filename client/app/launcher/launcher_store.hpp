@@ -17,12 +17,18 @@
 #include "domain/json.hpp"
 #include "domain/launcher_contract.hpp"
 #include "platform/file/native_lock.hpp"
+#include "platform/process/process.hpp"
 #include "platform/snapshot/progress.hpp"
 
 namespace ravok {
 
 // Returns the client's version by a status of the store: the active one, else the candidate, else null.
 const Json& current_build(const Json& status);
+
+// Returns the one form of a data root, in whatever form it is given: absolute and without links. Fails with
+// "unsafe_path" for a name that no data root can have, and with the standard library's exception for a path that the
+// system cannot resolve.
+std::filesystem::path ordinary_root(const std::filesystem::path& path);
 
 class LauncherStore {
  public:
@@ -85,6 +91,47 @@ class LauncherStore {
   Json seed_initial(std::string_view manifest_text, const std::filesystem::path& archive,
                     const ProgressCallback& progress) const;
 
+  // --- How a version proves itself -----------------------------------------------------------
+  //
+  // The bootstrap makes the candidate an attempt, starts it with the attempt's environment, and makes it active once it
+  // has proved that it runs and holds its leases. An attempt is the object of "nonce" and "reference" that stands in
+  // the document; all operations on one fail with "launcher_state" for a value of another shape. The caller holds
+  // owner() across the four operations that change the document, which also fail as load and save do.
+
+  // Turns an attempt that has been interrupted into the failed candidate; it is not tried again by itself. Does nothing
+  // without an attempt. Fails with "launcher_running" while its launcher still runs, and as FileLock does.
+  void recover_attempt() const;
+
+  // Makes the candidate the attempt and returns that, or null where no candidate waits. Fails with "busy" where an
+  // attempt stands already.
+  Json begin_candidate() const;
+
+  // Return the places of an attempt: its lease, what a launcher writes when it is ready, and what it writes when it has
+  // taken its leases.
+  std::filesystem::path startup_lease_path(const Json& attempt) const;
+  std::filesystem::path health_path(const Json& attempt) const;
+  std::filesystem::path startup_ack_path(const Json& attempt) const;
+
+  // Takes the lease of a version without waiting: shared by all who run it or rely on it, exclusive for its removal.
+  // Fails with "launcher_missing" for null, with "launcher_state" for a malformed reference, with "busy" while others
+  // hold the lease, and as FileLock does; in the exclusive mode with "launcher_recovery_uncertain" where the version's
+  // manifest cannot be relied on, so that its files must stay.
+  std::unique_ptr<FileLock> version_guard(const Json& reference, LockMode mode) const;
+
+  // Returns the five variables that tell a launcher that it runs as this attempt. Fails with "launcher_interface".
+  ProcessEnvironment health_environment(const Json& attempt, std::string_view interface) const;
+
+  // Makes the attempt's version active, and the one that was active the rollback, if the attempt stands in the document
+  // and the process `pid` has proved itself: by `health`, which may be any value, by its acknowledgement on disk, and
+  // by files that are whole. Fails with "launcher_interface"; with "launcher_health" for the number 0 or a health
+  // document that differs; with "launcher_state" for another attempt; with "launcher_lease" for an acknowledgement that
+  // is missing or differs; and as manifest, read_file, parse_json and verify_snapshot_tree do. The document then stays.
+  void confirm_candidate(const Json& attempt, const Json& health, std::uint64_t pid, std::string_view interface) const;
+
+  // Turns the attempt into the failed candidate with this problem, 1 to 80 characters of a-z, 0-9, "_" and "-". Fails
+  // with "launcher_state" for another problem or another attempt.
+  void reject_candidate(const Json& attempt, std::string_view problem) const;
+
   // The data root in its one canonical form, and the store below it.
   const std::filesystem::path& root() const { return root_; }
   const std::filesystem::path& store() const { return paths_.store; }
@@ -94,7 +141,6 @@ class LauncherStore {
   LauncherStore(const std::filesystem::path& root, LaunchView);
 
   void make_directories() const;
-  std::filesystem::path manifest_path(std::string_view sha256) const;
   void require_new() const;
   // Returns the names in a folder of the store, at most one more than there may be versions; nothing where the folder
   // cannot be read.

@@ -1,4 +1,5 @@
 // What Linux and macOS share of starting programs.
+#include <cstdlib>
 #include <filesystem>
 #include <system_error>
 
@@ -57,6 +58,10 @@ std::vector<std::string> environment() {
   }
   return variables;
 }
+
+bool remove_variable(const std::string& name) { return unsetenv(name.c_str()) == 0; }
+
+std::uint64_t process_id() { return static_cast<std::uint64_t>(getpid()); }
 
 bool is_terminal(int stream) { return isatty(stream) != 0; }
 

@@ -16,6 +16,13 @@ namespace ravok::os {
 // The variables of this process's environment, each as its name, "=" and its value.
 std::vector<std::string> environment();
 
+// Removes a variable from this process's environment, if it is there, and returns whether it is gone. No other thread
+// may use the environment meanwhile.
+bool remove_variable(const std::string& name);
+
+// The number by which the system knows this process.
+std::uint64_t process_id();
+
 // Makes this process another program, in another directory. `arguments` begins with the program's own name, and
 // `environment` has the form of the function of that name. Returns only the problem, and then nothing has changed.
 struct ReplacementProblem {

@@ -24,18 +24,25 @@ void require_complete_native_install(const std::filesystem::path& root) {
   }
 }
 
-void require_complete_native_install_image(const std::filesystem::path& executable) {
+void visit_image_folders(const std::filesystem::path& executable,
+                         const std::function<void(const std::filesystem::path&)>& visit) {
   int levels = 0;
   std::filesystem::path directory = executable.parent_path();
   while (!directory.empty() && directory != directory.parent_path()) {
     require(++levels <= maximum_image_levels, "unsafe_path", "Native image path is too deep");
+    visit(directory);
+    directory = directory.parent_path();
+  }
+}
+
+void require_complete_native_install_image(const std::filesystem::path& executable) {
+  visit_image_folders(executable, [](const std::filesystem::path& directory) {
     require_complete_native_install(directory);
     for (const char* marker : package_markers) {
       require(is_missing(directory / marker), "native_install_incomplete",
               "This image belongs to an unfinished package; it cannot start");
     }
-    directory = directory.parent_path();
-  }
+  });
 }
 
 }  // namespace ravok

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <filesystem>
+#include <functional>
 
 #include "domain/data_layout.hpp"
 
@@ -11,8 +12,13 @@ namespace ravok {
 // Fails with "native_install_incomplete" when a commit into the folder `root` has not ended.
 void require_complete_native_install(const std::filesystem::path& root);
 
-// The same for every folder above a program's file, and for the markers of a package that is being put
-// together. Fails with "unsafe_path" beyond 256 folders.
+// Calls `visit` for every folder above a program's file but the root of the file system, the nearest first. Fails with
+// "unsafe_path" beyond 256 folders, when it has visited these.
+void visit_image_folders(const std::filesystem::path& executable,
+                         const std::function<void(const std::filesystem::path&)>& visit);
+
+// Fails as require_complete_native_install does for every folder above a program's file, and in the same way for the
+// markers of a package that is being put together. Fails with "unsafe_path" beyond 256 folders.
 void require_complete_native_install_image(const std::filesystem::path& executable);
 
 }  // namespace ravok

@@ -118,5 +118,22 @@ TEST(CompleteInstallImage, LiesInAtMost256Folders) {
                  "Native image path is too deep");
 }
 
+TEST(ImageFolders, AreVisitedFromTheNearestToTheLastBelowTheRoot) {
+  const struct {
+    const char* program;
+    std::vector<std::string> folders;
+  } cases[] = {{"/a/b/c/program", {"/a/b/c", "/a/b", "/a"}},
+               {"a/program", {"a"}},
+               {"/program", {}},
+               {"program", {}},
+               {"/", {}},
+               {"", {}}};
+  for (const auto& [program, folders] : cases) {
+    std::vector<std::string> visited;
+    visit_image_folders(program, [&](const std::filesystem::path& folder) { visited.push_back(folder.native()); });
+    EXPECT_EQ(visited, folders) << program;
+  }
+}
+
 }  // namespace
 }  // namespace ravok::complete_install_test

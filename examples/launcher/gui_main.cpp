@@ -1,0 +1,44 @@
+// The windowed entry of a launcher: the program that a release's manifest names as "gui_executable". This one has no
+// window, so it is up as soon as it gets that far, and closes at once.
+
+#include <cstdio>
+#include <exception>
+#include <filesystem>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "app/launcher/start_marker.hpp"
+#include "domain/crypto.hpp"
+#include "domain/paths.hpp"
+#include "launcher.hpp"
+#include "platform/file/managed_paths.hpp"
+#include "platform/process/process.hpp"
+#include "platform/process/program_start.hpp"
+
+int main(int argc, char** argv) {
+  if (!ravok::start_program()) {
+    return 1;
+  }
+  try {
+    ravok::initialize_client_runtime();
+    std::vector<std::string> arguments = ravok::process_arguments(argc, argv);
+    // The bootstrap puts the data folder first. What remains are the user's own arguments, such as --launch GAME.
+    const std::optional<std::string> given = ravok::cli_option(arguments, "--data-dir");
+    const std::filesystem::path data_dir = given ? ravok::path_from_utf8(*given) : ravok::user_data_root();
+    const auto runtime = ravok::LauncherRuntime::attach(launcher::build_id(), "gui", data_dir);
+    // A real launcher opens its window here, and goes on once that is shown.
+    launcher::report_ready(runtime.get());
+    if (runtime) {
+      ravok::confirm_launcher_start(runtime->data_root());
+    }
+    // And here it runs until the user closes the window.
+    return 0;
+  } catch (const ravok::Error& error) {
+    return launcher::tell(error, false);
+  } catch (const std::exception& error) {
+    std::fprintf(stderr, "%s\n", error.what());
+    return 1;
+  }
+}

@@ -1,0 +1,91 @@
+#include "launcher.hpp"
+
+#include <cstdio>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "app/launcher/launcher_store.hpp"
+#include "domain/display_text.hpp"
+#include "domain/exit_code.hpp"
+
+namespace launcher {
+namespace {
+
+using ravok::Json;
+
+// A version in words: its build, and enough of its manifest's digest to tell two of the same build apart.
+std::string words_of(const Json& reference) {
+  if (reference.is_null()) {
+    return "none";
+  }
+  return ravok::shown_text(ravok::text_at(reference, "build_id")) + " (" +
+         ravok::text_at(reference, "manifest_sha256").substr(0, 12) + ")";
+}
+
+std::string status_text(const Json& status) {
+  std::string text = "Ravok " + ravok::text_at(status, "version") + "\n";
+  if (!status.at("installed").get<bool>()) {
+    return text + "This build belongs to no installation.\n";
+  }
+  text += "Active: " + words_of(status.at("active")) + "\n";
+  text += "Candidate: " + words_of(status.at("candidate")) + "\n";
+  text += "On trial: " + words_of(status.at("on_trial")) + "\n";
+  text += "Rollback: " + words_of(status.at("rollback")) + "\n";
+  const Json& failed = status.at("failed_candidate");
+  if (!failed.is_null()) {
+    text += "Failed: " + words_of(failed.at("reference")) + ": " +
+            ravok::shown_text(ravok::text_at(failed, "problem")) + "\n";
+  }
+  return text;
+}
+
+}  // namespace
+
+std::string_view build_id() { return RAVOK_LAUNCHER_BUILD_ID; }
+
+void report_ready(const ravok::LauncherRuntime* runtime) {
+  if (runtime != nullptr && !runtime->attempt().is_null()) {
+    ravok::report_launcher_health(runtime);
+  }
+}
+
+Json status_document(const ravok::LauncherRuntime* runtime) {
+  Json status = {{"schema_version", 1}, {"version", build_id()},      {"installed", runtime != nullptr},
+                 {"active", nullptr},   {"candidate", nullptr},       {"on_trial", nullptr},
+                 {"rollback", nullptr}, {"failed_candidate", nullptr}};
+  if (runtime == nullptr) {
+    return status;
+  }
+  const Json state = ravok::LauncherStore::for_launch(runtime->data_root())->load();
+  for (const char* const key : {"active", "candidate", "rollback", "failed_candidate"}) {
+    status[key] = state.at(key);
+  }
+  if (!state.at("attempt").is_null()) {
+    status["on_trial"] = state.at("attempt").at("reference");
+  }
+  return status;
+}
+
+void run_command(const ravok::CliEntry& entry, const Json& status) {
+  ravok::require(entry.arguments == std::vector<std::string>{"self", "status"}, "unavailable",
+                 "This sample launcher has no other command than self status");
+  print(entry.json ? status.dump() + "\n" : status_text(status));
+}
+
+void print(std::string_view text) {
+  const bool written = std::fwrite(text.data(), 1, text.size(), stdout) == text.size() && std::fflush(stdout) == 0;
+  ravok::require(written, "output_failed", "Cannot write to standard output");
+}
+
+int tell(const ravok::Error& error, bool json) {
+  const std::string message = ravok::shown_text(error.what());
+  if (json) {
+    const Json document = {{"schema_version", 1}, {"problem", {{"code", error.code}, {"message", message}}}};
+    std::puts(document.dump().c_str());
+  }
+  std::fprintf(stderr, "%s\n", message.c_str());
+  return ravok::exit_code(error);
+}
+
+}  // namespace launcher

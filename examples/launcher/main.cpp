@@ -1,0 +1,43 @@
+// The console entry of a launcher: the program that a release's manifest names as "executable".
+
+#include <cstdio>
+#include <exception>
+#include <memory>
+
+#include "domain/crypto.hpp"
+#include "launcher.hpp"
+#include "platform/file/managed_paths.hpp"
+#include "platform/process/interrupt.hpp"
+#include "platform/process/process.hpp"
+#include "platform/process/program_start.hpp"
+
+int main(int argc, char** argv) {
+  if (!ravok::start_program()) {
+    return 1;
+  }
+  bool json = false;
+  try {
+    ravok::initialize_client_runtime();
+    // Ctrl+C reaches the bootstrap, which passes it on through a pipe that this object listens to.
+    const ravok::ConsoleInterrupt interrupt(true);
+    const ravok::TerminationSignals termination;
+    const ravok::CliEntry entry =
+        ravok::parse_cli_entry(ravok::process_arguments(argc, argv), ravok::user_data_root(), &json);
+    if (entry.help) {
+      launcher::print(ravok::cli_help());
+      return 0;
+    }
+    // From here on nobody removes the files of this version until the process ends.
+    const auto runtime = ravok::LauncherRuntime::attach(launcher::build_id(), "cli", entry.data_dir);
+    const ravok::Json status = launcher::status_document(runtime.get());
+    launcher::report_ready(runtime.get());
+    ravok::require(!interrupt.requested(), "cancelled", "Cancelled");
+    launcher::run_command(entry, status);
+    return 0;
+  } catch (const ravok::Error& error) {
+    return launcher::tell(error, json);
+  } catch (const std::exception& error) {
+    std::fprintf(stderr, "%s\n", error.what());
+    return 1;
+  }
+}

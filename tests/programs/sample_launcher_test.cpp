@@ -1,0 +1,397 @@
+// The launcher of examples/launcher as a real process: by itself, installed, and on trial.
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <csignal>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+
+#include "app/command/cli_entry.hpp"
+#include "app/launcher/launcher_attempt.hpp"
+#include "app/launcher/launcher_reference.hpp"
+#include "app/launcher/launcher_store.hpp"
+#include "domain/crypto.hpp"
+#include "domain/launcher_contract.hpp"
+#include "platform/file/files.hpp"
+#include "platform/process/native_platform.hpp"
+#include "platform/snapshot/snapshot_archive.hpp"
+#include "publisher/publish_snapshot.hpp"
+#include "support/failure.hpp"
+#include "support/fast_volume.hpp"
+#include "support/install_place.hpp"
+#include "support/process.hpp"
+#include "support/temporary_root.hpp"
+#include "support/tree_state.hpp"
+#include "support/with_environment.hpp"
+
+namespace ravok::sample_launcher_test {
+namespace {
+
+using testing::InstallPlace;
+using testing::ProgramResult;
+using testing::TemporaryRoot;
+using testing::tree_state;
+using testing::TreeState;
+using testing::WithEnvironment;
+using Arguments = std::vector<std::string>;
+
+constexpr std::chrono::milliseconds patience(30'000);
+constexpr const char* build = RAVOK_LAUNCHER_BUILD_ID;
+const std::string product = std::string("Ravok ") + build + "\n";
+constexpr const char* no_command = "This sample launcher has no other command than self status";
+
+std::string bytes_of(const std::filesystem::path& path) {
+  std::ifstream file(path, std::ios::binary | std::ios::ate);
+  std::string bytes(static_cast<std::size_t>(file.tellg()), '\0');
+  file.seekg(0);
+  file.read(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+  return bytes;
+}
+
+struct Release {
+  std::string manifest;
+  std::filesystem::path archive;
+};
+
+// Publishes a release of these two programs. `note` tells releases of the same programs apart.
+Release publish(const TemporaryRoot& root, const std::string& console, const std::string& windowed,
+                const std::string& note) {
+  const std::string folder = "releases/" + note + "/";
+  for (const auto& [name, bytes] : {std::pair{"ravok", console}, std::pair{"ravok-gui", windowed}}) {
+    std::filesystem::permissions(root.write(folder + "tree/bin/" + name, bytes), std::filesystem::perms(0755));
+  }
+  root.write(folder + "tree/data/note", note);
+  SnapshotPublication publication;
+  publication.kind = SnapshotKind::launcher;
+  publication.tree = root / (folder + "tree");
+  publication.output = root.directory(folder + "output");
+  publication.build_id = build;
+  publication.platform = native_platform();
+  publication.executable = "bin/ravok";
+  publication.gui_executable = "bin/ravok-gui";
+  publication.level = 1;
+  const PublishedSnapshot published = publish_snapshot(publication, {});
+  return {bytes_of(published.manifest), published.archive};
+}
+
+std::string words_of(const Json& reference) {
+  return std::string(build) + " (" + text_at(reference, "manifest_sha256").substr(0, 12) + ")";
+}
+
+Json status_of(const std::string& output) {
+  EXPECT_EQ(std::count(output.begin(), output.end(), '\n'), 1) << output;
+  return Json::parse(output);
+}
+
+TEST(SampleLauncher, TellsThatItBelongsToNoInstallation) {
+  const TemporaryRoot home;
+  for (const char* const folder : {"data", "missing"}) {
+    const Arguments place = {"--data-dir", home / folder};
+    home.directory("data");
+    Arguments plain = place;
+    plain.insert(plain.end(), {"self", "status"});
+    const ProgramResult text = testing::run_program({RAVOK_LAUNCHER, plain, {{"HOME", home.path()}}, ""});
+    EXPECT_EQ(text.exit_code, 0);
+    EXPECT_EQ(text.output, product + "This build belongs to no installation.\n");
+    EXPECT_EQ(text.errors, "");
+    plain.insert(plain.begin(), "--json");
+    const ProgramResult document = testing::run_program({RAVOK_LAUNCHER, plain, {{"HOME", home.path()}}, ""});
+    EXPECT_EQ(document.exit_code, 0);
+    EXPECT_EQ(status_of(document.output), (Json{{"schema_version", 1},
+                                                {"version", build},
+                                                {"installed", false},
+                                                {"active", nullptr},
+                                                {"candidate", nullptr},
+                                                {"on_trial", nullptr},
+                                                {"rollback", nullptr},
+                                                {"failed_candidate", nullptr}}));
+  }
+  const ProgramResult window = testing::run_program({RAVOK_LAUNCHER_GUI, {}, {{"HOME", home.path()}}, ""});
+  EXPECT_EQ(window.exit_code, 0) << window.errors;
+  EXPECT_EQ(home.names(), (std::vector<std::string>{"data/"}));
+}
+
+TEST(SampleLauncher, ShowsTheClientsHelp) {
+  const ProgramResult result = testing::run_program({RAVOK_LAUNCHER, {"--help"}, {{"HOME", "/nowhere"}}, ""});
+  EXPECT_EQ(result.exit_code, 0);
+  EXPECT_EQ(result.output, cli_help());
+  EXPECT_EQ(result.errors, "");
+}
+
+TEST(SampleLauncher, RefusesTheOtherCommandsInOneLine) {
+  for (const Arguments& command :
+       {Arguments{"list"}, {"self", "update"}, {"launch", "first-game"}, {"settings", "get"}}) {
+    const ProgramResult text = testing::run_program({RAVOK_LAUNCHER, command, {{"HOME", "/nowhere"}}, ""});
+    EXPECT_EQ(text.exit_code, 1);
+    EXPECT_EQ(text.output, "");
+    EXPECT_EQ(text.errors, std::string(no_command) + "\n");
+    Arguments with_json = command;
+    with_json.insert(with_json.begin(), "--json");
+    const ProgramResult document = testing::run_program({RAVOK_LAUNCHER, with_json, {{"HOME", "/nowhere"}}, ""});
+    EXPECT_EQ(document.exit_code, 1);
+    EXPECT_EQ(status_of(document.output),
+              (Json{{"schema_version", 1}, {"problem", {{"code", "unavailable"}, {"message", no_command}}}}));
+    EXPECT_EQ(document.errors, std::string(no_command) + "\n");
+  }
+}
+
+TEST(SampleLauncher, RefusesAWrongCommandLineAsTheGrammarDoes) {
+  const ProgramResult result = testing::run_program({RAVOK_LAUNCHER, {"bogus"}, {{"HOME", "/nowhere"}}, ""});
+  EXPECT_EQ(result.exit_code, 2);
+  EXPECT_EQ(result.output, "");
+  EXPECT_EQ(result.errors, "Unknown command; run ravok --help\n");
+}
+
+TEST(SampleLauncher, SaysSoWhenItsOutputCannotBeWritten) {
+  const ProgramResult result =
+      testing::run_program({RAVOK_LAUNCHER, {"self", "status"}, {{"HOME", "/nowhere"}}, "/dev/full"});
+  EXPECT_EQ(result.exit_code, 1);
+  EXPECT_EQ(result.errors, "Cannot write to standard output\n");
+}
+
+// What a run of the bootstrap's trial came to.
+struct Trial {
+  std::optional<int> exit_code;
+  std::optional<Error> failure;
+  std::string output;
+  std::string errors;
+};
+
+Trial run_trial(const LauncherStore& store, LauncherStart start) {
+  Trial trial;
+  ::testing::internal::CaptureStdout();
+  ::testing::internal::CaptureStderr();
+  trial.failure = testing::failure_of([&] { trial.exit_code = run_launcher_attempt(store, start); });
+  trial.output = ::testing::internal::GetCapturedStdout();
+  trial.errors = ::testing::internal::GetCapturedStderr();
+  EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1) << "a child is left";
+  EXPECT_EQ(errno, ECHILD);
+  return trial;
+}
+
+TEST(SampleLauncherInstalled, ProvesItselfAndBecomesTheActiveVersion) {
+  InstallPlace place;
+  const TemporaryRoot root(testing::fast_volume());
+  const Release release = publish(root, bytes_of(RAVOK_LAUNCHER), bytes_of(RAVOK_LAUNCHER_GUI), "first");
+  place.package.launcher = Json::parse(release.manifest);
+  place.package.launcher_archive = bytes_of(release.archive);
+  place.republish();
+  place.install();
+  const LauncherStore store(place.data());
+  const Json first = store.status().at("candidate");
+  const std::string program = store.payload(first) / "bin/ravok";
+  const std::string rest = "Rollback: none\n";
+
+  // Started by hand, it is no attempt, and proves nothing.
+  const ProgramResult by_hand = testing::run_program({program, {"self", "status"}, {{"HOME", place.home()}}, ""});
+  EXPECT_EQ(by_hand.exit_code, 0) << by_hand.errors;
+  EXPECT_EQ(by_hand.output, product + "Active: none\nCandidate: " + words_of(first) + "\nOn trial: none\n" + rest);
+  EXPECT_EQ(store.status().at("candidate"), first);
+
+  const Trial trial = run_trial(store, {"cli", {"self", "status"}, patience, {}});
+  EXPECT_FALSE(trial.failure) << trial.failure->what();
+  EXPECT_EQ(trial.exit_code, 0);
+  EXPECT_EQ(trial.output, product + "Active: none\nCandidate: none\nOn trial: " + words_of(first) + "\n" + rest);
+  EXPECT_EQ(trial.errors, "");
+  EXPECT_EQ(store.status().at("active"), first);
+  EXPECT_TRUE(store.status().at("attempt").is_null());
+  EXPECT_TRUE(store.status().at("failed_candidate").is_null());
+
+  // There is no candidate any more, and the version can be started as often as wanted.
+  EXPECT_EQ(run_trial(store, {"cli", {"self", "status"}, patience, {}}).exit_code, std::nullopt);
+  for (int time = 0; time < 2; ++time) {
+    const ProgramResult again =
+        testing::run_program({program, {"--json", "self", "status"}, {{"HOME", place.home()}}, ""});
+    EXPECT_EQ(again.exit_code, 0) << again.errors;
+    EXPECT_EQ(status_of(again.output), (Json{{"schema_version", 1},
+                                             {"version", build},
+                                             {"installed", true},
+                                             {"active", first},
+                                             {"candidate", nullptr},
+                                             {"on_trial", nullptr},
+                                             {"rollback", nullptr},
+                                             {"failed_candidate", nullptr}}));
+  }
+}
+
+// A store with versions that were put there by hand.
+class SampleLauncherStore : public ::testing::Test {
+ protected:
+  // Unpacks a version of these programs and returns its reference.
+  Json add(const std::string& console, const std::string& windowed, const std::string& note) const {
+    const Release release = publish(root, console, windowed, note);
+    const Json reference = make_reference(digest(release.manifest, "sha256"), build);
+    atomic_create(store.store() / "manifests" / (text_at(reference, "manifest_sha256") + ".json"), release.manifest);
+    extract_snapshot(LauncherManifest::parse(Json::parse(release.manifest)), release.archive, store.payload(reference),
+                     {}, nullptr);
+    return reference;
+  }
+  void name(const std::string& role, const Json& reference) const {
+    Json document = store.load();
+    document[role] = reference;
+    store.save(document);
+  }
+  // The files of the version that works, and what the store says of it.
+  TreeState working() const {
+    TreeState state = tree_state(store.payload(active));
+    state.emplace("active", store.load().at("active").dump());
+    state.emplace("rollback", store.load().at("rollback").dump());
+    return state;
+  }
+
+  const TemporaryRoot root{testing::fast_volume()};
+  const WithEnvironment home{"HOME", root.directory("home").native()};
+  const LauncherStore store{root.directory("data")};
+  const Json active = add("#!ravok", "#!ravok-gui", "active");
+};
+
+// What a troubled launcher does, and what the trial of it says where no other version works.
+struct Trouble {
+  const char* name;
+  const char* code;
+  const char* message;
+};
+
+constexpr Trouble troubles[] = {
+    {"exit", "launcher_startup_failed", "Launcher candidate exited before initialization"},
+    {"wrong-health", "launcher_health",
+     "Launcher health does not match its build, process, mode, interrupt contract and attempt"},
+    {"deaf", "launcher_health",
+     "Launcher health does not match its build, process, mode, interrupt contract and attempt"},
+    {"no-acknowledgement", "launcher_lease", "Launcher startup did not acknowledge native content ownership"},
+    {"no-lease", "launcher_lease", "The running launcher did not retain native startup ownership"}};
+
+TEST_F(SampleLauncherStore, RejectsACandidateInTroubleAndKeepsTheVersionThatWorks) {
+  const Json candidate = add(bytes_of(RAVOK_LAUNCHER_TROUBLED), "#!ravok-gui", "candidate");
+  name("active", active);
+  const TreeState before = working();
+  for (const Trouble& trouble : troubles) {
+    name("candidate", candidate);
+    const WithEnvironment variable("RAVOK_SAMPLE_TROUBLE", trouble.name);
+    const Trial trial = run_trial(store, {"cli", {"self", "status"}, patience, {}});
+    EXPECT_FALSE(trial.failure) << trouble.name;
+    EXPECT_EQ(trial.exit_code, std::nullopt) << trouble.name;
+    EXPECT_EQ(trial.output, "") << trouble.name;
+    EXPECT_EQ(store.load().at("failed_candidate"), (Json{{"reference", candidate}, {"problem", "startup_failed"}}))
+        << trouble.name;
+    EXPECT_TRUE(store.load().at("candidate").is_null()) << trouble.name;
+    EXPECT_TRUE(store.load().at("attempt").is_null()) << trouble.name;
+    EXPECT_EQ(working(), before) << trouble.name;
+  }
+}
+
+TEST_F(SampleLauncherStore, EndsACandidateThatHangsAndKeepsTheVersionThatWorks) {
+  const Json candidate = add(bytes_of(RAVOK_LAUNCHER_TROUBLED), "#!ravok-gui", "candidate");
+  name("active", active);
+  const TreeState before = working();
+  for (const char* const trouble : {"hang", "hang-for-good"}) {
+    name("candidate", candidate);
+    const WithEnvironment variable("RAVOK_SAMPLE_TROUBLE", trouble);
+    // It is never ready, however long one waits.
+    const Trial trial = run_trial(store, {"cli", {"self", "status"}, std::chrono::milliseconds(1), {}});
+    EXPECT_FALSE(trial.failure) << trouble;
+    EXPECT_EQ(trial.exit_code, std::nullopt) << trouble;
+    EXPECT_EQ(store.load().at("failed_candidate"), (Json{{"reference", candidate}, {"problem", "startup_failed"}}));
+    EXPECT_EQ(working(), before) << trouble;
+  }
+}
+
+TEST_F(SampleLauncherStore, SaysWhatIsWrongWithACandidateWhereNoVersionWorks) {
+  const Json candidate = add(bytes_of(RAVOK_LAUNCHER_TROUBLED), "#!ravok-gui", "candidate");
+  for (const Trouble& trouble : troubles) {
+    name("candidate", candidate);
+    const WithEnvironment variable("RAVOK_SAMPLE_TROUBLE", trouble.name);
+    const Trial trial = run_trial(store, {"cli", {"self", "status"}, patience, {}});
+    ASSERT_TRUE(trial.failure) << trouble.name;
+    EXPECT_EQ(trial.failure->code, trouble.code) << trouble.name;
+    EXPECT_STREQ(trial.failure->what(), trouble.message) << trouble.name;
+    EXPECT_EQ(store.load().at("failed_candidate"), (Json{{"reference", candidate}, {"problem", "startup_failed"}}));
+    EXPECT_TRUE(store.load().at("active").is_null()) << trouble.name;
+  }
+}
+
+TEST_F(SampleLauncherStore, TellsOfAFailedCandidateAndOfTheRollback) {
+  const Json candidate = add(bytes_of(RAVOK_LAUNCHER), "#!ravok-gui", "candidate");
+  name("active", active);
+  name("candidate", candidate);
+  EXPECT_EQ(run_trial(store, {"cli", {"self", "status"}, patience, {}}).exit_code, 0);
+  name("failed_candidate", {{"reference", active}, {"problem", "startup_interrupted"}});
+  const std::string program = store.payload(candidate) / "bin/ravok";
+  const ProgramResult text = testing::run_program({program, {"self", "status"}, {{"HOME", root / "home"}}, ""});
+  EXPECT_EQ(text.exit_code, 0) << text.errors;
+  EXPECT_EQ(text.output, product + "Active: " + words_of(candidate) + "\nCandidate: none\nOn trial: none\nRollback: " +
+                             words_of(active) + "\nFailed: " + words_of(active) + ": startup_interrupted\n");
+  const Json document =
+      status_of(testing::run_program({program, {"--json", "self", "status"}, {{"HOME", root / "home"}}, ""}).output);
+  EXPECT_EQ(document.at("failed_candidate"), (Json{{"reference", active}, {"problem", "startup_interrupted"}}));
+  EXPECT_EQ(document.at("rollback"), active);
+}
+
+TEST_F(SampleLauncherStore, TrustsAVersionThatCrashesOnlyLater) {
+  const Json candidate = add(bytes_of(RAVOK_LAUNCHER_TROUBLED), "#!ravok-gui", "candidate");
+  name("active", active);
+  name("candidate", candidate);
+  const WithEnvironment variable("RAVOK_SAMPLE_TROUBLE", "crash-later");
+  const Trial trial = run_trial(store, {"cli", {"self", "status"}, patience, {}});
+  EXPECT_FALSE(trial.failure);
+  EXPECT_EQ(trial.exit_code, 128 + SIGABRT);
+  EXPECT_EQ(store.load().at("active"), candidate);
+  EXPECT_EQ(store.load().at("rollback"), active);
+}
+
+TEST_F(SampleLauncherStore, HearsTheUsersInterrupt) {
+  const Json candidate = add(bytes_of(RAVOK_LAUNCHER_TROUBLED), "#!ravok-gui", "candidate");
+  name("candidate", candidate);
+  const WithEnvironment variable("RAVOK_SAMPLE_TROUBLE", "stay");
+  const Trial trial =
+      run_trial(store, {"cli", {"self", "status"}, patience, [&] { return store.load().at("active") == candidate; }});
+  EXPECT_FALSE(trial.failure);
+  EXPECT_EQ(trial.exit_code, 4);
+  EXPECT_EQ(trial.errors, "Cancelled\n");
+  EXPECT_EQ(store.load().at("active"), candidate);
+}
+
+TEST_F(SampleLauncherStore, ConfirmsTheStartOfItsWindow) {
+  const Json candidate = add("#!ravok", bytes_of(RAVOK_LAUNCHER_GUI), "candidate");
+  name("candidate", candidate);
+  const std::filesystem::path marker = store.store() / "start-attempt.json";
+  replace_private_file(marker, "{}");
+  const Trial trial = run_trial(store, {"gui", {"--launch", "first-game"}, patience, {}});
+  EXPECT_FALSE(trial.failure) << trial.failure->what();
+  EXPECT_EQ(trial.exit_code, 0);
+  EXPECT_EQ(trial.errors, "");
+  EXPECT_EQ(store.load().at("active"), candidate);
+  EXPECT_FALSE(std::filesystem::exists(marker));
+
+  // Later starts are no attempts, and are confirmed in the same way.
+  replace_private_file(marker, "{}");
+  const ProgramResult again = testing::run_program({store.payload(candidate) / "bin/ravok-gui",
+                                                    {"--data-dir", root / "data", "--launch", "first-game"},
+                                                    {{"HOME", root / "home"}},
+                                                    ""});
+  EXPECT_EQ(again.exit_code, 0) << again.errors;
+  EXPECT_FALSE(std::filesystem::exists(marker));
+}
+
+TEST_F(SampleLauncherStore, RefusesToRunAsAnotherEntryThanItsOwn) {
+  // The console's program in the place of the window's.
+  const Json candidate = add("#!ravok", bytes_of(RAVOK_LAUNCHER), "candidate");
+  name("active", candidate);
+  const ProgramResult result = testing::run_program(
+      {store.payload(candidate) / "bin/ravok-gui", {"self", "status"}, {{"HOME", root / "home"}}, ""});
+  EXPECT_EQ(result.exit_code, 1);
+  EXPECT_EQ(result.output, "");
+  EXPECT_EQ(result.errors, "Running launcher image differs from its verified native entry point\n");
+}
+
+}  // namespace
+}  // namespace ravok::sample_launcher_test
