@@ -26,13 +26,12 @@ constexpr milliseconds pause_before_health(10);
 constexpr milliseconds pause_without_lease(5);
 constexpr milliseconds patience_without_lease(100);
 constexpr milliseconds pause_while_running(20);
-constexpr std::uint64_t termination_grace = 250;  // milliseconds
 constexpr std::uint64_t exit_codes = 256;
 
 // A child that cannot be asked is one that may still run.
 bool is_known_to_end(const LauncherChild& child) {
   try {
-    return child.terminate(termination_grace);
+    return child.terminate(failed_start_grace);
   } catch (const Error&) {
     return false;
   }

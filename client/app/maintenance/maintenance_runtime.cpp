@@ -31,7 +31,6 @@ constexpr std::string_view ready_variable = "RAVOK_MAINTENANCE_READY";
 constexpr std::string_view copy_prefix = "ravok-maintenance-";
 
 constexpr std::chrono::milliseconds ready_pause(10);
-constexpr std::uint64_t termination_grace = 250;  // milliseconds
 
 // Fails unless the file is the one that the manifest lists.
 void require_whole(const std::filesystem::path& image, const SnapshotFile& listed) {
@@ -65,11 +64,10 @@ class ReadyFile {
 
   // Waits for it as long as the child lives, at most `timeout` milliseconds. Returns whether it is there.
   bool wait(ChildProcess& child, std::uint64_t timeout) const {
-    using Clock = std::chrono::steady_clock;
-    const Clock::time_point start = Clock::now();
+    const auto start = std::chrono::steady_clock::now();
     const auto waited = [&] {
       return static_cast<std::uint64_t>(
-          std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - start).count());
+          std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - start).count());
     };
     while (waited() < timeout) {
       if (folder_.type_of(name_)) {
@@ -160,7 +158,7 @@ std::unique_ptr<ChildProcess> MaintenanceRuntime::launch_gui(const std::vector<s
   std::unique_ptr<ChildProcess> child = launch_console(arguments);
   if (!ready.wait(*child, timeout)) {
     // The file is removed after this, since the helper may still write it until it has ended.
-    child->terminate(termination_grace);
+    child->terminate(failed_start_grace);
     fail("maintenance_startup", "The uninstall window did not open");
   }
   return child;

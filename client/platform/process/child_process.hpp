@@ -29,6 +29,9 @@ enum class ChildGroup { shared = 0, own = 1 };
 // Whether the child gets a pipe through which its parent can ask it to stop.
 enum class ChildControl { none = 0, interrupt = 1 };
 
+// The grace, in milliseconds, for a child that has not shown in time that it does what it was started for.
+inline constexpr std::uint64_t failed_start_grace = 250;
+
 // To be used from one thread.
 class ChildProcess {
  public:
