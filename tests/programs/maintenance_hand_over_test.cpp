@@ -1,15 +1,23 @@
 // ravok-maintenance as a client that hands over to it starts it.
 
 #include <csignal>
+#include <cstdint>
 #include <filesystem>
 #include <map>
+#include <memory>
 #include <string>
 #include <vector>
 
 #include <gtest/gtest.h>
 
+#include "app/launcher/launcher_store.hpp"
+#include "app/maintenance/maintenance_runtime.hpp"
 #include "app/setup/setup_command.hpp"
+#include "platform/file/native_lock.hpp"
+#include "platform/process/child_process.hpp"
+#include "support/fast_volume.hpp"
 #include "support/install_place.hpp"
+#include "support/launcher_release.hpp"
 #include "support/process.hpp"
 
 namespace ravok::maintenance_hand_over_test {
@@ -101,6 +109,56 @@ TEST_F(MaintenanceCopy, IsTheOnlyFolderThatTheProgramRemoves) {
     EXPECT_NE(result.errors.find("Maintenance helper copy path is invalid"), std::string::npos) << result.errors;
     EXPECT_EQ(state(), before);
   }
+}
+
+// An installation whose launcher has the program as its helper.
+class MaintenanceHelper : public ::testing::Test {
+ protected:
+  MaintenanceHelper() {
+    testing::LauncherPrograms programs;
+    programs.maintenance = testing::bytes_of(RAVOK_MAINTENANCE);
+    testing::use_launcher(place.package, testing::publish_launcher(root, "1.0.0", programs, "first"));
+    place.republish();
+    place.install();
+    place.write_player_data();
+  }
+
+  std::unique_ptr<MaintenanceRuntime> prepare() const {
+    const LauncherStore store(place.data());
+    return MaintenanceRuntime::prepare(store, current_build(store.status()), "maintenance", root / "copies");
+  }
+  static std::uint64_t run(MaintenanceRuntime& runtime, const std::vector<std::string>& arguments) {
+    const auto child = runtime.launch_console(arguments);
+    for (;;) {
+      if (const auto code = child->poll()) {
+        return *code;
+      }
+    }
+  }
+
+  const TemporaryRoot root{testing::fast_volume()};
+  InstallPlace place;
+};
+
+TEST_F(MaintenanceHelper, RemovesTheInstallationThatItRunsFrom) {
+  const TreeState player_data = place.player_data();
+  const std::unique_ptr<MaintenanceRuntime> runtime = prepare();
+  ::testing::internal::CaptureStdout();
+  const std::uint64_t code = run(*runtime, {"uninstall", "--data-dir", place.data(), "--json"});
+  const Json result = Json::parse(::testing::internal::GetCapturedStdout());
+  EXPECT_EQ(code, 0u);
+  EXPECT_EQ(result.at("data_removed"), false);
+  EXPECT_EQ(place.state(), player_data);
+}
+
+TEST_F(MaintenanceHelper, LeavesTheInstallationThatAnotherSetupWorksOn) {
+  const std::unique_ptr<MaintenanceRuntime> runtime = prepare();
+  const NativeFileLock held(place.paths().setup_lock, true, NativeLockSharing::others, LockMode::exclusive);
+  const TreeState before = place.state();
+  ::testing::internal::CaptureStderr();
+  EXPECT_EQ(run(*runtime, {"uninstall", "--data-dir", place.data()}), 1u);
+  EXPECT_EQ(::testing::internal::GetCapturedStderr(), "Another worker owns this native installation\n");
+  EXPECT_EQ(place.state(), before);
 }
 
 }  // namespace

@@ -5,11 +5,9 @@
 #include <chrono>
 #include <csignal>
 #include <filesystem>
-#include <fstream>
 #include <functional>
 #include <optional>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -22,12 +20,11 @@
 #include "domain/crypto.hpp"
 #include "domain/launcher_contract.hpp"
 #include "platform/file/files.hpp"
-#include "platform/process/native_platform.hpp"
 #include "platform/snapshot/snapshot_archive.hpp"
-#include "publisher/publish_snapshot.hpp"
 #include "support/failure.hpp"
 #include "support/fast_volume.hpp"
 #include "support/install_place.hpp"
+#include "support/launcher_release.hpp"
 #include "support/process.hpp"
 #include "support/temporary_root.hpp"
 #include "support/tree_state.hpp"
@@ -36,6 +33,7 @@
 namespace ravok::sample_launcher_test {
 namespace {
 
+using testing::bytes_of;
 using testing::InstallPlace;
 using testing::ProgramResult;
 using testing::TemporaryRoot;
@@ -48,40 +46,6 @@ constexpr std::chrono::milliseconds patience(30'000);
 constexpr const char* build = RAVOK_LAUNCHER_BUILD_ID;
 const std::string product = std::string("Ravok ") + build + "\n";
 constexpr const char* no_command = "This sample launcher has no other command than self status";
-
-std::string bytes_of(const std::filesystem::path& path) {
-  std::ifstream file(path, std::ios::binary | std::ios::ate);
-  std::string bytes(static_cast<std::size_t>(file.tellg()), '\0');
-  file.seekg(0);
-  file.read(bytes.data(), static_cast<std::streamsize>(bytes.size()));
-  return bytes;
-}
-
-struct Release {
-  std::string manifest;
-  std::filesystem::path archive;
-};
-
-// Publishes a release of these two programs. `note` tells releases of the same programs apart.
-Release publish(const TemporaryRoot& root, const std::string& console, const std::string& windowed,
-                const std::string& note) {
-  const std::string folder = "releases/" + note + "/";
-  for (const auto& [name, bytes] : {std::pair{"ravok", console}, std::pair{"ravok-gui", windowed}}) {
-    std::filesystem::permissions(root.write(folder + "tree/bin/" + name, bytes), std::filesystem::perms(0755));
-  }
-  root.write(folder + "tree/data/note", note);
-  SnapshotPublication publication;
-  publication.kind = SnapshotKind::launcher;
-  publication.tree = root / (folder + "tree");
-  publication.output = root.directory(folder + "output");
-  publication.build_id = build;
-  publication.platform = native_platform();
-  publication.executable = "bin/ravok";
-  publication.gui_executable = "bin/ravok-gui";
-  publication.level = 1;
-  const PublishedSnapshot published = publish_snapshot(publication, {});
-  return {bytes_of(published.manifest), published.archive};
-}
 
 std::string words_of(const Json& reference) {
   return std::string(build) + " (" + text_at(reference, "manifest_sha256").substr(0, 12) + ")";
@@ -181,9 +145,9 @@ Trial run_trial(const LauncherStore& store, LauncherStart start) {
 TEST(SampleLauncherInstalled, ProvesItselfAndBecomesTheActiveVersion) {
   InstallPlace place;
   const TemporaryRoot root(testing::fast_volume());
-  const Release release = publish(root, bytes_of(RAVOK_LAUNCHER), bytes_of(RAVOK_LAUNCHER_GUI), "first");
-  place.package.launcher = Json::parse(release.manifest);
-  place.package.launcher_archive = bytes_of(release.archive);
+  testing::use_launcher(
+      place.package,
+      testing::publish_launcher(root, build, {bytes_of(RAVOK_LAUNCHER), bytes_of(RAVOK_LAUNCHER_GUI)}, "first"));
   place.republish();
   place.install();
   const LauncherStore store(place.data());
@@ -228,7 +192,7 @@ class SampleLauncherStore : public ::testing::Test {
  protected:
   // Unpacks a version of these programs and returns its reference.
   Json add(const std::string& console, const std::string& windowed, const std::string& note) const {
-    const Release release = publish(root, console, windowed, note);
+    const testing::LauncherRelease release = testing::publish_launcher(root, build, {console, windowed}, note);
     const Json reference = make_reference(digest(release.manifest, "sha256"), build);
     atomic_create(store.store() / "manifests" / (text_at(reference, "manifest_sha256") + ".json"), release.manifest);
     extract_snapshot(LauncherManifest::parse(Json::parse(release.manifest)), release.archive, store.payload(reference),

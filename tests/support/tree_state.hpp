@@ -3,7 +3,6 @@
 
 #include <filesystem>
 #include <fstream>
-#include <iterator>
 #include <map>
 #include <sstream>
 #include <string>
@@ -32,7 +31,7 @@ inline TreeState tree_state(const std::filesystem::path& root) {
       node << " directory";
     } else if (entry.is_regular_file()) {
       std::ifstream file(entry.path(), std::ios::binary);
-      node << " file " << std::string{std::istreambuf_iterator<char>(file), {}};
+      node << " file " << file.rdbuf();
     }
     state.emplace(entry.path().lexically_relative(root).native(), node.str());
   }

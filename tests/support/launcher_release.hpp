@@ -1,0 +1,67 @@
+// Publishes launcher releases of real programs for tests.
+#pragma once
+
+#include <filesystem>
+#include <fstream>
+#include <string>
+
+#include "domain/json.hpp"
+#include "platform/process/native_platform.hpp"
+#include "publisher/publish_snapshot.hpp"
+#include "support/package_builder.hpp"
+#include "support/temporary_root.hpp"
+
+namespace ravok::testing {
+
+inline std::string bytes_of(const std::filesystem::path& path) {
+  std::ifstream file(path, std::ios::binary | std::ios::ate);
+  std::string bytes(static_cast<std::size_t>(file.tellg()), '\0');
+  file.seekg(0);
+  file.read(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+  return bytes;
+}
+
+// The programs of a release, each by its whole content.
+struct LauncherPrograms {
+  std::string console = "#!ravok";            // bin/ravok
+  std::string windowed = "#!ravok-gui";       // bin/ravok-gui
+  std::string maintenance = "#!maintenance";  // bin/ravok-maintenance, the helper of that role
+};
+
+struct LauncherRelease {
+  std::string manifest;
+  std::filesystem::path archive;
+};
+
+// Publishes a release below the root. `note` tells releases of the same programs apart.
+inline LauncherRelease publish_launcher(const TemporaryRoot& root, const std::string& build_id,
+                                        const LauncherPrograms& programs, const std::string& note) {
+  const std::string folder = "releases/" + note + "/";
+  const auto write_program = [&](const std::string& name, const std::string& bytes) {
+    std::filesystem::permissions(root.write(folder + "tree/bin/" + name, bytes), std::filesystem::perms(0755));
+  };
+  write_program("ravok", programs.console);
+  write_program("ravok-gui", programs.windowed);
+  write_program("ravok-maintenance", programs.maintenance);
+  root.write(folder + "tree/data/note", note);
+  SnapshotPublication publication;
+  publication.kind = SnapshotKind::launcher;
+  publication.tree = root / (folder + "tree");
+  publication.output = root.directory(folder + "output");
+  publication.build_id = build_id;
+  publication.platform = native_platform();
+  publication.executable = "bin/ravok";
+  publication.gui_executable = "bin/ravok-gui";
+  publication.helpers = {{"bin/ravok-maintenance", "maintenance"}};
+  publication.level = 1;
+  const PublishedSnapshot published = publish_snapshot(publication, {});
+  return {bytes_of(published.manifest), published.archive};
+}
+
+// Puts a release into an initial package in place of the package's own.
+inline void use_launcher(InitialPackage& package, const LauncherRelease& release) {
+  package.launcher = Json::parse(release.manifest);
+  package.launcher_archive = bytes_of(release.archive);
+}
+
+}  // namespace ravok::testing
