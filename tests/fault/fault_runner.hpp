@@ -93,6 +93,8 @@ struct FaultPlan {
   // Judges what a spoilt run left behind. Its failed expectations name the call and the mode.
   std::function<void(const FaultOutcome&)> judge;
   std::vector<FaultMode> modes = {std::begin(all_fault_modes), std::end(all_fault_modes)};
+  // Whether RAVOK_FAULT_PROGRAM names a program that the run starts, whose end is then not the end of the run.
+  bool acts_in_child = false;
   // Guards against a program that never stops calling.
   std::uint64_t most_calls = 2000;
   // How many runs that lose names are wanted, besides those that are always made.

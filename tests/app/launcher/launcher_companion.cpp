@@ -4,16 +4,20 @@
 //
 //   launcher_companion --data-dir ROOT INTERFACE TASK...
 //
-//   run CODE         attaches, reports health, ends with CODE
-//   serve            attaches, reports health, says so and waits until its parent asks it to stop; then ends with code
-//   7 stay             attaches, reports health, and waits for the end of its input with its runtime gone killed
-//   attaches, reports health, and is ended by a signal refuse           ends at once hang             attaches and
-//   waits until it is ended stubborn         the same, and does not let itself be terminated forge            writes
-//   both documents for another process, and waits until it is ended drop             writes both documents as it
-//   should, without any lease, and waits until it is ended twice            attaches and reports health twice late
-//   attaches, says so, waits for the end of its input, and reports health outside          attaches and says what it is
-//   helper ROLE      attaches as a helper
-//   mute             attaches, with an environment that cannot be changed
+//     run CODE     attaches, reports health, ends with CODE
+//     serve        attaches, reports health, says so, waits until its parent asks it to stop, and ends with code 7
+//     stay         attaches, reports health, and waits for the end of its input with its runtime gone
+//     killed       attaches, reports health, and is ended by a signal
+//     refuse       ends at once
+//     hang         attaches and waits until it is ended
+//     stubborn     the same, and does not let itself be terminated
+//     forge        writes both documents for another process, and waits until it is ended
+//     drop         writes both documents as it should, without any lease, and waits until it is ended
+//     twice        attaches and reports health twice
+//     late         attaches, says so, waits for the end of its input, and reports health
+//     outside      attaches and says what it is
+//     helper ROLE  attaches as a helper
+//     mute         attaches, with an environment that cannot be changed
 
 #include <csignal>
 #include <cstdlib>

@@ -1,0 +1,171 @@
+// Whatever call is spoilt of a bootstrap that tries a candidate, or of the candidate itself, the store names a version
+// that works, the candidate is active only with its proof, and the next start finds one of the known states.
+
+#include <algorithm>
+#include <csignal>
+#include <filesystem>
+#include <fstream>
+#include <iostream>
+#include <map>
+#include <set>
+#include <string>
+
+#include <gtest/gtest.h>
+
+#include "app/launcher/launcher_store.hpp"
+#include "domain/data_layout.hpp"
+#include "fault/fault_runner.hpp"
+#include "support/launcher_place.hpp"
+
+namespace ravok::testing::attempt_fault_test {
+namespace {
+
+// The codes with which a bootstrap may refuse when a call of it fails. "launcher_state" stands for an attempt that the
+// document does not name any more: what made the candidate active failed after it had replaced the document.
+const std::set<std::string> known_codes = {
+    "busy",        "content_mismatch", "file_read",   "file_sync",          "file_write",
+    "lock_failed", "launcher_state",   "permissions", "insufficient_space", "unsafe_path"};
+
+class AttemptFault : public ::testing::Test {
+ protected:
+  AttemptFault() {
+    old_ = place_.add_version("old");
+    new_ = place_.add_version("new", {bytes_of(RAVOK_SAMPLE_CANDIDATE), "#!window", "#!helper"});
+    place_.set("active", old_);
+    place_.set("candidate", new_);
+    document_ = place_.document_text();
+  }
+
+  // Takes back all that a start leaves; the versions stay.
+  void reset() const {
+    for (const std::filesystem::path& folder : {paths_.leases, paths_.health}) {
+      std::filesystem::remove_all(folder);
+    }
+    const LauncherStore made(place_.root.path());
+    write_bytes(paths_.document, document_);
+  }
+
+  ProgramRun bootstrap() const { return {RAVOK_SAMPLE_ATTEMPT, {place_.root.path()}, {{"HOME", "/nowhere"}}, ""}; }
+
+  // Starts once more, unspoilt, as soon as no former launcher holds its attempt any more.
+  ProgramResult start_again() const {
+    ProgramResult result = run_program(bootstrap());
+    while (result.errors.starts_with("launcher_running: ")) {
+      EXPECT_EQ(result.exit_code, 1);
+      ++running_;
+      result = run_program(bootstrap());
+    }
+    EXPECT_EQ(result.exit_code, 0) << result.errors;
+    return result;
+  }
+
+  // Returns in one word what the document says of the candidate.
+  std::string state() const {
+    const Json document = place_.store.load();
+    const bool is_active = document.at("active") == new_;
+    EXPECT_TRUE(is_active || document.at("active") == old_);
+    EXPECT_EQ(document.at("rollback"), is_active ? old_ : Json());
+    const bool is_failed = !document.at("failed_candidate").is_null();
+    if (is_failed) {
+      EXPECT_EQ(document.at("failed_candidate").at("reference"), new_);
+    }
+    const int places = (is_active ? 1 : 0) + (is_failed ? 1 : 0) + (document.at("candidate") == new_ ? 1 : 0) +
+                       (document.at("attempt").is_null() ? 0 : 1);
+    EXPECT_EQ(places, 1) << document.dump();
+    if (is_active) {
+      expect_proof();
+      return "active";
+    }
+    if (is_failed) {
+      return text_at(document.at("failed_candidate"), "problem");
+    }
+    return document.at("candidate") == new_ ? "waiting" : "on trial";
+  }
+
+  // An active version has acknowledged its leases and said that it is ready.
+  void expect_proof() const {
+    std::set<std::string> proofs;
+    for (const std::filesystem::path& folder : {paths_.attempt_leases, paths_.health}) {
+      for (const auto& entry : std::filesystem::directory_iterator(folder)) {
+        if (entry.path().extension() == ".json") {
+          proofs.insert(folder.filename());
+        }
+      }
+    }
+    EXPECT_EQ(proofs, (std::set<std::string>{"attempts", "health"}));
+  }
+
+  // The next start knows what it has found, and what comes after it is stable.
+  std::string judge(const FaultOutcome& outcome, bool is_bootstrap) const {
+    const ProgramResult& result = outcome.result;
+    const std::string found = state();
+    if (is_bootstrap && ends_process(outcome.mode)) {
+      EXPECT_EQ(result.signal, SIGKILL);
+    } else if (result.exit_code == 0) {
+      EXPECT_TRUE(found == "active" || (found == "startup_failed" && result.output == "none\n")) << found;
+    } else {
+      // A file operation of the standard library ends the sample with code 2.
+      EXPECT_TRUE(is_bootstrap && (result.exit_code == 1 || result.exit_code == 2)) << result.errors;
+      EXPECT_TRUE(result.exit_code == 2 || known_codes.contains(result.errors.substr(0, result.errors.find(':'))))
+          << result.errors;
+    }
+    const ProgramResult next = start_again();
+    const std::string later = state();
+    if (found == "waiting") {
+      EXPECT_EQ(later, "active");
+      EXPECT_EQ(next.output, "0\n");
+    } else {
+      EXPECT_EQ(later, found == "on trial" ? "startup_interrupted" : found);
+      EXPECT_EQ(next.output, "none\n");
+    }
+    const std::string document = place_.document_text();
+    EXPECT_EQ(start_again().output, "none\n");
+    EXPECT_EQ(place_.document_text(), document);
+    return found;
+  }
+
+  std::map<std::string, int> try_all(bool is_bootstrap) const {
+    std::map<std::string, int> states;
+    FaultPlan plan;
+    plan.run = bootstrap();
+    plan.root = place_.root.path();
+    if (!is_bootstrap) {
+      plan.run.environment["RAVOK_FAULT_PROGRAM"] = "program";
+      plan.acts_in_child = true;
+    }
+    plan.reset = [&] { reset(); };
+    plan.judge = [&](const FaultOutcome& outcome) { ++states[judge(outcome, is_bootstrap)]; };
+    const FaultTable table = run_faults(plan);
+    std::cout << table;
+    for (const auto& [state, count] : states) {
+      std::cout << state << " (" << count << ")\n";
+    }
+    EXPECT_GT(table.runs, 50u);
+    return states;
+  }
+
+  LauncherPlace place_;
+  const LauncherPaths paths_{DataPaths(place_.root.path()).launcher};
+  Json old_;
+  Json new_;
+  std::string document_;
+  mutable int running_ = 0;  // starts that had to wait for a launcher of an attempt
+};
+
+TEST_F(AttemptFault, OfTheBootstrapLeavesAKnownState) {
+  const std::map<std::string, int> states = try_all(true);
+  for (const char* const state : {"waiting", "on trial", "startup_failed", "active"}) {
+    EXPECT_TRUE(states.contains(state)) << state;
+  }
+}
+
+TEST_F(AttemptFault, OfTheCandidateLeavesAKnownState) {
+  const std::map<std::string, int> states = try_all(false);
+  for (const char* const state : {"startup_failed", "active"}) {
+    EXPECT_TRUE(states.contains(state)) << state;
+  }
+  EXPECT_EQ(states.size(), 2u);
+}
+
+}  // namespace
+}  // namespace ravok::testing::attempt_fault_test
