@@ -24,7 +24,8 @@ namespace {
 // document does not name any more: what made the candidate active failed after it had replaced the document.
 const std::set<std::string> known_codes = {
     "busy",        "content_mismatch", "file_read",   "file_sync",          "file_write",
-    "lock_failed", "launcher_state",   "permissions", "insufficient_space", "unsafe_path"};
+    "lock_failed", "launcher_state",   "permissions", "insufficient_space", "native_install_incomplete",
+    "unsafe_path"};
 
 class AttemptFault : public ::testing::Test {
  protected:
@@ -41,6 +42,7 @@ class AttemptFault : public ::testing::Test {
     for (const std::filesystem::path& folder : {paths_.leases, paths_.health}) {
       std::filesystem::remove_all(folder);
     }
+    std::filesystem::remove(paths_.owner_lock);
     const LauncherStore made(place_.root.path());
     write_bytes(paths_.document, document_);
   }

@@ -75,6 +75,7 @@ TEST_F(FaultLibrary, EndsOrFailsEveryCallExactlyWhereItIsTold) {
   FaultPlan plan;
   plan.run = steps_;
   plan.root = root_.path();
+  plan.every_call = true;
   plan.reset = [&] { clear(); };
   plan.judge = [&](const FaultOutcome& outcome) {
     const std::string before = first_names(calls, outcome.call.number - 1);

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <cstdlib>
 #include <filesystem>
 #include <functional>
 #include <iosfwd>
@@ -95,6 +96,8 @@ struct FaultPlan {
   std::vector<FaultMode> modes = {std::begin(all_fault_modes), std::end(all_fault_modes)};
   // Whether RAVOK_FAULT_PROGRAM names a program that the run starts, whose end is then not the end of the run.
   bool acts_in_child = false;
+  // Whether no call is spared.
+  bool every_call = std::getenv("RAVOK_EVERY_CALL") != nullptr;
   // Guards against a program that never stops calling.
   std::uint64_t most_calls = 2000;
   // How many runs that lose names are wanted, besides those that are always made.
@@ -114,10 +117,10 @@ struct FaultTable {
 std::ostream& operator<<(std::ostream& stream, const FaultTable& table);
 
 // Runs the program once unspoilt, which must end with code 0. Then runs it for every call and every mode that is
-// possible for the call, each time on a fresh state; for the mode that loses names, name_cuts chooses the runs. Where
-// the call before only looks, an end of the process leaves what it leaves there, and is not tried again. Of the calls
-// that only look and come from the same last functions, three fail: the first, one in the middle and the last; all of
-// them where the environment has RAVOK_EVERY_CALL. Throws std::runtime_error when the unspoilt run fails or makes too
+// possible for the call, each time on a fresh state; for the mode that loses names, name_cuts chooses the runs. Spares,
+// unless every call is wanted: the end of the process where the call before only looks, since it leaves what an end
+// before that one leaves; and failures of calls that only look and come from the same last functions, except for the
+// first, one in the middle and the last of them. Throws std::runtime_error when the unspoilt run fails or makes too
 // many calls, and when a spoilt run does not reach its call, since the program's calls then differ from run to run.
 FaultTable run_faults(const FaultPlan& plan);
 

@@ -191,6 +191,10 @@ std::optional<int> run_launcher_attempt(const LauncherStore& store, const Launch
       throw;
     }
     return std::nullopt;
+  } catch (...) {
+    // Nothing may run on that has not proved itself.
+    attempt.reject();
+    throw;
   }
   attempt.release_leases();
   return attempt.wait_for_child();

@@ -306,7 +306,7 @@ TEST(StartInstalledGame, EndsAsTheGameThatTookItsPlace) {
 
 TEST(StartInstalledGame, RunsTheGameBesideThisProcess) {
   const InstalledGame game(telling_script);
-  const testing::ProgramResult result = run_companion("start", game);
+  const testing::ProgramResult result = run_companion("accompany", game);
   EXPECT_EQ(result.exit_code, 0);
   EXPECT_EQ(result.output, "this process goes on\n");
   EXPECT_EQ(result.errors, told_by(game));

@@ -1,10 +1,13 @@
-// Tells which game it serves and where a game lies, and starts games, as a client beside that program would.
+// Tells which game it serves and where a game lies, and starts games, as a client beside that program would. With
+// "accompany" it stays until the game has ended.
 
 #include <cstdio>
 #include <optional>
 #include <string>
 #include <thread>
 #include <vector>
+
+#include <sys/wait.h>
 
 #include "app/command/direct_start.hpp"
 #include "app/command/platformed_game.hpp"
@@ -53,6 +56,8 @@ void run(const std::vector<std::string>& words) {
   } else {
     ravok::start_installed_game(words[1], words[2], words[0] == "replace");
     say("this process goes on");
+    while (words[0] == "accompany" && wait(nullptr) > 0) {
+    }
   }
 }
 

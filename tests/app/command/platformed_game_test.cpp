@@ -294,7 +294,7 @@ TEST_F(PlatformedProgram, StartsItsGame) {
   describe(platform_document());
   std::filesystem::permissions(root.write("bin/game", "#!/bin/sh\npwd\necho $#\n"), std::filesystem::perms::owner_all);
   const testing::ProgramResult beside =
-      testing::run_program({program().native(), {"start", "/nowhere", "some-game"}, {}, {}});
+      testing::run_program({program().native(), {"accompany", "/nowhere", "some-game"}, {}, {}});
   EXPECT_EQ(beside.exit_code, 0);
   EXPECT_EQ(beside.output, "this process goes on\n");
   EXPECT_EQ(beside.errors, place() + "\n0\n");

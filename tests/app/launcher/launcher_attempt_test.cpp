@@ -5,6 +5,7 @@
 #include <filesystem>
 #include <functional>
 #include <memory>
+#include <new>
 #include <optional>
 #include <string>
 #include <utility>
@@ -461,6 +462,19 @@ TEST_F(LauncherAttempts, RejectAVersionThatCannotBeStarted) {
   EXPECT_STREQ(failure->what(), "Cannot execute the installed game");
   EXPECT_EQ(failure->details, (std::vector<std::string>{"verify GAME", "repair GAME"}));
   expect_rejection("startup_failed");
+}
+
+// A lack of memory is no refusal, and goes on past the working version. But nothing runs on unproved.
+TEST_F(LauncherAttempts, EndTheChildWhateverFails) {
+  place_.set("active", working_);
+  play_.takes_lease();
+  start_.interrupted = []() -> bool { throw std::bad_alloc(); };
+  EXPECT_THROW(
+      run_launcher_attempt(place_.store, start_, [&](const LauncherProgram& program) { return play_.start(program); }),
+      std::bad_alloc);
+  EXPECT_EQ(play_.graces, std::vector<std::uint64_t>{250});
+  expect_rejection("startup_failed");
+  EXPECT_EQ(place_.value("active"), working_);
 }
 
 TEST_F(LauncherAttempts, StartNoVersionWhoseFilesAreDamaged) {
