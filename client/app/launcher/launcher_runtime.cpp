@@ -118,12 +118,12 @@ LauncherRuntime::LauncherRuntime(const std::filesystem::path& data_root, Json re
     attempt_lease_ = std::make_unique<FileLock>(store->startup_lease_path(attempt_), false, LockMode::shared);
   }
   version_lease_ = store->version_guard(reference_, LockMode::shared);
-  const LauncherManifest manifest = store->manifest(reference_);
-  const std::string& entry = interface_ == "cli" ? manifest.executable : manifest.gui_executable;
+  manifest_ = store->manifest(reference_);
+  const std::string& entry = interface_ == "cli" ? manifest_->executable : manifest_->gui_executable;
   require(current_executable_path() == safe_join(store->payload(reference_), entry, true), "launcher_identity",
           "Running launcher image differs from its verified native entry point");
   if (!attempt_.is_null()) {
-    acknowledge(*store, manifest);
+    acknowledge(*store);
   }
   clear_startup_variables();
 }
@@ -133,11 +133,11 @@ LauncherRuntime::~LauncherRuntime() {
   retain(version_lease_);
 }
 
-void LauncherRuntime::acknowledge(const LauncherStore& store, const LauncherManifest& manifest) const {
+void LauncherRuntime::acknowledge(const LauncherStore& store) const {
   require(store.status().at("attempt") == attempt_, "launcher_health",
           "Launcher startup is no longer pending or cannot protect its content");
   atomic_private_create(store.startup_ack_path(attempt_),
-                        lease_document(manifest, attempt_, os::process_id(), interface_).dump());
+                        lease_document(*manifest_, attempt_, os::process_id(), interface_).dump());
 }
 
 void LauncherRuntime::report_health() const {
@@ -145,9 +145,10 @@ void LauncherRuntime::report_health() const {
           "Launcher startup health needs its live native leases");
   const LauncherStore store(data_root_);
   require(store.status().at("attempt") == attempt_, "launcher_health", "Launcher startup attempt is no longer pending");
+  // It is still the one that was parsed when this process attached.
+  store.manifest_text(reference_);
   const Json health =
-      store.manifest(reference_)
-          .startup_health(attempt_, os::process_id(), interface_, ConsoleInterrupt::parent_reader_attached());
+      manifest_->startup_health(attempt_, os::process_id(), interface_, ConsoleInterrupt::parent_reader_attached());
   atomic_private_create(store.health_path(attempt_), health.dump());
 }
 

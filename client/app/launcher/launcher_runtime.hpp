@@ -5,6 +5,7 @@
 
 #include <filesystem>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -49,12 +50,13 @@ class LauncherRuntime {
  private:
   LauncherRuntime(const std::filesystem::path& data_root, Json reference, Json attempt, std::string_view interface);
 
-  void acknowledge(const LauncherStore& store, const LauncherManifest& manifest) const;
+  void acknowledge(const LauncherStore& store) const;
 
   const std::filesystem::path data_root_;
   const Json reference_;
   const Json attempt_;
   const std::string interface_;
+  std::optional<LauncherManifest> manifest_;
   std::unique_ptr<FileLock> attempt_lease_;
   std::unique_ptr<FileLock> version_lease_;
 };

@@ -184,15 +184,19 @@ std::unique_ptr<FileLock> LauncherStore::owner() const {
   }
 }
 
-LauncherManifest LauncherStore::manifest(const Json& reference) const {
+std::string LauncherStore::manifest_text(const Json& reference) const {
   require(!reference.is_null(), "launcher_missing", "Install a verified launcher first");
   const std::string sha256 = refuse_malformed(state, malformed, [&] {
     reference_shape(reference);
     return text_at(reference, "manifest_sha256");
   });
-  const std::string text = read_file(paths_.manifest(sha256), maximum_manifest_bytes);
+  std::string text = read_file(paths_.manifest(sha256), maximum_manifest_bytes);
   require(digest(text, "sha256") == sha256, "content_mismatch", "Stored launcher manifest changed");
-  LauncherManifest manifest = LauncherManifest::parse(parse_json(text, maximum_manifest_bytes));
+  return text;
+}
+
+LauncherManifest LauncherStore::manifest(const Json& reference) const {
+  LauncherManifest manifest = LauncherManifest::parse(parse_json(manifest_text(reference), maximum_manifest_bytes));
   require(manifest.build_id == text_at(reference, "build_id") && manifest.platform == native_platform(), state,
           "Launcher identity/platform differs from its local reference");
   return manifest;

@@ -78,6 +78,10 @@ class LauncherStore {
   // read_file, parse_json and LauncherManifest::parse do.
   LauncherManifest manifest(const Json& reference) const;
 
+  // Returns the text of that manifest, which its digest has proved to be the one that is referred to. For a caller that
+  // has parsed it before. Fails as manifest does, short of parsing.
+  std::string manifest_text(const Json& reference) const;
+
   // Returns the folder of a reference. Fails with "launcher_missing" for null and with "launcher_state".
   std::filesystem::path payload(const Json& reference) const;
 
