@@ -21,7 +21,7 @@
 namespace ravok {
 namespace {
 
-constexpr std::string_view code = "invalid_native_package";
+constexpr std::string_view brand_code = "invalid_native_package";
 constexpr std::string_view default_name = "Ravok";
 constexpr std::size_t maximum_name_bytes = 64;
 constexpr std::size_t maximum_id_bytes = 80;
@@ -30,9 +30,9 @@ constexpr std::size_t minimum_icon_bytes = 22;
 constexpr std::string_view icon_start("\0\0\1\0", 4);
 
 std::string text_field(const Json& document, const std::string& key, std::size_t bound) {
-  require(document.contains(key) && document.at(key).is_string(), code, "Brand needs a " + key);
+  require(document.contains(key) && document.at(key).is_string(), brand_code, "Brand needs a " + key);
   const std::string& text = document.at(key).get_ref<const std::string&>();
-  require(!text.empty() && text.size() <= bound && std::none_of(text.begin(), text.end(), is_control), code,
+  require(!text.empty() && text.size() <= bound && std::none_of(text.begin(), text.end(), is_control), brand_code,
           "Brand " + key + " must be 1 to " + std::to_string(bound) + " bytes of plain text");
   return text;
 }
@@ -54,20 +54,20 @@ void validate_brand_name(std::string_view name) {
                            name.back() != ' ' && name.back() != '.' &&
                            std::none_of(name.begin(), name.end(), is_control) &&
                            name.find_first_of("<>:\"/\\|?*") == std::string_view::npos;
-  require(well_formed, code,
+  require(well_formed, brand_code,
           "A brand name is 1 to 64 bytes and also names a folder: no control characters, none of < > : \" / \\ | ? *, "
           "and no leading space or trailing space or dot");
-  require(!is_device_name(name), code, "A brand name cannot be a Windows device name");
+  require(!is_device_name(name), brand_code, "A brand name cannot be a Windows device name");
 }
 
 void validate_brand_icon(std::string_view bytes) {
-  require(bytes.size() >= minimum_icon_bytes && bytes.starts_with(icon_start), code,
+  require(bytes.size() >= minimum_icon_bytes && bytes.starts_with(icon_start), brand_code,
           "The brand icon is not an .ico file");
 }
 
 Brand parse_brand(const Json& document) {
   require(document.is_object() && document.size() == 4 && document.contains("icon") && document.at("icon").is_boolean(),
-          code, "Brand has unknown or missing fields");
+          brand_code, "Brand has unknown or missing fields");
   Brand brand;
   brand.name = text_field(document, "name", maximum_name_bytes);
   brand.id = text_field(document, "id", maximum_id_bytes);
