@@ -1,7 +1,6 @@
 // The windowed entry of a launcher: the program that a release's manifest names as "gui_executable". This one has no
 // window, so it is up as soon as it gets that far, and closes at once.
 
-#include <cstdio>
 #include <exception>
 #include <filesystem>
 #include <memory>
@@ -37,8 +36,7 @@ int main(int argc, char** argv) {
     return 0;
   } catch (const ravok::Error& error) {
     return launcher::tell(error, false);
-  } catch (const std::exception& error) {
-    std::fprintf(stderr, "%s\n", error.what());
-    return 1;
+  } catch (const std::exception& problem) {
+    return launcher::tell(problem, false);
   }
 }

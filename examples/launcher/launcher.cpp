@@ -8,6 +8,7 @@
 #include "app/launcher/launcher_store.hpp"
 #include "domain/display_text.hpp"
 #include "domain/exit_code.hpp"
+#include "platform/file/managed_paths.hpp"
 
 namespace launcher {
 namespace {
@@ -34,15 +35,34 @@ std::string status_text(const Json& status) {
   text += "Rollback: " + words_of(status.at("rollback")) + "\n";
   const Json& failed = status.at("failed_candidate");
   if (!failed.is_null()) {
-    text += "Failed: " + words_of(failed.at("reference")) + ": " +
-            ravok::shown_text(ravok::text_at(failed, "problem")) + "\n";
+    // The store proves nothing of a problem that it has read.
+    const std::string problem = ravok::has_text(failed, "problem") ? ravok::text_at(failed, "problem") : "unknown";
+    text += "Failed: " + words_of(failed.at("reference")) + ": " + ravok::shown_text(problem) + "\n";
   }
   return text;
+}
+
+void tell_of(std::string_view code, std::string_view problem, bool json) {
+  const std::string message = ravok::shown_text(problem);
+  if (json) {
+    const Json document = {{"schema_version", 1}, {"problem", {{"code", code}, {"message", message}}}};
+    std::puts(document.dump().c_str());
+  }
+  std::fprintf(stderr, "%s\n", message.c_str());
 }
 
 }  // namespace
 
 std::string_view build_id() { return RAVOK_LAUNCHER_BUILD_ID; }
+
+ravok::CliEntry command_line(const std::vector<std::string>& arguments, bool* json) {
+  constexpr const char* none_yet = ".";
+  ravok::CliEntry entry = ravok::parse_cli_entry(arguments, none_yet, json);
+  if (!entry.data_dir_given && !entry.help) {
+    entry.data_dir = ravok::user_data_root();
+  }
+  return entry;
+}
 
 void report_ready(const ravok::LauncherRuntime* runtime) {
   if (runtime != nullptr && !runtime->attempt().is_null()) {
@@ -79,13 +99,13 @@ void print(std::string_view text) {
 }
 
 int tell(const ravok::Error& error, bool json) {
-  const std::string message = ravok::shown_text(error.what());
-  if (json) {
-    const Json document = {{"schema_version", 1}, {"problem", {{"code", error.code}, {"message", message}}}};
-    std::puts(document.dump().c_str());
-  }
-  std::fprintf(stderr, "%s\n", message.c_str());
+  tell_of(error.code, error.what(), json);
   return ravok::exit_code(error);
+}
+
+int tell(const std::exception& problem, bool json) {
+  tell_of("launcher_failed", problem.what(), json);
+  return 1;
 }
 
 }  // namespace launcher

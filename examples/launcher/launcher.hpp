@@ -1,7 +1,10 @@
 // What the console entry and the windowed entry of this launcher share.
 #pragma once
 
+#include <exception>
+#include <string>
 #include <string_view>
+#include <vector>
 
 #include "app/command/cli_entry.hpp"
 #include "app/launcher/launcher_runtime.hpp"
@@ -13,6 +16,11 @@ namespace launcher {
 // The build of this program. It must be the build ID that the release's manifest states, or the launcher will not
 // attach.
 std::string_view build_id();
+
+// Returns the console's command line. `json` becomes what parse_cli_entry makes of it. The user's own data folder is
+// looked for only where it is needed, so that a launcher that is told its folder runs without a home. Fails as
+// parse_cli_entry and user_data_root do.
+ravok::CliEntry command_line(const std::vector<std::string>& arguments, bool* json);
 
 // Tells the bootstrap that the launcher is ready, where the bootstrap is trying this version out and waits for that.
 // Call it once everything is initialised that can fail.
@@ -28,7 +36,9 @@ void run_command(const ravok::CliEntry& entry, const ravok::Json& status);
 // Writes to standard output. Fails with "output_failed".
 void print(std::string_view text);
 
-// Tells the user of a failure, with `json` also as a document, and returns the exit code.
+// Tell the user of a failure, with `json` also as a document, and return the exit code. A failure that has no code of
+// its own has the code "launcher_failed" in the document.
 int tell(const ravok::Error& error, bool json);
+int tell(const std::exception& problem, bool json);
 
 }  // namespace launcher

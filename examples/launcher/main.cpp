@@ -1,12 +1,10 @@
 // The console entry of a launcher: the program that a release's manifest names as "executable".
 
-#include <cstdio>
 #include <exception>
 #include <memory>
 
 #include "domain/crypto.hpp"
 #include "launcher.hpp"
-#include "platform/file/managed_paths.hpp"
 #include "platform/process/interrupt.hpp"
 #include "platform/process/process.hpp"
 #include "platform/process/program_start.hpp"
@@ -21,8 +19,7 @@ int main(int argc, char** argv) {
     // Ctrl+C reaches the bootstrap, which passes it on through a pipe that this object listens to.
     const ravok::ConsoleInterrupt interrupt(true);
     const ravok::TerminationSignals termination;
-    const ravok::CliEntry entry =
-        ravok::parse_cli_entry(ravok::process_arguments(argc, argv), ravok::user_data_root(), &json);
+    const ravok::CliEntry entry = launcher::command_line(ravok::process_arguments(argc, argv), &json);
     if (entry.help) {
       launcher::print(ravok::cli_help());
       return 0;
@@ -36,8 +33,7 @@ int main(int argc, char** argv) {
     return 0;
   } catch (const ravok::Error& error) {
     return launcher::tell(error, json);
-  } catch (const std::exception& error) {
-    std::fprintf(stderr, "%s\n", error.what());
-    return 1;
+  } catch (const std::exception& problem) {
+    return launcher::tell(problem, json);
   }
 }

@@ -3,7 +3,6 @@
 
 #include <chrono>
 #include <csignal>
-#include <cstdio>
 #include <cstdlib>
 #include <exception>
 #include <filesystem>
@@ -18,7 +17,6 @@
 #include "domain/crypto.hpp"
 #include "launcher.hpp"
 #include "platform/file/files.hpp"
-#include "platform/file/managed_paths.hpp"
 #include "platform/process/interrupt.hpp"
 #include "platform/process/process.hpp"
 #include "platform/process/process_operations.hpp"
@@ -146,13 +144,12 @@ int main(int argc, char** argv) {
   try {
     ravok::initialize_client_runtime();
     const ravok::ConsoleInterrupt interrupt(true);
-    const ravok::CliEntry entry = ravok::parse_cli_entry(ravok::process_arguments(argc, argv), ravok::user_data_root());
+    const ravok::CliEntry entry = launcher::command_line(ravok::process_arguments(argc, argv), nullptr);
     const std::string trouble = ravok::process_environment("RAVOK_SAMPLE_TROUBLE", 64).value_or("exit");
     return trouble == "stay" ? stay(entry, interrupt) : run(trouble, entry);
   } catch (const ravok::Error& error) {
     return launcher::tell(error, false);
-  } catch (const std::exception& error) {
-    std::fprintf(stderr, "%s\n", error.what());
-    return 1;
+  } catch (const std::exception& problem) {
+    return launcher::tell(problem, false);
   }
 }

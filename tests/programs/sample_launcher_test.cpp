@@ -18,6 +18,7 @@
 #include "app/launcher/launcher_reference.hpp"
 #include "app/launcher/launcher_store.hpp"
 #include "domain/crypto.hpp"
+#include "domain/display_text.hpp"
 #include "domain/launcher_contract.hpp"
 #include "platform/file/files.hpp"
 #include "platform/snapshot/snapshot_archive.hpp"
@@ -120,6 +121,50 @@ TEST(SampleLauncher, SaysSoWhenItsOutputCannotBeWritten) {
       testing::run_program({RAVOK_LAUNCHER, {"self", "status"}, {{"HOME", "/nowhere"}}, "/dev/full"});
   EXPECT_EQ(result.exit_code, 1);
   EXPECT_EQ(result.errors, "Cannot write to standard output\n");
+}
+
+TEST(SampleLauncher, NeedsNoHomeWhereItIsToldItsFolder) {
+  const TemporaryRoot root;
+  const std::string folder = root.path();
+  const ProgramResult told = testing::run_program({RAVOK_LAUNCHER, {"--data-dir", folder, "self", "status"}, {}, ""});
+  EXPECT_EQ(told.exit_code, 0) << told.errors;
+  EXPECT_EQ(told.output, product + "This build belongs to no installation.\n");
+  const ProgramResult help = testing::run_program({RAVOK_LAUNCHER, {"--help"}, {}, ""});
+  EXPECT_EQ(help.exit_code, 0) << help.errors;
+  EXPECT_EQ(help.output, cli_help());
+  EXPECT_EQ(testing::run_program({RAVOK_LAUNCHER, {"bogus"}, {}, ""}).errors, "Unknown command; run ravok --help\n");
+
+  constexpr const char* needs_home = "HOME must identify an absolute user directory";
+  const ProgramResult untold = testing::run_program({RAVOK_LAUNCHER, {"--json", "self", "status"}, {}, ""});
+  EXPECT_EQ(untold.exit_code, 1);
+  EXPECT_EQ(untold.errors, std::string(needs_home) + "\n");
+  EXPECT_EQ(status_of(untold.output),
+            (Json{{"schema_version", 1}, {"problem", {{"code", "user_path"}, {"message", needs_home}}}}));
+}
+
+TEST(SampleLauncher, TellsOfAFolderThatCannotBeResolvedAsOfEveryFailure) {
+  const TemporaryRoot root;
+  const std::filesystem::path loop = root / "loop\x1b[31m";
+  std::filesystem::create_symlink(loop, loop);
+  std::string message;
+  try {
+    ordinary_root(loop);
+  } catch (const std::filesystem::filesystem_error& problem) {
+    message = shown_text(problem.what());
+  }
+  ASSERT_NE(message.find("\\x1b[31m"), std::string::npos) << message;
+  for (const char* const program : {RAVOK_LAUNCHER, RAVOK_LAUNCHER_GUI}) {
+    const ProgramResult text = testing::run_program({program, {"--data-dir", loop, "self", "status"}, {}, ""});
+    EXPECT_EQ(text.exit_code, 1);
+    EXPECT_EQ(text.output, "");
+    EXPECT_EQ(text.errors, message + "\n");
+  }
+  const ProgramResult document =
+      testing::run_program({RAVOK_LAUNCHER, {"--json", "--data-dir", loop, "self", "status"}, {}, ""});
+  EXPECT_EQ(document.exit_code, 1);
+  EXPECT_EQ(document.errors, message + "\n");
+  EXPECT_EQ(status_of(document.output),
+            (Json{{"schema_version", 1}, {"problem", {{"code", "launcher_failed"}, {"message", message}}}}));
 }
 
 // What a run of the bootstrap's trial came to.
@@ -298,6 +343,15 @@ TEST_F(SampleLauncherStore, TellsOfAFailedCandidateAndOfTheRollback) {
       status_of(testing::run_program({program, {"--json", "self", "status"}, {{"HOME", root / "home"}}, ""}).output);
   EXPECT_EQ(document.at("failed_candidate"), (Json{{"reference", active}, {"problem", "startup_interrupted"}}));
   EXPECT_EQ(document.at("rollback"), active);
+
+  // The store takes any record that has a reference.
+  for (const Json& problem : {Json(nullptr), Json(1), Json("\x1b[31m")}) {
+    name("failed_candidate", {{"reference", nullptr}, {"problem", problem}});
+    const ProgramResult odd = testing::run_program({program, {"self", "status"}, {{"HOME", root / "home"}}, ""});
+    EXPECT_EQ(odd.exit_code, 0) << odd.errors;
+    const std::string last = std::string("Failed: none: ") + (problem.is_string() ? "\\x1b[31m" : "unknown") + "\n";
+    EXPECT_EQ(odd.output.substr(odd.output.find("Failed")), last);
+  }
 }
 
 TEST_F(SampleLauncherStore, TrustsAVersionThatCrashesOnlyLater) {

@@ -76,13 +76,16 @@ void prove(LauncherAttempt& attempt, const StartLauncher& start_child) {
 }  // namespace
 
 LauncherChild start_launcher(const LauncherProgram& program) {
-  const auto child = std::make_shared<ChildProcess>(
-      program.entry, program.arguments, program.directory, program.environment,
-      program.console ? ChildStreams::inherited : ChildStreams::joined, ChildEnvironment::kept, nullptr,
-      program.console ? ChildGroup::own : ChildGroup::shared,
-      program.console ? ChildControl::interrupt : ChildControl::none);
-  return {child->pid(), [child] { return child->poll(); }, [child] { return child->request_interrupt(); },
-          [child](std::uint64_t grace) { return child->terminate(grace); }};
+  // Nothing may fail once the child runs, since nobody could end it then.
+  const auto child = std::make_shared<std::optional<ChildProcess>>();
+  LauncherChild result = {0, [child] { return (*child)->poll(); }, [child] { return (*child)->request_interrupt(); },
+                          [child](std::uint64_t grace) { return (*child)->terminate(grace); }};
+  child->emplace(program.entry, program.arguments, program.directory, program.environment,
+                 program.console ? ChildStreams::inherited : ChildStreams::joined, ChildEnvironment::kept, nullptr,
+                 program.console ? ChildGroup::own : ChildGroup::shared,
+                 program.console ? ChildControl::interrupt : ChildControl::none);
+  result.pid = (*child)->pid();
+  return result;
 }
 
 std::vector<std::string> launcher_arguments(const std::filesystem::path& data_root,

@@ -45,8 +45,8 @@ struct LauncherChild {
 
 using StartLauncher = std::function<LauncherChild(const LauncherProgram&)>;
 
-// Starts the program as a child of this process, which ends with the last copy of the result. Fails as ChildProcess
-// does.
+// Starts the program as a child of this process. The child outlives the result, unless it is terminated. Fails as
+// ChildProcess does, and no child runs then.
 LauncherChild start_launcher(const LauncherProgram& program);
 
 // Returns a launcher's arguments: the data folder, in absolute and normal form, and these.

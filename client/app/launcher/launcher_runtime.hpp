@@ -23,12 +23,12 @@ class LauncherRuntime {
   // takes the attempt's variables out of its environment. Returns nothing for a program that no store manages and that
   // is no attempt. To be called before other threads start, since it changes the environment.
   //
-  // Fails with "launcher_interface", "invalid_identity" or "unsafe_path" for the arguments; as reject_staged_image and
-  // managed_version do; with "environment_limit" for a variable beyond 8192 bytes; with "launcher_state" for variables
-  // that are malformed; with "launcher_health" for an attempt of another build, interface or data folder, for one that
-  // the store does not name any more, and for variables that cannot be removed; with "launcher_identity" when the
-  // running image is not the version's entry; with "busy" when the leases are not free; and as FileLock,
-  // LauncherStore::manifest and atomic_private_create do. No lease is held then.
+  // Fails with "launcher_interface" or "invalid_identity", or as ordinary_root does, for the arguments; as
+  // reject_staged_image and managed_version do; with "environment_limit" for a variable beyond 8192 bytes; with
+  // "launcher_state" for variables that are malformed; with "launcher_health" for an attempt of another build,
+  // interface or data folder, for one that the store does not name any more, and for variables that cannot be removed;
+  // with "launcher_identity" when the running image is not the version's entry; with "busy" when the leases are not
+  // free; and as FileLock, LauncherStore::manifest and atomic_private_create do. No lease is held then.
   static std::unique_ptr<LauncherRuntime> attach(std::string_view build_id, std::string_view interface,
                                                  const std::filesystem::path& data_root);
 
