@@ -132,11 +132,22 @@ TEST(SdkRecord, HasASequenceNumberOfAtLeastOne) {
 
 TEST(SdkRecord, CountsOnlyInUnsignedIntegers) {
   for (const char* const key : {"/pid", "/sequence"}) {
-    for (const char* const text : {"-1", "-0", "-9223372036854775808", "4242.0", "18446744073709551616", "\"4242\"",
-                                   "null", "true", "[4242]", "{}"}) {
+    for (const char* const text :
+         {"-1", "-9223372036854775808", "4242.0", "18446744073709551616", "\"4242\"", "null", "true", "[4242]", "{}"}) {
       refuses(with(key, number(text)), malformed);
     }
   }
+}
+
+// What a program builds in memory holds a number as a signed one where no document would.
+TEST(SdkRecord, TellsAnotherProcessAndAReplayByTheNumberAlone) {
+  refuses(with("/pid", 4241), other_session);
+  refuses(with("/pid", number("-0")), other_session);
+  accepts(with("/pid", 4242));
+  refuses(with("/sequence", 0), backwards, "session_replay");
+  refuses(with("/sequence", 6), backwards, "session_replay");
+  refuses(with("/sequence", number("-0")), backwards, "session_replay", 0);
+  refuses(with("/sequence", 7), malformed);
 }
 
 TEST(SdkRecord, HasFieldsOfTheRightTypes) {

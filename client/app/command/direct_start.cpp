@@ -11,6 +11,7 @@
 #include "domain/game_manifest.hpp"
 #include "domain/identifier.hpp"
 #include "domain/json.hpp"
+#include "domain/paths.hpp"
 #include "domain/text_rules.hpp"
 #include "platform/file/files.hpp"
 #include "platform/file/managed_paths.hpp"
@@ -55,8 +56,9 @@ class InstalledGames {
   }
 
  private:
-  std::string read(const std::string& relative, std::uint64_t limit) const {
-    return read_file(safe_join(root_, relative, true), limit);
+  // A link in place of the file itself is left to read_file, whose refusal names it.
+  std::string read(const std::filesystem::path& relative, std::uint64_t limit) const {
+    return read_file(safe_join(root_, path_utf8(relative.parent_path()), true) / relative.filename(), limit);
   }
 
   LocatedGame locate_active(const GamePaths& places, const Json& active) const {

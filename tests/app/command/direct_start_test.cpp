@@ -261,16 +261,21 @@ void replace_by_link(const InstalledGame& game, const std::string& relative) {
 
 TEST(LocateInstalledGame, FollowsNoLinkInTheDataFolder) {
   for (const char* const relative :
-       {"games", "games/game", "games/game/record.json", "games/game/verified-manifests", "games/game/versions",
-        "games/game/versions/1.0", "games/game/versions/1.0/bin", "games/game/versions/1.0/bin/program"}) {
+       {"games", "games/game", "games/game/verified-manifests", "games/game/versions", "games/game/versions/1.0",
+        "games/game/versions/1.0/bin", "games/game/versions/1.0/bin/program"}) {
     SCOPED_TRACE(relative);
     const InstalledGame game;
     replace_by_link(game, relative);
     refuses(game, "unsafe_path", through_link);
   }
-  const InstalledGame game;
-  replace_by_link(game, game.manifest);
-  refuses(game, "unsafe_path", through_link);
+}
+
+TEST(LocateInstalledGame, NamesALinkInPlaceOfTheRecordOrTheManifest) {
+  for (const std::string& relative : {std::string("games/game/record.json"), InstalledGame().manifest}) {
+    const InstalledGame game;
+    replace_by_link(game, relative);
+    refuses(game, "unsafe_path", "Cannot open file: " + (game.root / relative).native());
+  }
 }
 
 TEST(LocateInstalledGame, ChangesNothing) {
