@@ -14,6 +14,6 @@ int open_sockets(int (&ends)[2]) { return socketpair(AF_UNIX, SOCK_STREAM | SOCK
 
 int quiet_sending() { return MSG_NOSIGNAL; }
 
-bool keep_descriptors_back() { return syscall(SYS_close_range, STDERR_FILENO + 1, ~0U, CLOSE_RANGE_CLOEXEC) == 0; }
+bool close_descriptors(unsigned first, unsigned last) { return syscall(SYS_close_range, first, last, 0) == 0; }
 
 }  // namespace ravok::posix

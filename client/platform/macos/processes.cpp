@@ -12,6 +12,6 @@ int open_sockets(int (&ends)[2]) { return socketpair(AF_UNIX, SOCK_STREAM, 0, en
 // The socket itself has been told.
 int quiet_sending() { return 0; }
 
-bool keep_descriptors_back() { return false; }
+bool close_descriptors(unsigned, unsigned) { return false; }
 
 }  // namespace ravok::posix

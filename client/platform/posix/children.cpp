@@ -1,6 +1,8 @@
 // What Linux and macOS share of starting a child and of seeing it end.
 #include <algorithm>
+#include <array>
 #include <csignal>
+#include <limits>
 #include <utility>
 
 #include <fcntl.h>
@@ -45,12 +47,11 @@ struct ChildStart {
   bool joined_output;
   bool own_group;
   InterruptPipe* interrupt;
-  int parents_start;
-  int parents_activation;
   int report;
   int activation;
   int input;
-  int descriptors;  // how many may be open
+  std::array<int, 4> kept;  // its descriptors besides the standard streams, ascending; -1 for one that it has not
+  int descriptors;          // how many may be open
 };
 
 // From here to the start of the image, a child of a process with several threads may only make calls that are safe in a
@@ -62,13 +63,24 @@ struct ChildStart {
   _exit(not_started_code);
 }
 
-void keep_descriptors_back(int count) {
-  if (posix::keep_descriptors_back()) {
+void close_between(int first, int end, int count) {
+  if (first >= end || posix::close_descriptors(static_cast<unsigned>(first), static_cast<unsigned>(end - 1))) {
     return;
   }
-  for (int descriptor = first_descriptor; descriptor < count; ++descriptor) {
-    fcntl(descriptor, F_SETFD, FD_CLOEXEC);
+  for (int descriptor = first; descriptor < std::min(end, count); ++descriptor) {
+    close(descriptor);
   }
+}
+
+// Besides what its parent holds, a child may have got the ends of channels that another thread was about to use. While
+// they are open, that thread would wait for this child too.
+void close_all_but_own(const ChildStart& child) {
+  int first = first_descriptor;
+  for (const int kept : child.kept) {
+    close_between(first, kept, child.descriptors);
+    first = std::max(first, kept + 1);
+  }
+  close_between(first, std::numeric_limits<int>::max(), child.descriptors);
 }
 
 bool is_activated(int activation) {
@@ -90,12 +102,10 @@ bool set_streams(const ChildStart& child) {
 }
 
 [[noreturn]] void become(const ChildStart& child) {
-  close(child.parents_start);
-  close(child.parents_activation);
-  keep_descriptors_back(child.descriptors);
   if ((child.interrupt != nullptr && !child.interrupt->prepare_child()) || (child.own_group && setpgid(0, 0) != 0)) {
     report_and_end(child.report);
   }
+  close_all_but_own(child);
   if (!is_activated(child.activation)) {
     _exit(not_started_code);
   }
@@ -134,7 +144,7 @@ std::optional<std::int32_t> prepare_child(ChildProgram program, const Channel& s
                                           const Handle& input) {
   const std::vector<char*> arguments = posix::pointers_to(program.arguments);
   const std::vector<char*> environment = posix::pointers_to(program.environment);
-  const ChildStart child = {
+  ChildStart child = {
       .image = program.image.c_str(),
       .arguments = arguments.data(),
       .environment = environment.data(),
@@ -142,13 +152,14 @@ std::optional<std::int32_t> prepare_child(ChildProgram program, const Channel& s
       .joined_output = program.joined_output,
       .own_group = program.own_group,
       .interrupt = program.interrupt,
-      .parents_start = start.parent.get(),
-      .parents_activation = activation.parent.get(),
       .report = start.child.get(),
       .activation = activation.child.get(),
       .input = input.get(),
+      .kept = {start.child.get(), activation.child.get(), input.get(),
+               program.interrupt != nullptr ? program.interrupt->reader() : -1},
       .descriptors = descriptors_to_look_at(),
   };
+  std::sort(child.kept.begin(), child.kept.end());
   const pid_t made = fork();
   if (made == 0) {
     become(child);

@@ -78,7 +78,7 @@ void protect(int descriptor) {
 Handle relocated(Handle end) {
   constexpr int first = STDERR_FILENO + 1;
   if (end.get() < first) {
-    Handle moved(fcntl(end.get(), F_DUPFD, first));
+    Handle moved(fcntl(end.get(), F_DUPFD_CLOEXEC, first));
     require(static_cast<bool>(moved), "process_control", "Cannot relocate launcher interrupt pipe");
     end = std::move(moved);
   }
@@ -242,7 +242,7 @@ TerminationSignals::~TerminationSignals() = default;
 
 InterruptPipe::InterruptPipe() {
   int ends[2];
-  require(pipe(ends) == 0, "process_control", "Cannot create launcher interrupt pipe");
+  require(posix::open_pipe(ends) == 0, "process_control", "Cannot create launcher interrupt pipe");
   reader_ = Handle(ends[0]);
   writer_ = Handle(ends[1]);
   reader_ = relocated(std::move(reader_));

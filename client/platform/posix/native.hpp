@@ -40,9 +40,9 @@ int open_sockets(int (&ends)[2]);
 // The flags with which a byte is sent without a signal if its reader is gone.
 int quiet_sending();
 
-// Keeps every descriptor but those of the standard streams from the program that this process becomes. Safe between
-// fork and exec. Returns whether the system can do that at once.
-bool keep_descriptors_back();
+// Closes the descriptors from `first` to `last`, both included. Safe between fork and exec. Returns whether the system
+// can do that at once.
+bool close_descriptors(unsigned first, unsigned last);
 
 // Repeats a system call, which answers -1 on failure, for as long as a signal interrupts it.
 template <typename Call>

@@ -1,8 +1,7 @@
 // What Linux and macOS share of starting programs.
 #include <cstdlib>
-#include <filesystem>
-#include <system_error>
 
+#include <fcntl.h>
 #include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -69,15 +68,15 @@ ReplacementProblem replace_program(const std::string& image, std::vector<std::st
                                    std::vector<std::string> environment, const std::string& directory) {
   const std::vector<char*> argument_table = posix::pointers_to(arguments);
   const std::vector<char*> environment_table = posix::pointers_to(environment);
-  std::error_code unknown;
-  const std::filesystem::path before = std::filesystem::current_path(unknown);
-  if (unknown || chdir(directory.c_str()) != 0) {
+  // Held open, since it may have no path any more.
+  const Handle before(posix::retry_interrupted([] { return ::open(".", posix::passage_flags()); }));
+  if (posix::retry_interrupted([&] { return chdir(directory.c_str()); }) != 0) {
     return {true, posix::last_problem()};
   }
   execve(image.c_str(), argument_table.data(), environment_table.data());
   const Problem problem = posix::last_problem();
-  // Back to the former directory. If that is gone, the process stays in this one.
-  static_cast<void>(chdir(before.c_str()) == 0);
+  // Back to the former directory. A process that may not enter that stays in this one.
+  static_cast<void>(fchdir(before.get()) == 0);
   return {false, problem};
 }
 

@@ -41,8 +41,25 @@ bool go_on_after(int signal) {
   return sigaction(signal, &action, nullptr) == 0;
 }
 
+// A program may inherit that this signal is ignored, and the system would then forget a child's end by itself.
+bool hear_of_children() {
+  struct sigaction action {};
+  if (sigaction(SIGCHLD, nullptr, &action) != 0) {
+    return false;
+  }
+  if (action.sa_handler != SIG_IGN) {
+    return true;
+  }
+  action = {};
+  action.sa_handler = SIG_DFL;
+  sigemptyset(&action.sa_mask);
+  return sigaction(SIGCHLD, &action, nullptr) == 0;
+}
+
 }  // namespace
 
-bool start_program() { return open_standard_streams() && go_on_after(SIGPIPE) && go_on_after(SIGXFSZ); }
+bool start_program() {
+  return open_standard_streams() && go_on_after(SIGPIPE) && go_on_after(SIGXFSZ) && hear_of_children();
+}
 
 }  // namespace ravok

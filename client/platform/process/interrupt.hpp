@@ -60,6 +60,9 @@ class InterruptPipe {
   // calls that are safe there. Returns whether that worked.
   bool prepare_child();
 
+  // Returns the descriptor of the read end, or -1 when it has been given up.
+  int reader() const { return reader_.get(); }
+
   // Gives up the read end, once the child has it.
   void close_reader() { reader_.reset(); }
 

@@ -24,7 +24,8 @@ bool remove_variable(const std::string& name);
 std::uint64_t process_id();
 
 // Makes this process another program, in another directory. `arguments` begins with the program's own name, and
-// `environment` has the form of the function of that name. Returns only the problem, and then nothing has changed.
+// `environment` has the form of the function of that name. Returns only the problem, and then nothing has changed; but
+// a process that may no longer enter the directory that it was in stays in the other.
 struct ReplacementProblem {
   bool in_directory = false;  // whether it was the directory that could not be entered
   Problem problem;

@@ -7,7 +7,8 @@ namespace ravok {
 // Opens the null device on each of the descriptors 0 to 2 that is closed. Otherwise a file that the program opens later
 // could get the number of a stream, and what is printed would go into that file. A write into a pipe without a reader,
 // or beyond the limit on a file's size, fails instead of ending the process; programs that this one starts do not
-// inherit that. Returns whether all of it worked. If not, the program should end with exit code 1.
+// inherit that. The ends of children are known, even if this program was started with SIGCHLD ignored. Returns whether
+// all of it worked. If not, the program should end with exit code 1.
 bool start_program();
 
 }  // namespace ravok

@@ -5,6 +5,9 @@
 #include <csignal>
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <latch>
 #include <memory>
 #include <stdexcept>
 #include <string>
@@ -414,6 +417,50 @@ TEST_F(Child, IsNeverRunWhenItCannotBeMadeKnown) {
     ASSERT_TRUE(calls.last_status().has_value());
     EXPECT_TRUE(WIFEXITED(*calls.last_status()));
     EXPECT_EQ(WEXITSTATUS(*calls.last_status()), 127);
+  }
+}
+
+// The number of a process's descriptors, once it waits for something.
+std::size_t descriptors_of_waiting(std::uint64_t pid) {
+  const std::filesystem::path process = "/proc/" + std::to_string(pid);
+  std::string status;
+  do {
+    std::ifstream file(process / "stat");
+    std::getline(file, status);
+  } while (status.find(") S ") == std::string::npos);
+  const std::filesystem::directory_iterator descriptors(process / "fd");
+  return static_cast<std::size_t>(std::distance(begin(descriptors), end(descriptors)));
+}
+
+TEST_F(Child, HoldsNothingOfItsParentsWhileItWaitsToBeToldToRun) {
+  for (const bool at_once : {true, false}) {
+    const std::vector<Handle> many = many_descriptors();
+    ProcessCalls calls;
+    if (!at_once) {
+      calls.fail("syscall", {.number = ENOSYS});
+    }
+    std::vector<std::size_t> counts;
+    const auto count = [&](std::uint64_t pid) { counts.push_back(descriptors_of_waiting(pid)); };
+    EXPECT_EQ(end_of(*start_child({.on_started = count})), 0u);
+    ChildStart console = console_start({"end", "0"});
+    console.on_started = count;
+    EXPECT_EQ(end_of(*start_child(console)), 0u);
+    // The streams, its own ends of two channels, the empty input, and its own end of the interrupt pipe.
+    EXPECT_EQ(counts, (std::vector<std::size_t>{6, 7}));
+  }
+}
+
+TEST_F(Child, IsNotHeldUpByAnotherThatAnotherThreadStarts) {
+  for (int round = 0; round < 20; ++round) {
+    std::latch both_wait(2);
+    const auto refuse = [&](std::uint64_t) {
+      both_wait.arrive_and_wait();
+      throw std::out_of_range("no place to note it");
+    };
+    const auto start_refused = [&] { EXPECT_THROW(start_child({.on_started = refuse}), std::out_of_range); };
+    std::thread other(start_refused);
+    start_refused();
+    other.join();
   }
 }
 

@@ -46,13 +46,13 @@ int __wrap_fcntl(int descriptor, int command, ...) {
   return __real_fcntl(descriptor, command, argument);
 }
 
-int __real_pipe(int* ends);
-int __wrap_pipe(int* ends) {
+int __real_pipe2(int* ends, int flags);
+int __wrap_pipe2(int* ends, int flags) {
   if (pipe_fails) {
     errno = EMFILE;
     return -1;
   }
-  return __real_pipe(ends);
+  return __real_pipe2(ends, flags);
 }
 
 int __real_sigaction(int signal, const struct sigaction* action, struct sigaction* before);
@@ -461,6 +461,16 @@ TEST(StartProgram, SaysSoWhenTheSignalsOfFailedWritesCannotBeTaken) {
   sigaction_fails = false;
 }
 
+TEST(StartProgram, SaysSoWhenTheEndsOfChildrenStayUnknown) {
+  const WithHandler ignored(SIGCHLD, SIG_IGN);
+  const WithHandler usual_pipe(SIGPIPE, SIG_DFL);
+  const WithHandler usual_size(SIGXFSZ, SIG_DFL);
+  failing_signal = SIGCHLD;
+  EXPECT_FALSE(start_program());
+  failing_signal.reset();
+  EXPECT_EQ(action_of(SIGCHLD).sa_handler, SIG_IGN);
+}
+
 TEST(InterruptPipe, KeepsBothEndsFromOtherPrograms) {
   const int before = descriptors();
   const int inherited = inheritable();
@@ -511,7 +521,7 @@ TEST(InterruptPipe, SaysSoWhenItCannotBeMoved) {
   const int before = descriptors();
   const int input = dup(STDIN_FILENO);
   close(STDIN_FILENO);
-  failing_command = F_DUPFD;
+  failing_command = F_DUPFD_CLOEXEC;
   EXPECT_FAILURE(InterruptPipe(), "process_control", "Cannot relocate launcher interrupt pipe");
   failing_command.reset();
   EXPECT_FALSE(is_open(STDIN_FILENO));

@@ -10,6 +10,7 @@
 #include <functional>
 #include <map>
 #include <string>
+#include <system_error>
 #include <utility>
 #include <vector>
 
@@ -24,12 +25,14 @@
 #include "support/ordinary_user.hpp"
 #include "support/temporary_root.hpp"
 #include "support/with_environment.hpp"
+#include "support/working_directory.hpp"
 
 namespace ravok::process_test {
 namespace {
 
 using testing::TemporaryRoot;
 using testing::WithEnvironment;
+using testing::WorkingDirectory;
 
 // The arguments of a program named "program" that is started with these texts.
 std::vector<std::string> arguments_of(const std::vector<std::string>& texts) {
@@ -324,6 +327,23 @@ TEST_P(ReplacedProcess, IsStartedFromAFileAndInADirectoryThatAreNoLinks) {
 
 TEST_P(ReplacedProcess, IsStartedInADirectoryThatHasASeparatorAtItsEnd) {
   EXPECT_EQ(said_by_successor(GetParam(), teller(), {}, root_.directory("directory") / "").back(), root_ / "directory");
+}
+
+TEST_P(ReplacedProcess, IsStartedFromADirectoryThatIsGone) {
+  const std::filesystem::path image = teller();
+  const WorkingDirectory gone(root_.directory("gone"));
+  std::filesystem::remove(root_ / "gone");
+  EXPECT_EQ(said_by_successor(GetParam(), image, {}, root_.path()).back(), root_.path());
+}
+
+TEST_P(ReplacedProcess, ThatIsNotStartedLeavesThisOneInADirectoryThatIsGone) {
+  const std::filesystem::path image = inert();
+  const WorkingDirectory gone(root_.directory("gone"));
+  std::filesystem::remove(root_ / "gone");
+  EXPECT_FAILURE(GetParam()(image, {}, root_.path(), {}), "process_start", not_started);
+  std::error_code problem;
+  EXPECT_EQ(std::filesystem::current_path(problem), std::filesystem::path());
+  EXPECT_EQ(problem, std::errc::no_such_file_or_directory);
 }
 
 TEST_P(ReplacedProcess, TakesAtMost64Arguments) {

@@ -127,5 +127,21 @@ TEST(StartProgram, HandsThoseSignalsDownAsTheyWere) {
   }
 }
 
+TEST(StartProgram, HearsOfTheEndsOfChildrenWhereTheirSignalIsIgnored) {
+  const End end = end_of([] {
+    if (std::signal(SIGCHLD, SIG_IGN) == SIG_ERR || !start_program()) {
+      return 90;
+    }
+    const pid_t child = fork();
+    if (child == 0) {
+      _exit(7);
+    }
+    int status = 0;
+    const bool known = posix::retry_interrupted([&] { return waitpid(child, &status, 0); }) == child;
+    return known && WIFEXITED(status) ? WEXITSTATUS(status) : 91;
+  });
+  EXPECT_EQ(end.exit_code, 7);
+}
+
 }  // namespace
 }  // namespace ravok
