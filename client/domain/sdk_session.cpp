@@ -22,7 +22,7 @@ constexpr std::size_t capture_characters = 32;
 constexpr std::size_t maximum_capture_problem_bytes = 128;
 
 // Returns an integer that is not negative. A record that was built in memory may hold it as a signed one.
-std::uint64_t number_at(const Json& object, const char* key) {
+std::uint64_t sdk_number_at(const Json& object, const char* key) {
   const Json& value = object.at(key);
   require(value.is_number_unsigned() || (value.is_number_integer() && value.get<std::int64_t>() >= 0), invalid_session,
           malformed_record);
@@ -43,11 +43,11 @@ void check_identity(const Json& record, const SessionBinding& binding) {
   require(text_at(record, "nonce") == binding.nonce, invalid_session, other_session);
   require(text_at(record, "game_id") == binding.game_id, invalid_session, other_session);
   require(text_at(record, "build_id") == binding.build_id, invalid_session, other_session);
-  require(number_at(record, "pid") == binding.pid, invalid_session, other_session);
+  require(sdk_number_at(record, "pid") == binding.pid, invalid_session, other_session);
 }
 
 void check_sequence(const Json& record, std::uint64_t last_sequence) {
-  const std::uint64_t sequence = number_at(record, "sequence");
+  const std::uint64_t sequence = sdk_number_at(record, "sequence");
   require(sequence != 0 && sequence >= last_sequence, "session_replay", "Readiness sequence went backwards");
   require(record.at("sequence").is_number_unsigned(), invalid_session, malformed_record);
 }

@@ -125,7 +125,7 @@ TEST_F(ChildFault, AChildThatDoesNotHearOfItsActivationEndsWithoutAReport) {
   ProcessCalls calls;
   calls.fail_there("read", {.number = EIO});
   std::unique_ptr<ChildProcess> child;
-  const auto failure = failure_of([&] { child = start_child(plain()); });
+  const auto failure = testing::failure_of([&] { child = start_child(plain()); });
   if (failure) {
     // The child was quicker, and its parent could tell it nothing any more.
     EXPECT_EQ(failure->code, "process_start");
