@@ -2,8 +2,10 @@
 // nothing behind that another failure would have cleaned up, and let the next run go as it would have gone.
 
 #include <algorithm>
+#include <cerrno>
 #include <cstddef>
 #include <cstdio>
+#include <cstdlib>
 #include <filesystem>
 #include <functional>
 #include <memory>
@@ -14,7 +16,9 @@
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 
+#include "app/launcher/launcher_attempt.hpp"
 #include "domain/crypto.hpp"
 #include "domain/error.hpp"
 #include "domain/json.hpp"
@@ -326,6 +330,31 @@ TEST_P(AllocationFault, OfAParserIsTold) {
     EXPECT_NE(run.ending, Ending::refused) << run.problem << " at allocation " << run.number;
   };
   try_all_told("parse_json", trial);
+}
+
+// --- Children ------------------------------------------------------------------------------
+
+bool has_children() { return waitpid(-1, nullptr, WNOHANG) != -1 || errno != ECHILD; }
+
+TEST_P(AllocationFault, OfAStartLeavesNoChildThatNobodyCanEnd) {
+  const LauncherProgram program = {"/usr/bin/sleep", "/", {"60"}, {{"KEY", "value"}}, true};
+  ShortTrial trial;
+  trial.work = [&] {
+    try {
+      const LauncherChild child = start_launcher(program);
+      if (!child.terminate(2000)) {
+        std::abort();
+      }
+    } catch (...) {
+      if (has_children()) {
+        std::abort();
+      }
+      throw;
+    }
+  };
+  trial.prepare = [] {};
+  trial.inspect = [](const ShortRun& run) { EXPECT_EQ(run.open_descriptors, 0) << "at allocation " << run.number; };
+  try_all_told("start_launcher", trial);
 }
 
 std::string name_of(const ::testing::TestParamInfo<Kind>& info) {

@@ -40,6 +40,22 @@ constexpr milliseconds limit(10);
 
 enum class Conduct { honest, foreign_image, drops_lease, forges_process, acknowledges_nothing };
 
+const char* name_of(Conduct conduct) {
+  switch (conduct) {
+    case Conduct::honest:
+      return "Honest";
+    case Conduct::foreign_image:
+      return "ForeignImage";
+    case Conduct::drops_lease:
+      return "DropsLease";
+    case Conduct::forges_process:
+      return "ForgesProcess";
+    case Conduct::acknowledges_nothing:
+      return "AcknowledgesNothing";
+  }
+  return "";
+}
+
 // A launcher by its duties, one step at a time.
 struct Launcher {
   bool alive = false;
@@ -476,7 +492,8 @@ TEST_P(StartupModel, KeepsItsRulesInEveryOrder) {
 
 INSTANTIATE_TEST_SUITE_P(Launchers, StartupModel,
                          ::testing::Values(Conduct::honest, Conduct::foreign_image, Conduct::drops_lease,
-                                           Conduct::forges_process, Conduct::acknowledges_nothing));
+                                           Conduct::forges_process, Conduct::acknowledges_nothing),
+                         [](const auto& each) { return name_of(each.param); });
 
 }  // namespace
 }  // namespace ravok::startup_model_test
