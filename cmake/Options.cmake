@@ -52,7 +52,8 @@ endif()
 
 if(RAVOK_SANITIZE)
   target_compile_options(ravok_options INTERFACE
-    -fsanitize=${RAVOK_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)
+    -fsanitize=${RAVOK_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer
+    $<$<BOOL:$<TARGET_PROPERTY:RAVOK_TEST_CODE>>:-fno-sanitize=undefined>)
   target_link_options(ravok_options INTERFACE -fsanitize=${RAVOK_SANITIZE})
 endif()
 if(RAVOK_FUZZERS)
