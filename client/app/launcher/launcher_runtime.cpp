@@ -77,9 +77,8 @@ Json helper_reference(const ManagedVersion& version, std::string_view build_id) 
 // Returns the path, in the release, of the helper of this role that is the image.
 std::string declared_helper(const LauncherManifest& manifest, const std::filesystem::path& payload,
                             const std::filesystem::path& image, std::string_view role) {
-  for (const Json& helper : manifest.raw.at("runtime_helpers")) {
-    const std::string& path = text_at(helper, "path");
-    if (is_text(helper.at("role"), role) && safe_join(payload, path, true) == image) {
+  for (const std::string& path : manifest.helpers(role)) {
+    if (safe_join(payload, path, true) == image) {
       return path;
     }
   }

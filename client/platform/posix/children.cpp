@@ -102,10 +102,10 @@ bool set_streams(const ChildStart& child) {
 }
 
 [[noreturn]] void become(const ChildStart& child) {
+  close_all_but_own(child);
   if ((child.interrupt != nullptr && !child.interrupt->prepare_child()) || (child.own_group && setpgid(0, 0) != 0)) {
     report_and_end(child.report);
   }
-  close_all_but_own(child);
   if (!is_activated(child.activation)) {
     _exit(not_started_code);
   }
