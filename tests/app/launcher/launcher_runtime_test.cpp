@@ -192,6 +192,19 @@ TEST_F(LauncherRuntimes, DoNotReportForAnAttemptThatIsOver) {
   EXPECT_FALSE(std::filesystem::exists(place_.store.health_path(attempt)));
 }
 
+TEST_F(LauncherRuntimes, DoNotReportForAManifestThatChangedMeanwhile) {
+  const Json attempt = begin();
+  const WithVariables variables(authority(attempt));
+  Companion launcher(program(), {"--data-dir", data_root(), "cli", "late"});
+  EXPECT_EQ(launcher.read_line(), "attached");
+  const std::filesystem::path manifest = place_.manifest_path(attempt.at("reference"));
+  write_bytes(manifest, bytes_of(manifest) + " ");
+  launcher.close_input();
+  EXPECT_EQ(launcher.read_line(), "content_mismatch: Stored launcher manifest changed");
+  EXPECT_EQ(launcher.wait(), 3);
+  EXPECT_FALSE(std::filesystem::exists(place_.store.health_path(attempt)));
+}
+
 TEST_F(LauncherRuntimes, GiveUpTheirAuthorityOrFail) {
   const Json attempt = begin();
   EXPECT_EQ(say(program(), authority(attempt), "mute"), "launcher_health: Cannot clear launcher startup authority\n");
