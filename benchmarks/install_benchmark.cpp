@@ -17,10 +17,10 @@
 #include "bare_extraction.hpp"
 #include "platform/process/native_platform.hpp"
 #include "processes.hpp"
-#include "publisher/publish_key.hpp"
 #include "publisher/publish_package.hpp"
 #include "publisher/publish_root.hpp"
 #include "publisher/publish_snapshot.hpp"
+#include "publisher/signing/publish_key.hpp"
 #include "scratch.hpp"
 
 namespace {

@@ -17,7 +17,7 @@
 
 #include "domain/crypto.hpp"
 #include "domain/signature.hpp"
-#include "publisher/signing_key.hpp"
+#include "publisher/signing/signing_key.hpp"
 
 namespace {
 

@@ -43,6 +43,9 @@ endif()
 
 target_compile_options(ravok_options INTERFACE -fstack-protector-strong)
 if(RAVOK_OS STREQUAL "linux")
+  # A program holds only what it uses of the libraries.
+  target_compile_options(ravok_options INTERFACE -ffunction-sections -fdata-sections)
+  target_link_options(ravok_options INTERFACE -Wl,--gc-sections)
   target_compile_options(ravok_options INTERFACE -fstack-clash-protection -fcf-protection)
   target_link_options(ravok_options INTERFACE -Wl,-z,relro,-z,now -Wl,-z,noexecstack -Wl,--as-needed)
 endif()

@@ -25,13 +25,13 @@ constexpr std::string_view last_mark = "-----";
 constexpr std::string_view label = "CERTIFICATE";
 constexpr std::size_t longest_shown_label = 40;
 
-struct Release {
+struct ReleaseObject {
   void operator()(BIO* bio) const { BIO_free(bio); }
   void operator()(X509* certificate) const { X509_free(certificate); }
   void operator()(void* block) const { OPENSSL_free(block); }
 };
 
-bool is_text(std::string_view line) {
+bool is_text_line(std::string_view line) {
   return std::none_of(line.begin(), line.end(), [](char c) { return is_control(c) && c != '\t'; });
 }
 
@@ -44,7 +44,7 @@ std::string_view label_of(std::string_view line, std::string_view mark) {
 }
 
 // The label for a message, into which nothing else of the file gets.
-std::string shown(std::string_view found) {
+std::string shown_line(std::string_view found) {
   const bool is_plain = found.size() <= longest_shown_label && std::all_of(found.begin(), found.end(), [](char c) {
                           return is_upper_letter(c) || is_digit(c) || c == ' ';
                         });
@@ -53,7 +53,7 @@ std::string shown(std::string_view found) {
 
 // Whether a block, from its first line to its last, is one certificate and no more.
 bool is_certificate(std::string_view block) {
-  const std::unique_ptr<BIO, Release> input(BIO_new_mem_buf(block.data(), static_cast<int>(block.size())));
+  const std::unique_ptr<BIO, ReleaseObject> input(BIO_new_mem_buf(block.data(), static_cast<int>(block.size())));
   if (!input) {
     throw std::bad_alloc();
   }
@@ -65,11 +65,11 @@ bool is_certificate(std::string_view block) {
     ERR_clear_error();
     return false;
   }
-  const std::unique_ptr<char, Release> name_owner(name);
-  const std::unique_ptr<char, Release> header_owner(header);
-  const std::unique_ptr<unsigned char, Release> data_owner(data);
+  const std::unique_ptr<char, ReleaseObject> name_owner(name);
+  const std::unique_ptr<char, ReleaseObject> header_owner(header);
+  const std::unique_ptr<unsigned char, ReleaseObject> data_owner(data);
   const unsigned char* end = data;
-  const std::unique_ptr<X509, Release> certificate(d2i_X509(nullptr, &end, size));
+  const std::unique_ptr<X509, ReleaseObject> certificate(d2i_X509(nullptr, &end, size));
   ERR_clear_error();
   return certificate && end == data + size && std::string_view(header).empty();
 }
@@ -95,7 +95,7 @@ class Bundle {
     std::string_view line = pem_.substr(start, end - start);
     // Readers of the form overlook blanks at the end of a line, and so does this one.
     line = line.substr(0, line.find_last_not_of(" \t\r") + 1);
-    require(is_text(line), invalid_bundle, "Line " + std::to_string(line_) + " of the CA bundle is not text");
+    require(is_text_line(line), invalid_bundle, "Line " + std::to_string(line_) + " of the CA bundle is not text");
     if (line.find(begin_mark) != std::string_view::npos) {
       begin(line, start);
     } else if (line.find(end_mark) != std::string_view::npos) {
@@ -108,7 +108,7 @@ class Bundle {
     require(block_line_ == 0 && !found.empty(), invalid_bundle, malformed());
     require(found == label, invalid_bundle,
             "The CA bundle may hold nothing but certificates, and line " + std::to_string(line_) +
-                " begins a block of " + shown(found));
+                " begins a block of " + shown_line(found));
     block_line_ = line_;
     block_start_ = start;
   }

@@ -14,16 +14,7 @@ namespace ravok {
 namespace {
 
 constexpr std::size_t random_characters = 32;
-constexpr std::string_view ending = ".tmp";
-constexpr std::size_t added_characters = 1 + random_characters + ending.size();
-
-bool is_temporary_name(std::string_view name) {
-  if (name.size() <= added_characters || !name.ends_with(ending)) {
-    return false;
-  }
-  const std::string_view added = name.substr(name.size() - added_characters);
-  return added.front() == '.' && is_lower_hex(added.substr(1, random_characters));
-}
+constexpr std::size_t added_characters = 1 + random_characters + temporary_ending.size();
 
 std::vector<std::string> temporary_names(int folder) {
   std::vector<std::string> names;
@@ -82,6 +73,14 @@ void remove_if_left_over(int folder, const std::string& name) {
 void lock_if_possible(int made) { static_cast<void>(os::lock(made, true, true)); }
 
 }  // namespace
+
+bool is_temporary_name(std::string_view name) {
+  if (name.size() <= added_characters || !name.ends_with(temporary_ending)) {
+    return false;
+  }
+  const std::string_view added = name.substr(name.size() - added_characters);
+  return added.front() == '.' && is_lower_hex(added.substr(1, random_characters));
+}
 
 bool hold_file(int file) {
   lock_if_possible(file);

@@ -6,8 +6,15 @@
 #pragma once
 
 #include <string>
+#include <string_view>
 
 namespace ravok {
+
+// How the name of an output ends while it is made.
+inline constexpr std::string_view temporary_ending = ".tmp";
+
+// Whether a name has the form above.
+bool is_temporary_name(std::string_view name);
 
 // Lock a file that was just made, or a directory with this name in an open one, so that no other run takes it for a
 // leftover. Return false when one has done so already, before the lock: then what was made is gone, and is to be made

@@ -15,6 +15,7 @@
 #include "publisher/program_image.hpp"
 #include "publisher/program_signing.hpp"
 #include "publisher/publish_files.hpp"
+#include "publisher/publish_root.hpp"
 
 namespace ravok {
 namespace {
@@ -104,7 +105,7 @@ PublishedInstaller publish_installer(const InstallerPublication& publication, co
       return !progress || progress(before * total + done, whole);
     };
   };
-  read_native_package(publication.package, published.seal, pass(0));
+  published.root_expires = root_expiry(read_native_package(publication.package, published.seal, pass(0)).root_json);
   NewFolder folder(output);
   const std::filesystem::path package = folder.path() / package_name;
   make_output_folder(folder.handle(), package_name, package);

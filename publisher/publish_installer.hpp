@@ -8,6 +8,7 @@
 
 #include "platform/os.hpp"
 #include "platform/snapshot/progress.hpp"
+#include "tuf/tuf_time.hpp"
 
 namespace ravok {
 
@@ -25,6 +26,7 @@ struct PublishedInstaller {
   std::filesystem::path program;
   std::filesystem::path package;
   std::string seal;
+  TufTime root_expires;  // nobody can install the package from this time on
 };
 
 // Returns an installer's image with this seal in its slot. Fails with "invalid_installer" for an image that does not

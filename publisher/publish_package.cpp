@@ -233,9 +233,10 @@ PublishedPackage publish_package(const PackagePublication& publication, const Pr
     write_new_file(folder.path() / document.name, document.bytes);
     published.length += document.bytes.size();
   }
-  read_native_package(folder.path(), published.seal, [&](std::uint64_t done, std::uint64_t) {
-    return !progress || progress(std::min(total + done, work), work);
-  });
+  const NativePackage package = read_native_package(
+      folder.path(), published.seal,
+      [&](std::uint64_t done, std::uint64_t) { return !progress || progress(std::min(total + done, work), work); });
+  published.root_expires = root_expiry(package.root_json);
   folder.commit();
   return published;
 }

@@ -8,6 +8,7 @@
 
 #include "app/install/native_package.hpp"
 #include "platform/snapshot/progress.hpp"
+#include "tuf/tuf_time.hpp"
 
 namespace ravok {
 
@@ -35,6 +36,7 @@ struct PublishedPackage {
   std::filesystem::path directory;
   std::string seal;          // lower-case digest text of the descriptor
   std::uint64_t length = 0;  // bytes of all files
+  TufTime root_expires;      // nobody can install the package from this time on
 };
 
 // Writes the package and reads it back whole; then the directory appears under its name. After a failure nothing is

@@ -1,12 +1,13 @@
 #include "publisher/publish_root.hpp"
 
+#include <algorithm>
 #include <string_view>
 #include <utility>
 
 #include "domain/json.hpp"
 #include "platform/file/files.hpp"
 #include "publisher/publish_files.hpp"
-#include "publisher/publish_key.hpp"
+#include "publisher/signing/publish_key.hpp"
 #include "tuf/keys.hpp"
 #include "tuf/metadata_shape.hpp"
 #include "tuf/tuf.hpp"
@@ -61,14 +62,23 @@ Json make_body(const RootPublication& publication) {
   return body;
 }
 
-Json sign(const Json& body, const std::vector<std::filesystem::path>& keys) {
+Json sign(const Json& body, const RootPublication& publication) {
+  SignerOptions options = publication.signing;
+  for (const std::filesystem::path& file : publication.root.keys) {
+    if (holds_private_key(file)) {
+      options.keys.push_back(file);
+    }
+  }
+  const std::vector<Signer> signers = open_signers(options);
+  const Json& ids = body.at("roles").at("root").at("keyids");
+  for (const Signer& signer : signers) {
+    require(std::find(ids.begin(), ids.end(), Json(signer.id)) != ids.end(), "wrong_key",
+            "The key of " + signer.name + " is none of the role root");
+  }
   const std::string payload = canonical_json(body);
   Json signatures = Json::array();
-  for (const std::filesystem::path& file : keys) {
-    if (holds_private_key(file)) {
-      const SigningKey key = read_signing_key(file);
-      signatures.push_back({{"keyid", key.id()}, {"sig", key.sign(payload)}});
-    }
+  for (const Signer& signer : signers) {
+    signatures.push_back({{"keyid", signer.id}, {"sig", signer.sign(payload)}});
   }
   return signatures;
 }
@@ -79,7 +89,7 @@ PublishedRoot publish_root(const RootPublication& publication) {
   const std::filesystem::path output = output_path(publication.output);
   require_absent(output);
   const Json body = make_body(publication);
-  const Json signatures = sign(body, publication.root.keys);
+  const Json signatures = sign(body, publication);
   require(signatures.size() >= publication.root.threshold, "signature_threshold",
           "The threshold of the role root is " + std::to_string(publication.root.threshold) +
               ", and the private keys to sign with are " + std::to_string(signatures.size()));
@@ -110,6 +120,12 @@ void require_first_root(const std::string& text) {
   const Json& body = root.at("signed");
   verify_threshold(root, body.at("keys"), body.at("roles").at("root"));
   require_unexpired(text_at(body, "expires"));
+}
+
+TufTime root_expiry(std::string_view text) {
+  const Json root = parse_json(text, tuf_root_limit);
+  shape(root, "root");
+  return parse_tuf_time(text_at(root.at("signed"), "expires"));
 }
 
 }  // namespace ravok

@@ -17,7 +17,7 @@ namespace ravok {
 namespace {
 
 // No manifest within the bounds on files and paths is longer than this.
-constexpr std::uint64_t manifest_limit = std::uint64_t{1} << 31;
+constexpr std::uint64_t written_manifest_limit = std::uint64_t{1} << 31;
 
 // What has been judged, and may be written.
 struct Judged {
@@ -48,7 +48,8 @@ void write_manifest(const SnapshotPublication& publication, const Json& document
   const std::string text = document.dump();
   require_manifest_length(publication.kind, text.size());
   NewOutput file(snapshot.manifest, text);
-  require_accepted(publication.kind, parse_json(read_file(snapshot.manifest, manifest_limit), manifest_limit));
+  require_accepted(publication.kind,
+                   parse_json(read_file(snapshot.manifest, written_manifest_limit), written_manifest_limit));
   file.keep();
   snapshot.manifest_length = text.size();
   snapshot.manifest_sha256 = digest(text, "sha256");

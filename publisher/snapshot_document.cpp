@@ -54,6 +54,9 @@ Json file_list(const SnapshotInventory& inventory) {
 void add_bootstrap(Json& document, const SnapshotPublication& publication) {
   document["kind"] = "ravok-bootstrap-release";
   document["bootstrap_abi"] = 1;
+  // An installed bootstrap takes the place of another only with these two.
+  document["runtime_lease_abi"] = 1;
+  document["application_schema"] = {{"minimum", current_application_schema}, {"maximum", current_application_schema}};
   if (!publication.gui_executable.empty()) {
     document["gui_executable"] = publication.gui_executable;
   }

@@ -12,11 +12,11 @@ constexpr std::string_view invalid_package = "invalid_native_package";
 constexpr std::string_view windows = "windows-x86_64";
 constexpr std::string_view macos = "macos-aarch64";
 constexpr const char* windows_gui = "bin/ravok-bootstrap-gui.exe";
-constexpr const char* macos_shortcut = "bin/RavokShortcut.app/Contents/MacOS/ravok-shortcut";
+const std::string macos_shortcut(bootstrap_shortcut_entry);
 constexpr const char* macos_shortcut_metadata = "bin/RavokShortcut.app/Contents/Info.plist";
 
 std::string stable_entry(std::string_view platform) {
-  return platform == windows ? "bin/ravok-bootstrap.exe" : "bin/ravok-bootstrap";
+  return std::string(bootstrap_entry) + (platform == windows ? ".exe" : "");
 }
 
 bool is_file(const SnapshotManifest& snapshot, const std::string& path, bool executable) {

@@ -5,6 +5,11 @@
 namespace ravok {
 namespace {
 
+constexpr const char* update_tree_name = "bootstrap-update";
+constexpr const char* downloads_name = "bootstrap-downloads";
+constexpr const char* rejected_name = "bootstrap-update.rejected";
+constexpr const char* old_files_name = "bootstrap-old-files";
+
 std::filesystem::path named(const std::filesystem::path& folder, std::string_view name, std::string_view extension) {
   return folder / (std::string(name) += extension);
 }
@@ -23,9 +28,8 @@ DataPaths::DataPaths(const std::filesystem::path& data_root)
       bootstrap_manifest(native / "bootstrap.json"),
       bootstrap_update(native / "bootstrap-update.json"),
       bootstrap_update_tree(native / "bootstrap-update.partial"),
-      bootstrap_update_traces{native / "bootstrap-update",          bootstrap_update_tree,
-                              native / "bootstrap-downloads",       bootstrap_update,
-                              native / "bootstrap-update.rejected", native / "bootstrap-old-files"},
+      bootstrap_update_traces{native / update_tree_name, bootstrap_update_tree,  native / downloads_name,
+                              bootstrap_update,          native / rejected_name, native / old_files_name},
       brand_icon(native / "brand.ico"),
       menu_icon(native / "brand.png"),
       theme_directory(native / "theme"),
@@ -37,6 +41,19 @@ DataPaths::DataPaths(const std::filesystem::path& data_root)
       trusted_root(trust / trusted_root_file),
       repository_record(root / "repository.json"),
       repository_ca(root / "repository-ca.pem") {}
+
+BootstrapPaths::BootstrapPaths(const std::filesystem::path& data_root) {
+  const DataPaths paths(data_root);
+  tree = paths.bootstrap_directory;
+  manifest = paths.bootstrap_manifest;
+  update_tree = paths.native / update_tree_name;
+  partial_tree = paths.bootstrap_update_tree;
+  update_manifest = paths.bootstrap_update;
+  downloads = paths.native / downloads_name;
+  rejected = paths.native / rejected_name;
+  update_lock = paths.native / "bootstrap-update.lock";
+  old_files_mark = paths.native / old_files_name;
+}
 
 StagingPaths::StagingPaths(const std::filesystem::path& folder)
     : bootstrap(folder / "bootstrap"),
@@ -53,6 +70,7 @@ LauncherPaths::LauncherPaths(const std::filesystem::path& folder)
       document(store / "installation.json"),
       owner_lock(store / "bootstrap.lock"),
       start_marker(store / "start-attempt.json"),
+      cleanup(store / "cleanup.json"),
       versions(store / "versions"),
       manifests(store / "manifests"),
       downloads(store / "downloads"),
@@ -78,6 +96,10 @@ std::filesystem::path LauncherPaths::version_lease(std::string_view sha256) cons
   return named(version_leases, sha256, ".lock");
 }
 
+std::filesystem::path LauncherPaths::removed_manifest(std::string_view sha256) const {
+  return named(manifests, sha256, ".json.removed");
+}
+
 std::filesystem::path LauncherPaths::attempt_lease(std::string_view nonce) const {
   return named(attempt_leases, nonce, ".lock");
 }
@@ -88,6 +110,12 @@ std::filesystem::path LauncherPaths::attempt_acknowledgement(std::string_view no
 
 std::filesystem::path LauncherPaths::attempt_health(std::string_view nonce) const {
   return named(health, nonce, ".json");
+}
+
+std::filesystem::path LauncherPaths::staging_work(std::string_view nonce) const { return named(staging, nonce, ""); }
+
+std::filesystem::path LauncherPaths::staging_intent(std::string_view nonce) const {
+  return named(intents, nonce, ".json");
 }
 
 GamePaths::GamePaths(std::string_view game_id)

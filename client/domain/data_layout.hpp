@@ -16,8 +16,10 @@ inline constexpr std::array<std::string_view, 4> ravok_entries = {"native", "lau
 // The entries among these that an uninstall keeps, unless it is asked to remove them too.
 inline constexpr std::array<std::string_view, 2> player_data = {"userdata", "settings.json"};
 
-// The file of the trusted root in the folder DataPaths::trust, and its lock.
+// The file of the trusted root in the folder DataPaths::trust, the one that is there while the keys of its roles
+// change, and the lock.
 inline constexpr const char* trusted_root_file = "root.json";
+inline constexpr const char* trust_rotation_mark = "root-invalidation.json";
 inline constexpr const char* trust_lock_file = ".lock";
 
 // The file in DataPaths::theme_directory that names the theme's other files.
@@ -73,6 +75,21 @@ struct DataPaths {
   std::filesystem::path repository_ca;      // the CA bundle, where the package brought one
 };
 
+// The places that updates of the bootstrap use, below a data folder. Touches no file.
+struct BootstrapPaths {
+  explicit BootstrapPaths(const std::filesystem::path& root);
+
+  std::filesystem::path tree;             // the installed bootstrap
+  std::filesystem::path manifest;         // its snapshot manifest
+  std::filesystem::path update_tree;      // the bootstrap that is to replace it
+  std::filesystem::path partial_tree;     // the same, while it is being unpacked
+  std::filesystem::path update_manifest;  // its manifest; there while the update waits to be applied
+  std::filesystem::path downloads;        // what is fetched for it
+  std::filesystem::path rejected;         // the SHA-256 text of the manifest of an update that failed
+  std::filesystem::path update_lock;      // held by whoever prepares or applies an update
+  std::filesystem::path old_files_mark;   // there while replaced files wait to be removed
+};
+
 // The places in a launcher store, whose folder is DataPaths::launcher. Touches no file.
 struct LauncherPaths {
   explicit LauncherPaths(const std::filesystem::path& store);
@@ -85,20 +102,27 @@ struct LauncherPaths {
   std::filesystem::path version(std::string_view sha256) const;        // its unpacked files
   std::filesystem::path manifest(std::string_view sha256) const;       // its manifest
   std::filesystem::path version_lease(std::string_view sha256) const;  // its lease
+  // Its manifest while the version is being removed, so that nobody takes what is left of it for a whole one.
+  std::filesystem::path removed_manifest(std::string_view sha256) const;
   std::filesystem::path attempt_lease(std::string_view nonce) const;
   std::filesystem::path attempt_acknowledgement(std::string_view nonce) const;  // that the launcher holds its leases
   std::filesystem::path attempt_health(std::string_view nonce) const;           // that the launcher is ready
+
+  // The places of one staging, by its nonce, which is not checked either.
+  std::filesystem::path staging_work(std::string_view nonce) const;    // where its version is unpacked
+  std::filesystem::path staging_intent(std::string_view nonce) const;  // that it has begun and not ended
 
   std::filesystem::path store;
   std::filesystem::path document;          // which versions are active, candidate and rollback
   std::filesystem::path owner_lock;        // held by whoever changes the document
   std::filesystem::path start_marker;      // there while a windowed launcher has been started and has not opened
+  std::filesystem::path cleanup;           // there while a clean-up has begun and not ended
   std::filesystem::path versions;          // the unpacked versions, each named by its manifest's SHA-256
   std::filesystem::path manifests;         // their manifests, named in the same way
   std::filesystem::path downloads;         // archives on their way
   std::filesystem::path download_intents;  // what is to be downloaded
   std::filesystem::path staging;           // versions that are being unpacked
-  std::filesystem::path intents;           // starts that have begun
+  std::filesystem::path intents;           // stagings that have begun
   std::filesystem::path health;            // what started versions have said of themselves
   std::filesystem::path leases;            // the two folders of leases
   std::filesystem::path version_leases;    // held by whoever runs a version

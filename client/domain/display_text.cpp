@@ -1,7 +1,9 @@
 #include "domain/display_text.hpp"
 
 #include <algorithm>
+#include <array>
 #include <cstddef>
+#include <cstdio>
 
 #include "domain/text_rules.hpp"
 
@@ -103,6 +105,23 @@ std::string shown_text(std::string_view text) {
     text.remove_prefix(bytes.size());
   }
   return shown;
+}
+
+std::string shown_size(std::uint64_t bytes) {
+  constexpr std::array<const char*, 5> units = {"bytes", "KiB", "MiB", "GiB", "TiB"};
+  auto value = static_cast<double>(bytes);
+  std::size_t unit = 0;
+  while (value >= 1024 && unit + 1 < units.size()) {
+    value /= 1024;
+    ++unit;
+  }
+  std::array<char, 32> text{};
+  std::snprintf(text.data(), text.size(), unit == 0 ? "%.0f %s" : "%.1f %s", value, units[unit]);
+  return text.data();
+}
+
+std::string shown_count(std::uint64_t number, std::string_view one) {
+  return std::to_string(number) + " " + std::string(one) + (number == 1 ? "" : "s");
 }
 
 }  // namespace ravok

@@ -30,6 +30,10 @@ std::string_view data_root_below_home();
 // nothing when it cannot be told: the image may have been removed since, or replaced.
 std::optional<std::string> executable_path(std::size_t limit);
 
+// The path that the running image had when it was started, although another file may have it now; nothing when it
+// cannot be told.
+std::optional<std::string> started_executable_path(std::size_t limit);
+
 // Whether a stream of this process is a terminal: 0 for its input, 1 for its output, 2 for its errors.
 bool is_terminal(int stream);
 

@@ -5,7 +5,10 @@
 #include <string>
 #include <vector>
 
+#include "app/install/installation_record.hpp"
 #include "app/launcher/launcher_store.hpp"
+#include "app/maintenance/maintenance_entry.hpp"
+#include "app/update/update_console.hpp"
 #include "domain/display_text.hpp"
 #include "domain/exit_code.hpp"
 #include "platform/file/managed_paths.hpp"
@@ -39,7 +42,27 @@ std::string status_text(const Json& status) {
     const std::string problem = ravok::has_text(failed, "problem") ? ravok::text_at(failed, "problem") : "unknown";
     text += "Failed: " + words_of(failed.at("reference")) + ": " + ravok::shown_text(problem) + "\n";
   }
+  if (status.at("bootstrap_update_pending").get<bool>()) {
+    text += "Bootstrap: an update waits for the next start\n";
+  }
   return text;
+}
+
+// Whether it is a command of the client's own that needs no launcher: the bootstrap runs these by itself, and a
+// launcher that was started without it does so too.
+bool is_maintenance(const std::vector<std::string>& arguments) {
+  return arguments.size() >= 2 && arguments[0] == "self" && (arguments[1] == "uninstall" || arguments[1] == "shortcut");
+}
+
+int run_maintenance(const ravok::CliEntry& entry, const ravok::LauncherRuntime* runtime,
+                    const std::function<bool()>& cancelled) {
+  // Only its own installation, unless the user names another, which is then refused.
+  const bool own = runtime != nullptr && !entry.data_dir_given;
+  std::vector<std::string> arguments = entry.arguments;
+  if (entry.json) {
+    arguments.insert(arguments.begin(), "--json");
+  }
+  return ravok::run_cli_maintenance(own ? runtime->data_root() : entry.data_dir, arguments, cancelled);
 }
 
 void tell_of(std::string_view code, std::string_view problem, bool json) {
@@ -71,9 +94,9 @@ void report_ready(const ravok::LauncherRuntime* runtime) {
 }
 
 Json status_document(const ravok::LauncherRuntime* runtime) {
-  Json status = {{"schema_version", 1}, {"version", build_id()},      {"installed", runtime != nullptr},
-                 {"active", nullptr},   {"candidate", nullptr},       {"on_trial", nullptr},
-                 {"rollback", nullptr}, {"failed_candidate", nullptr}};
+  Json status = {{"schema_version", 1}, {"version", build_id()},       {"installed", runtime != nullptr},
+                 {"active", nullptr},   {"candidate", nullptr},        {"on_trial", nullptr},
+                 {"rollback", nullptr}, {"failed_candidate", nullptr}, {"bootstrap_update_pending", false}};
   if (runtime == nullptr) {
     return status;
   }
@@ -84,13 +107,23 @@ Json status_document(const ravok::LauncherRuntime* runtime) {
   if (!state.at("attempt").is_null()) {
     status["on_trial"] = state.at("attempt").at("reference");
   }
+  status["bootstrap_update_pending"] = ravok::bootstrap_update_pending(runtime->data_root());
   return status;
 }
 
-void run_command(const ravok::CliEntry& entry, const Json& status) {
+int run_command(const ravok::CliEntry& entry, const ravok::LauncherRuntime* runtime, const Json& status,
+                const std::function<bool()>& cancelled) {
+  if (is_maintenance(entry.arguments)) {
+    return run_maintenance(entry, runtime, cancelled);
+  }
+  if (ravok::is_update_command(entry.arguments)) {
+    return ravok::run_update_command(entry, runtime, cancelled);
+  }
   ravok::require(entry.arguments == std::vector<std::string>{"self", "status"}, "unavailable",
-                 "This sample launcher has no other command than self status");
+                 "This sample launcher has no such command; it knows self status, self update, self cleanup, self "
+                 "uninstall, self shortcut and updates check --background");
   print(entry.json ? status.dump() + "\n" : status_text(status));
+  return 0;
 }
 
 void print(std::string_view text) {

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <exception>
+#include <functional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -26,12 +27,15 @@ ravok::CliEntry command_line(const std::vector<std::string>& arguments, bool* js
 // Call it once everything is initialised that can fail.
 void report_ready(const ravok::LauncherRuntime* runtime);
 
-// Returns the document of `self status`: this build, and the versions that the store names. `runtime` is null for a
-// build that is run outside any installation.
+// Returns the document of `self status`: this build, the versions that the store names, and whether an update of the
+// bootstrap waits. `runtime` is null for a build that is run outside any installation.
 ravok::Json status_document(const ravok::LauncherRuntime* runtime);
 
-// Runs a command of the client's grammar. Fails with "unavailable" for one that this launcher does not have.
-void run_command(const ravok::CliEntry& entry, const ravok::Json& status);
+// Runs a command of the client's grammar and returns the exit code. Does not return from `self uninstall`, which
+// replaces this process. `cancelled` tells whether the user has asked to stop. Fails with "unavailable" for a command
+// that this launcher does not have, and as run_cli_maintenance and run_update_command do.
+int run_command(const ravok::CliEntry& entry, const ravok::LauncherRuntime* runtime, const ravok::Json& status,
+                const std::function<bool()>& cancelled);
 
 // Writes to standard output. Fails with "output_failed".
 void print(std::string_view text);

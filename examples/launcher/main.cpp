@@ -29,8 +29,7 @@ int main(int argc, char** argv) {
     const ravok::Json status = launcher::status_document(runtime.get());
     launcher::report_ready(runtime.get());
     ravok::require(!interrupt.requested(), "cancelled", "Cancelled");
-    launcher::run_command(entry, status);
-    return 0;
+    return launcher::run_command(entry, runtime.get(), status, [&] { return interrupt.requested(); });
   } catch (const ravok::Error& error) {
     return launcher::tell(error, json);
   } catch (const std::exception& problem) {

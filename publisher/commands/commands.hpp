@@ -26,6 +26,10 @@ struct CommandRun {
 struct CommandResult {
   std::vector<std::string> lines;
   Json document = Json::object();
+  // What standard error is told, beside a document too.
+  std::vector<std::string> complaints = {};
+  // Whether the exit code is 1, although the command has done its work: it was asked to judge, and judged so.
+  bool failed = false;
 };
 
 struct PublishCommand {
@@ -38,5 +42,16 @@ PublishCommand add_key_command(CLI::App& program);
 PublishCommand add_root_command(CLI::App& program);
 PublishCommand add_package_command(CLI::App& program);
 PublishCommand add_installer_command(CLI::App& program);
+
+// The commands of a signed repository are subcommands of one that does nothing itself.
+PublishCommand add_repository_init_command(CLI::App& repository);
+PublishCommand add_repository_release_command(CLI::App& repository);
+PublishCommand add_repository_refresh_command(CLI::App& repository);
+PublishCommand add_repository_withdraw_command(CLI::App& repository);
+PublishCommand add_repository_rotate_command(CLI::App& repository);
+PublishCommand add_repository_sign_command(CLI::App& repository);
+PublishCommand add_repository_status_command(CLI::App& repository);
+PublishCommand add_repository_discard_command(CLI::App& repository);
+PublishCommand add_repository_check_command(CLI::App& repository);
 
 }  // namespace ravok

@@ -7,6 +7,7 @@
 #include "publisher/commands/results.hpp"
 #include "publisher/commands/terminal.hpp"
 #include "publisher/publish_installer.hpp"
+#include "publisher/repository/repository_time.hpp"
 
 namespace ravok {
 namespace {
@@ -35,6 +36,7 @@ CommandResult publish(InstallerPublication publication, const CommandRun& run) {
                        {"package", described_folder(published.package)},
                        {"seal", published.seal}};
   }
+  tell_root_expiry(published.root_expires, present_tuf_time(), result);
   return result;
 }
 

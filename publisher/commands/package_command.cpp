@@ -10,6 +10,7 @@
 #include "publisher/commands/results.hpp"
 #include "publisher/commands/terminal.hpp"
 #include "publisher/publish_package.hpp"
+#include "publisher/repository/repository_time.hpp"
 #include "publisher/repository_origin.hpp"
 
 namespace ravok {
@@ -99,6 +100,7 @@ CommandResult publish(const CLI::App& command, const PackageOptions& options, co
     result.document = {
         {"package", described_folder(published.directory)}, {"length", published.length}, {"seal", published.seal}};
   }
+  tell_root_expiry(published.root_expires, present_tuf_time(), result);
   return result;
 }
 

@@ -1,7 +1,6 @@
 #include "publisher/commands/publish_console.hpp"
 
 #include <algorithm>
-#include <array>
 #include <cstddef>
 #include <cstdio>
 #include <exception>
@@ -9,6 +8,7 @@
 #include <sstream>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include <CLI/CLI.hpp>
 
@@ -75,8 +75,30 @@ int answer(CLI::App& program, const CLI::ParseError& problem, bool json) {
   return 2;
 }
 
+std::vector<PublishCommand> add_commands(CLI::App& program) {
+  std::vector<PublishCommand> commands = {add_snapshot_command(program), add_key_command(program),
+                                          add_root_command(program), add_package_command(program),
+                                          add_installer_command(program)};
+  CLI::App& repository = *program.add_subcommand("repository", "Makes, publishes and watches a signed repository");
+  repository.require_subcommand(1);
+  for (const auto add : {
+           add_repository_init_command,
+           add_repository_release_command,
+           add_repository_refresh_command,
+           add_repository_withdraw_command,
+           add_repository_rotate_command,
+           add_repository_sign_command,
+           add_repository_status_command,
+           add_repository_check_command,
+           add_repository_discard_command,
+       }) {
+    commands.push_back(add(repository));
+  }
+  return commands;
+}
+
 // Returns the command that was named. The library has made sure that there is exactly one.
-const PublishCommand& chosen(const std::array<PublishCommand, 5>& commands) {
+const PublishCommand& chosen(const std::vector<PublishCommand>& commands) {
   return *std::find_if(commands.begin(), commands.end(), [](const auto& one) { return one.options->parsed(); });
 }
 
@@ -89,7 +111,8 @@ void require_values(const CLI::App& command) {
   }
 }
 
-void run_command(const PublishCommand& command, const CommandRun& run) {
+// Returns the exit code.
+int run_command(const PublishCommand& command, const CommandRun& run) {
   CommandResult result = command.run(run);
   if (run.json) {
     result.document["schema_version"] = 1;
@@ -97,6 +120,10 @@ void run_command(const PublishCommand& command, const CommandRun& run) {
   } else {
     say(result.lines);
   }
+  for (const std::string& complaint : result.complaints) {
+    complain(complaint);
+  }
+  return result.failed ? 1 : 0;
 }
 
 int run_program(int count, const char* const* words, CommandRun& run) {
@@ -105,9 +132,7 @@ int run_program(int count, const char* const* words, CommandRun& run) {
   program.failure_message(shown_failure);
   program.set_version_flag("--version", "ravok-publish " RAVOK_VERSION, "Prints the program's version");
   program.footer(footer);
-  const std::array<PublishCommand, 5> commands = {add_snapshot_command(program), add_key_command(program),
-                                                  add_root_command(program), add_package_command(program),
-                                                  add_installer_command(program)};
+  const std::vector<PublishCommand> commands = add_commands(program);
   for (const PublishCommand& command : commands) {
     command.options->add_flag(json_option)->description("Prints the result, or the problem, as one JSON document");
   }
@@ -119,8 +144,7 @@ int run_program(int count, const char* const* words, CommandRun& run) {
   const PublishCommand& command = chosen(commands);
   require_values(*command.options);
   run.json = command.options->count(json_option) > 0;
-  run_command(command, run);
-  return 0;
+  return run_command(command, run);
 }
 
 }  // namespace

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstddef>
+#include <cstdint>
 #include <utility>
 #include <vector>
 
@@ -9,15 +10,28 @@
 #include "domain/paths.hpp"
 #include "platform/file/file_digest.hpp"
 #include "platform/file/tree_walk.hpp"
+#include "publisher/commands/time_left.hpp"
+#include "publisher/repository/repository_time.hpp"
 
 namespace ravok {
 namespace {
 
 constexpr std::size_t maximum_entries = 65'536;  // of a package that has been proved
+constexpr std::uint64_t fair_root_days = 730;
 
 }  // namespace
 
 std::string json_text(const std::string& text) { return is_utf8(text) ? text : shown_text(text); }
+
+void tell_root_expiry(TufTime expires, TufTime at, CommandResult& result) {
+  const std::string text = tuf_time_text(expires);
+  result.lines.push_back("Can be installed until " + text + ", when its root document expires");
+  result.document["root_expires"] = text;
+  if (expires < days_after(at, fair_root_days)) {
+    result.complaints.push_back("The root document in the package expires in " + time_left(expires, at) +
+                                ", and nobody can install it from then on. Take one that lasts two years or more.");
+  }
+}
 
 Json described_file(const std::filesystem::path& path) {
   return {{"path", json_text(path_utf8(path))},

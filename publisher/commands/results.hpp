@@ -6,6 +6,8 @@
 
 #include "domain/error.hpp"
 #include "domain/json.hpp"
+#include "publisher/commands/commands.hpp"
+#include "tuf/tuf_time.hpp"
 
 namespace ravok {
 
@@ -22,6 +24,10 @@ void judge_options(Work work) {
 
 // Returns the text as a document can hold it: as it is, or escaped for a terminal if it is not UTF-8.
 std::string json_text(const std::string& text);
+
+// Adds to the result of making a package or an installer until when it can be installed, and complains of less than two
+// years. `at` is the present time.
+void tell_root_expiry(TufTime expires, TufTime at, CommandResult& result);
 
 // Returns a file as documents tell of it: "path", "length" in bytes, and "sha256". Fails as digest_file and
 // std::filesystem::file_size do.

@@ -6,6 +6,7 @@
 #include "domain/paths.hpp"
 #include "publisher/commands/commands.hpp"
 #include "publisher/commands/results.hpp"
+#include "publisher/commands/signer_options.hpp"
 #include "publisher/publish_root.hpp"
 
 namespace ravok {
@@ -19,8 +20,12 @@ void add_role(CLI::App& command, const std::string& role, const std::string& key
       ->type_name("N");
 }
 
-CommandResult publish(const RootPublication& publication, const CommandRun& run) {
-  judge_options([&] { require_options(publication); });
+CommandResult publish(RootPublication& publication, const CommandRun& run) {
+  publication.signing.cancelled = run.cancelled;
+  judge_options([&] {
+    require_options(publication);
+    require_signer_options(publication.signing);
+  });
   const PublishedRoot published = publish_root(publication);
   CommandResult result;
   result.lines = {"Root with " + std::to_string(published.signatures) +
@@ -45,6 +50,7 @@ PublishCommand add_root_command(CLI::App& program) {
   add_role(*command, "timestamp", "A key file of the role timestamp; may be given again", publication->timestamp);
   add_role(*command, "snapshot", "A key file of the role snapshot; may be given again", publication->snapshot);
   add_role(*command, "targets", "A key file of the role targets; may be given again", publication->targets);
+  add_signer_options(*command, publication->signing);
   return {command, [publication](const CommandRun& run) { return publish(*publication, run); }};
 }
 

@@ -1,29 +1,13 @@
 #include "publisher/commands/terminal.hpp"
 
-#include <array>
-#include <cstddef>
 #include <cstdio>
 #include <new>
 #include <utility>
 
-#include "domain/display_text.hpp"
 #include "domain/error.hpp"
 #include "platform/os.hpp"
 
 namespace ravok {
-
-std::string shown_size(std::uint64_t bytes) {
-  constexpr std::array<const char*, 5> units = {"bytes", "KiB", "MiB", "GiB", "TiB"};
-  auto value = static_cast<double>(bytes);
-  std::size_t unit = 0;
-  while (value >= 1024 && unit + 1 < units.size()) {
-    value /= 1024;
-    ++unit;
-  }
-  std::array<char, 32> text{};
-  std::snprintf(text.data(), text.size(), unit == 0 ? "%.0f %s" : "%.1f %s", value, units[unit]);
-  return text.data();
-}
 
 void print(const std::string& text) {
   std::fputs(text.c_str(), stdout);

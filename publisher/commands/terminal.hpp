@@ -5,10 +5,9 @@
 #include <string>
 #include <vector>
 
-namespace ravok {
+#include "domain/display_text.hpp"
 
-// Returns a size in bytes as people read it.
-std::string shown_size(std::uint64_t bytes);
+namespace ravok {
 
 // Writes the text to standard output as it is. Fails with "output_failed".
 void print(const std::string& text);

@@ -109,5 +109,21 @@ TEST(ShownText, EscapesEachByteThatIsNoPartOfACharacter) {
 
 TEST(ShownText, ReadsNothingBehindTheText) { EXPECT_EQ(shown_text(std::string_view("a\xc3\xa4", 2)), "a\\xc3"); }
 
+TEST(ShownCount, NamesOneAndMore) {
+  EXPECT_EQ(shown_count(0, "file"), "0 files");
+  EXPECT_EQ(shown_count(1, "file"), "1 file");
+  EXPECT_EQ(shown_count(2, "file"), "2 files");
+}
+
+TEST(ShownSize, TakesTheLargestUnitThatLeavesAWholeOne) {
+  EXPECT_EQ(shown_size(0), "0 bytes");
+  EXPECT_EQ(shown_size(1023), "1023 bytes");
+  EXPECT_EQ(shown_size(1024), "1.0 KiB");
+  EXPECT_EQ(shown_size(1536), "1.5 KiB");
+  EXPECT_EQ(shown_size(314'572'800), "300.0 MiB");
+  EXPECT_EQ(shown_size(std::uint64_t{1} << 40), "1.0 TiB");
+  EXPECT_EQ(shown_size(std::uint64_t{1} << 52), "4096.0 TiB");
+}
+
 }  // namespace
 }  // namespace ravok::display_text_test

@@ -19,6 +19,7 @@
 #include <sys/wait.h>
 
 #include "app/launcher/launcher_attempt.hpp"
+#include "app/maintenance/maintenance_handoff.hpp"
 #include "domain/crypto.hpp"
 #include "domain/error.hpp"
 #include "domain/json.hpp"
@@ -355,6 +356,38 @@ TEST_P(AllocationFault, OfAStartLeavesNoChildThatNobodyCanEnd) {
   trial.prepare = [] {};
   trial.inspect = [](const ShortRun& run) { EXPECT_EQ(run.open_descriptors, 0) << "at allocation " << run.number; };
   try_all_told("start_launcher", trial);
+}
+
+// --- Tasks on another thread ---------------------------------------------------------------
+
+// Whether the snapshot still speaks of a task that is at work.
+bool shows_a_beginning(const MaintenanceHandoff& handoff) {
+  const Json view = handoff.view();
+  return !view.is_null() && text_at(view, "phase") == "starting";
+}
+
+TEST_P(AllocationFault, OfATaskOfMaintenanceIsToldToItsOwnerOrInItsSnapshot) {
+  ShortTrial trial;
+  trial.work = [] {
+    MaintenanceHandoff handoff;
+    int woken = 0;
+    handoff.set_wakeup([&] { ++woken; });
+    try {
+      handoff.begin([]() -> Json { fail("some_code", std::string(100, 'x')); });
+    } catch (...) {
+      if (shows_a_beginning(handoff)) {
+        std::abort();
+      }
+      throw;
+    }
+    handoff.join();
+    if (shows_a_beginning(handoff) || woken != 2) {
+      std::abort();
+    }
+  };
+  trial.prepare = [] {};
+  trial.inspect = [](const ShortRun&) {};
+  try_all("MaintenanceHandoff", trial);
 }
 
 std::string name_of(const ::testing::TestParamInfo<Kind>& info) {

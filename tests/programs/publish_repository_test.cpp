@@ -123,6 +123,8 @@ TEST_F(PublishRepository, MakesAPackageOutOfItsOwnSnapshotsAndPrintsTheSeal) {
   EXPECT_TRUE(said.starts_with("Package: " + package + " ("));
   const NativePackage read = read_native_package(package, said.substr(seal + 7, 64), {});
   EXPECT_EQ(read.featured_game->name, "The Game");
+  EXPECT_TRUE(said.ends_with("\nCan be installed until 2050-01-01T00:00:00Z, when its root document expires\n"))
+      << said;
 
   expect_refused(arguments, 1, "The output already exists: " + package + "\n");
   Arguments unnamed = arguments;
@@ -141,7 +143,8 @@ TEST_F(PublishRepository, MakesAnInstallerOfItsOwnProgramAndSaysWhatItMade) {
   const std::string seal = testing::InitialPackage().write(package);
   const Arguments arguments = {"installer", package, folder};
   EXPECT_EQ(expect_published(arguments),
-            "Installer: " + folder + "/ravok-install\nPackage: " + folder + "/initial-package\nSeal: " + seal + "\n");
+            "Installer: " + folder + "/ravok-install\nPackage: " + folder + "/initial-package\nSeal: " + seal +
+                "\nCan be installed until 2999-12-31T23:59:59Z, when its root document expires\n");
   expect_refused(arguments, 1, "The output already exists: " + folder + "\n");
   const ProgramResult installed =
       run_program({folder + "/ravok-install", {"--data-dir", root / "data"}, {{"HOME", root.directory("home")}}, ""});
@@ -249,6 +252,7 @@ TEST_F(PublishRepository, PrintsResultsAsDocuments) {
   const std::string seal = testing::InitialPackage().write(root / "package");
   const Json installer = Json::parse(expect_published({"installer", root / "package", root / "installer", "--json"}));
   EXPECT_EQ(installer.at("seal"), seal);
+  EXPECT_EQ(installer.at("root_expires"), "2999-12-31T23:59:59Z");
   EXPECT_EQ(installer.at("installer"), described("installer/ravok-install"));
   const Json& files = installer.at("package").at("files");
   std::size_t seen = 0;
@@ -265,7 +269,7 @@ TEST_F(PublishRepository, PrintsResultsAsDocuments) {
 TEST_F(PublishRepository, NamesItsCommandsWhereNoneIsGiven) {
   expect_refused({}, 2, std::string("A subcommand is required") + see_help);
   const std::string help = expect_published({"--help"});
-  for (const char* command : {"snapshot", "key", "root", "package", "installer"}) {
+  for (const char* command : {"snapshot", "key", "root", "package", "installer", "repository"}) {
     EXPECT_NE(help.find(command), std::string::npos) << command;
   }
 }

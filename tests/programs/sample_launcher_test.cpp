@@ -46,7 +46,9 @@ using Arguments = std::vector<std::string>;
 constexpr std::chrono::milliseconds patience(30'000);
 constexpr const char* build = RAVOK_LAUNCHER_BUILD_ID;
 const std::string product = std::string("Ravok ") + build + "\n";
-constexpr const char* no_command = "This sample launcher has no other command than self status";
+constexpr const char* no_command =
+    "This sample launcher has no such command; it knows self status, self update, self cleanup, self uninstall, self "
+    "shortcut and updates check --background";
 
 std::string words_of(const Json& reference) {
   return std::string(build) + " (" + text_at(reference, "manifest_sha256").substr(0, 12) + ")";
@@ -78,7 +80,8 @@ TEST(SampleLauncher, TellsThatItBelongsToNoInstallation) {
                                                 {"candidate", nullptr},
                                                 {"on_trial", nullptr},
                                                 {"rollback", nullptr},
-                                                {"failed_candidate", nullptr}}));
+                                                {"failed_candidate", nullptr},
+                                                {"bootstrap_update_pending", false}}));
   }
   const ProgramResult window = testing::run_program({RAVOK_LAUNCHER_GUI, {}, {{"HOME", home.path()}}, ""});
   EXPECT_EQ(window.exit_code, 0) << window.errors;
@@ -94,7 +97,7 @@ TEST(SampleLauncher, ShowsTheClientsHelp) {
 
 TEST(SampleLauncher, RefusesTheOtherCommandsInOneLine) {
   for (const Arguments& command :
-       {Arguments{"list"}, {"self", "update"}, {"launch", "first-game"}, {"settings", "get"}}) {
+       {Arguments{"list"}, {"updates", "check"}, {"launch", "first-game"}, {"settings", "get"}}) {
     const ProgramResult text = testing::run_program({RAVOK_LAUNCHER, command, {{"HOME", "/nowhere"}}, ""});
     EXPECT_EQ(text.exit_code, 1);
     EXPECT_EQ(text.output, "");
@@ -107,6 +110,21 @@ TEST(SampleLauncher, RefusesTheOtherCommandsInOneLine) {
               (Json{{"schema_version", 1}, {"problem", {{"code", "unavailable"}, {"message", no_command}}}}));
     EXPECT_EQ(document.errors, std::string(no_command) + "\n");
   }
+}
+
+TEST(SampleLauncher, HasNoUpdatesWhereItBelongsToNoInstallation) {
+  constexpr const char* no_updates = "This build of Ravok belongs to no installation, so it has no updates";
+  const TemporaryRoot root;
+  for (const Arguments& command : {Arguments{"self", "update"}, {"updates", "check", "--background"}}) {
+    Arguments with_json = {"--json", "--data-dir", root.path()};
+    with_json.insert(with_json.end(), command.begin(), command.end());
+    const ProgramResult result = testing::run_program({RAVOK_LAUNCHER, with_json, {}, ""});
+    EXPECT_EQ(result.exit_code, 1);
+    EXPECT_EQ(result.errors, std::string(no_updates) + "\n");
+    EXPECT_EQ(status_of(result.output),
+              (Json{{"schema_version", 1}, {"problem", {{"code", "not_installed"}, {"message", no_updates}}}}));
+  }
+  EXPECT_TRUE(root.names().empty());
 }
 
 TEST(SampleLauncher, RefusesAWrongCommandLineAsTheGrammarDoes) {
@@ -228,8 +246,99 @@ TEST(SampleLauncherInstalled, ProvesItselfAndBecomesTheActiveVersion) {
                                              {"candidate", nullptr},
                                              {"on_trial", nullptr},
                                              {"rollback", nullptr},
-                                             {"failed_candidate", nullptr}}));
+                                             {"failed_candidate", nullptr},
+                                             {"bootstrap_update_pending", false}}));
   }
+}
+
+// An installation whose release has the launcher as its console's entry and the real helper.
+class SampleLauncherRemoval : public ::testing::Test {
+ protected:
+  SampleLauncherRemoval() {
+    testing::use_launcher(
+        place.package,
+        testing::publish_launcher(
+            root, build, {bytes_of(RAVOK_LAUNCHER), bytes_of(RAVOK_LAUNCHER_GUI), bytes_of(RAVOK_MAINTENANCE)}, "own"));
+    place.package.brand.reset();
+    place.republish();
+    place.install(true);
+    place.write_player_data();
+  }
+  ~SampleLauncherRemoval() override { EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1) << "a child is left"; }
+
+  ProgramResult run(const Arguments& arguments) const {
+    const LauncherStore store(place.data());
+    const std::string program = store.payload(current_build(store.status())) / "bin/ravok";
+    return testing::run_program({program, arguments, {{"HOME", place.home()}}, ""});
+  }
+  // What the data folder holds but for the locks that a refused run may have made.
+  TreeState installed() const {
+    return testing::without(place.state(), {".ravok-setup.lock", ".native-bootstrap.lock", "launcher/bootstrap.lock",
+                                            "launcher/leases/versions"});
+  }
+
+  const TemporaryRoot root{testing::fast_volume()};
+  InstallPlace place;
+};
+
+TEST_F(SampleLauncherRemoval, RemovesItsOwnInstallationAndKeepsThePlayersData) {
+  const TreeState player_data = place.player_data();
+  EXPECT_TRUE(std::filesystem::exists(place.entry()));
+  const ProgramResult result = run({"self", "uninstall"});
+  EXPECT_EQ(result.exit_code, 0) << result.errors;
+  EXPECT_EQ(result.output, "Removed Ravok from " + place.data().native() + ". Saves and settings were kept.\n");
+  EXPECT_EQ(place.state(), player_data);
+  EXPECT_FALSE(std::filesystem::exists(place.entry()));
+}
+
+TEST_F(SampleLauncherRemoval, RemovesEverythingWhereItIsToldSo) {
+  const ProgramResult result = run({"--json", "--data-dir", place.data(), "self", "uninstall", "--remove-data"});
+  EXPECT_EQ(result.exit_code, 0) << result.errors;
+  EXPECT_EQ(result.errors, "");
+  EXPECT_EQ(status_of(result.output).at("data_removed"), true);
+  EXPECT_FALSE(std::filesystem::exists(place.data()));
+}
+
+TEST_F(SampleLauncherRemoval, RemovesNoOtherFolder) {
+  constexpr const char* other_image = "Maintenance handoff requires this build's verified CLI image";
+  const TemporaryRoot other;
+  other.write("file", "of somebody");
+  const TreeState before = installed();
+  const ProgramResult result = run({"--json", "--data-dir", other.path(), "self", "uninstall"});
+  EXPECT_EQ(result.exit_code, 1);
+  EXPECT_EQ(status_of(result.output),
+            (Json{{"schema_version", 1}, {"problem", {{"code", "launcher_identity"}, {"message", other_image}}}}));
+  EXPECT_TRUE(testing::same_tree(installed(), before));
+  EXPECT_EQ(other.names(), std::vector<std::string>{"file"});
+}
+
+TEST_F(SampleLauncherRemoval, LeavesEverythingWithoutItsHelper) {
+  const LauncherStore store(place.data());
+  std::filesystem::resize_file(store.payload(current_build(store.status())) / "bin/ravok-maintenance", 100);
+  const TreeState before = installed();
+  const ProgramResult result = run({"self", "uninstall"});
+  EXPECT_EQ(result.exit_code, 1);
+  EXPECT_EQ(result.output, "");
+  EXPECT_EQ(result.errors, "The maintenance helper is damaged; run the Ravok installer to repair it\n");
+  EXPECT_TRUE(testing::same_tree(installed(), before));
+}
+
+TEST_F(SampleLauncherRemoval, ChangesItsShortcuts) {
+  EXPECT_EQ(status_of(run({"self", "shortcut", "remove"}).output),
+            (Json{{"schema_version", 1}, {"removed", {place.entry()}}, {"changed", Json::array()}}));
+  EXPECT_FALSE(std::filesystem::exists(place.entry()));
+  EXPECT_EQ(status_of(run({"--json", "self", "shortcut", "create"}).output),
+            (Json{{"schema_version", 1}, {"created", {place.entry()}}}));
+  EXPECT_TRUE(std::filesystem::exists(place.entry()));
+}
+
+TEST(SampleLauncher, IsNotRemovedByItselfOutsideAnInstallation) {
+  const TemporaryRoot root;
+  const ProgramResult result =
+      testing::run_program({RAVOK_LAUNCHER, {"--data-dir", root.path(), "self", "uninstall"}, {}, ""});
+  EXPECT_EQ(result.exit_code, 1);
+  EXPECT_EQ(result.errors, "Start the installed Ravok or use the external installer to remove it\n");
+  EXPECT_TRUE(root.names().empty());
 }
 
 // A store with versions that were put there by hand.

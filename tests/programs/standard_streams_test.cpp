@@ -40,14 +40,14 @@ Said said_by(const ProgramStart& start) {
 }
 
 // The program says what it says with all streams, except on those that it does not have.
-Said expect_as_ever(ProgramStart start, const Descriptors& closed) {
+void expect_as_ever(ProgramStart start, const Descriptors& closed) {
   const Said whole = said_by(start);
+  EXPECT_NE(whole.output + whole.errors, "");
   start.closed = closed;
   const Said said = said_by(start);
   EXPECT_EQ(said.exit_code, whole.exit_code);
   EXPECT_EQ(said.output, has(closed, 1) ? "" : whole.output);
   EXPECT_EQ(said.errors, has(closed, 2) ? "" : whole.errors);
-  return whole;
 }
 
 TEST(ProgramWithoutStreams, SaysWhatItSaysOtherwise) {
@@ -56,11 +56,11 @@ TEST(ProgramWithoutStreams, SaysWhatItSaysOtherwise) {
       expect_as_ever({.program = RAVOK_MAINTENANCE, .arguments = arguments, .environment = {{"HOME", "/nowhere"}}},
                      closed);
     }
-    for (const Arguments& arguments : {Arguments{"--help"}, {"bogus"}}) {
-      expect_as_ever({.program = RAVOK_PUBLISH, .arguments = arguments, .environment = {}}, closed);
+    for (const char* const program : {RAVOK_BOOTSTRAP, RAVOK_LAUNCHER, RAVOK_PUBLISH}) {
+      for (const Arguments& arguments : {Arguments{"--help"}, {"bogus"}}) {
+        expect_as_ever({.program = program, .arguments = arguments, .environment = {}}, closed);
+      }
     }
-    const Said sample = expect_as_ever({.program = RAVOK_SAMPLE, .arguments = {"a"}, .environment = {}}, closed);
-    EXPECT_EQ(sample.output, "This is the sample bootstrap.\nIt was asked for: a\n");
   }
 }
 

@@ -71,7 +71,9 @@ bool set_limit(int resource, const std::optional<std::size_t>& limit) {
 
 // Runs in the child.
 bool prepare(const ProgramStart& start, int input, int output, int errors) {
-  for (const int signal : ending_signals) {
+  std::vector<int> signals(ending_signals.begin(), ending_signals.end());
+  signals.insert(signals.end(), start.ignored.begin(), start.ignored.end());
+  for (const int signal : signals) {
     const bool ignored = std::find(start.ignored.begin(), start.ignored.end(), signal) != start.ignored.end();
     if (std::signal(signal, ignored ? SIG_IGN : SIG_DFL) == SIG_ERR) {
       return false;

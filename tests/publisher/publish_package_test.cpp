@@ -9,9 +9,9 @@
 
 #include "app/install/native_package.hpp"
 #include "platform/process/native_platform.hpp"
-#include "publisher/publish_key.hpp"
 #include "publisher/publish_root.hpp"
 #include "publisher/publish_snapshot.hpp"
+#include "publisher/signing/publish_key.hpp"
 #include "support/certificate.hpp"
 #include "support/failure.hpp"
 #include "support/icon_builder.hpp"

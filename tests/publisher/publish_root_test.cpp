@@ -8,7 +8,7 @@
 
 #include "domain/json.hpp"
 #include "platform/file/files.hpp"
-#include "publisher/publish_key.hpp"
+#include "publisher/signing/publish_key.hpp"
 #include "support/failure.hpp"
 #include "support/temporary_root.hpp"
 #include "support/working_directory.hpp"

@@ -1,4 +1,4 @@
-#include "publisher/signing_key.hpp"
+#include "publisher/signing/signing_key.hpp"
 
 #include <string>
 #include <vector>
@@ -40,6 +40,28 @@ TEST_P(SigningKeyOfScheme, KeepsThePrivatePartOutOfThePublicKey) {
   EXPECT_EQ(key.key().size(), 3u);
   EXPECT_EQ(key.key().at("keyval").size(), 1u);
   EXPECT_EQ(key.key().dump().find("PRIVATE"), std::string::npos);
+}
+
+TEST_P(SigningKeyOfScheme, IsOverwrittenInADocumentThatIsNoLongerNeeded) {
+  Json document = SigningKey::generate(GetParam()).document();
+  const Json before = document;
+  const std::string& text = document.at("private").get_ref<const std::string&>();
+  const char* const place = text.data();
+  wipe_private(document);
+  EXPECT_EQ(text.data(), place);
+  EXPECT_EQ(text, std::string(before.at("private").get<std::string>().size(), '\0'));
+  document["private"] = before.at("private");
+  EXPECT_EQ(document, before);
+}
+
+TEST(SigningKey, IsNotLookedForInADocumentWithoutOne) {
+  Json other = {{"private", 1}, {"public", "text"}};
+  const Json before = other;
+  wipe_private(other);
+  EXPECT_EQ(other, before);
+  Json list = Json::array({"private"});
+  wipe_private(list);
+  EXPECT_EQ(list, Json::array({"private"}));
 }
 
 INSTANTIATE_TEST_SUITE_P(EachScheme, SigningKeyOfScheme,

@@ -33,6 +33,7 @@ struct LauncherPrograms {
   std::string console = "#!program";
   std::string window = "#!window";
   std::string helper = "#!helper";
+  std::string window_helper = {};  // none in a version where this is empty
 };
 
 class LauncherPlace {
@@ -40,13 +41,21 @@ class LauncherPlace {
   explicit LauncherPlace(const std::filesystem::path& base = std::filesystem::temp_directory_path())
       : root(base), store(root.path()) {}
 
-  // Puts a version into the store and returns its reference. Its helper has the role "maintenance".
+  // Puts a version into the store and returns its reference. Its helper has the role "maintenance", and the window's
+  // helper the role "maintenance-gui".
   Json add_version(const std::string& build_id, const LauncherPrograms& programs = {}) const {
-    const std::vector<SampleFile> files = {{"bin/program", programs.console, 0755},
-                                           {"bin/window", programs.window, 0755},
-                                           {"bin/helper", programs.helper, 0755},
-                                           {"data/file", "content of " + build_id}};
+    std::vector<SampleFile> files = {{"bin/program", programs.console, 0755},
+                                     {"bin/window", programs.window, 0755},
+                                     {"bin/helper", programs.helper, 0755},
+                                     {"data/file", "content of " + build_id}};
+    if (!programs.window_helper.empty()) {
+      files.push_back({"bin/window-helper", programs.window_helper, 0755});
+    }
     Json document = as_launcher(manifest_of(files, "archive").raw, {"bin/helper"});
+    if (!programs.window_helper.empty()) {
+      document["runtime_helpers"].push_back(
+          {{"path", "bin/window-helper"}, {"role", "maintenance-gui"}, {"lease_abi", 1}});
+    }
     document["build_id"] = build_id;
     document["platform"] = native_platform();
     const std::string text = document.dump();

@@ -25,7 +25,7 @@ inline std::string bytes_of(const std::filesystem::path& path) {
 struct LauncherPrograms {
   std::string console = "#!ravok";            // bin/ravok
   std::string windowed = "#!ravok-gui";       // bin/ravok-gui
-  std::string maintenance = "#!maintenance";  // bin/ravok-maintenance, the helper of that role
+  std::string maintenance = "#!maintenance";  // bin/ravok-maintenance, the helper of that role; empty for none
 };
 
 struct LauncherRelease {
@@ -42,7 +42,6 @@ inline LauncherRelease publish_launcher(const TemporaryRoot& root, const std::st
   };
   write_program("ravok", programs.console);
   write_program("ravok-gui", programs.windowed);
-  write_program("ravok-maintenance", programs.maintenance);
   root.write(folder + "tree/data/note", note);
   SnapshotPublication publication;
   publication.kind = SnapshotKind::launcher;
@@ -52,10 +51,30 @@ inline LauncherRelease publish_launcher(const TemporaryRoot& root, const std::st
   publication.platform = native_platform();
   publication.executable = "bin/ravok";
   publication.gui_executable = "bin/ravok-gui";
-  publication.helpers = {{"bin/ravok-maintenance", "maintenance"}};
+  if (!programs.maintenance.empty()) {
+    write_program("ravok-maintenance", programs.maintenance);
+    publication.helpers = {{"bin/ravok-maintenance", "maintenance"}};
+  }
   publication.level = 1;
   const PublishedSnapshot published = publish_snapshot(publication, {});
   return {bytes_of(published.manifest), published.archive};
+}
+
+// Publishes this program as a bootstrap and puts it into an initial package in place of the package's own.
+inline void use_bootstrap(InitialPackage& package, const TemporaryRoot& root, const std::string& program) {
+  std::filesystem::permissions(root.write("bootstrap/tree/bin/ravok-bootstrap", bytes_of(program)),
+                               std::filesystem::perms(0755));
+  SnapshotPublication publication;
+  publication.kind = SnapshotKind::bootstrap;
+  publication.tree = root / "bootstrap/tree";
+  publication.output = root.directory("bootstrap/output");
+  publication.build_id = "bootstrap-1";
+  publication.platform = native_platform();
+  publication.executable = "bin/ravok-bootstrap";
+  publication.level = 1;
+  const PublishedSnapshot published = publish_snapshot(publication, {});
+  package.bootstrap = Json::parse(bytes_of(published.manifest));
+  package.bootstrap_archive = bytes_of(published.archive);
 }
 
 // Puts a release into an initial package in place of the package's own.

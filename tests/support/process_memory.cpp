@@ -38,13 +38,14 @@ std::uint64_t peak_of(const std::function<void()>& work) {
     const std::uint64_t taken = before != 0 && peak > before ? peak - before : 0;
     _exit(write(ends[1], &taken, sizeof taken) == sizeof taken ? 0 : 1);
   }
+  // So that a child that ends early leaves nobody who could still write.
+  close(ends[1]);
   std::uint64_t taken = 0;
   EXPECT_EQ(read(ends[0], &taken, sizeof taken), static_cast<ssize_t>(sizeof taken));
   int status = 0;
   EXPECT_EQ(waitpid(child, &status, 0), child);
   EXPECT_EQ(status, 0);
   close(ends[0]);
-  close(ends[1]);
   return taken;
 }
 

@@ -1,50 +1,22 @@
 #include "support/signing.hpp"
 
-#include <array>
-#include <stdexcept>
-
-#include <openssl/evp.h>
-
-#include "domain/crypto.hpp"
+#include "publisher/signing/signing_key.hpp"
 
 namespace ravok::testing {
-namespace {
 
-void must(bool done) {
-  if (!done) {
-    throw std::runtime_error("The cryptographic library cannot sign");
-  }
+TestKey TestKey::ed25519() { return of_scheme("ed25519"); }
+
+TestKey TestKey::of_scheme(std::string_view scheme) {
+  return TestKey(std::make_shared<const SigningKey>(SigningKey::generate(scheme)));
 }
 
-}  // namespace
+const Json& TestKey::key() const { return pair_->key(); }
 
-TestKey TestKey::ed25519() {
-  const std::shared_ptr<EVP_PKEY> pair(EVP_PKEY_Q_keygen(nullptr, nullptr, "ED25519"), EVP_PKEY_free);
-  must(pair != nullptr);
-  return TestKey(pair);
-}
+const std::string& TestKey::id() const { return pair_->id(); }
 
-Json TestKey::key() const {
-  std::array<std::uint8_t, 32> bytes{};
-  std::size_t size = bytes.size();
-  must(EVP_PKEY_get_raw_public_key(pair_.get(), bytes.data(), &size) == 1 && size == bytes.size());
-  return {{"keytype", "ed25519"}, {"scheme", "ed25519"}, {"keyval", {{"public", hex(bytes)}}}};
-}
+Json TestKey::signature(std::string_view bytes) const { return {{"keyid", id()}, {"sig", pair_->sign(bytes)}}; }
 
-std::string TestKey::id() const { return digest(canonical_json(key()), "sha256"); }
-
-Json TestKey::signature(std::string_view bytes) const {
-  const std::unique_ptr<EVP_MD_CTX, decltype(&EVP_MD_CTX_free)> context(EVP_MD_CTX_new(), EVP_MD_CTX_free);
-  std::array<std::uint8_t, 64> signature{};
-  std::size_t size = signature.size();
-  must(context && EVP_DigestSignInit(context.get(), nullptr, nullptr, nullptr, pair_.get()) == 1 &&
-       EVP_DigestSign(context.get(), signature.data(), &size, reinterpret_cast<const unsigned char*>(bytes.data()),
-                      bytes.size()) == 1 &&
-       size == signature.size());
-  return {{"keyid", id()}, {"sig", hex(signature)}};
-}
-
-Json key_objects(TestKeys keys) {
+Json key_objects(const TestKeys& keys) {
   Json objects = Json::object();
   for (const TestKey* key : keys) {
     objects[key->id()] = key->key();
@@ -52,7 +24,7 @@ Json key_objects(TestKeys keys) {
   return objects;
 }
 
-Json signing_authority(TestKeys keys, std::uint64_t threshold) {
+Json signing_authority(const TestKeys& keys, std::uint64_t threshold) {
   Json ids = Json::array();
   for (const TestKey* key : keys) {
     ids.push_back(key->id());
@@ -64,7 +36,7 @@ Json role_body(std::string_view kind, std::uint64_t version, std::string_view ex
   return {{"_type", kind}, {"spec_version", "1.0.31"}, {"version", version}, {"expires", expires}};
 }
 
-Json root_document(TestKeys keys, std::uint64_t version, std::string_view expires) {
+Json root_document(const TestKeys& keys, std::uint64_t version, std::string_view expires) {
   Json body = role_body("root", version, expires);
   body["consistent_snapshot"] = true;
   body["keys"] = key_objects(keys);
@@ -74,7 +46,7 @@ Json root_document(TestKeys keys, std::uint64_t version, std::string_view expire
   return body;
 }
 
-Json with_signatures(const Json& body, TestKeys keys) {
+Json with_signatures(const Json& body, const TestKeys& keys) {
   const std::string payload = canonical_json(body);
   Json signatures = Json::array();
   for (const TestKey* key : keys) {
@@ -83,6 +55,6 @@ Json with_signatures(const Json& body, TestKeys keys) {
   return {{"signatures", signatures}, {"signed", body}};
 }
 
-std::string signed_document(const Json& body, TestKeys keys) { return with_signatures(body, keys).dump(); }
+std::string signed_document(const Json& body, const TestKeys& keys) { return with_signatures(body, keys).dump(); }
 
 }  // namespace ravok::testing

@@ -348,10 +348,8 @@ std::size_t take_globals(const std::vector<std::string>& arguments, CliEntry& en
   return next;
 }
 
-}  // namespace
-
-CliEntry parse_cli_entry(const std::vector<std::string>& arguments, const std::filesystem::path& default_data_dir,
-                         bool* json_requested) {
+// Returns the global options, and the other arguments as they are.
+CliEntry parse_globals(const std::vector<std::string>& arguments, bool* json_requested) {
   if (json_requested != nullptr && asks_for_json(arguments)) {
     *json_requested = true;
   }
@@ -360,13 +358,41 @@ CliEntry parse_cli_entry(const std::vector<std::string>& arguments, const std::f
     require(is_bounded_argument(argument), "usage", "CLI argument exceeds its bound or contains NUL");
   }
   CliEntry entry;
-  entry.data_dir = default_data_dir;
   const std::size_t globals = take_globals(arguments, entry);
   entry.arguments.assign(arguments.begin() + static_cast<std::ptrdiff_t>(globals), arguments.end());
+  return entry;
+}
+
+}  // namespace
+
+CliEntry parse_cli_entry(const std::vector<std::string>& arguments, const std::filesystem::path& default_data_dir,
+                         bool* json_requested) {
+  CliEntry entry = parse_globals(arguments, json_requested);
+  if (!entry.data_dir_given) {
+    entry.data_dir = default_data_dir;
+  }
   require(!entry.data_dir.empty(), "usage", "Data directory must not be empty");
   if (!entry.help) {
     validate(entry.arguments);
   }
+  return entry;
+}
+
+BootstrapEntry parse_bootstrap_entry(const std::vector<std::string>& arguments, bool* json_requested) {
+  CliEntry globals = parse_globals(arguments, json_requested);
+  BootstrapEntry entry;
+  if (globals.data_dir_given) {
+    entry.data_dir = std::move(globals.data_dir);
+  }
+  entry.arguments = std::move(globals.arguments);
+  for (const auto& [given, option] : {std::pair(globals.help, "--help"), std::pair(globals.json, "--json")}) {
+    if (given) {
+      entry.arguments.insert(entry.arguments.begin(), option);
+    }
+  }
+  entry.help = globals.help;
+  const bool starts_game = entry.arguments.size() == 2 && entry.arguments.front() == "--launch";
+  entry.interface = entry.arguments.empty() || starts_game ? "gui" : "cli";
   return entry;
 }
 

@@ -28,6 +28,19 @@ struct CliEntry {
 CliEntry parse_cli_entry(const std::vector<std::string>& arguments, const std::filesystem::path& default_data_dir,
                          bool* json_requested = nullptr);
 
+// The command line of the bootstrap, which hands most of it on.
+struct BootstrapEntry {
+  std::optional<std::filesystem::path> data_dir;  // of --data-dir, where it was given
+  std::string interface;                          // "gui" for the windowed launcher, otherwise "cli"
+  std::vector<std::string> arguments;             // the other arguments, in the given order
+  bool help = false;                              // --help is among these
+};
+
+// Returns the bootstrap's command line: takes --data-dir with its value out of the global options, which stand before
+// the command. What remains means the windowed launcher when it is nothing, or --launch with one more argument; it is
+// not checked. `json_requested` is that of parse_cli_entry. Fails with "usage" for the global options as that does.
+BootstrapEntry parse_bootstrap_entry(const std::vector<std::string>& arguments, bool* json_requested = nullptr);
+
 // Removes the first argument that equals `name`, and the one behind it, and returns the latter; nothing where there is
 // none. Fails with `failure_code`, and leaves the arguments alone, for a name that stands twice or last, and for a
 // value that is empty, longer than 16,384 bytes, or holds a NUL.

@@ -93,6 +93,10 @@ std::filesystem::path default_install_folder(const std::optional<Brand>& brand) 
   return brand ? root.parent_path() / path_from_utf8(brand->name) : root;
 }
 
+std::string not_installed_in(const std::filesystem::path& root) {
+  return "Ravok is not installed in " + path_utf8(root);
+}
+
 bool within(const std::filesystem::path& path, const std::filesystem::path& base) {
   const std::filesystem::path relative = path.lexically_relative(base);
   return !relative.empty() && *relative.begin() != "..";

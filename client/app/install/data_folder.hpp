@@ -6,6 +6,7 @@
 #include <filesystem>
 #include <memory>
 #include <optional>
+#include <string>
 
 #include "app/brand/brand.hpp"
 #include "app/install/setup_callbacks.hpp"
@@ -32,6 +33,9 @@ std::filesystem::path data_folder(const std::filesystem::path& path);
 // Returns the folder of an installation for which the user names no other: the user's data root or, for a brand, a
 // folder of its name beside it. Fails with "user_path" as user_data_root does.
 std::filesystem::path default_install_folder(const std::optional<Brand>& brand);
+
+// Returns the message for a folder that holds no installation.
+std::string not_installed_in(const std::filesystem::path& root);
 
 // Whether `path` is `base` or lies below it, by the text alone.
 bool within(const std::filesystem::path& path, const std::filesystem::path& base);

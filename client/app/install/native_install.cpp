@@ -15,6 +15,7 @@
 #include "app/install/system_failures.hpp"
 #include "app/launcher/launcher_store.hpp"
 #include "domain/error.hpp"
+#include "domain/limits.hpp"
 #include "domain/paths.hpp"
 #include "domain/text_rules.hpp"
 #include "platform/file/files.hpp"
@@ -31,10 +32,6 @@ namespace ravok {
 namespace {
 
 constexpr const char* unbranded_name = "Ravok";
-
-std::string not_installed_in(const std::filesystem::path& root) {
-  return "Ravok is not installed in " + path_utf8(root);
-}
 
 // Whether a folder that holds no installation, whole or interrupted, may take one: it must be empty, or an earlier data
 // folder.
@@ -74,11 +71,24 @@ HeldDirectory require_plain(const HeldDirectory& directory, const std::filesyste
   return std::move(*found);
 }
 
+bool is_replaced_image(const std::string& name) { return std::filesystem::path(name).extension() == ".old"; }
+
+// An update that was broken off between its moves is undone by the next start, out of the files that it replaced. They
+// stay until this repair has replaced the tree, since it may fail before.
+void require_no_broken_update(const DataPaths& paths) {
+  if (is_there(paths.bootstrap_update)) {
+    const DamagedFiles damaged =
+        damaged_snapshot_files(current_bootstrap(paths), paths.bootstrap_directory, {}, maximum_tree_entries);
+    require(std::all_of(damaged.paths.begin(), damaged.paths.end(), is_replaced_image), "content_mismatch",
+            "An update of the bootstrap was broken off");
+  }
+}
+
 void verify_bootstrap(const DataPaths& paths, const HeldDirectory& native) {
+  const HeldDirectory tree = require_plain(native, paths.bootstrap_directory.filename());
+  require_no_broken_update(paths);
   // An update leaves these behind: images that were in use when it replaced them.
-  require_plain(native, paths.bootstrap_directory.filename()).remove_matching_quietly([](const auto& name) {
-    return std::filesystem::path(name).extension() == ".old";
-  });
+  tree.remove_matching_quietly(is_replaced_image);
   verify_snapshot_tree(current_bootstrap(paths), paths.bootstrap_directory, {});
 }
 
@@ -106,7 +116,7 @@ class Installation {
         paths_(data_folder(request.data_root)) {}
 
   NativeInstallResult run() {
-    require(is_utf8(path_utf8(paths_.root)), "unsafe_path", "The path of the data folder must be valid UTF-8");
+    require_startable();
     require_apart();
     require_room();
     root_was_missing_ = is_missing(paths_.root);
@@ -138,6 +148,13 @@ class Installation {
       cancellation_.check();
       return true;
     };
+  }
+
+  // A launcher starts from no other folder, so an installation there would be of no use.
+  void require_startable() const {
+    require(is_utf8(path_utf8(paths_.root)), "unsafe_path", "The path of the data folder must be valid UTF-8");
+    require(path_utf8(paths_.root.relative_path()).find_first_of("\\:") == std::string::npos, "unsafe_path",
+            "The path of the data folder must hold no backslash and no colon");
   }
 
   void require_apart() const {
@@ -185,6 +202,9 @@ class Installation {
     prepare(plan);
     require_clear_way(folders, paths_, package_, plan);
     commit_install(folders, paths_, package_, plan);
+    if (request_.repair) {
+      forget_failed_starts();
+    }
     return describe(plan);
   }
 
@@ -217,6 +237,18 @@ class Installation {
     }
     // From here on, the operation goes through to its end.
     cancellation_.check();
+  }
+
+  // What has been proved whole or replaced may be started again, however often its window has failed to open. A record
+  // that cannot be removed counts those starts on.
+  void forget_failed_starts() const {
+    try {
+      if (const std::optional<HeldDirectory> store = root_->find_directory(name_of(paths_.launcher))) {
+        store->remove_quietly(name_of(LauncherPaths(paths_.launcher).start_marker));
+      }
+    } catch (const Error&) {
+      // The repair itself is done.
+    }
   }
 
   NativeInstallResult describe(const InstallPlan& plan) const {

@@ -37,8 +37,7 @@ class Removal {
         trash_(native_files::temporary_directory(paths_.root) / ("ravok-removed-" + random_id())) {}
 
   NativeUninstallResult run() {
-    require(installation_state(paths_) != InstallationState::none, "not_installed",
-            "Ravok is not installed in " + path_utf8(paths_.root));
+    require(installation_state(paths_) != InstallationState::none, "not_installed", not_installed_in(paths_.root));
     result_.data_root = paths_.root;
     const NativeFileLock setup_lock(paths_.setup_lock, true, NativeLockSharing::others, LockMode::exclusive);
     const std::unique_ptr<NativeFileLock> bootstrap_lock =

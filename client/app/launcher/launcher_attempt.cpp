@@ -110,7 +110,13 @@ void LauncherAttempt::take_leases() {
   attempt_lease_ = std::make_unique<FileLock>(store_.startup_lease_path(attempt_), false, LockMode::shared);
 }
 
-void LauncherAttempt::verify_files() const { verify_snapshot_tree(*manifest_, payload_, nullptr); }
+void LauncherAttempt::verify_files() const {
+  ProgressCallback progress;
+  if (start_.cancelled) {
+    progress = [this](std::uint64_t, std::uint64_t) { return !start_.cancelled(); };
+  }
+  verify_snapshot_tree(*manifest_, payload_, progress);
+}
 
 void LauncherAttempt::start_child(const StartLauncher& start) {
   const bool console = start_.interface == "cli";
@@ -181,6 +187,7 @@ std::optional<int> run_launcher_attempt(const LauncherStore& store, const Launch
   require_startup_limit(start.limit);
   const std::unique_ptr<FileLock> owner = store.owner();
   store.recover_attempt();
+  require(!start.cancelled || !start.cancelled(), "cancelled", start_cancelled);
   const Json record = store.begin_candidate();
   if (record.is_null()) {
     return std::nullopt;

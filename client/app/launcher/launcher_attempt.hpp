@@ -18,12 +18,18 @@
 
 namespace ravok {
 
+// The message of a start that the user no longer wants.
+inline constexpr const char* start_cancelled = "Ravok's start was cancelled";
+
 // What the user has asked of the bootstrap.
 struct LauncherStart {
   std::string interface;               // "cli" or "gui"
   std::vector<std::string> arguments;  // for the launcher, without the data folder
   std::chrono::milliseconds limit;     // how long a candidate may take to be ready, 1 to 30,000 milliseconds
   std::function<bool()> interrupted;   // whether the user wants to stop; empty where nobody can
+  // The same, asked before a version is tried and while its files are proved; empty where a wish to stop is only for
+  // the version on trial.
+  std::function<bool()> cancelled = {};
 };
 
 // A program to be started as the launcher of an attempt.
@@ -122,8 +128,8 @@ class LauncherAttempt {
 // Runs the waiting candidate and returns its exit code once it has ended; the store's owner lock is held until then.
 // Returns nothing when no candidate waits, and when one has failed while another version works, which then can be
 // started. An attempt that was interrupted is recovered first. Fails with "launcher_interface", with "launcher_health"
-// for the limit, as owner and recover_attempt do, with "launcher_startup_timeout" when a failed child may still run,
-// and as the steps above do when no version works.
+// for the limit, with "cancelled" before a version is tried, as owner and recover_attempt do, with
+// "launcher_startup_timeout" when a failed child may still run, and as the steps above do when no version works.
 std::optional<int> run_launcher_attempt(const LauncherStore& store, const LauncherStart& start,
                                         const StartLauncher& start_child = start_launcher);
 

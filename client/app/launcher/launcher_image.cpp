@@ -1,5 +1,7 @@
 #include "app/launcher/launcher_image.hpp"
 
+#include <system_error>
+
 #include "app/launcher/launcher_reference.hpp"
 #include "app/maintenance/maintenance_runtime.hpp"
 #include "domain/data_layout.hpp"
@@ -51,6 +53,11 @@ std::optional<ManagedVersion> managed_version(const std::filesystem::path& image
     return found.has_value();
   });
   return found;
+}
+
+bool is_same_folder(const std::filesystem::path& first, const std::filesystem::path& second) {
+  std::error_code unknown;
+  return std::filesystem::equivalent(first, second, unknown);
 }
 
 }  // namespace ravok

@@ -23,4 +23,7 @@ void reject_staged_image(const std::filesystem::path& image);
 // below more than 256 folders.
 std::optional<ManagedVersion> managed_version(const std::filesystem::path& image);
 
+// Whether both paths lead to one folder, which is there. Two written forms of a data root may do that.
+bool is_same_folder(const std::filesystem::path& first, const std::filesystem::path& second);
+
 }  // namespace ravok

@@ -4,7 +4,6 @@
 #include <array>
 #include <cstdint>
 #include <optional>
-#include <system_error>
 #include <utility>
 
 #include "app/launcher/launcher_image.hpp"
@@ -29,11 +28,6 @@ constexpr std::array<std::string_view, 3> helper_roles = {"crash-handler", "main
 // A variable without a value counts as missing: it is what remains where an attempt's variables were cleared.
 std::string startup_value(std::string_view name) {
   return process_environment(name, maximum_environment_bytes).value_or(std::string());
-}
-
-bool is_same_folder(const std::filesystem::path& first, const std::filesystem::path& second) {
-  std::error_code unknown;
-  return std::filesystem::equivalent(first, second, unknown);
 }
 
 // Returns the record of the attempt that the environment names.

@@ -219,6 +219,14 @@ std::optional<std::vector<std::string>> LauncherStore::names_below(const std::fi
   }
 }
 
+Json LauncherStore::stored_reference(const std::string& manifest_sha256) const {
+  hash_identity(Json(manifest_sha256));
+  const Json document =
+      parse_json(read_file(paths_.manifest(manifest_sha256), maximum_manifest_bytes), maximum_manifest_bytes);
+  return refuse_malformed(state, malformed,
+                          [&] { return make_reference(manifest_sha256, text_at(document, "build_id")); });
+}
+
 Json LauncherStore::fallback_active() const {
   Json best;
   std::filesystem::file_time_type best_time;
@@ -231,9 +239,7 @@ Json LauncherStore::fallback_active() const {
       continue;
     }
     try {
-      const Json document =
-          parse_json(read_file(paths_.manifest(name), maximum_manifest_bytes), maximum_manifest_bytes);
-      Json reference = make_reference(name, text_at(document, "build_id"));
+      Json reference = stored_reference(name);
       manifest(reference);
       const auto time = write_time(folder);
       if (time && (best.is_null() || *time > best_time)) {

@@ -7,6 +7,7 @@
 
 #include <cstdint>
 #include <filesystem>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -21,6 +22,11 @@
 #include "platform/snapshot/progress.hpp"
 
 namespace ravok {
+
+class TufClient;
+
+// Told which part of a long operation begins, and whether the operation can be cancelled in it. May be empty.
+using PhaseCallback = std::function<void(std::string_view name, bool can_cancel)>;
 
 // Returns the client's version by a status of the store: the active one, else the candidate, else null.
 const Json& current_build(const Json& status);
@@ -85,6 +91,11 @@ class LauncherStore {
   // Returns the folder of a reference. Fails with "launcher_missing" for null and with "launcher_state".
   std::filesystem::path payload(const Json& reference) const;
 
+  // Returns the reference of the version whose manifest has this digest, with the build that the manifest on disk
+  // states. Proves nothing else of the manifest; manifest() does. Fails with "launcher_state" for a text that is no
+  // digest and for a document that states no build, and as read_file and parse_json do.
+  Json stored_reference(const std::string& manifest_sha256) const;
+
   // Returns the reference of the newest version on disk whose manifest is whole. Fails with
   // "launcher_state" beyond 64 entries and with "launcher_missing" when there is none.
   Json fallback_active() const;
@@ -94,6 +105,44 @@ class LauncherStore {
   // atomic_private_create, extract_snapshot ("content_mismatch", "cancelled") and save do.
   Json seed_initial(std::string_view manifest_text, const std::filesystem::path& archive,
                     const ProgressCallback& progress) const;
+
+  // Brings the newest published launcher into the store as the next candidate, and touches nothing that runs. Holds
+  // owner() from start to end, so only one staging runs. `phase` is told "verifying", "downloading" and "activating",
+  // the last of them with false. `progress`, which may be empty, is told bytes: of each file that is downloaded, and
+  // then of the unpacking.
+  //
+  // Returns {"staged": true, "activated": false, "build_id", "manifest_sha256"} once the version is the candidate;
+  // {"staged": false, "already_current": true} where the active version is the newest; or {"staged": false, "skipped":
+  // REASON}. Only with `background` is anything skipped:
+  //
+  // - "not_installed", without asking the repository: no version is active
+  // - "cleanup_pending", likewise: a clean-up was begun and not ended
+  // - "not_published": the repository has no launcher for this platform
+  // - "candidate_pending": the newest version waits to be tried
+  // - "failed_before": the newest version has failed
+  // - "startup_pending": the start of a version has begun and not ended
+  //
+  // In the background, the active version is "already_current" by its signed digest alone; without `background` its
+  // files are verified too. Before anything else it ends what a staging that was killed has left half-way.
+  //
+  // Fails with:
+  //
+  // - "launcher_cleanup_pending", with the hint "self cleanup", and "busy" for a start that has not ended; both only
+  //   without `background`. Also with "busy" as owner() does
+  // - "size_limit" for a manifest of more than 524,288 bytes
+  // - "launcher_incompatible" for a launcher of another platform, and as LauncherManifest::parse does
+  // - "content_mismatch" for an archive of which the repository says something else than the manifest, and for a stored
+  //   manifest that is not what its name says
+  // - "launcher_build_conflict" for a build that is in the store with other content
+  // - "launcher_pending" while another candidate waits
+  // - "launcher_storage_full" beyond 8 versions, beyond 4 GiB for the whole store with what is to come, and beyond the
+  //   number of records of each kind, then with the hint "self cleanup"
+  // - "cancelled"
+  // - as load, save, TufClient, TargetDownloads, require_path_room, extract_snapshot and verify_snapshot_tree do
+  //
+  // After a failure the document is as it was, except after "file_sync". What is complete by then is met by the next
+  // staging, which goes on from there.
+  Json stage(TufClient& tuf, const ProgressCallback& progress, const PhaseCallback& phase, bool background) const;
 
   // --- How a version proves itself -----------------------------------------------------------
   //

@@ -1,12 +1,11 @@
 #include "app/setup/setup_console.hpp"
 
-#include <cstdio>
 #include <exception>
 #include <memory>
-#include <new>
 #include <optional>
 
 #include "app/brand/brand.hpp"
+#include "app/command/console_output.hpp"
 #include "app/install/data_folder.hpp"
 #include "app/install/native_package.hpp"
 #include "app/setup/adjacent_package.hpp"
@@ -23,40 +22,11 @@ namespace {
 
 constexpr std::string_view installer_name = "ravok-install";
 
-bool write_text(std::FILE* stream, std::string_view text) {
-  return std::fwrite(text.data(), 1, text.size(), stream) == text.size() && std::fflush(stream) == 0;
-}
-
-void print_result(std::string_view text) {
-  require(write_text(stdout, text), "output_failed", "Cannot write to standard output");
-}
-
-// A failure to write the message is ignored: there is no other place to report it.
-void print_problem(std::string_view message) noexcept {
-  try {
-    write_text(stderr, shown_text(message) + "\n");
-  } catch (const std::bad_alloc&) {
-    write_text(stderr, "Out of memory\n");
-  }
-}
-
-void print_problem_document(const Error& error) noexcept {
-  try {
-    // JSON cannot hold a message that is not UTF-8.
-    const std::string message = is_utf8(error.what()) ? error.what() : shown_text(error.what());
-    const Json document = {{"schema_version", 1}, {"problem", {{"code", error.code}, {"message", message}}}};
-    write_text(stdout, document.dump() + "\n");
-  } catch (const std::bad_alloc&) {
-    write_text(stdout, R"({"problem":{"code":"setup_failed","message":"Out of memory"},"schema_version":1})"
-                       "\n");
-  }
-}
-
 std::string_view phase_line(std::string_view phase) {
   if (phase == "verifying") {
-    return "Verifying…\n";
+    return "Verifying…";
   }
-  return phase == "installing" ? "Installing…\n" : "Removing…\n";
+  return phase == "installing" ? "Installing…" : "Removing…";
 }
 
 // Takes over the brand of the package that is to be installed, and with it the folder, unless the user chose one.
@@ -111,14 +81,9 @@ int run_setup_console(const std::vector<std::string>& arguments, std::string_vie
     run_parsed_command(command, program_name, package_seal, cancel);
     return 0;
   } catch (const Error& error) {
-    if (json) {
-      print_problem_document(error);
-    }
-    print_problem(error.what());
-    return exit_code(error);
+    return tell_failure(error, json);
   } catch (const std::exception& problem) {
-    print_problem(problem.what());
-    return 1;
+    return tell_failure(problem);
   }
 }
 
@@ -131,7 +96,7 @@ NativeSetupCallbacks console_callbacks(bool json, const std::function<bool()>& c
                                                                        std::uint64_t) {
       if (phase != *announced) {
         *announced = phase;
-        write_text(stderr, phase_line(phase));
+        print_notice(phase_line(phase));
       }
     };
   }

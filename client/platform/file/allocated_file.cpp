@@ -11,6 +11,7 @@
 #include "domain/error.hpp"
 #include "domain/limits.hpp"
 #include "domain/paths.hpp"
+#include "domain/text_rules.hpp"
 #include "platform/file/file_operations.hpp"
 #include "platform/file/files.hpp"
 #include "platform/file/posix_files.hpp"
@@ -18,6 +19,9 @@
 
 namespace ravok {
 namespace {
+
+// How many bytes are brought on their way to storage at once.
+constexpr std::uint64_t flush_piece_bytes = 1 << 20;
 
 // Turns a problem into its failure, and no problem into none.
 void require_storage(const Problem& problem, std::string_view code, std::string_view message) {
@@ -28,6 +32,11 @@ void require_storage(const Problem& problem, std::string_view code, std::string_
     fail("insufficient_space", "Cannot allocate game storage; free space or choose another location");
   }
   fail(code, std::string(message) + " (" + std::to_string(problem.number) + ")");
+}
+
+// The system takes a path to end at a NUL, and would make or open another file.
+void require_whole_path(const std::filesystem::path& path) {
+  require(!has_nul(path_utf8(path)), "unsafe_path", "Native path contains a NUL byte");
 }
 
 // Returns an empty path, which every later check refuses, where there is no absolute form.
@@ -45,6 +54,7 @@ bool is_private(const Status& status) {
 struct AllocatedFile::Implementation {
   FileReservation reservation;
   std::uint64_t written = 0;
+  std::uint64_t begun = 0;  // how many of these are on their way to storage
   bool owned = false;
   bool identity_known = false;
   bool must_be_private = false;
@@ -79,6 +89,7 @@ struct AllocatedFile::Implementation {
   }
 
   void open_for_inspection(std::string_view message) {
+    require_whole_path(reservation.path);
     Result<Handle> opened = os::open(reservation.path, os::OpenAs::file);
     require(opened.has_value(), "unsafe_path", message);
     file = *std::move(opened);
@@ -88,6 +99,7 @@ struct AllocatedFile::Implementation {
   void open_for_writing(bool create) {
     require(reservation.size <= static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max()), "size_limit",
             "File allocation exceeds native length bounds");
+    require_whole_path(reservation.path);
     reservation.path = absolute_form(reservation.path);
     Result<Handle> directory = os::open(reservation.path.parent_path(), os::OpenAs::passage);
     require(directory.has_value(), "unsafe_path", "Allocation requires an ordinary parent directory");
@@ -185,7 +197,18 @@ struct AllocatedFile::Implementation {
             "Prepared file was replaced or changed; reserved content was preserved");
     require_same_path("Prepared allocation path changed");
     written = resumed.value_or(0);
+    begun = written;
     seek(written);
+  }
+
+  // Brings what was written on its way to storage while more arrives, piece by piece, so that the end need not wait for
+  // all of it. What is written over after a restart goes that way again.
+  void begin_flush() {
+    begun = std::min(begun, written);
+    if (written - begun >= flush_piece_bytes) {
+      os::begin_flush(file.get(), begun, written - begun);
+      begun = written;
+    }
   }
 
   void synchronize() {
@@ -319,6 +342,7 @@ void AllocatedFile::write(std::string_view bytes) {
     file.written += *count;
     bytes.remove_prefix(*count);
   }
+  file.begin_flush();
 }
 
 void AllocatedFile::set_executable(bool executable) {

@@ -47,7 +47,7 @@ class AllocatedFile {
   using ContentSink = std::function<void(std::string_view bytes)>;
 
   // Makes a file of `length` bytes, at most 2^63 - 1, where nothing may exist yet, in an ordinary
-  // directory; a path that ends with a separator names no file. The mode is 0600 whatever the process's
+  // directory; a path that ends with a separator or holds a NUL names no file. The mode is 0600 whatever the process's
   // mask. `callback` may be empty; what it throws goes on, and the file is removed.
   // Fails with "size_limit", "unsafe_path", "permissions", "allocation_changed",
   // "insufficient_space" without room, and "space_reservation" when blocks cannot be claimed for

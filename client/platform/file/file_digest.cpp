@@ -18,8 +18,9 @@ struct Piece {
   bool failed;
 };
 
-// Fills the buffer from the file. A buffer that is not full holds the end of the file.
-Piece read_piece(int file, std::span<std::uint8_t> buffer) {
+// Fills the buffer from the file. A buffer that is not full holds the end of the file. `left` is how many bytes are
+// left in the file, where that is known: a read of a file ends short only at its end.
+Piece read_piece(int file, std::span<std::uint8_t> buffer, std::optional<std::uint64_t> left) {
   std::size_t size = 0;
   while (size < buffer.size()) {
     const Result<std::size_t> count = os::read(file, buffer.data() + size, buffer.size() - size);
@@ -27,6 +28,9 @@ Piece read_piece(int file, std::span<std::uint8_t> buffer) {
       return {size, !count};
     }
     size += *count;
+    if (size == left) {
+      break;
+    }
   }
   return {size, false};
 }
@@ -43,8 +47,16 @@ FileDigester::FileDigester(std::string_view algorithm)
     : algorithm_(digest_algorithm(algorithm)), buffer_(piece_bytes) {}
 
 std::string FileDigester::digest(int file, const ProgressCallback& progress) {
+  return digest_to_end(file, std::nullopt, progress);
+}
+
+std::string FileDigester::digest(int file, std::uint64_t size, const ProgressCallback& progress) {
+  return digest_to_end(file, size, progress);
+}
+
+std::string FileDigester::digest_to_end(int file, std::optional<std::uint64_t> size, const ProgressCallback& progress) {
   require(context_.start(algorithm_), "crypto_failure", "Could not initialize file hash");
-  const std::uint64_t total = progress ? file_size(file) : 0;
+  const std::uint64_t total = !progress ? 0 : size ? *size : file_size(file);
   const auto report = [&](std::uint64_t done) {
     require(!progress || progress(done, total), "cancelled", "File verification cancelled");
   };
@@ -53,7 +65,8 @@ std::string FileDigester::digest(int file, const ProgressCallback& progress) {
   std::uint64_t done = 0;
   Piece piece{};
   do {
-    piece = read_piece(file, buffer_);
+    const bool is_known = size && *size >= done;
+    piece = read_piece(file, buffer_, is_known ? std::optional(*size - done) : std::nullopt);
     require(context_.update(std::span(buffer_).first(piece.size)), "crypto_failure", "Could not hash file");
     done += piece.size;
     require(!progress || done <= total, "content_mismatch", "File grew beyond its verification bound");

@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <filesystem>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -22,7 +23,13 @@ class FileDigester {
   // digest_file_progress does.
   std::string digest(int file, const ProgressCallback& progress);
 
+  // The same for an ordinary file at its beginning whose size the caller has just asked for. Spares the calls that ask
+  // for it again.
+  std::string digest(int file, std::uint64_t size, const ProgressCallback& progress);
+
  private:
+  std::string digest_to_end(int file, std::optional<std::uint64_t> size, const ProgressCallback& progress);
+
   const evp_md_st* algorithm_;
   DigestContext context_;
   std::vector<std::uint8_t> buffer_;

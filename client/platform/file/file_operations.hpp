@@ -60,6 +60,10 @@ Problem set_size(int file, std::uint64_t size);
 // Flushes a file or directory to stable storage, through the device's own cache where the system has a call for that.
 Problem flush(int handle);
 
+// Begins to bring a part of a file to storage, so that flush() has less left to do. Promises nothing, and does nothing
+// where the system has no call for it.
+void begin_flush(int file, std::uint64_t offset, std::uint64_t size);
+
 // Claims all blocks of a file of `length` bytes, or none, and sets its size to `length`; a length of 0 changes nothing.
 // Refused with Cause::no_space without room, and with Cause::unsupported by a volume that cannot claim blocks.
 Problem reserve(int file, std::uint64_t length);

@@ -9,12 +9,27 @@ namespace {
 
 constexpr const char* running_image = "/proc/self/exe";
 
+// What the system adds to the path of an image that has been removed or replaced.
+constexpr std::string_view removed_image = " (deleted)";
+
 // The system tells where the image lay when it was started. Since then it may have been removed, which adds words
 // to the path, and another file may have taken its place.
 bool is_running_image(const std::string& path) {
   const auto named = link_status_of(path);
   const auto running = target_status_of(running_image);
   return named && running && same_file(*named, *running);
+}
+
+// The path of the image as the system tells it.
+std::optional<std::string> image_path(std::size_t limit) {
+  // One byte more than allowed tells a path that is cut off from one that just fits.
+  std::string path(limit + 1, '\0');
+  const ssize_t size = readlink(running_image, path.data(), path.size());
+  if (size <= 0 || static_cast<std::size_t>(size) > limit) {
+    return std::nullopt;
+  }
+  path.resize(static_cast<std::size_t>(size));
+  return path;
 }
 
 }  // namespace
@@ -28,14 +43,16 @@ bool programs_are_bundles() { return false; }
 std::string_view data_root_below_home() { return ".local/share/Ravok"; }
 
 std::optional<std::string> executable_path(std::size_t limit) {
-  // One byte more than allowed tells a path that is cut off from one that just fits.
-  std::string path(limit + 1, '\0');
-  const ssize_t size = readlink(running_image, path.data(), path.size());
-  if (size <= 0 || static_cast<std::size_t>(size) > limit) {
-    return std::nullopt;
+  const std::optional<std::string> path = image_path(limit);
+  return path && is_running_image(*path) ? path : std::nullopt;
+}
+
+std::optional<std::string> started_executable_path(std::size_t limit) {
+  std::optional<std::string> path = image_path(limit + removed_image.size());
+  if (path && path->ends_with(removed_image) && !is_running_image(*path)) {
+    path->resize(path->size() - removed_image.size());
   }
-  path.resize(static_cast<std::size_t>(size));
-  return is_running_image(path) ? std::optional(path) : std::nullopt;
+  return path && path->size() <= limit ? path : std::nullopt;
 }
 
 std::string_view directory_opener() { return "xdg-open"; }

@@ -12,6 +12,8 @@ Problem os::flush(int handle) {
   return posix::done([&] { return fcntl(handle, F_FULLFSYNC); });
 }
 
+void os::begin_flush(int, std::uint64_t, std::uint64_t) {}
+
 Problem posix::claim_blocks(int descriptor, std::uint64_t allocated, std::uint64_t length) {
   const auto wanted = static_cast<off_t>(length - allocated);
   fstore_t claim{};

@@ -47,7 +47,7 @@ class PreparedChild {
   PreparedChild& operator=(const PreparedChild&) = delete;
 
   void run() {
-    require(os::activate_child(activation_), not_prepared, "Cannot activate the prepared game");
+    const bool activated = os::activate_child(activation_);
     activation_.reset();
     const std::optional<Problem> problem = os::start_problem(start_);
     start_.reset();
@@ -55,6 +55,8 @@ class PreparedChild {
       // It may have become its program, and would then not end.
       static_cast<void>(os::kill_child(pid_));
     }
+    // A child that fails before it waits has ended, and cannot be activated; its own report says more.
+    require(activated || !problem || *problem, not_prepared, "Cannot activate the prepared game");
     if (!problem || *problem) {
       fail(not_prepared, "Cannot execute the installed game", {"verify GAME", "repair GAME"});
     }

@@ -7,6 +7,7 @@
 #include "domain/error.hpp"
 #include "domain/paths.hpp"
 #include "domain/text_rules.hpp"
+#include "platform/file/status.hpp"
 #include "platform/os.hpp"
 #include "platform/process/launch_rules.hpp"
 #include "platform/process/process_operations.hpp"
@@ -54,6 +55,11 @@ bool is_key_character(char c) { return is_letter_or_digit(c) || c == '_'; }
   fail("process_start", "Cannot replace this process (native error " + std::to_string(end.problem.number) + ")");
 }
 
+std::filesystem::path require_image(const std::optional<std::string>& path) {
+  require(path.has_value(), "launcher_identity", "Cannot identify this native executable within its path bound");
+  return path_from_utf8(*path);
+}
+
 }  // namespace
 
 std::vector<std::string> process_arguments(int argc, const char* const* argv) {
@@ -85,9 +91,19 @@ std::optional<std::string> process_environment(std::string_view key, std::size_t
 }
 
 std::filesystem::path current_executable_path() {
-  const std::optional<std::string> path = os::executable_path(maximum_executable_path_bytes);
-  require(path.has_value(), "launcher_identity", "Cannot identify this native executable within its path bound");
-  return path_from_utf8(*path);
+  return require_image(os::executable_path(maximum_executable_path_bytes));
+}
+
+std::filesystem::path started_executable_path() {
+  std::optional<std::string> path = os::started_executable_path(maximum_executable_path_bytes);
+  if (path && is_missing(*path)) {
+    path.reset();
+  }
+  return require_image(path);
+}
+
+void require_replacement_arguments(const std::vector<std::string>& arguments) {
+  launch_arguments({}, arguments, replacement_refusals);
 }
 
 void replace_process(const std::filesystem::path& image, const std::vector<std::string>& arguments,

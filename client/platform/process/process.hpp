@@ -26,6 +26,10 @@ std::optional<std::string> process_environment(std::string_view key, std::size_t
 // removed since it was started or, where the system tells, replaced.
 std::filesystem::path current_executable_path();
 
+// The same for a program that may be replaced while it starts: returns the path that its image had then, where a file
+// has that path now.
+std::filesystem::path started_executable_path();
+
 // Replace this process with another program, in another directory, both absolute and no links, and return
 // only by failing. The arguments, at most 64 of at most 4096 bytes, do not hold the program's name. The
 // variable that hands the console's interrupts to a launcher is never inherited; replace_process also
@@ -35,5 +39,8 @@ std::filesystem::path current_executable_path();
                                   const std::filesystem::path& directory, const ProcessEnvironment& environment);
 [[noreturn]] void exec_process(const std::filesystem::path& image, const std::vector<std::string>& arguments,
                                const std::filesystem::path& directory, const ProcessEnvironment& environment);
+
+// Accepts only arguments that the two take. Fails with "argument_limit" or "argument_encoding" as they do.
+void require_replacement_arguments(const std::vector<std::string>& arguments);
 
 }  // namespace ravok

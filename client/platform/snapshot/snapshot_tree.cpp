@@ -68,19 +68,20 @@ class FileInspector {
       return Condition::different;
     }
     const auto status = status_of(file->get());
-    if (!status || !is_file(*status) || status->size != expected.length || digest(file->get()) != expected.sha256) {
+    if (!status || !is_file(*status) || status->size != expected.length ||
+        digest(file->get(), status->size) != expected.sha256) {
       return Condition::different;
     }
     return expected.executable && (status->permissions & permissions::owner_executes) == 0 ? Condition::not_executable
                                                                                            : Condition::whole;
   }
 
-  std::string digest(int file) {
+  std::string digest(int file, std::uint64_t size) {
     if (!progress_) {
-      return digester_.digest(file, {});
+      return digester_.digest(file, size, {});
     }
     try {
-      return digester_.digest(file, [&](std::uint64_t in_file, std::uint64_t) {
+      return digester_.digest(file, size, [&](std::uint64_t in_file, std::uint64_t) {
         report(progress_, done_ + in_file, total_);
         return true;
       });

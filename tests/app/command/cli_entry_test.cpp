@@ -523,6 +523,109 @@ TEST(CliEntry, LeavesAnEarlierRequestForJson) {
   EXPECT_TRUE(requested);
 }
 
+BootstrapEntry bootstrap_entry_of(const Arguments& arguments) { return parse_bootstrap_entry(arguments); }
+
+void expect_entry(const Arguments& given, const char* interface, const Arguments& handed_on) {
+  const BootstrapEntry entry = bootstrap_entry_of(given);
+  EXPECT_EQ(entry.interface, interface) << ::testing::PrintToString(given);
+  EXPECT_EQ(entry.arguments, handed_on) << ::testing::PrintToString(given);
+}
+
+TEST(BootstrapEntry, MeansTheWindowWithoutACommandOrToLaunchAGame) {
+  expect_entry({}, "gui", {});
+  expect_entry({"--launch", "game"}, "gui", {"--launch", "game"});
+  expect_entry({"--data-dir", "/data"}, "gui", {});
+  expect_entry({"--data-dir", "/data", "--launch", "game"}, "gui", {"--launch", "game"});
+  // What stands behind --launch is the launcher's to judge.
+  for (const char* const word : {"", "--", "--json", "--help", "--data-dir", "Game"}) {
+    expect_entry({"--launch", word}, "gui", {"--launch", word});
+  }
+}
+
+TEST(BootstrapEntry, MeansTheConsoleOtherwise) {
+  for (const Arguments& arguments : {Arguments{"list"},
+                                     {"self", "status"},
+                                     {"--json"},
+                                     {"--help"},
+                                     {"--launch"},
+                                     {"--launch", "game", "more"},
+                                     {"launch", "game"},
+                                     {""},
+                                     {"--"},
+                                     {"-h"},
+                                     {"--json", "--launch", "game"},
+                                     {"--", "--launch"},
+                                     {"--bogus"},
+                                     {"list", "--data-dir", "/data"},
+                                     {"--launch", "game", "--data-dir", "/data"}}) {
+    expect_entry(arguments, "cli", arguments);
+  }
+}
+
+TEST(BootstrapEntry, TakesTheDataFolderOutOfTheGlobalOptions) {
+  for (const Arguments& arguments :
+       {Arguments{"--data-dir", "/data", "--json", "list"}, {"--json", "--data-dir", "/data", "list"}}) {
+    const BootstrapEntry entry = bootstrap_entry_of(arguments);
+    EXPECT_EQ(entry.data_dir, "/data");
+    EXPECT_EQ(entry.arguments, (Arguments{"--json", "list"}));
+    EXPECT_EQ(entry.interface, "cli");
+    EXPECT_FALSE(entry.help);
+  }
+  EXPECT_EQ(bootstrap_entry_of({"--data-dir", "--json", "list"}).data_dir, "--json");
+  EXPECT_EQ(bootstrap_entry_of({"list", "--data-dir", "/data"}).data_dir, std::nullopt);
+  EXPECT_EQ(bootstrap_entry_of({}).data_dir, std::nullopt);
+}
+
+TEST(BootstrapEntry, SaysThatHelpIsWantedAndHandsItOn) {
+  for (const Arguments& arguments : {Arguments{"--help"}, {"--help", "--launch", "game"}, {"--help", "--bogus"}}) {
+    const BootstrapEntry entry = bootstrap_entry_of(arguments);
+    EXPECT_TRUE(entry.help);
+    EXPECT_EQ(entry.arguments, arguments);
+    EXPECT_EQ(entry.interface, "cli");
+  }
+  const BootstrapEntry both = bootstrap_entry_of({"--help", "--data-dir", "/data", "--json"});
+  EXPECT_TRUE(both.help);
+  EXPECT_EQ(both.data_dir, "/data");
+  EXPECT_EQ(both.arguments, (Arguments{"--json", "--help"}));
+  // Behind the command it is the command's.
+  EXPECT_FALSE(bootstrap_entry_of({"list", "--help"}).help);
+}
+
+TEST(BootstrapEntry, RefusesWrongGlobalOptionsAsTheClientDoes) {
+  const auto refuses = [](const Arguments& arguments, const std::string& message) {
+    EXPECT_FAILURE(parse_bootstrap_entry(arguments), "usage", message);
+  };
+  for (const char* const option : {"--json", "--help"}) {
+    refuses({option, option}, std::string("Duplicate global option: ") + option);
+  }
+  refuses({"--data-dir", "/a", "--data-dir", "/b"}, "Duplicate global option: --data-dir");
+  refuses({"--data-dir"}, no_path);
+  refuses({"--data-dir", ""}, no_path);
+  refuses({"--launch", std::string(16'385, 'x')}, bad_argument);
+  refuses({"--launch", std::string("a\0b", 3)}, bad_argument);
+  refuses(Arguments(129, "list"), "CLI invocation exceeds 128 arguments");
+  expect_entry(Arguments(128, "list"), "cli", Arguments(128, "list"));
+}
+
+TEST(BootstrapEntry, SaysThatJsonWasRequestedEvenOfARefusedLine) {
+  for (const Arguments& arguments :
+       {Arguments{"--json"}, {"list", "--json"}, {"--help", "--json"}, {"--data-dir", "/data", "--json"}}) {
+    bool json = false;
+    parse_bootstrap_entry(arguments, &json);
+    EXPECT_TRUE(json) << ::testing::PrintToString(arguments);
+  }
+  for (const Arguments& arguments : {Arguments{"--json", "--json"}, {"--json", "--data-dir"}}) {
+    bool json = false;
+    EXPECT_EQ(testing::failure_of([&] { parse_bootstrap_entry(arguments, &json); })->code, "usage");
+    EXPECT_TRUE(json) << ::testing::PrintToString(arguments);
+  }
+  for (const Arguments& arguments : {Arguments{}, {"list"}, {"--data-dir", "--json"}}) {
+    bool json = false;
+    parse_bootstrap_entry(arguments, &json);
+    EXPECT_FALSE(json) << ::testing::PrintToString(arguments);
+  }
+}
+
 TEST(CliOption, TakesTheOptionAndItsValueOut) {
   Arguments arguments = {"observe", "--session", "--x", "game"};
   EXPECT_EQ(cli_option(arguments, "--session", "usage"), "--x");

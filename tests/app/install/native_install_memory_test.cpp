@@ -7,10 +7,10 @@
 
 #include "app/install/native_install.hpp"
 #include "platform/process/native_platform.hpp"
-#include "publisher/publish_key.hpp"
 #include "publisher/publish_package.hpp"
 #include "publisher/publish_root.hpp"
 #include "publisher/publish_snapshot.hpp"
+#include "publisher/signing/publish_key.hpp"
 #include "support/process_memory.hpp"
 #include "support/snapshot_builder.hpp"
 #include "support/temporary_root.hpp"

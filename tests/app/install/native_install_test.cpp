@@ -20,6 +20,7 @@
 #include "app/brand/theme_folder.hpp"
 #include "app/install/setup_marker.hpp"
 #include "app/launcher/launcher_store.hpp"
+#include "app/launcher/start_marker.hpp"
 #include "domain/crypto.hpp"
 #include "domain/paths.hpp"
 #include "platform/file/native_lock.hpp"
@@ -348,17 +349,21 @@ TEST_F(NativeInstall, RefusesABadChoiceOfAFolder) {
   EXPECT_TRUE(same_tree(tree_state(place.root() / "elsewhere"), TreeState()));
 }
 
-TEST_F(NativeInstall, RefusesAFolderWhoseNameIsNotUtf8) {
+TEST_F(NativeInstall, RefusesAFolderThatNoLauncherStartsFrom) {
+  constexpr const char* not_utf8 = "The path of the data folder must be valid UTF-8";
+  constexpr const char* other = "The path of the data folder must hold no backslash and no colon";
   NativeInstallRequest request;
   request.package = place.package_directory();
-  request.data_root = place.root() / "\xff";
   const Names before = place.root().names();
-  for (const bool repair : {false, true}) {
-    request.repair = repair;
-    EXPECT_FAILURE(NativeInstaller::install(request, place.seal(), {}), "unsafe_path",
-                   "The path of the data folder must be valid UTF-8");
+  for (const auto& [folder, message] :
+       {std::pair("\xff", not_utf8), {"a\\b", other}, {"a\\/data", other}, {"a:b", other}, {":/data", other}}) {
+    request.data_root = place.root() / folder;
+    for (const bool repair : {false, true}) {
+      request.repair = repair;
+      EXPECT_FAILURE(NativeInstaller::install(request, place.seal(), {}), "unsafe_path", message);
+    }
+    EXPECT_EQ(place.root().names(), before) << folder;
   }
-  EXPECT_EQ(place.root().names(), before);
 }
 
 TEST_F(NativeInstall, KeepsPackageAndDataApart) {
@@ -885,6 +890,20 @@ TEST_F(NativeInstall, ThrowsAwayWhatAnEarlierRunLeftInStaging) {
 
 // --- Repair ------------------------------------------------------------------------------------
 
+TEST_F(NativeInstall, RepairLetsAVersionBeStartedAgainWhoseWindowDidNotOpen) {
+  place.install();
+  const TreeState before = lasting();
+  mark_start(data, std::string(64, 'a'), 2, 0);
+  ASSERT_FALSE(same_tree(lasting(), before));
+  EXPECT_EQ(place.repair().replaced, Names());
+  EXPECT_TRUE(same_tree(lasting(), before));
+
+  // A folder of the record's name is none of setup's.
+  std::filesystem::create_directories(start_marker(data) / "kept");
+  EXPECT_EQ(place.repair().replaced, Names());
+  EXPECT_TRUE(std::filesystem::exists(start_marker(data) / "kept"));
+}
+
 TEST_F(NativeInstall, RepairOfAnIntactFolderReplacesNothing) {
   place.write_player_data();
   place.install();
@@ -981,6 +1000,33 @@ TEST_F(NativeInstall, RepairRemovesOldImagesBeforeItVerifies) {
   place.write("native/bootstrap/data/notes.old", "old");
   EXPECT_EQ(place.repair().replaced, Names());
   EXPECT_TRUE(same_tree(lasting(), good));
+}
+
+TEST_F(NativeInstall, RepairLeavesTheWayBackOfABrokenUpdateUntilItHasReplacedTheTree) {
+  place.install();
+  const TreeState good = lasting();
+  const std::string program = "native/bootstrap/bin/ravok-bootstrap";
+  place.write(program + ".old", place.read(program));
+  place.write(program, "new");
+  place.write("native/bootstrap-update.json", "update");
+  const TreeState broken = lasting();
+  int at = 1;
+  for (bool ended = false; !ended; ++at) {
+    cancel_at(at);
+    const auto failure = testing::failure_of([&] { EXPECT_EQ(place.repair().replaced, Names{"bootstrap"}); });
+    ended = !failure;
+    EXPECT_TRUE(same_tree(lasting(), ended ? good : broken)) << at;
+  }
+  EXPECT_GT(at, 4);
+}
+
+TEST_F(NativeInstall, RepairRemovesOldImagesBesideAnUpdateThatHasNotBegun) {
+  place.install();
+  place.write("native/bootstrap-update.json", "update");
+  const TreeState waiting = lasting();
+  place.write("native/bootstrap/data/notes.old", "old");
+  EXPECT_EQ(place.repair().replaced, Names());
+  EXPECT_TRUE(same_tree(lasting(), waiting));
 }
 
 TEST_F(NativeInstall, RepairRemovesNothingElseThatLooksOld) {

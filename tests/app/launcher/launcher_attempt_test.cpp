@@ -412,6 +412,16 @@ TEST_F(LauncherAttempts, PassAnInterruptOnAndReject) {
   expect_rejection("startup_failed");
 }
 
+TEST_F(LauncherAttempts, BeginNothingThatTheUserNoLongerWants) {
+  start_.cancelled = [] { return true; };
+  const std::string before = place_.document_text();
+  const auto failure = failure_of([&] { run(); });
+  ASSERT_TRUE(failure);
+  EXPECT_EQ(failure->code, "cancelled");
+  EXPECT_STREQ(failure->what(), "Ravok's start was cancelled");
+  EXPECT_EQ(place_.document_text(), before);
+}
+
 TEST_F(LauncherAttempts, PassAnInterruptOnWhileTheChildRuns) {
   const StillClock clock;
   bool wanted = false;

@@ -640,6 +640,32 @@ TEST_F(StoredManifests, TellWhereTheirVersionLies) {
   EXPECT_FAILURE(store->payload(nullptr), "launcher_missing", "No working launcher is installed");
 }
 
+TEST_F(LauncherStores, ReadTheReferenceOfAVersionThatIsThere) {
+  const auto store = open();
+  const Json version = store_build("build-1");
+  EXPECT_EQ(store->stored_reference(sha_of(version)), version);
+  // What it says is proved only with the manifest.
+  const std::string changed = sha_of(store_build("build-2"));
+  root_.write("launcher/manifests/" + changed + ".json", R"({"build_id": "../other"})");
+  EXPECT_EQ(store->stored_reference(changed), (Json{{"manifest_sha256", changed}, {"build_id", "../other"}}));
+  EXPECT_FAILURE(store->manifest(store->stored_reference(changed)), "content_mismatch",
+                 "Stored launcher manifest changed");
+}
+
+TEST_F(LauncherStores, ReadNoReferenceFromAManifestWithoutABuild) {
+  const auto store = open();
+  const std::string sha256 = sha_of(store_build("build-1"));
+  for (const char* const text : {"{}", R"({"build_id": 1})", "[]", "null", "\"build-1\""}) {
+    root_.write("launcher/manifests/" + sha256 + ".json", text);
+    EXPECT_FAILURE(store->stored_reference(sha256), "launcher_state",
+                   "Launcher installation record is malformed; it was preserved")
+        << text;
+  }
+  for (const std::string& name : {std::string("short"), sha('A'), std::string("../") + sha('a')}) {
+    EXPECT_FAILURE(store->stored_reference(name), "launcher_state", "Launcher manifest identity is invalid") << name;
+  }
+}
+
 using Fallbacks = LauncherStores;
 
 TEST_F(Fallbacks, AreTheNewestVersion) {

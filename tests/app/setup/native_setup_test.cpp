@@ -15,11 +15,11 @@
 #include <vector>
 
 #include <gtest/gtest.h>
-#include <pthread.h>
 
 #include "platform/file/native_lock.hpp"
 #include "support/failure.hpp"
 #include "support/install_place.hpp"
+#include "support/no_threads.hpp"
 #include "support/working_directory.hpp"
 
 namespace ravok {
@@ -132,32 +132,10 @@ TEST_F(NativeSetupTest, IsBusyToTheEndOfItsLastWakeUp) {
 
 #ifdef __linux__
 
-// While it lives, the system has no room for another thread.
-class NoThreads {
- public:
-  NoThreads() {
-    EXPECT_EQ(pthread_getattr_default_np(&former_), 0);
-    pthread_attr_t attributes;
-    EXPECT_EQ(pthread_getattr_default_np(&attributes), 0);
-    EXPECT_EQ(pthread_attr_setstacksize(&attributes, std::size_t{1} << 50), 0);
-    EXPECT_EQ(pthread_setattr_default_np(&attributes), 0);
-    pthread_attr_destroy(&attributes);
-  }
-  ~NoThreads() {
-    pthread_setattr_default_np(&former_);
-    pthread_attr_destroy(&former_);
-  }
-  NoThreads(const NoThreads&) = delete;
-  NoThreads& operator=(const NoThreads&) = delete;
-
- private:
-  pthread_attr_t former_;
-};
-
 TEST_F(NativeSetupTest, EndsAtOnceWithoutAThread) {
   FrontEnd front(place.seal());
   {
-    const NoThreads none;
+    const testing::NoThreads none;
     front.setup.start(status());
   }
   expect_failed(front.setup.view(), "setup_failed", std::system_error(EAGAIN, std::generic_category()).what());

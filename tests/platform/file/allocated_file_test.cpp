@@ -142,6 +142,23 @@ TEST_F(AllocatedFileTest, NeverMakesAFileThroughALink) {
   EXPECT_EQ(root.names(), Names{"file@"});
 }
 
+// The system would take such a path to end at its NUL.
+TEST_F(AllocatedFileTest, MakesAndOpensNoPathWithANul) {
+  constexpr const char* with_nul = "Native path contains a NUL byte";
+  const std::filesystem::path longer = path.native() + std::string("\0more", 5);
+  EXPECT_FAILURE(AllocatedFile(longer, 4, {}), "unsafe_path", with_nul);
+  EXPECT_EQ(root.names(), Names());
+  EXPECT_FAILURE(AllocatedFile(longer, largest_length + 1, {}), "size_limit",
+                 "File allocation exceeds native length bounds");
+  FileReservation reservation = AllocatedFile(path, 4, {}).retain_reservation();
+  reservation.path = longer;
+  EXPECT_FAILURE(AllocatedFile{reservation}, "unsafe_path", with_nul);
+  EXPECT_FAILURE(AllocatedFile(reservation, 0), "unsafe_path", with_nul);
+  EXPECT_FAILURE(AllocatedFile::verify_identity(reservation), "unsafe_path", with_nul);
+  EXPECT_FAILURE(AllocatedFile::inspect_file(longer), "unsafe_path", with_nul);
+  EXPECT_EQ(root.names(), Names{"file"});
+}
+
 TEST_F(AllocatedFileTest, RefusesALengthThatTheSystemCannotHold) {
   EXPECT_FAILURE(AllocatedFile(path, largest_length + 1, {}), "size_limit",
                  "File allocation exceeds native length bounds");

@@ -181,7 +181,8 @@ TEST_F(ChildFault, AGroupIsInPlaceBeforeTheChildIsMadeKnown) {
     told = pid;
     group = getpgid(static_cast<pid_t>(pid));
   };
-  expect_not_started(start, "process_start", "Cannot execute the installed game");
+  EXPECT_FAILURE(start_child(start), "process_start", "Cannot execute the installed game");
+  EXPECT_FALSE(was_run());
   EXPECT_EQ(static_cast<std::uint64_t>(group), told);
 }
 

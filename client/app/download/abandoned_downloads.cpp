@@ -1,0 +1,124 @@
+#include "app/download/abandoned_downloads.hpp"
+
+#include <algorithm>
+#include <cstddef>
+#include <map>
+#include <string_view>
+#include <vector>
+
+#include "app/download/download_receipt.hpp"
+#include "app/download/receipt_folder.hpp"
+#include "app/download/torn_write.hpp"
+#include "domain/data_layout.hpp"
+#include "domain/error.hpp"
+#include "domain/paths.hpp"
+#include "platform/file/files.hpp"
+#include "platform/file/held_directory.hpp"
+#include "platform/file/managed_paths.hpp"
+#include "platform/file/status.hpp"
+#include "tuf/resume_state.hpp"
+
+namespace ravok {
+namespace {
+
+std::filesystem::path intents_of(const std::filesystem::path& store) {
+  return safe_join(store, path_utf8(LauncherPaths({}).download_intents), true);
+}
+
+std::filesystem::path download_of(const std::filesystem::path& store, const std::string& name) {
+  return safe_join(store, path_utf8(LauncherPaths({}).downloads / path_from_utf8(name)), true);
+}
+
+// Whether the file holds the first bytes of a receipt and not all of one.
+bool is_torn_receipt(const HeldDirectory& folder, const std::string& name) {
+  const std::string text = read_file_at(folder.handle(), name, maximum_receipt_bytes).bytes;
+  try {
+    parse_json(text, maximum_receipt_bytes);
+    return false;
+  } catch (const Error& error) {
+    return error.code == "invalid_json" && initial_write_prefix(text);
+  }
+}
+
+// Accepts a partial file only if it is the one that each checkpoint tells of. Without a checkpoint the receipt has
+// told its random name before it was made.
+void require_own_partial(const std::filesystem::path& store, const Json& group, const std::filesystem::path& partial) {
+  constexpr std::string_view other = "A partial download is not the file of its checkpoint; it was preserved";
+  const auto status = link_status_of(partial);
+  require(status && is_single_link_file(*status), download_uncertain_code, other);
+  for (const Json& entry : group.at("resume_files")) {
+    const std::string text = read_file(download_of(store, text_at(entry, "name")), maximum_resume_state_bytes);
+    const Json state = Json::parse(text, nullptr, false);
+    require(state.is_discarded() || state.at("identity") == Json::array({status->device, status->inode}),
+            download_uncertain_code, other);
+  }
+}
+
+bool has_checkpoint(const Json& group) {
+  const Json& entries = group.at("resume_files");
+  const std::string name = resume_state_name(text_at(group.at("receipt"), "temporary"));
+  return std::any_of(entries.begin(), entries.end(),
+                     [&](const Json& entry) { return is_text(entry.at("name"), name); });
+}
+
+}  // namespace
+
+void remove_torn_receipts(const std::filesystem::path& store) {
+  const HeldDirectory folder = HeldDirectory::open(intents_of(store));
+  std::map<std::string, std::vector<std::string>> writes;
+  for (const std::string& name : receipt_file_names(folder)) {
+    writes[name.substr(0, download_nonce_characters)].push_back(name);
+  }
+  bool has_changed = false;
+  for (const auto& [nonce, names] : writes) {
+    const std::string receipt = receipt_file_name(nonce);
+    const bool is_torn = std::all_of(names.begin(), names.end(), [&](const std::string& name) {
+      return name != receipt && is_torn_receipt(folder, name);
+    });
+    for (const std::string& name : is_torn ? names : std::vector<std::string>()) {
+      folder.remove(name);
+      has_changed = true;
+    }
+  }
+  if (has_changed) {
+    folder.flush();
+  }
+}
+
+void discard_download(const std::filesystem::path& store, const Json& group) {
+  const std::filesystem::path partial = download_of(store, text_at(group.at("receipt"), "temporary"));
+  if (is_there(partial)) {
+    require_own_partial(store, group, partial);
+    const HeldDirectory folder = HeldDirectory::open(partial.parent_path());
+    folder.remove(name_of(partial));
+    folder.flush();
+  }
+  remove_receipt_files(store, group);
+}
+
+bool is_receipt_of(const Json& receipt, const std::string& target, const Json& description, const Json& reference) {
+  const Json& authorization = receipt.at("authorization");
+  return is_text(receipt.at("target"), target) && receipt.at("reference") == reference &&
+         authorization.at("length") == description.at("length") &&
+         authorization.at("hashes") == description.at("hashes");
+}
+
+void make_way_for_download(const std::filesystem::path& store, const std::string& target, const Json& description,
+                           const Json& reference) {
+  for (const Json& group : target_download_receipts(store)) {
+    const Json& receipt = group.at("receipt");
+    if (!is_text(receipt.at("target"), target) || !is_text(receipt.at("phase"), download_phase::prepared)) {
+      continue;
+    }
+    const bool is_same = is_receipt_of(receipt, target, description, reference);
+    const bool has_partial = is_there(download_of(store, text_at(receipt, "temporary")));
+    const bool can_continue = is_same && has_partial && has_checkpoint(group);
+    // The partial file has become the target, and the receipt is completed when the download is told of it.
+    const bool has_ended = is_same && !has_partial && is_there(download_of(store, target));
+    if (!can_continue && !has_ended) {
+      discard_download(store, group);
+    }
+  }
+}
+
+}  // namespace ravok

@@ -1,0 +1,52 @@
+#include "publisher/repository/discard_draft.hpp"
+
+#include <set>
+
+#include "platform/file/status.hpp"
+#include "publisher/repository/draft_files.hpp"
+
+namespace ravok {
+
+namespace {
+
+DiscardOutcome discard(const std::filesystem::path& folder, TufTime now) {
+  DiscardOutcome outcome;
+  RepositorySession session(folder, now);
+  if (session.draft()) {
+    outcome.action = session.draft()->action();
+    session.draft()->discard();
+  } else {
+    clear_draft_folder(session.folder());
+  }
+  outcome.repository = session.unchanged();
+  return outcome;
+}
+
+// Removes the draft unread. Returns whether there was one.
+bool remove_any_draft(const std::filesystem::path& folder) {
+  const RepositoryFolder opened(folder, RepositoryFolder::Use::change);
+  if (is_missing(draft_record(opened))) {
+    return false;
+  }
+  remove_draft(opened);
+  return true;
+}
+
+}  // namespace
+
+DiscardOutcome discard_draft(const std::filesystem::path& folder, TufTime now) {
+  try {
+    return discard(folder, now);
+  } catch (const Error& error) {
+    // These say nothing of the draft.
+    static const std::set<std::string> others = {"no_repository", "busy", "lock_failed", "too_many_files"};
+    if (others.contains(error.code) || !remove_any_draft(folder)) {
+      throw;
+    }
+  }
+  DiscardOutcome outcome = discard(folder, now);
+  outcome.action = "unknown";
+  return outcome;
+}
+
+}  // namespace ravok

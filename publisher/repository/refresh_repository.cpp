@@ -1,0 +1,129 @@
+#include "publisher/repository/refresh_repository.hpp"
+
+#include <algorithm>
+#include <array>
+#include <set>
+#include <string>
+#include <utility>
+
+#include "publisher/repository/key_advice.hpp"
+#include "publisher/repository/repository_time.hpp"
+
+namespace ravok {
+namespace {
+
+constexpr std::array<const char*, 3> renewed_roles = {"targets", "snapshot", "timestamp"};
+
+// What is due in a repository, and what the signers at hand can do about it.
+class Refresh {
+ public:
+  Refresh(const RepositoryRefresh& refresh, RepositorySession& session, const std::vector<Signer>& signers)
+      : refresh_(refresh), session_(session), signers_(signers) {}
+
+  // Returns when a role is due: half of its days before it expires.
+  TufTime due(const std::string& role) const {
+    const std::uint64_t days = refresh_.days.value_or(session_.folder().record().days.at(role));
+    return session_.state().role(role).expires() - std::chrono::hours(static_cast<std::int64_t>(days) * 12);
+  }
+
+  bool is_due(const std::string& role) const { return !stands(role) || due(role) < session_.now(); }
+
+  // Whether clients accept the role's document now.
+  bool stands(const std::string& role) const {
+    const RoleDocument& document = session_.state().role(role);
+    return document.is_accepted() && document.expires() > session_.now();
+  }
+
+  // Whether the signers can sign a document of the role and all that refer to it.
+  bool can_sign(const std::string& role) const {
+    for (auto one = std::find(renewed_roles.begin(), renewed_roles.end(), role); one != renewed_roles.end(); ++one) {
+      const Json& authority = session_.state().root().at("roles").at(*one);
+      const auto ids = authority.at("keyids").get<std::set<std::string>>();
+      const auto count = std::count_if(signers_.begin(), signers_.end(),
+                                       [&](const Signer& signer) { return ids.contains(signer.id); });
+      if (static_cast<std::uint64_t>(count) < positive_version(authority.at("threshold"))) {
+        return false;
+      }
+    }
+    return true;
+  }
+
+ private:
+  const RepositoryRefresh& refresh_;
+  RepositorySession& session_;
+  const std::vector<Signer>& signers_;
+};
+
+// Chooses the roles to renew, and tells which are left for another time.
+std::set<std::string> choose_renewed(const RepositoryRefresh& refresh, const Refresh& judged, RefreshOutcome& outcome) {
+  std::set<std::string> due;
+  for (const std::string role : renewed_roles) {
+    if (judged.is_due(role) || (role == "timestamp" && refresh.force)) {
+      due.insert(role);
+    }
+  }
+  if (!judged.can_sign("timestamp")) {
+    // Others will have to sign anyway.
+    return due;
+  }
+  std::set<std::string> renewed;
+  for (const std::string& role : due) {
+    if (judged.can_sign(role) || !judged.stands(role)) {
+      renewed.insert(role);
+    } else {
+      outcome.left.push_back(role);
+    }
+  }
+  return renewed;
+}
+
+std::optional<TufTime> earliest_due(const RepositoryRefresh& refresh, RepositorySession& session) {
+  if (!session.state().is_published()) {
+    return {};
+  }
+  const Refresh judged(refresh, session, {});
+  return std::min({judged.due("targets"), judged.due("snapshot"), judged.due("timestamp")});
+}
+
+}  // namespace
+
+RefreshOutcome refresh_repository(const RepositoryRefresh& refresh, const std::vector<Signer>& signers, TufTime now) {
+  if (refresh.days) {
+    require_days(*refresh.days);
+  }
+  RepositorySession session(refresh.folder, now);
+  const RoleDocument& root = session.state().role("root");
+  require(root.expires() > now, "expired_role",
+          "The root document has expired on " + tuf_day_text(root.expires()) +
+              "; give the repository a new one with 'ravok-publish repository rotate'");
+  require_known_keys(session.state().root(), signers);
+  const Refresh judged(refresh, session, signers);
+  RefreshOutcome outcome;
+  const std::set<std::string> renewed = choose_renewed(refresh, judged, outcome);
+  outcome.was_due = !renewed.empty();
+  if (!outcome.was_due) {
+    outcome.repository = session.unchanged();
+    outcome.next_due = earliest_due(refresh, session);
+    return outcome;
+  }
+  DraftChanges changes;
+  changes.action = "refresh";
+  changes.renew = renewed;
+  if (refresh.days) {
+    changes.days = {{"targets", *refresh.days}, {"snapshot", *refresh.days}, {"timestamp", *refresh.days}};
+  }
+  const bool fits_beside =
+      session.draft() && session.draft()->waits() && !session.draft()->is_stale() && !renewed.contains("targets") &&
+      std::all_of(renewed.begin(), renewed.end(), [&](const std::string& role) { return judged.can_sign(role); });
+  if (!fits_beside) {
+    session.require_no_draft();
+  }
+  outcome.repository = session.conclude(
+      RepositoryDraft::begin(session.folder(), session.state(), changes, now,
+                             fits_beside ? RepositoryDraft::Place::memory : RepositoryDraft::Place::folder),
+      signers);
+  outcome.next_due = earliest_due(refresh, session);
+  return outcome;
+}
+
+}  // namespace ravok

@@ -1,0 +1,94 @@
+#include "publisher/shipped_package.hpp"
+
+#include <string_view>
+
+#include "app/install/native_package.hpp"
+#include "app/install/package_seal.hpp"
+#include "domain/crypto.hpp"
+#include "domain/error.hpp"
+#include "domain/json.hpp"
+#include "domain/paths.hpp"
+#include "platform/file/files.hpp"
+#include "platform/file/status.hpp"
+#include "publisher/publish_files.hpp"
+#include "tuf/trusted_set.hpp"
+#include "tuf/tuf.hpp"
+
+namespace ravok {
+namespace {
+
+constexpr const char* shipped_package_name = "initial-package";
+constexpr const char* installer_name = "ravok-install";
+constexpr std::uint64_t installer_limit = 268'435'456;
+constexpr const char* invalid_package_record = "invalid_native_package";
+
+bool has_descriptor(const std::filesystem::path& directory) {
+  const Result<Status> status = link_status_of(directory / package_limits::descriptor_name);
+  return status && is_file(*status);
+}
+
+std::string read_resource(const std::filesystem::path& directory, const Json& resource, std::uint64_t limit) {
+  require(resource.is_object() && has_text(resource, "path") && has_text(resource, "sha256"), invalid_package_record,
+          "Initial package record is missing a field");
+  const std::string& name = text_at(resource, "path");
+  validate_relative_path(name, true);
+  require(name.find('/') == std::string::npos, invalid_package_record,
+          "Initial package resources need distinct flat names");
+  const std::filesystem::path file = directory / path_from_utf8(name);
+  std::string bytes = about(file, [&] { return read_file(file, limit); });
+  require(digest(bytes, "sha256") == text_at(resource, "sha256"), "content_mismatch",
+          "Initial package resource changed: " + name);
+  return bytes;
+}
+
+// Accepts only an installer with this seal in its slot.
+void require_seal(const std::filesystem::path& installer, std::string_view seal) {
+  const std::string image = read_file(installer, installer_limit);
+  require(image.find(std::string(package_seal_mark) + std::string(seal)) != std::string::npos, "native_install_trust",
+          "This package is not the one this installer was built for");
+}
+
+}  // namespace
+
+bool is_shipped_package(const std::filesystem::path& path) {
+  return has_descriptor(path) || has_descriptor(path / shipped_package_name);
+}
+
+ShippedPackage read_shipped_package(const std::filesystem::path& path) {
+  ShippedPackage package;
+  package.directory = has_descriptor(path) ? path : path / shipped_package_name;
+  const std::filesystem::path file = package.directory / package_limits::descriptor_name;
+  about(file, [&] {
+    const std::string text = read_file(file, package_limits::descriptor);
+    package.seal = digest(text, "sha256");
+    const Json descriptor = parse_json(text, package_limits::descriptor);
+    require(descriptor.is_object() && descriptor.contains("schema_version") && has_text(descriptor, "kind") &&
+                is_integer(descriptor.at("schema_version"), 1) &&
+                is_text(descriptor.at("kind"), "ravok-initial-package"),
+            "unsupported_schema", "Unsupported initial package schema");
+    require(has_text(descriptor, "platform") && has_text(descriptor, "origin") && descriptor.contains("root") &&
+                descriptor.contains("ca_bundle"),
+            invalid_package_record, "Initial package record is missing a field");
+    package.platform = text_at(descriptor, "platform");
+    package.origin = text_at(descriptor, "origin");
+    package.root_text = read_resource(package.directory, descriptor.at("root"), tuf_root_limit);
+    if (!descriptor.at("ca_bundle").is_null()) {
+      package.ca_bundle = read_resource(package.directory, descriptor.at("ca_bundle"), package_limits::ca_bundle);
+    }
+    const TrustedSet trusted(package.root_text);
+    const Json& root = trusted.root().at("signed");
+    package.root_version = positive_version(root.at("version"));
+    package.root_expires = parse_tuf_time(text_at(root, "expires"));
+  });
+  const std::filesystem::path installer = path / installer_name;
+  if (package.directory != path && !is_missing(installer)) {
+    about(installer, [&] { require_seal(installer, package.seal); });
+  }
+  return package;
+}
+
+void prove_shipped_package(const ShippedPackage& package, const ProgressCallback& progress) {
+  read_native_package(package.directory, package.seal, progress);
+}
+
+}  // namespace ravok

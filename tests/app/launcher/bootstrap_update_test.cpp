@@ -1,0 +1,333 @@
+#include "app/launcher/bootstrap_update.hpp"
+
+#include <filesystem>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "app/launcher/bootstrap_apply.hpp"
+#include "domain/limits.hpp"
+#include "support/bootstrap_place.hpp"
+#include "support/failure.hpp"
+#include "support/tuf_place.hpp"
+
+namespace ravok::bootstrap_update_test {
+namespace {
+
+using testing::bootstrap_release;
+using testing::BootstrapPlace;
+using testing::BootstrapRelease;
+using testing::ending_program;
+using testing::failure_of;
+using testing::tree_state;
+using testing::TreeState;
+using testing::TufPlace;
+using testing::without;
+
+// --- The contract of a release -------------------------------------------------------------
+
+TEST(BootstrapManifestTarget, NamesThePlatform) {
+  EXPECT_EQ(bootstrap_manifest_target(), "bootstrap-" + std::string(native_platform()) + ".manifest.json");
+}
+
+using Edit = std::function<void(Json&)>;
+
+struct Refusal {
+  const char* name;
+  Edit edit;
+  const char* code;
+  const char* message;
+};
+
+std::vector<Refusal> refusals() {
+  constexpr const char* incompatible = "launcher_incompatible";
+  constexpr const char* lease = "Bootstrap updates require the current native lifetime contract";
+  constexpr const char* missing = "Bootstrap update data contract is missing";
+  constexpr const char* unsupported = "Bootstrap update data contract is unsupported";
+  return {
+      {"kind", [](Json& d) { d["kind"] = "ravok-launcher-release"; }, incompatible,
+       "Initial bootstrap schema or ABI is unsupported"},
+      {"no lease", [](Json& d) { d.erase("runtime_lease_abi"); }, incompatible, lease},
+      {"another lease", [](Json& d) { d["runtime_lease_abi"] = 2; }, incompatible, lease},
+      {"a float", [](Json& d) { d["runtime_lease_abi"] = 1.0; }, incompatible, lease},
+      {"no schema", [](Json& d) { d.erase("application_schema"); }, incompatible, missing},
+      {"a schema that is none",
+       [](Json& d) {
+         d["application_schema"] = Json::array({1, 1});
+       },
+       incompatible, missing},
+      {"no minimum", [](Json& d) { d["application_schema"].erase("minimum"); }, incompatible, unsupported},
+      {"another minimum", [](Json& d) { d["application_schema"]["minimum"] = 2; }, incompatible, unsupported},
+      {"no maximum", [](Json& d) { d["application_schema"].erase("maximum"); }, incompatible, unsupported},
+      {"another maximum", [](Json& d) { d["application_schema"]["maximum"] = "1"; }, incompatible, unsupported},
+      {"another platform", [](Json& d) { d["platform"] = "macos-aarch64"; }, incompatible,
+       "Bootstrap update targets another platform"},
+      {"a large archive", [](Json& d) { d["archive"]["length"] = 1'073'741'825; }, "size_limit",
+       "Bootstrap update exceeds its size limit"},
+  };
+}
+
+// A manifest with so many files, the program included.
+Json with_files(std::size_t count) {
+  std::vector<testing::SampleFile> files(count - 1);
+  for (std::size_t i = 0; i < files.size(); ++i) {
+    files[i].path = "f" + std::to_string(i);
+  }
+  return bootstrap_release("build-1", ending_program(0), files).document;
+}
+
+TEST(ValidateBootstrapUpdate, AcceptsWhatKeepsEveryRule) {
+  Json document = bootstrap_release("build-1", ending_program(0)).document;
+  document["archive"]["length"] = 1'073'741'824;
+  validate_bootstrap_update(SnapshotManifest::parse(document));
+  validate_bootstrap_update(SnapshotManifest::parse(with_files(4096)));
+}
+
+TEST(ValidateBootstrapUpdate, RefusesEachRuleThatIsBroken) {
+  for (const Refusal& refusal : refusals()) {
+    SCOPED_TRACE(refusal.name);
+    Json document = bootstrap_release("build-1", ending_program(0)).document;
+    refusal.edit(document);
+    const SnapshotManifest manifest = SnapshotManifest::parse(document);
+    EXPECT_FAILURE(validate_bootstrap_update(manifest), refusal.code, refusal.message);
+  }
+  const SnapshotManifest many = SnapshotManifest::parse(with_files(4097));
+  EXPECT_FAILURE(validate_bootstrap_update(many), "size_limit", "Bootstrap update exceeds its size limit");
+}
+
+TEST(ParseBootstrapUpdate, TurnsEveryFaultOfATextIntoAFailure) {
+  const auto code = [](const std::string& text) { return failure_of([&] { parse_bootstrap_update(text); })->code; };
+  EXPECT_EQ(code(""), "invalid_json");
+  EXPECT_EQ(code("[]"), "unsupported_schema");
+  EXPECT_EQ(code("{\"a\": 1, \"a\": 1}"), "duplicate_key");
+  EXPECT_EQ(code(std::string(maximum_manifest_bytes + 1, ' ')), "size_limit");
+  EXPECT_EQ(code(bootstrap_release("b", ending_program(0), {{"a.old", ""}}).text()), "launcher_incompatible");
+}
+
+// --- Staging -------------------------------------------------------------------------------
+
+class StageBootstrapUpdate : public ::testing::Test {
+ protected:
+  StageBootstrapUpdate() { place.install(old); }
+
+  // Puts a release into the repository, which has nothing published yet.
+  void publish(const BootstrapRelease& release) {
+    repo().add(bootstrap_manifest_target(), release.text());
+    repo().add(release.archive_target(), release.archive);
+    publish();
+  }
+  void publish() {
+    if (begun) {
+      tuf.repository.publish();
+    } else {
+      tuf.begin();
+      begun = true;
+    }
+  }
+  testing::TestRole& repo() { return tuf.repository.targets(); }
+
+  std::string stage(const ProgressCallback& progress = {}) {
+    const auto client = tuf.client();
+    return stage_bootstrap_update(place.data.root, *client, progress);
+  }
+  // All of the data folder but what the repository's client keeps for itself.
+  TreeState state() const { return without(tree_state(place.data.root), {"trust", "native/bootstrap-downloads"}); }
+  static bool exists(const std::filesystem::path& path) { return std::filesystem::exists(path); }
+
+  void expect_staged(const BootstrapRelease& release) const {
+    EXPECT_EQ(BootstrapPlace::read(place.paths.update_manifest), release.text());
+    EXPECT_TRUE(
+        testing::same_tree(BootstrapPlace::files_in(place.paths.update_tree), BootstrapPlace::files_of(release)));
+    EXPECT_FALSE(exists(place.paths.partial_tree));
+    EXPECT_FALSE(exists(place.paths.rejected));
+    EXPECT_TRUE(place.holds(old));
+  }
+  // Expects a refusal that leaves everything as it is, and nothing that would be applied.
+  void expect_refused(const std::string& code, const std::string& message) {
+    const TreeState before = without(state(), {"native/bootstrap-update.lock"});
+    EXPECT_FAILURE(stage(), code, message);
+    EXPECT_TRUE(testing::same_tree(without(state(), {"native/bootstrap-update.lock"}), before));
+  }
+
+  TufPlace tuf;
+  bool begun = false;
+  const BootstrapPlace place{tuf.root / "data"};
+  const BootstrapRelease old = bootstrap_release("build-1", ending_program(0, "old"), {{"data/note", "old note"}});
+  const BootstrapRelease next = bootstrap_release("build-2", ending_program(0, "new"), {{"data/note", "new note"}});
+};
+
+TEST_F(StageBootstrapUpdate, PreparesWhatTheRepositoryHas) {
+  publish(next);
+  std::uint64_t most = 0;
+  EXPECT_EQ(stage([&](std::uint64_t done, std::uint64_t total) {
+              EXPECT_LE(done, total);
+              most = std::max(most, done);
+              return true;
+            }),
+            "staged");
+  EXPECT_GE(most, next.archive.size());
+  expect_staged(next);
+  EXPECT_FALSE(exists(place.paths.downloads));
+  EXPECT_EQ(apply_bootstrap_update(place.data.root, system_trial_clock()).end, BootstrapUpdateEnd::applied);
+  EXPECT_TRUE(place.holds(next));
+  EXPECT_EQ(stage(), "current");
+  EXPECT_FALSE(exists(place.paths.update_manifest));
+}
+
+TEST_F(StageBootstrapUpdate, AsksNobodyWhileAnUpdateWaits) {
+  publish(next);
+  place.prepare(bootstrap_release("build-3", ending_program(0)));
+  const TreeState before = state();
+  EXPECT_EQ(stage(), "pending");
+  EXPECT_EQ(tuf.transport.requests().size(), 0u);
+  EXPECT_TRUE(testing::same_tree(state(), before));
+}
+
+TEST_F(StageBootstrapUpdate, SaysThatThereIsNone) {
+  publish();
+  const TreeState before = without(state(), {"native/bootstrap-update.lock"});
+  EXPECT_EQ(stage(), "not_published");
+  EXPECT_TRUE(testing::same_tree(without(state(), {"native/bootstrap-update.lock"}), before));
+}
+
+TEST_F(StageBootstrapUpdate, SaysThatTheInstalledOneIsTheNewest) {
+  publish(old);
+  EXPECT_EQ(stage(), "current");
+  EXPECT_FALSE(exists(place.paths.update_manifest));
+  EXPECT_FALSE(exists(place.paths.downloads));
+}
+
+TEST_F(StageBootstrapUpdate, RemembersOneThatHasFailedAndTakesTheNext) {
+  const BootstrapRelease bad = bootstrap_release("build-2", ending_program(1));
+  publish(bad);
+  EXPECT_EQ(stage(), "staged");
+  EXPECT_EQ(apply_bootstrap_update(place.data.root, system_trial_clock()).end, BootstrapUpdateEnd::rejected);
+  EXPECT_EQ(stage(), "rejected");
+  EXPECT_FALSE(exists(place.paths.update_manifest));
+  EXPECT_EQ(BootstrapPlace::read(place.paths.rejected), bad.sha256());
+  const BootstrapRelease good = bootstrap_release("build-3", ending_program(0));
+  publish(good);
+  EXPECT_EQ(stage(), "staged");
+  expect_staged(good);
+}
+
+TEST_F(StageBootstrapUpdate, RefusesARecordOfRejectionThatIsTooLong) {
+  publish(next);
+  atomic_write(place.paths.rejected, std::string(129, 'a'));
+  expect_refused("size_limit", "File exceeds read limit");
+}
+
+TEST_F(StageBootstrapUpdate, WantsAFinishedInstallation) {
+  publish(next);
+  tuf.root.write("data/.ravok-setup-incomplete", "{}");
+  expect_refused("native_install_incomplete", "Ravok setup did not finish in " + place.data.root.native() +
+                                                  ". Run the Ravok installer again to repair it.");
+  std::filesystem::remove(place.data.installation_record);
+  expect_refused("not_installed", "Bootstrap updates need an installed Ravok");
+  EXPECT_EQ(tuf.transport.requests().size(), 0u);
+}
+
+TEST_F(StageBootstrapUpdate, RefusesAManifestThatIsTooLong) {
+  repo().add(bootstrap_manifest_target(), std::string(maximum_manifest_bytes + 1, ' '));
+  publish();
+  expect_refused("size_limit", "Bootstrap update manifest exceeds 512 KiB");
+}
+
+TEST_F(StageBootstrapUpdate, RefusesAManifestOfAnotherKind) {
+  BootstrapRelease other = next;
+  other.document["runtime_lease_abi"] = 2;
+  publish(other);
+  expect_refused("launcher_incompatible", "Bootstrap updates require the current native lifetime contract");
+}
+
+TEST_F(StageBootstrapUpdate, RefusesAnArchiveThatIsNotSignedAsTheManifestSays) {
+  constexpr const char* not_authorized = "Bootstrap archive is not authorized with its declared length and hash";
+  repo().add(bootstrap_manifest_target(), next.text());
+  repo().add(next.archive_target(), next.archive + "x");
+  publish();
+  expect_refused("content_mismatch", not_authorized);
+  std::string other = next.archive;
+  other.back() = static_cast<char>(other.back() ^ 1);
+  repo().add(next.archive_target(), other);
+  publish();
+  expect_refused("content_mismatch", not_authorized);
+  repo().add(next.archive_target(), next.archive, {"sha512"});
+  publish();
+  expect_refused("content_mismatch", not_authorized);
+}
+
+TEST_F(StageBootstrapUpdate, RefusesAnArchiveThatHoldsAnother) {
+  BootstrapRelease other = next;
+  other.document["files"][1]["sha256"] = std::string(64, 'a');
+  publish(other);
+  const auto failure = failure_of([&] { stage(); });
+  ASSERT_TRUE(failure.has_value());
+  EXPECT_EQ(failure->code, "content_mismatch");
+  EXPECT_FALSE(exists(place.paths.update_manifest));
+  EXPECT_TRUE(place.holds(old));
+  // What is left of it does not keep the next from being prepared.
+  EXPECT_TRUE(exists(place.paths.partial_tree));
+  const BootstrapRelease good = bootstrap_release("build-3", ending_program(0));
+  publish(good);
+  EXPECT_EQ(stage(), "staged");
+  expect_staged(good);
+}
+
+TEST_F(StageBootstrapUpdate, EndsWhereItIsCancelledAndGoesOnFromThere) {
+  publish(next);
+  for (int calls = 0;; ++calls) {
+    int left = calls;
+    std::string status;
+    const auto failure = failure_of([&] { status = stage([&](std::uint64_t, std::uint64_t) { return left-- > 0; }); });
+    EXPECT_TRUE(place.holds(old));
+    if (!failure) {
+      EXPECT_GT(calls, 3);
+      EXPECT_EQ(status, "staged");
+      break;
+    }
+    EXPECT_EQ(failure->code, "cancelled");
+    EXPECT_FALSE(exists(place.paths.update_manifest));
+  }
+  expect_staged(next);
+}
+
+TEST_F(StageBootstrapUpdate, GoesOnAfterABrokenDownload) {
+  publish(next);
+  const std::string name = digest(next.archive, "sha256") + ".build-2.tar.zst";
+  tuf.transport.on("bootstrap/" + name, testing::breaks_after(10));
+  EXPECT_TRUE(failure_of([&] { stage(); }).has_value());
+  EXPECT_FALSE(exists(place.paths.update_manifest));
+  tuf.transport.on("bootstrap/" + name, {});
+  EXPECT_EQ(stage(), "staged");
+  expect_staged(next);
+}
+
+TEST_F(StageBootstrapUpdate, BeginsAnewWhereADownloadCannotBeContinued) {
+  publish(next);
+  tuf.root.write(
+      "data/native/bootstrap-downloads/bootstrap/build-2.tar.zst." + std::string(32, 'a') + ".partial.resume.json",
+      "{}");
+  for (const std::filesystem::path& folder : {place.paths.downloads, place.paths.downloads / "bootstrap"}) {
+    std::filesystem::permissions(folder, std::filesystem::perms(0700));
+  }
+  EXPECT_EQ(failure_of([&] { stage(); })->code, "download_resume_state");
+  EXPECT_EQ(stage(), "staged");
+  expect_staged(next);
+}
+
+TEST_F(StageBootstrapUpdate, ReplacesWhatEarlierOnesHaveLeft) {
+  publish(next);
+  tuf.root.write("data/native/bootstrap-update.partial/half", "of it");
+  tuf.root.write("data/native/bootstrap-update/bin/ravok-bootstrap", "another");
+  tuf.root.write("data/native/bootstrap-old-files", "");
+  tuf.root.write("data/native/bootstrap/data/note.old", "older note");
+  atomic_write(place.paths.rejected, std::string(64, 'a'));
+  EXPECT_EQ(stage(), "staged");
+  expect_staged(next);
+  EXPECT_FALSE(exists(place.paths.old_files_mark));
+}
+
+}  // namespace
+}  // namespace ravok::bootstrap_update_test
