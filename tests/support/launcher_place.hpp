@@ -3,9 +3,7 @@
 
 #include <filesystem>
 #include <fstream>
-#include <sstream>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include <sys/stat.h>
@@ -15,18 +13,13 @@
 #include "domain/json.hpp"
 #include "platform/file/native_lock.hpp"
 #include "platform/process/native_platform.hpp"
+#include "support/bytes_of.hpp"
 #include "support/failure.hpp"
 #include "support/launcher_builder.hpp"
 #include "support/snapshot_builder.hpp"
 #include "support/temporary_root.hpp"
 
 namespace ravok::testing {
-
-inline std::string bytes_of(const std::filesystem::path& path) {
-  std::ostringstream bytes;
-  bytes << std::ifstream(path, std::ios::binary).rdbuf();
-  return std::move(bytes).str();
-}
 
 // The contents of the executables of a version.
 struct LauncherPrograms {

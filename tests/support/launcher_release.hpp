@@ -2,24 +2,16 @@
 #pragma once
 
 #include <filesystem>
-#include <fstream>
 #include <string>
 
 #include "domain/json.hpp"
 #include "platform/process/native_platform.hpp"
 #include "publisher/publish_snapshot.hpp"
+#include "support/bytes_of.hpp"
 #include "support/package_builder.hpp"
 #include "support/temporary_root.hpp"
 
 namespace ravok::testing {
-
-inline std::string bytes_of(const std::filesystem::path& path) {
-  std::ifstream file(path, std::ios::binary | std::ios::ate);
-  std::string bytes(static_cast<std::size_t>(file.tellg()), '\0');
-  file.seekg(0);
-  file.read(bytes.data(), static_cast<std::streamsize>(bytes.size()));
-  return bytes;
-}
 
 // The programs of a release, each by its whole content.
 struct LauncherPrograms {

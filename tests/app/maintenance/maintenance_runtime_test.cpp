@@ -10,6 +10,7 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -482,6 +483,13 @@ class MaintenanceRuntimeWindow : public ::testing::Test {
       ASSERT_EQ(waitid(P_ALL, 0, &end, WEXITED | WNOWAIT | WNOHANG), 0);
     }
   }
+  // Waits until the helper has removed the name under which it wrote the ready file, which it does after it has said
+  // so.
+  void wait_for_no_file() const {
+    while (!temporary.names().empty()) {
+      std::this_thread::yield();
+    }
+  }
   Names ready_files() const {
     Names files;
     for (const std::string& name : temporary.names()) {
@@ -503,7 +511,8 @@ TEST_F(MaintenanceRuntimeWindow, IsUpOnceTheHelperSaysSo) {
   const auto child = runtime.launch_gui({"open"}, timeout);
   EXPECT_FALSE(child->poll());
   EXPECT_LT(clock.slept(), std::chrono::milliseconds(timeout));
-  EXPECT_TRUE(temporary.names().empty());
+  EXPECT_EQ(ready_files(), Names());
+  wait_for_no_file();
   EXPECT_EQ(kill(static_cast<pid_t>(child->pid()), SIGKILL), 0);
   EXPECT_EQ(wait_for_end(*child), 128u + SIGKILL);
 }
