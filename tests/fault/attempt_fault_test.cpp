@@ -15,6 +15,7 @@
 #include "app/launcher/launcher_store.hpp"
 #include "domain/data_layout.hpp"
 #include "fault/fault_runner.hpp"
+#include "support/fast_volume.hpp"
 #include "support/launcher_place.hpp"
 
 namespace ravok::testing::attempt_fault_test {
@@ -157,7 +158,7 @@ class AttemptFault : public ::testing::Test {
     return states;
   }
 
-  LauncherPlace place_;
+  LauncherPlace place_{fast_volume()};
   const LauncherPaths paths_{DataPaths(place_.root.path()).launcher};
   Json old_;
   Json new_;

@@ -95,7 +95,7 @@ using namespace ravok::fault;
 enum class Mode { none, exit, power, names, torn, eio, enospc };
 
 constexpr const char* mode_names[] = {"-", "exit", "power", "names", "torn", "eio", "enospc"};
-constexpr unsigned seconds_to_live = 30;
+constexpr unsigned seconds_to_live = 300;
 // The library's own descriptors lie above those that a program counts on.
 constexpr int first_own_descriptor = 512;
 

@@ -24,6 +24,7 @@
 #include "domain/data_layout.hpp"
 #include "domain/launcher_contract.hpp"
 #include "sample_main.hpp"
+#include "support/patient_start.hpp"
 
 namespace ravok {
 namespace {
@@ -35,7 +36,7 @@ bool is_there(const std::filesystem::path& path) {
 }
 
 LauncherChild start_and_wait(const LauncherProgram& program) {
-  const LauncherChild child = start_launcher(program);
+  const LauncherChild child = testing::start_to_be_ended(program);
   const std::string& root = program.environment.at(std::string(startup_variable::data_root));
   const std::string& nonce = program.environment.at(std::string(startup_variable::health_nonce));
   const std::filesystem::path health = LauncherPaths(DataPaths(root).launcher).attempt_health(nonce);

@@ -279,12 +279,16 @@ TEST(DamagedTargets, AreMadeAnewByTheirRelease) {
   const std::filesystem::path manifest = place.launcher("1.0.0");
   place.release({manifest});
   EXPECT_FALSE(place.release({manifest}).repository.published);
+  std::vector<std::filesystem::path> files;
   for (const auto& entry : std::filesystem::directory_iterator(place.folder / "public/tuf/targets")) {
-    std::filesystem::resize_file(entry.path(), 5);
+    files.push_back(entry.path());
+  }
+  for (const std::filesystem::path& file : files) {
+    std::filesystem::resize_file(file, 5);
     std::filesystem::remove(place.folder / "upload.txt");
-    EXPECT_TRUE(place.release({manifest}).repository.published) << entry.path();
+    EXPECT_TRUE(place.release({manifest}).repository.published) << file;
     EXPECT_EQ(place.seen_build(), "1.0.0");
-    EXPECT_EQ(place.upload_list().find("tuf/targets/" + entry.path().filename().native() + "\n"), 0u);
+    EXPECT_EQ(place.upload_list().find("tuf/targets/" + file.filename().native() + "\n"), 0u);
   }
 }
 

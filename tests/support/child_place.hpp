@@ -24,6 +24,12 @@
 
 namespace ravok::testing {
 
+// Ends a child, however long this machine takes for it.
+inline void end_at_last(ChildProcess& child) {
+  while (!child.terminate(2000)) {
+  }
+}
+
 // How a child is started; by default it ends at once.
 struct ChildStart {
   std::filesystem::path image = RAVOK_CHILD_COMPANION;

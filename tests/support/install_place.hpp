@@ -1,6 +1,7 @@
 // A package, the data folder that it is installed in and the user's home beside it, for tests of setup.
 #pragma once
 
+#include <chrono>
 #include <ctime>
 #include <filesystem>
 #include <optional>
@@ -18,7 +19,9 @@
 
 namespace ravok::testing {
 
-inline std::string utc_text(std::time_t time) {
+// The time now in UTC, by the clock that the product reads. std::time may lag behind it.
+inline std::string utc_now() {
+  const std::time_t time = std::chrono::system_clock::to_time_t(std::chrono::system_clock::now());
   char text[32];
   std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", std::gmtime(&time));
   return text;

@@ -31,20 +31,29 @@ Handle open_socket() {
   return made;
 }
 
-}  // namespace
-
-LoopbackListener::LoopbackListener(std::uint16_t port) : socket_(open_socket()) {
+// Gives the socket this port, or a free one, and returns which it is. A free port is one that nobody else has, so only
+// a port that is asked for is shared, with connections that end and with who holds it.
+std::uint16_t bind_to_loopback(const Handle& made, std::uint16_t port) {
   sockaddr_in address = loopback(port);
   socklen_t size = sizeof address;
-  // A free port is one that nobody else has, so only a port that is asked for may be shared with connections that end.
   const int again = 1;
-  const auto allow = [&] { return setsockopt(socket_.get(), SOL_SOCKET, SO_REUSEADDR, &again, sizeof again) == 0; };
-  if ((port != 0 && !allow()) || bind(socket_.get(), general(address), size) != 0 || !allow() ||
-      listen(socket_.get(), SOMAXCONN) != 0 ||
-      getsockname(socket_.get(), reinterpret_cast<sockaddr*>(&address), &size) != 0) {
+  const auto allow = [&] { return setsockopt(made.get(), SOL_SOCKET, SO_REUSEADDR, &again, sizeof again) == 0; };
+  if ((port != 0 && !allow()) || bind(made.get(), general(address), size) != 0 || !allow() ||
+      getsockname(made.get(), reinterpret_cast<sockaddr*>(&address), &size) != 0) {
+    throw std::runtime_error("Cannot get a port of the loopback for a test");
+  }
+  return ntohs(address.sin_port);
+}
+
+}  // namespace
+
+LoopbackPort::LoopbackPort() : socket_(open_socket()), number_(bind_to_loopback(socket_, 0)) {}
+
+LoopbackListener::LoopbackListener(std::uint16_t port)
+    : socket_(open_socket()), port_(bind_to_loopback(socket_, port)) {
+  if (listen(socket_.get(), SOMAXCONN) != 0) {
     throw std::runtime_error("Cannot listen on the loopback for a test");
   }
-  port_ = ntohs(address.sin_port);
 }
 
 Handle LoopbackListener::next() const {

@@ -1,8 +1,10 @@
 #include "support/nginx_server.hpp"
 
+#include <chrono>
 #include <csignal>
 #include <filesystem>
 #include <stdexcept>
+#include <thread>
 #include <vector>
 
 #include <fcntl.h>
@@ -11,7 +13,6 @@
 #include <unistd.h>
 
 #include "platform/posix/native.hpp"
-#include "support/loopback_listener.hpp"
 
 namespace ravok::testing {
 namespace {
@@ -89,32 +90,36 @@ NginxServer::NginxServer(const ServerCertificate& certificate, const std::string
   }
   root_.directory("served");
   root_.directory("temporary");
-  const LoopbackListener listener;
-  port_ = listener.port();
-  run(listener, certificate, directives);
+  run(certificate, directives);
 }
 
 NginxServer::~NginxServer() { stop(); }
 
 void NginxServer::stop() {
-  if (process_ != 0) {
-    kill(process_, SIGTERM);
-    posix::retry_interrupted([&] { return waitpid(process_, nullptr, 0); });
-    process_ = 0;
+  // It forgets a signal that comes after it has begun to take signals and before it begins to wait for them, so it is
+  // told again.
+  for (int round = 0; process_ != 0; ++round) {
+    if (round % 100 == 0) {
+      kill(process_, SIGTERM);
+    }
+    if (posix::retry_interrupted([&] { return waitpid(process_, nullptr, WNOHANG); }) == 0) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    } else {
+      process_ = 0;
+    }
   }
 }
 
 void NginxServer::start(const ServerCertificate& certificate, const std::string& directives) {
   stop();
-  run(LoopbackListener(port_), certificate, directives);
+  run(certificate, directives);
 }
 
-void NginxServer::run(const LoopbackListener& listener, const ServerCertificate& certificate,
-                      const std::string& directives) {
+void NginxServer::run(const ServerCertificate& certificate, const std::string& directives) {
   root_.write("chain.pem", certificate.chain);
   root_.write("key.pem", certificate.key);
-  root_.write("nginx.conf", configuration(port_, directives));
-  process_ = start_process(installed_program(), root_, listener);
+  root_.write("nginx.conf", configuration(port_.number(), directives));
+  process_ = start_process(installed_program(), root_, LoopbackListener(port_.number()));
 }
 
 std::size_t NginxServer::answered(int status) const {
@@ -128,7 +133,7 @@ std::size_t NginxServer::answered(int status) const {
 }
 
 std::string NginxServer::url_at(const std::string& host) const {
-  return "https://" + host + ":" + std::to_string(port_) + "/";
+  return "https://" + host + ":" + std::to_string(port_.number()) + "/";
 }
 
 void NginxServer::serve(std::string_view path, std::string_view content) const {

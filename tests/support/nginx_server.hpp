@@ -9,11 +9,10 @@
 #include <sys/types.h>
 
 #include "support/certificate.hpp"
+#include "support/loopback_listener.hpp"
 #include "support/temporary_root.hpp"
 
 namespace ravok::testing {
-
-class LoopbackListener;
 
 class NginxServer {
  public:
@@ -47,10 +46,10 @@ class NginxServer {
   std::string complaints() const;
 
  private:
-  void run(const LoopbackListener& listener, const ServerCertificate& certificate, const std::string& directives);
+  void run(const ServerCertificate& certificate, const std::string& directives);
 
   const TemporaryRoot root_;
-  std::uint16_t port_ = 0;
+  const LoopbackPort port_;
   pid_t process_ = 0;
 };
 

@@ -72,7 +72,7 @@ class HttpsEndless : public testing::ScriptedPlace, public ::testing::WithParamI
         _exit(1);
       }
     });
-    EXPECT_LT(std::chrono::steady_clock::now() - begun, std::chrono::seconds(20));
+    EXPECT_LT(std::chrono::steady_clock::now() - begun, std::chrono::minutes(5));
     RecordProperty("peak_bytes", std::to_string(peak));
     if (measures_memory) {
       EXPECT_LT(peak, most);

@@ -50,7 +50,15 @@ TEST_F(HttpsOptionalCheck, TakesItsBytesInAllItsRequestsTogether) {
 
 TEST_F(HttpsOptionalCheck, EndsAtItsDeadline) {
   const ScriptedServer server(authority_.issue(), send_half);
-  HttpsTransport transport = client_with(budget(std::chrono::milliseconds(300)), server);
+  // Half of the answer has come when the time is over.
+  const std::shared_ptr<HttpsBudget> running_out = budget();
+  running_out->cancel = [check = running_out.get()] {
+    if (check->used > 0) {
+      check->deadline = std::chrono::steady_clock::now();
+    }
+    return false;
+  };
+  HttpsTransport transport = client_with(running_out, server);
   EXPECT_FAILURE(transport.get("file", 16), "discovery_timeout",
                  "Optional update check exhausted its time budget; use Check for updates when ready");
 }
@@ -59,7 +67,14 @@ TEST_F(HttpsOptionalCheck, EndsAtItsDeadline) {
 TEST_F(HttpsOptionalCheck, EndsBeforeThereIsAConnection) {
   const testing::LoopbackListener silent;
   const std::string url = "https://localhost:" + std::to_string(silent.port());
-  HttpsTransport late(url, root_ / "authority.pem", 0, budget(std::chrono::milliseconds(200)));
+  const std::shared_ptr<HttpsBudget> running_out = budget();
+  running_out->cancel = [&silent, check = running_out.get()] {
+    if (silent.was_reached()) {
+      check->deadline = std::chrono::steady_clock::now();
+    }
+    return false;
+  };
+  HttpsTransport late(url, root_ / "authority.pem", 0, running_out);
   EXPECT_FAILURE(late.get("file", 16), "discovery_timeout",
                  "Optional update check exhausted its time budget; use Check for updates when ready");
   EXPECT_FAILURE(late.get("file", 16), "discovery_timeout", "Optional update check exhausted its time budget");

@@ -22,7 +22,7 @@ using testing::InstallPlace;
 using testing::manifest_document;
 using testing::same_tree;
 using testing::TreeState;
-using testing::utc_text;
+using testing::utc_now;
 
 constexpr const char* unsupported = "unsupported_schema";
 
@@ -170,11 +170,11 @@ NativePackage package_to_record() {
 }
 
 TEST_F(InstallationRecord, SaysWhatWasInstalledAndWhen) {
-  const std::string before = utc_text(std::time(nullptr));
+  const std::string before = utc_now();
   write_installation(HeldDirectory::open_private(paths.native), package_to_record());
   const std::string time = place.record("native/installation.json").at("installed_at").get<std::string>();
   EXPECT_LE(before, time);
-  EXPECT_LE(time, utc_text(std::time(nullptr)));
+  EXPECT_LE(time, utc_now());
   EXPECT_EQ(place.read("native/installation.json"),
             R"({"descriptor_sha256":")" + std::string(64, 'c') + R"(","installed_at":")" + time +
                 R"(","kind":"ravok-installation","origin":"https://games.example","schema_version":1})");
@@ -196,11 +196,11 @@ TEST_F(InstallationRecord, NamesTheBrandOfABrandedPackage) {
 
 TEST_F(InstallationRecord, TellsHowASetupEnded) {
   place.write("native/x", "");
-  const std::string before = utc_text(std::time(nullptr));
+  const std::string before = utc_now();
   write_status(paths, "repair", "failed", "A \"quoted\" message");
   const std::string time = place.record("native/setup-status.json").at("finished_at").get<std::string>();
   EXPECT_LE(before, time);
-  EXPECT_LE(time, utc_text(std::time(nullptr)));
+  EXPECT_LE(time, utc_now());
   EXPECT_EQ(
       place.read("native/setup-status.json"),
       R"({"action":"repair","finished_at":")" + time +

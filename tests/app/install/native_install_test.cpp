@@ -48,7 +48,7 @@ using testing::Planned;
 using testing::same_tree;
 using testing::tree_state;
 using testing::TreeState;
-using testing::utc_text;
+using testing::utc_now;
 using testing::without;
 
 using Names = std::vector<std::string>;
@@ -212,7 +212,7 @@ TEST_F(NativeInstall, PutsTheBrandWhereTheProgramsLookForIt) {
 }
 
 TEST_F(NativeInstall, WritesTheDocumentsOfThePackage) {
-  const std::string before = utc_text(std::time(nullptr));
+  const std::string before = utc_now();
   place.install();
   const testing::InitialPackage& package = place.package;
   EXPECT_EQ(place.read("native/bootstrap.json"), package.bootstrap.dump());
@@ -249,7 +249,7 @@ TEST_F(NativeInstall, WritesTheDocumentsOfThePackage) {
                 R"(","kind":"ravok-setup-status","message":"","outcome":"succeeded","schema_version":1})");
   EXPECT_LE(before, installed_at);
   EXPECT_LE(installed_at, finished_at);
-  EXPECT_LE(finished_at, utc_text(std::time(nullptr)));
+  EXPECT_LE(finished_at, utc_now());
 }
 
 TEST_F(NativeInstall, TellsWhatItHasDone) {
@@ -911,7 +911,7 @@ TEST_F(NativeInstall, RepairOfAnIntactFolderReplacesNothing) {
   record["installed_at"] = "2000-01-01T00:00:00Z";
   place.write("native/installation.json", record.dump());
   const TreeState before = lasting();
-  const std::string now = utc_text(std::time(nullptr));
+  const std::string now = utc_now();
   const NativeInstallResult result = place.repair();
   EXPECT_TRUE(result.repaired);
   EXPECT_EQ(result.replaced, Names());

@@ -19,9 +19,11 @@
 
 #include "app/launcher/bootstrap_update.hpp"
 #include "support/bootstrap_place.hpp"
+#include "support/bytes_of.hpp"
 #include "support/failure.hpp"
 #include "support/fast_volume.hpp"
 #include "support/file_calls.hpp"
+#include "support/patient_start.hpp"
 #include "support/temporary_root.hpp"
 
 namespace ravok::bootstrap_apply_test {
@@ -48,7 +50,9 @@ class ApplyBootstrapUpdate : public ::testing::Test {
  protected:
   ApplyBootstrapUpdate() { place.install(old); }
 
-  BootstrapUpdateResult apply() const { return apply_bootstrap_update(place.data.root, system_trial_clock()); }
+  BootstrapUpdateResult apply() const {
+    return apply_bootstrap_update(place.data.root, testing::endless_trial_clock());
+  }
   TreeState state() const { return tree_state(place.data.native); }
 
   // The update is the bootstrap now, and nothing is left of the old one.
@@ -358,7 +362,7 @@ TEST_F(BootstrapThatDoesNotStart, WithinTenSecondsIsEndedAndUndone) {
   std::vector<std::chrono::milliseconds> pauses;
   const TrialClock clock = {[&] { return now; },
                             [&](std::chrono::milliseconds pause) {
-                              if (BootstrapPlace::read(pid).ends_with("\n")) {
+                              if (testing::bytes_of(pid).ends_with("\n")) {
                                 now += pause;
                                 pauses.push_back(pause);
                               } else {

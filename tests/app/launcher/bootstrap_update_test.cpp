@@ -11,6 +11,7 @@
 #include "domain/limits.hpp"
 #include "support/bootstrap_place.hpp"
 #include "support/failure.hpp"
+#include "support/patient_start.hpp"
 #include "support/tuf_place.hpp"
 
 namespace ravok::bootstrap_update_test {
@@ -170,7 +171,7 @@ TEST_F(StageBootstrapUpdate, PreparesWhatTheRepositoryHas) {
   EXPECT_GE(most, next.archive.size());
   expect_staged(next);
   EXPECT_FALSE(exists(place.paths.downloads));
-  EXPECT_EQ(apply_bootstrap_update(place.data.root, system_trial_clock()).end, BootstrapUpdateEnd::applied);
+  EXPECT_EQ(apply_bootstrap_update(place.data.root, testing::endless_trial_clock()).end, BootstrapUpdateEnd::applied);
   EXPECT_TRUE(place.holds(next));
   EXPECT_EQ(stage(), "current");
   EXPECT_FALSE(exists(place.paths.update_manifest));
@@ -203,7 +204,7 @@ TEST_F(StageBootstrapUpdate, RemembersOneThatHasFailedAndTakesTheNext) {
   const BootstrapRelease bad = bootstrap_release("build-2", ending_program(1));
   publish(bad);
   EXPECT_EQ(stage(), "staged");
-  EXPECT_EQ(apply_bootstrap_update(place.data.root, system_trial_clock()).end, BootstrapUpdateEnd::rejected);
+  EXPECT_EQ(apply_bootstrap_update(place.data.root, testing::endless_trial_clock()).end, BootstrapUpdateEnd::rejected);
   EXPECT_EQ(stage(), "rejected");
   EXPECT_FALSE(exists(place.paths.update_manifest));
   EXPECT_EQ(BootstrapPlace::read(place.paths.rejected), bad.sha256());

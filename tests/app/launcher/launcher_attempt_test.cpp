@@ -16,7 +16,9 @@
 #include "app/launcher/launcher_startup.hpp"
 #include "support/clock_calls.hpp"
 #include "support/failure.hpp"
+#include "support/fast_volume.hpp"
 #include "support/launcher_place.hpp"
+#include "support/patient_start.hpp"
 
 namespace ravok::launcher_attempt_test {
 namespace {
@@ -575,7 +577,7 @@ class LauncherProcesses : public ::testing::Test {
   std::optional<int> run(std::vector<std::string> words) {
     words.insert(words.begin(), start_.interface);
     start_.arguments = std::move(words);
-    return run_launcher_attempt(place_.store, start_);
+    return run_launcher_attempt(place_.store, start_, testing::start_to_be_ended);
   }
   void expect_rejection(const std::string& problem) const {
     EXPECT_EQ(place_.value("attempt"), nullptr);
@@ -586,7 +588,7 @@ class LauncherProcesses : public ::testing::Test {
 
   static std::string companion() { return testing::bytes_of(RAVOK_LAUNCHER_COMPANION); }
 
-  const LauncherPlace place_;
+  const LauncherPlace place_{testing::fast_volume()};
   const Json candidate_ = place_.add_version("build-1", {companion(), companion() + " ", companion()});
   LauncherStart start_{"cli", {}, milliseconds(30'000), {}};
 };

@@ -10,8 +10,8 @@
 //   [still] [cancelled] start ROOT [again]     opens the helper's window, twice with the last word, and prints each
 //   view
 //
-// "still" lets no time pass but in waiting. "cancelled" is the user's wish; with "late" in its place, the user wishes
-// it only when asked for the second time.
+// "still" lets no time pass but in waiting, and "patient" in its place lets ten times as much pass then as it counts.
+// "cancelled" is the user's wish; with "late" in its place, the user wishes it only when asked for the second time.
 //
 // As a helper:
 //
@@ -152,6 +152,9 @@ int run(Words words) {
   if (words.at(0) == "still") {
     words.erase(words.begin());
     clock.emplace();
+  } else if (words.at(0) == "patient") {
+    words.erase(words.begin());
+    clock.emplace([] { usleep(100'000); });
   }
   const int cancelled_at = words.at(0) == "cancelled" ? 1 : words.at(0) == "late" ? 2 : 0;
   if (cancelled_at != 0) {

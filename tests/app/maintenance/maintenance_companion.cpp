@@ -5,6 +5,7 @@
 //   end CODE                   ends
 //   hang                       never ends by itself
 //   open                       attaches, says that it is ready, and never ends by itself
+//   late FILE                  does as "open" once the file is there
 //   replace IMAGE ARGUMENT...  hands over to the program by becoming it
 //   tell FILE ARGUMENT...      writes into the file how it was started, and ends with 7
 
@@ -71,7 +72,10 @@ int run(const std::string& command, const Arguments& arguments) {
   if (command == "attach") {
     return attach(arguments);
   }
-  if (command == "open") {
+  if (command == "open" || command == "late") {
+    while (command == "late" && !std::filesystem::exists(arguments.at(0))) {
+      usleep(1000);
+    }
     MaintenanceRuntime::attach("maintenance-gui", "0.1.0")->report_ready();
     hang();
   }

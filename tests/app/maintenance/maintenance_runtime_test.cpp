@@ -483,10 +483,10 @@ class MaintenanceRuntimeWindow : public ::testing::Test {
       ASSERT_EQ(waitid(P_ALL, 0, &end, WEXITED | WNOWAIT | WNOHANG), 0);
     }
   }
-  // Waits until the helper has removed the name under which it wrote the ready file, which it does after it has said
-  // so.
-  void wait_for_no_file() const {
-    while (!temporary.names().empty()) {
+  // Waits until only so many names are left: the helper removes the one under which it wrote the ready file after it
+  // has said that it is ready.
+  void wait_for_names(std::size_t count) const {
+    while (temporary.names().size() > count) {
       std::this_thread::yield();
     }
   }
@@ -512,7 +512,7 @@ TEST_F(MaintenanceRuntimeWindow, IsUpOnceTheHelperSaysSo) {
   EXPECT_FALSE(child->poll());
   EXPECT_LT(clock.slept(), std::chrono::milliseconds(timeout));
   EXPECT_EQ(ready_files(), Names());
-  wait_for_no_file();
+  wait_for_names(0);
   EXPECT_EQ(kill(static_cast<pid_t>(child->pid()), SIGKILL), 0);
   EXPECT_EQ(wait_for_end(*child), 128u + SIGKILL);
 }
@@ -582,14 +582,16 @@ TEST_F(MaintenanceRuntimeWindow, LeavesNoFileWhenTheHelperSaysSoTooLate) {
   const StillClock* present = nullptr;
   const StillClock clock([&] {
     if (present->slept() == std::chrono::milliseconds(10)) {
-      // The time is over when the helper has made its file.
+      // The time is over when the helper has made its file, and removed the name under which it wrote it.
+      copy.root.write("go", "");
       wait_for_ready_file();
+      wait_for_names(1);
     } else {
       wait_for_child();
     }
   });
   present = &clock;
-  EXPECT_FAILURE(runtime.launch_gui({"open"}, 10), "maintenance_startup", not_opened);
+  EXPECT_FAILURE(runtime.launch_gui({"late", copy.root / "go"}, 10), "maintenance_startup", not_opened);
   EXPECT_TRUE(temporary.names().empty());
 }
 

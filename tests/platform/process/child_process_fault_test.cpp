@@ -26,6 +26,7 @@ using std::chrono::milliseconds;
 using testing::ChildPlace;
 using testing::ChildStart;
 using testing::console_start;
+using testing::end_at_last;
 using testing::end_of;
 using testing::has_children;
 using testing::ProcessCalls;
@@ -240,7 +241,7 @@ TEST_F(ChildFault, AChildThatMayNotBeSignalledIsNotKnownToHaveEnded) {
     EXPECT_EQ(calls.count("kill"), before + 1);
     EXPECT_EQ(clock.slept(), milliseconds(before * 10));
   }
-  EXPECT_TRUE(child->terminate(2000));
+  end_at_last(*child);
 }
 
 TEST_F(ChildFault, AChildThatDoesNotEndIsGivenUp) {
@@ -261,7 +262,7 @@ TEST_F(ChildFault, AChildThatDoesNotEndIsGivenUp) {
     }
   }
   EXPECT_FALSE(child->signalled());
-  EXPECT_TRUE(child->terminate(2000));
+  end_at_last(*child);
 }
 
 // --- Its report --------------------------------------------------------------------------------

@@ -36,6 +36,7 @@ namespace {
 using testing::ChildPlace;
 using testing::ChildStart;
 using testing::console_start;
+using testing::end_at_last;
 using testing::end_of;
 using testing::has_children;
 using testing::ProcessCalls;
@@ -346,7 +347,7 @@ TEST_F(Child, GetsNoDescriptorOfItsParentsButTheStreams) {
   wait_until_ready();
   EXPECT_EQ(end_of(*start_child({.arguments = describing()})), 0u);
   EXPECT_EQ(described("descriptor"), (Texts{"0", "1", "2"}));
-  EXPECT_TRUE(other->terminate(2000));
+  end_at_last(*other);
 }
 
 TEST_F(Child, GetsOnlyTheReaderOfItsInterruptPipeBesidesTheStreams) {
@@ -559,7 +560,7 @@ TEST_F(Child, IsNotWaitedForByPoll) {
   wait_until_ready();
   EXPECT_FALSE(child->poll().has_value());
   EXPECT_FALSE(child->notification_handle().has_value());
-  EXPECT_TRUE(child->terminate(2000));
+  end_at_last(*child);
 }
 
 TEST_F(Child, GoesOnWithoutItsOwner) {
@@ -727,7 +728,7 @@ TEST_F(Child, WithoutAPipeTakesNoRequest) {
   EXPECT_FAILURE(child->wait([] { return true; }), "process_control",
                  "Interruptible waiting needs this owned child's private channel");
   EXPECT_FALSE(child->poll().has_value());
-  EXPECT_TRUE(child->terminate(2000));
+  end_at_last(*child);
   EXPECT_FAILURE(child->wait({}), "process_control", "Interruptible waiting needs this owned child's private channel");
 }
 
