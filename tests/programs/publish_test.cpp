@@ -980,7 +980,11 @@ TEST_F(KilledRunTest, IsToldFromOneThatIsStillAlive) {
   EXPECT_NE(start(alive), "");
   run_another();
   EXPECT_FALSE(alive->has_ended());
-  const Names now = outputs();
+  // One whose file is removed before it holds it makes another.
+  Names now = outputs();
+  while (now.size() < 3 && !alive->has_ended()) {
+    now = outputs();
+  }
   EXPECT_EQ(now.size(), 3u);
   EXPECT_EQ(std::count_if(now.begin(), now.end(), [](const std::string& name) { return name.ends_with(".tmp"); }), 1);
   alive->send_signal(SIGTERM);

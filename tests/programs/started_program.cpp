@@ -109,14 +109,24 @@ StartedProgram::StartedProgram(const ProgramStart& start) {
   }
   const std::vector<char*> argument_table = table_of(arguments);
   const std::vector<char*> environment_table = table_of(environment);
+  // The program's start closes it, and nothing is written into it then.
+  Pipe running = open_pipe();
   child_ = fork();
   if (child_ == 0) {
     if (prepare(start, input.get(), output.write_end.get(), errors.write_end.get())) {
       execve(start.program.c_str(), argument_table.data(), environment_table.data());
     }
+    const char failed = 1;
+    static_cast<void>(write(running.write_end.get(), &failed, sizeof failed) == 0);
     _exit(127);
   }
   if (child_ < 0) {
+    throw std::runtime_error("Cannot start " + start.program);
+  }
+  running.write_end.reset();
+  char failed = 0;
+  if (posix::retry_interrupted([&] { return read(running.read_end.get(), &failed, sizeof failed); }) != 0) {
+    wait();
     throw std::runtime_error("Cannot start " + start.program);
   }
   output_ = std::move(output.read_end);

@@ -32,7 +32,7 @@
 namespace ravok::testing {
 
 // What a server does that sends the beginning of a large file and then next to nothing.
-inline constexpr const char* stalling = "access_log requests; limit_rate_after 600k; limit_rate 1;";
+inline constexpr const char* stalling = "access_log requests; limit_rate_after 600k; limit_rate 1k;";
 inline constexpr const char* logging = "access_log requests;";
 
 class UpdatePlace {
