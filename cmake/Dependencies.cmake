@@ -95,15 +95,11 @@ target_link_libraries(ravok_crypto INTERFACE OpenSSL::Crypto)
 target_link_libraries(ravok_archive INTERFACE LibArchive::LibArchive)
 target_link_libraries(ravok_curl INTERFACE CURL::libcurl)
 
-# What every Linux system packages as static libraries.
+# What every Linux system packages as a static library.
 if(RAVOK_OS STREQUAL "linux")
-  find_library(RAVOK_BLKID_LIBRARY NAMES libblkid.a REQUIRED)
   find_library(RAVOK_UTF8PROC_LIBRARY NAMES libutf8proc.a REQUIRED)
-  foreach(name blkid utf8proc)
-    string(TOUPPER "${name}" upper)
-    add_library(ravok_${name} INTERFACE IMPORTED GLOBAL)
-    target_link_libraries(ravok_${name} INTERFACE "${RAVOK_${upper}_LIBRARY}")
-  endforeach()
+  add_library(ravok_utf8proc INTERFACE IMPORTED GLOBAL)
+  target_link_libraries(ravok_utf8proc INTERFACE "${RAVOK_UTF8PROC_LIBRARY}")
 endif()
 
 message(STATUS "Libraries (${RAVOK_DEPENDENCIES}): OpenSSL ${OPENSSL_VERSION}, libcurl ${CURL_VERSION_STRING}, "

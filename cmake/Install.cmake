@@ -33,8 +33,7 @@ if(RAVOK_DEPENDENCIES STREQUAL "bundled")
   foreach(library archive crypto curl ssl zstd)
     install(FILES "${ravok_prefix}/lib/lib${library}.a" DESTINATION "${ravok_archives}" COMPONENT development)
   endforeach()
-  install(FILES "${RAVOK_BLKID_LIBRARY}" "${RAVOK_UTF8PROC_LIBRARY}" DESTINATION "${ravok_archives}"
-    COMPONENT development)
+  install(FILES "${RAVOK_UTF8PROC_LIBRARY}" DESTINATION "${ravok_archives}" COMPONENT development)
   install(DIRECTORY "${RAVOK_JSON_INCLUDE}/nlohmann" DESTINATION "${ravok_include}/third_party" COMPONENT development)
 endif()
 

@@ -8,7 +8,6 @@
 #include <sstream>
 #include <system_error>
 
-#include <blkid/blkid.h>
 #include <fcntl.h>
 #include <linux/btrfs.h>
 #include <linux/fs.h>
@@ -108,24 +107,17 @@ std::string uuid_listed_for(dev_t device) {
   return {};
 }
 
-std::string uuid_probed_on(const std::string& device) {
-  struct Release {
-    void operator()(char* text) const { std::free(text); }
-  };
-  const std::unique_ptr<char, Release> uuid(blkid_get_tag_value(nullptr, "UUID", device.c_str()));
-  return uuid ? std::string(uuid.get()) : std::string();
-}
-
 std::string uuid_of_block_device(const std::string& source) {
   struct stat status;
   if (!source.starts_with('/') || stat(source.c_str(), &status) != 0 || !S_ISBLK(status.st_mode)) {
     return {};
   }
-  const std::string listed = uuid_listed_for(status.st_rdev);
-  return listed.empty() ? uuid_probed_on(source) : listed;
+  return uuid_listed_for(status.st_rdev);
 }
 
-// `source` is what the mount names as its device.
+// `source` is what the mount names as its device. A volume whose UUID neither the kernel nor the device manager tells is
+// known by its device number. Nothing is read from the device itself, which only user 0 may do: a volume must not have
+// two identities, one for each user.
 std::string identity_of(int descriptor, dev_t device, const std::string& source) {
   std::string identity = uuid_of_file_system(descriptor);
   if (identity.empty()) {
