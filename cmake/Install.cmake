@@ -10,9 +10,17 @@ set(ravok_package "${CMAKE_INSTALL_LIBDIR}/cmake/ravok")
 
 install(TARGETS ravok-bootstrap ravok-install ravok-maintenance ravok-publish
   RUNTIME DESTINATION "${CMAKE_INSTALL_BINDIR}" COMPONENT programs)
+if(ravok_manual_files)
+  install(FILES ${ravok_man_pages} DESTINATION "${CMAKE_INSTALL_MANDIR}/man1" COMPONENT programs)
+  install(FILES ${ravok_bash_completions} DESTINATION "${CMAKE_INSTALL_DATADIR}/bash-completion/completions"
+    COMPONENT programs)
+  install(FILES ${ravok_zsh_completions} DESTINATION "${CMAKE_INSTALL_DATADIR}/zsh/site-functions" COMPONENT programs)
+  install(FILES ${ravok_fish_completions} DESTINATION "${CMAKE_INSTALL_DATADIR}/fish/vendor_completions.d"
+    COMPONENT programs)
+endif()
 
 set(ravok_libraries "")
-foreach(library domain platform transport tuf app core publisher)
+foreach(library domain platform transport tuf app core commit publisher)
   list(APPEND ravok_libraries ravok_${library})
   set_target_properties(ravok_${library} PROPERTIES EXPORT_NAME ${library})
 endforeach()
@@ -25,7 +33,7 @@ install(EXPORT ravok NAMESPACE ravok:: FILE ravokTargets.cmake DESTINATION "${ra
 foreach(folder client/domain client/platform client/transport client/tuf client/app publisher)
   install(DIRECTORY "${PROJECT_SOURCE_DIR}/${folder}" DESTINATION "${ravok_include}" COMPONENT development
     FILES_MATCHING PATTERN "*.hpp" PATTERN posix EXCLUDE PATTERN linux EXCLUDE PATTERN macos EXCLUDE
-    PATTERN commands EXCLUDE)
+    PATTERN commands EXCLUDE PATTERN manual EXCLUDE)
 endforeach()
 
 # The cache of the bundled libraries is not there on another machine, so an installation has them itself.

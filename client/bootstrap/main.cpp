@@ -4,9 +4,14 @@
 #include <chrono>
 #include <exception>
 #include <filesystem>
+#include <optional>
+#include <string>
+#include <vector>
 
 #include "app/command/cli_entry.hpp"
 #include "app/command/console_output.hpp"
+#include "app/command/program_commit.hpp"
+#include "app/command/program_version.hpp"
 #include "app/launcher/bootstrap_image.hpp"
 #include "app/launcher/bootstrap_update.hpp"
 #include "app/launcher/launcher_bootstrap.hpp"
@@ -31,7 +36,12 @@ int main(int argc, char** argv) {
       return 0;
     }
     ravok::initialize_client_runtime();
-    const ravok::BootstrapEntry entry = ravok::parse_bootstrap_entry(ravok::process_arguments(argc, argv), &json);
+    const std::vector<std::string> arguments = ravok::process_arguments(argc, argv);
+    if (const std::optional<int> code =
+            ravok::answer_version(arguments, {"ravok-bootstrap", ravok::program_commit()})) {
+      return *code;
+    }
+    const ravok::BootstrapEntry entry = ravok::parse_bootstrap_entry(arguments, &json);
     if (entry.help) {
       // Help needs no installation.
       return ravok::run_launcher_bootstrap("/", entry.interface, entry.arguments, startup_limit, nullptr);

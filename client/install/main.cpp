@@ -1,3 +1,9 @@
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "app/command/program_commit.hpp"
+#include "app/command/program_version.hpp"
 #include "app/install/package_seal.hpp"
 #include "app/setup/setup_console.hpp"
 #include "domain/crypto.hpp"
@@ -6,6 +12,8 @@
 #include "platform/process/program_start.hpp"
 
 namespace {
+
+constexpr const char* program_name = "ravok-install";
 
 const volatile ravok::PackageSealSlot seal_slot = ravok::make_seal_slot(RAVOK_INITIAL_PACKAGE_SHA256);
 
@@ -19,6 +27,10 @@ int main(int argc, char** argv) {
   ravok::initialize_client_runtime();
   const ravok::ConsoleInterrupt interrupt(true);
   const ravok::TerminationSignals termination;
-  return ravok::run_setup_console(ravok::process_arguments(argc, argv), "ravok-install", ravok::read_seal(seal_slot),
+  const std::vector<std::string> arguments = ravok::process_arguments(argc, argv);
+  if (const std::optional<int> code = ravok::answer_version(arguments, {program_name, ravok::program_commit()})) {
+    return *code;
+  }
+  return ravok::run_setup_console(arguments, program_name, ravok::read_seal(seal_slot),
                                   [&] { return interrupt.requested(); });
 }

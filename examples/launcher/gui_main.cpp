@@ -23,6 +23,9 @@ int main(int argc, char** argv) {
   try {
     ravok::initialize_client_runtime();
     std::vector<std::string> arguments = ravok::process_arguments(argc, argv);
+    if (const std::optional<int> code = ravok::answer_version(arguments, launcher::version_of("ravok-gui"))) {
+      return *code;
+    }
     // The bootstrap puts the data folder first. What remains are the user's own arguments, such as --launch GAME.
     const std::optional<std::string> given = ravok::cli_option(arguments, "--data-dir");
     const std::filesystem::path data_dir = given ? ravok::path_from_utf8(*given) : ravok::user_data_root();

@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "app/command/program_commit.hpp"
 #include "app/install/installation_record.hpp"
 #include "app/launcher/launcher_store.hpp"
 #include "app/maintenance/maintenance_entry.hpp"
@@ -77,6 +78,8 @@ void tell_of(std::string_view code, std::string_view problem, bool json) {
 }  // namespace
 
 std::string_view build_id() { return RAVOK_LAUNCHER_BUILD_ID; }
+
+ravok::ProgramVersion version_of(std::string_view program) { return {program, ravok::program_commit(), build_id()}; }
 
 ravok::CliEntry command_line(const std::vector<std::string>& arguments, bool* json) {
   constexpr const char* none_yet = ".";

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "app/command/cli_entry.hpp"
+#include "app/command/program_version.hpp"
 #include "app/launcher/launcher_runtime.hpp"
 #include "domain/error.hpp"
 #include "domain/json.hpp"
@@ -17,6 +18,9 @@ namespace launcher {
 // The build of this program. It must be the build ID that the release's manifest states, or the launcher will not
 // attach.
 std::string_view build_id();
+
+// Returns what the program of this name says when it is asked for its version.
+ravok::ProgramVersion version_of(std::string_view program);
 
 // Returns the console's command line. `json` becomes what parse_cli_entry makes of it. The user's own data folder is
 // looked for only where it is needed, so that a launcher that is told its folder runs without a home. Fails as

@@ -2,6 +2,9 @@
 
 #include <exception>
 #include <memory>
+#include <optional>
+#include <string>
+#include <vector>
 
 #include "domain/crypto.hpp"
 #include "launcher.hpp"
@@ -19,7 +22,11 @@ int main(int argc, char** argv) {
     // Ctrl+C reaches the bootstrap, which passes it on through a pipe that this object listens to.
     const ravok::ConsoleInterrupt interrupt(true);
     const ravok::TerminationSignals termination;
-    const ravok::CliEntry entry = launcher::command_line(ravok::process_arguments(argc, argv), &json);
+    const std::vector<std::string> arguments = ravok::process_arguments(argc, argv);
+    if (const std::optional<int> code = ravok::answer_version(arguments, launcher::version_of("ravok"))) {
+      return *code;
+    }
+    const ravok::CliEntry entry = launcher::command_line(arguments, &json);
     if (entry.help) {
       launcher::print(ravok::cli_help());
       return 0;

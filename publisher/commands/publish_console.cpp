@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <exception>
 #include <new>
+#include <optional>
 #include <sstream>
 #include <string>
 #include <string_view>
@@ -12,24 +13,18 @@
 
 #include <CLI/CLI.hpp>
 
+#include "app/command/program_version.hpp"
 #include "domain/display_text.hpp"
 #include "domain/error.hpp"
 #include "domain/exit_code.hpp"
 #include "publisher/commands/commands.hpp"
+#include "publisher/commands/publish_program.hpp"
 #include "publisher/commands/results.hpp"
 #include "publisher/commands/terminal.hpp"
 #include "publisher/snapshot_refusals.hpp"
 
 namespace ravok {
 namespace {
-
-constexpr const char* json_option = "--json";
-constexpr const char* footer =
-    "Exit codes:\n"
-    "  0  Done.\n"
-    "  1  Failed, for any reason but the two below.\n"
-    "  2  The command line is wrong: its form, or an option's value that is refused without a look at any file.\n"
-    "  4  Cancelled.";
 
 // Returns what the library says of a wrong command line, with the user's own words escaped for a terminal.
 std::string shown_failure(const CLI::App* command, const CLI::Error& problem) {
@@ -75,28 +70,6 @@ int answer(CLI::App& program, const CLI::ParseError& problem, bool json) {
   return 2;
 }
 
-std::vector<PublishCommand> add_commands(CLI::App& program) {
-  std::vector<PublishCommand> commands = {add_snapshot_command(program), add_key_command(program),
-                                          add_root_command(program), add_package_command(program),
-                                          add_installer_command(program)};
-  CLI::App& repository = *program.add_subcommand("repository", "Makes, publishes and watches a signed repository");
-  repository.require_subcommand(1);
-  for (const auto add : {
-           add_repository_init_command,
-           add_repository_release_command,
-           add_repository_refresh_command,
-           add_repository_withdraw_command,
-           add_repository_rotate_command,
-           add_repository_sign_command,
-           add_repository_status_command,
-           add_repository_check_command,
-           add_repository_discard_command,
-       }) {
-    commands.push_back(add(repository));
-  }
-  return commands;
-}
-
 // Returns the command that was named. The library has made sure that there is exactly one.
 const PublishCommand& chosen(const std::vector<PublishCommand>& commands) {
   return *std::find_if(commands.begin(), commands.end(), [](const auto& one) { return one.options->parsed(); });
@@ -127,15 +100,12 @@ int run_command(const PublishCommand& command, const CommandRun& run) {
 }
 
 int run_program(int count, const char* const* words, CommandRun& run) {
-  CLI::App program("Makes what the client reads.", "ravok-publish");
-  program.require_subcommand(1);
-  program.failure_message(shown_failure);
-  program.set_version_flag("--version", "ravok-publish " RAVOK_VERSION, "Prints the program's version");
-  program.footer(footer);
-  const std::vector<PublishCommand> commands = add_commands(program);
-  for (const PublishCommand& command : commands) {
-    command.options->add_flag(json_option)->description("Prints the result, or the problem, as one JSON document");
+  if (const std::optional<int> code = answer_version({words + std::min(count, 1), words + count}, publish_version())) {
+    return *code;
   }
+  CLI::App program;
+  program.failure_message(shown_failure);
+  const std::vector<PublishCommand> commands = make_publish_program(program);
   try {
     program.parse(count, words);
   } catch (const CLI::ParseError& problem) {
@@ -143,7 +113,7 @@ int run_program(int count, const char* const* words, CommandRun& run) {
   }
   const PublishCommand& command = chosen(commands);
   require_values(*command.options);
-  run.json = command.options->count(json_option) > 0;
+  run.json = command.options->count(publish_json_option) > 0;
   return run_command(command, run);
 }
 
@@ -151,7 +121,8 @@ int run_program(int count, const char* const* words, CommandRun& run) {
 
 int run_publish_console(int count, const char* const* words, const std::function<bool()>& cancelled) {
   // A command line that cannot be read is answered in a document too, so this does not wait for its reading.
-  const bool asked = std::any_of(words, words + count, [](std::string_view word) { return word == json_option; });
+  const bool asked =
+      std::any_of(words, words + count, [](std::string_view word) { return word == publish_json_option; });
   CommandRun run = {cancelled, asked};
   const bool& json = run.json;
   try {

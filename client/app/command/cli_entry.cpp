@@ -1,17 +1,14 @@
 #include "app/command/cli_entry.hpp"
 
 #include <algorithm>
-#include <array>
-#include <charconv>
 #include <cstddef>
-#include <cstdint>
 #include <span>
-#include <system_error>
 #include <utility>
 
+#include "app/command/cli_rows.hpp"
+#include "app/command/program_version.hpp"
 #include "domain/error.hpp"
 #include "domain/identifier.hpp"
-#include "domain/json.hpp"
 #include "domain/paths.hpp"
 #include "domain/text_rules.hpp"
 
@@ -19,29 +16,6 @@ namespace ravok {
 namespace {
 
 constexpr std::size_t maximum_cli_arguments = 128;
-constexpr std::size_t maximum_cli_argument_bytes = 16'384;
-
-constexpr std::string_view shortcut_forms = "Use self shortcut create [--game GAME] or self shortcut remove";
-
-// A command's operands and options, as views into the arguments.
-struct CliCommand {
-  std::vector<std::string_view> operands;
-  std::vector<std::pair<std::string_view, std::string_view>> options;  // with their values; a flag's is empty
-
-  // Returns the value of an option, which is empty for a flag and for an option that was not given.
-  std::string_view value(std::string_view option) const {
-    for (const auto& [name, value] : options) {
-      if (name == option) {
-        return value;
-      }
-    }
-    return {};
-  }
-
-  bool has(std::string_view option) const {
-    return std::any_of(options.begin(), options.end(), [&](const auto& given) { return given.first == option; });
-  }
-};
 
 void identifier(std::string_view text) {
   try {
@@ -49,173 +23,6 @@ void identifier(std::string_view text) {
   } catch (const Error& refusal) {
     fail("usage", refusal.what());
   }
-}
-
-bool fits_64_bits(std::string_view digits) {
-  std::uint64_t number = 0;
-  return std::from_chars(digits.data(), digits.data() + digits.size(), number).ec == std::errc();
-}
-
-void check_cleanup(const CliCommand& command) {
-  const std::string_view bytes = command.value("--keep-bytes");
-  require(are_digits(bytes), "usage", "Counts and byte budgets must be non-negative decimal integers");
-  require(bytes.empty() || fits_64_bits(bytes), "usage", "Count or byte budget exceeds its bound");
-  const std::string_view review = command.value("--confirm-cleanup");
-  require(review.empty() || is_sha256_text(review), "usage", "Cleanup review must be a SHA-256 digest");
-}
-
-void refuse_shortcut(const CliCommand&) { fail("usage", shortcut_forms); }
-
-void check_shortcut_game(const CliCommand& command) {
-  if (!command.has("--game")) {
-    return;
-  }
-  try {
-    validate_identifier(command.value("--game"));
-  } catch (const Error&) {
-    fail("usage", "Choose a game after --game");
-  }
-}
-
-void check_repository(const CliCommand& command) {
-  require(command.has("--origin") && command.has("--root"), "usage",
-          "Repository setup needs --origin and an out-of-band trusted --root");
-}
-
-void check_uninstall(const CliCommand& command) {
-  require(command.value("--confirm-game") == command.operands.front(), "confirmation_required",
-          "Specify uninstall GAME --confirm-game GAME; add --remove-saves only to delete saves");
-}
-
-void check_crash_deletion(const CliCommand& command) {
-  require(command.value("--confirm-report") == command.operands.front(), "usage",
-          "Confirm the exact report with --confirm-report REPORT");
-}
-
-void check_crash_consent(const CliCommand& command) {
-  require(command.has("--consent-version"), "crash_consent",
-          "Review the report, then supply its exact --consent-version");
-}
-
-void check_agreement(const CliCommand& command) {
-  require(command.has("--agreement-version"), "agreement_version",
-          "Read it with agreements show ID, then agree with --agreement-version VERSION");
-}
-
-void check_deferral(const CliCommand& command) {
-  require(command.has("--build"), "usage", "Deferral needs --build BUILD");
-}
-
-void check_preload_removal(const CliCommand& command) {
-  require(command.has("--build"), "usage", "Removing a preload needs GAME --build BUILD");
-}
-
-void check_update(const CliCommand& command) {
-  const bool after_exit = command.has("--after-exit") && command.has("--build") && !command.has("--launch");
-  const bool at_once = !command.has("--after-exit") && !command.has("--build") && !command.has("--session");
-  require(after_exit || at_once, "usage",
-          "Use update GAME --after-exit --build BUILD [--session SESSION], or update GAME [--launch]");
-}
-
-void check_place(const CliCommand& command) {
-  const std::string_view place = command.operands.back();
-  require(place == "content" || place == "saves" || place == "state", "usage", "Open expects content, saves or state");
-}
-
-void check_setting(const CliCommand& command) {
-  try {
-    parse_json(command.operands.back(), maximum_cli_argument_bytes);
-  } catch (const Error&) {
-    fail("usage", "Setting value must be bounded valid JSON");
-  }
-}
-
-// One command. Each list has one blank between its words.
-struct CliRow {
-  std::string_view words;
-  std::string_view operands = {};             // by the names that the help gives them
-  std::string_view values = {};               // the options that take a value
-  std::string_view flags = {};                // the options that take none
-  void (*rule)(const CliCommand&) = nullptr;  // what must hold beyond the row
-  std::string_view form = {};                 // the message for whatever does not fit the row, where it has its own
-};
-
-constexpr auto cli_rows = std::to_array<CliRow>({
-    {"repository configure", "", "--origin --root --ca-bundle", "", check_repository},
-    {"list"},
-    {"status", "GAME"},
-    {"manage", "GAME"},
-    {"locations", "GAME"},
-    {"install", "GAME", "", "--launch"},
-    {"update", "GAME", "--build --session", "--launch --after-exit", check_update},
-    {"verify", "GAME"},
-    {"repair", "GAME"},
-    {"rollback", "GAME"},
-    {"launch", "GAME", "", "--play-current"},
-    {"observe", "GAME", "--session"},
-    {"updates check", "", "", "--background"},
-    {"updates show", "GAME"},
-    {"updates defer", "GAME", "--build", "", check_deferral},
-    {"preload", "GAME", "--build"},
-    {"preloads"},
-    {"preloads discard", "GAME", "--build", "", check_preload_removal},
-    {"self status"},
-    {"self update"},
-    {"self cleanup", "", "--keep-bytes --confirm-cleanup", "", check_cleanup},
-    {"self uninstall", "", "", "--remove-data", nullptr, "Use self uninstall [--remove-data]"},
-    {"self shortcut", "", "", "", refuse_shortcut, shortcut_forms},
-    {"self shortcut create", "", "--game", "", check_shortcut_game, shortcut_forms},
-    {"self shortcut remove", "", "", "", nullptr, shortcut_forms},
-    {"uninstall", "GAME", "--confirm-game", "--remove-saves", check_uninstall},
-    {"operations list"},
-    {"operations show", "ID"},
-    {"operations wait", "ID"},
-    {"operations cancel", "ID"},
-    {"operations retry", "ID"},
-    {"settings get"},
-    {"settings set", "KEY JSON_VALUE", "", "", check_setting},
-    {"channel set", "GAME CHANNEL"},
-    {"channel unlock", "GAME"},
-    {"open", "GAME PLACE", "", "", check_place},
-    {"available"},
-    {"notices"},
-    {"service status", "", "", "--cached"},
-    {"crashes list", "", "", "--all"},
-    {"crashes show", "REPORT"},
-    {"crashes discard", "REPORT"},
-    {"crashes restore", "REPORT"},
-    {"crashes cleanup"},
-    {"crashes delete", "REPORT", "--confirm-report", "", check_crash_deletion},
-    {"crashes send", "REPORT", "--consent-version", "--age-16-or-older", check_crash_consent},
-    {"agreements"},
-    {"agreements show", "ID"},
-    {"agreements agree", "ID", "--agreement-version", "--age-16-or-older", check_agreement},
-    {"agreements withdraw", "ID"},
-});
-
-// Takes the first word off a list.
-std::string_view next_word(std::string_view& words) {
-  const std::string_view word = words.substr(0, words.find(' '));
-  words.remove_prefix(std::min(word.size() + 1, words.size()));
-  return word;
-}
-
-bool holds_word(std::string_view words, std::string_view word) {
-  while (!words.empty()) {
-    if (next_word(words) == word) {
-      return true;
-    }
-  }
-  return false;
-}
-
-std::size_t count_words(std::string_view words) {
-  std::size_t count = 0;
-  while (!words.empty()) {
-    next_word(words);
-    ++count;
-  }
-  return count;
 }
 
 // Returns how many arguments the words of a command are, or 0 where the arguments do not begin with them.
@@ -234,7 +41,7 @@ std::size_t matching_words(std::string_view words, std::span<const std::string> 
 const CliRow& take_row(std::span<const std::string>& arguments) {
   const CliRow* found = nullptr;
   std::size_t longest = 0;
-  for (const CliRow& row : cli_rows) {
+  for (const CliRow& row : cli_rows()) {
     const std::size_t count = matching_words(row.words, arguments);
     if (count > longest) {
       found = &row;
@@ -256,7 +63,7 @@ CliCommand take_apart(const CliRow& row, std::span<const std::string> arguments)
       require(!command.has(argument), "usage", "Duplicate option: " + argument);
       command.options.emplace_back(argument, "");
     } else {
-      require(holds_word(row.values, argument), "usage", "Unsupported option: " + argument);
+      require(takes_value(row, argument), "usage", "Unsupported option: " + argument);
       ++i;
       require(i < arguments.size() && !command.has(argument), "usage",
               "Duplicate or missing option value: " + argument);
@@ -423,8 +230,8 @@ bool cli_flag(std::vector<std::string>& arguments, std::string_view name) {
 }
 
 std::string cli_help() {
-  return "Ravok 0.1.0\n"
-         "Usage: ravok [--data-dir PATH] [--json] COMMAND\n"
+  return "Ravok " + std::string(client_version) +
+         "\nUsage: ravok [--data-dir PATH] [--json] COMMAND\n"
          "  repository configure --origin HTTPS_ORIGIN --root FILE [--ca-bundle FILE]\n"
          "  list | status GAME | manage GAME | locations GAME\n"
          "  install GAME [--launch] | update GAME [--launch] | verify GAME | repair GAME | rollback GAME\n"

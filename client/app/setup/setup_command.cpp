@@ -1,5 +1,6 @@
 #include "app/setup/setup_command.hpp"
 
+#include <array>
 #include <cstddef>
 
 #include "domain/error.hpp"
@@ -8,6 +9,76 @@
 
 namespace ravok {
 namespace {
+
+// One command. The help shows the lines of `help` behind the command and its options; a command without any stands with
+// the next one in a line.
+struct SetupRow {
+  SetupCommandKind kind;
+  std::string_view words;
+  std::array<std::string_view, 2> help;
+  std::string_view text;  // what the manual says of it
+};
+
+constexpr auto setup_rows = std::to_array<SetupRow>({
+    {SetupCommandKind::install,
+     "install",
+     {"Install Ravok (the default command)"},
+     "Makes an installation in an empty folder, or in one of an earlier installation; the default command"},
+    {SetupCommandKind::repair,
+     "repair",
+     {"Replace damaged Ravok files; keeps games, saves and settings"},
+     "Proves every installed file, and replaces what is damaged, missing or half-finished; games, saves and settings "
+     "stay"},
+    {SetupCommandKind::status,
+     "status",
+     {"Show what is installed"},
+     "Says what is installed, and how the last install or repair ended"},
+    {SetupCommandKind::uninstall,
+     "uninstall",
+     {"Remove Ravok and its games; saves and settings stay", "unless --remove-data is given"},
+     "Removes the client and its games; saves and settings stay"},
+    {SetupCommandKind::shortcut_create, "shortcut create", {}, "Puts the client, or a game, into the application menu"},
+    {SetupCommandKind::shortcut_remove,
+     "shortcut remove",
+     {},
+     "Takes the entries that the client made, those of games too, out of the menu; entries that were changed since "
+     "stay"},
+});
+
+bool takes_package(SetupCommandKind kind) { return needs_package(kind); }
+bool removes_data(SetupCommandKind kind) { return kind == SetupCommandKind::uninstall; }
+bool names_game(SetupCommandKind kind) { return kind == SetupCommandKind::shortcut_create; }
+
+// One option. What is set stands for the option having been given, in `given`.
+struct SetupOption {
+  std::string_view name;
+  std::string_view value;  // by what name the help knows its value; empty for a flag
+  std::string_view text;   // what the manual says of it
+  void (*set)(SetupCommand& command, const std::string& value);
+  bool (*given)(const SetupCommand& command) = nullptr;
+  bool (*applies)(SetupCommandKind kind) = nullptr;  // null where it applies to every command
+  std::string_view only = {};                        // the commands that it applies to, in words
+};
+
+constexpr auto setup_options = std::to_array<SetupOption>({
+    {"--package", "DIR", "The directory of the initial package, in place of initial-package beside the installer",
+     [](SetupCommand& command, const std::string& value) { command.package = path_from_utf8(value); },
+     [](const SetupCommand& command) { return !command.package.empty(); }, takes_package, "install and repair"},
+    {"--remove-data", "", "Removes saves and settings too",
+     [](SetupCommand& command, const std::string&) { command.remove_data = true; },
+     [](const SetupCommand& command) { return command.remove_data; }, removes_data, "uninstall"},
+    {"--game", "ID", "The game, by its identifier",
+     [](SetupCommand& command, const std::string& value) { command.game = value; },
+     [](const SetupCommand& command) { return !command.game.empty(); }, names_game, "shortcut create"},
+    {"--data-dir", "DIR", "The folder of the installation, in place of the default one",
+     [](SetupCommand& command, const std::string& value) {
+       command.data_root = path_from_utf8(value);
+       command.data_root_chosen = true;
+     }},
+    {"--json", "", "Prints the result as one JSON document, and a failure after the command line was read too",
+     [](SetupCommand& command, const std::string&) { command.json = true; }},
+    {"--help", "", "Prints a short help", [](SetupCommand& command, const std::string&) { command.help = true; }},
+});
 
 class Grammar {
  public:
@@ -28,61 +99,62 @@ class Grammar {
 };
 
 bool parse_option(const std::string& argument, Grammar& grammar, SetupCommand& command) {
-  if (argument == "--help" || argument == "-h") {
-    command.help = true;
-  } else if (argument == "--json") {
-    command.json = true;
-  } else if (argument == "--remove-data") {
-    command.remove_data = true;
-  } else if (argument == "--data-dir") {
-    command.data_root = path_from_utf8(grammar.value(argument));
-    command.data_root_chosen = true;
-  } else if (argument == "--package") {
-    command.package = path_from_utf8(grammar.value(argument));
-  } else if (argument == "--game") {
-    command.game = grammar.value(argument);
-  } else {
-    return false;
+  const std::string_view name = argument == "-h" ? std::string_view("--help") : std::string_view(argument);
+  for (const SetupOption& option : setup_options) {
+    if (option.name == name) {
+      option.set(command, option.value.empty() ? std::string() : grammar.value(argument));
+      return true;
+    }
   }
-  return true;
-}
-
-SetupCommandKind parse_shortcut_word(Grammar& grammar) {
-  const std::string word = grammar.done() ? std::string() : grammar.next();
-  if (word == "create") {
-    return SetupCommandKind::shortcut_create;
-  }
-  require(word == "remove", "usage", "Use shortcut create or shortcut remove");
-  return SetupCommandKind::shortcut_remove;
+  return false;
 }
 
 SetupCommandKind parse_command_word(const std::string& word, Grammar& grammar) {
-  if (word == "install") {
-    return SetupCommandKind::install;
+  const bool of_two = word == "shortcut";
+  const std::string words = of_two ? word + " " + (grammar.done() ? std::string() : grammar.next()) : word;
+  for (const SetupRow& row : setup_rows) {
+    // One argument with a blank in it is no command of two words.
+    if (row.words == words && of_two == (row.words.find(' ') != std::string_view::npos)) {
+      return row.kind;
+    }
   }
-  if (word == "repair") {
-    return SetupCommandKind::repair;
-  }
-  if (word == "status") {
-    return SetupCommandKind::status;
-  }
-  if (word == "uninstall") {
-    return SetupCommandKind::uninstall;
-  }
-  require(word == "shortcut", "usage", "Unknown command: " + word);
-  return parse_shortcut_word(grammar);
+  require(!of_two, "usage", "Use shortcut create or shortcut remove");
+  fail("usage", "Unknown command: " + word);
 }
 
 void check_combination(const SetupCommand& command) {
-  require(command.package.empty() || needs_package(command.command), "usage",
-          "--package only applies to install and repair");
-  require(!command.remove_data || command.command == SetupCommandKind::uninstall, "usage",
-          "--remove-data only applies to uninstall");
-  require(command.game.empty() || command.command == SetupCommandKind::shortcut_create, "usage",
-          "--game only applies to shortcut create");
+  for (const SetupOption& option : setup_options) {
+    require(option.applies == nullptr || option.applies(command.command) || !option.given(command), "usage",
+            std::string(option.name) + " only applies to " + std::string(option.only));
+  }
   if (!command.game.empty()) {
     validate_identifier(command.game);
   }
+}
+
+// Returns a command with its own options, as the help shows them.
+std::string form_of(const SetupRow& row) {
+  std::string form(row.words);
+  for (const SetupOption& option : setup_options) {
+    if (option.applies != nullptr && option.applies(row.kind)) {
+      form += " [" + std::string(option.name) + (option.value.empty() ? "" : " ") + std::string(option.value) + "]";
+    }
+  }
+  return form;
+}
+
+OptionOutline setup_outline_of(const SetupOption& option) {
+  return {std::string(option.name), std::string(option.value), std::string(option.text)};
+}
+
+CommandOutline setup_outline_of(const SetupRow& row) {
+  CommandOutline command = {std::string(row.words), std::string(row.text), {}, {}};
+  for (const SetupOption& option : setup_options) {
+    if (option.applies != nullptr && option.applies(row.kind)) {
+      command.options.push_back(setup_outline_of(option));
+    }
+  }
+  return command;
 }
 
 }  // namespace
@@ -110,18 +182,43 @@ SetupCommand parse_setup_command(const std::vector<std::string>& arguments,
 }
 
 std::string setup_usage(std::string_view program_name, bool installer) {
+  constexpr std::size_t column = 28;
   std::string usage = "Usage: " + std::string(program_name) + " [COMMAND] [--data-dir DIR] [--json]\n\nCommands:\n";
-  if (installer) {
-    usage +=
-        "  install [--package DIR]   Install Ravok (the default command)\n"
-        "  repair [--package DIR]    Replace damaged Ravok files; keeps games, saves and settings\n";
+  std::string line;
+  for (const SetupRow& row : setup_rows) {
+    if (needs_package(row.kind) && !installer) {
+      continue;
+    }
+    line += (line.empty() ? "  " : " | ") + form_of(row);
+    for (const std::string_view text : row.help) {
+      if (!text.empty()) {
+        line.resize(column, ' ');
+        usage += line + std::string(text) + "\n";
+        line.clear();
+      }
+    }
   }
-  usage +=
-      "  status                    Show what is installed\n"
-      "  uninstall [--remove-data] Remove Ravok and its games; saves and settings stay\n"
-      "                            unless --remove-data is given\n"
-      "  shortcut create [--game ID] | shortcut remove\n";
-  return usage;
+  return usage + line + "\n";
+}
+
+ProgramOutline setup_outline(std::string_view program_name, bool installer) {
+  ProgramOutline outline;
+  outline.program = program_name;
+  outline.options_anywhere = true;
+  for (const SetupOption& option : setup_options) {
+    if (option.applies == nullptr) {
+      outline.options.push_back(setup_outline_of(option));
+    }
+  }
+  for (const SetupRow& row : setup_rows) {
+    if (!needs_package(row.kind) || installer) {
+      outline.commands.push_back(setup_outline_of(row));
+    }
+  }
+  if (installer) {
+    outline.default_command = setup_rows.front().words;
+  }
+  return outline;
 }
 
 }  // namespace ravok

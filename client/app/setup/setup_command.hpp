@@ -7,6 +7,8 @@
 #include <string_view>
 #include <vector>
 
+#include "app/command/command_outline.hpp"
+
 namespace ravok {
 
 // The numbers are fixed; the two below 2 need an initial package.
@@ -41,5 +43,9 @@ SetupCommand parse_setup_command(const std::vector<std::string>& arguments,
 
 // Returns the usage text; `installer` adds the two commands that only an installer has.
 std::string setup_usage(std::string_view program_name, bool installer);
+
+// Returns the same as data: the commands and options, and what each does, without what the program is and says at its
+// end.
+ProgramOutline setup_outline(std::string_view program_name, bool installer);
 
 }  // namespace ravok

@@ -115,9 +115,9 @@ std::string uuid_of_block_device(const std::string& source) {
   return uuid_listed_for(status.st_rdev);
 }
 
-// `source` is what the mount names as its device. A volume whose UUID neither the kernel nor the device manager tells is
-// known by its device number. Nothing is read from the device itself, which only user 0 may do: a volume must not have
-// two identities, one for each user.
+// `source` is what the mount names as its device. A volume whose UUID neither the kernel nor the device manager tells
+// is known by its device number. Nothing is read from the device itself, which only user 0 may do: a volume must not
+// have two identities, one for each user.
 std::string identity_of(int descriptor, dev_t device, const std::string& source) {
   std::string identity = uuid_of_file_system(descriptor);
   if (identity.empty()) {

@@ -73,6 +73,7 @@ TEST(ParseSetupCommand, MarksADataFolderThatIsTheDefaultAsChosen) {
 TEST(ParseSetupCommand, RefusesUnknownWords) {
   refuses({"x"}, "Unknown command: x");
   refuses({"Status"}, "Unknown command: Status");
+  refuses({"shortcut create"}, "Unknown command: shortcut create");
   refuses({""}, "Unknown command: ");
   refuses({"\xff"}, "Unknown command: \xff");
 }
