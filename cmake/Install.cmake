@@ -10,6 +10,8 @@ set(ravok_package "${CMAKE_INSTALL_LIBDIR}/cmake/ravok")
 
 install(TARGETS ravok-bootstrap ravok-install ravok-maintenance ravok-publish
   RUNTIME DESTINATION "${CMAKE_INSTALL_BINDIR}" COMPONENT programs)
+# Where ravok-publish looks for it, too.
+install(FILES "${ravok_notices}" DESTINATION "${CMAKE_INSTALL_DATADIR}/doc/ravok" COMPONENT programs)
 if(ravok_manual_files)
   install(FILES ${ravok_man_pages} DESTINATION "${CMAKE_INSTALL_MANDIR}/man1" COMPONENT programs)
   install(FILES ${ravok_bash_completions} DESTINATION "${CMAKE_INSTALL_DATADIR}/bash-completion/completions"

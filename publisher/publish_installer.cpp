@@ -22,6 +22,7 @@ namespace {
 
 constexpr std::uint64_t program_limit = 268'435'456;
 constexpr std::size_t maximum_entries = 65'536;  // of a package that has been proved
+constexpr std::uint64_t notices_limit = 16'777'216;
 constexpr const char* package_name = "initial-package";
 constexpr const char* program_name = "ravok-install";
 
@@ -97,6 +98,12 @@ PublishedInstaller publish_installer(const InstallerPublication& publication, co
     to_sign = must_be_signed(publication, program);
   });
 
+  std::string notices;
+  if (!publication.notices.empty()) {
+    published.notices = output / third_party_notices;
+    notices = about(publication.notices, [&] { return read_file(publication.notices, notices_limit); });
+  }
+
   // The package is proved, copied, and proved again where it will be shipped from.
   std::uint64_t whole = 0;
   const auto pass = [&](std::uint64_t before) -> ProgressCallback {
@@ -125,6 +132,9 @@ PublishedInstaller publish_installer(const InstallerPublication& publication, co
                  publication.signing_identity.empty() ? "-" : publication.signing_identity);
   }
   sync_file(written);
+  if (!published.notices.empty()) {
+    write_new_file(folder.path() / third_party_notices, notices);
+  }
   folder.commit();
   return published;
 }

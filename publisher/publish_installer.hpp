@@ -16,6 +16,8 @@ struct InstallerPublication {
   std::filesystem::path package;  // as publish_package wrote it
   std::filesystem::path program;  // ravok-install, whatever its seal
   std::filesystem::path output;   // the folder to make
+  // The licences of the libraries that the program is made with, which are put beside it; empty for none.
+  std::filesystem::path notices;
   // Who signs a program for macOS: an identity of the keychain; empty, or "-", for a signature that names nobody.
   std::string signing_identity;
   // The program that signs it, which takes the words of codesign; empty where there is none.
@@ -25,6 +27,7 @@ struct InstallerPublication {
 struct PublishedInstaller {
   std::filesystem::path program;
   std::filesystem::path package;
+  std::filesystem::path notices;  // empty for none
   std::string seal;
   TufTime root_expires;  // nobody can install the package from this time on
 };
@@ -33,14 +36,16 @@ struct PublishedInstaller {
 // have exactly one slot.
 std::string with_seal(std::string image, std::string_view seal);
 
-// Writes "ravok-install" and "initial-package" into a new folder, and reads the package there with the seal in the
-// program. macOS starts a program only with a signature that fits it, so a program for macOS is signed again after it
-// was given its seal. `progress`, which may be empty, is told of the bytes proved, copied and proved again. After a
-// failure nothing is left behind.
-// Fails with "output_exists"; "invalid_installer" for a program without a place for a seal, for one that had to be
-// signed again where there is no signer, and for an identity where nothing is signed; "invalid_program" and
-// "program_signature" for the program's image and its signing; "file_read", "insufficient_space", "file_write",
-// "file_sync" and "cancelled"; and as read_native_package does.
+// By what name the notices lie beside programs.
+inline constexpr std::string_view third_party_notices = "third-party-notices.txt";
+
+// Writes "ravok-install", "initial-package" and the notices into a new folder, and reads the package there with the
+// seal in the program. macOS starts a program only with a signature that fits it, so a program for macOS is signed
+// again after it was given its seal. `progress`, which may be empty, is told of the bytes proved, copied and proved
+// again. After a failure nothing is left behind. Fails with "output_exists"; "invalid_installer" for a program without
+// a place for a seal, for one that had to be signed again where there is no signer, and for an identity where nothing
+// is signed; "invalid_program" and "program_signature" for the program's image and its signing; "file_read",
+// "insufficient_space", "file_write", "file_sync" and "cancelled"; and as read_native_package does.
 PublishedInstaller publish_installer(const InstallerPublication& publication, const ProgressCallback& progress);
 
 }  // namespace ravok

@@ -1,5 +1,6 @@
 #include <filesystem>
 #include <memory>
+#include <system_error>
 
 #include "domain/paths.hpp"
 #include "platform/process/process.hpp"
@@ -12,6 +13,26 @@
 namespace ravok {
 namespace {
 
+constexpr const char* no_notices =
+    "No third-party-notices.txt is found, so the installer comes without the licences of the libraries in it. They ask "
+    "to "
+    "be passed on: name the file with --notices FILE.";
+
+// Returns the notices beside the installer's program, beside this program, or where this program's installation has
+// them; an empty path where there are none.
+std::filesystem::path find_notices(const std::filesystem::path& installer) {
+  const std::filesystem::path here = current_executable_path().parent_path();
+  for (const std::filesystem::path& folder :
+       {installer.parent_path(), here, here.parent_path() / "share" / "doc" / "ravok"}) {
+    std::filesystem::path found = folder / third_party_notices;
+    std::error_code problem;
+    if (std::filesystem::is_regular_file(found, problem)) {
+      return found;
+    }
+  }
+  return {};
+}
+
 CommandResult publish(InstallerPublication publication, const CommandRun& run) {
   judge_options([&] {
     require(publication.signing_identity.empty() || !publication.signer.empty(), "usage",
@@ -19,6 +40,9 @@ CommandResult publish(InstallerPublication publication, const CommandRun& run) {
   });
   if (publication.program.empty()) {
     publication.program = current_executable_path().parent_path() / "ravok-install";
+  }
+  if (publication.notices.empty()) {
+    publication.notices = find_notices(publication.program);
   }
   PublishedInstaller published;
   {
@@ -35,6 +59,12 @@ CommandResult publish(InstallerPublication publication, const CommandRun& run) {
     result.document = {{"installer", described_file(published.program)},
                        {"package", described_folder(published.package)},
                        {"seal", published.seal}};
+  }
+  if (published.notices.empty()) {
+    result.document["notices"] = nullptr;
+    result.complaints.emplace_back(no_notices);
+  } else if (run.json) {
+    result.document["notices"] = described_file(published.notices);
   }
   tell_root_expiry(published.root_expires, present_tuf_time(), result);
   return result;
@@ -54,6 +84,11 @@ PublishCommand add_installer_command(CLI::App& program) {
       ->add_option("--sign", publication->signing_identity,
                    "On macOS, the identity that signs the program; by default a signature that names nobody")
       ->type_name("IDENTITY");
+  command
+      ->add_option("--notices", publication->notices,
+                   "The licences of the libraries in the programs, which are put beside the installer; by default "
+                   "third-party-notices.txt beside the installer program or this one")
+      ->type_name("FILE");
   return {command, [publication](const CommandRun& run) { return publish(*publication, run); }};
 }
 

@@ -28,7 +28,9 @@ ProgramOutline outline_installer() {
       "Makes a client out of the sealed package that lies beside it in the folder initial-package. The program reads "
       "this one package and no other, and proves every byte of it before it writes anything.",
       "The client goes into ~/.local/share/Ravok, or into a folder of the product's own name where it has one. Without "
-      "a command, the client is installed."};
+      "a command, the client is installed.",
+      "The licences of the libraries that the program is made with stand in third-party-notices.txt, beside it and in "
+      "native/bootstrap of the installation."};
   outline.options.push_back(version_outline);
   outline.exit_codes = client_exit_codes;
   outline.see_also = {"ravok-maintenance", "ravok-bootstrap", "ravok-publish"};

@@ -264,6 +264,37 @@ TEST_F(PublishRepository, PrintsResultsAsDocuments) {
     ++seen;
   }
   EXPECT_EQ(files.size(), seen);
+  EXPECT_EQ(installer.at("notices"), described("installer/third-party-notices.txt"));
+}
+
+TEST_F(PublishRepository, PutsTheLicencesOfItsLibrariesBesideAnInstaller) {
+  testing::InitialPackage().write(root / "package");
+  expect_published({"installer", root / "package", root / "first"});
+  EXPECT_NE(root.read("first/third-party-notices.txt").find("OpenSSL"), std::string::npos);
+  expect_published({"installer", root / "package", root / "second", "--notices", root.write("mine", "Mine.\n")});
+  EXPECT_EQ(root.read("second/third-party-notices.txt"), "Mine.\n");
+}
+
+TEST_F(PublishRepository, TellsOfAnInstallerWithoutLicences) {
+  testing::InitialPackage().write(root / "package");
+  // Copied away from what lies beside it.
+  root.directory("bin");
+  for (const char* program : {RAVOK_PUBLISH, RAVOK_INSTALL}) {
+    std::filesystem::copy_file(program, root / "bin" / std::filesystem::path(program).filename());
+  }
+  const ProgramResult result =
+      run_program({root / "bin/ravok-publish", {"installer", root / "package", root / "installer"}, {}, ""});
+  EXPECT_EQ(result.exit_code, 0);
+  EXPECT_EQ(result.errors,
+            "No third-party-notices.txt is found, so the installer comes without the licences of the libraries in it. "
+            "They ask to be passed on: name the file with --notices FILE.\n");
+  EXPECT_FALSE(std::filesystem::exists(root / "installer/third-party-notices.txt"));
+  // An installation of the programs has them in a folder of its own.
+  root.directory("share/doc/ravok");
+  root.write("share/doc/ravok/third-party-notices.txt", "Installed.\n");
+  EXPECT_EQ(run_program({root / "bin/ravok-publish", {"installer", root / "package", root / "next"}, {}, ""}).errors,
+            "");
+  EXPECT_EQ(root.read("next/third-party-notices.txt"), "Installed.\n");
 }
 
 TEST_F(PublishRepository, NamesItsCommandsWhereNoneIsGiven) {

@@ -202,6 +202,20 @@ TEST_F(PublishInstaller, PutsASealedProgramBesideItsPackage) {
   EXPECT_EQ(root.read("program"), "image " + empty_slot + " end");
 }
 
+TEST_F(PublishInstaller, PutsTheNoticesBesideTheProgram) {
+  publication.notices = root.write("notices", "May be used.\n");
+  EXPECT_EQ(publish_installer(publication, {}).notices, root / "installer/third-party-notices.txt");
+  EXPECT_EQ(root.read("installer/third-party-notices.txt"), "May be used.\n");
+  EXPECT_EQ(mode_of(root / "installer/third-party-notices.txt"), 0644u);
+}
+
+TEST_F(PublishInstaller, RefusesNoticesThatCannotBeRead) {
+  publication.notices = root / "notices";
+  expect_refused("file_read", "Cannot open file: " + publication.notices.native());
+  publication.notices = root.write("notices", std::string(16'777'217, 'x'));
+  expect_refused("size_limit", publication.notices.native() + ": File exceeds read limit");
+}
+
 TEST_F(PublishInstaller, RefusesAPlaceInItsPackage) {
   const Names names = root.names();
   for (const std::filesystem::path& inside : {publication.package / "installer", publication.package / "a/b"}) {
