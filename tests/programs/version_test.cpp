@@ -7,6 +7,7 @@
 
 #include "app/command/program_commit.hpp"
 #include "app/command/program_version.hpp"
+#include "platform/file/files.hpp"
 #include "support/process.hpp"
 
 namespace ravok::version_test {
@@ -36,6 +37,13 @@ ProgramResult run(const Program& program, const std::vector<std::string>& argume
 }
 
 TEST(Version, IsThatOfTheProject) { EXPECT_EQ(client_version, RAVOK_VERSION); }
+
+TEST(Version, IsTheNewestOfTheListOfChanges) {
+  const std::string changes = read_file(RAVOK_CHANGES, 1'048'576);
+  const std::string heading = "\n## " + std::string(client_version) + " (" + std::string(client_version_date) + ")\n";
+  EXPECT_NE(changes.find(heading), std::string::npos);
+  EXPECT_EQ(changes.find(heading), changes.find("\n## "));
+}
 
 TEST(Version, IsToldByEveryProgramInWords) {
   for (const Program& program : programs) {
