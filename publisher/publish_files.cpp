@@ -3,6 +3,7 @@
 #include <utility>
 
 #include "domain/crypto.hpp"
+#include "domain/limits.hpp"
 #include "platform/file/file_operations.hpp"
 #include "platform/file/tree_removal.hpp"
 #include "publisher/leftovers.hpp"
@@ -45,6 +46,20 @@ std::filesystem::path output_path(const std::filesystem::path& path) {
 }
 
 void write_new_file(const std::filesystem::path& path, std::string_view bytes) { NewOutput(path, bytes).keep(); }
+
+void read_in_pieces(const std::filesystem::path& path, const std::function<void(std::string_view)>& take) {
+  const Result<Handle> input = os::open(path, os::OpenAs::file);
+  require(input.has_value(), "file_read", "Cannot open file: " + path_utf8(path));
+  std::string buffer(piece_bytes, '\0');
+  for (;;) {
+    const Result<std::size_t> count = os::read(input->get(), buffer.data(), buffer.size());
+    require(count.has_value(), "file_read", "Cannot read file: " + path_utf8(path));
+    if (*count == 0) {
+      return;
+    }
+    take({buffer.data(), *count});
+  }
+}
 
 void make_output_folder(int parent, const std::string& name, const std::filesystem::path& path) {
   Problem problem = os::make_directory_at(parent, name.c_str(), permissions::readable_directory);
@@ -110,6 +125,11 @@ OutputFile::~OutputFile() {
   }
   // The file goes before its folder.
   file_.reset();
+}
+
+void OutputFile::make_program() {
+  require(!os::set_permissions(file_->handle(), permissions::program), "file_write",
+          "Cannot set the permissions of a file");
 }
 
 void OutputFile::keep() {

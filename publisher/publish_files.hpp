@@ -3,6 +3,7 @@
 #pragma once
 
 #include <filesystem>
+#include <functional>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -25,6 +26,9 @@ void require_outside(const std::filesystem::path& output, const std::filesystem:
 // Writes a file of mode 0644 that must not exist yet, durably. Fails with "insufficient_space", "file_write",
 // "file_sync" or "unsafe_path" as OutputFile does; then there is no file.
 void write_new_file(const std::filesystem::path& path, std::string_view bytes);
+
+// Hands a file's bytes to `take`, one piece after the other. Fails with "file_read", and as `take` does.
+void read_in_pieces(const std::filesystem::path& path, const std::function<void(std::string_view)>& take);
 
 // Makes a directory in an open one, with mode 0755 as limited by the process's mask, except that its owner gets all
 // permissions. Fails with "file_write"; the message names `path`.
@@ -81,6 +85,9 @@ class OutputFile {
   OutputFile& operator=(const OutputFile&) = delete;
 
   void write(std::string_view bytes) { file_->write(bytes); }
+
+  // Lets everybody read and execute the file, whatever the process's mask. Fails with "file_write".
+  void make_program();
 
   // Gives the file its name, durably. A file that could not be flushed is removed, so that nothing stays that a power
   // cut may take back. Fails as ExportFile::commit does.

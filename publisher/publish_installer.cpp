@@ -16,11 +16,11 @@
 #include "publisher/program_signing.hpp"
 #include "publisher/publish_files.hpp"
 #include "publisher/publish_root.hpp"
+#include "publisher/single_file_installer.hpp"
 
 namespace ravok {
 namespace {
 
-constexpr std::uint64_t program_limit = 268'435'456;
 constexpr std::size_t maximum_entries = 65'536;  // of a package that has been proved
 constexpr std::uint64_t notices_limit = 16'777'216;
 constexpr const char* package_name = "initial-package";
@@ -40,19 +40,11 @@ std::string seal_of(const std::filesystem::path& package) {
 }
 
 void copy_file(const std::filesystem::path& from, const std::filesystem::path& to, const ProgressCallback& progress) {
-  const Result<Handle> input = os::open(from, os::OpenAs::file);
-  require(input.has_value(), "file_read", "Cannot open file: " + path_utf8(from));
   ExportFile output(to);
-  std::string buffer(piece_bytes, '\0');
-  for (;;) {
-    const Result<std::size_t> count = os::read(input->get(), buffer.data(), buffer.size());
-    require(count.has_value(), "file_read", "Cannot read file: " + path_utf8(from));
-    if (*count == 0) {
-      break;
-    }
-    output.write({buffer.data(), *count});
-    report(progress, *count, 0);
-  }
+  read_in_pieces(from, [&](std::string_view piece) {
+    output.write(piece);
+    report(progress, piece.size(), 0);
+  });
   output.commit();
 }
 
@@ -72,6 +64,111 @@ bool must_be_signed(const InstallerPublication& publication, const std::string& 
   return image != ProgramImage::other;
 }
 
+// An installer's parts, once everything that can be judged without writing has been judged.
+class InstallerAssembly {
+ public:
+  InstallerAssembly(const InstallerPublication& publication, const ProgressCallback& progress)
+      : publication_(publication), progress_(progress), output_(output_path(publication.output)) {}
+
+  PublishedInstaller publish() {
+    published_.seal = seal_of(publication_.package);
+    require_absent(output_);
+    require_outside(output_, publication_.package,
+                    publication_.single_file ? "The installer must lie outside the package"
+                                             : "The installer's folder must lie outside the package");
+    about(publication_.program, [&] { read_program(); });
+    if (!publication_.notices.empty() && !publication_.single_file) {
+      notices_ = about(publication_.notices, [&] { return read_file(publication_.notices, notices_limit); });
+      published_.notices = output_ / third_party_notices;
+    }
+    // The package is proved, copied, and proved again where it will be shipped from.
+    published_.root_expires =
+        root_expiry(read_native_package(publication_.package, published_.seal, pass(0)).root_json);
+    if (publication_.single_file) {
+      write_file();
+    } else {
+      write_folder();
+    }
+    return published_;
+  }
+
+ private:
+  void read_program() {
+    program_ = with_seal(read_file(publication_.program, maximum_installer_program_bytes), published_.seal);
+    require_bare_program(program_);
+    to_sign_ = must_be_signed(publication_, program_);
+    if (publication_.single_file) {
+      require(inspect_program_image(program_) == ProgramImage::other, "invalid_installer",
+              "A program for macOS carries no package; make a folder");
+      require_place_for_package(program_);
+    }
+  }
+
+  // The progress of one of the three passes over the package, as a part of the whole.
+  ProgressCallback pass(std::uint64_t before) {
+    return [this, before](std::uint64_t done, std::uint64_t total) {
+      whole_ = 3 * total;
+      copied_ = total;
+      return !progress_ || progress_(before * total + done, whole_);
+    };
+  }
+
+  // The progress of the second pass, which is told of each piece.
+  ProgressCallback copying() {
+    return [this](std::uint64_t count, std::uint64_t) {
+      copied_ += count;
+      return !progress_ || progress_(std::min(copied_, whole_ / 3 * 2), whole_);
+    };
+  }
+
+  void write_file() {
+    OutputFile file(output_);
+    const AppendedPlace place = write_single_file_installer(program_, publication_.package, file, copying());
+    file.commit();
+    read_native_package(AppendedPackage::in_file(output_, place), published_.seal, pass(2));
+    file.keep();
+    published_.program = output_;
+  }
+
+  void write_folder() {
+    NewFolder folder(output_);
+    const std::filesystem::path package = folder.path() / package_name;
+    make_output_folder(folder.handle(), package_name, package);
+    const ProgressCallback progress = copying();
+    for (const std::string& name : names_in(publication_.package, maximum_entries)) {
+      copy_file(publication_.package / name, package / name, progress);
+    }
+    read_native_package(package, published_.seal, pass(2));
+    write_program(folder.path() / program_name);
+    if (!published_.notices.empty()) {
+      write_new_file(folder.path() / third_party_notices, notices_);
+    }
+    folder.commit();
+    published_.program = output_ / program_name;
+    published_.package = output_ / package_name;
+  }
+
+  void write_program(const std::filesystem::path& path) const {
+    write_new_file(path, program_);
+    std::filesystem::permissions(path, std::filesystem::perms(permissions::program));
+    if (to_sign_) {
+      sign_program(publication_.signer, path,
+                   publication_.signing_identity.empty() ? "-" : publication_.signing_identity);
+    }
+    sync_file(path);
+  }
+
+  const InstallerPublication& publication_;
+  const ProgressCallback& progress_;
+  const std::filesystem::path output_;
+  PublishedInstaller published_;
+  std::string program_;
+  std::string notices_;
+  bool to_sign_ = false;
+  std::uint64_t copied_ = 0;  // bytes, of two passes
+  std::uint64_t whole_ = 0;   // bytes, of all three
+};
+
 }  // namespace
 
 std::string with_seal(std::string image, std::string_view seal) {
@@ -84,59 +181,7 @@ std::string with_seal(std::string image, std::string_view seal) {
 }
 
 PublishedInstaller publish_installer(const InstallerPublication& publication, const ProgressCallback& progress) {
-  PublishedInstaller published;
-  const std::filesystem::path output = output_path(publication.output);
-  published.program = output / program_name;
-  published.package = output / package_name;
-  published.seal = seal_of(publication.package);
-  require_absent(output);
-  require_outside(output, publication.package, "The installer's folder must lie outside the package");
-  std::string program;
-  bool to_sign = false;
-  about(publication.program, [&] {
-    program = with_seal(read_file(publication.program, program_limit), published.seal);
-    to_sign = must_be_signed(publication, program);
-  });
-
-  std::string notices;
-  if (!publication.notices.empty()) {
-    published.notices = output / third_party_notices;
-    notices = about(publication.notices, [&] { return read_file(publication.notices, notices_limit); });
-  }
-
-  // The package is proved, copied, and proved again where it will be shipped from.
-  std::uint64_t whole = 0;
-  const auto pass = [&](std::uint64_t before) -> ProgressCallback {
-    return [&, before](std::uint64_t done, std::uint64_t total) {
-      whole = 3 * total;
-      return !progress || progress(before * total + done, whole);
-    };
-  };
-  published.root_expires = root_expiry(read_native_package(publication.package, published.seal, pass(0)).root_json);
-  NewFolder folder(output);
-  const std::filesystem::path package = folder.path() / package_name;
-  make_output_folder(folder.handle(), package_name, package);
-  std::uint64_t copied = whole / 3;
-  for (const std::string& name : names_in(publication.package, maximum_entries)) {
-    copy_file(publication.package / name, package / name, [&](std::uint64_t count, std::uint64_t) {
-      copied += count;
-      return !progress || progress(std::min(copied, whole / 3 * 2), whole);
-    });
-  }
-  read_native_package(package, published.seal, pass(2));
-  const std::filesystem::path written = folder.path() / program_name;
-  write_new_file(written, program);
-  std::filesystem::permissions(written, std::filesystem::perms(0755));
-  if (to_sign) {
-    sign_program(publication.signer, written,
-                 publication.signing_identity.empty() ? "-" : publication.signing_identity);
-  }
-  sync_file(written);
-  if (!published.notices.empty()) {
-    write_new_file(folder.path() / third_party_notices, notices);
-  }
-  folder.commit();
-  return published;
+  return InstallerAssembly(publication, progress).publish();
 }
 
 }  // namespace ravok

@@ -1,5 +1,5 @@
 // Publishing an installer: a folder ready to ship, with the installer program sealed for one package and that
-// package beside it.
+// package beside it; or one file, with that package behind the program.
 #pragma once
 
 #include <filesystem>
@@ -15,18 +15,19 @@ namespace ravok {
 struct InstallerPublication {
   std::filesystem::path package;  // as publish_package wrote it
   std::filesystem::path program;  // ravok-install, whatever its seal
-  std::filesystem::path output;   // the folder to make
-  // The licences of the libraries that the program is made with, which are put beside it; empty for none.
+  std::filesystem::path output;   // the folder or the file to make
+  // The licences of the libraries that the program is made with, which are put beside it in a folder; empty for none.
   std::filesystem::path notices;
   // Who signs a program for macOS: an identity of the keychain; empty, or "-", for a signature that names nobody.
   std::string signing_identity;
   // The program that signs it, which takes the words of codesign; empty where there is none.
   std::string signer = std::string(os::program_signer());
+  bool single_file = false;  // one file in place of a folder
 };
 
 struct PublishedInstaller {
   std::filesystem::path program;
-  std::filesystem::path package;
+  std::filesystem::path package;  // empty if it lies in the program's file
   std::filesystem::path notices;  // empty for none
   std::string seal;
   TufTime root_expires;  // nobody can install the package from this time on
@@ -39,13 +40,15 @@ std::string with_seal(std::string image, std::string_view seal);
 // By what name the notices lie beside programs.
 inline constexpr std::string_view third_party_notices = "third-party-notices.txt";
 
-// Writes "ravok-install", "initial-package" and the notices into a new folder, and reads the package there with the
-// seal in the program. macOS starts a program only with a signature that fits it, so a program for macOS is signed
-// again after it was given its seal. `progress`, which may be empty, is told of the bytes proved, copied and proved
-// again. After a failure nothing is left behind. Fails with "output_exists"; "invalid_installer" for a program without
-// a place for a seal, for one that had to be signed again where there is no signer, and for an identity where nothing
-// is signed; "invalid_program" and "program_signature" for the program's image and its signing; "file_read",
-// "insufficient_space", "file_write", "file_sync" and "cancelled"; and as read_native_package does.
+// Writes "ravok-install", "initial-package" and the notices into a new folder, or the first two into one new file, and
+// reads the package there with the seal in the program. macOS starts a program only with a signature that fits it, so a
+// program for macOS is signed again after it was given its seal. `progress`, which may be empty, is told of the bytes
+// proved, copied and proved again. After a failure nothing is left behind.
+// Fails with "output_exists"; "invalid_installer" for a program without a place for a seal, for one that carries a
+// package already, for one that had to be signed again where there is no signer, for an identity where nothing is
+// signed, and where one file is wanted for a program for macOS and for one without a place for a package; "unsafe_path"
+// for an output in the package; "invalid_program" and "program_signature" for the program's image and its signing;
+// "file_read", "insufficient_space", "file_write", "file_sync" and "cancelled"; and as read_native_package does.
 PublishedInstaller publish_installer(const InstallerPublication& publication, const ProgressCallback& progress);
 
 }  // namespace ravok

@@ -3,16 +3,19 @@
 
 #include <cstdint>
 #include <filesystem>
+#include <memory>
 #include <string>
 
+#include "app/install/appended_package.hpp"
 #include "platform/snapshot/progress.hpp"
 #include "tuf/tuf_time.hpp"
 
 namespace ravok {
 
 struct ShippedPackage {
-  std::filesystem::path directory;
-  std::string seal;  // lower-case digest text of the descriptor
+  std::filesystem::path directory;                            // or the file of an installer that carries it
+  std::shared_ptr<const AppendedPackage> appended = nullptr;  // the package in that file; null for one in a directory
+  std::string seal;                                           // lower-case digest text of the descriptor
   std::string platform;
   std::string origin;     // of the repository
   std::string ca_bundle;  // PEM; empty for the system's own trust
@@ -21,13 +24,14 @@ struct ShippedPackage {
   TufTime root_expires;  // no installation is possible from this time on
 };
 
-// Whether a directory is an initial package, or the folder of an installer with a package in it.
+// Whether a path is that of an initial package, of the folder of an installer with a package in it, or of an installer
+// in one file.
 bool is_shipped_package(const std::filesystem::path& path);
 
 // Reads what a package's descriptor says, and the parts of it that are here, each proved against the descriptor. An
-// installer beside the package must be sealed for it. Fails with "invalid_native_package", "unsupported_schema",
-// "content_mismatch"; with "native_install_trust" for an installer that is sealed for another package; and as
-// read_file, parse_json and TrustedSet do for the documents.
+// installer beside or before the package must be sealed for it. Fails with "invalid_native_package",
+// "unsupported_schema", "content_mismatch"; with "native_install_trust" for an installer that is sealed for another
+// package; and as read_file, AppendedPackage::in_file, parse_json and TrustedSet do for the documents.
 ShippedPackage read_shipped_package(const std::filesystem::path& path);
 
 // Proves the whole package as an installer of this platform does. `progress`, which may be empty, is told of the bytes

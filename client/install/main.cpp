@@ -4,6 +4,7 @@
 
 #include "app/command/program_commit.hpp"
 #include "app/command/program_version.hpp"
+#include "app/install/appended_package.hpp"
 #include "app/install/package_seal.hpp"
 #include "app/setup/setup_console.hpp"
 #include "domain/crypto.hpp"
@@ -16,6 +17,7 @@ namespace {
 constexpr const char* program_name = "ravok-install";
 
 const volatile ravok::PackageSealSlot seal_slot = ravok::make_seal_slot(RAVOK_INITIAL_PACKAGE_SHA256);
+const volatile ravok::AppendedSlot appended_slot = ravok::make_appended_slot();
 
 }  // namespace
 
@@ -31,6 +33,7 @@ int main(int argc, char** argv) {
   if (const std::optional<int> code = ravok::answer_version(arguments, {program_name, ravok::program_commit()})) {
     return *code;
   }
-  return ravok::run_setup_console(arguments, program_name, ravok::read_seal(seal_slot),
-                                  [&] { return interrupt.requested(); });
+  return ravok::run_setup_console(
+      arguments, program_name, ravok::read_seal(seal_slot), [&] { return interrupt.requested(); },
+      ravok::read_appended_place(appended_slot));
 }

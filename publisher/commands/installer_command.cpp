@@ -15,8 +15,7 @@ namespace {
 
 constexpr const char* no_notices =
     "No third-party-notices.txt is found, so the installer comes without the licences of the libraries in it. They ask "
-    "to "
-    "be passed on: name the file with --notices FILE.";
+    "to be passed on: name the file with --notices FILE.";
 
 // Returns the notices beside the installer's program, beside this program, or where this program's installation has
 // them; an empty path where there are none.
@@ -33,15 +32,26 @@ std::filesystem::path find_notices(const std::filesystem::path& installer) {
   return {};
 }
 
+void tell_notices(const PublishedInstaller& published, bool json, CommandResult& result) {
+  if (published.notices.empty()) {
+    result.document["notices"] = nullptr;
+    result.complaints.emplace_back(no_notices);
+  } else if (json) {
+    result.document["notices"] = described_file(published.notices);
+  }
+}
+
 CommandResult publish(InstallerPublication publication, const CommandRun& run) {
   judge_options([&] {
     require(publication.signing_identity.empty() || !publication.signer.empty(), "usage",
             "Programs are signed on macOS alone");
+    require(publication.notices.empty() || !publication.single_file, "usage",
+            "One file has no place for the notices; ship them in the client that it installs");
   });
   if (publication.program.empty()) {
     publication.program = current_executable_path().parent_path() / "ravok-install";
   }
-  if (publication.notices.empty()) {
+  if (publication.notices.empty() && !publication.single_file) {
     publication.notices = find_notices(publication.program);
   }
   PublishedInstaller published;
@@ -53,18 +63,20 @@ CommandResult publish(InstallerPublication publication, const CommandRun& run) {
     });
   }
   CommandResult result;
-  result.lines = {"Installer: " + path_utf8(published.program), "Package: " + path_utf8(published.package),
-                  "Seal: " + published.seal};
-  if (run.json) {
-    result.document = {{"installer", described_file(published.program)},
-                       {"package", described_folder(published.package)},
-                       {"seal", published.seal}};
+  result.lines.push_back("Installer: " + path_utf8(published.program));
+  if (!published.package.empty()) {
+    result.lines.push_back("Package: " + path_utf8(published.package));
   }
-  if (published.notices.empty()) {
-    result.document["notices"] = nullptr;
-    result.complaints.emplace_back(no_notices);
-  } else if (run.json) {
-    result.document["notices"] = described_file(published.notices);
+  result.lines.push_back("Seal: " + published.seal);
+  if (run.json) {
+    result.document = {{"installer", described_file(published.program)}, {"seal", published.seal}};
+    if (!published.package.empty()) {
+      result.document["package"] = described_folder(published.package);
+    }
+  }
+  // The client that one file installs carries them.
+  if (!publication.single_file) {
+    tell_notices(published, run.json, result);
   }
   tell_root_expiry(published.root_expires, present_tuf_time(), result);
   return result;
@@ -74,9 +86,14 @@ CommandResult publish(InstallerPublication publication, const CommandRun& run) {
 
 PublishCommand add_installer_command(CLI::App& program) {
   const auto publication = std::make_shared<InstallerPublication>();
-  CLI::App* const command = program.add_subcommand("installer", "Makes a folder with an installer, ready to ship");
+  CLI::App* const command =
+      program.add_subcommand("installer", "Makes an installer, ready to ship: a folder or one file");
   command->add_option("PACKAGE", publication->package, "The initial package")->required();
-  command->add_option("DIR", publication->output, "The folder to make, which must not exist yet")->required();
+  command
+      ->add_option("DIR", publication->output,
+                   "The folder to make, or with --single-file the file; it must not exist yet")
+      ->required();
+  command->add_flag("--single-file", publication->single_file, "Puts the package behind the program, into one file");
   command
       ->add_option("--program", publication->program, "The installer program; by default the one beside this program")
       ->type_name("FILE");

@@ -16,6 +16,7 @@
 #include "support/nginx_server.hpp"
 #include "support/package_builder.hpp"
 #include "support/process.hpp"
+#include "support/single_file.hpp"
 
 namespace ravok {
 namespace {
@@ -246,6 +247,35 @@ TEST_F(RepositoryCheckCommand, ChecksAnInstallerWithItsPackage) {
   std::filesystem::remove(folder + "/ravok-install");
   EXPECT_EQ(check({folder}).errors, "Initial package contains an unexpected entry: extra\n");
   EXPECT_EQ(check({folder, "--quick"}).exit_code, 0);
+}
+
+TEST_F(RepositoryCheckCommand, ChecksAnInstallerInOneFile) {
+  site.publish();
+  const std::string seal = write_package();
+  const std::string file = site.root / "installer";
+  const std::string slot = "ravok initial package = " + std::string(64, '-');
+  ProgramResult result =
+      publisher({"installer", site.root / "package", file, "--single-file", "--program",
+                 site.root.write("program", "before " + slot + testing::empty_appended_slot() + " after")});
+  ASSERT_EQ(result.exit_code, 0) << result.errors;
+  result = check({file, "--at", "2030-01-01", "--repository", site.root.path(), "--json"});
+  EXPECT_EQ(result.exit_code, 0) << result.errors;
+  EXPECT_EQ(document_of(result).at("package").at("seal"), seal);
+  EXPECT_EQ(document_of(result).at("package").at("path"), file);
+
+  const std::string whole = site.root.read("installer");
+  site.root.write("installer", whole.substr(0, whole.size() - 1) + "?");
+  result = check({file});
+  EXPECT_EQ(result.exit_code, 1);
+  EXPECT_NE(result.errors.find("Initial package resource changed: "), std::string::npos) << result.errors;
+  EXPECT_EQ(check({file, "--quick"}).exit_code, 0);
+  site.root.write("installer", whole + "?");
+  EXPECT_EQ(check({file}).errors,
+            file + ": This installer has bytes behind its end that do not belong to it; get it again\n");
+  std::string other = whole;
+  other.replace(other.find(seal), seal.size(), std::string(64, 'a'));
+  site.root.write("installer", other);
+  EXPECT_EQ(check({file}).errors, file + ": This package is not the one this installer was built for\n");
 }
 
 TEST_F(RepositoryCheckCommand, FollowsALiveRepositoryAtTheAddressOfAPackage) {

@@ -11,6 +11,7 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include "app/install/appended_package.hpp"
 #include "app/install/native_package.hpp"
 #include "app/install/package_seal.hpp"
 #include "publisher/publish_files.hpp"
@@ -18,7 +19,9 @@
 #include "support/file_calls.hpp"
 #include "support/ordinary_user.hpp"
 #include "support/package_builder.hpp"
+#include "support/single_file.hpp"
 #include "support/temporary_root.hpp"
+#include "support/with_mask.hpp"
 #include "support/working_directory.hpp"
 
 namespace ravok {
@@ -400,6 +403,168 @@ TEST_F(PublishInstaller, ProvesWhatItHasCopied) {
   EXPECT_FAILURE(publish_installer(publication, change), "content_mismatch",
                  "Initial package resource changed: " + name);
   EXPECT_TRUE(changed);
+  EXPECT_EQ(root.names(), before);
+}
+
+TEST(WithAppendedPlace, FillsTheOneSlotOfAnImage) {
+  const AppendedPlace place = {1, 2, 3, std::string(64, 'a')};
+  const std::string slot = testing::empty_appended_slot();
+  EXPECT_EQ(with_appended_place("before" + slot + "behind", place),
+            "before" + std::string(appended_package_mark) + appended_place_text(place) + "behind");
+}
+
+TEST(WithAppendedPlace, RefusesAnImageWithoutExactlyOneWholeSlot) {
+  const std::string slot = testing::empty_appended_slot();
+  for (const std::string& image :
+       {std::string(), std::string(appended_package_mark), slot.substr(1), slot.substr(0, slot.size() - 1), slot + slot,
+        std::string(appended_package_mark) + std::string(112, 'A')}) {
+    EXPECT_FAILURE(with_appended_place(image, {}), "invalid_installer",
+                   "The program has no place for a package of its own")
+        << image;
+  }
+}
+
+class PublishSingleFile : public PublishInstaller {
+ protected:
+  PublishSingleFile() {
+    publication.program = root.write("program", image);
+    publication.single_file = true;
+    before = root.names();
+  }
+
+  // The place that a published file's slot states.
+  AppendedPlace place_in(const std::string& file) const {
+    const std::size_t at = file.find(appended_package_mark) + appended_package_mark.size();
+    return parse_appended_place(file.substr(at, appended_place_characters)).value();
+  }
+
+  const std::string image = "image " + empty_slot + testing::empty_appended_slot() + " end";
+};
+
+TEST_F(PublishSingleFile, PutsThePackageBehindTheProgram) {
+  const PublishedInstaller published = publish_installer(publication, {});
+  EXPECT_EQ(published.program, root / "installer");
+  EXPECT_EQ(published.package, "");
+  EXPECT_EQ(published.seal, package_seal);
+  const std::string file = root.read("installer");
+  const AppendedPlace place = place_in(file);
+  EXPECT_EQ(file.substr(0, image.size()), with_appended_place(with_seal(image, package_seal), place));
+  EXPECT_EQ(place.program_bytes, image.size());
+  EXPECT_EQ(place.file_bytes, file.size());
+  EXPECT_EQ(mode_of(root / "installer"), 0755u);
+  EXPECT_EQ(read_native_package(AppendedPackage::in_file(published.program, place), package_seal, {}).origin,
+            "https://games.example");
+  Names names = before;
+  names.emplace_back("installer");
+  std::sort(names.begin(), names.end());
+  EXPECT_EQ(root.names(), names);
+}
+
+TEST_F(PublishSingleFile, GivesTheSameBytesForTheSamePackage) {
+  publish_installer(publication, {});
+  publication.output = root / "again";
+  publish_installer(publication, {});
+  EXPECT_EQ(root.read("again"), root.read("installer"));
+}
+
+TEST_F(PublishSingleFile, MakesAProgramWhateverTheMask) {
+  const testing::WithMask mask(0077);
+  publish_installer(publication, {});
+  EXPECT_EQ(mode_of(root / "installer"), 0755u);
+}
+
+TEST_F(PublishSingleFile, TellsHowFarItIs) {
+  std::vector<std::pair<std::uint64_t, std::uint64_t>> steps;
+  publish_installer(publication, [&](std::uint64_t done, std::uint64_t total) {
+    steps.emplace_back(done, total);
+    return true;
+  });
+  ASSERT_FALSE(steps.empty());
+  for (std::size_t i = 0; i < steps.size(); ++i) {
+    EXPECT_EQ(steps[i].second, steps.front().second);
+    EXPECT_LE(i == 0 ? 0 : steps[i - 1].first, steps[i].first);
+  }
+  EXPECT_EQ(steps.back().first, steps.back().second);
+}
+
+TEST_F(PublishSingleFile, LeavesNothingWheneverItIsCancelled) {
+  std::size_t calls = 0;
+  publish_installer(publication, [&](std::uint64_t, std::uint64_t) { return ++calls > 0; });
+  std::filesystem::remove(root / "installer");
+  ASSERT_GT(calls, 3u);
+  for (std::size_t last = 1; last <= calls; ++last) {
+    std::size_t call = 0;
+    const auto failure = testing::failure_of(
+        [&] { publish_installer(publication, [&](std::uint64_t, std::uint64_t) { return ++call < last; }); });
+    ASSERT_TRUE(failure);
+    EXPECT_EQ(failure->code, "cancelled");
+    EXPECT_EQ(root.names(), before);
+  }
+}
+
+TEST_F(PublishSingleFile, RefusesAnOutputThatIsThereOrLiesInThePackage) {
+  root.write("installer", "other");
+  expect_refused("output_exists", "The output already exists: " + publication.output.native());
+  publication.output = publication.package / "installer";
+  expect_refused("unsafe_path", "The installer must lie outside the package");
+}
+
+TEST_F(PublishSingleFile, RefusesAProgramWithoutAPlaceForAPackage) {
+  root.write("program", "image " + empty_slot + " end");
+  expect_refused("invalid_installer",
+                 publication.program.native() + ": The program has no place for a package of its own");
+}
+
+TEST_F(PublishSingleFile, RefusesAProgramThatCarriesAPackageAlready) {
+  publish_installer(publication, {});
+  publication.program = publication.output;
+  publication.output = root / "second";
+  for (const bool single_file : {true, false}) {
+    publication.single_file = single_file;
+    expect_refused(
+        "invalid_installer",
+        publication.program.native() + ": The program carries a package already; give ravok-install as it was built");
+  }
+}
+
+TEST_F(PublishSingleFile, RefusesAProgramForMacos) {
+  publication.signer = "";
+  root.write("program", macos_program(false) + image);
+  expect_refused("invalid_installer",
+                 publication.program.native() + ": A program for macOS carries no package; make a folder");
+}
+
+TEST_F(PublishSingleFile, ProvesWhatItHasWritten) {
+  const std::string name = testing::archive_name(package.launcher);
+  bool changed = false;
+  const auto change = [&](std::uint64_t done, std::uint64_t total) {
+    if (!changed && done >= total / 3) {
+      std::string bytes = root.read("package/" + name);
+      bytes.back() = static_cast<char>(bytes.back() ^ 1);
+      root.write("package/" + name, bytes);
+      changed = true;
+    }
+    return true;
+  };
+  EXPECT_FAILURE(publish_installer(publication, change), "content_mismatch",
+                 "Initial package resource changed: " + name);
+  EXPECT_TRUE(changed);
+  EXPECT_EQ(root.names(), before);
+}
+
+TEST_F(PublishSingleFile, RefusesAFileThatGrowsWhileItIsCopied) {
+  const std::string name = testing::archive_name(package.launcher);
+  bool grown = false;
+  const auto grow = [&](std::uint64_t done, std::uint64_t total) {
+    // The first step beyond a third is that of the first file that was copied.
+    if (!grown && done > total / 3) {
+      root.write("package/" + name, root.read("package/" + name) + "more");
+      grown = true;
+    }
+    return true;
+  };
+  EXPECT_FAILURE(publish_installer(publication, grow), "content_mismatch", "Initial package resource changed: " + name);
+  EXPECT_TRUE(grown);
   EXPECT_EQ(root.names(), before);
 }
 

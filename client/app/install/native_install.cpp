@@ -218,17 +218,30 @@ class Installation {
     return plan;
   }
 
+  // Calls `work` with the archive of a manifest, wherever the package has it. A package that was read has it.
+  template <typename Work>
+  void with_archive(const SnapshotManifest& manifest, Work work) const {
+    if (!package_.appended) {
+      work(package_.directory / manifest.target);
+    } else {
+      work(package_.appended->find(manifest.target).value());
+    }
+  }
+
   void prepare(const InstallPlan& plan) const {
     const StagingPaths staged(paths_.staging);
     if (plan.replace_bootstrap) {
-      extract_snapshot(package_.bootstrap, package_.bootstrap_archive(), staged.bootstrap, progress("installing"),
-                       nullptr);
+      with_archive(package_.bootstrap, [&](const auto& archive) {
+        extract_snapshot(package_.bootstrap, archive, staged.bootstrap, progress("installing"), nullptr);
+      });
       verify_snapshot_tree(package_.bootstrap, staged.bootstrap, {});
     }
     cancellation_.check();
     if (plan.replace_launcher) {
-      NativeInstaller::seed_launcher(staged.launcher_root, package_.launcher_manifest_json, package_.launcher_archive(),
-                                     progress("installing"));
+      with_archive(package_.launcher, [&](const auto& archive) {
+        NativeInstaller::seed_launcher(staged.launcher_root, package_.launcher_manifest_json, archive,
+                                       progress("installing"));
+      });
     }
     cancellation_.check();
     if (plan.replace_trust) {
@@ -415,17 +428,23 @@ NativeInstallResult NativeInstaller::install(const NativeInstallRequest& request
     }
   };
   verifying(0, 0);
-  const NativePackage package =
-      read_native_package(request.package, seal, [&](std::uint64_t done, std::uint64_t total) {
-        verifying(done, total);
-        cancellation.check();
-        return true;
-      });
+  const auto progress = [&](std::uint64_t done, std::uint64_t total) {
+    verifying(done, total);
+    cancellation.check();
+    return true;
+  };
+  const NativePackage package = request.appended ? read_native_package(request.appended, seal, progress)
+                                                 : read_native_package(request.package, seal, progress);
   return Installation(request, package, callbacks).run();
 }
 
 void NativeInstaller::seed_launcher(const std::filesystem::path& root, std::string_view manifest_json,
                                     const std::filesystem::path& archive, const ProgressCallback& progress) {
+  LauncherStore(root, LauncherStore::AsItStands()).seed_initial(manifest_json, archive, progress);
+}
+
+void NativeInstaller::seed_launcher(const std::filesystem::path& root, std::string_view manifest_json,
+                                    const FileRange& archive, const ProgressCallback& progress) {
   LauncherStore(root, LauncherStore::AsItStands()).seed_initial(manifest_json, archive, progress);
 }
 

@@ -4,10 +4,12 @@
 
 #include <chrono>
 #include <filesystem>
+#include <memory>
 #include <string>
 #include <string_view>
 #include <vector>
 
+#include "app/install/appended_package.hpp"
 #include "app/install/installation_record.hpp"
 #include "app/install/setup_callbacks.hpp"
 #include "domain/json.hpp"
@@ -17,11 +19,13 @@
 namespace ravok {
 
 struct NativeInstallRequest {
-  std::filesystem::path package;    // the initial package
+  std::filesystem::path package;    // the initial package, unless it is the one below
   std::filesystem::path data_root;  // the user's choice of a data folder
   bool repair = false;
   bool create_shortcut = false;   // of an install: whether the client gets one
   bool restore_shortcuts = true;  // of a repair: whether recorded ones that are missing are made again
+  // The initial package in an installer's file; null for one in a directory.
+  std::shared_ptr<const AppendedPackage> appended = nullptr;
 };
 
 struct NativeInstallResult {
@@ -70,6 +74,10 @@ class NativeInstaller {
   // "insufficient_space" and the other codes of LauncherStore::seed_initial.
   static void seed_launcher(const std::filesystem::path& root, std::string_view manifest_json,
                             const std::filesystem::path& archive, const ProgressCallback& progress);
+
+  // The same from an archive that is a part of a file.
+  static void seed_launcher(const std::filesystem::path& root, std::string_view manifest_json, const FileRange& archive,
+                            const ProgressCallback& progress);
 
   // Returns what a data folder says of itself; writes nothing and takes no lock. Fails with "unsafe_path" as
   // data_folder does, and as installation_status does ("unsupported_schema", "shortcut_ledger", "permissions").

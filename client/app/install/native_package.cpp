@@ -8,6 +8,7 @@
 #include <new>
 #include <set>
 
+#include "app/install/package_files.hpp"
 #include "domain/bootstrap_contract.hpp"
 #include "domain/crypto.hpp"
 #include "domain/data_layout.hpp"
@@ -15,10 +16,6 @@
 #include "domain/identifier.hpp"
 #include "domain/paths.hpp"
 #include "domain/text_rules.hpp"
-#include "platform/file/file_digest.hpp"
-#include "platform/file/files.hpp"
-#include "platform/file/status.hpp"
-#include "platform/file/tree_walk.hpp"
 #include "platform/process/native_platform.hpp"
 #include "transport/https.hpp"
 #include "tuf/keys.hpp"
@@ -63,9 +60,9 @@ auto read_sealed(Work work) {
   }
 }
 
-std::vector<std::string> names_of(const std::filesystem::path& package, std::size_t limit) {
+std::vector<std::string> names_of(const PackageFiles& package, std::size_t limit) {
   try {
-    return names_in(package, limit);
+    return package.names(limit);
   } catch (const Error& error) {
     require(error.code != "tree_read", invalid, "Initial package metadata is malformed");
     throw;
@@ -100,8 +97,8 @@ void check_resource_name(const std::string& name) {
           invalid, "Initial package resources need distinct flat names");
 }
 
-std::string read_resource(const std::filesystem::path& directory, const Resource& resource, std::uint64_t limit) {
-  std::string bytes = read_file(directory / path_from_utf8(resource.path), limit);
+std::string read_resource(const PackageFiles& package, const Resource& resource, std::uint64_t limit) {
+  std::string bytes = package.read(resource.path, limit);
   require(bytes.size() == resource.length && digest(bytes, "sha256") == resource.sha256, "content_mismatch",
           "Initial package resource changed: " + resource.path);
   return bytes;
@@ -113,8 +110,8 @@ void require_seal(std::string_view seal, std::string_view message) {
 
 constexpr std::string_view no_seal = "This installer has no package seal; build it with RAVOK_INITIAL_PACKAGE_SHA256";
 
-Json sealed_descriptor(const std::filesystem::path& path, std::string_view seal) {
-  const std::string text = read_file(path / package_limits::descriptor_name, package_limits::descriptor);
+Json sealed_descriptor(const PackageFiles& package, std::string_view seal) {
+  const std::string text = package.read(package_limits::descriptor_name, package_limits::descriptor);
   require(digest(text, "sha256") == seal, "native_install_trust",
           "This package is not the one this installer was built for");
   return parse_json(text, package_limits::descriptor);
@@ -195,7 +192,7 @@ void require_bounded_files(const ThemeResources& theme) {
   }
 }
 
-ReadTheme read_sealed_theme(const std::filesystem::path& directory, const ThemeResources& theme) {
+ReadTheme read_sealed_theme(const PackageFiles& package, const ThemeResources& theme) {
   check_resource_name(theme.definition.path);
   std::set<std::string> sealed_names;
   for (const auto& [name, file] : theme.files) {
@@ -203,14 +200,14 @@ ReadTheme read_sealed_theme(const std::filesystem::path& directory, const ThemeR
     sealed_names.insert(name);
   }
   ReadTheme read;
-  read.sealed.definition = read_resource(directory, theme.definition, package_limits::theme_definition);
+  read.sealed.definition = read_resource(package, theme.definition, package_limits::theme_definition);
   const Json definition = parse_json(read.sealed.definition, package_limits::theme_definition);
   const std::vector<std::string> named = theme_files(definition);
   require_bounded_files(theme);
   require(std::set<std::string>(named.begin(), named.end()) == sealed_names, invalid,
           "Brand theme files differ from its definition");
   for (const auto& [name, file] : theme.files) {
-    read.sealed.files.emplace_back(name, read_resource(directory, file, package_limits::theme_file));
+    read.sealed.files.emplace_back(name, read_resource(package, file, package_limits::theme_file));
   }
   read.theme = parse_theme(definition, reader_of(read.sealed.files));
   return read;
@@ -219,15 +216,13 @@ ReadTheme read_sealed_theme(const std::filesystem::path& directory, const ThemeR
 // Reads a whole package, step by step, and keeps account of every file that it may hold.
 class PackageReader {
  public:
-  PackageReader(const std::filesystem::path& path, std::string_view seal) : path_(path) {
+  PackageReader(const PackageFiles& files, std::string_view seal) : given_(files), files_(files) {
     require_seal(seal, no_seal);
     package_.descriptor_sha256 = seal;
   }
 
   NativePackage read(const ProgressCallback& progress) {
-    require_directory(path_);
-    package_.directory = std::filesystem::absolute(path_).lexically_normal();
-    require_directory(without_end_separator(package_.directory));
+    take_place();
     read_descriptor();
     read_documents();
     read_brand();
@@ -239,15 +234,20 @@ class PackageReader {
   }
 
  private:
-  // A separator or a dot at the end of the path would lead through a link there. So this is asked of the path as it was
-  // given, and again of its normal form without a separator.
-  static void require_directory(const std::filesystem::path& path) {
-    const auto status = link_status_of(path);
-    require(status && is_directory(*status), invalid, "Choose an initial package directory");
+  // A separator or a dot at the end of the path would lead through a link there. So whether it is a directory is asked
+  // of the path as it was given, and again of its normal form without a separator.
+  void take_place() {
+    given_.require_place();
+    package_.directory = std::filesystem::absolute(given_.place()).lexically_normal();
+    package_.appended = given_.appended();
+    if (!package_.appended) {
+      PackageFiles(without_end_separator(package_.directory)).require_place();
+      files_ = PackageFiles(package_.directory);
+    }
   }
 
   void read_descriptor() {
-    descriptor_ = sealed_descriptor(package_.directory, package_.descriptor_sha256);
+    descriptor_ = sealed_descriptor(files_, package_.descriptor_sha256);
     package_.featured_game = parse_featured_game(descriptor_);
     brand_ = parse_descriptor_brand(descriptor_);
     icon_ = parse_brand_icon(descriptor_, brand_);
@@ -275,18 +275,18 @@ class PackageReader {
     if (!ca_bundle.is_null()) {
       resources_.push_back(parse_resource(ca_bundle, package_limits::ca_bundle));
     }
-    package_.root_json = read_resource(package_.directory, root, tuf_root_limit);
-    package_.bootstrap_manifest_json = read_resource(package_.directory, bootstrap, package_limits::document);
-    package_.launcher_manifest_json = read_resource(package_.directory, launcher, package_limits::document);
+    package_.root_json = read_resource(files_, root, tuf_root_limit);
+    package_.bootstrap_manifest_json = read_resource(files_, bootstrap, package_limits::document);
+    package_.launcher_manifest_json = read_resource(files_, launcher, package_limits::document);
     if (!ca_bundle.is_null()) {
-      package_.ca_bundle = read_resource(package_.directory, resources_.back(), package_limits::ca_bundle);
+      package_.ca_bundle = read_resource(files_, resources_.back(), package_limits::ca_bundle);
     }
   }
 
   void read_brand() {
     if (icon_) {
       resources_.push_back(*icon_);
-      package_.brand_icon = read_resource(package_.directory, *icon_, package_limits::icon);
+      package_.brand_icon = read_resource(files_, *icon_, package_limits::icon);
       validate_brand_icon(package_.brand_icon);
     }
     if (brand_.theme) {
@@ -294,7 +294,7 @@ class PackageReader {
       for (const auto& [name, file] : brand_.theme->files) {
         resources_.push_back(file);
       }
-      package_.theme = read_sealed_theme(package_.directory, *brand_.theme).sealed;
+      package_.theme = read_sealed_theme(files_, *brand_.theme).sealed;
     }
   }
 
@@ -331,9 +331,8 @@ class PackageReader {
     }
     std::size_t count = 0;
     // Listing one name more than the package may hold is enough to refuse it.
-    for (const std::string& name : names_of(package_.directory, names.size() + 1)) {
-      const auto status = link_status_of(package_.directory / name);
-      const bool expected = ++count <= names.size() && status && is_file(*status) && names.contains(name);
+    for (const std::string& name : names_of(files_, names.size() + 1)) {
+      const bool expected = ++count <= names.size() && files_.size(name) && names.contains(name);
       require(expected, invalid, "Initial package contains an unexpected entry: " + name);
     }
     require(count == names.size(), invalid, "Initial package is missing a resource");
@@ -354,21 +353,63 @@ class PackageReader {
   }
 
   void require_resource(const Resource& resource, const ProgressCallback& progress) const {
-    const std::filesystem::path path = package_.directory / resource.path;
-    const auto status = link_status_of(path);
-    require(status && is_file(*status), invalid, "Initial package resource is missing or not a plain file");
-    require(status->size == resource.length, "content_mismatch", "Initial package resource has the wrong length");
-    require(digest_file_progress(path, "sha256", progress) == resource.sha256, "content_mismatch",
+    const std::optional<std::uint64_t> size = files_.size(resource.path);
+    require(size.has_value(), invalid, "Initial package resource is missing or not a plain file");
+    require(*size == resource.length, "content_mismatch", "Initial package resource has the wrong length");
+    require(files_.sha256(resource.path, progress) == resource.sha256, "content_mismatch",
             "Initial package resource changed: " + resource.path);
   }
 
-  std::filesystem::path path_;
+  const PackageFiles& given_;
+  PackageFiles files_;
   NativePackage package_;
   Json descriptor_;
   BrandResources brand_;
   std::optional<Resource> icon_;
   std::vector<Resource> resources_;
 };
+
+NativePackage prove_sealed(const PackageFiles& files, std::string_view seal, const ProgressCallback& progress) {
+  return read_sealed([&] { return PackageReader(files, seal).read(progress); });
+}
+
+std::optional<Brand> sealed_brand(const PackageFiles& files, std::string_view seal) {
+  return read_sealed([&] {
+    require_seal(seal, no_seal);
+    return parse_descriptor_brand(sealed_descriptor(files, seal)).brand;
+  });
+}
+
+std::optional<Theme> sealed_theme(const PackageFiles& files, std::string_view seal) {
+  return read_sealed([&]() -> std::optional<Theme> {
+    require_seal(seal, "This installer has no package seal");
+    const BrandResources resources = parse_descriptor_brand(sealed_descriptor(files, seal));
+    return resources.theme ? std::optional(read_sealed_theme(files, *resources.theme).theme) : std::nullopt;
+  });
+}
+
+std::optional<std::string> sealed_brand_icon(const PackageFiles& files, std::string_view seal) {
+  return read_sealed([&]() -> std::optional<std::string> {
+    require_seal(seal, no_seal);
+    const Json descriptor = sealed_descriptor(files, seal);
+    const std::optional<Resource> icon = parse_brand_icon(descriptor, parse_descriptor_brand(descriptor));
+    if (!icon) {
+      return std::nullopt;
+    }
+    check_resource_name(icon->path);
+    std::string bytes = files.read(icon->path, package_limits::icon);
+    require(digest(bytes, "sha256") == icon->sha256, "content_mismatch",
+            "Initial package icon differs from its descriptor");
+    return bytes;
+  });
+}
+
+std::optional<FeaturedGame> sealed_featured_game(const PackageFiles& files, std::string_view seal) {
+  return read_sealed([&] {
+    require_seal(seal, no_seal);
+    return parse_featured_game(sealed_descriptor(files, seal));
+  });
+}
 
 }  // namespace
 
@@ -380,45 +421,46 @@ void require_featured_game(const FeaturedGame& game) {
 
 NativePackage read_native_package(const std::filesystem::path& path, std::string_view seal,
                                   const ProgressCallback& progress) {
-  return read_sealed([&] { return PackageReader(path, seal).read(progress); });
+  return prove_sealed(PackageFiles(path), seal, progress);
+}
+
+NativePackage read_native_package(const std::shared_ptr<const AppendedPackage>& package, std::string_view seal,
+                                  const ProgressCallback& progress) {
+  return prove_sealed(PackageFiles(package), seal, progress);
 }
 
 std::optional<Brand> package_brand(const std::filesystem::path& path, std::string_view seal) {
-  return read_sealed([&] {
-    require_seal(seal, no_seal);
-    return parse_descriptor_brand(sealed_descriptor(path, seal)).brand;
-  });
+  return sealed_brand(PackageFiles(path), seal);
+}
+
+std::optional<Brand> package_brand(const std::shared_ptr<const AppendedPackage>& package, std::string_view seal) {
+  return sealed_brand(PackageFiles(package), seal);
 }
 
 std::optional<Theme> package_theme(const std::filesystem::path& path, std::string_view seal) {
-  return read_sealed([&]() -> std::optional<Theme> {
-    require_seal(seal, "This installer has no package seal");
-    const BrandResources resources = parse_descriptor_brand(sealed_descriptor(path, seal));
-    return resources.theme ? std::optional(read_sealed_theme(path, *resources.theme).theme) : std::nullopt;
-  });
+  return sealed_theme(PackageFiles(path), seal);
+}
+
+std::optional<Theme> package_theme(const std::shared_ptr<const AppendedPackage>& package, std::string_view seal) {
+  return sealed_theme(PackageFiles(package), seal);
 }
 
 std::optional<std::string> package_brand_icon(const std::filesystem::path& path, std::string_view seal) {
-  return read_sealed([&]() -> std::optional<std::string> {
-    require_seal(seal, no_seal);
-    const Json descriptor = sealed_descriptor(path, seal);
-    const std::optional<Resource> icon = parse_brand_icon(descriptor, parse_descriptor_brand(descriptor));
-    if (!icon) {
-      return std::nullopt;
-    }
-    check_resource_name(icon->path);
-    std::string bytes = read_file(path / icon->path, package_limits::icon);
-    require(digest(bytes, "sha256") == icon->sha256, "content_mismatch",
-            "Initial package icon differs from its descriptor");
-    return bytes;
-  });
+  return sealed_brand_icon(PackageFiles(path), seal);
+}
+
+std::optional<std::string> package_brand_icon(const std::shared_ptr<const AppendedPackage>& package,
+                                              std::string_view seal) {
+  return sealed_brand_icon(PackageFiles(package), seal);
 }
 
 std::optional<FeaturedGame> package_featured_game(const std::filesystem::path& path, std::string_view seal) {
-  return read_sealed([&] {
-    require_seal(seal, no_seal);
-    return parse_featured_game(sealed_descriptor(path, seal));
-  });
+  return sealed_featured_game(PackageFiles(path), seal);
+}
+
+std::optional<FeaturedGame> package_featured_game(const std::shared_ptr<const AppendedPackage>& package,
+                                                  std::string_view seal) {
+  return sealed_featured_game(PackageFiles(package), seal);
 }
 
 }  // namespace ravok

@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <filesystem>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -12,6 +13,7 @@
 #include <vector>
 
 #include "app/brand/brand.hpp"
+#include "app/install/appended_package.hpp"
 #include "domain/json.hpp"
 #include "domain/launcher_contract.hpp"
 #include "domain/limits.hpp"
@@ -52,15 +54,17 @@ struct NativePackage {
     std::vector<std::pair<std::string, std::string>> files;
   };
 
-  // Where the archives lie.
+  // Where the archives of a package in a directory lie.
   std::filesystem::path bootstrap_archive() const { return directory / bootstrap.target; }
   std::filesystem::path launcher_archive() const { return directory / launcher.target; }
 
-  std::filesystem::path directory;  // absolute and normal
-  std::string descriptor_sha256;    // the seal
-  std::string origin;               // of the repository
-  std::string root_json;            // the repository's first root
-  std::string ca_bundle;            // PEM; empty if none
+  std::filesystem::path directory;  // absolute and normal; for a package in an installer's file, that file
+  std::shared_ptr<const AppendedPackage> appended =
+      nullptr;                    // the package in an installer's file; null for one in a directory
+  std::string descriptor_sha256;  // the seal
+  std::string origin;             // of the repository
+  std::string root_json;          // the repository's first root
+  std::string ca_bundle;          // PEM; empty if none
   std::string bootstrap_manifest_json;
   std::string launcher_manifest_json;
   SnapshotManifest bootstrap;
@@ -79,11 +83,21 @@ struct NativePackage {
 NativePackage read_native_package(const std::filesystem::path& path, std::string_view seal,
                                   const ProgressCallback& progress);
 
+// The same for the package in an installer's file, with the same bounds and proofs of what it holds.
+NativePackage read_native_package(const std::shared_ptr<const AppendedPackage>& package, std::string_view seal,
+                                  const ProgressCallback& progress);
+
 // Return what a front end shows before the installation begins. Prove the descriptor and the resources that they
 // return, and nothing else; fail as read_native_package does for those.
 std::optional<Brand> package_brand(const std::filesystem::path& path, std::string_view seal);
 std::optional<Theme> package_theme(const std::filesystem::path& path, std::string_view seal);
 std::optional<std::string> package_brand_icon(const std::filesystem::path& path, std::string_view seal);
 std::optional<FeaturedGame> package_featured_game(const std::filesystem::path& path, std::string_view seal);
+std::optional<Brand> package_brand(const std::shared_ptr<const AppendedPackage>& package, std::string_view seal);
+std::optional<Theme> package_theme(const std::shared_ptr<const AppendedPackage>& package, std::string_view seal);
+std::optional<std::string> package_brand_icon(const std::shared_ptr<const AppendedPackage>& package,
+                                              std::string_view seal);
+std::optional<FeaturedGame> package_featured_game(const std::shared_ptr<const AppendedPackage>& package,
+                                                  std::string_view seal);
 
 }  // namespace ravok

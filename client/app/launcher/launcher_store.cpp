@@ -268,8 +268,9 @@ void LauncherStore::require_new() const {
   require(is_new, "already_installed", "Initial launcher seeding requires a new owned profile");
 }
 
-Json LauncherStore::seed_initial(std::string_view manifest_text, const std::filesystem::path& archive,
-                                 const ProgressCallback& progress) const {
+template <typename Archive>
+Json LauncherStore::seed(std::string_view manifest_text, const Archive& archive,
+                         const ProgressCallback& progress) const {
   const std::unique_ptr<FileLock> lock = owner();
   require_new();
   const LauncherManifest manifest = LauncherManifest::parse(parse_json(manifest_text, maximum_manifest_bytes));
@@ -290,6 +291,16 @@ Json LauncherStore::seed_initial(std::string_view manifest_text, const std::file
   document["candidate"] = reference;
   save(std::move(document));
   return reference;
+}
+
+Json LauncherStore::seed_initial(std::string_view manifest_text, const std::filesystem::path& archive,
+                                 const ProgressCallback& progress) const {
+  return seed(manifest_text, archive, progress);
+}
+
+Json LauncherStore::seed_initial(std::string_view manifest_text, const FileRange& archive,
+                                 const ProgressCallback& progress) const {
+  return seed(manifest_text, archive, progress);
 }
 
 }  // namespace ravok

@@ -17,6 +17,7 @@
 #include "domain/data_layout.hpp"
 #include "domain/json.hpp"
 #include "domain/launcher_contract.hpp"
+#include "platform/file/file_range.hpp"
 #include "platform/file/native_lock.hpp"
 #include "platform/process/process.hpp"
 #include "platform/snapshot/progress.hpp"
@@ -105,6 +106,9 @@ class LauncherStore {
   // atomic_private_create, extract_snapshot ("content_mismatch", "cancelled") and save do.
   Json seed_initial(std::string_view manifest_text, const std::filesystem::path& archive,
                     const ProgressCallback& progress) const;
+
+  // The same from an archive that is a part of a file.
+  Json seed_initial(std::string_view manifest_text, const FileRange& archive, const ProgressCallback& progress) const;
 
   // Brings the newest published launcher into the store as the next candidate, and touches nothing that runs. Holds
   // owner() from start to end, so only one staging runs. `phase` is told "verifying", "downloading" and "activating",
@@ -195,6 +199,8 @@ class LauncherStore {
 
   void make_directories() const;
   void require_new() const;
+  template <typename Archive>
+  Json seed(std::string_view manifest_text, const Archive& archive, const ProgressCallback& progress) const;
   // Returns the names in a folder of the store, at most one more than there may be versions; nothing where the folder
   // cannot be read.
   std::optional<std::vector<std::string>> names_below(const std::filesystem::path& folder) const;

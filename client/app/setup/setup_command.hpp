@@ -3,11 +3,13 @@
 
 #include <cstdint>
 #include <filesystem>
+#include <memory>
 #include <string>
 #include <string_view>
 #include <vector>
 
 #include "app/command/command_outline.hpp"
+#include "app/install/appended_package.hpp"
 
 namespace ravok {
 
@@ -30,6 +32,8 @@ struct SetupCommand {
   bool remove_data = false;
   bool json = false;
   bool help = false;
+  // The package in the running installer's own file, which is then the one at `package`; null for one in a directory.
+  std::shared_ptr<const AppendedPackage> appended = nullptr;
 };
 
 // Returns whether the command is install or repair, which only an installer may run.

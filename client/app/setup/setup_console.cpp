@@ -31,7 +31,8 @@ std::string_view phase_line(std::string_view phase) {
 
 // Takes over the brand of the package that is to be installed, and with it the folder, unless the user chose one.
 void use_package_brand(SetupCommand& command, std::string_view package_seal) {
-  const std::optional<Brand> brand = package_brand(command.package, package_seal);
+  const std::optional<Brand> brand =
+      command.appended ? package_brand(command.appended, package_seal) : package_brand(command.package, package_seal);
   if (brand) {
     set_product_name(brand->name);
   }
@@ -40,9 +41,20 @@ void use_package_brand(SetupCommand& command, std::string_view package_seal) {
   }
 }
 
-void choose_brand(SetupCommand& command, std::string_view package_seal) {
+// Takes the package that the running installer came with: the one in its own file, or the one beside it.
+void find_package(SetupCommand& command, const std::optional<AppendedPlace>& place) {
+  const std::filesystem::path installer = current_executable_path();
+  if (place) {
+    command.appended = AppendedPackage::in_file(installer, *place);
+    command.package = installer;
+  } else {
+    command.package = adjacent_initial_package(installer);
+  }
+}
+
+void choose_brand(SetupCommand& command, std::string_view package_seal, const std::optional<AppendedPlace>& place) {
   if (needs_package(command.command) && command.package.empty()) {
-    command.package = adjacent_initial_package(current_executable_path());
+    find_package(command, place);
   }
   if (needs_package(command.command) && !command.package.empty()) {
     use_package_brand(command, package_seal);
@@ -57,7 +69,7 @@ void choose_brand(SetupCommand& command, std::string_view package_seal) {
 }
 
 void run_parsed_command(SetupCommand command, std::string_view program_name, std::string_view package_seal,
-                        const std::function<bool()>& cancel) {
+                        const std::function<bool()>& cancel, const std::optional<AppendedPlace>& place) {
   const bool installer = program_name == installer_name;
   if (command.help) {
     print_result(setup_usage(program_name, installer));
@@ -65,7 +77,7 @@ void run_parsed_command(SetupCommand command, std::string_view program_name, std
   }
   require_complete_native_install_image(current_executable_path());
   require(!needs_package(command.command) || installer, "usage", "Use the Ravok installer to install or repair Ravok");
-  choose_brand(command, package_seal);
+  choose_brand(command, package_seal, place);
   const Json document = run_setup_command(command, package_seal, console_callbacks(command.json, cancel));
   print_result((command.json ? document.dump() : shown_text(setup_summary(command, document))) + "\n");
 }
@@ -73,12 +85,13 @@ void run_parsed_command(SetupCommand command, std::string_view program_name, std
 }  // namespace
 
 int run_setup_console(const std::vector<std::string>& arguments, std::string_view program_name,
-                      std::string_view package_seal, const std::function<bool()>& cancel) {
+                      std::string_view package_seal, const std::function<bool()>& cancel,
+                      const std::optional<AppendedPlace>& place) {
   bool json = false;
   try {
     const SetupCommand command = parse_setup_command(arguments, user_data_root());
     json = command.json;
-    run_parsed_command(command, program_name, package_seal, cancel);
+    run_parsed_command(command, program_name, package_seal, cancel, place);
     return 0;
   } catch (const Error& error) {
     return tell_failure(error, json);

@@ -3,10 +3,12 @@
 #pragma once
 
 #include <functional>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
 
+#include "app/install/appended_package.hpp"
 #include "app/install/setup_callbacks.hpp"
 #include "domain/error.hpp"
 #include "domain/exit_code.hpp"
@@ -19,8 +21,10 @@ namespace ravok {
 // control character in a folder's name; a document holds it as it is, except for a failure's message that is not UTF-8.
 // Only the program name "ravok-install" may install and repair. `package_seal` is the digest of the one initial package
 // that the program may read, or empty. `cancel` answers true once the user wants the command to stop, and may be empty.
+// `place` is where the running program's own file carries that package, if it does.
 int run_setup_console(const std::vector<std::string>& arguments, std::string_view program_name,
-                      std::string_view package_seal, const std::function<bool()>& cancel);
+                      std::string_view package_seal, const std::function<bool()>& cancel,
+                      const std::optional<AppendedPlace>& place = std::nullopt);
 
 // Returns the callbacks of a console run: `cancel` as it is, and, unless `json` is set, a
 // progress that announces each change of phase once on standard error.

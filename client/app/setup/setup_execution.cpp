@@ -52,6 +52,7 @@ Json install(const SetupCommand& command, std::string_view package_seal, const N
   const std::string problem = menu_problem();
   NativeInstallRequest request;
   request.package = command.package;
+  request.appended = command.appended;
   request.data_root = command.data_root;
   request.repair = command.command == SetupCommandKind::repair;
   request.create_shortcut = problem.empty();

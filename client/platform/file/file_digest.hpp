@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "domain/digest_context.hpp"
+#include "platform/file/file_range.hpp"
 #include "platform/snapshot/progress.hpp"
 
 namespace ravok {
@@ -27,8 +28,14 @@ class FileDigester {
   // for it again.
   std::string digest(int file, std::uint64_t size, const ProgressCallback& progress);
 
+  // The same for a range of a file.
+  std::string digest(const FileRange& range, const ProgressCallback& progress);
+
  private:
-  std::string digest_to_end(int file, std::optional<std::uint64_t> size, const ProgressCallback& progress);
+  // `read` fills a part of the buffer with what comes next.
+  template <typename Read>
+  std::string digest_to_end(Read read, std::optional<std::uint64_t> size, std::uint64_t total,
+                            const ProgressCallback& progress);
 
   const evp_md_st* algorithm_;
   DigestContext context_;
@@ -46,5 +53,8 @@ std::string digest_file(const std::filesystem::path& path, std::string_view algo
 // An empty `progress` asks for no size and sets no bound.
 std::string digest_file_progress(const std::filesystem::path& path, std::string_view algorithm,
                                  const ProgressCallback& progress);
+
+// The same for a range of a file. Fails with "file_read" also when the file ends before the range does.
+std::string digest_range_progress(const FileRange& range, std::string_view algorithm, const ProgressCallback& progress);
 
 }  // namespace ravok

@@ -13,18 +13,30 @@ namespace {
 
 constexpr int maximum_window_log = 26;
 constexpr std::array<std::uint8_t, 4> frame_magic = {0x28, 0xB5, 0x2F, 0xFD};
+constexpr const char* cannot_open = "Cannot open bounded snapshot decoder";
 
 }  // namespace
 
 void BoundedZstd::Release::operator()(ZSTD_DCtx_s* context) const { ZSTD_freeDCtx(context); }
 
-BoundedZstd::BoundedZstd(const std::filesystem::path& path, std::uint64_t limit)
-    : context_(ZSTD_createDCtx()), limit_(limit) {
+BoundedZstd::BoundedZstd(std::uint64_t limit) : context_(ZSTD_createDCtx()), limit_(limit) {}
+
+BoundedZstd::BoundedZstd(const std::filesystem::path& path, std::uint64_t limit) : BoundedZstd(limit) {
   Result<Handle> file = os::open(path, os::OpenAs::file);
-  require(file && context_, "archive", "Cannot open bounded snapshot decoder");
+  require(file.has_value(), "archive", cannot_open);
+  file_ = *std::move(file);
+  begin();
+}
+
+BoundedZstd::BoundedZstd(const FileRange& range, std::uint64_t limit) : BoundedZstd(limit) {
+  range_ = range;
+  begin();
+}
+
+void BoundedZstd::begin() {
+  require(context_ != nullptr, "archive", cannot_open);
   require(ZSTD_isError(ZSTD_DCtx_setParameter(context_.get(), ZSTD_d_windowLogMax, maximum_window_log)) == 0, "archive",
           "Cannot set the 64 MiB decoder window limit");
-  file_ = *std::move(file);
   fill();
   require(input_size_ >= frame_magic.size() && std::equal(frame_magic.begin(), frame_magic.end(), input_.begin()),
           "archive", "Snapshot must contain exactly one ordinary Zstandard frame");
@@ -32,12 +44,21 @@ BoundedZstd::BoundedZstd(const std::filesystem::path& path, std::uint64_t limit)
 
 BoundedZstd::~BoundedZstd() = default;
 
+Result<std::size_t> BoundedZstd::read_input(void* bytes, std::size_t size) {
+  if (!range_) {
+    return os::read(file_.get(), bytes, size);
+  }
+  const Result<std::size_t> count = range_->read_at(bytes, size, range_position_);
+  range_position_ += count ? *count : 0;
+  return count;
+}
+
 // Fills the buffer. One that is not full holds the end of the file.
 void BoundedZstd::fill() {
   input_position_ = 0;
   input_size_ = 0;
   while (input_size_ < input_.size()) {
-    const Result<std::size_t> count = os::read(file_.get(), input_.data() + input_size_, input_.size() - input_size_);
+    const Result<std::size_t> count = read_input(input_.data() + input_size_, input_.size() - input_size_);
     require(count.has_value(), "archive", "Snapshot read failed");
     if (*count == 0) {
       break;

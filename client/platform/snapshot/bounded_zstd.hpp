@@ -8,9 +8,11 @@
 #include <exception>
 #include <filesystem>
 #include <memory>
+#include <optional>
 
 #include "domain/limits.hpp"
 #include "platform/file/file_operations.hpp"
+#include "platform/file/file_range.hpp"
 
 struct archive;
 struct ZSTD_DCtx_s;
@@ -23,6 +25,8 @@ class BoundedZstd {
   // Hands out at most `limit` decoded bytes. Fails with "archive" when the file cannot be opened or
   // does not begin with an ordinary frame.
   BoundedZstd(const std::filesystem::path& path, std::uint64_t limit);
+  // The same for a range of a file, whose end is where the file would end.
+  BoundedZstd(const FileRange& range, std::uint64_t limit);
   ~BoundedZstd();
   BoundedZstd(const BoundedZstd&) = delete;
   BoundedZstd& operator=(const BoundedZstd&) = delete;
@@ -53,10 +57,16 @@ class BoundedZstd {
     void operator()(ZSTD_DCtx_s* context) const;
   };
 
+  explicit BoundedZstd(std::uint64_t limit);
+
+  void begin();
+  Result<std::size_t> read_input(void* bytes, std::size_t size);
   void fill();
   bool at_end_of_file();
 
-  Handle file_;
+  Handle file_;                     // unless a range is read
+  std::optional<FileRange> range_;  // the same the other way round
+  std::uint64_t range_position_ = 0;
   std::unique_ptr<ZSTD_DCtx_s, Release> context_;
   std::array<std::uint8_t, piece_bytes> input_;
   std::array<std::uint8_t, piece_bytes> output_;

@@ -44,11 +44,19 @@ struct ReleaseEntry {
 };
 using Entry = std::unique_ptr<archive_entry, ReleaseEntry>;
 
+constexpr const char* not_authentic = "Snapshot differs from its verified application manifest";
+
 void require_authentic(const SnapshotManifest& manifest, const std::filesystem::path& archive) {
   const auto status = link_status_of(archive);
   require(status && is_file(*status) && status->size == manifest.archive_length &&
               digest_file(archive, "sha256") == manifest.archive_sha256,
-          "content_mismatch", "Snapshot differs from its verified application manifest");
+          "content_mismatch", not_authentic);
+}
+
+void require_authentic(const SnapshotManifest& manifest, const FileRange& archive) {
+  require(archive.length() == manifest.archive_length &&
+              digest_range_progress(archive, "sha256", {}) == manifest.archive_sha256,
+          "content_mismatch", not_authentic);
 }
 
 void prepare_staging(const SnapshotManifest& manifest, const std::filesystem::path& staging,
@@ -203,11 +211,9 @@ void synchronize_directories(const std::filesystem::path& staging) {
   sync_directory(staging);
 }
 
-}  // namespace
-
-void extract_snapshot(const SnapshotManifest& manifest, const std::filesystem::path& archive,
-                      const std::filesystem::path& staging, const ProgressCallback& progress,
-                      const ReservedTree* reserved) {
+template <typename Archive>
+void extract(const SnapshotManifest& manifest, const Archive& archive, const std::filesystem::path& staging,
+             const ProgressCallback& progress, const ReservedTree* reserved) {
   const std::filesystem::path root = without_end_separator(staging);
   require_authentic(manifest, archive);
   prepare_staging(manifest, root, reserved);
@@ -217,6 +223,19 @@ void extract_snapshot(const SnapshotManifest& manifest, const std::filesystem::p
   }
   verify_snapshot_tree(manifest, root, progress);
   synchronize_directories(root);
+}
+
+}  // namespace
+
+void extract_snapshot(const SnapshotManifest& manifest, const std::filesystem::path& archive,
+                      const std::filesystem::path& staging, const ProgressCallback& progress,
+                      const ReservedTree* reserved) {
+  extract(manifest, archive, staging, progress, reserved);
+}
+
+void extract_snapshot(const SnapshotManifest& manifest, const FileRange& archive, const std::filesystem::path& staging,
+                      const ProgressCallback& progress, const ReservedTree* reserved) {
+  extract(manifest, archive, staging, progress, reserved);
 }
 
 }  // namespace ravok

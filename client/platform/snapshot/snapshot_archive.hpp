@@ -5,6 +5,7 @@
 #include <filesystem>
 
 #include "domain/manifest.hpp"
+#include "platform/file/file_range.hpp"
 #include "platform/snapshot/progress.hpp"
 
 namespace ravok {
@@ -31,5 +32,9 @@ class ReservedTree;
 void extract_snapshot(const SnapshotManifest& manifest, const std::filesystem::path& archive,
                       const std::filesystem::path& staging, const ProgressCallback& progress,
                       const ReservedTree* reserved);
+
+// The same for an archive that is a part of a file.
+void extract_snapshot(const SnapshotManifest& manifest, const FileRange& archive, const std::filesystem::path& staging,
+                      const ProgressCallback& progress, const ReservedTree* reserved);
 
 }  // namespace ravok
