@@ -12,6 +12,7 @@
 #include "platform/file/file_operations.hpp"
 #include "platform/file/files.hpp"
 #include "platform/file/tree_walk.hpp"
+#include "publisher/installer_entry.hpp"
 #include "publisher/program_image.hpp"
 #include "publisher/program_signing.hpp"
 #include "publisher/publish_files.hpp"
@@ -25,6 +26,8 @@ constexpr std::size_t maximum_entries = 65'536;  // of a package that has been p
 constexpr std::uint64_t notices_limit = 16'777'216;
 constexpr const char* package_name = "initial-package";
 constexpr const char* program_name = "ravok-install";
+constexpr const char* desktop_file_name = "ravok-install.desktop";
+constexpr const char* unbranded_product = "Ravok";
 
 // Whether the bytes begin with a slot, with a seal in it or without. The mark alone is not enough: this program's own
 // image has it too, with something else after it.
@@ -82,12 +85,12 @@ class InstallerAssembly {
       published_.notices = output_ / third_party_notices;
     }
     // The package is proved, copied, and proved again where it will be shipped from.
-    published_.root_expires =
-        root_expiry(read_native_package(publication_.package, published_.seal, pass(0)).root_json);
+    const NativePackage package = read_native_package(publication_.package, published_.seal, pass(0));
+    published_.root_expires = root_expiry(package.root_json);
     if (publication_.single_file) {
       write_file();
     } else {
-      write_folder();
+      write_folder(package.brand ? package.brand->name : unbranded_product);
     }
     return published_;
   }
@@ -97,9 +100,11 @@ class InstallerAssembly {
     program_ = with_seal(read_file(publication_.program, maximum_installer_program_bytes), published_.seal);
     require_bare_program(program_);
     to_sign_ = must_be_signed(publication_, program_);
+    const bool for_macos = inspect_program_image(program_) != ProgramImage::other;
+    require(!publication_.desktop_file || !for_macos, "invalid_installer",
+            "Desktop entries start programs for Linux alone");
     if (publication_.single_file) {
-      require(inspect_program_image(program_) == ProgramImage::other, "invalid_installer",
-              "A program for macOS carries no package; make a folder");
+      require(!for_macos, "invalid_installer", "A program for macOS carries no package; make a folder");
       require_place_for_package(program_);
     }
   }
@@ -130,7 +135,7 @@ class InstallerAssembly {
     published_.program = output_;
   }
 
-  void write_folder() {
+  void write_folder(const std::string& product) {
     NewFolder folder(output_);
     const std::filesystem::path package = folder.path() / package_name;
     make_output_folder(folder.handle(), package_name, package);
@@ -143,9 +148,22 @@ class InstallerAssembly {
     if (!published_.notices.empty()) {
       write_new_file(folder.path() / third_party_notices, notices_);
     }
+    if (publication_.desktop_file) {
+      write_runnable(folder.path() / desktop_file_name, installer_desktop_entry(product));
+      published_.desktop_file = output_ / desktop_file_name;
+    }
     folder.commit();
     published_.program = output_ / program_name;
     published_.package = output_ / package_name;
+  }
+
+  // File managers start an entry only if it may be executed.
+  static void write_runnable(const std::filesystem::path& path, std::string_view bytes) {
+    OutputFile file(path);
+    file.write(bytes);
+    file.make_program();
+    file.commit();
+    file.keep();
   }
 
   void write_program(const std::filesystem::path& path) const {

@@ -22,13 +22,15 @@ struct InstallerPublication {
   std::string signing_identity;
   // The program that signs it, which takes the words of codesign; empty where there is none.
   std::string signer = std::string(os::program_signer());
-  bool single_file = false;  // one file in place of a folder
+  bool single_file = false;   // one file in place of a folder
+  bool desktop_file = false;  // a desktop entry in the folder, which starts the program beside it
 };
 
 struct PublishedInstaller {
   std::filesystem::path program;
-  std::filesystem::path package;  // empty if it lies in the program's file
-  std::filesystem::path notices;  // empty for none
+  std::filesystem::path package;       // empty if it lies in the program's file
+  std::filesystem::path notices;       // empty for none
+  std::filesystem::path desktop_file;  // empty if none was asked for
   std::string seal;
   TufTime root_expires;  // nobody can install the package from this time on
 };
@@ -46,9 +48,10 @@ inline constexpr std::string_view third_party_notices = "third-party-notices.txt
 // proved, copied and proved again. After a failure nothing is left behind.
 // Fails with "output_exists"; "invalid_installer" for a program without a place for a seal, for one that carries a
 // package already, for one that had to be signed again where there is no signer, for an identity where nothing is
-// signed, and where one file is wanted for a program for macOS and for one without a place for a package; "unsafe_path"
-// for an output in the package; "invalid_program" and "program_signature" for the program's image and its signing;
-// "file_read", "insufficient_space", "file_write", "file_sync" and "cancelled"; and as read_native_package does.
+// signed, for one file or a desktop entry of a program for macOS, and for one file of a program without a place for a
+// package; "unsafe_path" for an output in the package; "invalid_program" and "program_signature" for the program's
+// image and its signing; "file_read", "insufficient_space", "file_write", "file_sync" and "cancelled"; and as
+// read_native_package does.
 PublishedInstaller publish_installer(const InstallerPublication& publication, const ProgressCallback& progress);
 
 }  // namespace ravok

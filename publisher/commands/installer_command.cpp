@@ -47,6 +47,8 @@ CommandResult publish(InstallerPublication publication, const CommandRun& run) {
             "Programs are signed on macOS alone");
     require(publication.notices.empty() || !publication.single_file, "usage",
             "One file has no place for the notices; ship them in the client that it installs");
+    require(!publication.single_file || !publication.desktop_file, "usage",
+            "--desktop-file is for an installer in a folder");
   });
   if (publication.program.empty()) {
     publication.program = current_executable_path().parent_path() / "ravok-install";
@@ -67,11 +69,17 @@ CommandResult publish(InstallerPublication publication, const CommandRun& run) {
   if (!published.package.empty()) {
     result.lines.push_back("Package: " + path_utf8(published.package));
   }
+  if (!published.desktop_file.empty()) {
+    result.lines.push_back("Desktop entry: " + path_utf8(published.desktop_file));
+  }
   result.lines.push_back("Seal: " + published.seal);
   if (run.json) {
     result.document = {{"installer", described_file(published.program)}, {"seal", published.seal}};
     if (!published.package.empty()) {
       result.document["package"] = described_folder(published.package);
+    }
+    if (!published.desktop_file.empty()) {
+      result.document["desktop_file"] = described_file(published.desktop_file);
     }
   }
   // The client that one file installs carries them.
@@ -94,6 +102,8 @@ PublishCommand add_installer_command(CLI::App& program) {
                    "The folder to make, or with --single-file the file; it must not exist yet")
       ->required();
   command->add_flag("--single-file", publication->single_file, "Puts the package behind the program, into one file");
+  command->add_flag("--desktop-file", publication->desktop_file,
+                    "Adds a desktop entry to the folder, which starts the program from a file manager");
   command
       ->add_option("--program", publication->program, "The installer program; by default the one beside this program")
       ->type_name("FILE");

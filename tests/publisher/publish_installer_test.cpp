@@ -14,7 +14,9 @@
 #include "app/install/appended_package.hpp"
 #include "app/install/native_package.hpp"
 #include "app/install/package_seal.hpp"
+#include "publisher/installer_entry.hpp"
 #include "publisher/publish_files.hpp"
+#include "support/desktop_entry.hpp"
 #include "support/failure.hpp"
 #include "support/file_calls.hpp"
 #include "support/ordinary_user.hpp"
@@ -422,6 +424,34 @@ TEST(WithAppendedPlace, RefusesAnImageWithoutExactlyOneWholeSlot) {
                    "The program has no place for a package of its own")
         << image;
   }
+}
+
+TEST_F(PublishInstaller, PutsADesktopEntryBesideTheProgramWhereThatIsAskedFor) {
+  publication.desktop_file = true;
+  const PublishedInstaller published = publish_installer(publication, {});
+  EXPECT_EQ(published.desktop_file, root / "installer/ravok-install.desktop");
+  EXPECT_EQ(mode_of(published.desktop_file), 0755u);
+  const auto entry = testing::desktop_entry(root.read("installer/ravok-install.desktop"));
+  EXPECT_EQ(entry.at("Type"), "Application");
+  EXPECT_EQ(entry.at("Name"), "Install " + package.brand->at("name").get<std::string>());
+  EXPECT_EQ(entry.at("Terminal"), "true");
+}
+
+TEST_F(PublishInstaller, LeavesTheFolderWithoutADesktopEntryOtherwise) {
+  EXPECT_EQ(publish_installer(publication, {}).desktop_file, "");
+  EXPECT_FALSE(std::filesystem::exists(root / "installer/ravok-install.desktop"));
+}
+
+TEST_F(PublishInstaller, RefusesADesktopEntryForAProgramForMacos) {
+  publication.desktop_file = true;
+  publication.signer = "";
+  root.write("program", macos_program(false) + empty_slot);
+  expect_refused("invalid_installer",
+                 publication.program.native() + ": Desktop entries start programs for Linux alone");
+}
+
+TEST(InstallerDesktopEntry, HoldsANameWithABackslashAsItIs) {
+  EXPECT_EQ(testing::desktop_entry(installer_desktop_entry("A\\sB")).at("Name"), "Install A\\sB");
 }
 
 class PublishSingleFile : public PublishInstaller {

@@ -1,0 +1,77 @@
+// The desktop entry beside an installer in a folder, opened as a file manager opens it.
+
+#include <filesystem>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "domain/json.hpp"
+#include "programs/installer_place.hpp"
+#include "support/bytes_of.hpp"
+#include "support/desktop_entry.hpp"
+#include "support/process.hpp"
+
+namespace ravok::desktop_installer_test {
+namespace {
+
+using testing::ProgramResult;
+using testing::run_program;
+using Arguments = std::vector<std::string>;
+
+class DesktopInstaller : public ::testing::Test, protected testing::InstallerPlace {
+ protected:
+  ProgramResult publish_to(const std::filesystem::path& output, const Arguments& more = {}) const {
+    Arguments arguments = {"installer",   place.package_directory(), output, "--program",
+                           RAVOK_INSTALL, "--desktop-file"};
+    arguments.insert(arguments.end(), more.begin(), more.end());
+    return run_program({RAVOK_PUBLISH, arguments, {}, ""});
+  }
+
+  // Runs the entry's command line with `location` in the place of its field code. The input ends at once, as a terminal
+  // does that is closed.
+  ProgramResult open(const std::filesystem::path& entry, const std::string& location) const {
+    std::string line = testing::desktop_entry(testing::bytes_of(entry)).at("Exec");
+    const std::string code = " %k";
+    EXPECT_TRUE(line.ends_with(code)) << line;
+    Arguments command = testing::exec_arguments(line.substr(0, line.size() - code.size()));
+    command.push_back(location);
+    return run_program({command.front(), Arguments(command.begin() + 1, command.end()), environment(), ""});
+  }
+};
+
+TEST_F(DesktopInstaller, IsValidAndStartsTheProgramBesideItWhereverThatLies) {
+  for (const char* name : {"installer-here", "it's \"my\" $HOME `id` ~;&|*?#()<>!", "-n"}) {
+    const std::filesystem::path output = place.root() / name;
+    const ProgramResult published = publish_to(output, {"--json"});
+    ASSERT_EQ(published.exit_code, 0) << published.errors;
+    const std::filesystem::path entry = output / "ravok-install.desktop";
+    EXPECT_EQ(Json::parse(published.output).at("desktop_file").at("path"), entry.native());
+
+    const char* validator = "/usr/bin/desktop-file-validate";
+    ASSERT_TRUE(std::filesystem::exists(validator)) << "scripts/install-packages installs it";
+    const ProgramResult judged = run_program({validator, {entry}, {}, ""});
+    EXPECT_EQ(judged.exit_code, 0);
+    EXPECT_EQ(judged.output + judged.errors, "");
+
+    for (const std::string& location : {entry.native(), "file://" + entry.native()}) {
+      const ProgramResult opened = open(entry, location);
+      const std::filesystem::path data = place.home() / ".local/share/Acme Games";
+      EXPECT_NE(opened.output.find("Installed Acme Games in " + data.native() + ".\n"), std::string::npos)
+          << opened.output << opened.errors;
+      EXPECT_NE(opened.output.find("Press Enter to close this window."), std::string::npos);
+      EXPECT_TRUE(std::filesystem::remove_all(data) > 0);
+      std::filesystem::remove_all(place.home() / ".local/share/applications");
+    }
+  }
+}
+
+TEST_F(DesktopInstaller, IsForAFolderOnly) {
+  const ProgramResult result = publish_to(place.root() / "file", {"--single-file"});
+  EXPECT_EQ(result.exit_code, 2);
+  EXPECT_EQ(result.errors.substr(0, result.errors.find('\n')), "--desktop-file is for an installer in a folder");
+  expect_nothing_left();
+}
+
+}  // namespace
+}  // namespace ravok::desktop_installer_test
