@@ -43,6 +43,10 @@ PublishCommand add_root_command(CLI::App& program);
 PublishCommand add_package_command(CLI::App& program);
 PublishCommand add_installer_command(CLI::App& program);
 
+// The commands of a file that is handed on are subcommands of one that does nothing itself.
+PublishCommand add_file_sign_command(CLI::App& file);
+PublishCommand add_file_verify_command(CLI::App& file);
+
 // The commands of a signed repository are subcommands of one that does nothing itself.
 PublishCommand add_repository_init_command(CLI::App& repository);
 PublishCommand add_repository_release_command(CLI::App& repository);

@@ -19,6 +19,10 @@ std::vector<PublishCommand> add_commands(CLI::App& program) {
   std::vector<PublishCommand> commands = {add_snapshot_command(program), add_key_command(program),
                                           add_root_command(program), add_package_command(program),
                                           add_installer_command(program)};
+  CLI::App& file = *program.add_subcommand("file", "Signs a file that is handed on, and verifies it");
+  file.require_subcommand(1);
+  commands.push_back(add_file_sign_command(file));
+  commands.push_back(add_file_verify_command(file));
   CLI::App& repository = *program.add_subcommand("repository", "Makes, publishes and watches a signed repository");
   repository.require_subcommand(1);
   for (const auto add : {
