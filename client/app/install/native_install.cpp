@@ -413,6 +413,12 @@ DataPaths installed_paths(const std::filesystem::path& data_root) {
   return paths;
 }
 
+template <typename Archive>
+void seed_store(const std::filesystem::path& root, std::string_view manifest_json, const Archive& archive,
+                const ProgressCallback& progress) {
+  LauncherStore(root, LauncherStore::AsItStands()).seed_initial(manifest_json, archive, progress);
+}
+
 }  // namespace
 
 NativeInstallStatus NativeInstaller::status(const std::filesystem::path& data_root) {
@@ -440,12 +446,12 @@ NativeInstallResult NativeInstaller::install(const NativeInstallRequest& request
 
 void NativeInstaller::seed_launcher(const std::filesystem::path& root, std::string_view manifest_json,
                                     const std::filesystem::path& archive, const ProgressCallback& progress) {
-  LauncherStore(root, LauncherStore::AsItStands()).seed_initial(manifest_json, archive, progress);
+  seed_store(root, manifest_json, archive, progress);
 }
 
 void NativeInstaller::seed_launcher(const std::filesystem::path& root, std::string_view manifest_json,
                                     const FileRange& archive, const ProgressCallback& progress) {
-  LauncherStore(root, LauncherStore::AsItStands()).seed_initial(manifest_json, archive, progress);
+  seed_store(root, manifest_json, archive, progress);
 }
 
 std::filesystem::path NativeInstaller::create_shortcut(const std::filesystem::path& data_root, const std::string& game,
