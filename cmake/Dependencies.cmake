@@ -8,8 +8,12 @@ set_property(CACHE RAVOK_DEPENDENCIES PROPERTY STRINGS bundled system)
 
 ravok_require_dependency_source("${RAVOK_DEPENDENCIES}" "${RAVOK_OS}")
 if(RAVOK_DEPENDENCIES STREQUAL "bundled")
+  set(ravok_recipe "${PROJECT_SOURCE_DIR}/third_party/build")
+  if(RAVOK_PORTABLE_COMPILER)
+    list(APPEND ravok_recipe --portable)
+  endif()
   execute_process(
-    COMMAND "${PROJECT_SOURCE_DIR}/third_party/build"
+    COMMAND ${ravok_recipe}
     OUTPUT_VARIABLE ravok_prefix
     OUTPUT_STRIP_TRAILING_WHITESPACE
     RESULT_VARIABLE ravok_prefix_result)

@@ -51,6 +51,16 @@ if(RAVOK_OS STREQUAL "linux")
 endif()
 if(CMAKE_BUILD_TYPE STREQUAL "Release")
   target_compile_options(ravok_options INTERFACE -U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=2)
+  # What is shipped does not tell where it was built, and is the same wherever it is built.
+  target_compile_options(ravok_options INTERFACE
+    "-ffile-prefix-map=${PROJECT_SOURCE_DIR}=." "-ffile-prefix-map=${PROJECT_BINARY_DIR}=build")
+endif()
+if(RAVOK_PORTABLE_COMPILER)
+  # The information for debuggers goes into files of their own.
+  target_compile_options(ravok_options INTERFACE -g)
+  target_link_options(ravok_options INTERFACE -Wl,--build-id=sha1)
+  list(APPEND CMAKE_CXX_LINK_EXECUTABLE
+    "\"${PROJECT_SOURCE_DIR}/cmake/separate-debug\" <TARGET> \"${PROJECT_BINARY_DIR}/debug\"")
 endif()
 
 if(RAVOK_SANITIZE)

@@ -39,6 +39,15 @@ as_root() {
   fi
 }
 
+# build_libraries PRESET: builds the third-party libraries of one preset, where that is still to be done.
+build_libraries() {
+  if [ "$1" = portable ]; then
+    "$root/third_party/build" --portable >/dev/null
+  else
+    "$root/third_party/build" >/dev/null
+  fi
+}
+
 # build_preset PRESET [TARGET...]: configures, where that is still to be done, and builds one preset, or these targets of
 # it. Says how far it is on a terminal only.
 build_preset() {
