@@ -4,7 +4,7 @@
 
 set(ravok_notices_name "third-party-notices.txt")
 set(ravok_notices "${PROJECT_BINARY_DIR}/${ravok_notices_name}")
-if(CMAKE_RUNTIME_OUTPUT_DIRECTORY)
+if(PROJECT_IS_TOP_LEVEL)
   set(ravok_notices "${CMAKE_RUNTIME_OUTPUT_DIRECTORY}/${ravok_notices_name}")
 endif()
 set(ravok_notices_list "")
@@ -15,6 +15,7 @@ string(REPEAT "=" 80 ravok_notices_rule)
 # that third_party/build makes it of, or "-", and the packages that a system has it from.
 function(ravok_notice name licence source)
   set(places "")
+  set(text "")
   if(RAVOK_DEPENDENCIES STREQUAL "bundled" AND NOT source STREQUAL "-")
     list(APPEND places "${ravok_prefix}/licences/${source}")
   endif()

@@ -1,7 +1,12 @@
 # The toolchain of the preset `portable`: programs that start on systems older than the one that builds them.
 
-# Every trial that CMake makes of the compiler reads this file again.
-if(NOT RAVOK_PORTABLE_COMPILER)
+# Every trial that CMake makes of the compiler reads this file again. Elsewhere the compiler is asked for each time, since
+# the scripts may name another one by now.
+get_property(ravok_trial GLOBAL PROPERTY IN_TRY_COMPILE)
+if(NOT ravok_trial AND NOT RAVOK_PORTABLE_COMPILER_IS_ASKED_FOR)
+  set(RAVOK_PORTABLE_COMPILER_IS_ASKED_FOR ON)
+  set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS
+    "${CMAKE_CURRENT_LIST_DIR}/../scripts/portable-compiler" "${CMAKE_CURRENT_LIST_DIR}/../scripts/cross-compiler.sh")
   execute_process(
     COMMAND "${CMAKE_CURRENT_LIST_DIR}/../scripts/portable-compiler"
     OUTPUT_VARIABLE ravok_compiler

@@ -24,8 +24,11 @@ install_compiler() {
   mv "$cache/part" "$cache/$version"
 }
 
+# Other trees use the same cache, perhaps at this moment.
+mkdir -p "$cache"
+exec 8>"$cache/lock"
+flock 8
 [ -x "$compiler" ] || install_compiler
-
 
 # Writes standard input to a file, unless that has the same content: what depends on it is then built again.
 keep() {
@@ -37,7 +40,7 @@ keep() {
 wrapper() {
   local file=$1
   shift
-  printf '#!/bin/sh\nexport ZIG_GLOBAL_CACHE_DIR=%q ZIG_LOCAL_CACHE_DIR=%q\nexec %q %s "$@"\n' \
+  printf '#!/bin/bash\nexport ZIG_GLOBAL_CACHE_DIR=%q ZIG_LOCAL_CACHE_DIR=%q\nexec %q %s "$@"\n' \
     "$cache/objects" "$cache/objects" "$compiler" "$*" | keep "$file"
   chmod +x "$file"
 }

@@ -99,8 +99,8 @@ std::string bash_completion(const ProgramOutline& program) {
   const std::string name = "_" + function_name(program.program);
   constexpr ValueKind directory = ValueKind::directory;
   constexpr ValueKind file = ValueKind::file;
-  const std::string files = "compopt -o filenames; COMPREPLY=($(compgen -f -- \"$current\"))";
-  const std::string directories = "compopt -o filenames; COMPREPLY=($(compgen -d -- \"$current\"))";
+  const std::string files = "compopt -o filenames; mapfile -t COMPREPLY < <(compgen -f -- \"$current\")";
+  const std::string directories = "compopt -o filenames; mapfile -t COMPREPLY < <(compgen -d -- \"$current\")";
   std::string text = "# Completion of " + program.program + " for bash.\n\n" + name +
                      "() {\n"
                      "  local current=${COMP_WORDS[COMP_CWORD]} place= value= words= options= word\n"
