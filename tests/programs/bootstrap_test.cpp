@@ -491,7 +491,7 @@ TEST_F(BootstrapOfScripts, EndsWithFourWhereItIsToldToEndBeforeTheLauncherRuns) 
                         std::filesystem::copy_options::recursive);
   std::filesystem::resize_file(client.payload(reference) / "data/note", large);
   for (const Json& version : {client.first, second}) {
-    std::filesystem::remove(client.payload(version) / "data/note");
+    std::filesystem::remove(client.payload(version) / "bin/ravok");
   }
   set_time(reference, 2);
   client.select(client.first, second);
