@@ -132,6 +132,12 @@ void OutputFile::make_program() {
           "Cannot set the permissions of a file");
 }
 
+FileRange OutputFile::written() const {
+  Result<Handle> file = os::duplicate(file_->handle());
+  require(file.has_value(), "file_read", "Cannot read a file that was written");
+  return FileRange::of_open(*std::move(file));
+}
+
 void OutputFile::keep() {
   kept_ = true;
   folders_.keep();

@@ -11,6 +11,7 @@
 
 #include "domain/error.hpp"
 #include "domain/paths.hpp"
+#include "platform/file/file_range.hpp"
 #include "platform/file/files.hpp"
 #include "platform/file/handle.hpp"
 
@@ -88,6 +89,10 @@ class OutputFile {
 
   // Lets everybody read and execute the file, whatever the process's mask. Fails with "file_write".
   void make_program();
+
+  // Returns the bytes that have been written so far, which can be read before the file has its name. Fails with
+  // "file_read".
+  FileRange written() const;
 
   // Gives the file its name, durably. A file that could not be flushed is removed, so that nothing stays that a power
   // cut may take back. Fails as ExportFile::commit does.

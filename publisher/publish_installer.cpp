@@ -129,8 +129,8 @@ class InstallerAssembly {
   void write_file() {
     OutputFile file(output_);
     const AppendedPlace place = write_single_file_installer(program_, publication_.package, file, copying());
+    read_native_package(AppendedPackage::in_range(file.written(), output_, place), published_.seal, pass(2));
     file.commit();
-    read_native_package(AppendedPackage::in_file(output_, place), published_.seal, pass(2));
     file.keep();
     published_.program = output_;
   }

@@ -517,6 +517,20 @@ TEST_F(PublishSingleFile, TellsHowFarItIs) {
   EXPECT_EQ(steps.back().first, steps.back().second);
 }
 
+TEST_F(PublishSingleFile, GivesTheFileItsNameOnlyOnceItIsProved) {
+  std::size_t proofs = 0;
+  publish_installer(publication, [&](std::uint64_t done, std::uint64_t total) {
+    // The third pass proves what the second has written.
+    if (done > total / 3 * 2) {
+      ++proofs;
+      EXPECT_FALSE(std::filesystem::exists(root / "installer")) << done << " of " << total;
+    }
+    return true;
+  });
+  EXPECT_GT(proofs, 0u);
+  EXPECT_TRUE(std::filesystem::exists(root / "installer"));
+}
+
 TEST_F(PublishSingleFile, LeavesNothingWheneverItIsCancelled) {
   std::size_t calls = 0;
   publish_installer(publication, [&](std::uint64_t, std::uint64_t) { return ++calls > 0; });

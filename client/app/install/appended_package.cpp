@@ -47,15 +47,19 @@ AppendedFile parse_index_entry(const Json& value) {
   return file;
 }
 
-// Opens an installer's file of exactly so many bytes.
-FileRange open_installer(const std::filesystem::path& path, std::uint64_t bytes) {
-  FileRange file = FileRange::whole_file(path);
+// Accepts only an installer's file of exactly so many bytes.
+void require_length(const FileRange& file, std::uint64_t bytes) {
   require(file.length() >= bytes, "content_mismatch",
           "This installer was cut short: it has " + std::to_string(file.length()) + " of its " + std::to_string(bytes) +
               " bytes; get it again");
   require(file.length() == bytes, "content_mismatch",
           "This installer has bytes behind its end that do not belong to it; get it again");
-  return file;
+}
+
+void require_possible(const AppendedPlace& place) {
+  require(place.program_bytes <= maximum_installer_program_bytes && place.index_bytes <= maximum_package_index_bytes &&
+              place.program_bytes + place.index_bytes <= place.file_bytes,
+          invalid_index, malformed_index);
 }
 
 }  // namespace
@@ -121,10 +125,15 @@ std::vector<AppendedFile> parse_package_index(std::string_view text, std::uint64
 
 std::shared_ptr<const AppendedPackage> AppendedPackage::in_file(const std::filesystem::path& installer,
                                                                 const AppendedPlace& place) {
-  require(place.program_bytes <= maximum_installer_program_bytes && place.index_bytes <= maximum_package_index_bytes &&
-              place.program_bytes + place.index_bytes <= place.file_bytes,
-          invalid_index, malformed_index);
-  const FileRange file = open_installer(installer, place.file_bytes);
+  require_possible(place);
+  return in_range(FileRange::whole_file(installer), installer, place);
+}
+
+std::shared_ptr<const AppendedPackage> AppendedPackage::in_range(const FileRange& file,
+                                                                 const std::filesystem::path& installer,
+                                                                 const AppendedPlace& place) {
+  require_possible(place);
+  require_length(file, place.file_bytes);
   const std::string text = read_range(file.part(place.program_bytes, place.index_bytes), maximum_package_index_bytes);
   require(digest(text, "sha256") == place.index_sha256, "content_mismatch",
           "The index of this installer's package changed");

@@ -85,6 +85,10 @@ class AppendedPackage {
   static std::shared_ptr<const AppendedPackage> in_file(const std::filesystem::path& installer,
                                                         const AppendedPlace& place);
 
+  // Reads the index of an open file of that name, as in_file does. The file need not have the name yet.
+  static std::shared_ptr<const AppendedPackage> in_range(const FileRange& file, const std::filesystem::path& installer,
+                                                         const AppendedPlace& place);
+
   // The installer's file, absolute and normal.
   const std::filesystem::path& path() const { return path_; }
 

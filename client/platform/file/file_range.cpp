@@ -26,6 +26,12 @@ FileRange FileRange::whole_file(const std::filesystem::path& path) {
   return {std::make_shared<const Handle>(*std::move(file)), 0, status->size};
 }
 
+FileRange FileRange::of_open(Handle file) {
+  const auto status = status_of(file.get());
+  require(status && is_file(*status), "unsafe_path", "Expected an ordinary file");
+  return {std::make_shared<const Handle>(std::move(file)), 0, status->size};
+}
+
 FileRange FileRange::part(std::uint64_t offset, std::uint64_t length) const {
   require(offset <= length_ && length <= length_ - offset, "file_range", "A part reaches beyond its file");
   return {file_, offset_ + offset, length};

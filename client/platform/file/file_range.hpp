@@ -18,6 +18,10 @@ class FileRange {
   // Opens all of an ordinary file, which is as long as it is now. Fails as read_file does, but for the bound.
   static FileRange whole_file(const std::filesystem::path& path);
 
+  // Takes over an open, readable file, which is as long as it is now. Fails with "unsafe_path" unless it is an ordinary
+  // one.
+  static FileRange of_open(Handle file);
+
   // Returns a run of bytes within this one. Fails with "file_range" for one that does not lie within it.
   FileRange part(std::uint64_t offset, std::uint64_t length) const;
 

@@ -113,7 +113,7 @@ class Transaction {
  public:
   Transaction(const Destination& destination, std::uint32_t permissions)
       : destination_(destination), ending_("." + random_id() + ".tmp"), name_(destination.name() + ending_) {
-    Result<Handle> file = os::create_at(parent(), name_.c_str(), os::CreateAs::output, permissions);
+    Result<Handle> file = os::create_at(parent(), name_.c_str(), os::CreateAs::file_to_change, permissions);
     if (!file) {
       require_transaction(file.problem(), "Cannot create transaction file " + path_utf8(destination.path) + ending_);
     }

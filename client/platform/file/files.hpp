@@ -98,7 +98,7 @@ class ExportFile {
   // something has the name, and with "file_sync" when only the flush of the name failed.
   void commit();
 
-  // The open file. A lock that it is given lasts as long as the object.
+  // The open file, to read and write. A lock that it is given lasts as long as the object.
   int handle() const;
 
   // Removes the committed file, if its name is still its own. Tells nothing when that fails.
