@@ -3,6 +3,8 @@
 #include <string>
 #include <vector>
 
+#include "domain/crypto.hpp"
+#include "domain/json.hpp"
 #include "domain/paths.hpp"
 #include "platform/file/files.hpp"
 #include "publisher/commands/commands.hpp"
@@ -35,6 +37,11 @@ void add_file_options(CLI::App& command, FileOptions& options, const char* signa
   command.add_option("--signature", options.signature, signature)->type_name("FILE");
 }
 
+// A file as documents tell of it: with what was signed or proved of it, whatever has come to its name since then.
+Json stated_file(const std::filesystem::path& file, const Json& statement) {
+  return {{"path", json_text(path_utf8(file))}, {"length", statement.at("length")}, {"sha256", statement.at("sha256")}};
+}
+
 CommandResult sign_one(FileOptions& options, const CommandRun& run) {
   options.signers.cancelled = run.cancelled;
   judge_options([&] {
@@ -54,7 +61,9 @@ CommandResult sign_one(FileOptions& options, const CommandRun& run) {
   CommandResult result;
   result.lines.push_back("Signature: " + path_utf8(output));
   if (run.json) {
-    result.document = {{"file", described_file(options.file)}, {"signature", described_file(output)}};
+    result.document = {
+        {"file", stated_file(options.file, signed_statement(text))},
+        {"signature", stated_file(output, {{"length", text.size()}, {"sha256", digest(text, "sha256")}})}};
   }
   return result;
 }
@@ -66,9 +75,10 @@ CommandResult verify_one(const FileOptions& options, const CommandRun& run) {
   for (const std::filesystem::path& file : options.public_keys) {
     keys.push_back(read_public_key(file));
   }
+  Json statement;
   {
     ProgressLine line("Reading", !run.json);
-    verify_file(options.file, text, keys, [&](std::uint64_t done, std::uint64_t total) {
+    statement = verify_file(options.file, text, keys, [&](std::uint64_t done, std::uint64_t total) {
       line.show(done, total);
       return !run.cancelled();
     });
@@ -77,7 +87,7 @@ CommandResult verify_one(const FileOptions& options, const CommandRun& run) {
   result.lines.push_back("Signed by " + std::string(keys.size() == 1 ? "the key" : "all keys") +
                          " that you named: " + path_utf8(options.file));
   if (run.json) {
-    result.document = {{"file", described_file(options.file)}, {"verified", true}};
+    result.document = {{"file", stated_file(options.file, statement)}, {"verified", true}};
   }
   return result;
 }

@@ -70,7 +70,9 @@ std::string sign_file(const std::filesystem::path& file, const std::vector<Signe
   return Json({{"signed", statement}, {"signatures", signatures}}).dump(2) + "\n";
 }
 
-void verify_file(const std::filesystem::path& file, std::string_view text, const std::vector<Json>& keys,
+Json signed_statement(std::string_view text) { return parse_json(text, maximum_file_signature_bytes).at("signed"); }
+
+Json verify_file(const std::filesystem::path& file, std::string_view text, const std::vector<Json>& keys,
                  const ProgressCallback& progress) {
   const Json document = parse_json(text, maximum_file_signature_bytes);
   require(has_exactly(document, {"signed", "signatures"}) && document.at("signatures").is_array(), invalid_text,
@@ -82,6 +84,7 @@ void verify_file(const std::filesystem::path& file, std::string_view text, const
   require(text_at(expected, "name") == name, "content_mismatch",
           "The signature is that of a file with the name " + text_at(expected, "name"));
   require(statement_of(file, progress) == expected, "content_mismatch", "The file is not the one that was signed");
+  return expected;
 }
 
 }  // namespace ravok

@@ -23,9 +23,12 @@ std::string sign_file(const std::filesystem::path& file, const std::vector<Signe
 // the public key objects has signed. Nothing of the text is believed before its signatures are proved. Fails with
 // "invalid_signature" for a text that is no signature of a file, "signature_threshold" for one that lacks a key's
 // signature or where no key is named, "content_mismatch" for another file, and as sign_file does for the file, and
-// parse_json for the text.
-void verify_file(const std::filesystem::path& file, std::string_view text, const std::vector<Json>& keys,
+// parse_json for the text. Returns the statement about the file that was proved, as signed_statement does.
+Json verify_file(const std::filesystem::path& file, std::string_view text, const std::vector<Json>& keys,
                  const ProgressCallback& progress);
+
+// Returns what a text that sign_file has returned says of its file, among others "length" in bytes and "sha256".
+Json signed_statement(std::string_view text);
 
 // The most bytes of such a text.
 inline constexpr std::uint64_t maximum_file_signature_bytes = 1'048'576;

@@ -50,6 +50,22 @@ TEST_F(FileSignature, SaysWhatTheFileIsAndIsVerifiedWithAnyOfItsKeys) {
   EXPECT_NO_THROW(verify(text, {second->key(), first->key(), first->key()}));
 }
 
+TEST_F(FileSignature, TellsOfTheFileThatWasProvedWhateverTakesItsNameMeanwhile) {
+  const std::string text = signature();
+  std::size_t calls = 0;
+  const Json statement = verify_file(file, text, {first->key()}, [&](std::uint64_t, std::uint64_t) {
+    if (++calls == 1) {
+      std::filesystem::rename(root.write("other", "another content"), file);
+    }
+    return true;
+  });
+  EXPECT_GT(calls, 0u);
+  EXPECT_EQ(root.read("product-1.0.tar.gz"), "another content");
+  EXPECT_EQ(statement, signed_statement(text));
+  EXPECT_EQ(statement.at("length"), 7);
+  EXPECT_EQ(statement.at("sha256"), digest("content", "sha256"));
+}
+
 TEST_F(FileSignature, NeedsTheSignatureOfEveryKeyThatIsNamed) {
   const std::string text = signature();
   const std::shared_ptr<const SigningKey> other = new_key();
