@@ -18,15 +18,16 @@ namespace {
 constexpr const char* invalid_program = "invalid_installer";
 constexpr std::size_t maximum_package_entries = 65'536;  // of a package that has been proved
 
-// What lies in the slots of an image. The mark alone makes no slot: this program's own image has it too, with something
-// else behind it.
+// What lies in the slots of an image, damaged ones among them. The mark alone makes no slot: this program's own image
+// has it too, with something else behind it, of which less looks like a place than damage leaves of one.
 std::vector<std::string_view> places_in(std::string_view image) {
   std::vector<std::string_view> places;
   for (std::size_t at = image.find(appended_package_mark); at != std::string_view::npos;
        at = image.find(appended_package_mark, at + 1)) {
     const std::string_view place = image.substr(at + appended_package_mark.size(), appended_place_characters);
-    const bool is_place = std::all_of(place.begin(), place.end(), [](char c) { return is_lower_hex(c) || c == '-'; });
-    if (place.size() == appended_place_characters && is_place) {
+    const auto fitting = std::count_if(place.begin(), place.end(), [](char c) { return is_lower_hex(c) || c == '-'; });
+    if (place.size() == appended_place_characters &&
+        static_cast<std::size_t>(fitting) >= appended_place_characters / 4 * 3) {
       places.push_back(place);
     }
   }
@@ -72,7 +73,7 @@ std::string with_appended_place(std::string image, const AppendedPlace& place) {
 
 std::optional<AppendedPlace> find_appended_place(std::string_view front) {
   for (const std::string_view text : places_in(front)) {
-    if (auto place = parse_appended_place(text)) {
+    if (auto place = place_in_slot(text)) {
       return place;
     }
   }

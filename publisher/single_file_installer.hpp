@@ -20,7 +20,7 @@ std::string with_appended_place(std::string image, const AppendedPlace& place);
 void require_place_for_package(std::string_view image);
 
 // Returns where an installer's file carries a package, of which `front` is the beginning with all of the program; or
-// nothing if it carries none.
+// nothing if it carries none. Fails as place_in_slot does.
 std::optional<AppendedPlace> find_appended_place(std::string_view front);
 
 // Accepts only a program that carries no package of its own yet. Fails with "invalid_installer".

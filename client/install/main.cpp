@@ -35,5 +35,5 @@ int main(int argc, char** argv) {
   }
   return ravok::run_setup_console(
       arguments, program_name, ravok::read_seal(seal_slot), [&] { return interrupt.requested(); },
-      ravok::read_appended_place(appended_slot));
+      [] { return ravok::read_appended_place(appended_slot); });
 }

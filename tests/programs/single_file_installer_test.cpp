@@ -9,9 +9,11 @@
 
 #include <gtest/gtest.h>
 
+#include "app/install/appended_package.hpp"
 #include "domain/json.hpp"
 #include "platform/file/file_digest.hpp"
 #include "programs/installer_place.hpp"
+#include "support/bytes_of.hpp"
 #include "support/process.hpp"
 
 namespace ravok::single_file_installer_test {
@@ -152,13 +154,27 @@ TEST_F(SingleFileInstaller, TellsWhatDoesNotBelongToIt) {
 TEST_F(SingleFileInstaller, TellsWhatHasChangedInItsPackage) {
   const std::uint64_t image = std::filesystem::file_size(RAVOK_INSTALL);
   change(image);
-  expect_refused("content_mismatch", "The index of this installer's package changed");
+  expect_refused("content_mismatch", "This installer was damaged; get it again");
   change(image);
   change(size - 1);
   const ProgramResult result = run({"--json"});
   EXPECT_EQ(result.exit_code, 1);
   EXPECT_EQ(Json::parse(result.output).at("problem").at("code"), "content_mismatch") << result.output;
   expect_nothing_left();
+}
+
+TEST_F(SingleFileInstaller, TellsThatThePlaceOfItsPackageIsDamaged) {
+  const std::string bytes = testing::bytes_of(file);
+  const std::size_t slot = bytes.find(appended_package_mark);
+  ASSERT_NE(slot, std::string::npos);
+  change(slot + appended_package_mark.size() + 20);
+  // A package beside it does not take the place of its own.
+  std::filesystem::copy(place.package_directory(), place.root() / "initial-package");
+  before = place.root().names();
+  expect_refused("content_mismatch", "This installer was damaged; get it again");
+  EXPECT_EQ(run({"--help"}).exit_code, 0);
+  EXPECT_EQ(run({"--version"}).exit_code, 0);
+  expect(run({"status"}), 0, "Ravok is not installed in " + (place.home() / ".local/share/Ravok").native() + ".\n", "");
 }
 
 TEST_F(SingleFileInstaller, IsTheSameForTheSamePackageAndTellsOfItself) {

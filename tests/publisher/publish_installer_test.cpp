@@ -571,6 +571,15 @@ TEST_F(PublishSingleFile, RefusesAProgramThatCarriesAPackageAlready) {
   }
 }
 
+TEST_F(PublishSingleFile, RefusesAProgramWhoseSlotIsDamaged) {
+  for (const char wrong : {'0', 'A', '\0'}) {
+    std::string damaged = image;
+    damaged[damaged.find(appended_package_mark) + appended_package_mark.size() + 5] = wrong;
+    root.write("program", damaged);
+    expect_refused("content_mismatch", publication.program.native() + ": This installer was damaged; get it again");
+  }
+}
+
 TEST_F(PublishSingleFile, RefusesAProgramForMacos) {
   publication.signer = "";
   root.write("program", macos_program(false) + image);

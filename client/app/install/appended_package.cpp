@@ -14,6 +14,7 @@ namespace {
 
 constexpr std::string_view invalid_index = "invalid_native_package";
 constexpr const char* malformed_index = "The index of this installer's package is malformed";
+constexpr const char* damaged = "This installer was damaged; get it again";
 constexpr std::size_t length_digits = 16;
 
 static_assert(appended_package_mark.size() == AppendedSlot().mark.size());
@@ -81,6 +82,15 @@ std::optional<AppendedPlace> parse_appended_place(std::string_view text) {
   return place;
 }
 
+std::optional<AppendedPlace> place_in_slot(std::string_view text) {
+  if (text == std::string(appended_place_characters, '-')) {
+    return std::nullopt;
+  }
+  std::optional<AppendedPlace> place = parse_appended_place(text);
+  require(place.has_value(), "content_mismatch", damaged);
+  return place;
+}
+
 std::optional<AppendedPlace> read_appended_place(const volatile AppendedSlot& slot) {
   // Reads the running image, since the place was put there after the compiler saw the slot. Leaves the mark alone, so
   // that the compiler puts no second copy of it into the image.
@@ -89,7 +99,7 @@ std::optional<AppendedPlace> read_appended_place(const volatile AppendedSlot& sl
   for (std::size_t i = 0; i < appended_place_characters; ++i) {
     text += bytes[i];
   }
-  return parse_appended_place(text);
+  return place_in_slot(text);
 }
 
 std::string package_index_text(const std::vector<AppendedFile>& files) {
@@ -135,8 +145,7 @@ std::shared_ptr<const AppendedPackage> AppendedPackage::in_range(const FileRange
   require_possible(place);
   require_length(file, place.file_bytes);
   const std::string text = read_range(file.part(place.program_bytes, place.index_bytes), maximum_package_index_bytes);
-  require(digest(text, "sha256") == place.index_sha256, "content_mismatch",
-          "The index of this installer's package changed");
+  require(digest(text, "sha256") == place.index_sha256, "content_mismatch", damaged);
 
   std::shared_ptr<AppendedPackage> package(new AppendedPackage);
   package->path_ = std::filesystem::absolute(installer).lexically_normal();

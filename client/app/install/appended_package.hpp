@@ -59,7 +59,11 @@ std::string appended_place_text(const AppendedPlace& place);
 // Returns the place that such a text states, or nothing for any other text.
 std::optional<AppendedPlace> parse_appended_place(std::string_view text);
 
-// Returns the place in a slot as it is in the running image, or nothing if it has none.
+// Returns the place that a slot with this content states, or nothing for one that holds nothing but "-". Fails with
+// "content_mismatch" for any other content, which only damage leaves there.
+std::optional<AppendedPlace> place_in_slot(std::string_view text);
+
+// Returns the place in a slot as it is in the running image, or nothing if it has none. Fails as place_in_slot does.
 std::optional<AppendedPlace> read_appended_place(const volatile AppendedSlot& slot);
 
 // A file of a package as the index lists it.

@@ -42,9 +42,9 @@ void use_package_brand(SetupCommand& command, std::string_view package_seal) {
 }
 
 // Takes the package that the running installer came with: the one in its own file, or the one beside it.
-void find_package(SetupCommand& command, const std::optional<AppendedPlace>& place) {
+void find_package(SetupCommand& command, const FindAppendedPlace& find_place) {
   const std::filesystem::path installer = current_executable_path();
-  if (place) {
+  if (const std::optional<AppendedPlace> place = find_place ? find_place() : std::nullopt) {
     command.appended = AppendedPackage::in_file(installer, *place);
     command.package = installer;
   } else {
@@ -52,9 +52,9 @@ void find_package(SetupCommand& command, const std::optional<AppendedPlace>& pla
   }
 }
 
-void choose_brand(SetupCommand& command, std::string_view package_seal, const std::optional<AppendedPlace>& place) {
+void choose_brand(SetupCommand& command, std::string_view package_seal, const FindAppendedPlace& find_place) {
   if (needs_package(command.command) && command.package.empty()) {
-    find_package(command, place);
+    find_package(command, find_place);
   }
   if (needs_package(command.command) && !command.package.empty()) {
     use_package_brand(command, package_seal);
@@ -69,7 +69,7 @@ void choose_brand(SetupCommand& command, std::string_view package_seal, const st
 }
 
 void run_parsed_command(SetupCommand command, std::string_view program_name, std::string_view package_seal,
-                        const std::function<bool()>& cancel, const std::optional<AppendedPlace>& place) {
+                        const std::function<bool()>& cancel, const FindAppendedPlace& find_place) {
   const bool installer = program_name == installer_name;
   if (command.help) {
     print_result(setup_usage(program_name, installer));
@@ -77,7 +77,7 @@ void run_parsed_command(SetupCommand command, std::string_view program_name, std
   }
   require_complete_native_install_image(current_executable_path());
   require(!needs_package(command.command) || installer, "usage", "Use the Ravok installer to install or repair Ravok");
-  choose_brand(command, package_seal, place);
+  choose_brand(command, package_seal, find_place);
   const Json document = run_setup_command(command, package_seal, console_callbacks(command.json, cancel));
   print_result((command.json ? document.dump() : shown_text(setup_summary(command, document))) + "\n");
 }
@@ -86,12 +86,12 @@ void run_parsed_command(SetupCommand command, std::string_view program_name, std
 
 int run_setup_console(const std::vector<std::string>& arguments, std::string_view program_name,
                       std::string_view package_seal, const std::function<bool()>& cancel,
-                      const std::optional<AppendedPlace>& place) {
+                      const FindAppendedPlace& find_place) {
   bool json = false;
   try {
     const SetupCommand command = parse_setup_command(arguments, user_data_root());
     json = command.json;
-    run_parsed_command(command, program_name, package_seal, cancel, place);
+    run_parsed_command(command, program_name, package_seal, cancel, find_place);
     return 0;
   } catch (const Error& error) {
     return tell_failure(error, json);

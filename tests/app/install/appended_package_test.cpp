@@ -53,6 +53,21 @@ TEST(AppendedPlace, IsReadFromTheSlotOfTheImage) {
   EXPECT_FALSE(read_appended_place(empty));
 }
 
+TEST(AppendedPlace, IsNotReadFromADamagedSlot) {
+  const std::string place = appended_place_text({1, 2, 3, digest_text()});
+  const std::string none(appended_place_characters, '-');
+  for (const std::string& good : {place, none}) {
+    for (std::size_t at = 0; at < good.size(); ++at) {
+      std::string text = good;
+      text[at] = static_cast<char>(text[at] ^ 0x40);
+      AppendedSlot filled = make_appended_slot();
+      text.copy(filled.place.data(), filled.place.size());
+      const volatile AppendedSlot slot = filled;
+      EXPECT_FAILURE(read_appended_place(slot), "content_mismatch", "This installer was damaged; get it again") << text;
+    }
+  }
+}
+
 TEST(PackageIndex, ListsTheFilesInTheirOrder) {
   const std::string text = package_index_text({{"second", 3}, {"first", 0}, {"third.json", 4}});
   const std::vector<AppendedFile> files = parse_package_index(text, 7);
