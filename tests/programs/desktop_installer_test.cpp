@@ -2,6 +2,7 @@
 
 #include <filesystem>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -19,6 +20,19 @@ using testing::ProgramResult;
 using testing::run_program;
 using Arguments = std::vector<std::string>;
 
+// The address of a file, as desktops write it.
+std::string address_of(const std::filesystem::path& path) {
+  constexpr std::string_view digits = "0123456789ABCDEF";
+  std::string address = "file://";
+  for (const char c : path.native()) {
+    const auto byte = static_cast<unsigned char>(c);
+    const bool plain = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
+                       std::string_view("/-._~").find(c) != std::string_view::npos;
+    address += plain ? std::string(1, c) : std::string{'%', digits[byte / 16], digits[byte % 16]};
+  }
+  return address;
+}
+
 class DesktopInstaller : public ::testing::Test, protected testing::InstallerPlace {
  protected:
   ProgramResult publish_to(const std::filesystem::path& output, const Arguments& more = {}) const {
@@ -31,17 +45,24 @@ class DesktopInstaller : public ::testing::Test, protected testing::InstallerPla
   // Runs the entry's command line with `location` in the place of its field code. The input ends at once, as a terminal
   // does that is closed.
   ProgramResult open(const std::filesystem::path& entry, const std::string& location) const {
+    return open_in("/", entry, location);
+  }
+  ProgramResult open_in(const std::filesystem::path& folder, const std::filesystem::path& entry,
+                        const std::string& location) const {
     std::string line = testing::desktop_entry(testing::bytes_of(entry)).at("Exec");
     const std::string code = " %k";
     EXPECT_TRUE(line.ends_with(code)) << line;
-    Arguments command = testing::exec_arguments(line.substr(0, line.size() - code.size()));
+    Arguments command = {"-c", "cd -- \"$0\" && exec \"$@\"", folder};
+    const Arguments started = testing::exec_arguments(line.substr(0, line.size() - code.size()));
+    command.insert(command.end(), started.begin(), started.end());
     command.push_back(location);
-    return run_program({command.front(), Arguments(command.begin() + 1, command.end()), environment(), ""});
+    return run_program({"/bin/sh", command, environment(), ""});
   }
 };
 
 TEST_F(DesktopInstaller, IsValidAndStartsTheProgramBesideItWhereverThatLies) {
-  for (const char* name : {"installer-here", "it's \"my\" $HOME `id` ~;&|*?#()<>!", "-n"}) {
+  for (const char* name :
+       {"installer-here", "it's \"my\" $HOME `id` ~;&|*?#()<>!", "-n", "Spiele f\u00fcr alle", "100%41 \\x41 \\n"}) {
     const std::filesystem::path output = place.root() / name;
     const ProgramResult published = publish_to(output, {"--json"});
     ASSERT_EQ(published.exit_code, 0) << published.errors;
@@ -54,7 +75,7 @@ TEST_F(DesktopInstaller, IsValidAndStartsTheProgramBesideItWhereverThatLies) {
     EXPECT_EQ(judged.exit_code, 0);
     EXPECT_EQ(judged.output + judged.errors, "");
 
-    for (const std::string& location : {entry.native(), "file://" + entry.native()}) {
+    for (const std::string& location : {entry.native(), address_of(entry)}) {
       const ProgramResult opened = open(entry, location);
       const std::filesystem::path data = place.home() / ".local/share/Acme Games";
       EXPECT_NE(opened.output.find("Installed Acme Games in " + data.native() + ".\n"), std::string::npos)
@@ -63,6 +84,18 @@ TEST_F(DesktopInstaller, IsValidAndStartsTheProgramBesideItWhereverThatLies) {
       EXPECT_TRUE(std::filesystem::remove_all(data) > 0);
       std::filesystem::remove_all(place.home() / ".local/share/applications");
     }
+  }
+}
+
+TEST_F(DesktopInstaller, StartsNothingWhereTheDesktopDoesNotSayWhereItLies) {
+  const std::filesystem::path output = place.root() / "installer-here";
+  const ProgramResult published = publish_to(output);
+  ASSERT_EQ(published.exit_code, 0) << published.errors;
+  // The current folder holds a program of the name.
+  for (const char* location : {"", "file://"}) {
+    const ProgramResult opened = open_in(output, output / "ravok-install.desktop", location);
+    EXPECT_EQ(opened.output, "\nPress Enter to close this window.\n") << opened.errors;
+    EXPECT_FALSE(std::filesystem::exists(place.home() / ".local/share/Acme Games"));
   }
 }
 
