@@ -14,7 +14,7 @@ namespace {
 
 constexpr std::string_view invalid_index = "invalid_native_package";
 constexpr const char* malformed_index = "The index of this installer's package is malformed";
-constexpr const char* damaged = "This installer was damaged; get it again";
+constexpr const char* installer_damaged = "This installer was damaged; get it again";
 constexpr std::size_t length_digits = 16;
 
 static_assert(appended_package_mark.size() == AppendedSlot().mark.size());
@@ -87,7 +87,7 @@ std::optional<AppendedPlace> place_in_slot(std::string_view text) {
     return std::nullopt;
   }
   std::optional<AppendedPlace> place = parse_appended_place(text);
-  require(place.has_value(), "content_mismatch", damaged);
+  require(place.has_value(), "content_mismatch", installer_damaged);
   return place;
 }
 
@@ -145,7 +145,7 @@ std::shared_ptr<const AppendedPackage> AppendedPackage::in_range(const FileRange
   require_possible(place);
   require_length(file, place.file_bytes);
   const std::string text = read_range(file.part(place.program_bytes, place.index_bytes), maximum_package_index_bytes);
-  require(digest(text, "sha256") == place.index_sha256, "content_mismatch", damaged);
+  require(digest(text, "sha256") == place.index_sha256, "content_mismatch", installer_damaged);
 
   std::shared_ptr<AppendedPackage> package(new AppendedPackage);
   package->path_ = std::filesystem::absolute(installer).lexically_normal();
