@@ -47,12 +47,12 @@ class DesktopInstaller : public ::testing::Test, protected testing::InstallerPla
   ProgramResult open(const std::filesystem::path& entry, const std::string& location) const {
     return open_in("/", entry, location);
   }
-  ProgramResult open_in(const std::filesystem::path& folder, const std::filesystem::path& entry,
+  ProgramResult open_in(const std::filesystem::path& current, const std::filesystem::path& entry,
                         const std::string& location) const {
     std::string line = testing::desktop_entry(testing::bytes_of(entry)).at("Exec");
     const std::string code = " %k";
     EXPECT_TRUE(line.ends_with(code)) << line;
-    Arguments command = {"-c", "cd -- \"$0\" && exec \"$@\"", folder};
+    Arguments command = {"-c", "cd -- \"$0\" && exec \"$@\"", current};
     const Arguments started = testing::exec_arguments(line.substr(0, line.size() - code.size()));
     command.insert(command.end(), started.begin(), started.end());
     command.push_back(location);
