@@ -87,7 +87,7 @@ void require_installer(const std::filesystem::path& path, const ShippedPackage& 
 
 bool is_shipped_package(const std::filesystem::path& path) {
   return has_descriptor(path) || has_descriptor(path / shipped_package_name) ||
-         find_appended_place(front_of(path)).has_value();
+         about(path, [&] { return find_appended_place(front_of(path)); }).has_value();
 }
 
 ShippedPackage read_shipped_package(const std::filesystem::path& path) {

@@ -25,7 +25,7 @@ struct ShippedPackage {
 };
 
 // Whether a path is that of an initial package, of the folder of an installer with a package in it, or of an installer
-// in one file.
+// in one file. Fails with "content_mismatch" for such an installer whose slot was damaged, and as read_file does.
 bool is_shipped_package(const std::filesystem::path& path);
 
 // Reads what a package's descriptor says, and the parts of it that are here, each proved against the descriptor. An

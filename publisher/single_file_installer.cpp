@@ -81,8 +81,12 @@ std::optional<AppendedPlace> find_appended_place(std::string_view front) {
 }
 
 void require_bare_program(std::string_view image) {
-  require(!find_appended_place(image), invalid_program,
-          "The program carries a package already; give ravok-install as it was built");
+  for (std::size_t at = image.find(appended_package_mark); at != std::string_view::npos;
+       at = image.find(appended_package_mark, at + 1)) {
+    const std::string_view place = image.substr(at + appended_package_mark.size(), appended_place_characters);
+    require(!place_in_slot(place), invalid_program,
+            "The program carries a package already; give ravok-install as it was built");
+  }
 }
 
 AppendedPlace write_single_file_installer(const std::string& program, const std::filesystem::path& package,

@@ -51,13 +51,17 @@ CommandResult sign_one(FileOptions& options, const CommandRun& run) {
   });
   const std::filesystem::path output = output_path(options.signature_file());
   require_absent(output);
+  // The output is opened first: a signer may ask somebody for a signature, who shall not be asked in vain.
+  const auto signature = about(output, [&] { return std::make_unique<OutputFile>(output); });
   ProgressLine line("Reading", !run.json);
   const std::string text =
       sign_file(options.file, open_signers(options.signers), [&](std::uint64_t done, std::uint64_t total) {
         line.show(done, total);
         return !run.cancelled();
       });
-  write_new_file(output, text);
+  signature->write(text);
+  signature->commit();
+  signature->keep();
   CommandResult result;
   result.lines.push_back("Signature: " + path_utf8(output));
   if (run.json) {
@@ -70,7 +74,7 @@ CommandResult sign_one(FileOptions& options, const CommandRun& run) {
 
 CommandResult verify_one(const FileOptions& options, const CommandRun& run) {
   const std::filesystem::path signature = options.signature_file();
-  const std::string text = read_file(signature, maximum_file_signature_bytes);
+  const std::string text = about(signature, [&] { return read_file(signature, maximum_file_signature_bytes); });
   std::vector<Json> keys;
   for (const std::filesystem::path& file : options.public_keys) {
     keys.push_back(read_public_key(file));

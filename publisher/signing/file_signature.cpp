@@ -22,11 +22,20 @@ Json statement_of(const std::filesystem::path& file, const ProgressCallback& pro
   const FileRange bytes = FileRange::whole_file(file);
   const std::string name = path_utf8(file.filename());
   require(is_utf8(name), "unsafe_path", "The name of a signed file must be valid UTF-8");
-  return {{"schema_version", 1},
-          {"kind", statement_kind},
-          {"name", name},
-          {"length", bytes.length()},
-          {"sha256", digest_range_progress(bytes, "sha256", progress)}};
+  const std::string sha256 = digest_range_progress(bytes, "sha256", progress);
+  // One that still grows is being copied.
+  require(bytes.reaches_end(), "file_read", "File changed while reading");
+  return {
+      {"schema_version", 1}, {"kind", statement_kind}, {"name", name}, {"length", bytes.length()}, {"sha256", sha256}};
+}
+
+Json parse_signature(std::string_view text) {
+  try {
+    return parse_json(text, maximum_file_signature_bytes);
+  } catch (const Error& error) {
+    require(error.code == "size_limit", invalid_text, not_a_signature);
+    throw;
+  }
 }
 
 void require_statement(const Json& signed_part) {
@@ -74,7 +83,7 @@ Json signed_statement(std::string_view text) { return parse_json(text, maximum_f
 
 Json verify_file(const std::filesystem::path& file, std::string_view text, const std::vector<Json>& keys,
                  const ProgressCallback& progress) {
-  const Json document = parse_json(text, maximum_file_signature_bytes);
+  const Json document = parse_signature(text);
   require(has_exactly(document, {"signed", "signatures"}) && document.at("signatures").is_array(), invalid_text,
           not_a_signature);
   require_signed_by_all(document, keys);

@@ -15,15 +15,17 @@ namespace ravok {
 
 // Returns the text of the signature of an ordinary file. It cannot be taken for a document of a repository. `progress`,
 // which may be empty, is told of the bytes read. Fails with "signature_threshold" without a signer, with "unsafe_path"
-// for a link, a special file or a name that is not UTF-8, with "file_read" and "cancelled", and as the signers do.
+// for a link, a special file or a name that is not UTF-8, with "file_read", also for a file that grew or shrank
+// meanwhile, with "cancelled", and as the signers do.
 std::string sign_file(const std::filesystem::path& file, const std::vector<Signer>& signers,
                       const ProgressCallback& progress);
 
 // Accepts only a file that has the name, the length and the content which the text signs, and a text which every one of
 // the public key objects has signed. Nothing of the text is believed before its signatures are proved. Fails with
-// "invalid_signature" for a text that is no signature of a file, "signature_threshold" for one that lacks a key's
-// signature or where no key is named, "content_mismatch" for another file, and as sign_file does for the file, and
-// parse_json for the text. Returns the statement about the file that was proved, as signed_statement does.
+// "size_limit" beyond the bound below, "invalid_signature" for a text that is no signature of a file,
+// "signature_threshold" for one that lacks a key's signature or where no key is named, "content_mismatch" for another
+// file, and as sign_file does for the file. Returns the statement about the file that was proved, as signed_statement
+// does.
 Json verify_file(const std::filesystem::path& file, std::string_view text, const std::vector<Json>& keys,
                  const ProgressCallback& progress);
 

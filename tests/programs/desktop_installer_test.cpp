@@ -75,7 +75,9 @@ TEST_F(DesktopInstaller, IsValidAndStartsTheProgramBesideItWhereverThatLies) {
     EXPECT_EQ(judged.exit_code, 0);
     EXPECT_EQ(judged.output + judged.errors, "");
 
-    for (const std::string& location : {entry.native(), address_of(entry)}) {
+    const std::string address = address_of(entry);
+    for (const std::string& location :
+         {entry.native(), address, "file://localhost" + address.substr(std::string_view("file://").size())}) {
       const ProgramResult opened = open(entry, location);
       const std::filesystem::path data = place.home() / ".local/share/Acme Games";
       EXPECT_NE(opened.output.find("Installed Acme Games in " + data.native() + ".\n"), std::string::npos)
@@ -92,9 +94,14 @@ TEST_F(DesktopInstaller, StartsNothingWhereTheDesktopDoesNotSayWhereItLies) {
   const ProgramResult published = publish_to(output);
   ASSERT_EQ(published.exit_code, 0) << published.errors;
   // The current folder holds a program of the name.
-  for (const char* location : {"", "file://"}) {
+  for (const char* location :
+       {"", "file://", "%k", "ravok-install.desktop", "./ravok-install.desktop", "-/x",
+        "file://elsewhere/ravok-install.desktop", "/a\n/ravok-install.desktop", "file:///a%0A/ravok-install.desktop"}) {
     const ProgramResult opened = open_in(output, output / "ravok-install.desktop", location);
-    EXPECT_EQ(opened.output, "\nPress Enter to close this window.\n") << opened.errors;
+    EXPECT_EQ(opened.output,
+              "This desktop does not say where the installer lies. Start ravok-install in a terminal.\n\n"
+              "Press Enter to close this window.\n")
+        << location << opened.errors;
     EXPECT_FALSE(std::filesystem::exists(place.home() / ".local/share/Acme Games"));
   }
 }

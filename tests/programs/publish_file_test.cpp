@@ -84,6 +84,34 @@ TEST_F(PublishFile, NeedsTheKeyOfEachThatIsNamed) {
             "Signed by all keys that you named: " + file.native() + "\n");
 }
 
+TEST_F(PublishFile, NamesTheSignatureThatIsNone) {
+  const std::filesystem::path signature = root.write("product.tar.gz.sig", std::string(1'048'577, ' '));
+  EXPECT_EQ(verify().errors, signature.native() + ": File exceeds read limit\n");
+  root.write("product.tar.gz.sig", "{");
+  EXPECT_EQ(verify().errors, "This is no signature of a file\n");
+}
+
+TEST_F(PublishFile, AsksNobodyForASignatureThatHasNoPlace) {
+  std::filesystem::create_directory(root / "folder");
+  std::filesystem::create_directory_symlink(root / "folder", root / "link");
+  const std::filesystem::path asked = root / "asked";
+  const std::filesystem::path signature = root / "link" / "signature";
+  const ProgramResult result =
+      publisher({"file", "sign", file, "--signature", signature, "--signer",
+                 "sh -c 'touch \"" + asked.native() + "\"; false'", "--signer-key", root / "release.pub"});
+  EXPECT_EQ(result.exit_code, 1);
+  EXPECT_EQ(result.errors, signature.native() + ": Export parent must be an existing plain directory\n");
+  EXPECT_FALSE(std::filesystem::exists(asked));
+  EXPECT_TRUE(std::filesystem::is_empty(root / "folder"));
+}
+
+TEST_F(PublishFile, LeavesNothingOfASignatureThatFails) {
+  EXPECT_EQ(sign({"--signature", root / "new" / "signature", "--signer", "false", "--signer-key", root / "release.pub"})
+                .exit_code,
+            1);
+  EXPECT_FALSE(std::filesystem::exists(root / "new"));
+}
+
 TEST_F(PublishFile, WantsAKey) {
   ProgramResult result = publisher({"file", "sign", file});
   EXPECT_EQ(result.exit_code, 2);

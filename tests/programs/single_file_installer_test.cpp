@@ -10,6 +10,7 @@
 #include <gtest/gtest.h>
 
 #include "app/install/appended_package.hpp"
+#include "app/install/package_seal.hpp"
 #include "domain/json.hpp"
 #include "platform/file/file_digest.hpp"
 #include "programs/installer_place.hpp"
@@ -175,6 +176,14 @@ TEST_F(SingleFileInstaller, TellsThatThePlaceOfItsPackageIsDamaged) {
   EXPECT_EQ(run({"--help"}).exit_code, 0);
   EXPECT_EQ(run({"--version"}).exit_code, 0);
   expect(run({"status"}), 0, "Ravok is not installed in " + (place.home() / ".local/share/Ravok").native() + ".\n", "");
+}
+
+TEST_F(SingleFileInstaller, TellsThatItsSealIsDamaged) {
+  const std::string bytes = testing::bytes_of(file);
+  const std::size_t slot = bytes.find(package_seal_mark);
+  ASSERT_NE(slot, std::string::npos);
+  change(slot + package_seal_mark.size() + 7);
+  expect_refused("content_mismatch", "This installer was damaged; get it again");
 }
 
 TEST_F(SingleFileInstaller, IsTheSameForTheSamePackageAndTellsOfItself) {

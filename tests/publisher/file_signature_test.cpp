@@ -1,8 +1,11 @@
 #include "publisher/signing/file_signature.hpp"
 
+#include <cstdint>
 #include <filesystem>
+#include <fstream>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -107,9 +110,13 @@ TEST_F(FileSignature, IsBrokenByAnyChangeOfWhatIsSigned) {
 
 TEST_F(FileSignature, HasNoOtherForm) {
   for (const char* text :
-       {"null", "[]", "{}", R"({"signed":{},"signatures":{}})", R"({"signed":{},"signatures":[1]})",
+       {"", "{", "null", "[]", "{}", R"({"signed":{},"signatures":{}})", R"({"signed":{},"signatures":[1]})",
         R"({"signed":{},"signatures":[{"keyid":1,"sig":""}]})", R"({"signed":{},"signatures":[],"more":1})"}) {
     EXPECT_FAILURE(verify(text, {first->key()}), "invalid_signature", "This is no signature of a file") << text;
+  }
+  const std::string good = signature();
+  for (const std::string& text : {good.substr(0, 300), good + good, good + std::string(1, '\0') + "x"}) {
+    EXPECT_FAILURE(verify(text, {first->key()}), "invalid_signature", "This is no signature of a file");
   }
   EXPECT_FAILURE(verify(R"({"signed":{},"signatures":[]})", {first->key()}), "signature_threshold",
                  "The file was not signed by every key that you named");
@@ -135,6 +142,23 @@ TEST_F(FileSignature, IsOfAFileAndOfNothingElseThatTheKeySigned) {
   EXPECT_FAILURE(verify(signed_text(Json::array()), {first->key()}), "invalid_signature", message);
   // Nor is it a document of a repository.
   EXPECT_TRUE(testing::failure_of([&] { shape(Json::parse(signature()), "targets"); }));
+}
+
+TEST_F(FileSignature, IsOfNoFileThatGrowsOrShrinksWhileItIsRead) {
+  const std::string text = signature();
+  const std::vector<Signer> signers = {signer_of(first)};
+  const std::vector<std::pair<const char*, const char*>> cases = {{"content and more", "File changed while reading"},
+                                                                  {"con", "Error reading file during verification"}};
+  for (const auto& [content, message] : cases) {
+    const auto change = [&, bytes = content](std::uint64_t, std::uint64_t) {
+      std::ofstream(file, std::ios::binary | std::ios::trunc) << bytes;
+      return true;
+    };
+    root.write("product-1.0.tar.gz", "content");
+    EXPECT_FAILURE(sign_file(file, signers, change), "file_read", message) << content;
+    root.write("product-1.0.tar.gz", "content");
+    EXPECT_FAILURE(verify_file(file, text, {first->key()}, change), "file_read", message) << content;
+  }
 }
 
 TEST_F(FileSignature, IsOfAnOrdinaryFile) {

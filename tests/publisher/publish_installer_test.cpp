@@ -578,6 +578,15 @@ TEST_F(PublishSingleFile, RefusesAProgramWhoseSlotIsDamaged) {
     root.write("program", damaged);
     expect_refused("content_mismatch", publication.program.native() + ": This installer was damaged; get it again");
   }
+  // A folder is made of no such program either: it would start, and refuse to install anything.
+  std::string wiped = image;
+  wiped.replace(wiped.find(appended_package_mark) + appended_package_mark.size(), appended_place_characters,
+                appended_place_characters, '\0');
+  root.write("program", wiped);
+  for (const bool single_file : {true, false}) {
+    publication.single_file = single_file;
+    expect_refused("content_mismatch", publication.program.native() + ": This installer was damaged; get it again");
+  }
 }
 
 TEST_F(PublishSingleFile, RefusesAProgramForMacos) {

@@ -14,7 +14,6 @@ namespace {
 
 constexpr std::string_view invalid_index = "invalid_native_package";
 constexpr const char* malformed_index = "The index of this installer's package is malformed";
-constexpr const char* installer_damaged = "This installer was damaged; get it again";
 constexpr std::size_t length_digits = 16;
 
 static_assert(appended_package_mark.size() == AppendedSlot().mark.size());
@@ -60,7 +59,7 @@ void require_length(const FileRange& file, std::uint64_t bytes) {
 void require_possible(const AppendedPlace& place) {
   require(place.program_bytes <= maximum_installer_program_bytes && place.index_bytes <= maximum_package_index_bytes &&
               place.program_bytes + place.index_bytes <= place.file_bytes,
-          invalid_index, malformed_index);
+          "content_mismatch", installer_damaged);
 }
 
 }  // namespace

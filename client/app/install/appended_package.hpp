@@ -22,6 +22,9 @@ namespace ravok {
 inline constexpr std::uint64_t maximum_package_index_bytes = 524'288;
 inline constexpr std::uint64_t maximum_installer_program_bytes = 268'435'456;
 
+// What a player is told of an installer that is not as it was published.
+inline constexpr const char* installer_damaged = "This installer was damaged; get it again";
+
 // Where a package lies in an installer's file.
 struct AppendedPlace {
   std::uint64_t program_bytes = 0;  // of the program, with which the file begins
@@ -84,8 +87,8 @@ std::vector<AppendedFile> parse_package_index(std::string_view text, std::uint64
 class AppendedPackage {
  public:
   // Opens the file and reads its index. Fails with "unsafe_path" for a link or a special file; with "file_read"; with
-  // "content_mismatch" for a file that is shorter or longer than the place says, or whose index has another digest;
-  // with "invalid_native_package" for a place that cannot be; and as parse_package_index does.
+  // "content_mismatch" for a place that cannot be, for a file that is shorter or longer than the place says, and for an
+  // index with another digest; and as parse_package_index does.
   static std::shared_ptr<const AppendedPackage> in_file(const std::filesystem::path& installer,
                                                         const AppendedPlace& place);
 

@@ -42,9 +42,11 @@ void use_package_brand(SetupCommand& command, std::string_view package_seal) {
 }
 
 // Takes the package that the running installer came with: the one in its own file, or the one beside it.
-void find_package(SetupCommand& command, const FindAppendedPlace& find_place) {
+void find_package(SetupCommand& command, std::string_view package_seal, const FindAppendedPlace& find_place) {
   const std::filesystem::path installer = current_executable_path();
   if (const std::optional<AppendedPlace> place = find_place ? find_place() : std::nullopt) {
+    // A program that was given its package was given the seal too.
+    require(!package_seal.empty(), "content_mismatch", installer_damaged);
     command.appended = AppendedPackage::in_file(installer, *place);
     command.package = installer;
   } else {
@@ -54,7 +56,7 @@ void find_package(SetupCommand& command, const FindAppendedPlace& find_place) {
 
 void choose_brand(SetupCommand& command, std::string_view package_seal, const FindAppendedPlace& find_place) {
   if (needs_package(command.command) && command.package.empty()) {
-    find_package(command, find_place);
+    find_package(command, package_seal, find_place);
   }
   if (needs_package(command.command) && !command.package.empty()) {
     use_package_brand(command, package_seal);

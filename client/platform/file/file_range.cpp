@@ -37,6 +37,11 @@ FileRange FileRange::part(std::uint64_t offset, std::uint64_t length) const {
   return {file_, offset_ + offset, length};
 }
 
+bool FileRange::reaches_end() const {
+  const auto status = status_of(file_->get());
+  return status && status->size == offset_ + length_;
+}
+
 Result<std::size_t> FileRange::read_at(void* bytes, std::size_t size, std::uint64_t at) const {
   if (at >= length_) {
     return std::size_t{0};

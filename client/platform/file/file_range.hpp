@@ -28,6 +28,9 @@ class FileRange {
   // In bytes.
   std::uint64_t length() const { return length_; }
 
+  // Whether the file ends now where this range does. False where that cannot be told.
+  bool reaches_end() const;
+
   // Reads at most `size` bytes at an offset within the range. Returns 0 at the end of the range, and at that of a file
   // which has become too short for it.
   Result<std::size_t> read_at(void* bytes, std::size_t size, std::uint64_t at) const;

@@ -226,7 +226,7 @@ TEST_F(AppendedPackageTest, RefusesAPlaceThatCannotBe) {
   const AppendedPlace good = where;
   const auto refuse = [&](AppendedPlace other) {
     where = std::move(other);
-    expect_refused("invalid_native_package", malformed_index_message);
+    expect_refused("content_mismatch", "This installer was damaged; get it again");
   };
   refuse({good.program_bytes, good.index_bytes, good.program_bytes + good.index_bytes - 1, good.index_sha256});
   refuse({maximum_installer_program_bytes + 1, 0, UINT64_MAX, good.index_sha256});
