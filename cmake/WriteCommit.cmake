@@ -12,7 +12,8 @@ if(NOT commit AND RAVOK_GIT AND EXISTS "${ROOT}/.git")
   execute_process(
     # A hook of another repository may be what builds this tree.
     COMMAND "${CMAKE_COMMAND}" -E env --unset=GIT_DIR --unset=GIT_WORK_TREE --unset=GIT_INDEX_FILE
-            --unset=GIT_COMMON_DIR --unset=GIT_OBJECT_DIRECTORY GIT_OPTIONAL_LOCKS=0
+            --unset=GIT_COMMON_DIR --unset=GIT_OBJECT_DIRECTORY
+            --unset=GIT_ALTERNATE_OBJECT_DIRECTORIES --unset=GIT_CEILING_DIRECTORIES GIT_OPTIONAL_LOCKS=0
             "${RAVOK_GIT}" -C "${ROOT}" describe --always --abbrev=40 --exclude=* --dirty=-modified
     OUTPUT_VARIABLE commit OUTPUT_STRIP_TRAILING_WHITESPACE ERROR_QUIET)
 endif()

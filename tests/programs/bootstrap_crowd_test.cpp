@@ -67,9 +67,10 @@ TEST_F(BootstrapCrowd, ASecondStartIsToldOfTheFirstOnesTrial) {
   wait_until([&] { return other.is_active(proved); });
   other.name("candidate", other.add("next", programs_saying("next")));
 
-  // The trial has ten seconds, in which the second start must be refused.
   const auto first = place.start_troubled("hang");
   const Json launcher = place.acknowledgement();
+  // The first start stands still, so that its trial does not end before the others are refused.
+  first->send_signal(SIGSTOP);
   const auto second = place.start({"--json", "self", "status"});
   const auto third = other.start({"--json", "self", "status"});
   for (StartedProgram* const refused : {second.get(), third.get()}) {
@@ -79,6 +80,7 @@ TEST_F(BootstrapCrowd, ASecondStartIsToldOfTheFirstOnesTrial) {
   }
 
   end_process(launcher);
+  first->send_signal(SIGCONT);
   EXPECT_EQ(first->output(), place.says("active console", "self status"));
   EXPECT_EQ(first->errors(), "");
   EXPECT_EQ(first->wait(), 0);
