@@ -11,13 +11,13 @@ function(ravok_run)
   execute_process(COMMAND ${ARGN} COMMAND_ERROR_IS_FATAL ANY)
 endfunction()
 
+# The archive has no folder usr, and cpack already knows the names of all its files.
 file(GLOB_RECURSE pages LIST_DIRECTORIES false "${CPACK_TEMPORARY_DIRECTORY}/*")
-list(FILTER pages INCLUDE REGEX "/man/man[1-9]/[^/]*[.][1-9]$")
+list(FILTER pages INCLUDE REGEX "/usr/share/man/man[1-9]/[^/]*[.][1-9]$")
 foreach(page IN LISTS pages)
   ravok_run(gzip -9n "${page}")
 endforeach()
 
-# The archive has no folder usr.
 file(GLOB_RECURSE documents LIST_DIRECTORIES true "${CPACK_TEMPORARY_DIRECTORY}/*")
 list(FILTER documents INCLUDE REGEX "/usr/share/doc/${CPACK_PACKAGE_NAME}$")
 foreach(folder IN LISTS documents)
