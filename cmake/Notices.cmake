@@ -10,6 +10,7 @@ endif()
 set(ravok_notices_list "")
 set(ravok_notices_texts "")
 string(REPEAT "=" 80 ravok_notices_rule)
+set(ravok_no_notice "The text of this licence was not found on the system where these programs were built.\n")
 
 # ravok_notice(NAME LICENCE SOURCE PACKAGE...): a library, the licence that the programs use it under, the source package
 # that third_party/build makes it of, or "-", and the packages that a system has it from.
@@ -30,7 +31,7 @@ function(ravok_notice name licence source)
     endif()
   endforeach()
   if(NOT text)
-    set(text "The text of its licence was not found on the system where these programs were built.\n")
+    set(text "${ravok_no_notice}")
     message(WARNING "The licence of ${name} is not found; ${ravok_notices_name} lacks it")
   endif()
   set(ravok_notices_list "${ravok_notices_list}  ${name}: ${licence}\n" PARENT_SCOPE)
@@ -52,9 +53,12 @@ ravok_notice("CLI11, in ravok-publish alone" "BSD, 3 clauses" - libcli11-dev)
 set(ravok_apache "/usr/share/common-licenses/Apache-2.0")
 if(EXISTS "${ravok_apache}")
   file(READ "${ravok_apache}" ravok_apache_text)
-  string(APPEND ravok_notices_texts
-    "\n${ravok_notices_rule}\nApache License 2.0\n${ravok_notices_rule}\n\n${ravok_apache_text}")
+else()
+  set(ravok_apache_text "${ravok_no_notice}")
+  message(WARNING "The Apache License 2.0 is not found; ${ravok_notices_name} lacks it")
 endif()
+string(APPEND ravok_notices_texts
+  "\n${ravok_notices_rule}\nApache License 2.0\n${ravok_notices_rule}\n\n${ravok_apache_text}")
 
 file(CONFIGURE OUTPUT "${ravok_notices}" @ONLY CONTENT [[Third-party notices
 
