@@ -61,6 +61,8 @@ if(RAVOK_PORTABLE_COMPILER)
   target_link_options(ravok_options INTERFACE -Wl,--build-id=sha1)
   list(APPEND CMAKE_CXX_LINK_EXECUTABLE
     "\"${PROJECT_SOURCE_DIR}/cmake/separate-debug\" <TARGET> \"${PROJECT_BINARY_DIR}/debug\"")
+  set_property(TARGET ravok_options APPEND PROPERTY
+    INTERFACE_LINK_DEPENDS "${PROJECT_SOURCE_DIR}/cmake/separate-debug")
 endif()
 
 if(RAVOK_SANITIZE)
