@@ -15,6 +15,7 @@
 #include "app/launcher/bootstrap_image.hpp"
 #include "app/launcher/bootstrap_update.hpp"
 #include "app/launcher/launcher_bootstrap.hpp"
+#include "app/maintenance/maintenance_command.hpp"
 #include "domain/crypto.hpp"
 #include "platform/process/process.hpp"
 #include "platform/process/program_start.hpp"
@@ -45,6 +46,10 @@ int main(int argc, char** argv) {
     if (entry.help) {
       // Help needs no installation.
       return ravok::run_launcher_bootstrap("/", entry.interface, entry.arguments, startup_limit, nullptr);
+    }
+    if (entry.interface == "cli") {
+      // A command that is wrong is refused wherever this program lies, and before anything is done for it.
+      ravok::parse_cli_entry(ravok::with_json_first(entry.arguments), "/");
     }
     // An update replaces the image of a process that runs, so the path is asked for once, and this process is the old
     // bootstrap to its end.

@@ -27,12 +27,12 @@ int main(int argc, char** argv) {
     return 1;
   }
   ravok::initialize_client_runtime();
-  const ravok::ConsoleInterrupt interrupt(true);
-  const ravok::TerminationSignals termination;
   const std::vector<std::string> arguments = ravok::process_arguments(argc, argv);
   if (const std::optional<int> code = ravok::answer_version(arguments, {program_name, ravok::program_commit()})) {
     return *code;
   }
+  const ravok::ConsoleInterrupt interrupt(true);
+  const ravok::TerminationSignals termination;
   return ravok::run_setup_console(
       arguments, program_name, ravok::read_seal(seal_slot), [&] { return interrupt.requested(); },
       [] { return ravok::read_appended_place(appended_slot); });

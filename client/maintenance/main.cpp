@@ -24,14 +24,14 @@ int main(int argc, char** argv) {
     return 1;
   }
   ravok::initialize_client_runtime();
+  const std::vector<std::string> arguments = ravok::process_arguments(argc, argv);
+  if (const std::optional<int> code = ravok::answer_version(arguments, {program_name, ravok::program_commit()})) {
+    return *code;
+  }
   const ravok::ConsoleInterrupt interrupt(true);
   const ravok::TerminationSignals termination;
   // Ends after all output, and before the signals do: no signal stops the removal of a temporary copy half-way.
   const std::unique_ptr<ravok::MaintenanceRuntime> runtime =
       ravok::MaintenanceRuntime::attach("maintenance", ravok::client_version);
-  const std::vector<std::string> arguments = ravok::process_arguments(argc, argv);
-  if (const std::optional<int> code = ravok::answer_version(arguments, {program_name, ravok::program_commit()})) {
-    return *code;
-  }
   return ravok::run_setup_console(arguments, program_name, "", [&] { return interrupt.requested(); });
 }

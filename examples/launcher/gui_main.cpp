@@ -26,6 +26,7 @@ int main(int argc, char** argv) {
     if (const std::optional<int> code = ravok::answer_version(arguments, launcher::version_of("ravok-gui"))) {
       return *code;
     }
+    ravok::require(!ravok::cli_flag(arguments, ravok::version_option), "usage", ravok::version_stands_alone);
     // The bootstrap puts the data folder first. What remains are the user's own arguments, such as --launch GAME.
     const std::optional<std::string> given = ravok::cli_option(arguments, "--data-dir");
     const std::filesystem::path data_dir = given ? ravok::path_from_utf8(*given) : ravok::user_data_root();

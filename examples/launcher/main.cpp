@@ -19,13 +19,13 @@ int main(int argc, char** argv) {
   bool json = false;
   try {
     ravok::initialize_client_runtime();
-    // Ctrl+C reaches the bootstrap, which passes it on through a pipe that this object listens to.
-    const ravok::ConsoleInterrupt interrupt(true);
-    const ravok::TerminationSignals termination;
     const std::vector<std::string> arguments = ravok::process_arguments(argc, argv);
     if (const std::optional<int> code = ravok::answer_version(arguments, launcher::version_of("ravok"))) {
       return *code;
     }
+    // Ctrl+C reaches the bootstrap, which passes it on through a pipe that this object listens to.
+    const ravok::ConsoleInterrupt interrupt(true);
+    const ravok::TerminationSignals termination;
     const ravok::CliEntry entry = launcher::command_line(arguments, &json);
     if (entry.help) {
       launcher::print(ravok::cli_help());

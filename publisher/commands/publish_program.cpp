@@ -47,10 +47,9 @@ std::vector<PublishCommand> make_publish_program(CLI::App& program) {
   program.name("ravok-publish");
   program.description("Makes what the client reads.");
   program.require_subcommand(1);
-  // The library ends the last line itself.
-  std::string version = version_text(publish_version());
-  version.pop_back();
-  program.set_version_flag("--version", version, "Prints the program's version");
+  // The version is printed before the command line is read. What is read has more in it.
+  program.add_flag_callback(
+      version_option, [] { throw CLI::ValidationError(version_stands_alone); }, version_option_text);
   program.footer(exit_code_lines());
   std::vector<PublishCommand> commands = add_commands(program);
   for (const PublishCommand& command : commands) {

@@ -382,6 +382,7 @@ TEST_F(BootstrapOfScripts, RunsOnTheNamedFolderWhereSomethingIsInstalled) {
   expect(client.run_from(RAVOK_BOOTSTRAP, {"list"}), 1, "", "Unknown installed bootstrap entry\n");
   expect(client.run_from(RAVOK_BOOTSTRAP, {"--json", "list"}), 1,
          problem("native_install_trust", "Unknown installed bootstrap entry"), "Unknown installed bootstrap entry\n");
+  expect(client.run_from(RAVOK_BOOTSTRAP, {"bogus"}), 2, "", std::string(unknown_command) + "\n");
   expect_started(client.run_from(RAVOK_BOOTSTRAP, {"--data-dir", own, "list"}), "console", client.first, " list", "");
   expect_started(client.run_from(RAVOK_BOOTSTRAP, {"--data-dir", own}), "window", client.first, "", "");
   std::filesystem::remove(launcher / "start-attempt.json");
@@ -443,7 +444,7 @@ TEST_F(BootstrapOfScripts, EndsAtOnceWhereItIsOnlyAskedWhetherItStarts) {
   }
   EXPECT_FALSE(std::filesystem::exists(client.data() / ".native-bootstrap.lock"));
   EXPECT_TRUE(testing::same_tree(client.state(), untouched));
-  EXPECT_EQ(client.run({"bogus"}, {{"RAVOK_BOOTSTRAP_START_CHECK", ""}}).exit_code, 1);
+  EXPECT_EQ(client.run({"list"}, {{"RAVOK_BOOTSTRAP_START_CHECK", ""}}).exit_code, 1);
 }
 
 TEST_F(BootstrapOfScripts, SaysWhatItSaysOtherwiseWithoutItsStreams) {

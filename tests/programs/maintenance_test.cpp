@@ -90,7 +90,7 @@ TEST(Maintenance, TakesADataFolderThatIsNotUtf8) {
 TEST(Maintenance, NeedsAnAbsoluteHome) {
   for (const auto& environment :
        {std::map<std::string, std::string>{}, std::map<std::string, std::string>{{"HOME", "relative"}}}) {
-    const ProgramResult result = run_program({RAVOK_MAINTENANCE, {"--json", "--help"}, environment, ""});
+    const ProgramResult result = run_program({RAVOK_MAINTENANCE, {"--json", "status"}, environment, ""});
     EXPECT_EQ(result.exit_code, 1);
     EXPECT_EQ(result.output, "");
     EXPECT_EQ(result.errors, "HOME must identify an absolute user directory\n");

@@ -915,12 +915,7 @@ TEST_F(PublishTest, PrintsItsProblemsAsADocumentToo) {
   }
 }
 
-TEST_F(PublishTest, TellsItsVersionAmongOtherWordsAndItsExitCodes) {
-  // As one word among others too, which only this program's command line takes.
-  const ProgramResult version = publisher({"--version", "snapshot"});
-  EXPECT_EQ(version.exit_code, 0);
-  EXPECT_EQ(version.errors, "");
-  EXPECT_EQ(version.output, publisher({"--version"}).output);
+TEST_F(PublishTest, TellsItsExitCodes) {
   for (const Arguments& arguments : {Arguments{"--help"}, {"snapshot", "--help"}, {"key", "--help"}}) {
     const ProgramResult help = publisher(arguments);
     EXPECT_EQ(help.exit_code, 0);

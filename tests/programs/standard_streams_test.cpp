@@ -52,12 +52,17 @@ void expect_as_ever(ProgramStart start, const Descriptors& closed) {
 
 TEST(ProgramWithoutStreams, SaysWhatItSaysOtherwise) {
   for (const Descriptors& closed : closed_descriptors) {
-    for (const Arguments& arguments : {Arguments{"--help"}, {"status"}, {"bogus"}}) {
+    for (const char* const program : {RAVOK_INSTALL, RAVOK_MAINTENANCE}) {
+      for (const Arguments& arguments : {Arguments{"--help"}, {"--version"}}) {
+        expect_as_ever({.program = program, .arguments = arguments, .environment = {}}, closed);
+      }
+    }
+    for (const Arguments& arguments : {Arguments{"status"}, {"bogus"}}) {
       expect_as_ever({.program = RAVOK_MAINTENANCE, .arguments = arguments, .environment = {{"HOME", "/nowhere"}}},
                      closed);
     }
     for (const char* const program : {RAVOK_BOOTSTRAP, RAVOK_LAUNCHER, RAVOK_PUBLISH}) {
-      for (const Arguments& arguments : {Arguments{"--help"}, {"bogus"}}) {
+      for (const Arguments& arguments : {Arguments{"--help"}, {"--version"}, {"bogus"}}) {
         expect_as_ever({.program = program, .arguments = arguments, .environment = {}}, closed);
       }
     }

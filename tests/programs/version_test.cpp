@@ -1,5 +1,7 @@
-// What every program says when it is asked for its version.
+// What every program says when it is asked for its version or its help, wherever it is started.
 
+#include <map>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -29,6 +31,19 @@ const Program programs[] = {
     {RAVOK_LAUNCHER, {"ravok", program_commit(), RAVOK_LAUNCHER_BUILD_ID}},
     {RAVOK_LAUNCHER_GUI, {"ravok-gui", program_commit(), RAVOK_LAUNCHER_BUILD_ID}},
 };
+
+using Environment = std::map<std::string, std::string>;
+
+// No home, and none that could be one.
+const Environment homes[] = {{}, {{"HOME", ""}}, {{"HOME", "relative"}}};
+
+// What programs tell each other, and get from nobody else.
+const Environment odd_surroundings[] = {{},
+                                        {{"HOME", ""}},
+                                        {{"HOME", "relative"}},
+                                        {{"RAVOK_LAUNCHER_INTERRUPT_READER", "2:7"}},
+                                        {{"RAVOK_MAINTENANCE_COPY", "/nowhere"}},
+                                        {{"RAVOK_LAUNCHER_HEALTH_NONCE", "x"}}};
 
 // No program needs a home, an installation or its own surroundings for this.
 ProgramResult run(const Program& program, const std::vector<std::string>& arguments,
@@ -66,19 +81,72 @@ TEST(Version, IsToldByEveryProgramAsADocument) {
   }
 }
 
-TEST(Version, IsNoWordOfAnyGrammar) {
+TEST(Version, StandsBesideNoCommand) {
   const struct {
     const Program& program;
     std::vector<std::string> arguments;
     std::string errors;
-  } cases[] = {{programs[0], {"status", "--version"}, "Unknown option: --version\n"},
-               {programs[1], {"status", "--version"}, "Unknown option: --version\n"},
-               {programs[4], {"self", "status", "--version"}, "Unsupported option: --version\n"}};
+  } cases[] = {
+      {programs[0], {"status", "--version"}, "Unknown option: --version\n"},
+      {programs[0], {"--version", "status"}, "Unknown option: --version\n"},
+      {programs[1], {"status", "--version"}, "Unknown option: --version\n"},
+      {programs[1], {"--version", "status"}, "Unknown option: --version\n"},
+      {programs[2], {"self", "status", "--version"}, "Unsupported option: --version\n"},
+      {programs[2], {"--version", "self", "status"}, "Unknown command; run ravok --help\n"},
+      {programs[2], {"--version", "--version"}, "Unknown command; run ravok --help\n"},
+      {programs[3],
+       {"--version", "key"},
+       "--version stands alone, or beside --json\nRun with --help for more information.\n"},
+      {programs[3],
+       {"--version", "--version"},
+       "--version stands alone, or beside --json\nRun with --help for more information.\n"},
+      {programs[3],
+       {"key", "key", "--version"},
+       "The following argument was not expected: --version\nRun with --help for more information.\n"},
+      {programs[4], {"self", "status", "--version"}, "Unsupported option: --version\n"},
+      {programs[4], {"--version", "self", "status"}, "Unknown command; run ravok --help\n"},
+      {programs[5], {"--launch", "game", "--version"}, "--version stands alone, or beside --json\n"},
+  };
   for (const auto& [program, arguments, errors] : cases) {
     const ProgramResult result = run_program({program.path, arguments, {{"HOME", "/nowhere"}}, ""});
     EXPECT_EQ(result.exit_code, 2) << program.path;
     EXPECT_EQ(result.output, "");
     EXPECT_EQ(result.errors, errors);
+  }
+}
+
+TEST(Version, IsRefusedBesideACommandInADocumentToo) {
+  for (const Program& program : {programs[2], programs[3], programs[4]}) {
+    const ProgramResult result = run(program, {"--version", "key", "--json"});
+    EXPECT_EQ(result.exit_code, 2) << program.path;
+    EXPECT_EQ(Json::parse(result.output).at("problem").at("code"), "usage");
+    EXPECT_NE(result.errors, "");
+  }
+}
+
+TEST(Version, NeedsNothingOfItsSurroundings) {
+  for (const Program& program : programs) {
+    for (const Environment& environment : odd_surroundings) {
+      const ProgramResult result = run_program({program.path, {"--version"}, environment, ""});
+      EXPECT_EQ(result.exit_code, 0) << program.path << result.errors;
+      EXPECT_EQ(result.output, version_text(program.version));
+      EXPECT_EQ(result.errors, "");
+    }
+  }
+}
+
+TEST(Help, NeedsNoHome) {
+  // The one with a window has no help.
+  for (const Program& program : std::span(programs).first(5)) {
+    const ProgramResult whole = run_program({program.path, {"--help"}, {{"HOME", "/nowhere"}}, ""});
+    EXPECT_EQ(whole.exit_code, 0) << program.path;
+    EXPECT_NE(whole.output.find("Usage: "), std::string::npos) << whole.output;
+    for (const Environment& environment : homes) {
+      const ProgramResult result = run_program({program.path, {"--help"}, environment, ""});
+      EXPECT_EQ(result.exit_code, 0) << program.path;
+      EXPECT_EQ(result.output, whole.output);
+      EXPECT_EQ(result.errors, "");
+    }
   }
 }
 

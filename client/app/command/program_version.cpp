@@ -9,7 +9,6 @@
 namespace ravok {
 namespace {
 
-constexpr std::string_view version_option = "--version";
 constexpr std::string_view version_json_option = "--json";
 
 std::string version_line(std::string_view name, std::string_view value) {

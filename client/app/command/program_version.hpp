@@ -16,6 +16,12 @@ inline constexpr std::string_view client_version = "0.1.0";
 // The day of that version, as in CHANGELOG.md.
 inline constexpr std::string_view client_version_date = "2026-11-22";
 
+// What asks for the version, what a manual says of it, and what is said where anything but --json stands beside it.
+inline constexpr const char* version_option = "--version";
+inline constexpr const char* version_option_text =
+    "Alone or with --json: prints the program's version, the commit that it was built from, and its platform";
+inline constexpr const char* version_stands_alone = "--version stands alone, or beside --json";
+
 struct ProgramVersion {
   std::string_view program;        // its name
   std::string_view commit;         // that it was built from; empty where nobody knows
@@ -32,7 +38,7 @@ Json version_document(const ProgramVersion& version);
 
 // Prints the version where the whole command line asks for it, and returns the exit code. The arguments are then
 // --version alone, or --version and --json in either order, which prints the document. For every other command line
-// nothing is printed or returned: what it means is the program's own grammar to say.
+// nothing is printed or returned: what it means is the program's own grammar to say, which has no such option.
 std::optional<int> answer_version(const std::vector<std::string>& arguments, const ProgramVersion& version);
 
 }  // namespace ravok

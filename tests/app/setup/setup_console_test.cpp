@@ -1,8 +1,8 @@
 #include "app/setup/setup_console.hpp"
 
-#include <cstdlib>
 #include <filesystem>
 #include <functional>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -12,12 +12,14 @@
 #include "app/brand/brand.hpp"
 #include "support/install_place.hpp"
 #include "support/ordinary_user.hpp"
+#include "support/with_environment.hpp"
 #include "support/working_directory.hpp"
 
 namespace ravok::setup_console_test {
 namespace {
 
 using testing::InstallPlace;
+using Arguments = std::vector<std::string>;
 
 struct Outcome {
   int code;
@@ -95,13 +97,28 @@ TEST(RunSetupConsole, PrintsHelpForInstallWhateverTheProgram) {
 }
 
 TEST(RunSetupConsole, FailsWithoutAHomeBeforeJsonIsKnown) {
-  const std::string before = std::getenv("HOME") ? std::getenv("HOME") : "/";
-  unsetenv("HOME");
-  const Outcome result = run({"--json", "status"});
-  setenv("HOME", before.c_str(), 1);
-  EXPECT_EQ(result.code, 1);
-  EXPECT_EQ(result.output, "");
-  EXPECT_EQ(result.errors, "HOME must identify an absolute user directory\n");
+  const testing::WithEnvironment home("HOME", std::nullopt);
+  // What is wrong with the command line comes after it. A value is no option.
+  for (const Arguments& arguments :
+       {Arguments{"--json", "status"}, {"--json", "--bogus"}, {"--help", "bogus"}, {"--data-dir", "--help"}}) {
+    const Outcome result = run(arguments);
+    EXPECT_EQ(result.code, 1);
+    EXPECT_EQ(result.output, "");
+    EXPECT_EQ(result.errors, "HOME must identify an absolute user directory\n");
+  }
+}
+
+TEST(RunSetupConsole, PrintsHelpWithoutAHome) {
+  const std::string usage = run({"--help"}).output;
+  for (const std::optional<std::string>& value : {std::optional<std::string>(), {""}, {"relative"}}) {
+    const testing::WithEnvironment home("HOME", value);
+    for (const Arguments& arguments : {Arguments{"--help"}, {"-h"}, {"status", "--json", "--help"}}) {
+      const Outcome result = run(arguments);
+      EXPECT_EQ(result.code, 0);
+      EXPECT_EQ(result.output, usage);
+      EXPECT_EQ(result.errors, "");
+    }
+  }
 }
 
 // The installer and the maintenance program in one home.
