@@ -51,6 +51,14 @@ void copy_file(const std::filesystem::path& from, const std::filesystem::path& t
   output.commit();
 }
 
+// Returns whether a snapshot has notices, in whichever of its folders.
+bool has_notices(const SnapshotManifest& snapshot) {
+  return std::any_of(snapshot.files.begin(), snapshot.files.end(), [](const auto& file) {
+    const std::string_view path = file.first;
+    return path.substr(path.rfind('/') + 1) == third_party_notices;
+  });
+}
+
 // Returns whether the program must be signed once its seal is in it.
 bool must_be_signed(const InstallerPublication& publication, const std::string& program) {
   constexpr const char* code = "invalid_installer";
@@ -87,6 +95,7 @@ class InstallerAssembly {
     // The package is proved, copied, and proved again where it will be shipped from.
     const NativePackage package = read_native_package(publication_.package, published_.seal, pass(0));
     published_.root_expires = root_expiry(package.root_json);
+    published_.notices_in_client = has_notices(package.bootstrap) || has_notices(package.launcher);
     if (publication_.single_file) {
       write_file();
     } else {

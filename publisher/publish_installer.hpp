@@ -31,6 +31,7 @@ struct PublishedInstaller {
   std::filesystem::path package;       // empty if it lies in the program's file
   std::filesystem::path notices;       // empty for none
   std::filesystem::path desktop_file;  // empty if none was asked for
+  bool notices_in_client = false;      // whether notices are among the files of what the package installs
   std::string seal;
   TufTime root_expires;  // nobody can install the package from this time on
 };

@@ -17,6 +17,11 @@ constexpr const char* no_notices =
     "No third-party-notices.txt is found, so the installer comes without the licences of the libraries in it. They ask "
     "to be passed on: name the file with --notices FILE.";
 
+constexpr const char* no_notices_in_client =
+    "No third-party-notices.txt is among the files of the package, and one file has no other place for it, so the "
+    "installer comes without the licences of the libraries in it. They ask to be passed on: put the file into the tree "
+    "of the bootstrap, and make the package again.";
+
 // Returns the notices beside the installer's program, beside this program, or where this program's installation has
 // them; an empty path where there are none.
 std::filesystem::path find_notices(const std::filesystem::path& installer) {
@@ -32,11 +37,17 @@ std::filesystem::path find_notices(const std::filesystem::path& installer) {
   return {};
 }
 
-void tell_notices(const PublishedInstaller& published, bool json, CommandResult& result) {
-  if (published.notices.empty()) {
+void tell_notices(const PublishedInstaller& published, const CommandRun& run, bool single_file, CommandResult& result) {
+  if (single_file) {
+    // The client that one file installs carries them.
+    if (!published.notices_in_client) {
+      result.document["notices"] = nullptr;
+      result.complaints.emplace_back(no_notices_in_client);
+    }
+  } else if (published.notices.empty()) {
     result.document["notices"] = nullptr;
     result.complaints.emplace_back(no_notices);
-  } else if (json) {
+  } else if (run.json) {
     result.document["notices"] = described_file(published.notices);
   }
 }
@@ -82,10 +93,7 @@ CommandResult publish(InstallerPublication publication, const CommandRun& run) {
       result.document["desktop_file"] = described_file(published.desktop_file);
     }
   }
-  // The client that one file installs carries them.
-  if (!publication.single_file) {
-    tell_notices(published, run.json, result);
-  }
+  tell_notices(published, run, publication.single_file, result);
   tell_root_expiry(published.root_expires, present_tuf_time(), result);
   return result;
 }
@@ -96,9 +104,12 @@ PublishCommand add_installer_command(CLI::App& program) {
   const auto publication = std::make_shared<InstallerPublication>();
   CLI::App* const command =
       program.add_subcommand("installer", "Makes an installer, ready to ship: a folder or one file");
-  command->add_option("PACKAGE", publication->package, "The initial package")->required();
   command
-      ->add_option("DIR", publication->output,
+      ->add_option("PACKAGE", publication->package,
+                   "The initial package: the folder that ravok-publish package has made")
+      ->required();
+  command
+      ->add_option("OUTPUT", publication->output,
                    "The folder to make, or with --single-file the file; it must not exist yet")
       ->required();
   command->add_flag("--single-file", publication->single_file, "Puts the package behind the program, into one file");

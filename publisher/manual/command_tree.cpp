@@ -8,7 +8,8 @@ namespace ravok {
 namespace {
 
 constexpr std::array<std::string_view, 3> directory_names = {"DIR", "PACKAGE", "TREE"};
-constexpr std::array<std::string_view, 5> file_names = {"FILE", "PATH", "PLACE", "PUBLIC_KEY", "[TARGET=]FILE"};
+constexpr std::array<std::string_view, 6> file_names = {"FILE",  "OUTPUT",     "PATH",
+                                                        "PLACE", "PUBLIC_KEY", "[TARGET=]FILE"};
 
 template <std::size_t size>
 bool holds(const std::array<std::string_view, size>& names, std::string_view name) {

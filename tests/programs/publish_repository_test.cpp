@@ -297,6 +297,30 @@ TEST_F(PublishRepository, TellsOfAnInstallerWithoutLicences) {
   EXPECT_EQ(root.read("next/third-party-notices.txt"), "Installed.\n");
 }
 
+TEST_F(PublishRepository, TellsOfASingleFileWhoseClientHasNoLicences) {
+  testing::InitialPackage package;
+  package.write(root / "package");
+  const std::string complaint =
+      "No third-party-notices.txt is among the files of the package, and one file has no other place for it, so the "
+      "installer comes without the licences of the libraries in it. They ask to be passed on: put the file into the "
+      "tree of the bootstrap, and make the package again.\n";
+  const ProgramResult words = publisher({"installer", root / "package", root / "first", "--single-file"});
+  EXPECT_EQ(words.exit_code, 0);
+  EXPECT_EQ(words.errors, complaint);
+  const ProgramResult document = publisher({"installer", root / "package", root / "second", "--single-file", "--json"});
+  EXPECT_EQ(document.exit_code, 0);
+  EXPECT_EQ(document.errors, complaint);
+  EXPECT_EQ(Json::parse(document.output).at("notices"), nullptr);
+
+  package.bootstrap["files"].push_back(
+      {{"path", "third-party-notices.txt"}, {"length", 0}, {"sha256", digest("", "sha256")}, {"mode", 0644}});
+  package.write(root / "next");
+  const std::string told = expect_published({"installer", root / "next", root / "third", "--single-file", "--json"});
+  EXPECT_FALSE(Json::parse(told).contains("notices"));
+  expect_refused({"installer", root / "next", root / "fourth", "--single-file", "--notices", root / "mine"}, 2,
+                 "One file has no place for the notices; ship them in the client that it installs\n");
+}
+
 TEST_F(PublishRepository, NamesItsCommandsWhereNoneIsGiven) {
   expect_refused({}, 2, std::string("A subcommand is required") + see_help);
   const std::string help = expect_published({"--help"});

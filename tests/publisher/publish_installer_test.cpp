@@ -214,6 +214,29 @@ TEST_F(PublishInstaller, PutsTheNoticesBesideTheProgram) {
   EXPECT_EQ(mode_of(root / "installer/third-party-notices.txt"), 0644u);
 }
 
+TEST_F(PublishInstaller, TellsWhetherTheClientHasNotices) {
+  EXPECT_FALSE(publish_installer(publication, {}).notices_in_client);
+  const struct {
+    Json InitialPackage::*manifest;
+    const char* path;
+    bool found;
+  } cases[] = {{&InitialPackage::bootstrap, "third-party-notices.txt", true},
+               {&InitialPackage::bootstrap, "doc/third-party-notices.txt", true},
+               {&InitialPackage::launcher, "doc/legal/third-party-notices.txt", true},
+               {&InitialPackage::bootstrap, "doc/no-third-party-notices.txt", false},
+               {&InitialPackage::bootstrap, "third-party-notices.txt/other", false}};
+  for (const auto& [manifest, path, found] : cases) {
+    InitialPackage with_file;
+    (with_file.*manifest)["files"].push_back(
+        {{"path", path}, {"length", 0}, {"sha256", digest("", "sha256")}, {"mode", 0644}});
+    publication.package = root / "package with a file";
+    std::filesystem::remove_all(publication.package);
+    std::filesystem::remove_all(publication.output);
+    with_file.write(publication.package);
+    EXPECT_EQ(publish_installer(publication, {}).notices_in_client, found) << path;
+  }
+}
+
 TEST_F(PublishInstaller, RefusesNoticesThatCannotBeRead) {
   publication.notices = root / "notices";
   expect_refused("file_read", "Cannot open file: " + publication.notices.native());
