@@ -161,6 +161,9 @@ std::string man_page(const ProgramOutline& program) {
   for (const ExitCodeOutline& code : program.exit_codes) {
     page += ".TP\n" + bold(std::to_string(code.code)) + "\n" + sentence(code.text);
   }
+  if (!program.other_exit_codes.empty()) {
+    page += ".PP\n" + sentence(program.other_exit_codes);
+  }
   return page + ".SH SEE ALSO\n" + references(program);
 }
 

@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "app/command/cli_rows.hpp"
+#include "app/command/program_version.hpp"
 #include "app/setup/setup_command.hpp"
 #include "publisher/commands/publish_program.hpp"
 
@@ -11,28 +12,29 @@ namespace ravok {
 namespace {
 
 // What every program answers before its own grammar is asked.
-const OptionOutline version_outline = {
-    "--version", "",
-    "Alone or with --json: prints the program's version, the commit that it was built from, and its platform", false,
-    true};
+const OptionOutline version_outline = {version_option, "", version_option_text, false, true};
 
-const std::vector<ExitCodeOutline> client_exit_codes = {{0, "Done"},
-                                                        {1, "Failed; the reason stands on standard error"},
-                                                        {2, "The command line is wrong"},
-                                                        {4, "Cancelled"}};
+// `more` is what else a program takes for a wrong command line.
+std::vector<ExitCodeOutline> client_exit_codes(const std::string& more = {}) {
+  return {{0, "Done"},
+          {1, "Failed; the reason stands on standard error"},
+          {2, "The command line is wrong" + more},
+          {4, "Cancelled"}};
+}
 
 ProgramOutline outline_installer() {
   ProgramOutline outline = setup_outline("ravok-install", true);
   outline.text = "installs, repairs and removes a game client";
   outline.paragraphs = {
-      "Makes a client out of the sealed package that lies beside it in the folder initial-package. The program reads "
-      "this one package and no other, and proves every byte of it before it writes anything.",
+      "Makes a client out of the sealed package that it was made for. The package lies within the program's own file, "
+      "or else in the folder initial-package beside it. The program reads this one package and no other, and proves "
+      "every byte of it before it writes anything.",
       "The client goes into ~/.local/share/Ravok, or into a folder of the product's own name where it has one. Without "
       "a command, the client is installed.",
-      "The licences of the libraries that the program is made with stand in third-party-notices.txt, beside it and in "
-      "native/bootstrap of the installation."};
+      "The licences of the libraries that the program is made with stand in third-party-notices.txt, beside a program "
+      "that came in a folder, and in native/bootstrap of the installation."};
   outline.options.push_back(version_outline);
-  outline.exit_codes = client_exit_codes;
+  outline.exit_codes = client_exit_codes(", or there is no package to install or repair from");
   outline.see_also = {"ravok-maintenance", "ravok-bootstrap", "ravok-publish"};
   return outline;
 }
@@ -44,7 +46,7 @@ ProgramOutline outline_maintenance() {
       "Comes with a client, and knows the commands of its installer that need no package. It works on "
       "~/.local/share/Ravok unless it is told another folder."};
   outline.options.push_back(version_outline);
-  outline.exit_codes = client_exit_codes;
+  outline.exit_codes = client_exit_codes(", or the command belongs to the installer alone");
   outline.see_also = {"ravok-install", "ravok-bootstrap"};
   return outline;
 }
@@ -59,7 +61,9 @@ ProgramOutline outline_bootstrap() {
       "command. self shortcut and self uninstall are done by the program itself; all others are the launcher's, and "
       "which of them it has is up to its product."};
   outline.options.push_back(version_outline);
-  outline.exit_codes = client_exit_codes;
+  outline.exit_codes = client_exit_codes();
+  outline.other_exit_codes =
+      "Where the launcher was started, or a game in its place, the exit code is that of the launcher or of the game";
   outline.see_also = {"ravok-install", "ravok-maintenance"};
   return outline;
 }
@@ -76,7 +80,9 @@ std::vector<OptionOutline> options_of(const CLI::App& command) {
   std::vector<OptionOutline> options;
   for (const CLI::Option* const option : command.get_options()) {
     if (!option->get_positional()) {
-      options.push_back({option_name(*option), value_name(*option), option->get_description(), option->get_required()});
+      const std::string name = option_name(*option);
+      options.push_back(
+          {name, value_name(*option), option->get_description(), option->get_required(), name == version_outline.name});
     }
   }
   return options;

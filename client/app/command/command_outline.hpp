@@ -44,6 +44,7 @@ struct ProgramOutline {
   std::string default_command;
   std::vector<CommandOutline> commands;
   std::vector<ExitCodeOutline> exit_codes;
+  std::string other_exit_codes;       // when there may be others, in one or more sentences; empty for never
   std::vector<std::string> see_also;  // other manual pages of section 1
 };
 

@@ -61,7 +61,10 @@ struct SetupOption {
 };
 
 constexpr auto setup_options = std::to_array<SetupOption>({
-    {"--package", "DIR", "The directory of the initial package, in place of initial-package beside the installer",
+    {"--package", "DIR",
+     "The folder of the initial package to install or repair from; by default the package in the program's own file, "
+     "or "
+     "the folder initial-package beside it",
      [](SetupCommand& command, const std::string& value) { command.package = path_from_utf8(value); },
      [](const SetupCommand& command) { return !command.package.empty(); }, takes_package, "install and repair"},
     {"--remove-data", "", "Removes saves and settings too",
