@@ -377,8 +377,9 @@ TEST_F(BootstrapOfScripts, RunsOnTheNamedFolderWhereSomethingIsInstalled) {
   expect_started(client.run({"--json", "--data-dir", own + "/.", "list"}), "console", client.first, " --json list", "");
 
   // A program that is installed nowhere belongs to no folder, and runs on one that is named.
-  client.expect_refused({"--data-dir", client.root / "missing"}, 1, "not_installed",
-                        "Ravok is not installed in " + (client.root / "missing").native());
+  const std::string missing = client.root / "missing";
+  client.expect_refused({"--data-dir", missing, "list"}, 1, "not_installed", "Ravok is not installed in " + missing);
+  expect(client.run({"--data-dir", missing}), 1, "", "Ravok is not installed in " + missing + "\n");
   expect(client.run_from(RAVOK_BOOTSTRAP, {"list"}), 1, "", "Unknown installed bootstrap entry\n");
   expect(client.run_from(RAVOK_BOOTSTRAP, {"--json", "list"}), 1,
          problem("native_install_trust", "Unknown installed bootstrap entry"), "Unknown installed bootstrap entry\n");

@@ -164,7 +164,7 @@ TEST_F(PublishRepository, RefusesAnInstallerOfAnotherProgramOrWithoutAPackage) {
                  std::string(RAVOK_PUBLISH) + ": The program has no place for a package seal\n");
   expect_refused({"installer", package, folder, "--sign", "-"}, 2, "Programs are signed on macOS alone\n");
   expect_refused({"installer"}, 2, std::string("PACKAGE is required") + see_help);
-  expect_refused({"installer", package}, 2, std::string("DIR is required") + see_help);
+  expect_refused({"installer", package}, 2, std::string("OUTPUT is required") + see_help);
   expect_refused({"installer", root / "none", folder}, 1,
                  "Cannot open file: " + (root / "none/initial-package.json").native() + "\n");
 }
