@@ -47,16 +47,17 @@ int main(int argc, char** argv) {
       // Help needs no installation.
       return ravok::run_launcher_bootstrap("/", entry.interface, entry.arguments, startup_limit, nullptr);
     }
-    if (entry.interface == "cli") {
-      // A command that is wrong is refused wherever this program lies, and before anything is done for it.
-      ravok::parse_cli_entry(ravok::with_json_first(entry.arguments), "/");
-    }
     // An update replaces the image of a process that runs, so the path is asked for once, and this process is the old
     // bootstrap to its end.
     const std::filesystem::path image = ravok::started_executable_path();
     if (ravok::is_installed_bootstrap(image)) {
       // It wants that no bootstrap runs, and so comes before this one says that it does.
       ravok::apply_pending_bootstrap_update(image);
+    }
+    if (entry.interface == "cli") {
+      // A command that is wrong is refused wherever this program lies. The update comes first all the same, since it
+      // may be what makes the command known.
+      ravok::parse_cli_entry(ravok::with_json_first(entry.arguments), "/");
     }
     ravok::RunningBootstrap bootstrap = ravok::run_bootstrap_in(entry.data_dir, image);
     return ravok::run_launcher_bootstrap(bootstrap.data_root, entry.interface, entry.arguments, startup_limit,
