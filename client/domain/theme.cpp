@@ -72,8 +72,8 @@ constexpr std::array<ReadablePair, 14> readable_pairs = {
      {"ink on paper", &Theme::ink, &Theme::paper},
      {"ink_muted on paper", &Theme::ink_muted, &Theme::paper}}};
 
-const Json& object(const Json& value, const std::string& name) {
-  require(value.is_object(), code, name + " must be an object");
+const Json& object(const Json& value, const char* name) {
+  require(value.is_object(), code, std::string(name) + " must be an object");
   return value;
 }
 

@@ -1,6 +1,7 @@
 // Programs that are started without some of the three standard streams. No file that they open may get the number of a
 // stream, or what they say would go into that file.
 
+#include <algorithm>
 #include <filesystem>
 #include <string>
 #include <vector>

@@ -1,5 +1,6 @@
 #include "publisher/ca_bundle.hpp"
 
+#include <algorithm>
 #include <string>
 
 #include <gtest/gtest.h>

@@ -161,7 +161,8 @@ struct RepositoryPlace {
     const Json manifest = Json::parse(bytes(file));
     const Json& archive = manifest.at("archive");
     const auto path = archive.at("target").get<std::string>();
-    EXPECT_EQ(digest(bytes(seen.tuf->download(path, folder_of_client, {})), "sha256"), archive.at("sha256"));
+    EXPECT_EQ(digest(bytes(seen.tuf->download(path, folder_of_client, {})), "sha256"),
+              archive.at("sha256").get<std::string>());
     return manifest.at("build_id").get<std::string>();
   }
 

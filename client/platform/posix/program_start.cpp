@@ -1,6 +1,7 @@
 #include "platform/process/program_start.hpp"
 
 #include <csignal>
+#include <initializer_list>
 
 #include <fcntl.h>
 #include <unistd.h>

@@ -1,5 +1,9 @@
 #include "app/command/program_version.hpp"
 
+#include <initializer_list>
+#include <string>
+#include <vector>
+
 #include <gtest/gtest.h>
 
 #include "platform/process/native_platform.hpp"

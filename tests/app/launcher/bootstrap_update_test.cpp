@@ -1,5 +1,6 @@
 #include "app/launcher/bootstrap_update.hpp"
 
+#include <algorithm>
 #include <filesystem>
 #include <functional>
 #include <string>

@@ -1,5 +1,6 @@
 #include "app/launcher/launcher_cleanup.hpp"
 
+#include <algorithm>
 #include <filesystem>
 #include <memory>
 #include <optional>

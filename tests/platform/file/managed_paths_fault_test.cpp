@@ -1,6 +1,7 @@
 // A link of the system's own that is removed before it is read.
 
 #include <cerrno>
+#include <initializer_list>
 
 #include <gtest/gtest.h>
 
