@@ -21,6 +21,15 @@ constexpr std::uint64_t fair_root_days = 730;
 
 }  // namespace
 
+CLI::Validator in_range(std::int64_t least, std::int64_t most) {
+  const std::string from = std::to_string(least);
+  const std::string to = std::to_string(most);
+  return {[bounds = CLI::Range(least, most), refusal = " not in range " + from + " to " + to](const std::string& text) {
+            return bounds(text).empty() ? std::string() : "Value " + text + refusal;
+          },
+          "INT in [" + from + " - " + to + "]"};
+}
+
 std::string json_text(const std::string& text) { return is_utf8(text) ? text : shown_text(text); }
 
 void tell_root_expiry(TufTime expires, TufTime at, CommandResult& result) {

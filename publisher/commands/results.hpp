@@ -1,6 +1,7 @@
 // What the commands have in common: judging options, and telling of files.
 #pragma once
 
+#include <cstdint>
 #include <filesystem>
 #include <string>
 
@@ -21,6 +22,10 @@ void judge_options(Work work) {
     fail("usage", error.what());
   }
 }
+
+// Returns the check of an option's value that takes whole numbers from `least` to `most` and describes them in the
+// help. Its refusal is worded here, since versions of the library differ in theirs.
+CLI::Validator in_range(std::int64_t least, std::int64_t most);
 
 // Returns the text as a document can hold it: as it is, or escaped for a terminal if it is not UTF-8.
 std::string json_text(const std::string& text);

@@ -8,6 +8,7 @@
 #include "domain/error.hpp"
 #include "domain/paths.hpp"
 #include "platform/process/filter_program.hpp"
+#include "publisher/commands/results.hpp"
 
 namespace ravok {
 namespace {
@@ -59,7 +60,7 @@ void add_signer_options(CLI::App& command, SignerOptions& options) {
           "--signer-timeout",
           [&options](const std::int64_t& seconds) { options.patience = std::chrono::seconds(seconds); },
           "How many seconds a signer may take for a signature, by default 300")
-      ->check(CLI::Range(std::int64_t{1}, maximum_seconds))
+      ->check(in_range(1, maximum_seconds))
       ->type_name("SECONDS");
   options.ask = [&options](const std::string& prompt) { return ask_on_terminal(prompt, options.cancelled); };
 }

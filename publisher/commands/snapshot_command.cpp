@@ -54,7 +54,7 @@ void add_snapshot_options(CLI::App& command, SnapshotOptions& options) {
       ->type_name("NAME");
   command.add_option("--target", publication.target, "The archive's path in the repository")->type_name("PATH");
   command.add_option("--level", publication.level, "Compression from 1 (fast) to 19 (small), by default 12")
-      ->check(CLI::Range(1, 19).description(""))
+      ->check(in_range(1, 19).description(""))
       ->type_name("N");
   command.add_option("--gui-executable", publication.gui_executable, "The program with windows, below TREE")
       ->type_name("PATH");
