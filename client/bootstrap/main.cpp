@@ -15,7 +15,6 @@
 #include "app/launcher/bootstrap_image.hpp"
 #include "app/launcher/bootstrap_update.hpp"
 #include "app/launcher/launcher_bootstrap.hpp"
-#include "app/maintenance/maintenance_command.hpp"
 #include "domain/crypto.hpp"
 #include "platform/process/process.hpp"
 #include "platform/process/program_start.hpp"
@@ -53,11 +52,6 @@ int main(int argc, char** argv) {
     if (ravok::is_installed_bootstrap(image)) {
       // It wants that no bootstrap runs, and so comes before this one says that it does.
       ravok::apply_pending_bootstrap_update(image);
-    }
-    if (entry.interface == "cli") {
-      // A command that is wrong is refused wherever this program lies. The update comes first all the same, since it
-      // may be what makes the command known.
-      ravok::parse_cli_entry(ravok::with_json_first(entry.arguments), "/");
     }
     ravok::RunningBootstrap bootstrap = ravok::run_bootstrap_in(entry.data_dir, image);
     return ravok::run_launcher_bootstrap(bootstrap.data_root, entry.interface, entry.arguments, startup_limit,

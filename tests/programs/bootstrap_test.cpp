@@ -377,13 +377,11 @@ TEST_F(BootstrapOfScripts, RunsOnTheNamedFolderWhereSomethingIsInstalled) {
   expect_started(client.run({"--json", "--data-dir", own + "/.", "list"}), "console", client.first, " --json list", "");
 
   // A program that is installed nowhere belongs to no folder, and runs on one that is named.
-  const std::string missing = client.root / "missing";
-  client.expect_refused({"--data-dir", missing, "list"}, 1, "not_installed", "Ravok is not installed in " + missing);
-  expect(client.run({"--data-dir", missing}), 1, "", "Ravok is not installed in " + missing + "\n");
+  client.expect_refused({"--data-dir", client.root / "missing"}, 1, "not_installed",
+                        "Ravok is not installed in " + (client.root / "missing").native());
   expect(client.run_from(RAVOK_BOOTSTRAP, {"list"}), 1, "", "Unknown installed bootstrap entry\n");
   expect(client.run_from(RAVOK_BOOTSTRAP, {"--json", "list"}), 1,
          problem("native_install_trust", "Unknown installed bootstrap entry"), "Unknown installed bootstrap entry\n");
-  expect(client.run_from(RAVOK_BOOTSTRAP, {"bogus"}), 2, "", std::string(unknown_command) + "\n");
   expect_started(client.run_from(RAVOK_BOOTSTRAP, {"--data-dir", own, "list"}), "console", client.first, " list", "");
   expect_started(client.run_from(RAVOK_BOOTSTRAP, {"--data-dir", own}), "window", client.first, "", "");
   std::filesystem::remove(launcher / "start-attempt.json");
@@ -445,7 +443,7 @@ TEST_F(BootstrapOfScripts, EndsAtOnceWhereItIsOnlyAskedWhetherItStarts) {
   }
   EXPECT_FALSE(std::filesystem::exists(client.data() / ".native-bootstrap.lock"));
   EXPECT_TRUE(testing::same_tree(client.state(), untouched));
-  EXPECT_EQ(client.run({"list"}, {{"RAVOK_BOOTSTRAP_START_CHECK", ""}}).exit_code, 1);
+  EXPECT_EQ(client.run({"bogus"}, {{"RAVOK_BOOTSTRAP_START_CHECK", ""}}).exit_code, 1);
 }
 
 TEST_F(BootstrapOfScripts, SaysWhatItSaysOtherwiseWithoutItsStreams) {

@@ -23,7 +23,7 @@ namespace {
 constexpr std::string_view installer_name = "ravok-install";
 
 // Returns the default folder of installations. Help needs none, and so it needs no home either.
-std::filesystem::path default_data_root(const std::vector<std::string>& arguments) {
+std::filesystem::path default_folder_for(const std::vector<std::string>& arguments) {
   try {
     if (parse_setup_command(arguments, {}).help) {
       return {};
@@ -103,7 +103,7 @@ int run_setup_console(const std::vector<std::string>& arguments, std::string_vie
                       const FindAppendedPlace& find_place) {
   bool json = false;
   try {
-    const SetupCommand command = parse_setup_command(arguments, default_data_root(arguments));
+    const SetupCommand command = parse_setup_command(arguments, default_folder_for(arguments));
     json = command.json;
     run_parsed_command(command, program_name, package_seal, cancel, find_place);
     return 0;
