@@ -91,10 +91,14 @@ make_system() {
     }
     # The cache may lie on another disk. The list of the packages comes last, and never stands beside another system.
     { rm -f "$system_cache/$name.packages" && mv "$home/system.tar" "$system_cache/${home##*/}" &&
-      mv "$system_cache/${home##*/}" "$kept" && printf '%s\n' "$*" >"$system_cache/$name.packages"; } || return 1
+      sync "$system_cache/${home##*/}" && mv "$system_cache/${home##*/}" "$kept" && printf '%s\n' "$*" >"$system_cache/$name.packages"; } || return 1
   fi
   mkdir "$folder"
-  tar --extract --file "$kept" --directory "$folder" --numeric-owner --exclude './dev/*'
+  tar --extract --file "$kept" --directory "$folder" --numeric-owner --exclude './dev/*' || {
+    # One that was damaged is made again the next time.
+    tar --list --file "$kept" >/dev/null 2>&1 || rm -f "$kept" "$system_cache/$name.packages"
+    return 1
+  }
 }
 
 # run_in_system FOLDER USER HOME COMMAND...: runs a command in a system as a user, given as UID:GID, in the user's home.

@@ -6,6 +6,7 @@
 #include "domain/crypto.hpp"
 #include "domain/json.hpp"
 #include "domain/paths.hpp"
+#include "platform/file/file_range.hpp"
 #include "platform/file/files.hpp"
 #include "publisher/commands/commands.hpp"
 #include "publisher/commands/results.hpp"
@@ -51,6 +52,8 @@ CommandResult sign_one(FileOptions& options, const CommandRun& run) {
   });
   const std::filesystem::path output = output_path(options.signature_file());
   require_absent(output);
+  // A file that cannot be signed is told of before anything is made for its signature.
+  static_cast<void>(FileRange::whole_file(options.file));
   // The output is opened first: a signer may ask somebody for a signature, who shall not be asked in vain.
   const auto signature = about(output, [&] { return std::make_unique<OutputFile>(output); });
   ProgressLine line("Reading", !run.json);

@@ -105,6 +105,14 @@ TEST_F(PublishFile, AsksNobodyForASignatureThatHasNoPlace) {
   EXPECT_TRUE(std::filesystem::is_empty(root / "folder"));
 }
 
+TEST_F(PublishFile, NamesTheFileThatIsNotThereAndMakesNothingForIt) {
+  const std::filesystem::path missing = root / "none" / "file";
+  const ProgramResult result = publisher({"file", "sign", missing, "--key", root / "release"});
+  EXPECT_EQ(result.exit_code, 1);
+  EXPECT_EQ(result.errors, "Cannot open file: " + missing.native() + "\n");
+  EXPECT_FALSE(std::filesystem::exists(root / "none"));
+}
+
 TEST_F(PublishFile, LeavesNothingOfASignatureThatFails) {
   EXPECT_EQ(sign({"--signature", root / "new" / "signature", "--signer", "false", "--signer-key", root / "release.pub"})
                 .exit_code,
