@@ -96,7 +96,7 @@ std::string FileDigester::digest(const FileRange& range, const ProgressCallback&
     at += count ? *count : 0;
     return count;
   };
-  const std::string text = digest_to_end(read, range.length(), range.length(), progress);
+  std::string text = digest_to_end(read, range.length(), range.length(), progress);
   require(at == range.length(), "file_read", "Error reading file during verification");
   return text;
 }
