@@ -18,17 +18,29 @@ namespace {
 constexpr const char* invalid_program = "invalid_installer";
 constexpr std::size_t maximum_package_entries = 65'536;  // of a package that has been proved
 
+// What stands behind each mark of an image, where a slot has its place.
+std::vector<std::string_view> texts_behind_marks(std::string_view image) {
+  std::vector<std::string_view> texts;
+  for (std::size_t at = image.find(appended_package_mark); at != std::string_view::npos;
+       at = image.find(appended_package_mark, at + 1)) {
+    texts.push_back(image.substr(at + appended_package_mark.size(), appended_place_characters));
+  }
+  return texts;
+}
+
+bool looks_like_place(std::string_view text) {
+  const auto fitting = std::count_if(text.begin(), text.end(), [](char c) { return is_lower_hex(c) || c == '-'; });
+  return text.size() == appended_place_characters &&
+         static_cast<std::size_t>(fitting) >= appended_place_characters / 4 * 3;
+}
+
 // What lies in the slots of an image, damaged ones among them. The mark alone makes no slot: this program's own image
 // has it too, with something else behind it, of which less looks like a place than damage leaves of one.
 std::vector<std::string_view> places_in(std::string_view image) {
   std::vector<std::string_view> places;
-  for (std::size_t at = image.find(appended_package_mark); at != std::string_view::npos;
-       at = image.find(appended_package_mark, at + 1)) {
-    const std::string_view place = image.substr(at + appended_package_mark.size(), appended_place_characters);
-    const auto fitting = std::count_if(place.begin(), place.end(), [](char c) { return is_lower_hex(c) || c == '-'; });
-    if (place.size() == appended_place_characters &&
-        static_cast<std::size_t>(fitting) >= appended_place_characters / 4 * 3) {
-      places.push_back(place);
+  for (const std::string_view text : texts_behind_marks(image)) {
+    if (looks_like_place(text)) {
+      places.push_back(text);
     }
   }
   return places;
@@ -81,10 +93,8 @@ std::optional<AppendedPlace> find_appended_place(std::string_view front) {
 }
 
 void require_bare_program(std::string_view image) {
-  for (std::size_t at = image.find(appended_package_mark); at != std::string_view::npos;
-       at = image.find(appended_package_mark, at + 1)) {
-    const std::string_view place = image.substr(at + appended_package_mark.size(), appended_place_characters);
-    require(!place_in_slot(place), invalid_program,
+  for (const std::string_view text : texts_behind_marks(image)) {
+    require(!place_in_slot(text), invalid_program,
             "The program carries a package already; give ravok-install as it was built");
   }
 }
