@@ -25,7 +25,7 @@ if(RAVOK_DEPENDENCIES STREQUAL "bundled")
   if(NOT "${ravok_prefix}" STREQUAL "${RAVOK_FOUND_PREFIX}")
     get_cmake_property(ravok_cached CACHE_VARIABLES)
     foreach(variable IN LISTS ravok_cached)
-      if(variable MATCHES "^(OPENSSL_|_OPENSSL|CURL_|LibArchive_|zstd_|RAVOK_JSON_|RAVOK_ZSTD_)")
+      if(variable MATCHES "^(OPENSSL_|_OPENSSL|CURL_|LibArchive_|zstd_|RAVOK_JSON_|RAVOK_ZSTD_|RAVOK_FLTK_|RAVOK_TOOLKIT_)")
         unset(${variable} CACHE)
       endif()
     endforeach()
@@ -49,12 +49,12 @@ ravok_require_version(libcurl "${CURL_VERSION_STRING}" 8.0 "")
 find_package(LibArchive QUIET)
 ravok_require_version(libarchive "${LibArchive_VERSION}" 3.6 "")
 
-# zstd and the JSON library are read from their headers: not every system installs their
-# package files.
+# ravok_header_version(RESULT HEADER PREFIX PART...): the version that a header defines in PARTs, for those that are read
+# from their headers, since not every system installs their package files.
 function(ravok_header_version result header prefix)
   set(found "")
   if(header)
-    foreach(part MAJOR MINOR ${ARGN})
+    foreach(part IN LISTS ARGN)
       file(STRINGS "${header}" line REGEX "^#define +${prefix}_${part} +[0-9]+")
       string(REGEX MATCH "[0-9]+" number "${line}")
       list(APPEND found "${number}")
@@ -73,7 +73,7 @@ if(RAVOK_JSON_INCLUDE)
     endif()
   endforeach()
 endif()
-ravok_header_version(ravok_json_version "${ravok_json_header}" NLOHMANN_JSON_VERSION PATCH)
+ravok_header_version(ravok_json_version "${ravok_json_header}" NLOHMANN_JSON_VERSION MAJOR MINOR PATCH)
 ravok_require_version("nlohmann json" "${ravok_json_version}" 3.11.3 4)
 
 find_path(RAVOK_ZSTD_INCLUDE zstd.h)
@@ -82,7 +82,7 @@ set(ravok_zstd_header "")
 if(RAVOK_ZSTD_INCLUDE AND RAVOK_ZSTD_LIBRARY)
   set(ravok_zstd_header "${RAVOK_ZSTD_INCLUDE}/zstd.h")
 endif()
-ravok_header_version(ravok_zstd_version "${ravok_zstd_header}" ZSTD_VERSION RELEASE)
+ravok_header_version(ravok_zstd_version "${ravok_zstd_header}" ZSTD_VERSION MAJOR MINOR RELEASE)
 ravok_require_version(zstd "${ravok_zstd_version}" 1.5 2)
 
 # The libraries as the client links them. They are imported targets, which an installed package does not contain but
@@ -105,6 +105,8 @@ if(RAVOK_OS STREQUAL "linux")
   add_library(ravok_utf8proc INTERFACE IMPORTED GLOBAL)
   target_link_libraries(ravok_utf8proc INTERFACE "${RAVOK_UTF8PROC_LIBRARY}")
 endif()
+
+include(Toolkit)
 
 message(STATUS "Libraries (${RAVOK_DEPENDENCIES}): OpenSSL ${OPENSSL_VERSION}, libcurl ${CURL_VERSION_STRING}, "
                "libarchive ${LibArchive_VERSION}, zstd ${ravok_zstd_version}, nlohmann json ${ravok_json_version}")
