@@ -2,6 +2,9 @@
 
 # Fuzzers are of parsers, which have no window.
 set(ravok_windows_default OFF)
+if(RAVOK_OS STREQUAL "linux" AND NOT RAVOK_FUZZERS)
+  set(ravok_windows_default ON)
+endif()
 option(RAVOK_WINDOWS "Build the programs with a window" ${ravok_windows_default})
 
 if(RAVOK_WINDOWS)
@@ -25,7 +28,7 @@ if(RAVOK_WINDOWS)
   # A shared FLTK brings what it needs by itself.
   if(RAVOK_FLTK_LIBRARY MATCHES "\\.a$")
     # Each before those that it calls.
-    foreach(library Xft fontconfig expat freetype Xinerama Xrender X11 xcb Xau)
+    foreach(library Xft fontconfig expat freetype Xinerama Xext Xrender X11 xcb Xau)
       find_library(RAVOK_TOOLKIT_${library} NAMES lib${library}.a)
       if(NOT RAVOK_TOOLKIT_${library})
         message(FATAL_ERROR "lib${library}.a, which FLTK needs, is not installed; ${ravok_without_windows}")
