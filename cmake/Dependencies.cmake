@@ -12,6 +12,9 @@ if(RAVOK_DEPENDENCIES STREQUAL "bundled")
   if(RAVOK_PORTABLE_COMPILER)
     list(APPEND ravok_recipe --portable)
   endif()
+  if(NOT RAVOK_WINDOWS)
+    list(APPEND ravok_recipe --without-windows)
+  endif()
   execute_process(
     COMMAND ${ravok_recipe}
     OUTPUT_VARIABLE ravok_prefix
@@ -25,7 +28,7 @@ if(RAVOK_DEPENDENCIES STREQUAL "bundled")
   if(NOT "${ravok_prefix}" STREQUAL "${RAVOK_FOUND_PREFIX}")
     get_cmake_property(ravok_cached CACHE_VARIABLES)
     foreach(variable IN LISTS ravok_cached)
-      if(variable MATCHES "^(OPENSSL_|_OPENSSL|CURL_|LibArchive_|zstd_|RAVOK_JSON_|RAVOK_ZSTD_|RAVOK_FLTK_|RAVOK_TOOLKIT_)")
+      if(variable MATCHES "^(OPENSSL_|_OPENSSL|CURL_|LibArchive_|zstd_|RAVOK_JSON_|RAVOK_ZSTD_|RAVOK_TOOLKIT_)")
         unset(${variable} CACHE)
       endif()
     endforeach()

@@ -48,6 +48,34 @@ if(RAVOK_OS STREQUAL "linux")
   ravok_notice("utf8proc" "Expat (MIT) and Unicode" - libutf8proc-dev)
 endif()
 ravok_notice("CLI11, in ravok-publish alone" "BSD, 3 clauses" - libcli11-dev)
+set(ravok_notices_of_toolkit "")
+if(RAVOK_WINDOWS)
+  set(ravok_windows_alone "in the programs with a window alone")
+  ravok_notice("FLTK ${ravok_fltk_version}, ${ravok_windows_alone}"
+    "GNU Library General Public License 2 with FLTK's exceptions" fltk1.4 libfltk1.4-dev)
+  # A system's FLTK brings these by itself.
+  if(RAVOK_DEPENDENCIES STREQUAL "bundled")
+    ravok_notice("Expat, ${ravok_windows_alone}" "Expat (MIT)" expat)
+    ravok_notice("fontconfig, ${ravok_windows_alone}" "MIT" fontconfig)
+    ravok_notice("FreeType, ${ravok_windows_alone}" "the FreeType licence" freetype)
+    ravok_notice("libpng, ${ravok_windows_alone}" "the libpng licence" libpng1.6)
+    ravok_notice("libX11, ${ravok_windows_alone}" "MIT" libx11)
+    ravok_notice("libXau, ${ravok_windows_alone}" "MIT" libxau)
+    ravok_notice("libxcb, ${ravok_windows_alone}" "MIT" libxcb)
+    ravok_notice("libXext, ${ravok_windows_alone}" "MIT" libxext)
+    ravok_notice("libXft, ${ravok_windows_alone}" "MIT" xft)
+    ravok_notice("libXinerama, ${ravok_windows_alone}" "MIT" libxinerama)
+    ravok_notice("libXrender, ${ravok_windows_alone}" "MIT" libxrender)
+    ravok_notice("the X protocol's headers, ${ravok_windows_alone}" "MIT" - x11proto-dev)
+    ravok_notice("xtrans, ${ravok_windows_alone}" "MIT" - xtrans-dev)
+    ravok_notice("zlib, ${ravok_windows_alone}" "the zlib licence" zlib)
+  endif()
+  set(ravok_notices_of_toolkit [[
+The programs with a window are based in part on the work of the FLTK project (https://www.fltk.org) and of the FreeType
+Project (https://www.freetype.org).
+
+]])
+endif()
 
 # The packages only refer to it.
 set(ravok_apache "/usr/share/common-licenses/Apache-2.0")
@@ -66,6 +94,6 @@ The programs of Ravok are made with these libraries, which are linked into them.
 stands behind it.
 
 @ravok_notices_list@
-Below stands what the Debian package of each library states of its licences. It covers the whole package, so that it also
+@ravok_notices_of_toolkit@Below stands what the Debian package of each library states of its licences. It covers the whole package, so that it also
 names licences of files, such as tests and scripts of the build, of which nothing is in these programs.
 @ravok_notices_texts@]])

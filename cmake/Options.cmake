@@ -18,6 +18,13 @@ if(RAVOK_FUZZERS AND NOT CMAKE_CXX_COMPILER_ID MATCHES "Clang")
   message(FATAL_ERROR "RAVOK_FUZZERS needs clang; use the preset fuzz")
 endif()
 
+# Fuzzers are of parsers, which have no window.
+set(ravok_windows_default OFF)
+if(RAVOK_OS STREQUAL "linux" AND NOT RAVOK_FUZZERS)
+  set(ravok_windows_default ON)
+endif()
+option(RAVOK_WINDOWS "Build the programs with a window" ${ravok_windows_default})
+
 set(CMAKE_CXX_STANDARD 20)
 set(CMAKE_CXX_STANDARD_REQUIRED ON)
 set(CMAKE_CXX_EXTENSIONS OFF)
