@@ -18,9 +18,9 @@ if(RAVOK_FUZZERS AND NOT CMAKE_CXX_COMPILER_ID MATCHES "Clang")
   message(FATAL_ERROR "RAVOK_FUZZERS needs clang; use the preset fuzz")
 endif()
 
-# Fuzzers are of parsers, which have no window.
+# Fuzzers are of parsers, which have no window, and another project that holds this one wants the client.
 set(ravok_windows_default OFF)
-if(RAVOK_OS STREQUAL "linux" AND NOT RAVOK_FUZZERS)
+if(RAVOK_OS STREQUAL "linux" AND PROJECT_IS_TOP_LEVEL AND NOT RAVOK_FUZZERS)
   set(ravok_windows_default ON)
 endif()
 option(RAVOK_WINDOWS "Build the programs with a window" ${ravok_windows_default})

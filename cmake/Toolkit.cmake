@@ -14,10 +14,11 @@ if(RAVOK_WINDOWS)
   ravok_header_version(ravok_fltk_version "${ravok_fltk_header}" FL MAJOR_VERSION MINOR_VERSION PATCH_VERSION)
   ravok_require_version(FLTK "${ravok_fltk_version}" 1.4 2 "${ravok_without_windows}")
 
-  # Each before those that it calls. A system's FLTK is shared and brings what it needs by itself.
-  set(ravok_toolkit_libraries fltk_images fltk)
+  # Each before those that it calls. A system's FLTK is shared and brings what it needs by itself; programs call libX11
+  # too.
+  set(ravok_toolkit_libraries fltk_images fltk X11)
   if(RAVOK_DEPENDENCIES STREQUAL "bundled")
-    list(APPEND ravok_toolkit_libraries png z Xft fontconfig expat freetype Xinerama Xext Xrender X11 xcb Xau)
+    set(ravok_toolkit_libraries fltk_images fltk png z Xft fontconfig expat freetype Xinerama Xext Xrender X11 xcb Xau)
     list(TRANSFORM ravok_toolkit_libraries REPLACE "(.+)" "lib\\1.a")
   endif()
   add_library(ravok_toolkit INTERFACE IMPORTED GLOBAL)
