@@ -10,6 +10,7 @@
 #include "app/brand/brand.hpp"
 #include "app/install/data_folder.hpp"
 #include "app/install/install_commit.hpp"
+#include "app/install/install_folder.hpp"
 #include "app/install/json_paths.hpp"
 #include "app/install/native_package.hpp"
 #include "app/install/system_failures.hpp"
@@ -32,21 +33,6 @@ namespace ravok {
 namespace {
 
 constexpr const char* unbranded_name = "Ravok";
-
-// Whether a folder that holds no installation, whole or interrupted, may take one: it must be empty, or an earlier data
-// folder.
-bool may_take_installation(const DataPaths& paths) {
-  const auto status = link_status_of(paths.root);
-  if (!status || !is_directory(*status)) {
-    return false;
-  }
-  const std::vector<std::string> names = HeldDirectory::open(paths.root).names();
-  const auto is_known = [](const std::string& name) {
-    return std::find(ravok_entries.begin(), ravok_entries.end(), name) != ravok_entries.end();
-  };
-  return std::any_of(names.begin(), names.end(), is_known) ||
-         std::all_of(names.begin(), names.end(), [&](const auto& name) { return name == name_of(paths.setup_lock); });
-}
 
 // Whether the work finds a part whole. A failure of any kind means that the part is to be replaced.
 template <typename Work>
@@ -116,11 +102,9 @@ class Installation {
         paths_(data_folder(request.data_root)) {}
 
   NativeInstallResult run() {
-    require_startable();
-    require_apart();
-    require_room();
+    require_install_place(paths_, package_.directory, package_.bootstrap, package_.launcher);
     root_was_missing_ = is_missing(paths_.root);
-    require_state();
+    require_install_state(paths_, root_was_missing_, request_.repair);
     root_ = HeldDirectory::open_private(paths_.root);
     NativeInstallResult result;
     try {
@@ -150,43 +134,10 @@ class Installation {
     };
   }
 
-  // A launcher starts from no other folder, so an installation there would be of no use.
-  void require_startable() const {
-    require(is_utf8(path_utf8(paths_.root)), "unsafe_path", "The path of the data folder must be valid UTF-8");
-    require(path_utf8(paths_.root.relative_path()).find_first_of("\\:") == std::string::npos, "unsafe_path",
-            "The path of the data folder must hold no backslash and no colon");
-  }
-
-  void require_apart() const {
-    require(!within(paths_.root, package_.directory) && !within(package_.directory, paths_.root), "unsafe_path",
-            "The package and data folders overlap");
-  }
-
-  void require_room() const {
-    const LauncherPaths launcher(DataPaths(StagingPaths(paths_.staging).launcher_root).launcher);
-    const std::filesystem::path version = launcher.versions / std::string(sha256_characters, '0');
-    require_path_room(paths_.staging, version.lexically_relative(paths_.staging),
-                      package_.launcher.longest_native_path());
-    require_path_room(paths_.native, name_of(paths_.bootstrap_update_tree), package_.bootstrap.longest_native_path());
-  }
-
-  void require_state() const {
-    const InstallationState state = root_was_missing_ ? InstallationState::none : installation_state(paths_);
-    if (state == InstallationState::complete) {
-      check_installation(paths_);
-      require(request_.repair, "already_installed",
-              "Ravok is already installed in " + path_utf8(paths_.root) + "; use repair");
-    } else if (state == InstallationState::none) {
-      require(!request_.repair, "not_installed", not_installed_in(paths_.root));
-      require(root_was_missing_ || may_take_installation(paths_), "unsafe_path",
-              "Choose an empty folder or an earlier Ravok data folder");
-    }
-  }
-
   // Another setup may have changed the folder before this one held the lock, so its state is looked at again.
   void require_state_still() {
     root_was_missing_ = root_was_missing_ && is_missing(paths_.native);
-    require_state();
+    require_install_state(paths_, root_was_missing_, request_.repair);
   }
 
   NativeInstallResult replace_parts() {

@@ -213,6 +213,13 @@ ReadTheme read_sealed_theme(const PackageFiles& package, const ThemeResources& t
   return read;
 }
 
+PackageManifests parse_package_manifests(std::string_view bootstrap, std::string_view launcher) {
+  PackageManifests manifests = {SnapshotManifest::parse(parse_json(bootstrap, package_limits::document)), {}};
+  validate_bootstrap_contract(manifests.bootstrap);
+  manifests.launcher = LauncherManifest::parse(parse_json(launcher, package_limits::document));
+  return manifests;
+}
+
 // Reads a whole package, step by step, and keeps account of every file that it may hold.
 class PackageReader {
  public:
@@ -307,10 +314,10 @@ class PackageReader {
   }
 
   void parse_manifests() {
-    package_.bootstrap =
-        SnapshotManifest::parse(parse_json(package_.bootstrap_manifest_json, package_limits::document));
-    validate_bootstrap_contract(package_.bootstrap);
-    package_.launcher = LauncherManifest::parse(parse_json(package_.launcher_manifest_json, package_limits::document));
+    PackageManifests manifests =
+        parse_package_manifests(package_.bootstrap_manifest_json, package_.launcher_manifest_json);
+    package_.bootstrap = std::move(manifests.bootstrap);
+    package_.launcher = std::move(manifests.launcher);
     require(package_.launcher.runtime_lease_abi == 2 && package_.launcher.staging_abi == 1, "launcher_incompatible",
             "The initial launcher needs the current runtime contracts");
     require(package_.bootstrap.platform == native_platform() && package_.launcher.platform == native_platform(),
@@ -411,6 +418,21 @@ std::optional<FeaturedGame> sealed_featured_game(const PackageFiles& files, std:
   });
 }
 
+PackageManifests sealed_manifests(const PackageFiles& files, std::string_view seal) {
+  return read_sealed([&] {
+    require_seal(seal, no_seal);
+    const Json descriptor = sealed_descriptor(files, seal);
+    const auto document = [&](const char* key) {
+      require(descriptor.is_object() && descriptor.contains(key), invalid,
+              "Initial package record has unknown or missing fields");
+      const Resource resource = parse_resource(descriptor.at(key), package_limits::document);
+      check_resource_name(resource.path);
+      return read_resource(files, resource, package_limits::document);
+    };
+    return parse_package_manifests(document("bootstrap_manifest"), document("launcher_manifest"));
+  });
+}
+
 }  // namespace
 
 void require_featured_game(const FeaturedGame& game) {
@@ -461,6 +483,14 @@ std::optional<FeaturedGame> package_featured_game(const std::filesystem::path& p
 std::optional<FeaturedGame> package_featured_game(const std::shared_ptr<const AppendedPackage>& package,
                                                   std::string_view seal) {
   return sealed_featured_game(PackageFiles(package), seal);
+}
+
+PackageManifests package_manifests(const std::filesystem::path& path, std::string_view seal) {
+  return sealed_manifests(PackageFiles(path), seal);
+}
+
+PackageManifests package_manifests(const std::shared_ptr<const AppendedPackage>& package, std::string_view seal) {
+  return sealed_manifests(PackageFiles(package), seal);
 }
 
 }  // namespace ravok

@@ -87,6 +87,12 @@ NativePackage read_native_package(const std::filesystem::path& path, std::string
 NativePackage read_native_package(const std::shared_ptr<const AppendedPackage>& package, std::string_view seal,
                                   const ProgressCallback& progress);
 
+// What a package installs, by its manifests alone.
+struct PackageManifests {
+  SnapshotManifest bootstrap;
+  LauncherManifest launcher;
+};
+
 // Return what a front end shows before the installation begins. Prove the descriptor and the resources that they
 // return, and nothing else; fail as read_native_package does for those.
 std::optional<Brand> package_brand(const std::filesystem::path& path, std::string_view seal);
@@ -99,5 +105,7 @@ std::optional<std::string> package_brand_icon(const std::shared_ptr<const Append
                                               std::string_view seal);
 std::optional<FeaturedGame> package_featured_game(const std::shared_ptr<const AppendedPackage>& package,
                                                   std::string_view seal);
+PackageManifests package_manifests(const std::filesystem::path& path, std::string_view seal);
+PackageManifests package_manifests(const std::shared_ptr<const AppendedPackage>& package, std::string_view seal);
 
 }  // namespace ravok

@@ -34,6 +34,8 @@ struct SetupCommand {
   bool help = false;
   // The package in the running installer's own file, which is then the one at `package`; null for one in a directory.
   std::shared_ptr<const AppendedPackage> appended = nullptr;
+  // What a front end knows of the game that the command line does not: the name of its shortcut. Empty for the ID.
+  std::string game_name;
 };
 
 // Returns whether the command is install or repair, which only an installer may run.

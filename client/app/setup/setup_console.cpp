@@ -6,11 +6,9 @@
 
 #include "app/brand/brand.hpp"
 #include "app/command/console_output.hpp"
-#include "app/install/data_folder.hpp"
-#include "app/install/native_package.hpp"
-#include "app/setup/adjacent_package.hpp"
 #include "app/setup/setup_command.hpp"
 #include "app/setup/setup_execution.hpp"
+#include "app/setup/setup_package.hpp"
 #include "domain/display_text.hpp"
 #include "domain/json.hpp"
 #include "platform/file/managed_paths.hpp"
@@ -34,41 +32,9 @@ std::filesystem::path default_folder_for(const std::vector<std::string>& argumen
   return user_data_root();
 }
 
-std::string_view phase_line(std::string_view phase) {
-  if (phase == "verifying") {
-    return "Verifying…";
-  }
-  return phase == "installing" ? "Installing…" : "Removing…";
-}
-
-// Takes over the brand of the package that is to be installed, and with it the folder, unless the user chose one.
-void use_package_brand(SetupCommand& command, std::string_view package_seal) {
-  const std::optional<Brand> brand =
-      command.appended ? package_brand(command.appended, package_seal) : package_brand(command.package, package_seal);
-  if (brand) {
-    set_product_name(brand->name);
-  }
-  if (!command.data_root_chosen) {
-    command.data_root = default_install_folder(brand);
-  }
-}
-
-// Takes the package that the running installer came with: the one in its own file, or the one beside it.
-void find_package(SetupCommand& command, std::string_view package_seal, const FindAppendedPlace& find_place) {
-  const std::filesystem::path installer = current_executable_path();
-  if (const std::optional<AppendedPlace> place = find_place ? find_place() : std::nullopt) {
-    // A program that was given its package was given the seal too.
-    require(!package_seal.empty(), "content_mismatch", installer_damaged);
-    command.appended = AppendedPackage::in_file(installer, *place);
-    command.package = installer;
-  } else {
-    command.package = adjacent_initial_package(installer);
-  }
-}
-
 void choose_brand(SetupCommand& command, std::string_view package_seal, const FindAppendedPlace& find_place) {
   if (needs_package(command.command) && command.package.empty()) {
-    find_package(command, package_seal, find_place);
+    find_setup_package(command, package_seal, find_place);
   }
   if (needs_package(command.command) && !command.package.empty()) {
     use_package_brand(command, package_seal);
@@ -123,7 +89,7 @@ NativeSetupCallbacks console_callbacks(bool json, const std::function<bool()>& c
                                                                        std::uint64_t) {
       if (phase != *announced) {
         *announced = phase;
-        print_notice(phase_line(phase));
+        print_notice(setup_phase_line(phase));
       }
     };
   }

@@ -3,19 +3,16 @@
 #pragma once
 
 #include <functional>
-#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
 
-#include "app/install/appended_package.hpp"
 #include "app/install/setup_callbacks.hpp"
+#include "app/setup/setup_package.hpp"
 #include "domain/error.hpp"
 #include "domain/exit_code.hpp"
 
 namespace ravok {
-
-using FindAppendedPlace = std::function<std::optional<AppendedPlace>()>;
 
 // Runs one setup command and returns the exit code: 0 for success, 2 for a wrong command line, 4 when the user
 // cancelled, 1 for every other failure. The result goes to standard output as a sentence, or with --json as one JSON

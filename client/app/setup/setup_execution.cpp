@@ -41,7 +41,7 @@ std::filesystem::path create_shortcut(const SetupCommand& command) {
   require_own_folder(command);
   const std::string problem = menu_problem();
   require(problem.empty(), "user_path", problem);
-  return NativeInstaller::create_shortcut(command.data_root, command.game, "", {});
+  return NativeInstaller::create_shortcut(command.data_root, command.game, command.game_name, {});
 }
 
 [[noreturn]] void unknown_command() { fail("usage", "Unknown setup command"); }
@@ -140,6 +140,13 @@ Json run_setup_command(const SetupCommand& command, std::string_view package_sea
       return remove_shortcuts(command);
   }
   unknown_command();
+}
+
+std::string_view setup_phase_line(std::string_view phase) {
+  if (phase == "verifying") {
+    return "Verifying…";
+  }
+  return phase == "installing" ? "Installing…" : "Removing…";
 }
 
 std::string setup_summary(const SetupCommand& command, const Json& document) {

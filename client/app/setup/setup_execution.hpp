@@ -16,6 +16,9 @@ namespace ravok {
 Json run_setup_command(const SetupCommand& command, std::string_view package_seal,
                        const NativeSetupCallbacks& callbacks);
 
+// Returns the word for a phase of a command, such as "Verifying…".
+std::string_view setup_phase_line(std::string_view phase);
+
 // Returns the sentence for the document of a command, in the name of the product.
 std::string setup_summary(const SetupCommand& command, const Json& document);
 
