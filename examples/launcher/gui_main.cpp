@@ -1,5 +1,4 @@
-// The windowed entry of a launcher: the program that a release's manifest names as "gui_executable". This one has no
-// window, so it is up as soon as it gets that far, and closes at once.
+// The windowed entry of a launcher: the program that a release's manifest names as "gui_executable".
 
 #include <exception>
 #include <filesystem>
@@ -11,8 +10,10 @@
 #include "app/launcher/start_marker.hpp"
 #include "domain/crypto.hpp"
 #include "domain/paths.hpp"
+#include "gui_window.hpp"
 #include "launcher.hpp"
 #include "platform/file/managed_paths.hpp"
+#include "platform/process/interrupt.hpp"
 #include "platform/process/process.hpp"
 #include "platform/process/program_start.hpp"
 
@@ -31,12 +32,17 @@ int main(int argc, char** argv) {
     const std::optional<std::string> given = ravok::cli_option(arguments, "--data-dir");
     const std::filesystem::path data_dir = given ? ravok::path_from_utf8(*given) : ravok::user_data_root();
     const auto runtime = ravok::LauncherRuntime::attach(launcher::build_id(), "gui", data_dir);
-    // A real launcher opens its window here, and goes on once that is shown.
-    launcher::report_ready(runtime.get());
-    if (runtime) {
-      ravok::confirm_launcher_start(runtime->data_root());
-    }
-    // And here it runs until the user closes the window.
+    const ravok::ConsoleInterrupt interrupt(true);
+    const ravok::TerminationSignals termination;
+    const auto shown = [&] {
+      // Only a window that was drawn proves that this version works.
+      launcher::report_ready(runtime.get());
+      if (runtime) {
+        ravok::confirm_launcher_start(runtime->data_root());
+      }
+    };
+    launcher::show_window(runtime.get(), ravok::cli_flag(arguments, "--smoke"), shown,
+                          [&] { return interrupt.requested(); });
     return 0;
   } catch (const ravok::Error& error) {
     return launcher::tell(error, false);

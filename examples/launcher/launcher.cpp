@@ -28,27 +28,6 @@ std::string words_of(const Json& reference) {
          ravok::text_at(reference, "manifest_sha256").substr(0, 12) + ")";
 }
 
-std::string status_text(const Json& status) {
-  std::string text = "Ravok " + ravok::text_at(status, "version") + "\n";
-  if (!status.at("installed").get<bool>()) {
-    return text + "This build belongs to no installation.\n";
-  }
-  text += "Active: " + words_of(status.at("active")) + "\n";
-  text += "Candidate: " + words_of(status.at("candidate")) + "\n";
-  text += "On trial: " + words_of(status.at("on_trial")) + "\n";
-  text += "Rollback: " + words_of(status.at("rollback")) + "\n";
-  const Json& failed = status.at("failed_candidate");
-  if (!failed.is_null()) {
-    // The store proves nothing of a problem that it has read.
-    const std::string problem = ravok::has_text(failed, "problem") ? ravok::text_at(failed, "problem") : "unknown";
-    text += "Failed: " + words_of(failed.at("reference")) + ": " + ravok::shown_text(problem) + "\n";
-  }
-  if (status.at("bootstrap_update_pending").get<bool>()) {
-    text += "Bootstrap: an update waits for the next start\n";
-  }
-  return text;
-}
-
 // Whether it is a command of the client's own that needs no launcher: the bootstrap runs these by itself, and a
 // launcher that was started without it does so too.
 bool is_maintenance(const std::vector<std::string>& arguments) {
@@ -112,6 +91,27 @@ Json status_document(const ravok::LauncherRuntime* runtime) {
   }
   status["bootstrap_update_pending"] = ravok::bootstrap_update_pending(runtime->data_root());
   return status;
+}
+
+std::string status_text(const Json& status) {
+  std::string text = "Ravok " + ravok::text_at(status, "version") + "\n";
+  if (!status.at("installed").get<bool>()) {
+    return text + "This build belongs to no installation.\n";
+  }
+  text += "Active: " + words_of(status.at("active")) + "\n";
+  text += "Candidate: " + words_of(status.at("candidate")) + "\n";
+  text += "On trial: " + words_of(status.at("on_trial")) + "\n";
+  text += "Rollback: " + words_of(status.at("rollback")) + "\n";
+  const Json& failed = status.at("failed_candidate");
+  if (!failed.is_null()) {
+    // The store proves nothing of a problem that it has read.
+    const std::string problem = ravok::has_text(failed, "problem") ? ravok::text_at(failed, "problem") : "unknown";
+    text += "Failed: " + words_of(failed.at("reference")) + ": " + ravok::shown_text(problem) + "\n";
+  }
+  if (status.at("bootstrap_update_pending").get<bool>()) {
+    text += "Bootstrap: an update waits for the next start\n";
+  }
+  return text;
 }
 
 int run_command(const ravok::CliEntry& entry, const ravok::LauncherRuntime* runtime, const Json& status,

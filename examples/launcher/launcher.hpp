@@ -35,6 +35,9 @@ void report_ready(const ravok::LauncherRuntime* runtime);
 // bootstrap waits. `runtime` is null for a build that is run outside any installation.
 ravok::Json status_document(const ravok::LauncherRuntime* runtime);
 
+// Returns the same in words, a line for each thing that it says, with its end.
+std::string status_text(const ravok::Json& status);
+
 // Runs a command of the client's grammar and returns the exit code. Does not return from `self uninstall`, which
 // replaces this process. `cancelled` tells whether the user has asked to stop. Fails with "unavailable" for a command
 // that this launcher does not have, and as run_cli_maintenance and run_update_command do.

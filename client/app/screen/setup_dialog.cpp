@@ -1,0 +1,491 @@
+#include "app/screen/setup_dialog.hpp"
+
+#include <algorithm>
+#include <array>
+#include <exception>
+#include <utility>
+
+#include "app/brand/brand.hpp"
+#include "app/install/data_folder.hpp"
+#include "app/install/installation_record.hpp"
+#include "app/setup/setup_execution.hpp"
+#include "domain/display_text.hpp"
+#include "domain/error.hpp"
+#include "domain/exit_code.hpp"
+#include "domain/paths.hpp"
+#include "platform/process/child_process.hpp"
+
+namespace ravok {
+namespace {
+
+constexpr const char* folder_id = "folder";
+constexpr const char* remove_data_id = "remove_data";
+
+// What a user can do about a failure, by its code.
+struct Advice {
+  std::string_view code;
+  std::string_view text;
+};
+
+constexpr std::string_view get_installer_again = "This installer is damaged or incomplete. Get it again.";
+constexpr std::string_view look_at_disk = "Look whether the disk is in order, and whether you may write to the folder.";
+
+constexpr auto advices = std::to_array<Advice>({
+    {"insufficient_space", "Free some space, or choose a folder on another disk."},
+    {"busy", "Wait until the other setup has ended, and try again."},
+    {"native_install_trust", get_installer_again},
+    {"invalid_native_package", get_installer_again},
+    {"content_mismatch", get_installer_again},
+    {"invalid_manifest", get_installer_again},
+    {"invalid_json", get_installer_again},
+    {"invalid_theme", get_installer_again},
+    {"signature_threshold", get_installer_again},
+    {"size_limit", get_installer_again},
+    {"expired_metadata", "This installer is too old. Get a newer one."},
+    {"launcher_incompatible", "This installer is for another kind of computer."},
+    {"unsupported_schema", "A newer version may have made this installation. Get a newer installer."},
+    {"file_read", look_at_disk},
+    {"file_write", look_at_disk},
+    {"file_sync", look_at_disk},
+    {"file_remove", look_at_disk},
+    {"permissions", look_at_disk},
+});
+
+std::string_view advice_for(std::string_view code) {
+  const auto* const found =
+      std::find_if(advices.begin(), advices.end(), [&](const Advice& advice) { return advice.code == code; });
+  return found == advices.end() ? std::string_view() : found->text;
+}
+
+// Whether a command has refused the folder that the user chose, which the user can choose anew.
+bool refuses_folder(std::string_view code) {
+  constexpr auto codes =
+      std::to_array<std::string_view>({"unsafe_path", "already_installed", "user_path", "path_limit"});
+  return std::find(codes.begin(), codes.end(), code) != codes.end();
+}
+
+void start_client_program(const std::filesystem::path& image, const std::filesystem::path& data_root) {
+  // It goes on when this program ends.
+  ChildProcess(image, {"--data-dir", path_utf8(data_root)}, image.parent_path(), {}, ChildStreams::joined,
+               ChildEnvironment::kept, {}, ChildGroup::own);
+}
+
+std::string sentence(std::string text) {
+  if (!text.empty() && text.back() != '.') {
+    text += ".";
+  }
+  return text;
+}
+
+void add_text(Screen& screen, const char* id, std::string text, TextTone tone = TextTone::normal) {
+  if (!text.empty()) {
+    screen.items.emplace_back(ScreenText{id, shown_text(text), tone});
+  }
+}
+
+// Adds one line for each path, and one for those that are too many to show.
+void add_paths(Screen& screen, const char* id, const char* lead, const Json& paths, TextTone tone) {
+  constexpr std::size_t most = 4;
+  for (std::size_t i = 0; i < paths.size() && i < most; ++i) {
+    add_text(screen, id, lead + paths.at(i).get<std::string>(), tone);
+  }
+  if (paths.size() > most) {
+    add_text(screen, id, "And " + shown_count(paths.size() - most, "more path") + ".", tone);
+  }
+}
+
+Screen new_screen(const char* id, std::string_view heading, TextTone tone = TextTone::normal) {
+  Screen screen;
+  screen.id = id;
+  screen.heading = shown_text(branded(heading));
+  screen.title = screen.heading;
+  screen.heading_tone = tone;
+  return screen;
+}
+
+constexpr const char* close_label = "&Close";
+
+}  // namespace
+
+SetupDialog::SetupDialog(SetupSubject subject, StartProgram start)
+    : subject_(std::move(subject)),
+      start_program_(start ? std::move(start) : start_client_program),
+      page_(!installs() ? Page::remove : Page::choose),
+      folder_(path_utf8(subject_.data_root)),
+      probe_(
+          [this](const std::string& text) {
+            return inspect_folder(text, subject_.package, subject_.manifests ? &*subject_.manifests : nullptr);
+          },
+          inspect_folder(folder_, subject_.package, subject_.manifests ? &*subject_.manifests : nullptr)),
+      setup_(subject_.package_seal) {
+  if (!subject_.problem.empty()) {
+    page_ = Page::broken;
+    exit_code_ = 1;
+  }
+}
+
+SetupDialog::~SetupDialog() = default;
+
+Screen SetupDialog::screen() {
+  advance();
+  switch (page_) {
+    case Page::choose: {
+      const FolderFacts facts = probe_.facts();
+      const bool found = facts.state == FolderFacts::State::installed || facts.state == FolderFacts::State::interrupted;
+      return found ? installed_screen(facts) : choose_screen(facts);
+    }
+    case Page::working:
+      return working_screen();
+    case Page::done:
+      return done_screen();
+    case Page::failed:
+      return failed_screen();
+    case Page::remove:
+      return remove_screen();
+    case Page::removed:
+      return removed_screen();
+    case Page::broken:
+      return broken_screen();
+  }
+  fail("usage", "Unknown setup page");
+}
+
+void SetupDialog::press(std::string_view action) {
+  advance();
+  if (under_way_) {
+    if (action == "cancel") {
+      setup_.cancel();
+      stopping_ = true;
+    }
+    return;
+  }
+  if (action == "install") {
+    begin(SetupCommandKind::install);
+  } else if (action == "repair") {
+    begin(SetupCommandKind::repair);
+  } else if (action == "remove") {
+    begin(SetupCommandKind::uninstall);
+  } else if (action == "retry") {
+    begin(command_.command);
+  } else if (action == "start") {
+    start_client();
+  } else if (action == "uninstall") {
+    remove_data_ = false;
+    page_ = Page::remove;
+  } else if (action == "back") {
+    if (installs()) {
+      show_folder({});
+    } else {
+      page_ = Page::remove;
+    }
+  } else if (action == "close") {
+    close();
+  }
+}
+
+void SetupDialog::write(std::string_view field, std::string_view text) {
+  if (field == folder_id && text != folder_) {
+    folder_ = text;
+    notice_.clear();
+    probe_.ask(folder_);
+  }
+}
+
+void SetupDialog::tick(std::string_view tick, bool checked) {
+  if (tick == remove_data_id) {
+    remove_data_ = checked;
+  }
+}
+
+void SetupDialog::close() {
+  advance();
+  if (under_way_) {
+    setup_.cancel();
+    stopping_ = true;
+    closing_ = true;
+  } else {
+    closed_ = true;
+  }
+}
+
+void SetupDialog::set_wakeup(const std::function<void()>& wakeup) {
+  probe_.set_wakeup(wakeup);
+  setup_.set_wakeup(wakeup);
+}
+
+ScreenDialog SetupDialog::for_window() {
+  return {[this] { return screen(); },
+          [this](std::string_view action) { press(action); },
+          [this](std::string_view field, std::string_view text) { write(field, text); },
+          [this](std::string_view name, bool checked) { tick(name, checked); },
+          [this] { close(); },
+          [this] { return closed(); },
+          [this](const std::function<void()>& wakeup) { set_wakeup(wakeup); }};
+}
+
+void SetupDialog::begin(SetupCommandKind kind) {
+  SetupCommand command;
+  command.command = kind;
+  command.data_root = path_from_utf8(folder_);
+  command.data_root_chosen = subject_.data_root_chosen || folder_ != path_utf8(subject_.data_root);
+  if (needs_package(kind)) {
+    command.package = subject_.package;
+    command.appended = subject_.appended;
+  }
+  command.remove_data = kind == SetupCommandKind::uninstall && remove_data_;
+  command_ = command;
+  start(std::move(command));
+}
+
+void SetupDialog::start(SetupCommand command) {
+  notice_.clear();
+  stopping_ = false;
+  under_way_ = true;
+  page_ = Page::working;
+  setup_.start(std::move(command));
+}
+
+// Takes the outcome of a command that has ended.
+void SetupDialog::advance() {
+  if (!under_way_) {
+    return;
+  }
+  NativeSetup::View view = setup_.view();
+  if (view.running) {
+    return;
+  }
+  under_way_ = false;
+  if (view.error_code.empty()) {
+    take_result(std::move(view.result));
+  } else {
+    take_failure(view);
+  }
+  closed_ = closed_ || (closing_ && !under_way_);
+}
+
+void SetupDialog::take_result(Json result) {
+  if (making_entry_) {
+    for (const Json& path : result.at("created")) {
+      document_["shortcuts"].push_back(path);
+    }
+    finish(std::move(document_));
+    return;
+  }
+  if (command_.command != SetupCommandKind::install || !subject_.game || !result.at("shortcut_problem").is_null()) {
+    finish(std::move(result));
+    return;
+  }
+  SetupCommand entry;
+  entry.command = SetupCommandKind::shortcut_create;
+  entry.data_root = path_from_utf8(text_at(result, "data_root"));
+  entry.data_root_chosen = command_.data_root_chosen;
+  entry.game = subject_.game->id;
+  entry.game_name = subject_.game->name;
+  document_ = std::move(result);
+  making_entry_ = true;
+  start(std::move(entry));
+}
+
+void SetupDialog::take_failure(const NativeSetup::View& view) {
+  if (making_entry_) {
+    // The client itself is installed.
+    document_["shortcut_problem"] = view.error_message;
+    finish(std::move(document_));
+    return;
+  }
+  error_code_ = view.error_code;
+  error_message_ = view.error_message;
+  exit_code_ = ravok::exit_code(Error(error_code_, error_message_));
+  if (error_code_ == "cancelled") {
+    if (installs()) {
+      show_folder(sentence(error_message_));
+    } else {
+      notice_ = sentence(error_message_);
+      page_ = Page::remove;
+    }
+    return;
+  }
+  if (command_.command == SetupCommandKind::install && refuses_folder(error_code_)) {
+    refused_folder_ = folder_;
+    refusal_ = error_message_;
+    show_folder({});
+    return;
+  }
+  page_ = Page::failed;
+}
+
+void SetupDialog::finish(Json document) {
+  document_ = std::move(document);
+  making_entry_ = false;
+  exit_code_ = 0;
+  page_ = command_.command == SetupCommandKind::uninstall ? Page::removed : Page::done;
+}
+
+void SetupDialog::show_folder(std::string notice) {
+  notice_ = std::move(notice);
+  page_ = Page::choose;
+  probe_.ask(folder_);
+}
+
+void SetupDialog::start_client() {
+  try {
+    const DataPaths paths(data_folder(path_from_utf8(folder_)));
+    start_program_(shortcut_bootstrap(paths), paths.root);
+    closed_ = true;
+  } catch (const std::exception& problem) {
+    notice_ = sentence(problem.what());
+    exit_code_ = 1;
+  }
+}
+
+ScreenField SetupDialog::folder_field(const FolderFacts& facts) const {
+  ScreenField field = {folder_id, "Folder", folder_, "Chan&ge…", {}};
+  if (refused_folder_ == folder_ && !refusal_.empty()) {
+    field.problem = refusal_;
+  } else if (facts.asked == folder_ && facts.state == FolderFacts::State::refused) {
+    field.problem = facts.problem;
+  }
+  field.problem = shown_text(field.problem);
+  return field;
+}
+
+Screen SetupDialog::choose_screen(const FolderFacts& facts) const {
+  Screen screen = new_screen("choose", "Install Ravok");
+  std::string about = branded("Ravok");
+  if (subject_.manifests) {
+    about += " " + subject_.manifests->launcher.build_id;
+  }
+  if (!subject_.publisher.empty()) {
+    about += " by " + subject_.publisher;
+  }
+  about += " will be installed for your user account.";
+  if (subject_.game) {
+    about += " " + subject_.game->name + " gets an entry of its own in the menu.";
+  }
+  add_text(screen, "about", about);
+  screen.items.emplace_back(folder_field(facts));
+  const bool known = facts.asked == folder_ && facts.room.has_value();
+  const bool scarce = known && facts.room->needed > facts.room->available;
+  std::string room = "Needs ";
+  if (known) {
+    room += shown_size(facts.room->needed) + (scarce ? ", but only " : "; ") + shown_size(facts.room->available) +
+            (scarce ? " are free." : " are free.");
+  }
+  add_text(screen, "room", known ? room : " ", scarce ? TextTone::warning : TextTone::muted);
+  add_text(screen, "notice", notice_, TextTone::warning);
+  screen.actions = {{"install", "&Install", ActionTone::accent}, {"close", close_label}};
+  screen.first = "install";
+  return screen;
+}
+
+Screen SetupDialog::installed_screen(const FolderFacts& facts) const {
+  const bool whole = facts.state == FolderFacts::State::installed;
+  Screen screen = new_screen("installed", whole ? "Ravok is installed" : "Ravok setup did not finish",
+                             whole ? TextTone::success : TextTone::normal);
+  SetupCommand status;
+  status.command = SetupCommandKind::status;
+  add_text(screen, "status", setup_summary(status, facts.status));
+  screen.items.emplace_back(folder_field(facts));
+  add_text(screen, "repair_keeps", "Repair replaces damaged files, and keeps games, saves and settings.",
+           TextTone::muted);
+  add_text(screen, "uninstall_keeps",
+           branded("Uninstall removes Ravok and its games, and keeps saves and settings unless you say otherwise."),
+           TextTone::muted);
+  add_text(screen, "notice", notice_, TextTone::warning);
+  if (whole) {
+    screen.actions.push_back({"start", "&Start", ActionTone::accent});
+  }
+  screen.actions.push_back({"repair", "&Repair", whole ? ActionTone::normal : ActionTone::accent});
+  screen.actions.push_back({"uninstall", "&Uninstall", ActionTone::danger});
+  screen.actions.push_back({"close", close_label});
+  return screen;
+}
+
+Screen SetupDialog::working_screen() const {
+  const bool install = command_.command == SetupCommandKind::install;
+  const bool repair = command_.command == SetupCommandKind::repair;
+  Screen screen = new_screen("working", install ? "Installing Ravok" : repair ? "Repairing Ravok" : "Removing Ravok");
+  const NativeSetup::View view = setup_.view();
+  ScreenProgress progress = {"progress", {}, view.done, view.total};
+  if (making_entry_) {
+    progress.text = "Making the menu entry…";
+  } else if (view.phase.empty()) {
+    progress.text = install || repair ? "Beginning…" : branded("Waiting until Ravok is closed…");
+  } else {
+    progress.text = setup_phase_line(view.phase);
+    if (view.total != 0 && (install || repair)) {
+      progress.text += " " + shown_size(view.done) + " of " + shown_size(view.total);
+    }
+  }
+  screen.items.emplace_back(std::move(progress));
+  screen.busy = true;
+  if (stopping_) {
+    add_text(screen, "stopping", "Stopping at the next safe point…", TextTone::muted);
+  } else if (!making_entry_) {
+    screen.actions = {{"cancel", "&Cancel"}};
+    screen.escape = "cancel";
+  }
+  return screen;
+}
+
+Screen SetupDialog::done_screen() const {
+  const bool repair = command_.command == SetupCommandKind::repair;
+  Screen screen = new_screen("done", repair ? "Ravok is repaired" : "Ravok is installed", TextTone::success);
+  add_text(screen, "summary", setup_summary(command_, document_));
+  add_paths(screen, "entry", "Menu entry: ", document_.at("shortcuts"), TextTone::muted);
+  add_text(screen, "notice", notice_, TextTone::warning);
+  screen.actions = {{"start", "&Start", ActionTone::accent}, {"close", close_label}};
+  return screen;
+}
+
+Screen SetupDialog::failed_screen() const {
+  const bool install = command_.command == SetupCommandKind::install;
+  const bool repair = command_.command == SetupCommandKind::repair;
+  Screen screen = new_screen("failed", install  ? "Ravok could not be installed"
+                                       : repair ? "Ravok could not be repaired"
+                                                : "Ravok could not be removed");
+  add_text(screen, "problem", sentence(error_message_), TextTone::warning);
+  add_text(screen, "advice", std::string(advice_for(error_code_)));
+  if (!(command_.command == SetupCommandKind::uninstall && command_.remove_data)) {
+    add_text(screen, "kept", "Your saves and settings were not touched.", TextTone::muted);
+  }
+  screen.actions = {{"retry", "&Try again", ActionTone::accent}, {"back", "&Back"}, {"close", close_label}};
+  screen.escape = "back";
+  return screen;
+}
+
+Screen SetupDialog::remove_screen() const {
+  Screen screen = new_screen("remove", "Remove Ravok?");
+  add_text(screen, "what", branded("Ravok and its games will be removed from ") + folder_ + ".");
+  add_text(screen, "data",
+           remove_data_ ? "Your saves and settings are removed too. They cannot be brought back."
+                        : "Your saves and settings stay.",
+           remove_data_ ? TextTone::warning : TextTone::muted);
+  screen.items.emplace_back(ScreenTick{remove_data_id, "Remove saves and &settings too", remove_data_});
+  add_text(screen, "notice", notice_, TextTone::warning);
+  const char* const leave = installs() ? "back" : "close";
+  screen.actions = {{"remove", "&Remove", ActionTone::danger}, {leave, installs() ? "&Back" : "&Cancel"}};
+  screen.first = leave;
+  screen.escape = leave;
+  return screen;
+}
+
+Screen SetupDialog::removed_screen() const {
+  Screen screen = new_screen("removed", "Ravok is removed", TextTone::success);
+  add_text(screen, "summary", setup_summary(command_, document_));
+  add_paths(screen, "kept", "Kept: ", document_.at("kept"), TextTone::muted);
+  add_paths(screen, "changed", "Left in place: ", document_.at("changed_shortcuts"), TextTone::muted);
+  add_paths(screen, "deferred", "Could not be removed: ", document_.at("deferred"), TextTone::warning);
+  screen.actions = {{"close", close_label, ActionTone::accent}};
+  return screen;
+}
+
+Screen SetupDialog::broken_screen() const {
+  Screen screen = new_screen("broken", "Ravok cannot be installed");
+  add_text(screen, "problem", sentence(subject_.problem), TextTone::warning);
+  add_text(screen, "advice", std::string(get_installer_again));
+  screen.actions = {{"close", close_label, ActionTone::accent}};
+  return screen;
+}
+
+}  // namespace ravok

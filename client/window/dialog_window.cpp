@@ -1,0 +1,490 @@
+#include "window/dialog_window.hpp"
+
+#include <algorithm>
+#include <utility>
+
+#include <FL/Fl.H>
+#include <FL/Fl_File_Chooser.H>
+#include <FL/fl_draw.H>
+#include <FL/platform.H>
+
+#include "domain/json.hpp"
+#include "window/screen_report.hpp"
+
+namespace ravok {
+namespace {
+
+constexpr int usual_width = 600;
+constexpr int least_height = 380;
+constexpr int largest_icon = 48;
+// Of the window's height, for what the desktop draws around it.
+constexpr int decoration = 36;
+
+template <typename... Handlers>
+struct Overloaded : Handlers... {
+  using Handlers::operator()...;
+};
+template <typename... Handlers>
+Overloaded(Handlers...) -> Overloaded<Handlers...>;
+
+// What makes two screens have the same widgets.
+bool same_shape(const Screen& first, const Screen& second) {
+  const auto same_items = [](const ScreenItem& one, const ScreenItem& other) {
+    return one.index() == other.index() && std::visit([](const auto& item) { return item.id; }, one) ==
+                                               std::visit([](const auto& item) { return item.id; }, other);
+  };
+  const auto same_actions = [](const ScreenAction& one, const ScreenAction& other) {
+    return one.id == other.id && one.label == other.label && one.tone == other.tone;
+  };
+  return first.id == second.id &&
+         std::equal(first.items.begin(), first.items.end(), second.items.begin(), second.items.end(), same_items) &&
+         std::equal(first.actions.begin(), first.actions.end(), second.actions.begin(), second.actions.end(),
+                    same_actions);
+}
+
+// The toolkit's own windows, such as the view of folders, take these colours.
+void give_toolkit_colors(const Theme& theme) {
+  const auto set = [](Fl_Color slot, const Rgb& rgb) { Fl::set_color(slot, rgb.red, rgb.green, rgb.blue); };
+  Fl::background(theme.panel.red, theme.panel.green, theme.panel.blue);
+  Fl::background2(theme.panel.red, theme.panel.green, theme.panel.blue);
+  Fl::foreground(theme.text.red, theme.text.green, theme.text.blue);
+  set(FL_SELECTION_COLOR, theme.accent);
+  set(FL_INACTIVE_COLOR, theme.muted);
+}
+
+// The colour of a text that is selected: the theme has one for its accent, and every other pair is the theme's own.
+Fl_Color text_color_on(Fl_Color text, Fl_Color background, int, int) {
+  return Fl::get_color(background) == Fl::get_color(Style::color(theme().accent)) ? Style::color(theme().accent_text)
+                                                                                  : text;
+}
+
+}  // namespace
+
+DialogWindow::DialogWindow(const ScreenDialog& dialog, const std::string& program, const std::string& icon_file)
+    : Fl_Double_Window(usual_width, least_height), dialog_(dialog) {
+  end();
+  give_toolkit_colors(style_.theme());
+  fl_contrast_function(text_color_on);
+  fl_contrast_mode(FL_CONTRAST_CUSTOM);
+  // The window chooses its scale by what it shows.
+  Fl::keyboard_screen_scaling(0);
+  xclass(program.c_str());
+  color(Style::color(style_.theme().background));
+  const Theme& theme = style_.theme();
+  icon_ = theme.icon ? std::make_unique<Picture>(*theme.icon) : std::make_unique<Picture>(icon_file);
+  if (theme.banner) {
+    banner_ = std::make_unique<Picture>(*theme.banner);
+  }
+  if (!icon_->empty()) {
+    icon(icon_->image());
+  }
+  callback([](Fl_Widget* window, void*) { static_cast<DialogWindow*>(window)->closing(); });
+}
+
+DialogWindow::~DialogWindow() = default;
+
+void DialogWindow::refresh() {
+  Screen next = dialog_.screen();
+  const bool same = heading_ != nullptr && same_shape(screen_, next);
+  screen_ = std::move(next);
+  if (same) {
+    if (update()) {
+      fit();
+      redraw();
+    }
+  } else {
+    build();
+    fit();
+    redraw();
+  }
+}
+
+// Makes the widgets of a new screen. What has the keyboard keeps it where it is on both screens.
+void DialogWindow::build() {
+  const std::string had_focus = focused();
+  int position = 0;
+  int mark = 0;
+  for (const Row& row : rows_) {
+    if (const auto* const field = std::get_if<FieldRow>(&row)) {
+      position = field->field->insert_position();
+      mark = field->field->mark();
+    }
+  }
+  rows_.clear();
+  buttons_.clear();
+  clear();
+  begin();
+  heading_ = new TextBlock(screen_.heading, style_.title(screen_.heading_tone));
+  for (const ScreenItem& item : screen_.items) {
+    build_row(item);
+  }
+  for (const ScreenAction& action : screen_.actions) {
+    buttons_.push_back(new ActionButton(action, style_, [this, id = action.id] { dialog_.press(id); }));
+  }
+  end();
+  copy_label(screen_.title.c_str());
+  const bool keeps = std::any_of(rows_.begin(), rows_.end(), [&](const Row& row) {
+    const auto* const field = std::get_if<FieldRow>(&row);
+    return field != nullptr && field->id == had_focus;
+  });
+  give_focus(keeps ? had_focus : screen_.first);
+  for (const Row& row : rows_) {
+    if (const auto* const field = std::get_if<FieldRow>(&row); field != nullptr && keeps) {
+      field->field->insert_position(position, mark);
+    }
+  }
+}
+
+void DialogWindow::build_row(const ScreenItem& item) {
+  const auto text = [this](const ScreenText& shown) {
+    rows_.emplace_back(TextRow{shown.id, new TextBlock(shown.text, style_.body(shown.tone))});
+  };
+  const auto field = [this](const ScreenField& shown) {
+    FieldRow row = {shown.id, new TextBlock(shown.label, style_.label()), nullptr, nullptr, nullptr};
+    row.field = new TextField(
+        style_, [this, id = shown.id](const std::string& value) { dialog_.write(id, value); },
+        [this] {
+          if (!buttons_.empty()) {
+            buttons_.front()->do_callback();
+          }
+        });
+    row.field->set(shown.text);
+    row.browse = new ActionButton({"browse", shown.browse, ActionTone::normal}, style_, [this, id = shown.id] {
+      for (const Row& other : rows_) {
+        if (const auto* const found = std::get_if<FieldRow>(&other); found != nullptr && found->id == id) {
+          browse(*found);
+          return;
+        }
+      }
+    });
+    row.problem = new TextBlock(shown.problem, style_.small(TextTone::warning));
+    rows_.emplace_back(std::move(row));
+  };
+  const auto tick = [this](const ScreenTick& shown) {
+    rows_.emplace_back(TickRow{
+        shown.id, new TickBox(shown, style_, [this, id = shown.id](bool checked) { dialog_.tick(id, checked); })});
+  };
+  const auto progress = [this](const ScreenProgress& shown) {
+    ProgressRow row = {shown.id, new TextBlock(shown.text, style_.body(TextTone::normal)), new ProgressBar(style_)};
+    row.bar->set(shown.done, shown.total);
+    rows_.emplace_back(std::move(row));
+  };
+  std::visit(Overloaded{text, field, tick, progress}, item);
+}
+
+// Takes over what has changed on the same screen. Returns whether anything has that takes another place.
+bool DialogWindow::update() {
+  bool changed = heading_->set(screen_.heading, style_.title(screen_.heading_tone));
+  for (std::size_t i = 0; i < rows_.size(); ++i) {
+    changed = update_row(screen_.items[i], rows_[i]) || changed;
+  }
+  return changed;
+}
+
+bool DialogWindow::update_row(const ScreenItem& item, Row& row) {
+  const auto text = [&](const ScreenText& shown) {
+    return std::get<TextRow>(row).block->set(shown.text, style_.body(shown.tone));
+  };
+  const auto field = [&](const ScreenField& shown) {
+    const FieldRow& widgets = std::get<FieldRow>(row);
+    if (widgets.field->text() != shown.text) {
+      widgets.field->set(shown.text);
+    }
+    return widgets.problem->set(shown.problem, style_.small(TextTone::warning));
+  };
+  const auto tick = [&](const ScreenTick& shown) {
+    TickBox* const box = std::get<TickRow>(row).box;
+    box->value(shown.checked ? 1 : 0);
+    return false;
+  };
+  const auto progress = [&](const ScreenProgress& shown) {
+    const ProgressRow& widgets = std::get<ProgressRow>(row);
+    widgets.bar->set(shown.done, shown.total);
+    return widgets.text->set(shown.text, style_.body(TextTone::normal));
+  };
+  return std::visit(Overloaded{text, field, tick, progress}, item);
+}
+
+std::string DialogWindow::focused() const {
+  const Fl_Widget* const focus = Fl::focus();
+  for (const Row& row : rows_) {
+    if (const auto* const field = std::get_if<FieldRow>(&row)) {
+      if (field->field == focus) {
+        return field->id;
+      }
+      if (field->browse == focus) {
+        return field->browse->id();
+      }
+    }
+    if (const auto* const tick = std::get_if<TickRow>(&row); tick != nullptr && tick->box == focus) {
+      return tick->id;
+    }
+  }
+  for (const ActionButton* button : buttons_) {
+    if (button == focus) {
+      return button->id();
+    }
+  }
+  return {};
+}
+
+Fl_Widget* DialogWindow::find(const std::string& id) const {
+  for (const Row& row : rows_) {
+    if (const auto* const field = std::get_if<FieldRow>(&row); field != nullptr && field->id == id) {
+      return field->field;
+    }
+    if (const auto* const tick = std::get_if<TickRow>(&row); tick != nullptr && tick->id == id) {
+      return tick->box;
+    }
+  }
+  for (ActionButton* button : buttons_) {
+    if (button->id() == id) {
+      return button;
+    }
+  }
+  return nullptr;
+}
+
+void DialogWindow::give_focus(const std::string& id) {
+  Fl_Widget* const widget = find(id);
+  if (widget != nullptr) {
+    widget->take_focus();
+  } else if (!buttons_.empty()) {
+    buttons_.front()->take_focus();
+  }
+}
+
+// Gives every widget its place in a window of this width. Returns the height that all of it needs; the panel takes what
+// is left of `down` beyond that.
+int DialogWindow::place(int across, int down) {
+  const int margin = style_.margin();
+  const int padding = style_.gap() * 3 / 2;
+  panel_top_ = place_header(across);
+  int top = panel_top_ + padding;
+  const int inner = across - 2 * margin - 2 * padding;
+  for (Row& row : rows_) {
+    const int height = place_row(row, margin + padding, top, inner);
+    top += height + (height == 0 ? 0 : style_.gap());
+  }
+  const int buttons = place_buttons(0, across);
+  const int needed = top + padding + margin + buttons;
+  const int bottom = std::max(needed, down) - buttons - margin / 2;
+  panel_height_ = bottom - margin / 2 - panel_top_;
+  place_buttons(bottom, across);
+  return needed;
+}
+
+int DialogWindow::place_header(int across) {
+  const int margin = style_.margin();
+  int top = margin;
+  banner_height_ = 0;
+  if (banner_ && !banner_->empty()) {
+    banner_height_ = std::min(across * banner_->height() / banner_->width(), least_height / 4);
+    top += banner_height_;
+  }
+  int left = margin;
+  icon_side_ = icon_->empty() ? 0 : std::min(largest_icon, std::max(icon_->height(), icon_->width()));
+  if (icon_side_ != 0) {
+    left += icon_side_ + style_.gap();
+  }
+  const int height = heading_->wrap(across - left - margin);
+  const int row = std::max(height, icon_side_);
+  heading_->resize(left, top + (row - height) / 2, across - left - margin, height);
+  return top + row + style_.gap();
+}
+
+int DialogWindow::place_row(Row& row, int left, int top, int across) {
+  const auto text = [&](TextRow& widgets) {
+    const int height = widgets.block->wrap(across);
+    widgets.block->resize(left, top, across, height);
+    return height;
+  };
+  const auto field = [&](FieldRow& widgets) {
+    const int label = widgets.label->wrap(across);
+    widgets.label->resize(left, top, across, label);
+    const int height = std::max(widgets.field->natural_height(), widgets.browse->natural_height());
+    const int button = widgets.browse->natural_width();
+    const int inset = (height - widgets.field->natural_height()) / 2;
+    widgets.field->resize(left, top + label + inset, across - button - style_.gap(), widgets.field->natural_height());
+    widgets.browse->resize(left + across - button, top + label, button, height);
+    const int problem = widgets.problem->text().empty() ? 0 : widgets.problem->wrap(across);
+    widgets.problem->resize(left, top + label + height, across, problem);
+    return label + height + problem;
+  };
+  const auto tick = [&](TickRow& widgets) {
+    const int height = widgets.box->wrap(across);
+    widgets.box->position(left, top);
+    return height;
+  };
+  const auto progress = [&](ProgressRow& widgets) {
+    const int label = widgets.text->wrap(across);
+    widgets.text->resize(left, top, across, label);
+    widgets.bar->resize(left, top + label + style_.gap() / 2, across, widgets.bar->natural_height());
+    return label + style_.gap() / 2 + widgets.bar->natural_height();
+  };
+  return std::visit(Overloaded{text, field, tick, progress}, row);
+}
+
+// Puts the buttons into rows, to the right, the first one first. Returns the height that they take.
+int DialogWindow::place_buttons(int top, int across) {
+  const int margin = style_.margin();
+  const int room = across - 2 * margin;
+  std::size_t next = 0;
+  int height = 0;
+  while (next < buttons_.size()) {
+    int width = 0;
+    std::size_t end = next;
+    while (end < buttons_.size()) {
+      const int more = buttons_[end]->natural_width() + (end == next ? 0 : style_.gap());
+      if (end != next && width + more > room) {
+        break;
+      }
+      width += more;
+      ++end;
+    }
+    int left = across - margin - width;
+    for (; next < end; ++next) {
+      const int natural = std::min(buttons_[next]->natural_width(), room);
+      buttons_[next]->resize(std::max(left, margin), top + height, natural, buttons_[next]->natural_height());
+      left += natural + style_.gap();
+    }
+    height += buttons_[end - 1]->natural_height() + style_.gap() / 2;
+  }
+  return height;
+}
+
+// Makes the window as high as its screen needs. A screen that is too high for the display is shown smaller, so that all
+// of it can be seen.
+void DialogWindow::fit() {
+  const int screen = shown() ? screen_num() : 0;
+  int left = 0;
+  int top = 0;
+  int across = 0;
+  int down = 0;
+  int needed = place(w(), h());
+  Fl::screen_work_area(left, top, across, down, screen);
+  const double width_part = static_cast<double>(across) / w();
+  const double height_part = static_cast<double>(down - decoration) / std::max(needed, least_height);
+  const double part = std::min(width_part, height_part);
+  if (part < 1) {
+    Fl::screen_scale(screen, static_cast<float>(Fl::screen_scale(screen) * part));
+    needed = place(w(), h());
+  }
+  const int height = std::max({needed, least_height, h()});
+  size_range(usual_width, height, usual_width, height);
+  if (height != h()) {
+    size(usual_width, height);
+  } else {
+    place(w(), h());
+  }
+}
+
+void DialogWindow::resize(int left, int top, int across, int down) {
+  // The widgets have their places by their contents, and not in proportion to the window.
+  Fl_Widget* const proportion = resizable();
+  resizable(nullptr);
+  Fl_Double_Window::resize(left, top, across, down);
+  resizable(proportion);
+  if (heading_ != nullptr) {
+    place(w(), h());
+  }
+}
+
+void DialogWindow::draw() {
+  draw_panel();
+  if (banner_height_ != 0) {
+    const int across = banner_height_ * banner_->width() / banner_->height();
+    banner_->draw((w() - across) / 2, 0, across, banner_height_);
+  }
+  if (icon_side_ != 0) {
+    icon_->draw(style_.margin(), heading_->y() + (heading_->h() - icon_side_) / 2, icon_side_, icon_side_);
+  }
+  draw_children();
+}
+
+void DialogWindow::draw_panel() const {
+  const Theme& theme = style_.theme();
+  fl_rectf(0, 0, w(), h(), Style::color(theme.background));
+  const int left = style_.margin() / 2;
+  const int across = w() - style_.margin();
+  draw_face(style_, left, panel_top_, across, panel_height_, Style::color(theme.panel));
+  if (theme.frame) {
+    const ThemeFrame& frame = *theme.frame;
+    const Fl_Color lines[] = {Style::color(frame.outline), Style::color(frame.trim), Style::color(frame.trim),
+                              Style::color(frame.gap)};
+    int inset = 0;
+    for (const Fl_Color line : lines) {
+      fl_rect(left + inset, panel_top_ + inset, across - 2 * inset, panel_height_ - 2 * inset, line);
+      ++inset;
+    }
+    constexpr int rivet = 4;
+    for (const int x : {left + 1, left + across - rivet - 1}) {
+      for (const int y : {panel_top_ + 1, panel_top_ + panel_height_ - rivet - 1}) {
+        fl_rectf(x, y, rivet, rivet, Style::color(frame.rivet));
+      }
+    }
+  }
+}
+
+void DialogWindow::flush() {
+  Fl_Double_Window::flush();
+  ++frames_;
+  report();
+}
+
+// Opens a view of folders, and takes the one that the user chooses.
+void DialogWindow::browse(const FieldRow& row) {
+  Fl_File_Chooser chooser(row.field->text().c_str(), nullptr, Fl_File_Chooser::DIRECTORY | Fl_File_Chooser::CREATE,
+                          "Choose a folder");
+  chooser.preview(0);
+  chooser.show();
+  while (chooser.shown() != 0 && !dialog_.closed()) {
+    Fl::wait(0.25);
+  }
+  if (chooser.value() != nullptr) {
+    dialog_.write(row.id, chooser.value());
+  }
+}
+
+// Escape is the screen's own way back where it has one.
+void DialogWindow::closing() {
+  const bool escape = Fl::event() == FL_SHORTCUT && Fl::event_key() == FL_Escape;
+  if (escape && !screen_.escape.empty()) {
+    dialog_.press(screen_.escape);
+  } else {
+    dialog_.close();
+  }
+}
+
+void DialogWindow::report() {
+  std::vector<ShownItem> items;
+  const auto add = [&](const std::string& id, const char* kind, const std::string& text, const Fl_Widget* widget) {
+    items.push_back({id, kind, text, widget->x(), widget->y(), widget->w(), widget->h(), false});
+  };
+  add("heading", "heading", heading_->text(), heading_);
+  for (const Row& row : rows_) {
+    std::visit(Overloaded{[&](const TextRow& shown) { add(shown.id, "text", shown.block->text(), shown.block); },
+                          [&](const FieldRow& shown) {
+                            add(shown.id, "field", shown.field->text(), shown.field);
+                            add(shown.browse->id(), "button", shown.browse->text(), shown.browse);
+                            if (!shown.problem->text().empty()) {
+                              add(shown.id + "_problem", "problem", shown.problem->text(), shown.problem);
+                            }
+                          },
+                          [&](const TickRow& shown) {
+                            add(shown.id, "tick", shown.box->text(), shown.box);
+                            items.back().checked = shown.box->value() != 0;
+                          },
+                          [&](const ProgressRow& shown) {
+                            add(shown.id + "_text", "text", shown.text->text(), shown.text);
+                            add(shown.id, "progress", {}, shown.bar);
+                          }},
+               row);
+  }
+  for (const ActionButton* button : buttons_) {
+    add(button->id(), "button", button->text(), button);
+  }
+  report_screen(*this, screen_.id, focused(), frames_, items);
+}
+
+}  // namespace ravok

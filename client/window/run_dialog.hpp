@@ -1,0 +1,25 @@
+// The run of a program with a window, from the first frame to the end.
+#pragma once
+
+#include <functional>
+#include <string>
+
+#include "app/screen/screen.hpp"
+
+namespace ravok {
+
+struct WindowRun {
+  std::string program;                 // by which the desktop knows the kind of window
+  std::string otherwise;               // what works without a display, in a sentence for the user
+  std::string icon_file;               // the bytes of an icon file; empty for none
+  bool smoke = false;                  // ends once the window was drawn
+  std::function<void()> shown;         // called once the window was drawn; may be empty
+  std::function<bool()> interrupted;   // whether the user has asked the program to end; may be empty
+  std::function<void()> display_lost;  // ends the work when the display is gone; may be empty
+};
+
+// Shows a dialog until it is closed. Fails with "display" where no window can be opened, and with what `shown` throws.
+// Does not return when the display goes away: the process then ends with exit code 1.
+void run_dialog(const ScreenDialog& dialog, const WindowRun& run);
+
+}  // namespace ravok
