@@ -119,7 +119,8 @@ void DialogWindow::build() {
     build_row(item);
   }
   for (const ScreenAction& action : screen_.actions) {
-    buttons_.push_back(new ActionButton(action, style_, [this, id = action.id] { dialog_.press(id); }));
+    buttons_.push_back(
+        new ActionButton(action, style_, style_.theme().background, [this, id = action.id] { dialog_.press(id); }));
   }
   end();
   copy_label(screen_.title.c_str());
@@ -149,14 +150,15 @@ void DialogWindow::build_row(const ScreenItem& item) {
           }
         });
     row.field->set(shown.text);
-    row.browse = new ActionButton({"browse", shown.browse, ActionTone::normal}, style_, [this, id = shown.id] {
-      for (const Row& other : rows_) {
-        if (const auto* const found = std::get_if<FieldRow>(&other); found != nullptr && found->id == id) {
-          browse(*found);
-          return;
-        }
-      }
-    });
+    row.browse = new ActionButton(
+        {"browse", shown.browse, ActionTone::normal}, style_, style_.theme().panel, [this, id = shown.id] {
+          for (const Row& other : rows_) {
+            if (const auto* const found = std::get_if<FieldRow>(&other); found != nullptr && found->id == id) {
+              browse(*found);
+              return;
+            }
+          }
+        });
     row.problem = new TextBlock(shown.problem, style_.small(TextTone::warning));
     rows_.emplace_back(std::move(row));
   };

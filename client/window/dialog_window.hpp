@@ -27,6 +27,9 @@ class DialogWindow : public Fl_Double_Window {
   // Shows what the dialog shows now.
   void refresh();
 
+  // Whether what it shows changes by itself all the time.
+  bool busy() const { return screen_.busy; }
+
   // How often the window was drawn.
   std::uint64_t frames() const { return frames_; }
 

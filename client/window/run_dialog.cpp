@@ -1,6 +1,8 @@
 #include "window/run_dialog.hpp"
 
+#include <algorithm>
 #include <atomic>
+#include <chrono>
 
 #include <FL/Fl.H>
 
@@ -10,9 +12,20 @@
 namespace ravok {
 namespace {
 
-// In seconds: how often the window looks for what nothing wakes it for, and how often it is drawn while it is busy.
-constexpr double idle_wait = 0.25;
-constexpr double busy_wait = 0.04;
+using Clock = std::chrono::steady_clock;
+
+// How often the window looks for what nothing wakes it for, and how often it is drawn while it is busy.
+constexpr std::chrono::milliseconds idle_wait(250);
+constexpr std::chrono::milliseconds busy_wait(40);
+
+// Handles events until the next look is due or, in a window that is not busy, until something wakes it.
+void wait_for_change(bool busy) {
+  const Clock::time_point due = Clock::now() + (busy ? busy_wait : idle_wait);
+  do {
+    const std::chrono::duration<double> rest = due - Clock::now();
+    Fl::wait(std::max(rest.count(), 0.0));
+  } while (busy && Clock::now() < due);
+}
 
 }  // namespace
 
@@ -33,7 +46,7 @@ void run_dialog(const ScreenDialog& dialog, const WindowRun& run) {
   window.show();
   bool told = false;
   while (!dialog.closed()) {
-    Fl::wait(dialog.screen().busy ? busy_wait : idle_wait);
+    wait_for_change(window.busy());
     woken = false;
     if (run.interrupted && run.interrupted()) {
       dialog.close();

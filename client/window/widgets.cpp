@@ -13,6 +13,7 @@ namespace {
 
 constexpr int ring_width = 2;
 constexpr int corner_radius = 6;
+constexpr int field_padding = 6;
 
 void choose_font(const TextStyle& style) { fl_font(style.font, style.size); }
 
@@ -122,9 +123,11 @@ void TextBlock::draw() {
   }
 }
 
-ActionButton::ActionButton(const ScreenAction& action, const Style& style, std::function<void()> pressed)
+ActionButton::ActionButton(const ScreenAction& action, const Style& style, const Rgb& surface,
+                           std::function<void()> pressed)
     : Fl_Button(0, 0, 0, 0),
       style_(style),
+      surface_(Style::color(surface)),
       id_(action.id),
       tone_(action.tone),
       label_(action.label),
@@ -173,7 +176,7 @@ ActionButton::Colors ActionButton::colors() const {
 
 void ActionButton::draw() {
   const Colors used = colors();
-  fl_rectf(x(), y(), w(), h(), Style::color(style_.theme().background));
+  fl_rectf(x(), y(), w(), h(), surface_);
   const int inset = ring_width + 1;
   draw_face(style_, x() + inset, y() + inset, w() - 2 * inset, h() - 2 * inset, used.face);
   if (Fl::focus() == this) {
@@ -238,7 +241,8 @@ TextField::TextField(const Style& style, std::function<void(const std::string&)>
   cursor_color(text.color);
   color(Style::color(style_.theme().paper));
   selection_color(Style::color(style_.theme().accent));
-  box(FL_FLAT_BOX);
+  Fl::set_boxtype(FL_FREE_BOXTYPE, fl_rectf, field_padding, ring_width, 2 * field_padding, 2 * ring_width);
+  box(FL_FREE_BOXTYPE);
   when(FL_WHEN_CHANGED);
   callback([](Fl_Widget* widget, void*) {
     auto* const field = static_cast<TextField*>(widget);

@@ -50,7 +50,8 @@ class TextBlock : public Fl_Widget {
 // A button in the colours of what it does.
 class ActionButton : public Fl_Button {
  public:
-  ActionButton(const ScreenAction& action, const Style& style, std::function<void()> pressed);
+  // `surface` is the colour that it lies on.
+  ActionButton(const ScreenAction& action, const Style& style, const Rgb& surface, std::function<void()> pressed);
 
   const std::string& id() const { return id_; }
   const std::string& text() const { return label_.text; }
@@ -71,6 +72,7 @@ class ActionButton : public Fl_Button {
   Colors colors() const;
 
   const Style& style_;
+  const Fl_Color surface_;
   const std::string id_;
   const ActionTone tone_;
   const Mnemonic label_;

@@ -24,15 +24,14 @@ class LauncherDialog {
         // A theme that cannot be used leaves the launcher in its own colours.
       }
     }
-    try {
-      status_ = status_text(status_document(runtime_));
-    } catch (const ravok::Error& error) {
-      status_ = error.what();
-    }
+    read_status();
   }
 
   ravok::Screen screen() {
     advance();
+    if (on_trial_) {
+      read_status();
+    }
     ravok::Screen screen;
     screen.id = "launcher";
     screen.title = ravok::product_name();
@@ -70,6 +69,19 @@ class LauncherDialog {
   }
 
  private:
+  // A version that was on trial when the window opened is active a moment later.
+  void read_status() {
+    try {
+      const ravok::Json status = status_document(runtime_);
+      on_trial_ = !status.at("on_trial").is_null();
+      status_ = status_text(status);
+      status_.erase(status_.find_last_not_of('\n') + 1);
+    } catch (const ravok::Error& error) {
+      status_ = ravok::shown_text(error.what());
+      on_trial_ = false;
+    }
+  }
+
   // The helper removes the launcher, which therefore closes once the helper's window is up.
   void advance() {
     if (!handing_over_) {
@@ -87,6 +99,7 @@ class LauncherDialog {
 
   const ravok::LauncherRuntime* const runtime_;
   std::string status_;
+  bool on_trial_ = false;
   std::string notice_;
   bool handing_over_ = false;
   bool closed_ = false;
