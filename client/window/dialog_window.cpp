@@ -4,7 +4,6 @@
 #include <utility>
 
 #include <FL/Fl.H>
-#include <FL/Fl_File_Chooser.H>
 #include <FL/fl_draw.H>
 #include <FL/platform.H>
 
@@ -19,6 +18,8 @@ constexpr int least_height = 380;
 constexpr int largest_icon = 48;
 // Of the window's height, for what the desktop draws around it.
 constexpr int decoration = 36;
+// Of a field, to each side of its text.
+constexpr int field_padding = 6;
 
 template <typename... Handlers>
 struct Overloaded : Handlers... {
@@ -42,8 +43,9 @@ bool same_shape(const Screen& first, const Screen& second) {
                     same_actions);
 }
 
-// The toolkit's own windows, such as the view of folders, take these colours.
+// What the toolkit draws by itself, such as the bar beside a list, takes these colours.
 void give_toolkit_colors(const Theme& theme) {
+  Fl::set_boxtype(FL_FREE_BOXTYPE, fl_rectf, field_padding, field_padding / 3, 2 * field_padding, field_padding);
   const auto set = [](Fl_Color slot, const Rgb& rgb) { Fl::set_color(slot, rgb.red, rgb.green, rgb.blue); };
   Fl::background(theme.panel.red, theme.panel.green, theme.panel.blue);
   Fl::background2(theme.panel.red, theme.panel.green, theme.panel.blue);
@@ -150,15 +152,8 @@ void DialogWindow::build_row(const ScreenItem& item) {
           }
         });
     row.field->set(shown.text);
-    row.browse = new ActionButton(
-        {"browse", shown.browse, ActionTone::normal}, style_, style_.theme().panel, [this, id = shown.id] {
-          for (const Row& other : rows_) {
-            if (const auto* const found = std::get_if<FieldRow>(&other); found != nullptr && found->id == id) {
-              browse(*found);
-              return;
-            }
-          }
-        });
+    row.browse = new ActionButton({"browse", shown.browse, ActionTone::normal}, style_, style_.theme().panel,
+                                  [this] { dialog_.press("browse"); });
     row.problem = new TextBlock(shown.problem, style_.small(TextTone::warning));
     rows_.emplace_back(std::move(row));
   };
@@ -171,7 +166,14 @@ void DialogWindow::build_row(const ScreenItem& item) {
     row.bar->set(shown.done, shown.total);
     rows_.emplace_back(std::move(row));
   };
-  std::visit(Overloaded{text, field, tick, progress}, item);
+  const auto list = [this](const ScreenList& shown) {
+    ListRow row = {shown.id, new ListBox(
+                                 style_, [this, id = shown.id](std::size_t entry) { dialog_.choose(id, entry); },
+                                 [this, id = shown.id](std::size_t entry) { dialog_.open(id, entry); })};
+    row.list->set(shown);
+    rows_.emplace_back(std::move(row));
+  };
+  std::visit(Overloaded{text, field, tick, progress, list}, item);
 }
 
 // Takes over what has changed on the same screen. Returns whether anything has that takes another place.
@@ -204,7 +206,11 @@ bool DialogWindow::update_row(const ScreenItem& item, Row& row) {
     widgets.bar->set(shown.done, shown.total);
     return widgets.text->set(shown.text, style_.body(TextTone::normal));
   };
-  return std::visit(Overloaded{text, field, tick, progress}, item);
+  const auto list = [&](const ScreenList& shown) {
+    std::get<ListRow>(row).list->set(shown);
+    return false;
+  };
+  return std::visit(Overloaded{text, field, tick, progress, list}, item);
 }
 
 std::string DialogWindow::focused() const {
@@ -220,6 +226,9 @@ std::string DialogWindow::focused() const {
     }
     if (const auto* const tick = std::get_if<TickRow>(&row); tick != nullptr && tick->box == focus) {
       return tick->id;
+    }
+    if (const auto* const list = std::get_if<ListRow>(&row); list != nullptr && list->list == focus) {
+      return list->id;
     }
   }
   for (const ActionButton* button : buttons_) {
@@ -237,6 +246,9 @@ Fl_Widget* DialogWindow::find(const std::string& id) const {
     }
     if (const auto* const tick = std::get_if<TickRow>(&row); tick != nullptr && tick->id == id) {
       return tick->box;
+    }
+    if (const auto* const list = std::get_if<ListRow>(&row); list != nullptr && list->id == id) {
+      return list->list;
     }
   }
   for (ActionButton* button : buttons_) {
@@ -324,7 +336,11 @@ int DialogWindow::place_row(Row& row, int left, int top, int across) {
     widgets.bar->resize(left, top + label + style_.gap() / 2, across, widgets.bar->natural_height());
     return label + style_.gap() / 2 + widgets.bar->natural_height();
   };
-  return std::visit(Overloaded{text, field, tick, progress}, row);
+  const auto list = [&](ListRow& widgets) {
+    widgets.list->resize(left, top, across, widgets.list->natural_height());
+    return widgets.list->natural_height();
+  };
+  return std::visit(Overloaded{text, field, tick, progress, list}, row);
 }
 
 // Puts the buttons into rows, to the right, the first one first. Returns the height that they take.
@@ -434,20 +450,6 @@ void DialogWindow::flush() {
   report();
 }
 
-// Opens a view of folders, and takes the one that the user chooses.
-void DialogWindow::browse(const FieldRow& row) {
-  Fl_File_Chooser chooser(row.field->text().c_str(), nullptr, Fl_File_Chooser::DIRECTORY | Fl_File_Chooser::CREATE,
-                          "Choose a folder");
-  chooser.preview(0);
-  chooser.show();
-  while (chooser.shown() != 0 && !dialog_.closed()) {
-    Fl::wait(0.25);
-  }
-  if (chooser.value() != nullptr) {
-    dialog_.write(row.id, chooser.value());
-  }
-}
-
 // Escape is the screen's own way back where it has one.
 void DialogWindow::closing() {
   const bool escape = Fl::event() == FL_SHORTCUT && Fl::event_key() == FL_Escape;
@@ -480,6 +482,13 @@ void DialogWindow::report() {
                           [&](const ProgressRow& shown) {
                             add(shown.id + "_text", "text", shown.text->text(), shown.text);
                             add(shown.id, "progress", {}, shown.bar);
+                          },
+                          [&](const ListRow& shown) {
+                            std::string entries;
+                            for (const std::string& entry : shown.list->entries()) {
+                              entries += entry + "\n";
+                            }
+                            add(shown.id, "list", entries, shown.list);
                           }},
                row);
   }

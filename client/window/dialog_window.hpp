@@ -59,7 +59,11 @@ class DialogWindow : public Fl_Double_Window {
     TextBlock* text;
     ProgressBar* bar;
   };
-  using Row = std::variant<TextRow, FieldRow, TickRow, ProgressRow>;
+  struct ListRow {
+    std::string id;
+    ListBox* list;
+  };
+  using Row = std::variant<TextRow, FieldRow, TickRow, ProgressRow, ListRow>;
 
   void build();
   void build_row(const ScreenItem& item);
@@ -76,7 +80,6 @@ class DialogWindow : public Fl_Double_Window {
   int rows_of_buttons(int across) const;
   void fit();
   void draw_panel() const;
-  void browse(const FieldRow& row);
   void closing();
   void report();
 

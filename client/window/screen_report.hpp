@@ -12,7 +12,7 @@ namespace ravok {
 
 struct ShownItem {
   std::string id;
-  std::string kind;  // "heading", "text", "problem", "field", "tick", "progress" or "button"
+  std::string kind;  // "heading", "text", "problem", "field", "tick", "progress", "list" or "button"
   std::string text;
   int left = 0;  // in the window, in the toolkit's units, as the three below
   int top = 0;

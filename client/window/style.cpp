@@ -8,6 +8,7 @@
 
 #include "domain/error.hpp"
 #include "domain/paths.hpp"
+#include "platform/file/foreign_folders.hpp"
 
 namespace ravok {
 namespace {
@@ -31,7 +32,6 @@ std::string family_of(const std::string& path) {
 
 // The toolkit ends the process where it finds no font at all.
 void require_fonts() {
-  const std::unique_ptr<FcFontSet, decltype(&FcFontSetDestroy)> none(nullptr, &FcFontSetDestroy);
   const FcFontSet* const fonts = FcConfigGetFonts(FcConfigGetCurrent(), FcSetSystem);
   require(fonts != nullptr && fonts->nfont > 0, "display", "This system has no fonts to write in a window with");
 }
@@ -39,6 +39,10 @@ void require_fonts() {
 }  // namespace
 
 Style::Style() : theme_(ravok::theme()) {
+  // What root would leave in another user's home, such as a list of fonts, that user could not replace.
+  if (foreign_home()) {
+    FcConfigEnableHome(FcFalse);
+  }
   require_fonts();
   font_names_.reserve(theme_fonts);
   if (theme_.regular_font && use_font(theme_regular, ' ', *theme_.regular_font)) {

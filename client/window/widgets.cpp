@@ -13,7 +13,6 @@ namespace {
 
 constexpr int ring_width = 2;
 constexpr int corner_radius = 6;
-constexpr int field_padding = 6;
 
 void choose_font(const TextStyle& style) { fl_font(style.font, style.size); }
 
@@ -241,7 +240,6 @@ TextField::TextField(const Style& style, std::function<void(const std::string&)>
   cursor_color(text.color);
   color(Style::color(style_.theme().paper));
   selection_color(Style::color(style_.theme().accent));
-  Fl::set_boxtype(FL_FREE_BOXTYPE, fl_rectf, field_padding, ring_width, 2 * field_padding, 2 * ring_width);
   box(FL_FREE_BOXTYPE);
   when(FL_WHEN_CHANGED);
   callback([](Fl_Widget* widget, void*) {
@@ -273,6 +271,77 @@ int TextField::handle(int event) {
 
 void TextField::draw() {
   Fl_Input::draw();
+  if (Fl::focus() == this) {
+    draw_focus_ring(style_, x(), y(), w(), h());
+  } else {
+    fl_rect(x(), y(), w(), h(), Style::color(style_.theme().border));
+  }
+}
+
+ListBox::ListBox(const Style& style, std::function<void(std::size_t)> chosen, std::function<void(std::size_t)> opened)
+    : Fl_Hold_Browser(0, 0, 0, 0), style_(style), chosen_(std::move(chosen)), opened_(std::move(opened)) {
+  const TextStyle text = style_.field();
+  textfont(text.font);
+  textsize(text.size);
+  textcolor(text.color);
+  color(Style::color(style_.theme().paper));
+  selection_color(Style::color(style_.theme().accent));
+  box(FL_FREE_BOXTYPE);
+  has_scrollbar(Fl_Browser_::VERTICAL);
+  // A name is a name, whatever characters it holds.
+  format_char(0);
+  column_char(0);
+  when(FL_WHEN_CHANGED);
+  callback([](Fl_Widget* widget, void*) {
+    auto* const list = static_cast<ListBox*>(widget);
+    if (list->value() > 0) {
+      const auto entry = static_cast<std::size_t>(list->value() - 1);
+      if (Fl::event() == FL_PUSH && Fl::event_clicks() != 0) {
+        Fl::event_clicks(0);
+        list->opened_(entry);
+      } else {
+        list->chosen_(entry);
+      }
+    }
+  });
+}
+
+void ListBox::set(const ScreenList& list) {
+  if (list.entries != entries_) {
+    entries_ = list.entries;
+    clear();
+    for (const std::string& entry : entries_) {
+      add(entry.c_str());
+    }
+  }
+  const int line = list.chosen ? static_cast<int>(*list.chosen) + 1 : 0;
+  if (value() != line) {
+    value(line);
+  }
+}
+
+int ListBox::natural_height() const {
+  constexpr int rows = 8;
+  choose_font(style_.field());
+  return rows * fl_height();
+}
+
+int ListBox::handle(int event) {
+  const bool enter = event == FL_KEYBOARD && (Fl::event_key() == FL_Enter || Fl::event_key() == FL_KP_Enter);
+  if (enter && value() > 0) {
+    opened_(static_cast<std::size_t>(value() - 1));
+    return 1;
+  }
+  const int handled = Fl_Hold_Browser::handle(event);
+  if (event == FL_FOCUS || event == FL_UNFOCUS) {
+    redraw();
+    return 1;
+  }
+  return handled;
+}
+
+void ListBox::draw() {
+  Fl_Hold_Browser::draw();
   if (Fl::focus() == this) {
     draw_focus_ring(style_, x(), y(), w(), h());
   } else {

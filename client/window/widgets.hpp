@@ -9,6 +9,7 @@
 
 #include <FL/Fl_Button.H>
 #include <FL/Fl_Check_Button.H>
+#include <FL/Fl_Hold_Browser.H>
 #include <FL/Fl_Input.H>
 #include <FL/Fl_Widget.H>
 
@@ -115,6 +116,27 @@ class TextField : public Fl_Input {
   const Style& style_;
   std::function<void(const std::string&)> changed_;
   std::function<void()> entered_;
+};
+
+// Entries below one another.
+class ListBox : public Fl_Hold_Browser {
+ public:
+  ListBox(const Style& style, std::function<void(std::size_t)> chosen, std::function<void(std::size_t)> opened);
+
+  // Sets the entries and the chosen one, and shows that.
+  void set(const ScreenList& list);
+  const std::vector<std::string>& entries() const { return entries_; }
+  int natural_height() const;
+
+ protected:
+  int handle(int event) override;
+  void draw() override;
+
+ private:
+  const Style& style_;
+  std::vector<std::string> entries_;
+  std::function<void(std::size_t)> chosen_;
+  std::function<void(std::size_t)> opened_;
 };
 
 // A bar that tells how much of how much is done, or only that something is being done.

@@ -63,6 +63,8 @@ class LauncherDialog {
             [this](std::string_view action) { press(action); },
             [](std::string_view, std::string_view) {},
             [](std::string_view, bool) {},
+            [](std::string_view, std::size_t) {},
+            [](std::string_view, std::size_t) {},
             [this] { closed_ = true; },
             [this] { return closed_; },
             [this](const std::function<void()>& wakeup) { handoff_.set_wakeup(wakeup); }};

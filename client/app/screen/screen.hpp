@@ -2,8 +2,10 @@
 // knows nothing of a toolkit, and who draws it knows nothing of an installation.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <variant>
@@ -25,7 +27,7 @@ struct ScreenField {
   std::string id;
   std::string label;
   std::string text;
-  std::string browse;   // the label of the button that opens a view of folders
+  std::string browse;   // the label of the button beside it, which stands for the action "browse"
   std::string problem;  // why the text cannot serve, shown beside it; empty if it can
 };
 
@@ -42,7 +44,14 @@ struct ScreenProgress {
   std::uint64_t total = 0;  // 0 where nobody knows
 };
 
-using ScreenItem = std::variant<ScreenText, ScreenField, ScreenTick, ScreenProgress>;
+// Entries below one another, of which the user chooses one, or opens one.
+struct ScreenList {
+  std::string id;
+  std::vector<std::string> entries;
+  std::optional<std::size_t> chosen;
+};
+
+using ScreenItem = std::variant<ScreenText, ScreenField, ScreenTick, ScreenProgress, ScreenList>;
 
 enum class ActionTone { normal, accent, danger };
 
@@ -71,6 +80,8 @@ struct ScreenDialog {
   std::function<void(std::string_view action)> press;                        // a button was pressed
   std::function<void(std::string_view field, std::string_view text)> write;  // a field has another text
   std::function<void(std::string_view tick, bool checked)> tick;             // a tick was set or taken away
+  std::function<void(std::string_view list, std::size_t entry)> choose;      // an entry of a list was chosen
+  std::function<void(std::string_view list, std::size_t entry)> open;        // and opened
   std::function<void()> close;                                               // the user wants the window closed
   std::function<bool()> closed;                                              // whether it may close now
   // Sets what is called, from any thread, when another screen may be due.

@@ -134,6 +134,8 @@ Screen SetupDialog::screen() {
       const bool found = facts.state == FolderFacts::State::installed || facts.state == FolderFacts::State::interrupted;
       return found ? installed_screen(facts) : choose_screen(facts);
     }
+    case Page::folders:
+      return folders_.screen();
     case Page::working:
       return working_screen();
     case Page::done:
@@ -165,6 +167,11 @@ void SetupDialog::press(std::string_view action) {
     begin(SetupCommandKind::repair);
   } else if (action == "remove") {
     begin(SetupCommandKind::uninstall);
+  } else if (action == "browse") {
+    folders_.open(path_from_utf8(folder_).lexically_normal());
+    page_ = Page::folders;
+  } else if (action == "use") {
+    use_chosen_folder();
   } else if (action == "retry") {
     begin(command_.command);
   } else if (action == "start") {
@@ -208,7 +215,16 @@ void SetupDialog::close() {
   }
 }
 
+// Writes the folder that was looked for into the field.
+void SetupDialog::use_chosen_folder() {
+  if (const std::optional<std::filesystem::path> place = folders_.place(product_name())) {
+    write(folder_id, path_utf8(*place));
+    show_folder({});
+  }
+}
+
 void SetupDialog::set_wakeup(const std::function<void()>& wakeup) {
+  folders_.set_wakeup(wakeup);
   probe_.set_wakeup(wakeup);
   setup_.set_wakeup(wakeup);
 }
@@ -218,6 +234,8 @@ ScreenDialog SetupDialog::for_window() {
           [this](std::string_view action) { press(action); },
           [this](std::string_view field, std::string_view text) { write(field, text); },
           [this](std::string_view name, bool checked) { tick(name, checked); },
+          [this](std::string_view, std::size_t entry) { choose(entry); },
+          [this](std::string_view, std::size_t entry) { open(entry); },
           [this] { close(); },
           [this] { return closed(); },
           [this](const std::function<void()>& wakeup) { set_wakeup(wakeup); }};

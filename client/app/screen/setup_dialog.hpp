@@ -12,6 +12,7 @@
 #include "app/install/appended_package.hpp"
 #include "app/install/native_package.hpp"
 #include "app/screen/folder_probe.hpp"
+#include "app/screen/folder_view.hpp"
 #include "app/screen/screen.hpp"
 #include "app/setup/native_setup.hpp"
 #include "domain/json.hpp"
@@ -36,9 +37,9 @@ using StartProgram = std::function<void(const std::filesystem::path& image, cons
 
 // To be used from one thread, as ScreenDialog says.
 //
-// Its screens are "choose", "installed", "working", "done", "failed", "remove", "removed" and "broken". The actions are
-// "install", "repair", "start", "uninstall", "remove", "cancel", "retry", "back" and "close", the field is "folder",
-// the tick "remove_data", the progress "progress".
+// Its screens are that of FolderView, "choose", "installed", "working", "done", "failed", "remove", "removed" and
+// "broken". The actions are "browse", "install", "repair", "start", "uninstall", "remove", "cancel", "retry", "back"
+// and "close", the field is "folder", the tick "remove_data", the progress "progress".
 class SetupDialog {
  public:
   // A dialog without a package is one about the removal of an installation. `start` is for tests; without it, programs
@@ -54,6 +55,9 @@ class SetupDialog {
   void write(std::string_view field, std::string_view text);
   void tick(std::string_view tick, bool checked);
 
+  void choose(std::size_t entry) { folders_.choose(entry); }
+  void open(std::size_t entry) { folders_.open_entry(entry); }
+
   // Closes the dialog, once a command under way has stopped, which this asks for.
   void close();
   bool closed() const { return closed_; }
@@ -67,7 +71,7 @@ class SetupDialog {
   ScreenDialog for_window();
 
  private:
-  enum class Page { choose, working, done, failed, remove, removed, broken };
+  enum class Page { choose, folders, working, done, failed, remove, removed, broken };
 
   bool installs() const { return !subject_.package.empty(); }
   void begin(SetupCommandKind kind);
@@ -77,6 +81,7 @@ class SetupDialog {
   void take_failure(const NativeSetup::View& view);
   void finish(Json document);
   void show_folder(std::string notice);
+  void use_chosen_folder();
   void start_client();
 
   Screen choose_screen(const FolderFacts& facts) const;
@@ -107,6 +112,7 @@ class SetupDialog {
   std::string notice_;  // what happened last, in a sentence; empty if nothing did
   std::string error_code_;
   std::string error_message_;
+  FolderView folders_;
   FolderProbe probe_;
   NativeSetup setup_;
 };
