@@ -21,13 +21,6 @@ constexpr int decoration = 36;
 // Of a field, to each side of its text.
 constexpr int field_padding = 6;
 
-template <typename... Handlers>
-struct Overloaded : Handlers... {
-  using Handlers::operator()...;
-};
-template <typename... Handlers>
-Overloaded(Handlers...) -> Overloaded<Handlers...>;
-
 // What makes two screens have the same widgets.
 bool same_shape(const Screen& first, const Screen& second) {
   const auto same_items = [](const ScreenItem& one, const ScreenItem& other) {
@@ -118,7 +111,11 @@ void DialogWindow::build() {
   begin();
   heading_ = new TextBlock(screen_.heading, style_.title(screen_.heading_tone));
   for (const ScreenItem& item : screen_.items) {
-    build_row(item);
+    rows_.push_back(make_row(item, style_, dialog_, [this] {
+      if (!buttons_.empty()) {
+        buttons_.front()->do_callback();
+      }
+    }));
   }
   for (const ScreenAction& action : screen_.actions) {
     buttons_.push_back(
@@ -138,97 +135,20 @@ void DialogWindow::build() {
   }
 }
 
-void DialogWindow::build_row(const ScreenItem& item) {
-  const auto text = [this](const ScreenText& shown) {
-    rows_.emplace_back(TextRow{shown.id, new TextBlock(shown.text, style_.body(shown.tone))});
-  };
-  const auto field = [this](const ScreenField& shown) {
-    FieldRow row = {shown.id, new TextBlock(shown.label, style_.label()), nullptr, nullptr, nullptr};
-    row.field = new TextField(
-        style_, [this, id = shown.id](const std::string& value) { dialog_.write(id, value); },
-        [this] {
-          if (!buttons_.empty()) {
-            buttons_.front()->do_callback();
-          }
-        });
-    row.field->set(shown.text);
-    row.browse = new ActionButton({"browse", shown.browse, ActionTone::normal}, style_, style_.theme().panel,
-                                  [this] { dialog_.press("browse"); });
-    row.problem = new TextBlock(shown.problem, style_.small(TextTone::warning));
-    rows_.emplace_back(std::move(row));
-  };
-  const auto tick = [this](const ScreenTick& shown) {
-    rows_.emplace_back(TickRow{
-        shown.id, new TickBox(shown, style_, [this, id = shown.id](bool checked) { dialog_.tick(id, checked); })});
-  };
-  const auto progress = [this](const ScreenProgress& shown) {
-    ProgressRow row = {shown.id, new TextBlock(shown.text, style_.body(TextTone::normal)), new ProgressBar(style_)};
-    row.bar->set(shown.done, shown.total);
-    rows_.emplace_back(std::move(row));
-  };
-  const auto list = [this](const ScreenList& shown) {
-    ListRow row = {shown.id, new ListBox(
-                                 style_, [this, id = shown.id](std::size_t entry) { dialog_.choose(id, entry); },
-                                 [this, id = shown.id](std::size_t entry) { dialog_.open(id, entry); })};
-    row.list->set(shown);
-    rows_.emplace_back(std::move(row));
-  };
-  std::visit(Overloaded{text, field, tick, progress, list}, item);
-}
-
 // Takes over what has changed on the same screen. Returns whether anything has that takes another place.
 bool DialogWindow::update() {
   bool changed = heading_->set(screen_.heading, style_.title(screen_.heading_tone));
   for (std::size_t i = 0; i < rows_.size(); ++i) {
-    changed = update_row(screen_.items[i], rows_[i]) || changed;
+    changed = update_row(rows_[i], screen_.items[i], style_) || changed;
   }
   return changed;
-}
-
-bool DialogWindow::update_row(const ScreenItem& item, Row& row) {
-  const auto text = [&](const ScreenText& shown) {
-    return std::get<TextRow>(row).block->set(shown.text, style_.body(shown.tone));
-  };
-  const auto field = [&](const ScreenField& shown) {
-    const FieldRow& widgets = std::get<FieldRow>(row);
-    if (widgets.field->text() != shown.text) {
-      widgets.field->set(shown.text);
-    }
-    return widgets.problem->set(shown.problem, style_.small(TextTone::warning));
-  };
-  const auto tick = [&](const ScreenTick& shown) {
-    TickBox* const box = std::get<TickRow>(row).box;
-    box->value(shown.checked ? 1 : 0);
-    return false;
-  };
-  const auto progress = [&](const ScreenProgress& shown) {
-    const ProgressRow& widgets = std::get<ProgressRow>(row);
-    widgets.bar->set(shown.done, shown.total);
-    return widgets.text->set(shown.text, style_.body(TextTone::normal));
-  };
-  const auto list = [&](const ScreenList& shown) {
-    std::get<ListRow>(row).list->set(shown);
-    return false;
-  };
-  return std::visit(Overloaded{text, field, tick, progress, list}, item);
 }
 
 std::string DialogWindow::focused() const {
   const Fl_Widget* const focus = Fl::focus();
   for (const Row& row : rows_) {
-    if (const auto* const field = std::get_if<FieldRow>(&row)) {
-      if (field->field == focus) {
-        return field->id;
-      }
-      if (field->browse == focus) {
-        return field->browse->id();
-      }
-    }
-    if (const auto* const tick = std::get_if<TickRow>(&row); tick != nullptr && tick->box == focus) {
-      return tick->id;
-    }
-    if (const auto* const list = std::get_if<ListRow>(&row); list != nullptr && list->list == focus) {
-      return list->id;
+    if (std::string id = focused_in(row); !id.empty()) {
+      return id;
     }
   }
   for (const ActionButton* button : buttons_) {
@@ -241,14 +161,8 @@ std::string DialogWindow::focused() const {
 
 Fl_Widget* DialogWindow::find(const std::string& id) const {
   for (const Row& row : rows_) {
-    if (const auto* const field = std::get_if<FieldRow>(&row); field != nullptr && field->id == id) {
-      return field->field;
-    }
-    if (const auto* const tick = std::get_if<TickRow>(&row); tick != nullptr && tick->id == id) {
-      return tick->box;
-    }
-    if (const auto* const list = std::get_if<ListRow>(&row); list != nullptr && list->id == id) {
-      return list->list;
+    if (Fl_Widget* const widget = find_in(row, id)) {
+      return widget;
     }
   }
   for (ActionButton* button : buttons_) {
@@ -277,7 +191,7 @@ int DialogWindow::place(int across, int down) {
   int top = panel_top_ + padding;
   const int inner = across - 2 * margin - 2 * padding;
   for (Row& row : rows_) {
-    const int height = place_row(row, margin + padding, top, inner);
+    const int height = place_row(row, style_, margin + padding, top, inner);
     top += height + (height == 0 ? 0 : style_.gap());
   }
   const int buttons = place_buttons(0, across);
@@ -305,42 +219,6 @@ int DialogWindow::place_header(int across) {
   const int row = std::max(height, icon_side_);
   heading_->resize(left, top + (row - height) / 2, across - left - margin, height);
   return top + row + style_.gap();
-}
-
-int DialogWindow::place_row(Row& row, int left, int top, int across) {
-  const auto text = [&](TextRow& widgets) {
-    const int height = widgets.block->wrap(across);
-    widgets.block->resize(left, top, across, height);
-    return height;
-  };
-  const auto field = [&](FieldRow& widgets) {
-    const int label = widgets.label->wrap(across);
-    widgets.label->resize(left, top, across, label);
-    const int height = std::max(widgets.field->natural_height(), widgets.browse->natural_height());
-    const int button = widgets.browse->natural_width();
-    const int inset = (height - widgets.field->natural_height()) / 2;
-    widgets.field->resize(left, top + label + inset, across - button - style_.gap(), widgets.field->natural_height());
-    widgets.browse->resize(left + across - button, top + label, button, height);
-    const int problem = widgets.problem->text().empty() ? 0 : widgets.problem->wrap(across);
-    widgets.problem->resize(left, top + label + height, across, problem);
-    return label + height + problem;
-  };
-  const auto tick = [&](TickRow& widgets) {
-    const int height = widgets.box->wrap(across);
-    widgets.box->position(left, top);
-    return height;
-  };
-  const auto progress = [&](ProgressRow& widgets) {
-    const int label = widgets.text->wrap(across);
-    widgets.text->resize(left, top, across, label);
-    widgets.bar->resize(left, top + label + style_.gap() / 2, across, widgets.bar->natural_height());
-    return label + style_.gap() / 2 + widgets.bar->natural_height();
-  };
-  const auto list = [&](ListRow& widgets) {
-    widgets.list->resize(left, top, across, widgets.list->natural_height());
-    return widgets.list->natural_height();
-  };
-  return std::visit(Overloaded{text, field, tick, progress, list}, row);
 }
 
 // Puts the buttons into rows, to the right, the first one first. Returns the height that they take.
@@ -462,38 +340,12 @@ void DialogWindow::closing() {
 
 void DialogWindow::report() {
   std::vector<ShownItem> items;
-  const auto add = [&](const std::string& id, const char* kind, const std::string& text, const Fl_Widget* widget) {
-    items.push_back({id, kind, text, widget->x(), widget->y(), widget->w(), widget->h(), false});
-  };
-  add("heading", "heading", heading_->text(), heading_);
+  items.push_back(shown_item("heading", "heading", heading_->text(), *heading_));
   for (const Row& row : rows_) {
-    std::visit(Overloaded{[&](const TextRow& shown) { add(shown.id, "text", shown.block->text(), shown.block); },
-                          [&](const FieldRow& shown) {
-                            add(shown.id, "field", shown.field->text(), shown.field);
-                            add(shown.browse->id(), "button", shown.browse->text(), shown.browse);
-                            if (!shown.problem->text().empty()) {
-                              add(shown.id + "_problem", "problem", shown.problem->text(), shown.problem);
-                            }
-                          },
-                          [&](const TickRow& shown) {
-                            add(shown.id, "tick", shown.box->text(), shown.box);
-                            items.back().checked = shown.box->value() != 0;
-                          },
-                          [&](const ProgressRow& shown) {
-                            add(shown.id + "_text", "text", shown.text->text(), shown.text);
-                            add(shown.id, "progress", {}, shown.bar);
-                          },
-                          [&](const ListRow& shown) {
-                            std::string entries;
-                            for (const std::string& entry : shown.list->entries()) {
-                              entries += entry + "\n";
-                            }
-                            add(shown.id, "list", entries, shown.list);
-                          }},
-               row);
+    report_row(row, items);
   }
   for (const ActionButton* button : buttons_) {
-    add(button->id(), "button", button->text(), button);
+    items.push_back(shown_item(button->id(), "button", button->text(), *button));
   }
   report_screen(*this, screen_.id, focused(), frames_, items);
 }

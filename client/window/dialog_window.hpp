@@ -6,13 +6,13 @@
 #include <memory>
 #include <string>
 #include <string_view>
-#include <variant>
 #include <vector>
 
 #include <FL/Fl_Double_Window.H>
 
 #include "app/screen/screen.hpp"
 #include "window/picture.hpp"
+#include "window/rows.hpp"
 #include "window/style.hpp"
 #include "window/widgets.hpp"
 
@@ -39,45 +39,15 @@ class DialogWindow : public Fl_Double_Window {
   void resize(int left, int top, int across, int down) override;
 
  private:
-  struct TextRow {
-    std::string id;
-    TextBlock* block;
-  };
-  struct FieldRow {
-    std::string id;
-    TextBlock* label;
-    TextField* field;
-    ActionButton* browse;
-    TextBlock* problem;
-  };
-  struct TickRow {
-    std::string id;
-    TickBox* box;
-  };
-  struct ProgressRow {
-    std::string id;
-    TextBlock* text;
-    ProgressBar* bar;
-  };
-  struct ListRow {
-    std::string id;
-    ListBox* list;
-  };
-  using Row = std::variant<TextRow, FieldRow, TickRow, ProgressRow, ListRow>;
-
   void build();
-  void build_row(const ScreenItem& item);
   bool update();
-  bool update_row(const ScreenItem& item, Row& row);
   void give_focus(const std::string& id);
   std::string focused() const;
   Fl_Widget* find(const std::string& id) const;
 
   int place(int across, int down);
   int place_header(int across);
-  int place_row(Row& row, int left, int top, int across);
   int place_buttons(int top, int across);
-  int rows_of_buttons(int across) const;
   void fit();
   void draw_panel() const;
   void closing();

@@ -59,7 +59,7 @@ FolderListing list_folder(const std::filesystem::path& folder) {
 
 FolderView::FolderView() : listings_(list_folder, {}) {}
 
-void FolderView::open(const std::filesystem::path& folder) {
+void FolderView::show(const std::filesystem::path& folder) {
   folder_ = folder;
   chosen_.reset();
   listings_.ask(folder_);
@@ -117,9 +117,9 @@ void FolderView::choose(std::size_t entry) {
   }
 }
 
-void FolderView::open_entry(std::size_t entry) {
+void FolderView::enter(std::size_t entry) {
   if (const std::optional<std::filesystem::path> path = entry_path(entry)) {
-    open(*path);
+    show(*path);
   }
 }
 

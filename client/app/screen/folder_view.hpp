@@ -32,13 +32,13 @@ class FolderView {
   FolderView();
 
   // Begins to show a folder.
-  void open(const std::filesystem::path& folder);
+  void show(const std::filesystem::path& folder);
 
   Screen screen() const;
 
-  // An entry of the list was chosen, or opened.
+  // An entry of the list was chosen, or is to be shown itself.
   void choose(std::size_t entry);
-  void open_entry(std::size_t entry);
+  void enter(std::size_t entry);
 
   // Returns the place for an installation of that name: the chosen folder itself if it is empty or has that name, and
   // otherwise a folder of that name in it. Returns nothing while the folder is not known.

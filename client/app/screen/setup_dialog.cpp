@@ -168,7 +168,7 @@ void SetupDialog::press(std::string_view action) {
   } else if (action == "remove") {
     begin(SetupCommandKind::uninstall);
   } else if (action == "browse") {
-    folders_.open(path_from_utf8(folder_).lexically_normal());
+    folders_.show(path_from_utf8(folder_).lexically_normal());
     page_ = Page::folders;
   } else if (action == "use") {
     use_chosen_folder();
@@ -235,7 +235,7 @@ ScreenDialog SetupDialog::for_window() {
           [this](std::string_view field, std::string_view text) { write(field, text); },
           [this](std::string_view name, bool checked) { tick(name, checked); },
           [this](std::string_view, std::size_t entry) { choose(entry); },
-          [this](std::string_view, std::size_t entry) { open(entry); },
+          [this](std::string_view, std::size_t entry) { enter(entry); },
           [this] { close(); },
           [this] { return closed(); },
           [this](const std::function<void()>& wakeup) { set_wakeup(wakeup); }};

@@ -56,7 +56,7 @@ class SetupDialog {
   void tick(std::string_view tick, bool checked);
 
   void choose(std::size_t entry) { folders_.choose(entry); }
-  void open(std::size_t entry) { folders_.open_entry(entry); }
+  void enter(std::size_t entry) { folders_.enter(entry); }
 
   // Closes the dialog, once a command under way has stopped, which this asks for.
   void close();
