@@ -17,7 +17,8 @@ std::filesystem::path macos_installer_package(const std::filesystem::path& execu
 }
 
 std::filesystem::path linux_installer_package(const std::filesystem::path& executable) {
-  if (executable.filename() != "ravok-install") {
+  const std::filesystem::path program = executable.filename();
+  if (program != "ravok-install" && program != "ravok-install-gui") {
     return {};
   }
   return executable.parent_path() / "initial-package";

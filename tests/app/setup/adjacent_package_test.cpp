@@ -31,8 +31,12 @@ TEST(MacosInstallerPackage, ComparesWholeComponents) {
 }
 
 TEST(LinuxInstallerPackage, LiesBesideTheInstaller) {
-  EXPECT_EQ(linux_installer_package("/x/ravok-install"), "/x/initial-package");
-  for (const char* executable : {"", "/x/ravok-install-gui", "/x/ravok-maintenance", "/x/ravok-install/y"}) {
+  for (const char* executable : {"/x/ravok-install", "/x/ravok-install-gui"}) {
+    EXPECT_EQ(linux_installer_package(executable), "/x/initial-package") << executable;
+  }
+  for (const char* executable :
+       {"", "/x/ravok-install-gui-", "/x/xravok-install-gui", "/x/ravok-install-", "/x/ravok-maintenance",
+        "/x/ravok-maintenance-gui", "/x/ravok-install/y", "/x/ravok-install-gui/y"}) {
     EXPECT_EQ(linux_installer_package(executable), "") << executable;
   }
 }
@@ -45,7 +49,7 @@ struct Installer {
 
 Installer native_installer() {
   if (!programs_are_bundles()) {
-    return {"ravok-install", "initial-package"};
+    return {"ravok-install-gui", "initial-package"};
   }
   return {"RavokInstaller.app/Contents/MacOS/ravok-install-gui",
           "RavokInstaller.app/Contents/Resources/initial-package"};
