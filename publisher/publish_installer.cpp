@@ -26,7 +26,7 @@ constexpr std::size_t maximum_entries = 65'536;  // of a package that has been p
 constexpr std::uint64_t notices_limit = 16'777'216;
 constexpr const char* package_name = "initial-package";
 constexpr const char* program_name = "ravok-install";
-constexpr const char* desktop_file_name = "ravok-install.desktop";
+constexpr const char* window_program_name = "ravok-install-gui";
 constexpr const char* unbranded_product = "Ravok";
 
 // Whether the bytes begin with a slot, with a seal in it or without. The mark alone is not enough: this program's own
@@ -75,6 +75,12 @@ bool must_be_signed(const InstallerPublication& publication, const std::string& 
   return image != ProgramImage::other;
 }
 
+// A program's image with its seal in it.
+struct SealedProgram {
+  std::string image;
+  bool to_sign = false;
+};
+
 // An installer's parts, once everything that can be judged without writing has been judged.
 class InstallerAssembly {
  public:
@@ -87,7 +93,7 @@ class InstallerAssembly {
     require_outside(output_, publication_.package,
                     publication_.single_file ? "The installer must lie outside the package"
                                              : "The installer's folder must lie outside the package");
-    about(publication_.program, [&] { read_program(); });
+    read_programs();
     if (!publication_.notices.empty() && !publication_.single_file) {
       notices_ = about(publication_.notices, [&] { return read_file(publication_.notices, notices_limit); });
       published_.notices = output_ / third_party_notices;
@@ -105,17 +111,38 @@ class InstallerAssembly {
   }
 
  private:
-  void read_program() {
-    program_ = with_seal(read_file(publication_.program, maximum_installer_program_bytes), published_.seal);
-    require_bare_program(program_);
-    to_sign_ = must_be_signed(publication_, program_);
-    const bool for_macos = inspect_program_image(program_) != ProgramImage::other;
+  bool has_window() const { return !publication_.window_program.empty(); }
+
+  void read_programs() {
+    if (!has_window() || !publication_.single_file) {
+      program_ = about(publication_.program, [&] { return read_program(publication_.program); });
+    }
+    if (has_window()) {
+      window_program_ = about(publication_.window_program, [&] {
+        SealedProgram program = read_program(publication_.window_program);
+        require(!is_for_macos(program.image), "invalid_installer", "The program with a window must be one for Linux");
+        require(program.image != program_.image, "invalid_installer",
+                "The program with a window is the same as the one for the console");
+        return program;
+      });
+    }
+  }
+
+  static bool is_for_macos(const std::string& image) { return inspect_program_image(image) != ProgramImage::other; }
+
+  SealedProgram read_program(const std::filesystem::path& path) const {
+    SealedProgram program;
+    program.image = with_seal(read_file(path, maximum_installer_program_bytes), published_.seal);
+    require_bare_program(program.image);
+    program.to_sign = must_be_signed(publication_, program.image);
+    const bool for_macos = is_for_macos(program.image);
     require(!publication_.desktop_file || !for_macos, "invalid_installer",
             "Desktop entries start programs for Linux alone");
     if (publication_.single_file) {
       require(!for_macos, "invalid_installer", "A program for macOS carries no package; make a folder");
-      require_place_for_package(program_);
+      require_place_for_package(program.image);
     }
+    return program;
   }
 
   // The progress of one of the three passes over the package, as a part of the whole.
@@ -137,7 +164,8 @@ class InstallerAssembly {
 
   void write_file() {
     OutputFile file(output_);
-    const AppendedPlace place = write_single_file_installer(program_, publication_.package, file, copying());
+    const AppendedPlace place = write_single_file_installer(has_window() ? window_program_.image : program_.image,
+                                                            publication_.package, file, copying());
     read_native_package(AppendedPackage::in_range(file.written(), output_, place), published_.seal, pass(2));
     file.commit();
     file.keep();
@@ -153,13 +181,19 @@ class InstallerAssembly {
       copy_file(publication_.package / name, package / name, progress);
     }
     read_native_package(package, published_.seal, pass(2));
-    write_program(folder.path() / program_name);
+    write_program(program_, folder.path() / program_name);
+    if (has_window()) {
+      write_program(window_program_, folder.path() / window_program_name);
+      published_.window_program = output_ / window_program_name;
+    }
     if (!published_.notices.empty()) {
       write_new_file(folder.path() / third_party_notices, notices_);
     }
     if (publication_.desktop_file) {
-      write_runnable(folder.path() / desktop_file_name, installer_desktop_entry(product));
-      published_.desktop_file = output_ / desktop_file_name;
+      const std::string name = std::string(has_window() ? window_program_name : program_name) + ".desktop";
+      write_runnable(folder.path() / name,
+                     has_window() ? window_installer_desktop_entry(product) : installer_desktop_entry(product));
+      published_.desktop_file = output_ / name;
     }
     folder.commit();
     published_.program = output_ / program_name;
@@ -175,10 +209,10 @@ class InstallerAssembly {
     file.keep();
   }
 
-  void write_program(const std::filesystem::path& path) const {
-    write_new_file(path, program_);
+  void write_program(const SealedProgram& program, const std::filesystem::path& path) const {
+    write_new_file(path, program.image);
     std::filesystem::permissions(path, std::filesystem::perms(permissions::program));
-    if (to_sign_) {
+    if (program.to_sign) {
       sign_program(publication_.signer, path,
                    publication_.signing_identity.empty() ? "-" : publication_.signing_identity);
     }
@@ -189,9 +223,9 @@ class InstallerAssembly {
   const ProgressCallback& progress_;
   const std::filesystem::path output_;
   PublishedInstaller published_;
-  std::string program_;
+  SealedProgram program_;
+  SealedProgram window_program_;
   std::string notices_;
-  bool to_sign_ = false;
   std::uint64_t copied_ = 0;  // bytes, of two passes
   std::uint64_t whole_ = 0;   // bytes, of all three
 };

@@ -22,7 +22,7 @@ namespace ravok {
 namespace {
 
 constexpr const char* shipped_package_name = "initial-package";
-constexpr const char* installer_name = "ravok-install";
+constexpr const char* installer_names[] = {"ravok-install", "ravok-install-gui"};
 constexpr const char* invalid_package_record = "invalid_native_package";
 
 bool has_descriptor(const std::filesystem::path& directory) {
@@ -68,7 +68,7 @@ PackageFiles find_package(const std::filesystem::path& path) {
   return PackageFiles(has_descriptor(path) ? path : path / shipped_package_name);
 }
 
-// Proves that an installer beside the package, or the one whose file the package lies in, is sealed for it.
+// Proves that the installers beside the package, or the one whose file the package lies in, are sealed for it.
 void require_installer(const std::filesystem::path& path, const ShippedPackage& package) {
   if (package.appended) {
     about(path, [&] {
@@ -77,9 +77,14 @@ void require_installer(const std::filesystem::path& path, const ShippedPackage& 
     });
     return;
   }
-  const std::filesystem::path installer = path / installer_name;
-  if (package.directory != path && !is_missing(installer)) {
-    about(installer, [&] { require_seal(read_file(installer, maximum_installer_program_bytes), package.seal); });
+  if (package.directory == path) {
+    return;
+  }
+  for (const char* const name : installer_names) {
+    const std::filesystem::path installer = path / name;
+    if (!is_missing(installer)) {
+      about(installer, [&] { require_seal(read_file(installer, maximum_installer_program_bytes), package.seal); });
+    }
   }
 }
 

@@ -28,7 +28,7 @@ struct ShippedPackage {
 // in one file. Fails with "content_mismatch" for such an installer whose slot was damaged, and as read_file does.
 bool is_shipped_package(const std::filesystem::path& path);
 
-// Reads what a package's descriptor says, and the parts of it that are here, each proved against the descriptor. An
+// Reads what a package's descriptor says, and the parts of it that are here, each proved against the descriptor. Every
 // installer beside or before the package must be sealed for it. Fails with "invalid_native_package",
 // "unsupported_schema", "content_mismatch"; with "native_install_trust" for an installer that is sealed for another
 // package; and as read_file, AppendedPackage::in_file, parse_json and TrustedSet do for the documents.

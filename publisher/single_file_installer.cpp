@@ -94,8 +94,7 @@ std::optional<AppendedPlace> find_appended_place(std::string_view front) {
 
 void require_bare_program(std::string_view image) {
   for (const std::string_view text : texts_behind_marks(image)) {
-    require(!place_in_slot(text), invalid_program,
-            "The program carries a package already; give ravok-install as it was built");
+    require(!place_in_slot(text), invalid_program, "The program carries a package already; give it as it was built");
   }
 }
 

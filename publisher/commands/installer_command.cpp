@@ -13,6 +13,10 @@
 namespace ravok {
 namespace {
 
+constexpr const char* no_window_program =
+    "No ravok-install-gui lies beside this program; build the programs with a window, or name the file with "
+    "--gui-program FILE";
+
 constexpr const char* no_notices =
     "No third-party-notices.txt is found, so the installer comes without the licences of the libraries in it. They ask "
     "to be passed on: name the file with --notices FILE.";
@@ -22,19 +26,46 @@ constexpr const char* no_notices_in_client =
     "installer comes without the licences of the libraries in it. They ask to be passed on: put the file into the tree "
     "of the bootstrap, and make the package again.";
 
-// Returns the notices beside the installer's program, beside this program, or where this program's installation has
-// them; an empty path where there are none.
-std::filesystem::path find_notices(const std::filesystem::path& installer) {
+bool is_regular(const std::filesystem::path& path) {
+  std::error_code problem;
+  return std::filesystem::is_regular_file(path, problem);
+}
+
+// Returns the notices beside an installer's program, beside this program, or where this program's installation has
+// them; an empty path where there are none. Those beside the program with a window come first: they tell of its
+// toolkit, too.
+std::filesystem::path find_notices(const InstallerPublication& publication) {
   const std::filesystem::path here = current_executable_path().parent_path();
-  for (const std::filesystem::path& folder :
-       {installer.parent_path(), here, here.parent_path() / "share" / "doc" / "ravok"}) {
-    std::filesystem::path found = folder / third_party_notices;
-    std::error_code problem;
-    if (std::filesystem::is_regular_file(found, problem)) {
+  for (const std::filesystem::path& program :
+       {publication.window_program, publication.program, here / third_party_notices,
+        here.parent_path() / "share" / "doc" / "ravok" / third_party_notices}) {
+    std::filesystem::path found = program.parent_path() / third_party_notices;
+    if (!program.empty() && is_regular(found)) {
       return found;
     }
   }
   return {};
+}
+
+// What the command line says beside the publication itself.
+struct InstallerOptions {
+  InstallerPublication publication;
+  bool window = false;
+};
+
+// Returns the publication with the programs that are not named.
+InstallerPublication with_programs(const InstallerOptions& options) {
+  InstallerPublication publication = options.publication;
+  const std::filesystem::path here = current_executable_path().parent_path();
+  if (publication.program.empty()) {
+    publication.program = here / "ravok-install";
+  }
+  if (options.window && publication.window_program.empty()) {
+    publication.window_program = here / "ravok-install-gui";
+    require(is_regular(publication.window_program), "file_read", no_window_program);
+  }
+  publication.desktop_file = publication.desktop_file || (options.window && !publication.single_file);
+  return publication;
 }
 
 void tell_notices(const PublishedInstaller& published, const CommandRun& run, bool single_file, CommandResult& result) {
@@ -52,20 +83,24 @@ void tell_notices(const PublishedInstaller& published, const CommandRun& run, bo
   }
 }
 
-CommandResult publish(InstallerPublication publication, const CommandRun& run) {
-  judge_options([&] {
-    require(publication.signing_identity.empty() || !publication.signer.empty(), "usage",
-            "Programs are signed on macOS alone");
-    require(publication.notices.empty() || !publication.single_file, "usage",
-            "One file has no place for the notices; ship them in the client that it installs");
-    require(!publication.single_file || !publication.desktop_file, "usage",
-            "--desktop-file is for an installer in a folder");
-  });
-  if (publication.program.empty()) {
-    publication.program = current_executable_path().parent_path() / "ravok-install";
-  }
+void judge(const InstallerOptions& options) {
+  const InstallerPublication& publication = options.publication;
+  require(publication.signing_identity.empty() || !publication.signer.empty(), "usage",
+          "Programs are signed on macOS alone");
+  require(publication.notices.empty() || !publication.single_file, "usage",
+          "One file has no place for the notices; ship them in the client that it installs");
+  require(!publication.single_file || !publication.desktop_file, "usage",
+          "--desktop-file is for an installer in a folder");
+  require(options.window || publication.window_program.empty(), "usage", "--gui-program is for --gui");
+  require(!options.window || !publication.single_file || publication.program.empty(), "usage",
+          "With --gui, one file is the program with a window; name that with --gui-program");
+}
+
+CommandResult publish(const InstallerOptions& options, const CommandRun& run) {
+  judge_options([&] { judge(options); });
+  InstallerPublication publication = with_programs(options);
   if (publication.notices.empty() && !publication.single_file) {
-    publication.notices = find_notices(publication.program);
+    publication.notices = find_notices(publication);
   }
   PublishedInstaller published;
   {
@@ -77,6 +112,9 @@ CommandResult publish(InstallerPublication publication, const CommandRun& run) {
   }
   CommandResult result;
   result.lines.push_back("Installer: " + path_utf8(published.program));
+  if (!published.window_program.empty()) {
+    result.lines.push_back("Installer with a window: " + path_utf8(published.window_program));
+  }
   if (!published.package.empty()) {
     result.lines.push_back("Package: " + path_utf8(published.package));
   }
@@ -86,6 +124,9 @@ CommandResult publish(InstallerPublication publication, const CommandRun& run) {
   result.lines.push_back("Seal: " + published.seal);
   if (run.json) {
     result.document = {{"installer", described_file(published.program)}, {"seal", published.seal}};
+    if (!published.window_program.empty()) {
+      result.document["gui_installer"] = described_file(published.window_program);
+    }
     if (!published.package.empty()) {
       result.document["package"] = described_folder(published.package);
     }
@@ -101,7 +142,8 @@ CommandResult publish(InstallerPublication publication, const CommandRun& run) {
 }  // namespace
 
 PublishCommand add_installer_command(CLI::App& program) {
-  const auto publication = std::make_shared<InstallerPublication>();
+  const auto options = std::make_shared<InstallerOptions>();
+  InstallerPublication* const publication = &options->publication;
   CLI::App* const command =
       program.add_subcommand("installer", "Makes an installer, ready to ship: a folder or one file");
   command
@@ -113,10 +155,18 @@ PublishCommand add_installer_command(CLI::App& program) {
                    "The folder to make, or with --single-file the file; it must not exist yet")
       ->required();
   command->add_flag("--single-file", publication->single_file, "Puts the package behind the program, into one file");
+  command->add_flag("--gui", options->window,
+                    "Adds the installer program with a window to the folder, and a desktop entry that starts it; with "
+                    "--single-file, it is the one file");
   command->add_flag("--desktop-file", publication->desktop_file,
-                    "Adds a desktop entry to the folder, which starts the program from a file manager");
+                    "Adds a desktop entry to the folder, which starts the program from a file manager: in a terminal, "
+                    "or with --gui in its window");
   command
       ->add_option("--program", publication->program, "The installer program; by default the one beside this program")
+      ->type_name("FILE");
+  command
+      ->add_option("--gui-program", publication->window_program,
+                   "The installer program with a window; by default the one beside this program")
       ->type_name("FILE");
   command
       ->add_option("--sign", publication->signing_identity,
@@ -127,7 +177,7 @@ PublishCommand add_installer_command(CLI::App& program) {
                    "The licences of the libraries in the programs, which are put beside the installer; by default "
                    "third-party-notices.txt beside the installer program or this one")
       ->type_name("FILE");
-  return {command, [publication](const CommandRun& run) { return publish(*publication, run); }};
+  return {command, [options](const CommandRun& run) { return publish(*options, run); }};
 }
 
 }  // namespace ravok

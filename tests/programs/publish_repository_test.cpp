@@ -10,11 +10,13 @@
 #include <sys/stat.h>
 
 #include "app/install/native_package.hpp"
+#include "app/install/package_seal.hpp"
 #include "domain/crypto.hpp"
 #include "platform/process/native_platform.hpp"
 #include "support/package_builder.hpp"
 #include "support/process.hpp"
 #include "support/temporary_root.hpp"
+#include "support/window_program.hpp"
 
 namespace ravok::publish_repository_test {
 namespace {
@@ -151,6 +153,86 @@ TEST_F(PublishRepository, MakesAnInstallerOfItsOwnProgramAndSaysWhatItMade) {
   EXPECT_EQ(installed.exit_code, 0) << installed.errors;
   EXPECT_EQ(installed.output, "Installed Acme Games in " + (root / "data").native() + ".\n");
   EXPECT_EQ(read_native_package(folder + "/initial-package", seal, {}).origin, "https://games.example");
+}
+
+// The program with a window is a script here.
+TEST_F(PublishRepository, MakesAnInstallerWithAWindowOfTheProgramBesideIt) {
+  const std::string package = root / "package";
+  const std::string folder = root / "installer";
+  const std::string seal = testing::InitialPackage().write(package);
+  root.directory("bin");
+  for (const char* program : {RAVOK_PUBLISH, RAVOK_INSTALL}) {
+    std::filesystem::copy_file(program, root / "bin" / std::filesystem::path(program).filename());
+  }
+  const Arguments arguments = {"installer", package, folder, "--gui"};
+  const ProgramResult without = run_program({root / "bin/ravok-publish", arguments, {}, ""});
+  EXPECT_EQ(without.exit_code, 1);
+  EXPECT_EQ(without.output, "");
+  EXPECT_EQ(without.errors,
+            "No ravok-install-gui lies beside this program; build the programs with a window, or name the file with "
+            "--gui-program FILE\n");
+  EXPECT_FALSE(std::filesystem::exists(folder));
+
+  root.write("bin/ravok-install-gui", testing::window_program("echo \"$0\""));
+  const ProgramResult with = run_program({root / "bin/ravok-publish", arguments, {}, ""});
+  EXPECT_EQ(with.exit_code, 0) << with.errors;
+  EXPECT_EQ(with.output, "Installer: " + folder + "/ravok-install\nInstaller with a window: " + folder +
+                             "/ravok-install-gui\nPackage: " + folder + "/initial-package\nDesktop entry: " + folder +
+                             "/ravok-install-gui.desktop\nSeal: " + seal +
+                             "\nCan be installed until 2999-12-31T23:59:59Z, when its root document expires\n");
+  const ProgramResult started = run_program({folder + "/ravok-install-gui", {}, {}, ""});
+  EXPECT_EQ(started.output, folder + "/ravok-install-gui\n");
+  EXPECT_NE(root.read("installer/ravok-install-gui").find(std::string(package_seal_mark) + seal), std::string::npos);
+}
+
+TEST_F(PublishRepository, MakesOneFileOfTheProgramWithAWindow) {
+  const std::string package = root / "package";
+  const std::string file = root / "installer";
+  testing::InitialPackage().write(package);
+  const std::string window = root.write("window", testing::window_program("echo \"$0\""));
+  const ProgramResult published =
+      publisher({"installer", package, file, "--single-file", "--gui", "--gui-program", window, "--json"});
+  EXPECT_EQ(published.exit_code, 0) << published.errors;
+  const Json made = Json::parse(published.output);
+  EXPECT_EQ(made.at("installer").at("path"), file);
+  EXPECT_FALSE(made.contains("gui_installer"));
+  EXPECT_FALSE(made.contains("desktop_file"));
+  const ProgramResult started = run_program({file, {}, {}, ""});
+  EXPECT_EQ(started.output, file + "\n") << started.errors;
+}
+
+TEST_F(PublishRepository, TellsOfAnInstallerWithAWindowInADocument) {
+  const auto described = [&](const std::string& name) {
+    const std::string bytes = root.read(name);
+    return Json{{"path", (root / name).native()}, {"length", bytes.size()}, {"sha256", digest(bytes, "sha256")}};
+  };
+  testing::InitialPackage().write(root / "package");
+  // The notices beside the program with a window tell of its toolkit too.
+  root.write("other/third-party-notices.txt", "Of the window.\n");
+  const std::string window = root.write("other/window", testing::window_program(""));
+  const Json made = Json::parse(expect_published(
+      {"installer", root / "package", root / "installer", "--gui", "--gui-program", window, "--json"}));
+  EXPECT_EQ(made.at("installer"), described("installer/ravok-install"));
+  EXPECT_EQ(made.at("gui_installer"), described("installer/ravok-install-gui"));
+  EXPECT_EQ(made.at("desktop_file"), described("installer/ravok-install-gui.desktop"));
+  EXPECT_EQ(made.at("notices"), described("installer/third-party-notices.txt"));
+  EXPECT_EQ(root.read("installer/third-party-notices.txt"), "Of the window.\n");
+}
+
+TEST_F(PublishRepository, RefusesAWindowThatCannotBeMade) {
+  const std::string package = root / "package";
+  const std::string folder = root / "installer";
+  testing::InitialPackage().write(package);
+  const std::string window = root.write("window", "a program");
+  expect_refused({"installer", package, folder, "--gui", "--gui-program", window}, 1,
+                 window + ": The program has no place for a package seal\n");
+  expect_refused({"installer", package, folder, "--gui", "--gui-program", RAVOK_INSTALL}, 1,
+                 std::string(RAVOK_INSTALL) + ": The program with a window is the same as the one for the console\n");
+  expect_refused({"installer", package, folder, "--gui", "--gui-program", root / "none"}, 1,
+                 "Cannot open file: " + (root / "none").native() + "\n");
+  expect_refused({"installer", package, folder, "--gui-program", window}, 2, "--gui-program is for --gui\n");
+  expect_refused({"installer", package, folder, "--gui", "--single-file", "--program", window}, 2,
+                 "With --gui, one file is the program with a window; name that with --gui-program\n");
 }
 
 TEST_F(PublishRepository, RefusesAnInstallerOfAnotherProgramOrWithoutAPackage) {

@@ -243,8 +243,12 @@ TEST_F(RepositoryCheckCommand, ChecksAnInstallerWithItsPackage) {
   result = check({folder});
   EXPECT_EQ(result.exit_code, 1);
   EXPECT_EQ(result.errors, folder + "/ravok-install: This package is not the one this installer was built for\n");
-  site.root.write("installer/initial-package/extra", "x");
   std::filesystem::remove(folder + "/ravok-install");
+  site.root.write("installer/ravok-install-gui", "another");
+  EXPECT_EQ(check({folder}).errors,
+            folder + "/ravok-install-gui: This package is not the one this installer was built for\n");
+  std::filesystem::remove(folder + "/ravok-install-gui");
+  site.root.write("installer/initial-package/extra", "x");
   EXPECT_EQ(check({folder}).errors, "Initial package contains an unexpected entry: extra\n");
   EXPECT_EQ(check({folder, "--quick"}).exit_code, 0);
 }

@@ -205,8 +205,7 @@ TEST_F(SingleFileInstaller, IsNoProgramToMakeAnotherOf) {
        {},
        ""});
   EXPECT_EQ(result.exit_code, 1);
-  EXPECT_EQ(result.errors,
-            file.native() + ": The program carries a package already; give ravok-install as it was built\n");
+  EXPECT_EQ(result.errors, file.native() + ": The program carries a package already; give it as it was built\n");
   expect_nothing_left();
 }
 

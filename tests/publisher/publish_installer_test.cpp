@@ -465,6 +465,104 @@ TEST_F(PublishInstaller, LeavesTheFolderWithoutADesktopEntryOtherwise) {
   EXPECT_FALSE(std::filesystem::exists(root / "installer/ravok-install.desktop"));
 }
 
+class PublishWindowInstaller : public PublishInstaller {
+ protected:
+  PublishWindowInstaller() {
+    publication.window_program = root.write("window", window + empty_slot);
+    publication.desktop_file = true;
+    before = root.names();
+  }
+
+  const std::string window = "with a window ";
+};
+
+TEST_F(PublishWindowInstaller, PutsBothSealedProgramsAndAnEntryThatOpensAWindowBesideThePackage) {
+  const PublishedInstaller published = publish_installer(publication, {});
+  EXPECT_EQ(published.program, root / "installer/ravok-install");
+  EXPECT_EQ(published.window_program, root / "installer/ravok-install-gui");
+  EXPECT_EQ(published.desktop_file, root / "installer/ravok-install-gui.desktop");
+  EXPECT_EQ(root.read("installer/ravok-install"), "image " + mark + package_seal + " end");
+  EXPECT_EQ(root.read("installer/ravok-install-gui"), window + mark + package_seal);
+  for (const auto& made : {published.program, published.window_program, published.desktop_file}) {
+    EXPECT_EQ(mode_of(made), 0755u) << made;
+  }
+  const auto entry = testing::desktop_entry(root.read("installer/ravok-install-gui.desktop"));
+  EXPECT_EQ(entry.at("Type"), "Application");
+  EXPECT_EQ(entry.at("Name"), "Install " + package.brand->at("name").get<std::string>());
+  EXPECT_EQ(entry.at("Terminal"), "false");
+  EXPECT_EQ(read_native_package(published.package, published.seal, {}).origin, "https://games.example");
+
+  Names names = before;
+  for (const char* made : {"", "initial-package/", "ravok-install", "ravok-install-gui", "ravok-install-gui.desktop"}) {
+    names.emplace_back(std::string("installer/") + made);
+  }
+  for (const auto& entry_of_package : std::filesystem::directory_iterator(publication.package)) {
+    names.emplace_back("installer/initial-package/" + entry_of_package.path().filename().native());
+  }
+  std::sort(names.begin(), names.end());
+  EXPECT_EQ(root.names(), names);
+}
+
+TEST_F(PublishWindowInstaller, LeavesTheFolderWithoutADesktopEntryWhereNoneIsAskedFor) {
+  publication.desktop_file = false;
+  EXPECT_EQ(publish_installer(publication, {}).desktop_file, "");
+  EXPECT_FALSE(std::filesystem::exists(root / "installer/ravok-install-gui.desktop"));
+}
+
+TEST_F(PublishWindowInstaller, RefusesAWindowWithoutAPlaceForASeal) {
+  root.write("window", window);
+  expect_refused("invalid_installer",
+                 publication.window_program.native() + ": The program has no place for a package seal");
+}
+
+TEST_F(PublishWindowInstaller, RefusesAWindowThatCarriesAPackage) {
+  const AppendedPlace place = {1, 2, 3, std::string(64, 'a')};
+  root.write("window", window + empty_slot + with_appended_place(testing::empty_appended_slot(), place));
+  expect_refused("invalid_installer", publication.window_program.native() +
+                                          ": The program carries a package already; give it as it was built");
+}
+
+TEST_F(PublishWindowInstaller, RefusesTheSameProgramTwiceUnderWhateverNameAndSeal) {
+  const std::string message = ": The program with a window is the same as the one for the console";
+  publication.window_program = publication.program;
+  expect_refused("invalid_installer", publication.program.native() + message);
+  publication.window_program = root.write("window", "image " + mark + seal + " end");
+  expect_refused("invalid_installer", publication.window_program.native() + message);
+}
+
+TEST_F(PublishWindowInstaller, RefusesAProgramForMacos) {
+  publication.signer = "";
+  publication.desktop_file = false;
+  root.write("window", macos_program(false) + empty_slot);
+  expect_refused("invalid_installer",
+                 publication.window_program.native() + ": The program with a window must be one for Linux");
+}
+
+TEST_F(PublishWindowInstaller, RefusesAProgramThatIsNotThere) {
+  std::filesystem::remove(publication.window_program);
+  expect_refused("file_read", "Cannot open file: " + publication.window_program.native());
+}
+
+TEST_F(PublishWindowInstaller, LooksAtTheConsoleProgramToo) {
+  root.write("program", "image");
+  expect_refused("invalid_installer", publication.program.native() + ": The program has no place for a package seal");
+}
+
+TEST_F(PublishWindowInstaller, LeavesNothingWhenAFileCannotBeFlushed) {
+  int flushes = 0;
+  for (;; ++flushes) {
+    const testing::Planned plan(testing::failing("fsync", EIO, flushes + 1));
+    const auto failure = testing::failure_of([&] { publish_installer(publication, {}); });
+    if (!failure) {
+      break;
+    }
+    EXPECT_TRUE(failure->code == "file_sync" || failure->code == "file_write") << failure->code;
+    EXPECT_EQ(root.names(), before) << flushes;
+  }
+  // Two programs, the entry, and at least one file of the package.
+  EXPECT_GT(flushes, 4);
+}
+
 TEST_F(PublishInstaller, RefusesADesktopEntryForAProgramForMacos) {
   publication.desktop_file = true;
   publication.signer = "";
@@ -475,6 +573,7 @@ TEST_F(PublishInstaller, RefusesADesktopEntryForAProgramForMacos) {
 
 TEST(InstallerDesktopEntry, HoldsANameWithABackslashAsItIs) {
   EXPECT_EQ(testing::desktop_entry(installer_desktop_entry("A\\sB")).at("Name"), "Install A\\sB");
+  EXPECT_EQ(testing::desktop_entry(window_installer_desktop_entry("A\\sB")).at("Name"), "Install A\\sB");
 }
 
 class PublishSingleFile : public PublishInstaller {
@@ -511,6 +610,26 @@ TEST_F(PublishSingleFile, PutsThePackageBehindTheProgram) {
   names.emplace_back("installer");
   std::sort(names.begin(), names.end());
   EXPECT_EQ(root.names(), names);
+}
+
+TEST_F(PublishSingleFile, PutsThePackageBehindTheProgramWithAWindowAndLooksAtNoOther) {
+  const std::string window = "window " + image;
+  publication.window_program = root.write("window", window);
+  publication.program = root / "missing";
+  const PublishedInstaller published = publish_installer(publication, {});
+  EXPECT_EQ(published.program, root / "installer");
+  EXPECT_EQ(published.window_program, "");
+  const std::string file = root.read("installer");
+  const AppendedPlace place = place_in(file);
+  EXPECT_EQ(file.substr(0, window.size()), with_appended_place(with_seal(window, package_seal), place));
+  EXPECT_EQ(read_native_package(AppendedPackage::in_file(published.program, place), package_seal, {}).origin,
+            "https://games.example");
+}
+
+TEST_F(PublishSingleFile, RefusesAWindowWithoutAPlaceForAPackage) {
+  publication.window_program = root.write("window", "window " + empty_slot);
+  expect_refused("invalid_installer",
+                 publication.window_program.native() + ": The program has no place for a package of its own");
 }
 
 TEST_F(PublishSingleFile, GivesTheSameBytesForTheSamePackage) {
@@ -588,9 +707,8 @@ TEST_F(PublishSingleFile, RefusesAProgramThatCarriesAPackageAlready) {
   publication.output = root / "second";
   for (const bool single_file : {true, false}) {
     publication.single_file = single_file;
-    expect_refused(
-        "invalid_installer",
-        publication.program.native() + ": The program carries a package already; give ravok-install as it was built");
+    expect_refused("invalid_installer",
+                   publication.program.native() + ": The program carries a package already; give it as it was built");
   }
 }
 
