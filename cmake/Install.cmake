@@ -8,7 +8,7 @@ set(ravok_include "${CMAKE_INSTALL_INCLUDEDIR}/ravok")
 set(ravok_archives "${CMAKE_INSTALL_LIBDIR}/ravok")
 set(ravok_package "${CMAKE_INSTALL_LIBDIR}/cmake/ravok")
 
-install(TARGETS ravok-bootstrap ravok-install ravok-maintenance ravok-publish
+install(TARGETS ${ravok_programs}
   RUNTIME DESTINATION "${CMAKE_INSTALL_BINDIR}" COMPONENT programs)
 # Where ravok-publish looks for it, too.
 install(FILES "${ravok_notices}" DESTINATION "${CMAKE_INSTALL_DATADIR}/doc/ravok" COMPONENT programs)

@@ -48,6 +48,16 @@ build_libraries() {
   fi
 }
 
+# programs_of FOLDER: prints the names of the programs that a build in this folder installs, one a line.
+programs_of() {
+  sed -n 's/^RAVOK_PROGRAMS:INTERNAL=//p' "$1/CMakeCache.txt" | tr ';' '\n'
+}
+
+# has_windows FOLDER: whether a build in this folder makes the programs with a window.
+has_windows() {
+  programs_of "$1" | grep -qx ravok-install-gui
+}
+
 # build_preset PRESET [TARGET...]: configures, where that is still to be done, and builds one preset, or these targets of
 # it. Says how far it is on a terminal only.
 build_preset() {

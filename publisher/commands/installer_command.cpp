@@ -83,7 +83,7 @@ void tell_notices(const PublishedInstaller& published, const CommandRun& run, bo
   }
 }
 
-void judge(const InstallerOptions& options) {
+void judge_installer(const InstallerOptions& options) {
   const InstallerPublication& publication = options.publication;
   require(publication.signing_identity.empty() || !publication.signer.empty(), "usage",
           "Programs are signed on macOS alone");
@@ -97,7 +97,7 @@ void judge(const InstallerOptions& options) {
 }
 
 CommandResult publish(const InstallerOptions& options, const CommandRun& run) {
-  judge_options([&] { judge(options); });
+  judge_options([&] { judge_installer(options); });
   InstallerPublication publication = with_programs(options);
   if (publication.notices.empty() && !publication.single_file) {
     publication.notices = find_notices(publication);

@@ -18,6 +18,8 @@ struct LauncherPrograms {
   std::string console = "#!ravok";            // bin/ravok
   std::string windowed = "#!ravok-gui";       // bin/ravok-gui
   std::string maintenance = "#!maintenance";  // bin/ravok-maintenance, the helper of that role; empty for none
+  // bin/ravok-maintenance-gui, the helper of the role "maintenance-gui"; empty for none.
+  std::string maintenance_window = {};
 };
 
 struct LauncherRelease {
@@ -45,7 +47,11 @@ inline LauncherRelease publish_launcher(const TemporaryRoot& root, const std::st
   publication.gui_executable = "bin/ravok-gui";
   if (!programs.maintenance.empty()) {
     write_program("ravok-maintenance", programs.maintenance);
-    publication.helpers = {{"bin/ravok-maintenance", "maintenance"}};
+    publication.helpers.push_back({"bin/ravok-maintenance", "maintenance"});
+  }
+  if (!programs.maintenance_window.empty()) {
+    write_program("ravok-maintenance-gui", programs.maintenance_window);
+    publication.helpers.push_back({"bin/ravok-maintenance-gui", "maintenance-gui"});
   }
   publication.level = 1;
   const PublishedSnapshot published = publish_snapshot(publication, {});
