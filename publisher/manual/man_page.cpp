@@ -122,6 +122,9 @@ std::string described_command(const CommandOutline& command) {
 
 std::string synopsis(const ProgramOutline& program) {
   const std::string options = " [" + italic("OPTION") + "...]";
+  if (program.commands.empty()) {
+    return bold(program.program) + options + "\n";
+  }
   const std::string command =
       program.default_command.empty() ? " " + italic("COMMAND") : " [" + italic("COMMAND") + "]";
   return bold(program.program) + options + command + " [" + italic("ARGUMENT") + "...]\n";
@@ -150,10 +153,14 @@ std::string man_page(const ProgramOutline& program) {
     page += (text == program.paragraphs.front() ? "" : ".PP\n") + paragraph(text);
   }
   page += ".SH OPTIONS\n";
-  page += program.options_anywhere ? "These may stand before the command and after it.\n"
-                                   : "These stand before the command.\n";
+  if (!program.commands.empty()) {
+    page += program.options_anywhere ? "These may stand before the command and after it.\n"
+                                     : "These stand before the command.\n";
+  }
   page += described_options(program.options);
-  page += ".SH COMMANDS\n";
+  if (!program.commands.empty()) {
+    page += ".SH COMMANDS\n";
+  }
   for (const CommandOutline& command : program.commands) {
     page += described_command(command);
   }

@@ -5,6 +5,7 @@
 
 #include "app/command/cli_rows.hpp"
 #include "app/command/program_version.hpp"
+#include "app/screen/window_command.hpp"
 #include "app/setup/setup_command.hpp"
 #include "publisher/commands/publish_program.hpp"
 
@@ -48,6 +49,34 @@ ProgramOutline outline_maintenance() {
   outline.options.push_back(version_outline);
   outline.exit_codes = client_exit_codes(", or the command belongs to the installer alone");
   outline.see_also = {"ravok-install", "ravok-bootstrap"};
+  return outline;
+}
+
+ProgramOutline outline_window_installer() {
+  ProgramOutline outline = install_window_outline();
+  outline.text = "installs, repairs and removes a game client in a window";
+  outline.paragraphs = {
+      "Does in a window what ravok-install does on the console, with the same package, which lies within the program's "
+      "own file, or else in the folder initial-package beside it. It shows where the client goes, how far it is, and "
+      "what came of it; a client that is installed already can be started, repaired or removed.",
+      "The window needs a display of X11 or XWayland."};
+  outline.options.push_back(version_outline);
+  outline.exit_codes = client_exit_codes();
+  outline.see_also = {"ravok-install", "ravok-maintenance-gui", "ravok-publish"};
+  return outline;
+}
+
+ProgramOutline outline_window_maintenance() {
+  ProgramOutline outline = maintenance_window_outline();
+  outline.text = "removes a game client in a window";
+  outline.paragraphs = {
+      "Comes with a client, which opens it to be removed. It shows what goes and what stays, and asks whether saves "
+      "and "
+      "settings go too.",
+      "The window needs a display of X11 or XWayland."};
+  outline.options.push_back(version_outline);
+  outline.exit_codes = client_exit_codes();
+  outline.see_also = {"ravok-maintenance", "ravok-install-gui"};
   return outline;
 }
 
@@ -128,7 +157,8 @@ ProgramOutline outline_publisher() {
 }  // namespace
 
 std::vector<ProgramOutline> program_outlines() {
-  return {outline_bootstrap(), outline_installer(), outline_maintenance(), outline_publisher()};
+  return {outline_bootstrap(),        outline_installer(),          outline_maintenance(),
+          outline_window_installer(), outline_window_maintenance(), outline_publisher()};
 }
 
 }  // namespace ravok
