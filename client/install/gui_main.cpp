@@ -1,5 +1,6 @@
 // The installer with a window.
 
+#include <algorithm>
 #include <exception>
 #include <optional>
 #include <string>
@@ -25,15 +26,20 @@ constexpr const char* program_name = "ravok-install-gui";
 const volatile ravok::PackageSealSlot seal_slot = ravok::make_seal_slot(RAVOK_INITIAL_PACKAGE_SHA256);
 const volatile ravok::AppendedSlot appended_slot = ravok::make_appended_slot();
 
+ravok::WindowRun window_run() {
+  ravok::WindowRun run;
+  run.program = program_name;
+  run.otherwise = "ravok-install works without one";
+  return run;
+}
+
 int run(const ravok::WindowCommand& command) {
   const ravok::ConsoleInterrupt interrupt(true);
   const ravok::TerminationSignals termination;
   const ravok::SetupWindow setup = ravok::find_install_window(command, ravok::read_seal(seal_slot),
                                                               [] { return ravok::read_appended_place(appended_slot); });
   std::optional<ravok::SetupDialog> dialog(std::in_place, setup.subject);
-  ravok::WindowRun run;
-  run.program = program_name;
-  run.otherwise = "ravok-install works without one";
+  ravok::WindowRun run = window_run();
   run.icon_file = setup.icon;
   run.smoke = command.smoke;
   run.interrupted = [&] { return interrupt.requested(); };
@@ -62,7 +68,9 @@ int main(int argc, char** argv) {
     }
     return run(command);
   } catch (const ravok::Error& error) {
-    return ravok::tell_failure(error, false);
+    ravok::WindowRun message = window_run();
+    message.smoke = std::find(arguments.begin(), arguments.end(), "--smoke") != arguments.end();
+    return ravok::tell_in_window(error, "Ravok cannot be installed", message);
   } catch (const std::exception& problem) {
     return ravok::tell_failure(problem);
   }

@@ -1,5 +1,6 @@
 // The program that removes a client from a window.
 
+#include <algorithm>
 #include <exception>
 #include <memory>
 #include <optional>
@@ -22,13 +23,18 @@ namespace {
 
 constexpr const char* program_name = "ravok-maintenance-gui";
 
+ravok::WindowRun window_run() {
+  ravok::WindowRun run;
+  run.program = program_name;
+  run.otherwise = "ravok-maintenance works without one";
+  return run;
+}
+
 int run(const ravok::WindowCommand& command, const ravok::MaintenanceRuntime* runtime,
         const ravok::ConsoleInterrupt& interrupt) {
   const ravok::SetupWindow setup = ravok::find_maintenance_window(command);
   std::optional<ravok::SetupDialog> dialog(std::in_place, setup.subject);
-  ravok::WindowRun run;
-  run.program = program_name;
-  run.otherwise = "ravok-maintenance works without one";
+  ravok::WindowRun run = window_run();
   run.icon_file = setup.icon;
   run.smoke = command.smoke;
   run.shown = [&] {
@@ -67,7 +73,10 @@ int main(int argc, char** argv) {
     }
     return run(command, runtime.get(), interrupt);
   } catch (const ravok::Error& error) {
-    return ravok::tell_failure(error, false);
+    ravok::WindowRun message = window_run();
+    message.smoke = std::find(arguments.begin(), arguments.end(), "--smoke") != arguments.end();
+    message.interrupted = [&] { return interrupt.requested(); };
+    return ravok::tell_in_window(error, "Ravok cannot be removed", message);
   } catch (const std::exception& problem) {
     return ravok::tell_failure(problem);
   }

@@ -29,6 +29,9 @@ std::function<void()>& lost_handler() {
 }  // namespace
 
 void open_display(std::string_view otherwise) {
+  if (fl_display != nullptr) {
+    return;
+  }
   Display* const display = XOpenDisplay(nullptr);
   if (display == nullptr) {
     const char* const name = std::getenv("DISPLAY");

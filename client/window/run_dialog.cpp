@@ -3,9 +3,12 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <exception>
 
 #include <FL/Fl.H>
 
+#include "app/command/console_output.hpp"
+#include "app/screen/message_dialog.hpp"
 #include "window/dialog_window.hpp"
 #include "window/display.hpp"
 
@@ -64,6 +67,21 @@ void run_dialog(const ScreenDialog& dialog, const WindowRun& run) {
   }
   dialog.set_wakeup({});
   set_display_lost({});
+}
+
+int tell_in_window(const Error& error, std::string_view heading, const WindowRun& run) {
+  const int code = tell_failure(error, false);
+  if (error.code == "usage" || error.code == "display") {
+    return code;
+  }
+  try {
+    WindowRun quiet = run;
+    quiet.shown = {};
+    run_dialog(message_dialog(heading, error.what()), quiet);
+  } catch (const std::exception&) {
+    // The line has told it.
+  }
+  return code;
 }
 
 }  // namespace ravok

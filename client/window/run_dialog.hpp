@@ -3,8 +3,10 @@
 
 #include <functional>
 #include <string>
+#include <string_view>
 
 #include "app/screen/screen.hpp"
+#include "domain/error.hpp"
 
 namespace ravok {
 
@@ -21,5 +23,9 @@ struct WindowRun {
 // Shows a dialog until it is closed. Fails with "display" where no window can be opened, and with what `shown` throws.
 // Does not return when the display goes away: the process then ends with exit code 1.
 void run_dialog(const ScreenDialog& dialog, const WindowRun& run);
+
+// Tells of a failure that ends the program: in a line on standard error and, since nobody may see that, in a window
+// under this heading. There is no window for a wrong command line and where none can be opened. Returns the exit code.
+int tell_in_window(const Error& error, std::string_view heading, const WindowRun& run);
 
 }  // namespace ravok
