@@ -14,15 +14,31 @@ if(RAVOK_WINDOWS)
   ravok_header_version(ravok_fltk_version "${ravok_fltk_header}" FL MAJOR_VERSION MINOR_VERSION PATCH_VERSION)
   ravok_require_version(FLTK "${ravok_fltk_version}" 1.4 2 "${ravok_without_windows}")
 
-  # Each before those that it calls. A system's FLTK is shared and brings what it needs by itself; programs call libX11
-  # too.
-  set(ravok_toolkit_libraries fltk_images fltk X11)
+  add_library(ravok_toolkit INTERFACE IMPORTED GLOBAL)
+  target_include_directories(ravok_toolkit INTERFACE "${RAVOK_TOOLKIT_INCLUDE}")
+  # Each before those that it calls.
   if(RAVOK_DEPENDENCIES STREQUAL "bundled")
     set(ravok_toolkit_libraries fltk_images fltk png z Xft fontconfig expat freetype Xinerama Xext Xrender X11 xcb Xau)
     list(TRANSFORM ravok_toolkit_libraries REPLACE "(.+)" "lib\\1.a")
+  else()
+    # A system's FLTK is shared and brings what it needs by itself; programs call libX11 too. Its headers may include
+    # those of Cairo, and it is asked for X11 where it could also take Wayland.
+    set(ravok_toolkit_libraries fltk_images fltk X11)
+    file(STRINGS "${RAVOK_TOOLKIT_INCLUDE}/FL/fl_config.h" ravok_fltk_draws_by_cairo REGEX "^#define +FLTK_HAVE_CAIRO ")
+    if(ravok_fltk_draws_by_cairo)
+      find_path(RAVOK_TOOLKIT_CAIRO_INCLUDE cairo.h PATH_SUFFIXES cairo)
+      if(NOT RAVOK_TOOLKIT_CAIRO_INCLUDE)
+        message(FATAL_ERROR "The headers of Cairo, which those of FLTK include, are not installed; "
+                            "${ravok_without_windows}")
+      endif()
+      target_include_directories(ravok_toolkit INTERFACE "${RAVOK_TOOLKIT_CAIRO_INCLUDE}")
+    endif()
+    add_library(ravok_toolkit_on_x11 STATIC "${CMAKE_CURRENT_LIST_DIR}/toolkit_on_x11.cpp")
+    ravok_compile_as_set(ravok_toolkit_on_x11)
+    target_link_libraries(ravok_toolkit INTERFACE ravok_toolkit_on_x11)
+    target_link_options(ravok_toolkit INTERFACE
+      -Wl,--undefined=fl_disable_wayland -Wl,--export-dynamic-symbol=fl_disable_wayland)
   endif()
-  add_library(ravok_toolkit INTERFACE IMPORTED GLOBAL)
-  target_include_directories(ravok_toolkit INTERFACE "${RAVOK_TOOLKIT_INCLUDE}")
   foreach(library IN LISTS ravok_toolkit_libraries)
     find_library(RAVOK_TOOLKIT_${library} NAMES ${library})
     if(NOT RAVOK_TOOLKIT_${library})
