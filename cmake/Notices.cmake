@@ -54,10 +54,10 @@ if(RAVOK_WINDOWS)
   ravok_notice("FLTK ${ravok_fltk_version}, ${ravok_windows_alone}"
     "GNU Library General Public License 2 with FLTK's exceptions" fltk1.4 libfltk1.4-dev)
   ravok_notice("libX11, ${ravok_windows_alone}" "MIT" libx11 libx11-dev)
+  ravok_notice("fontconfig, ${ravok_windows_alone}" "MIT" fontconfig libfontconfig-dev)
   # A system's FLTK brings these by itself.
   if(RAVOK_DEPENDENCIES STREQUAL "bundled")
     ravok_notice("Expat, ${ravok_windows_alone}" "Expat (MIT)" expat)
-    ravok_notice("fontconfig, ${ravok_windows_alone}" "MIT" fontconfig)
     ravok_notice("FreeType, ${ravok_windows_alone}" "the FreeType licence" freetype)
     ravok_notice("libpng, ${ravok_windows_alone}" "the libpng licence" libpng1.6)
     ravok_notice("libXau, ${ravok_windows_alone}" "MIT" libxau)

@@ -21,9 +21,9 @@ if(RAVOK_WINDOWS)
     set(ravok_toolkit_libraries fltk_images fltk png z Xft fontconfig expat freetype Xinerama Xext Xrender X11 xcb Xau)
     list(TRANSFORM ravok_toolkit_libraries REPLACE "(.+)" "lib\\1.a")
   else()
-    # A system's FLTK is shared and brings what it needs by itself; programs call libX11 too. Its headers may include
-    # those of Cairo, and it is asked for X11 where it could also take Wayland.
-    set(ravok_toolkit_libraries fltk_images fltk X11)
+    # A system's FLTK is shared and brings what it needs by itself; programs call the other two of these as well. Its
+    # headers may include those of Cairo, and it is asked for X11 where it could also take Wayland.
+    set(ravok_toolkit_libraries fltk_images fltk fontconfig X11)
     file(STRINGS "${RAVOK_TOOLKIT_INCLUDE}/FL/fl_config.h" ravok_fltk_draws_by_cairo REGEX "^#define +FLTK_HAVE_CAIRO ")
     if(ravok_fltk_draws_by_cairo)
       find_path(RAVOK_TOOLKIT_CAIRO_INCLUDE cairo.h PATH_SUFFIXES cairo)
