@@ -4,6 +4,7 @@
 #include <string>
 
 #include <FL/Fl.H>
+#include <FL/Fl_Preferences.H>
 #include <FL/platform.H>
 
 #include "app/command/console_output.hpp"
@@ -40,6 +41,8 @@ void open_display(std::string_view otherwise) {
                                    : "The display " + std::string(name) + " does not answer";
     fail("display", reason + "; " + std::string(otherwise));
   }
+  // The toolkit would keep settings of its own in the user's home, which an installer must leave as it is.
+  Fl_Preferences::file_access(Fl_Preferences::NONE);
   // The toolkit takes this connection for its own.
   fl_display = display;
   fl_open_display();
