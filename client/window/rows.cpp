@@ -62,7 +62,11 @@ bool update_row(Row& row, const ScreenItem& item, const Style& style) {
     return widgets.problem->set(shown.problem, style.small(TextTone::warning));
   };
   const auto tick = [&](const ScreenTick& shown) {
-    std::get<TickRow>(row).box->value(shown.checked ? 1 : 0);
+    TickBox* const box = std::get<TickRow>(row).box;
+    // While the mouse is held down on it, the box shows what letting go would make of it.
+    if (Fl::pushed() != box) {
+      box->value(shown.checked ? 1 : 0);
+    }
     return false;
   };
   const auto progress = [&](const ScreenProgress& shown) {
