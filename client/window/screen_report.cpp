@@ -22,8 +22,9 @@ void report_screen(Fl_Window& window, const std::string& screen, const std::stri
                      {"checked", item.checked},
                      {"x", pixels(item.left)},
                      {"y", pixels(item.top)},
-                     {"width", pixels(item.across)},
-                     {"height", pixels(item.down)}});
+                     // The two edges are rounded alike, so that neighbours share theirs.
+                     {"width", pixels(item.left + item.across) - pixels(item.left)},
+                     {"height", pixels(item.top + item.down) - pixels(item.top)}});
   }
   const Json document = {{"screen", screen},
                          {"focus", focus},
