@@ -2,9 +2,12 @@
 #pragma once
 
 #include <cstdlib>
+#include <map>
+#include <memory>
 #include <optional>
 #include <string>
 #include <utility>
+#include <vector>
 
 namespace ravok::testing {
 
@@ -32,6 +35,19 @@ class WithEnvironment {
 
   std::string key_;
   std::optional<std::string> before_;
+};
+
+// The same for several variables.
+class WithEnvironments {
+ public:
+  explicit WithEnvironments(const std::map<std::string, std::string>& values) {
+    for (const auto& [key, value] : values) {
+      values_.push_back(std::make_unique<WithEnvironment>(key, value));
+    }
+  }
+
+ private:
+  std::vector<std::unique_ptr<WithEnvironment>> values_;
 };
 
 }  // namespace ravok::testing
