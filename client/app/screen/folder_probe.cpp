@@ -18,11 +18,11 @@ void judge(FolderFacts& facts, const std::filesystem::path& package, const Packa
   const DataPaths paths(data_folder(path_from_utf8(facts.asked)));
   facts.root = paths.root;
   const bool missing = is_missing(paths.root);
-  const InstallationState state = missing ? InstallationState::none : installation_state(paths);
-  if (state != InstallationState::none) {
+  const InstallationState found = missing ? InstallationState::none : installation_state(paths);
+  if (found != InstallationState::none) {
     facts.status = NativeInstaller::status(paths.root).to_json();
     facts.state =
-        state == InstallationState::complete ? FolderFacts::State::installed : FolderFacts::State::interrupted;
+        found == InstallationState::complete ? FolderFacts::State::installed : FolderFacts::State::interrupted;
     return;
   }
   if (manifests != nullptr) {
