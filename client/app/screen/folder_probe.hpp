@@ -2,19 +2,16 @@
 // folder may lie on a volume that does not answer.
 #pragma once
 
-#include <condition_variable>
 #include <filesystem>
 #include <functional>
-#include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <string_view>
-#include <thread>
+#include <utility>
 
 #include "app/install/install_folder.hpp"
 #include "app/install/native_package.hpp"
-#include "app/setup/setup_command.hpp"
+#include "app/screen/latest_answer.hpp"
 #include "domain/json.hpp"
 
 namespace ravok {
@@ -48,32 +45,19 @@ class FolderProbe {
   using Inspect = std::function<FolderFacts(const std::string& text)>;
 
   // `first` is the answer until there is another.
-  FolderProbe(Inspect inspect, FolderFacts first);
-  ~FolderProbe();
-  FolderProbe(const FolderProbe&) = delete;
-  FolderProbe& operator=(const FolderProbe&) = delete;
+  FolderProbe(Inspect inspect, FolderFacts first) : answers_(std::move(inspect), std::move(first)) {}
 
   // Asks about a folder. A system that has no room for a thread is asked on the caller's.
-  void ask(std::string text);
+  void ask(std::string text) { answers_.ask(std::move(text)); }
 
   // Returns the last answer.
-  FolderFacts facts() const;
+  FolderFacts facts() const { return answers_.last(); }
 
-  // Sets what is called after each answer, on another thread and with no lock held.
-  void set_wakeup(std::function<void()> wakeup);
+  // Sets what is called after each answer, mostly on another thread, with no lock held.
+  void set_wakeup(std::function<void()> wakeup) { answers_.set_wakeup(std::move(wakeup)); }
 
  private:
-  void run();
-  void answer(FolderFacts facts);
-
-  const Inspect inspect_;
-  mutable std::mutex mutex_;
-  std::condition_variable changed_;
-  std::optional<std::string> question_;  // guarded by the mutex, as all below
-  bool ending_ = false;
-  FolderFacts facts_;
-  std::shared_ptr<const std::function<void()>> wakeup_;
-  std::thread thread_;  // the owner's alone
+  LatestAnswer<std::string, FolderFacts> answers_;
 };
 
 }  // namespace ravok

@@ -28,7 +28,6 @@ std::filesystem::path nearest_folder(std::filesystem::path folder) {
 }
 
 void read_listing(FolderListing& listing) {
-  listing.shown = nearest_folder(listing.folder);
   const HeldDirectory directory = HeldDirectory::open(listing.shown);
   const std::vector<std::string> names = directory.names(most_names);
   listing.empty = names.empty();
@@ -50,9 +49,11 @@ FolderListing list_folder(const std::filesystem::path& folder) {
   FolderListing listing;
   listing.folder = folder;
   try {
+    listing.shown = nearest_folder(folder);
     read_listing(listing);
-  } catch (const std::exception& problem) {
-    listing.problem = problem.what();
+  } catch (const std::exception&) {
+    // Mostly for want of permission. A folder that cannot be listed may still hold the user's, which can be written.
+    listing.problem = "This folder cannot be looked into.";
   }
   return listing;
 }

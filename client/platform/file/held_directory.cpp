@@ -37,9 +37,10 @@ HeldDirectory::HeldDirectory(std::filesystem::path path, Handle parent, Handle d
 HeldDirectory HeldDirectory::open(const std::filesystem::path& path) {
   const std::filesystem::path target = without_end_separator(resolve_system_links(path));
   Result<Handle> parent = posix_files::open_passage(target.parent_path());
+  // The root of the file system has no name, and lies in itself.
+  const std::string name = target.has_filename() ? name_of(target) : ".";
   Result<Handle> directory =
-      parent ? os::open_at(parent->get(), path_utf8(target.filename()).c_str(), os::OpenAs::directory)
-             : parent.problem();
+      parent ? os::open_at(parent->get(), name.c_str(), os::OpenAs::directory) : parent.problem();
   if (!directory) {
     require_handles(directory.problem());
     fail("unsafe_path", not_plain());

@@ -50,6 +50,13 @@ TEST_F(HeldDirectoryTest, IsReachedThroughNoLink) {
   EXPECT_EQ(root.names().size(), 7u);
 }
 
+TEST_F(HeldDirectoryTest, MayBeTheRootOfTheFileSystem) {
+  const HeldDirectory directory = HeldDirectory::open("/");
+  EXPECT_EQ(directory.type_of("proc"), EntryType::directory);
+  const std::vector<std::string> names = directory.names();
+  EXPECT_NE(std::find(names.begin(), names.end(), "proc"), names.end());
+}
+
 TEST_F(HeldDirectoryTest, IsMadePrivateWhereItIsMissing) {
   const HeldDirectory made = HeldDirectory::open_private(root / "new/last");
   EXPECT_TRUE(made.is_in_place());
