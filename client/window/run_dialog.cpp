@@ -4,6 +4,7 @@
 #include <atomic>
 #include <chrono>
 #include <exception>
+#include <memory>
 
 #include <FL/Fl.H>
 
@@ -38,10 +39,11 @@ void run_dialog(const ScreenDialog& dialog, const WindowRun& run) {
   Fl::lock();
   set_display_lost(run.display_lost);
   DialogWindow window(dialog, run.program, run.icon_file);
-  // Of many changes in a short time, only the first has to wake the window.
-  std::atomic<bool> woken = false;
-  dialog.set_wakeup([&woken] {
-    if (!woken.exchange(true)) {
+  // Of many changes in a short time, only the first has to wake the window. Shared, since the last call may still be
+  // under way on its thread when this function ends.
+  const auto woken = std::make_shared<std::atomic<bool>>(false);
+  dialog.set_wakeup([woken] {
+    if (!woken->exchange(true)) {
       Fl::awake();
     }
   });
@@ -50,7 +52,7 @@ void run_dialog(const ScreenDialog& dialog, const WindowRun& run) {
   bool told = false;
   while (!dialog.closed()) {
     wait_for_change(window.busy());
-    woken = false;
+    *woken = false;
     if (run.interrupted && run.interrupted()) {
       dialog.close();
     }
