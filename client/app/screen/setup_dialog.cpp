@@ -8,6 +8,8 @@
 #include "app/brand/brand.hpp"
 #include "app/install/data_folder.hpp"
 #include "app/install/installation_record.hpp"
+#include "app/screen/screen_parts.hpp"
+#include "app/screen/setup_advice.hpp"
 #include "app/setup/setup_execution.hpp"
 #include "domain/display_text.hpp"
 #include "domain/error.hpp"
@@ -21,42 +23,6 @@ namespace {
 constexpr const char* folder_id = "folder";
 constexpr const char* remove_data_id = "remove_data";
 
-// What a user can do about a failure, by its code.
-struct Advice {
-  std::string_view code;
-  std::string_view text;
-};
-
-constexpr std::string_view get_installer_again = "This installer is damaged or incomplete. Get it again.";
-constexpr std::string_view look_at_disk = "Look whether the disk is in order, and whether you may write to the folder.";
-
-constexpr auto advices = std::to_array<Advice>({
-    {"insufficient_space", "Free some space, or choose a folder on another disk."},
-    {"busy", "Wait until the other setup has ended, and try again."},
-    {"native_install_trust", get_installer_again},
-    {"invalid_native_package", get_installer_again},
-    {"content_mismatch", get_installer_again},
-    {"invalid_manifest", get_installer_again},
-    {"invalid_json", get_installer_again},
-    {"invalid_theme", get_installer_again},
-    {"signature_threshold", get_installer_again},
-    {"size_limit", get_installer_again},
-    {"expired_metadata", "This installer is too old. Get a newer one."},
-    {"launcher_incompatible", "This installer is for another kind of computer."},
-    {"unsupported_schema", "A newer version may have made this installation. Get a newer installer."},
-    {"file_read", look_at_disk},
-    {"file_write", look_at_disk},
-    {"file_sync", look_at_disk},
-    {"file_remove", look_at_disk},
-    {"permissions", look_at_disk},
-});
-
-std::string_view advice_for(std::string_view code) {
-  const auto* const found =
-      std::find_if(advices.begin(), advices.end(), [&](const Advice& advice) { return advice.code == code; });
-  return found == advices.end() ? std::string_view() : found->text;
-}
-
 // Whether a command has refused the folder that the user chose, which the user can choose anew.
 bool refuses_folder(std::string_view code) {
   constexpr auto codes =
@@ -68,39 +34,6 @@ void start_client_program(const std::filesystem::path& image, const std::filesys
   // It goes on when this program ends.
   ChildProcess(image, {"--data-dir", path_utf8(data_root)}, image.parent_path(), {}, ChildStreams::joined,
                ChildEnvironment::kept, {}, ChildGroup::own);
-}
-
-std::string sentence(std::string text) {
-  if (!text.empty() && text.back() != '.') {
-    text += ".";
-  }
-  return text;
-}
-
-void add_text(Screen& screen, const char* id, std::string text, TextTone tone = TextTone::normal) {
-  if (!text.empty()) {
-    screen.items.emplace_back(ScreenText{id, shown_text(text), tone});
-  }
-}
-
-// Adds one line for each path, and one for those that are too many to show.
-void add_paths(Screen& screen, const char* id, const char* lead, const Json& paths, TextTone tone) {
-  constexpr std::size_t most = 4;
-  for (std::size_t i = 0; i < paths.size() && i < most; ++i) {
-    add_text(screen, id, lead + paths.at(i).get<std::string>(), tone);
-  }
-  if (paths.size() > most) {
-    add_text(screen, id, "And " + shown_count(paths.size() - most, "more path") + ".", tone);
-  }
-}
-
-Screen new_screen(const char* id, std::string_view heading, TextTone tone = TextTone::normal) {
-  Screen screen;
-  screen.id = id;
-  screen.heading = shown_text(branded(heading));
-  screen.title = screen.heading;
-  screen.heading_tone = tone;
-  return screen;
 }
 
 constexpr const char* close_label = "&Close";
@@ -132,7 +65,8 @@ Screen SetupDialog::screen() {
     case Page::choose: {
       const FolderFacts facts = probe_.facts();
       const bool found = facts.state == FolderFacts::State::installed || facts.state == FolderFacts::State::interrupted;
-      return found ? installed_screen(facts) : choose_screen(facts);
+      // What is known of one folder offers nothing for another.
+      return found && facts.asked == folder_ ? installed_screen(facts) : choose_screen(facts);
     }
     case Page::folders:
       return folders_.screen();
@@ -153,22 +87,21 @@ Screen SetupDialog::screen() {
 }
 
 void SetupDialog::press(std::string_view action) {
-  advance();
-  if (under_way_) {
-    if (action == "cancel") {
-      setup_.cancel();
-      stopping_ = true;
-    }
+  // Another screen may have taken the place of the one whose button was pressed.
+  if (!has_action(screen(), action)) {
     return;
   }
-  if (action == "install") {
+  if (action == "cancel") {
+    setup_.cancel();
+    stopping_ = true;
+  } else if (action == "install") {
     begin(SetupCommandKind::install);
   } else if (action == "repair") {
     begin(SetupCommandKind::repair);
   } else if (action == "remove") {
     begin(SetupCommandKind::uninstall);
-  } else if (action == "browse") {
-    folders_.show(path_from_utf8(folder_).lexically_normal());
+  } else if (action == browse_action) {
+    folders_.show((is_bounded_path_text(folder_) ? path_from_utf8(folder_) : subject_.data_root).lexically_normal());
     page_ = Page::folders;
   } else if (action == "use") {
     use_chosen_folder();
@@ -178,6 +111,7 @@ void SetupDialog::press(std::string_view action) {
     start_client();
   } else if (action == "uninstall") {
     remove_data_ = false;
+    notice_.clear();
     page_ = Page::remove;
   } else if (action == "back") {
     if (installs()) {
@@ -191,15 +125,22 @@ void SetupDialog::press(std::string_view action) {
 }
 
 void SetupDialog::write(std::string_view field, std::string_view text) {
-  if (field == folder_id && text != folder_) {
-    folder_ = text;
+  if (has_item<ScreenField>(screen(), field)) {
+    set_folder(std::string(text));
+  }
+}
+
+void SetupDialog::set_folder(std::string text) {
+  if (text != folder_) {
+    folder_ = std::move(text);
+    refusal_.clear();
     notice_.clear();
     probe_.ask(folder_);
   }
 }
 
 void SetupDialog::tick(std::string_view tick, bool checked) {
-  if (tick == remove_data_id) {
+  if (has_item<ScreenTick>(screen(), tick)) {
     remove_data_ = checked;
   }
 }
@@ -218,7 +159,7 @@ void SetupDialog::close() {
 // Writes the folder that was looked for into the field.
 void SetupDialog::use_chosen_folder() {
   if (const std::optional<std::filesystem::path> place = folders_.place(product_name())) {
-    write(folder_id, path_utf8(*place));
+    set_folder(path_utf8(*place));
     show_folder({});
   }
 }
@@ -242,9 +183,17 @@ ScreenDialog SetupDialog::for_window() {
 }
 
 void SetupDialog::begin(SetupCommandKind kind) {
+  refusal_.clear();
+  notice_.clear();
   SetupCommand command;
   command.command = kind;
-  command.data_root = path_from_utf8(folder_);
+  try {
+    command.data_root = path_from_utf8(folder_);
+  } catch (const Error& error) {
+    // Only an installation begins with a text that nobody has looked at.
+    refuse_folder(error);
+    return;
+  }
   command.data_root_chosen = subject_.data_root_chosen || folder_ != path_utf8(subject_.data_root);
   if (needs_package(kind)) {
     command.package = subject_.package;
@@ -252,11 +201,11 @@ void SetupDialog::begin(SetupCommandKind kind) {
   }
   command.remove_data = kind == SetupCommandKind::uninstall && remove_data_;
   command_ = command;
+  entry_problem_.clear();
   start(std::move(command));
 }
 
 void SetupDialog::start(SetupCommand command) {
-  notice_.clear();
   stopping_ = false;
   under_way_ = true;
   page_ = Page::working;
@@ -307,29 +256,32 @@ void SetupDialog::take_result(Json result) {
 void SetupDialog::take_failure(const NativeSetup::View& view) {
   if (making_entry_) {
     // The client itself is installed.
-    document_["shortcut_problem"] = view.error_message;
+    entry_problem_ = view.error_message;
     finish(std::move(document_));
     return;
   }
-  error_code_ = view.error_code;
-  error_message_ = view.error_message;
-  exit_code_ = ravok::exit_code(Error(error_code_, error_message_));
-  if (error_code_ == "cancelled") {
+  const Error error(view.error_code, view.error_message);
+  exit_code_ = ravok::exit_code(error);
+  if (error.code == "cancelled") {
+    notice_ = sentence(error.what());
+    page_ = Page::remove;
     if (installs()) {
-      show_folder(sentence(error_message_));
-    } else {
-      notice_ = sentence(error_message_);
-      page_ = Page::remove;
+      show_folder(notice_);
     }
-    return;
+  } else if (command_.command == SetupCommandKind::install && refuses_folder(error.code)) {
+    refuse_folder(error);
+  } else {
+    error_code_ = error.code;
+    error_message_ = error.what();
+    page_ = Page::failed;
   }
-  if (command_.command == SetupCommandKind::install && refuses_folder(error_code_)) {
-    refused_folder_ = folder_;
-    refusal_ = error_message_;
-    show_folder({});
-    return;
-  }
-  page_ = Page::failed;
+}
+
+// Shows beside the field why the folder in it cannot serve.
+void SetupDialog::refuse_folder(const Error& error) {
+  exit_code_ = ravok::exit_code(error);
+  refusal_ = error.what();
+  show_folder({});
 }
 
 void SetupDialog::finish(Json document) {
@@ -349,6 +301,7 @@ void SetupDialog::start_client() {
   try {
     const DataPaths paths(data_folder(path_from_utf8(folder_)));
     start_program_(shortcut_bootstrap(paths), paths.root);
+    exit_code_ = 0;
     closed_ = true;
   } catch (const std::exception& problem) {
     notice_ = sentence(problem.what());
@@ -358,7 +311,7 @@ void SetupDialog::start_client() {
 
 ScreenField SetupDialog::folder_field(const FolderFacts& facts) const {
   ScreenField field = {folder_id, "Folder", folder_, "Chan&ge…", {}};
-  if (refused_folder_ == folder_ && !refusal_.empty()) {
+  if (!refusal_.empty()) {
     field.problem = refusal_;
   } else if (facts.asked == folder_ && facts.state == FolderFacts::State::refused) {
     field.problem = facts.problem;
@@ -384,12 +337,13 @@ Screen SetupDialog::choose_screen(const FolderFacts& facts) const {
   screen.items.emplace_back(folder_field(facts));
   const bool known = facts.asked == folder_ && facts.room.has_value();
   const bool scarce = known && facts.room->needed > facts.room->available;
-  std::string room = "Needs ";
+  // A blank keeps the line's place until there is something to say.
+  std::string room = " ";
   if (known) {
-    room += shown_size(facts.room->needed) + (scarce ? ", but only " : "; ") + shown_size(facts.room->available) +
-            (scarce ? " are free." : " are free.");
+    room = "Needs " + shown_size(facts.room->needed) + (scarce ? ", but only " : "; ") +
+           shown_size(facts.room->available) + " are free.";
   }
-  add_text(screen, "room", known ? room : " ", scarce ? TextTone::warning : TextTone::muted);
+  add_text(screen, "room", room, scarce ? TextTone::warning : TextTone::muted);
   add_text(screen, "notice", notice_, TextTone::warning);
   screen.actions = {{"install", "&Install", ActionTone::accent}, {"close", close_label}};
   screen.first = "install";
@@ -404,7 +358,9 @@ Screen SetupDialog::installed_screen(const FolderFacts& facts) const {
   status.command = SetupCommandKind::status;
   add_text(screen, "status", setup_summary(status, facts.status));
   screen.items.emplace_back(folder_field(facts));
-  add_text(screen, "repair_keeps", "Repair replaces damaged files, and keeps games, saves and settings.",
+  add_text(screen, "repair_keeps",
+           whole ? "Repair replaces damaged files, and keeps games, saves and settings."
+                 : "Repair finishes what the setup began, and keeps games, saves and settings.",
            TextTone::muted);
   add_text(screen, "uninstall_keeps",
            branded("Uninstall removes Ravok and its games, and keeps saves and settings unless you say otherwise."),
@@ -449,8 +405,19 @@ Screen SetupDialog::working_screen() const {
 Screen SetupDialog::done_screen() const {
   const bool repair = command_.command == SetupCommandKind::repair;
   Screen screen = new_screen("done", repair ? "Ravok is repaired" : "Ravok is installed", TextTone::success);
-  add_text(screen, "summary", setup_summary(command_, document_));
-  add_paths(screen, "entry", "Menu entry: ", document_.at("shortcuts"), TextTone::muted);
+  Json document = document_;
+  // The summary names a command of the console for it.
+  const bool without_entry = document.erase("shortcut_missing") != 0;
+  add_text(screen, "summary", setup_summary(command_, document));
+  add_paths(screen, "entry", "Menu entry: ", document.at("shortcuts"), TextTone::muted);
+  if (without_entry) {
+    add_text(screen, "no_entry", branded("Ravok has no entry in the menu."), TextTone::muted);
+  }
+  if (!entry_problem_.empty()) {
+    add_text(screen, "entry_problem",
+             subject_.game->name + " got no entry of its own in the menu: " + sentence(entry_problem_),
+             TextTone::warning);
+  }
   add_text(screen, "notice", notice_, TextTone::warning);
   screen.actions = {{"start", "&Start", ActionTone::accent}, {"close", close_label}};
   return screen;
@@ -463,10 +430,8 @@ Screen SetupDialog::failed_screen() const {
                                        : repair ? "Ravok could not be repaired"
                                                 : "Ravok could not be removed");
   add_text(screen, "problem", sentence(error_message_), TextTone::warning);
-  add_text(screen, "advice", std::string(advice_for(error_code_)));
-  if (!(command_.command == SetupCommandKind::uninstall && command_.remove_data)) {
-    add_text(screen, "kept", "Your saves and settings were not touched.", TextTone::muted);
-  }
+  add_text(screen, "advice", std::string(setup_advice(error_code_, error_message_, command_.command)));
+  add_text(screen, "kept", setup_remains(command_, error_code_), TextTone::muted);
   screen.actions = {{"retry", "&Try again", ActionTone::accent}, {"back", "&Back"}, {"close", close_label}};
   screen.escape = "back";
   return screen;
@@ -474,7 +439,10 @@ Screen SetupDialog::failed_screen() const {
 
 Screen SetupDialog::remove_screen() const {
   Screen screen = new_screen("remove", "Remove Ravok?");
-  add_text(screen, "what", branded("Ravok and its games will be removed from ") + folder_ + ".");
+  const FolderFacts facts = probe_.facts();
+  const bool known = facts.asked == folder_ && !facts.root.empty();
+  add_text(screen, "what",
+           branded("Ravok and its games will be removed from ") + (known ? path_utf8(facts.root) : folder_) + ".");
   add_text(screen, "data",
            remove_data_ ? "Your saves and settings are removed too. They cannot be brought back."
                         : "Your saves and settings stay.",
@@ -501,7 +469,8 @@ Screen SetupDialog::removed_screen() const {
 Screen SetupDialog::broken_screen() const {
   Screen screen = new_screen("broken", "Ravok cannot be installed");
   add_text(screen, "problem", sentence(subject_.problem), TextTone::warning);
-  add_text(screen, "advice", std::string(get_installer_again));
+  add_text(screen, "advice",
+           std::string(setup_advice(subject_.problem_code, subject_.problem, SetupCommandKind::install)));
   screen.actions = {{"close", close_label, ActionTone::accent}};
   return screen;
 }

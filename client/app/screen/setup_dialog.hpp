@@ -15,6 +15,7 @@
 #include "app/screen/folder_view.hpp"
 #include "app/screen/screen.hpp"
 #include "app/setup/native_setup.hpp"
+#include "domain/error.hpp"
 #include "domain/json.hpp"
 
 namespace ravok {
@@ -29,7 +30,8 @@ struct SetupSubject {
   std::optional<PackageManifests> manifests = std::nullopt;  // of that package
   std::optional<FeaturedGame> game = std::nullopt;           // gets an entry of its own in the menu
   std::string publisher;                                     // of a branded client; empty if none
-  std::string problem;  // why nothing can be installed, such as a damaged package; empty if it can
+  std::string problem;       // why nothing can be installed, such as a damaged package; empty if it can
+  std::string problem_code;  // of that failure; empty if it has none
 };
 
 // Starts a program in its folder, and lets it go its own way. Fails as ChildProcess does.
@@ -38,8 +40,8 @@ using StartProgram = std::function<void(const std::filesystem::path& image, cons
 // To be used from one thread, as ScreenDialog says.
 //
 // Its screens are that of FolderView, "choose", "installed", "working", "done", "failed", "remove", "removed" and
-// "broken". The actions are "browse", "install", "repair", "start", "uninstall", "remove", "cancel", "retry", "back"
-// and "close", the field is "folder", the tick "remove_data", the progress "progress".
+// "broken". The actions are "browse", "use", "install", "repair", "start", "uninstall", "remove", "cancel", "retry",
+// "back" and "close", the field is "folder", the tick "remove_data", the progress "progress".
 class SetupDialog {
  public:
   // A dialog without a package is one about the removal of an installation. `start` is for tests; without it, programs
@@ -51,6 +53,7 @@ class SetupDialog {
   SetupDialog& operator=(const SetupDialog&) = delete;
 
   Screen screen();
+  // Does nothing for what the screen does not show, as do the two below.
   void press(std::string_view action);
   void write(std::string_view field, std::string_view text);
   void tick(std::string_view tick, bool checked);
@@ -64,7 +67,7 @@ class SetupDialog {
 
   void set_wakeup(const std::function<void()>& wakeup);
 
-  // Returns the exit code of the program: 0, 1 when the last command failed, or 4 when the user stopped it.
+  // Returns the exit code of the program: 0, 1 when the last command or start failed, or 4 when the user stopped it.
   int exit_code() const { return exit_code_; }
 
   // Returns all of this for a window, which must not outlive the dialog.
@@ -80,6 +83,8 @@ class SetupDialog {
   void take_result(Json result);
   void take_failure(const NativeSetup::View& view);
   void finish(Json document);
+  void set_folder(std::string text);
+  void refuse_folder(const Error& error);
   void show_folder(std::string notice);
   void use_chosen_folder();
   void start_client();
@@ -106,10 +111,10 @@ class SetupDialog {
   bool closing_ = false;
   bool closed_ = false;
   int exit_code_ = 0;
-  Json document_;               // of the last command that succeeded
-  std::string refused_folder_;  // the text of a folder that a command has refused
-  std::string refusal_;
-  std::string notice_;  // what happened last, in a sentence; empty if nothing did
+  Json document_;              // of the last command that succeeded
+  std::string entry_problem_;  // why the game got no entry in the menu; empty if it has one
+  std::string refusal_;        // why a command refused the folder in the field; empty if none did
+  std::string notice_;         // what happened last, in a sentence; empty if nothing did
   std::string error_code_;
   std::string error_message_;
   FolderView folders_;

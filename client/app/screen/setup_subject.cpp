@@ -1,6 +1,8 @@
 #include "app/screen/setup_subject.hpp"
 
 #include <exception>
+#include <filesystem>
+#include <optional>
 #include <utility>
 
 #include "app/brand/brand.hpp"
@@ -44,6 +46,12 @@ void find_package(SetupWindow& window, SetupCommand& setup, const FindAppendedPl
   }
 }
 
+// Returns the bytes of an installation's icon file; none where its brand has no icon.
+std::string installed_icon(const std::filesystem::path& root) {
+  const std::optional<Brand> brand = installed_brand(root);
+  return brand && brand->icon ? read_file(brand_icon_path(root), package_limits::icon) : std::string();
+}
+
 }  // namespace
 
 SetupWindow find_install_window(const WindowCommand& command, std::string_view package_seal,
@@ -59,6 +67,9 @@ SetupWindow find_install_window(const WindowCommand& command, std::string_view p
   setup.data_root_chosen = command.data_root_chosen;
   try {
     find_package(window, setup, find_place);
+  } catch (const Error& error) {
+    window.subject.problem = error.what();
+    window.subject.problem_code = error.code;
   } catch (const std::exception& problem) {
     window.subject.problem = problem.what();
   }
@@ -70,13 +81,16 @@ SetupWindow find_maintenance_window(const WindowCommand& command) {
   SetupWindow window;
   window.subject.data_root = command.data_root;
   window.subject.data_root_chosen = command.data_root_chosen;
+  // What cannot be read cannot be shown. It is removed all the same.
   try {
     use_installed_brand(command.data_root);
-    if (!product_icon().empty()) {
-      window.icon = read_file(product_icon(), package_limits::icon);
-    }
   } catch (const std::exception&) {
-    // What cannot be read cannot be shown. It is removed all the same.
+    // The name of a brand is known without its theme.
+  }
+  try {
+    window.icon = installed_icon(command.data_root);
+  } catch (const std::exception&) {
+    // The window then has none.
   }
   return window;
 }
