@@ -180,6 +180,8 @@ TEST_F(AppendedPackageTest, IsReadAsTheOneInADirectory) {
   EXPECT_TRUE(package_theme(package, place.seal()));
   EXPECT_EQ(package_brand_icon(package, place.seal()), expected.brand_icon);
   EXPECT_EQ(package_featured_game(package, place.seal())->id, expected.featured_game->id);
+  EXPECT_EQ(package_manifests(package, place.seal()).bootstrap.raw, expected.bootstrap.raw);
+  EXPECT_EQ(package_manifests(package, place.seal()).launcher.raw, expected.launcher.raw);
 }
 
 TEST_F(AppendedPackageTest, IsReadWithItsOwnSealAlone) {

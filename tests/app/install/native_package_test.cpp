@@ -276,6 +276,7 @@ void expect_no_seal(const std::filesystem::path& directory, const std::string& s
   EXPECT_FAILURE(package_theme(directory, seal), untrusted, short_no_seal) << seal;
   EXPECT_FAILURE(package_brand_icon(directory, seal), untrusted, no_seal) << seal;
   EXPECT_FAILURE(package_featured_game(directory, seal), untrusted, no_seal) << seal;
+  EXPECT_FAILURE(package_manifests(directory, seal), untrusted, no_seal) << seal;
 }
 
 TEST_F(NativePackageTest, NeedsASealOfItsForm) {
@@ -297,6 +298,7 @@ void expect_other_package(const std::filesystem::path& directory, const std::str
   EXPECT_FAILURE(package_theme(directory, seal), untrusted, other_package);
   EXPECT_FAILURE(package_brand_icon(directory, seal), untrusted, other_package);
   EXPECT_FAILURE(package_featured_game(directory, seal), untrusted, other_package);
+  EXPECT_FAILURE(package_manifests(directory, seal), untrusted, other_package);
 }
 
 TEST_F(NativePackageTest, NeedsItsOwnSeal) {
@@ -332,6 +334,7 @@ void expect_all_fail(const std::filesystem::path& directory, const std::string& 
   EXPECT_FAILURE(package_theme(directory, seal), code, message);
   EXPECT_FAILURE(package_brand_icon(directory, seal), code, message);
   EXPECT_FAILURE(package_featured_game(directory, seal), code, message);
+  EXPECT_FAILURE(package_manifests(directory, seal), code, message);
 }
 
 TEST_F(NativePackageTest, NeedsADescriptorThatIsAPlainFile) {
@@ -379,6 +382,7 @@ TEST_F(NativePackageTest, HasADescriptorThatIsAnObject) {
     EXPECT_FALSE(package_theme(directory, seal));
     EXPECT_EQ(package_brand_icon(directory, seal), std::nullopt);
     EXPECT_FALSE(package_featured_game(directory, seal));
+    EXPECT_FAILURE(package_manifests(directory, seal), invalid, other_fields);
   }
 }
 
@@ -922,6 +926,60 @@ TEST_F(NativePackageTest, HasArchivesOfAtMostAGibibyteTogether) {
   expect_refused(changed, wrong_length);
   declare(1, gibibyte - 1);
   expect_refused(changed, wrong_length);
+}
+
+// The manifests by themselves.
+
+TEST_F(NativePackageTest, ShowsItsManifestsWithoutItsOtherResources) {
+  const std::string seal = rewrite();
+  for (const auto& [name, content] : package.files()) {
+    if (name != "bootstrap.json" && name != "launcher.json") {
+      std::filesystem::remove(directory / name);
+    }
+  }
+  write_content(directory / "unexpected", "");
+  const PackageManifests manifests = package_manifests(directory, seal);
+  EXPECT_EQ(manifests.bootstrap.raw, package.bootstrap);
+  EXPECT_EQ(manifests.launcher.raw, package.launcher);
+  EXPECT_EQ(manifests.launcher.build_id, "build-1");
+}
+
+TEST_F(NativePackageTest, ProvesItsManifestsByThemselves) {
+  for (const char* name : {"bootstrap.json", "launcher.json"}) {
+    const std::string seal = rewrite();
+    flip_byte(directory / name, 0);
+    EXPECT_FAILURE(package_manifests(directory, seal), changed, changed_resource + name);
+    std::filesystem::remove(directory / name);
+    EXPECT_FAILURE(package_manifests(directory, seal), "file_read", "Cannot open file: " + (directory / name).native());
+    std::filesystem::create_symlink("root.json", directory / name);
+    EXPECT_FAILURE(package_manifests(directory, seal), "unsafe_path",
+                   "Cannot open file: " + (directory / name).native());
+  }
+}
+
+TEST_F(NativePackageTest, RefusesManifestsAsTheWholePackageDoes) {
+  const auto expect = [&](const Json& other, const std::string& code, const std::string& message) {
+    expect_refused(other, code, message);
+    const std::string seal = rewrite(other);
+    EXPECT_FAILURE(package_manifests(directory, seal), code, message);
+  };
+  for (const std::string pointer : {"/bootstrap_manifest", "/launcher_manifest"}) {
+    expect(with(pointer, Json()), invalid, other_fields);
+    expect(with(pointer + "/other", 1), invalid, other_fields);
+    expect(with(pointer + "/path", 1), invalid, malformed);
+    expect(with(pointer + "/length", 0), "size_limit", too_long);
+    expect(with(pointer + "/length", package_limits::document + 1), "size_limit", too_long);
+    expect(with(pointer + "/sha256", std::string(64, '0')), changed, changed_resource + name_at(pointer));
+    EXPECT_FAILURE(package_manifests(directory, rewrite(without(pointer))), invalid, other_fields);
+    EXPECT_FAILURE(package_manifests(directory, rewrite(with(pointer + "/path", "a/b"))), invalid, not_flat);
+  }
+  package.bootstrap.erase("files");
+  EXPECT_FAILURE(package_manifests(directory, rewrite()), "invalid_manifest",
+                 "Snapshot manifest has missing or malformed fields");
+  package.bootstrap = good_package().bootstrap;
+  package.launcher.erase("files");
+  EXPECT_FAILURE(package_manifests(directory, rewrite()), "invalid_manifest",
+                 "Snapshot manifest has missing or malformed fields");
 }
 
 // The featured game.
