@@ -60,6 +60,11 @@ int main(int argc, char** argv) {
   if (const std::optional<int> code = ravok::answer_version(arguments, {program_name, ravok::program_commit()})) {
     return *code;
   }
+  const auto tell = [&](const ravok::Error& error) {
+    ravok::WindowRun message = window_run();
+    message.smoke = std::find(arguments.begin(), arguments.end(), "--smoke") != arguments.end();
+    return ravok::tell_in_window(error, "Ravok cannot be installed", message);
+  };
   try {
     const ravok::WindowCommand command = ravok::parse_window_command(arguments, true, ravok::user_data_root);
     if (command.help) {
@@ -68,10 +73,8 @@ int main(int argc, char** argv) {
     }
     return run(command);
   } catch (const ravok::Error& error) {
-    ravok::WindowRun message = window_run();
-    message.smoke = std::find(arguments.begin(), arguments.end(), "--smoke") != arguments.end();
-    return ravok::tell_in_window(error, "Ravok cannot be installed", message);
+    return tell(error);
   } catch (const std::exception& problem) {
-    return ravok::tell_failure(problem);
+    return tell(ravok::Error("setup_failed", problem.what()));
   }
 }

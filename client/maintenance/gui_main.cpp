@@ -62,6 +62,12 @@ int main(int argc, char** argv) {
   }
   const ravok::ConsoleInterrupt interrupt(true);
   const ravok::TerminationSignals termination;
+  const auto tell = [&](const ravok::Error& error) {
+    ravok::WindowRun message = window_run();
+    message.smoke = std::find(arguments.begin(), arguments.end(), "--smoke") != arguments.end();
+    message.interrupted = [&] { return interrupt.requested(); };
+    return ravok::tell_in_window(error, "Ravok cannot be removed", message);
+  };
   try {
     // Ends after the window, and before the signals do: no signal stops the removal of a temporary copy half-way.
     const std::unique_ptr<ravok::MaintenanceRuntime> runtime =
@@ -73,11 +79,8 @@ int main(int argc, char** argv) {
     }
     return run(command, runtime.get(), interrupt);
   } catch (const ravok::Error& error) {
-    ravok::WindowRun message = window_run();
-    message.smoke = std::find(arguments.begin(), arguments.end(), "--smoke") != arguments.end();
-    message.interrupted = [&] { return interrupt.requested(); };
-    return ravok::tell_in_window(error, "Ravok cannot be removed", message);
+    return tell(error);
   } catch (const std::exception& problem) {
-    return ravok::tell_failure(problem);
+    return tell(ravok::Error("setup_failed", problem.what()));
   }
 }

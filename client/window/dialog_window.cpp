@@ -1,6 +1,7 @@
 #include "window/dialog_window.hpp"
 
 #include <algorithm>
+#include <cmath>
 #include <utility>
 
 #include <FL/Fl.H>
@@ -13,7 +14,8 @@
 namespace ravok {
 namespace {
 
-constexpr int usual_width = 600;
+constexpr int least_width = 600;
+constexpr int width_in_lines = 38;  // of the height of the theme's text
 constexpr int least_height = 380;
 constexpr int largest_icon = 48;
 // Of the window's height, for what the desktop draws around it.
@@ -53,11 +55,31 @@ Fl_Color text_color_on(Fl_Color text, Fl_Color background, int, int) {
                                                                                   : text;
 }
 
+// Passes an event on, unless it comes of a key that has pressed something and is held since: that was not meant for
+// what stands in its place by now.
+int dispatch_event(int event, Fl_Window* window) {
+  static int held = 0;
+  const int key = Fl::event_key();
+  if ((event == FL_KEYUP && key == held) || event == FL_UNFOCUS) {
+    held = 0;
+  }
+  const bool writes = key == ' ' && dynamic_cast<TextField*>(Fl::focus()) != nullptr;
+  const bool presses = key == FL_Enter || key == FL_KP_Enter || key == FL_Escape || (key == ' ' && !writes);
+  if (event == FL_KEYDOWN && presses) {
+    if (key == held) {
+      return 1;
+    }
+    held = key;
+  }
+  return Fl::handle_(event, window);
+}
+
 }  // namespace
 
 DialogWindow::DialogWindow(const ScreenDialog& dialog, const std::string& program, const std::string& icon_file)
-    : Fl_Double_Window(usual_width, least_height), dialog_(dialog) {
+    : Fl_Double_Window(least_width, least_height), dialog_(dialog), own_scale_(Fl::screen_scale(0)) {
   end();
+  Fl::event_dispatch(dispatch_event);
   give_toolkit_colors(style_.theme());
   fl_contrast_function(text_color_on);
   fl_contrast_mode(FL_CONTRAST_CUSTOM);
@@ -123,13 +145,9 @@ void DialogWindow::build() {
   }
   end();
   copy_label(screen_.title.c_str());
-  const bool keeps = std::any_of(rows_.begin(), rows_.end(), [&](const Row& row) {
-    const auto* const field = std::get_if<FieldRow>(&row);
-    return field != nullptr && field->id == had_focus;
-  });
-  give_focus(keeps ? had_focus : screen_.first);
+  give_focus(find(had_focus) != nullptr ? had_focus : screen_.first);
   for (const Row& row : rows_) {
-    if (const auto* const field = std::get_if<FieldRow>(&row); field != nullptr && keeps) {
+    if (const auto* const field = std::get_if<FieldRow>(&row); field != nullptr && field->id == had_focus) {
       field->field->insert_position(position, mark);
     }
   }
@@ -177,6 +195,9 @@ void DialogWindow::give_focus(const std::string& id) {
   Fl_Widget* const widget = find(id);
   if (widget != nullptr) {
     widget->take_focus();
+  } else if (screen_.busy) {
+    // A key that was pressed twice does not stop what it has begun.
+    Fl::focus(this);
   } else if (!buttons_.empty()) {
     buttons_.front()->take_focus();
   }
@@ -249,29 +270,31 @@ int DialogWindow::place_buttons(int top, int across) {
   return height;
 }
 
-// Makes the window as high as its screen needs. A screen that is too high for the display is shown smaller, so that all
-// of it can be seen.
+// Makes the window as large as its screen needs. What is too large for the display is shown smaller, so that all of it
+// can be seen.
 void DialogWindow::fit() {
   const int screen = shown() ? screen_num() : 0;
   int left = 0;
   int top = 0;
   int across = 0;
   int down = 0;
-  int needed = place(w(), h());
   Fl::screen_work_area(left, top, across, down, screen);
-  const double width_part = static_cast<double>(across) / w();
-  const double height_part = static_cast<double>(down - decoration) / std::max(needed, least_height);
-  const double part = std::min(width_part, height_part);
-  if (part < 1) {
-    Fl::screen_scale(screen, static_cast<float>(Fl::screen_scale(screen) * part));
-    needed = place(w(), h());
+  const double scale = Fl::screen_scale(screen);
+  const double most_across = across * scale;
+  const double most_down = down * scale - decoration * own_scale_;
+  const int width = std::max(least_width, width_in_lines * static_cast<int>(style_.theme().body_size));
+  const int needed = std::max(place(width, 0), least_height);
+  // It does not become lower from screen to screen, unless that made it smaller.
+  const int height = std::max(needed, h()) * own_scale_ <= most_down ? std::max(needed, h()) : needed;
+  const double fitting = std::min({own_scale_, most_across / width, most_down / height});
+  if (std::abs(fitting - scale) > 0.01) {
+    Fl::screen_scale(screen, static_cast<float>(fitting));
   }
-  const int height = std::max({needed, least_height, h()});
-  size_range(usual_width, height, usual_width, height);
-  if (height != h()) {
-    size(usual_width, height);
+  size_range(width, height, width, height);
+  if (width != w() || height != h()) {
+    size(width, height);
   } else {
-    place(w(), h());
+    place(width, height);
   }
 }
 

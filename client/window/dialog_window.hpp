@@ -54,6 +54,7 @@ class DialogWindow : public Fl_Double_Window {
   void report();
 
   const ScreenDialog dialog_;
+  const double own_scale_;  // of the display, before this window
   Style style_;
   std::unique_ptr<Picture> icon_;
   std::unique_ptr<Picture> banner_;

@@ -35,8 +35,8 @@ Picture::Picture(const std::string& icon_file) {
 void Picture::draw(int left, int top, int across, int down) {
   if (image_) {
     Fl_Image::scaling_algorithm(pixel_art_ ? FL_RGB_SCALING_NEAREST : FL_RGB_SCALING_BILINEAR);
-    image_->scale(across, down, 0, 1);
-    image_->draw(left, top);
+    image_->scale(across, down, 1, 1);
+    image_->draw(left + (across - image_->w()) / 2, top + (down - image_->h()) / 2);
   }
 }
 

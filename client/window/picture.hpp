@@ -23,7 +23,7 @@ class Picture {
   int height() const { return height_; }
   const Fl_RGB_Image* image() const { return image_.get(); }
 
-  // Draws it in a rectangle of the window.
+  // Draws it in the middle of a rectangle of the window, as large as it can be there.
   void draw(int left, int top, int across, int down);
 
  private:

@@ -95,7 +95,7 @@ int place_row(Row& row, const Style& style, int left, int top, int across) {
     const int inset = (height - widgets.field->natural_height()) / 2;
     widgets.field->resize(left, top + label + inset, across - button - style.gap(), widgets.field->natural_height());
     widgets.browse->resize(left + across - button, top + label, button, height);
-    const int problem = widgets.problem->text().empty() ? 0 : widgets.problem->wrap(across);
+    const int problem = widgets.problem->wrap(across);
     widgets.problem->resize(left, top + label + height, across, problem);
     return label + height + problem;
   };

@@ -16,19 +16,16 @@ namespace {
 constexpr Fl_Font theme_regular = FL_FREE_FONT;
 constexpr Fl_Font theme_bold = FL_FREE_FONT + 1;
 constexpr Fl_Font theme_title = FL_FREE_FONT + 2;
-constexpr std::size_t theme_fonts = 3;
+// The toolkit refers to a font by the family, behind a letter for its weight; a blank leaves the weight open. A font of
+// a theme gets a family of its own, so that no other one of the system or the theme is taken for it.
+constexpr const char* regular_name = " ravok-regular";
+constexpr const char* bold_name = " ravok-bold";
+constexpr const char* title_name = " ravok-title";
 
-// Returns the family of the font in a file, or nothing where the library cannot read it.
-std::string family_of(const std::string& path) {
-  int count = 0;
-  const std::unique_ptr<FcPattern, decltype(&FcPatternDestroy)> font(
-      FcFreeTypeQuery(reinterpret_cast<const FcChar8*>(path.c_str()), 0, nullptr, &count), &FcPatternDestroy);
-  FcChar8* family = nullptr;
-  if (!font || FcPatternGetString(font.get(), FC_FAMILY, 0, &family) != FcResultMatch) {
-    return {};
-  }
-  return reinterpret_cast<const char*>(family);
-}
+// Returns the fonts that were added to those of the system, in the order in which they were.
+FcFontSet* added_fonts() { return FcConfigGetFonts(FcConfigGetCurrent(), FcSetApplication); }
+
+int count_of(const FcFontSet* fonts) { return fonts == nullptr ? 0 : fonts->nfont; }
 
 // The toolkit ends the process where it finds no font at all.
 void require_fonts() {
@@ -44,17 +41,16 @@ Style::Style() : theme_(ravok::theme()) {
     FcConfigEnableHome(FcFalse);
   }
   require_fonts();
-  font_names_.reserve(theme_fonts);
-  if (theme_.regular_font && use_font(theme_regular, ' ', *theme_.regular_font)) {
+  if (theme_.regular_font && use_font(theme_regular, regular_name, *theme_.regular_font)) {
     regular_font_ = theme_regular;
     bold_font_ = theme_regular;
     title_font_ = theme_regular;
   }
-  if (theme_.bold_font && use_font(theme_bold, 'B', *theme_.bold_font)) {
+  if (theme_.bold_font && use_font(theme_bold, bold_name, *theme_.bold_font)) {
     bold_font_ = theme_bold;
     title_font_ = theme_bold;
   }
-  if (theme_.title_font && use_font(theme_title, ' ', *theme_.title_font)) {
+  if (theme_.title_font && use_font(theme_title, title_name, *theme_.title_font)) {
     title_font_ = theme_title;
   }
 }
@@ -73,17 +69,24 @@ Fl_Color Style::tone_color(TextTone tone) const {
   return color(theme_.text);
 }
 
-// Makes the font of a file known under its family, in the weight that the letter stands for.
-bool Style::use_font(Fl_Font slot, char face, const std::string& bytes) {
+// Makes the font of a file known to the toolkit. Returns whether it can be used.
+bool Style::use_font(Fl_Font slot, const char* name, const std::string& bytes) {
   MemoryFile file(bytes);
   const std::string path = path_utf8(file.path());
-  const std::string family = family_of(path);
-  if (family.empty() || FcConfigAppFontAddFile(nullptr, reinterpret_cast<const FcChar8*>(path.c_str())) != FcTrue) {
+  const int before = count_of(added_fonts());
+  if (FcConfigAppFontAddFile(FcConfigGetCurrent(), reinterpret_cast<const FcChar8*>(path.c_str())) != FcTrue) {
     return false;
   }
+  FcFontSet* const fonts = added_fonts();
+  if (count_of(fonts) == before) {
+    return false;
+  }
+  for (int i = before; i < fonts->nfont; ++i) {
+    FcPatternDel(fonts->fonts[i], FC_FAMILY);
+    FcPatternAddString(fonts->fonts[i], FC_FAMILY, reinterpret_cast<const FcChar8*>(name + 1));
+  }
   files_.push_back(std::move(file));
-  font_names_.push_back(face + family);
-  Fl::set_font(slot, font_names_.back().c_str());
+  Fl::set_font(slot, name);
   return true;
 }
 

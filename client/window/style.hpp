@@ -46,11 +46,10 @@ class Style {
  private:
   static Fl_Fontsize size(std::uint32_t pixels) { return static_cast<Fl_Fontsize>(pixels); }
   Fl_Color tone_color(TextTone tone) const;
-  bool use_font(Fl_Font slot, char face, const std::string& bytes);
+  bool use_font(Fl_Font slot, const char* name, const std::string& bytes);
 
   const Theme& theme_;
-  std::vector<MemoryFile> files_;        // of the theme's fonts
-  std::vector<std::string> font_names_;  // which the toolkit refers to
+  std::vector<MemoryFile> files_;  // of the theme's fonts
   Fl_Font regular_font_ = FL_HELVETICA;
   Fl_Font bold_font_ = FL_HELVETICA_BOLD;
   Fl_Font title_font_ = FL_HELVETICA_BOLD;

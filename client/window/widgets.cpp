@@ -16,7 +16,20 @@ constexpr int corner_radius = 6;
 
 void choose_font(const TextStyle& style) { fl_font(style.font, style.size); }
 
-double width_of(std::string_view text) { return fl_width(text.data(), static_cast<int>(text.size())); }
+// Returns the width of a text, measured piece by piece: the display counts the pixels of each in 15 bits.
+double width_of(std::string_view text) {
+  constexpr std::size_t most = 128;
+  double width = 0;
+  while (!text.empty()) {
+    std::size_t size = std::min(text.size(), most);
+    while (size > 1 && size < text.size() && (static_cast<unsigned char>(text[size]) & 0xC0U) == 0x80U) {
+      --size;
+    }
+    width += fl_width(text.data(), static_cast<int>(size));
+    text.remove_prefix(size);
+  }
+  return width;
+}
 
 // Returns how many bytes of a word, whole characters and at least one, fit into a width.
 std::size_t fitting(std::string_view word, int width) {
@@ -107,6 +120,10 @@ bool TextBlock::set(std::string text, const TextStyle& style) {
 }
 
 int TextBlock::wrap(int width) {
+  lines_.clear();
+  if (text_.empty()) {
+    return 0;
+  }
   choose_font(style_);
   lines_ = wrapped(text_, width);
   return static_cast<int>(lines_.size()) * fl_height();
@@ -148,6 +165,10 @@ int ActionButton::natural_height() const {
 }
 
 int ActionButton::handle(int event) {
+  // The second click of two was meant for the screen before.
+  if (event == FL_PUSH && Fl::event_clicks() != 0) {
+    return 1;
+  }
   if (event == FL_ENTER || event == FL_LEAVE) {
     redraw();
     return 1;
@@ -203,8 +224,13 @@ int TickBox::box_side() const { return static_cast<int>(style_.theme().body_size
 
 int TickBox::wrap(int width) {
   choose_font(style_.body(TextTone::normal));
-  const int label = box_side() + style_.gap() + static_cast<int>(width_of(label_.text));
-  size(std::min(width, label + 2 * style_.gap()), fl_height() + style_.gap());
+  const int left = box_side() + style_.gap() + ring_width + 2;
+  lines_ = wrapped(label_.text, width - left - style_.gap());
+  double widest = 0;
+  for (const std::string& line : lines_) {
+    widest = std::max(widest, width_of(line));
+  }
+  size(left + static_cast<int>(widest) + style_.gap(), static_cast<int>(lines_.size()) * fl_height() + style_.gap());
   return h();
 }
 
@@ -212,7 +238,7 @@ void TickBox::draw() {
   const TextStyle text = style_.body(TextTone::normal);
   const int side = box_side();
   const int left = x() + ring_width + 2;
-  const int top = y() + (h() - side) / 2;
+  const int top = y() + (lines_.size() == 1 ? (h() - side) / 2 : style_.gap() / 2);
   fl_rectf(x(), y(), w(), h(), Style::color(style_.theme().panel));
   fl_rectf(left, top, side, side, Style::color(style_.theme().paper));
   fl_rect(left, top, side, side, Style::color(style_.theme().muted));
@@ -225,7 +251,16 @@ void TickBox::draw() {
   }
   choose_font(text);
   fl_color(text.color);
-  draw_mnemonic(label_, left + side + style_.gap(), y() + (h() + fl_height()) / 2 - fl_descent());
+  const int text_left = left + side + style_.gap();
+  int baseline = y() + style_.gap() / 2 + fl_height() - fl_descent();
+  if (lines_.size() == 1) {
+    draw_mnemonic(label_, text_left, baseline);
+  } else {
+    for (const std::string& line : lines_) {
+      draw_line(line, text_left, baseline);
+      baseline += fl_height();
+    }
+  }
   if (Fl::focus() == this) {
     draw_focus_ring(style_, x(), y(), w(), h());
   }

@@ -96,6 +96,7 @@ class TickBox : public Fl_Check_Button {
 
   const Style& style_;
   const Mnemonic label_;
+  std::vector<std::string> lines_;  // of the label
   std::function<void(bool)> changed_;
 };
 

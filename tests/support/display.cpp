@@ -306,7 +306,8 @@ void do_input(const std::string& display, std::vector<std::string> arguments) {
 }  // namespace
 
 void Display::click(std::int64_t x, std::int64_t y) const {
-  do_input(name_, {"mousemove", std::to_string(x), std::to_string(y), "click", "1"});
+  // From elsewhere, so that it is no second click of a double click.
+  do_input(name_, {"mousemove", "0", "0", "mousemove", std::to_string(x), std::to_string(y), "click", "1"});
 }
 
 void Display::point_at(std::int64_t x, std::int64_t y) const {

@@ -69,9 +69,10 @@ struct Screen {
   TextTone heading_tone = TextTone::normal;
   std::vector<ScreenItem> items;
   std::vector<ScreenAction> actions;  // from the one that most users want to the one that leaves
-  std::string first;                  // the action or item that has the keyboard at first; empty for the first action
-  std::string escape;                 // the action that Escape stands for; empty for the closing of the window
-  bool busy = false;                  // whether the screen changes by itself all the time
+  // The action or item that has the keyboard at first; empty for the first action and, on a busy screen, for none.
+  std::string first;
+  std::string escape;  // the action that Escape stands for; empty for the closing of the window
+  bool busy = false;   // whether the screen changes by itself all the time
 };
 
 // One dialog between the user and a program, as a window needs it. A window calls all of it from one thread.
