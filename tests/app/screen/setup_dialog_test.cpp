@@ -11,6 +11,7 @@
 #include <regex>
 #include <set>
 #include <string>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -107,6 +108,13 @@ class SetupDialogTest : public ::testing::Test {
     return [this](const std::filesystem::path& image, const std::filesystem::path& data_root) {
       started.push_back({image, data_root});
     };
+  }
+
+  // Takes the lock of the record of menu entries, so that none can be made.
+  std::optional<FileLock> lock_entries() const {
+    place.write("native/shortcuts.json", "");
+    std::filesystem::remove(place.paths().shortcut_ledger);
+    return std::optional<FileLock>(std::in_place, place.paths().shortcut_lock, true, LockMode::exclusive);
   }
 
   std::string data() const { return place.data().native(); }
@@ -733,8 +741,9 @@ TEST_F(SetupDialogTest, AdvisesForAnInstallationOfALaterVersion) {
   EXPECT_EQ(text_of(screen, "problem"),
             "Unsupported installation record " + place.paths().installation_record.native() + ".");
   EXPECT_EQ(text_of(screen, "advice"), "A newer version may have made this installation. Get a newer installer.");
-  EXPECT_EQ(user.press("back").id, "installed");
-  user.until("choose");
+  user.dialog.press("back");
+  EXPECT_EQ(problem_of(user.until("choose")),
+            "Unsupported installation record " + place.paths().installation_record.native());
 }
 
 TEST_F(SetupDialogTest, AdvisesForAFolderThatMayNotBeWritten) {
@@ -807,10 +816,7 @@ TEST_F(SetupDialogTest, ClosesOnceTheGameHasItsEntry) {
   place.package.featured_game = {{"id", "first-game"}, {"name", "The First Game"}};
   brand();
   DialogUser user(installer(), start());
-  // The record of entries is in use elsewhere.
-  place.write("native/shortcuts.json", "");
-  std::filesystem::remove(place.paths().shortcut_ledger);
-  std::optional<FileLock> entries(std::in_place, place.paths().shortcut_lock, true, LockMode::exclusive);
+  std::optional<FileLock> entries = lock_entries();
   user.dialog.press("install");
   Screen screen = user.until([](const Screen& now) {
     const auto* const progress = std::get_if<ScreenProgress>(&now.items.at(0));
@@ -827,6 +833,28 @@ TEST_F(SetupDialogTest, ClosesOnceTheGameHasItsEntry) {
   user.until_idle();
   EXPECT_TRUE(user.dialog.closed());
   EXPECT_EQ(user.dialog.exit_code(), 0);
+  EXPECT_FALSE(is_missing(native_menu_entry(place.data(), "first-game", "")));
+}
+
+TEST_F(SetupDialogTest, StaysOpenFromTheInstallationToTheEntryOfTheGame) {
+  place.package.featured_game = {{"id", "first-game"}, {"name", "The First Game"}};
+  place.republish();
+  DialogUser user(installer(), start());
+  std::optional<FileLock> entries = lock_entries();
+  user.dialog.press("install");
+  // All is installed but for the client's entry, and nothing stops the command any more.
+  while (is_missing(place.paths().installation_record) || !is_missing(place.paths().incomplete_marker)) {
+    std::this_thread::yield();
+  }
+  user.dialog.close();
+  EXPECT_FALSE(user.dialog.closed());
+  entries.reset();
+  user.until([&](const Screen& screen) {
+    EXPECT_NE(user.dialog.closed(), screen.busy);
+    return !screen.busy;
+  });
+  EXPECT_EQ(user.dialog.exit_code(), 0);
+  EXPECT_FALSE(is_missing(place.entry()));
   EXPECT_FALSE(is_missing(native_menu_entry(place.data(), "first-game", "")));
 }
 
