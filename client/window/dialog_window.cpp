@@ -203,6 +203,18 @@ void DialogWindow::give_focus(const std::string& id) {
   }
 }
 
+// The toolkit moves the keyboard only from one thing to the next. On a busy screen nothing has it at first.
+int DialogWindow::handle(int event) {
+  if (screen_.busy && event == FL_FOCUS) {
+    return 1;
+  }
+  if (event == FL_KEYBOARD && Fl::event_key() == FL_Tab && Fl::focus() == this && !buttons_.empty()) {
+    buttons_.front()->take_focus();
+    return 1;
+  }
+  return Fl_Double_Window::handle(event);
+}
+
 // Gives every widget its place in a window of this width. Returns the height that all of it needs; the panel takes what
 // is left of `down` beyond that.
 int DialogWindow::place(int across, int down) {

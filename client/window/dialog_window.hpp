@@ -34,6 +34,7 @@ class DialogWindow : public Fl_Double_Window {
   std::uint64_t frames() const { return frames_; }
 
  protected:
+  int handle(int event) override;
   void draw() override;
   void flush() override;
   void resize(int left, int top, int across, int down) override;

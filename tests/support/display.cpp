@@ -310,11 +310,20 @@ void Display::click(std::int64_t x, std::int64_t y) const {
   do_input(name_, {"mousemove", "0", "0", "mousemove", std::to_string(x), std::to_string(y), "click", "1"});
 }
 
+void Display::double_click(std::int64_t x, std::int64_t y) const {
+  do_input(name_, {"mousemove", "0", "0", "mousemove", std::to_string(x), std::to_string(y), "click", "--repeat", "2",
+                   "--delay", "0", "1"});
+}
+
 void Display::point_at(std::int64_t x, std::int64_t y) const {
   do_input(name_, {"mousemove", std::to_string(x), std::to_string(y)});
 }
 
 void Display::press(const std::string& key) const { do_input(name_, {"key", "--delay", "0", key}); }
+
+void Display::hold(const std::string& key) const { do_input(name_, {"keydown", "--delay", "0", key}); }
+
+void Display::let_go(const std::string& key) const { do_input(name_, {"keyup", "--delay", "0", key}); }
 
 void Display::type(const std::string& text) const { do_input(name_, {"type", "--delay", "0", "--", text}); }
 

@@ -88,8 +88,12 @@ class Display {
 
   // Real events, in the order of the calls. A key is named as X names it, with modifiers as in "alt+i".
   void click(std::int64_t x, std::int64_t y) const;
+  void double_click(std::int64_t x, std::int64_t y) const;
   void point_at(std::int64_t x, std::int64_t y) const;
   void press(const std::string& key) const;
+  // Keeps a key down until it is let go.
+  void hold(const std::string& key) const;
+  void let_go(const std::string& key) const;
   void type(const std::string& text) const;
 
   // The colour of a point of the screen, as 0xRRGGBB.

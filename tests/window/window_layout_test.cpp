@@ -8,6 +8,7 @@
 #include <gtest/gtest.h>
 
 #include "platform/file/native_lock.hpp"
+#include "support/theme_builder.hpp"
 #include "window/window_place.hpp"
 
 namespace ravok::window_layout_test {
@@ -108,6 +109,36 @@ TEST_P(WindowLayout, KeepsEverythingInSightAndApart) {
 
 INSTANTIATE_TEST_SUITE_P(OfScale, WindowLayout, ::testing::Values(96, 144, 192),
                          [](const auto& dpi) { return std::to_string(dpi.param); });
+
+// A theme may ask for large text.
+class WindowText : public ::testing::TestWithParam<std::uint32_t>, protected testing::WindowPlace {
+ protected:
+  WindowText() : WindowPlace({.width = 1024, .height = 600}) {
+    Json theme = testing::theme_definition();
+    theme["text_sizes"] = {{"title", GetParam()}, {"heading", GetParam()}, {"body", GetParam()}, {"small", GetParam()}};
+    place.package.theme = theme;
+    place.package.brand = {{"name", "Acme"}, {"id", "acme"}, {"publisher", "Acme"}};
+    publish();
+  }
+};
+
+TEST_P(WindowText, KeepsEverythingInSightAndApart) {
+  auto window = start();
+  const ShownWindow shown = window->wait_for_item("install");
+  expect_in_order(shown, display.screen());
+  // Most of a usual folder can be read.
+  EXPECT_GT(shown.find("folder")->area.width, shown.area.width / 3);
+  window->click("install");
+  expect_in_order(window->wait_for_screen("done"), display.screen());
+  window->click("close");
+  window->wait();
+  window = start();
+  window->click("uninstall");
+  expect_in_order(window->wait_for_screen("remove"), display.screen());
+}
+
+INSTANTIATE_TEST_SUITE_P(OfSize, WindowText, ::testing::Values(10, 48),
+                         [](const auto& size) { return std::to_string(size.param); });
 
 // What is drawn grows with the scale of the screen.
 TEST(WindowScale, IsThatOfTheScreen) {

@@ -105,6 +105,18 @@ void WindowUser::click(const std::string& id) const {
   display_.click(shown.area.x + area.x + area.width / 2, shown.area.y + area.y + area.height / 2);
 }
 
+void WindowUser::double_click(const std::string& id) const {
+  const ShownWindow shown = wait_for_item(id);
+  const Area area = shown.find(id)->area;
+  display_.focus(shown.window);
+  display_.double_click(shown.area.x + area.x + area.width / 2, shown.area.y + area.y + area.height / 2);
+}
+
+void WindowUser::hold(const std::string& key) const {
+  display_.focus(wait_for("a window", [](const ShownWindow&) { return true; }).window);
+  display_.hold(key);
+}
+
 void WindowUser::tab_to(const std::string& id, const std::string& key) const {
   ShownWindow shown = wait_for_item(id);
   for (std::size_t presses = 0; shown.focus != id; ++presses) {

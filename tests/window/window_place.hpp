@@ -39,10 +39,14 @@ class WindowUser {
 
   // Clicks into the middle of an item, once it is there.
   void click(const std::string& id) const;
+  void double_click(const std::string& id) const;
   // Moves the focus by Tab, or another key, until it is on the item.
   void tab_to(const std::string& id, const std::string& key = "Tab") const;
   // Presses a key with the window in focus.
   void press(const std::string& key) const;
+  // Keeps a key down, with the window in focus, until it is let go.
+  void hold(const std::string& key) const;
+  void let_go(const std::string& key) const { display_.let_go(key); }
   // Replaces what stands in a field.
   void fill(const std::string& id, const std::string& text) const;
   void ask_to_close() const;
