@@ -200,12 +200,11 @@ void SetupDialog::begin(SetupCommandKind kind) {
     command.appended = subject_.appended;
   }
   command.remove_data = kind == SetupCommandKind::uninstall && remove_data_;
+  if (needs_package(kind) && subject_.game) {
+    command.game = subject_.game->id;
+    command.game_name = subject_.game->name;
+  }
   command_ = command;
-  entry_problem_.clear();
-  start(std::move(command));
-}
-
-void SetupDialog::start(SetupCommand command) {
   stopping_ = false;
   under_way_ = true;
   page_ = Page::working;
@@ -227,39 +226,16 @@ void SetupDialog::advance() {
   } else {
     take_failure(view);
   }
-  closed_ = closed_ || (closing_ && !under_way_);
+  closed_ = closed_ || closing_;
 }
 
 void SetupDialog::take_result(Json result) {
-  if (making_entry_) {
-    for (const Json& path : result.at("created")) {
-      document_["shortcuts"].push_back(path);
-    }
-    finish(std::move(document_));
-    return;
-  }
-  if (command_.command != SetupCommandKind::install || !subject_.game || !result.at("shortcut_problem").is_null()) {
-    finish(std::move(result));
-    return;
-  }
-  SetupCommand entry;
-  entry.command = SetupCommandKind::shortcut_create;
-  entry.data_root = path_from_utf8(text_at(result, "data_root"));
-  entry.data_root_chosen = command_.data_root_chosen;
-  entry.game = subject_.game->id;
-  entry.game_name = subject_.game->name;
   document_ = std::move(result);
-  making_entry_ = true;
-  start(std::move(entry));
+  exit_code_ = 0;
+  page_ = command_.command == SetupCommandKind::uninstall ? Page::removed : Page::done;
 }
 
 void SetupDialog::take_failure(const NativeSetup::View& view) {
-  if (making_entry_) {
-    // The client itself is installed.
-    entry_problem_ = view.error_message;
-    finish(std::move(document_));
-    return;
-  }
   const Error error(view.error_code, view.error_message);
   exit_code_ = ravok::exit_code(error);
   if (error.code == "cancelled") {
@@ -282,13 +258,6 @@ void SetupDialog::refuse_folder(const Error& error) {
   exit_code_ = ravok::exit_code(error);
   refusal_ = error.what();
   show_folder({});
-}
-
-void SetupDialog::finish(Json document) {
-  document_ = std::move(document);
-  making_entry_ = false;
-  exit_code_ = 0;
-  page_ = command_.command == SetupCommandKind::uninstall ? Page::removed : Page::done;
 }
 
 void SetupDialog::show_folder(std::string notice) {
@@ -358,10 +327,11 @@ Screen SetupDialog::installed_screen(const FolderFacts& facts) const {
   status.command = SetupCommandKind::status;
   add_text(screen, "status", setup_summary(status, facts.status));
   screen.items.emplace_back(folder_field(facts));
-  add_text(screen, "repair_keeps",
+  add_text(
+      screen, "repair_keeps",
            whole ? "Repair replaces damaged files, and keeps games, saves and settings."
                  : "Repair finishes what the setup began, and keeps games, saves and settings.",
-           TextTone::muted);
+      TextTone::muted);
   add_text(screen, "uninstall_keeps",
            branded("Uninstall removes Ravok and its games, and keeps saves and settings unless you say otherwise."),
            TextTone::muted);
@@ -381,9 +351,9 @@ Screen SetupDialog::working_screen() const {
   Screen screen = new_screen("working", install ? "Installing Ravok" : repair ? "Repairing Ravok" : "Removing Ravok");
   const NativeSetup::View view = setup_.view();
   ScreenProgress progress = {"progress", {}, view.done, view.total};
-  if (making_entry_) {
-    progress.text = "Making the menu entry…";
-  } else if (view.phase.empty()) {
+  // The installation is done but for the game's entry, and cannot be stopped any more.
+  const bool making_entry = view.phase == "menu";
+  if (view.phase.empty()) {
     progress.text = install || repair ? "Beginning…" : branded("Waiting until Ravok is closed…");
   } else {
     progress.text = setup_phase_line(view.phase);
@@ -395,7 +365,7 @@ Screen SetupDialog::working_screen() const {
   screen.busy = true;
   if (stopping_) {
     add_text(screen, "stopping", "Stopping at the next safe point…", TextTone::muted);
-  } else if (!making_entry_) {
+  } else if (!making_entry) {
     screen.actions = {{"cancel", "&Cancel"}};
     screen.escape = "cancel";
   }
@@ -413,9 +383,10 @@ Screen SetupDialog::done_screen() const {
   if (without_entry) {
     add_text(screen, "no_entry", branded("Ravok has no entry in the menu."), TextTone::muted);
   }
-  if (!entry_problem_.empty()) {
+  if (document.contains("game_shortcut_problem")) {
     add_text(screen, "entry_problem",
-             subject_.game->name + " got no entry of its own in the menu: " + sentence(entry_problem_),
+             command_.game_name +
+                 " got no entry of its own in the menu: " + sentence(text_at(document, "game_shortcut_problem")),
              TextTone::warning);
   }
   add_text(screen, "notice", notice_, TextTone::warning);

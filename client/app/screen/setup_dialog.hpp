@@ -78,11 +78,9 @@ class SetupDialog {
 
   bool installs() const { return !subject_.package.empty(); }
   void begin(SetupCommandKind kind);
-  void start(SetupCommand command);
   void advance();
   void take_result(Json result);
   void take_failure(const NativeSetup::View& view);
-  void finish(Json document);
   void set_folder(std::string text);
   void refuse_folder(const Error& error);
   void show_folder(std::string notice);
@@ -104,17 +102,15 @@ class SetupDialog {
   Page page_;
   std::string folder_;  // the text of the field
   bool remove_data_ = false;
-  SetupCommand command_;       // the last one that was begun
-  bool under_way_ = false;     // whether its outcome is still to be taken
-  bool making_entry_ = false;  // whether it is done but for the game's entry in the menu
-  bool stopping_ = false;      // whether the user has asked it to stop
+  SetupCommand command_;    // the last one that was begun
+  bool under_way_ = false;  // whether its outcome is still to be taken
+  bool stopping_ = false;   // whether the user has asked it to stop
   bool closing_ = false;
   bool closed_ = false;
   int exit_code_ = 0;
-  Json document_;              // of the last command that succeeded
-  std::string entry_problem_;  // why the game got no entry in the menu; empty if it has one
-  std::string refusal_;        // why a command refused the folder in the field; empty if none did
-  std::string notice_;         // what happened last, in a sentence; empty if nothing did
+  Json document_;        // of the last command that succeeded
+  std::string refusal_;  // why a command refused the folder in the field; empty if none did
+  std::string notice_;   // what happened last, in a sentence; empty if nothing did
   std::string error_code_;
   std::string error_message_;
   FolderView folders_;

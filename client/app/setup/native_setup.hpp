@@ -19,7 +19,7 @@ class NativeSetup {
  public:
   struct View {
     bool running = false;
-    std::string phase;  // "verifying", "installing" or "removing"; empty at first
+    std::string phase;  // "verifying", "installing", "menu" or "removing"; empty at first
     std::uint64_t done = 0;
     std::uint64_t total = 0;
     Json result;             // of a command that succeeded, otherwise null

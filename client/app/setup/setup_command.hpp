@@ -28,7 +28,7 @@ struct SetupCommand {
   std::filesystem::path package;    // empty if none was chosen
   std::filesystem::path data_root;  // the chosen or the default data folder
   bool data_root_chosen = false;    // whether --data-dir was given
-  std::string game;                 // empty if none was named
+  std::string game;                 // empty if none was named; of an install or a repair, only a front end names one
   bool remove_data = false;
   bool json = false;
   bool help = false;

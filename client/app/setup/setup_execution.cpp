@@ -1,6 +1,7 @@
 #include "app/setup/setup_execution.hpp"
 
 #include <chrono>
+#include <exception>
 
 #include "app/brand/brand.hpp"
 #include "app/install/json_paths.hpp"
@@ -46,6 +47,28 @@ std::filesystem::path create_shortcut(const SetupCommand& command) {
 
 [[noreturn]] void unknown_command() { fail("usage", "Unknown setup command"); }
 
+// Makes the shortcut of the game that a front end has named, unless a repair finds any shortcut. The installation is
+// whole without it.
+void add_game_shortcut(Json& document, const SetupCommand& command, const NativeInstallResult& result,
+                       const NativeSetupCallbacks& callbacks) {
+  if (command.game.empty() || !result.shortcut_problem.empty()) {
+    return;
+  }
+  try {
+    if (result.repaired && !owned_native_shortcuts(result.data_root).empty()) {
+      return;
+    }
+    if (callbacks.progress) {
+      callbacks.progress("menu", 0, 0);
+    }
+    const std::filesystem::path path =
+        NativeInstaller::create_shortcut(result.data_root, command.game, command.game_name, {});
+    document["shortcuts"].push_back(path_utf8(path));
+  } catch (const std::exception& problem) {
+    document["game_shortcut_problem"] = problem.what();
+  }
+}
+
 Json install(const SetupCommand& command, std::string_view package_seal, const NativeSetupCallbacks& callbacks) {
   require(!command.package.empty(), "usage", "Choose the initial package with --package DIR");
   require_own_folder(command);
@@ -61,7 +84,9 @@ Json install(const SetupCommand& command, std::string_view package_seal, const N
   if (result.shortcut_problem.empty()) {
     result.shortcut_problem = problem;
   }
-  return result.to_json();
+  Json document = result.to_json();
+  add_game_shortcut(document, command, result, callbacks);
+  return document;
 }
 
 Json uninstall(const SetupCommand& command, const NativeSetupCallbacks& callbacks) {
@@ -145,6 +170,9 @@ Json run_setup_command(const SetupCommand& command, std::string_view package_sea
 std::string_view setup_phase_line(std::string_view phase) {
   if (phase == "verifying") {
     return "Verifying…";
+  }
+  if (phase == "menu") {
+    return "Making the menu entry…";
   }
   return phase == "installing" ? "Installing…" : "Removing…";
 }

@@ -812,6 +812,35 @@ TEST_F(SetupDialogTest, TellsOfAGameThatGotNoEntry) {
   EXPECT_EQ(content, "of somebody else");
 }
 
+// The window may be gone when the installation is done, with its display or with the process.
+TEST_F(SetupDialogTest, GivesTheGameItsEntryWhoeverStillLooksAtIt) {
+  place.package.featured_game = {{"id", "first-game"}, {"name", "The First Game"}};
+  brand();
+  const std::filesystem::path entry = native_menu_entry(place.data(), "first-game", "");
+  {
+    DialogUser user(installer(), start());
+    user.press_and_hold("install");
+    while (is_missing(place.data()) || !NativeInstaller::status(place.data()).installed) {
+      user.step();
+    }
+  }
+  EXPECT_FALSE(is_missing(entry));
+}
+
+TEST_F(SetupDialogTest, GivesTheGameItsEntryWhenItRepairsAnInstallationWithoutAny) {
+  place.package.featured_game = {{"id", "first-game"}, {"name", "The First Game"}};
+  brand();
+  place.install(true);
+  const std::filesystem::path entry = native_menu_entry(place.data(), "first-game", "");
+  ASSERT_TRUE(is_missing(entry));
+  DialogUser user(installer(), start());
+  EXPECT_EQ(items_of(user.press("repair")), "summary: Repaired Acme Games in " + data() +
+                                                ". Everything was already intact.\n"
+                                                "entry muted: Menu entry: " +
+                                                entry.native() + "\n");
+  EXPECT_FALSE(is_missing(entry));
+}
+
 TEST_F(SetupDialogTest, ClosesOnceTheGameHasItsEntry) {
   place.package.featured_game = {{"id", "first-game"}, {"name", "The First Game"}};
   brand();

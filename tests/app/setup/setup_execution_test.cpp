@@ -12,7 +12,9 @@
 #include "app/brand/brand.hpp"
 #include "app/install/installation_record.hpp"
 #include "platform/file/native_lock.hpp"
+#include "support/bytes_of.hpp"
 #include "support/clock_calls.hpp"
+#include "support/desktop_entry.hpp"
 #include "support/failure.hpp"
 #include "support/install_place.hpp"
 
@@ -132,6 +134,102 @@ TEST_F(RunSetupCommand, MakesAMissingShortcutAgainWhenItRepairs) {
   Json expected = setup_document(true, Json::array());
   expected["shortcuts"] = {place.entry()};
   EXPECT_EQ(run(repair), expected);
+}
+
+// A command of a front end, which knows the featured game of its package.
+class RunSetupCommandOfAGame : public RunSetupCommand {
+ protected:
+  Json run_with_game(SetupCommandKind kind) const {
+    SetupCommand with_game = command(kind);
+    with_game.game = "first-game";
+    with_game.game_name = "The First Game";
+    return run(with_game);
+  }
+  // A package of a brand that features the game, so that the client gets no shortcut of its own.
+  void brand() {
+    place.package = testing::InitialPackage();
+    place.republish();
+  }
+  std::string text_of_entry() const { return testing::bytes_of(game_entry); }
+
+  const std::filesystem::path game_entry = native_menu_entry(place.data(), "first-game", "");
+};
+
+TEST_F(RunSetupCommandOfAGame, MakesItsShortcutWithTheInstallation) {
+  brand();
+  Names phases;
+  place.callbacks.progress = [&](std::string_view phase, std::uint64_t, std::uint64_t) {
+    if (phases.empty() || phases.back() != phase) {
+      phases.emplace_back(phase);
+    }
+  };
+  Json expected = setup_document(false, {"bootstrap", "launcher", "trust"});
+  expected["shortcuts"] = {game_entry};
+  EXPECT_EQ(run_with_game(install), expected);
+  EXPECT_EQ(testing::desktop_entry(text_of_entry()).at("Name"), "The First Game");
+  EXPECT_EQ(phases, (Names{"verifying", "installing", "menu"}));
+  EXPECT_EQ(setup_phase_line("menu"), "Making the menu entry…");
+}
+
+TEST_F(RunSetupCommandOfAGame, MakesItsShortcutBesideTheClients) {
+  Json expected = setup_document(false, {"bootstrap", "launcher", "trust"});
+  expected["shortcuts"] = {place.entry(), game_entry};
+  EXPECT_EQ(run_with_game(install), expected);
+}
+
+TEST_F(RunSetupCommandOfAGame, MakesItsShortcutEvenWhenTheUserAsksToStopAfterTheInstallation) {
+  brand();
+  place.callbacks.cancelled = [this] { return std::filesystem::exists(place.paths().status_record); };
+  run_with_game(install);
+  EXPECT_TRUE(std::filesystem::exists(game_entry));
+}
+
+TEST_F(RunSetupCommandOfAGame, MakesItsShortcutWhenItRepairsAnInstallationWithoutAny) {
+  brand();
+  run(install);
+  EXPECT_EQ(run(repair), setup_document(true, Json::array()));
+  Json expected = setup_document(true, Json::array());
+  expected["shortcuts"] = {game_entry};
+  EXPECT_EQ(run_with_game(repair), expected);
+  EXPECT_TRUE(std::filesystem::exists(game_entry));
+  // The next one finds it, and one that has gone is made again as any other.
+  EXPECT_EQ(run_with_game(repair), setup_document(true, Json::array()));
+  std::filesystem::remove(game_entry);
+  EXPECT_EQ(run_with_game(repair), expected);
+}
+
+TEST_F(RunSetupCommandOfAGame, LeavesTheShortcutsOfARepairedInstallationAsTheyAre) {
+  run(install);
+  EXPECT_EQ(run_with_game(repair), setup_document(true, Json::array()));
+  EXPECT_FALSE(std::filesystem::exists(game_entry));
+}
+
+TEST_F(RunSetupCommandOfAGame, InstallsEvenWhereItsShortcutCannotBeMade) {
+  std::filesystem::create_directories(game_entry);
+  const Json document = run_with_game(install);
+  Json expected = setup_document(false, {"bootstrap", "launcher", "trust"});
+  expected["shortcuts"] = {place.entry()};
+  expected["game_shortcut_problem"] = document.value("game_shortcut_problem", "");
+  EXPECT_EQ(document, expected);
+  EXPECT_NE(expected.at("game_shortcut_problem"), "");
+  EXPECT_TRUE(NativeInstaller::status(place.data()).installed);
+  EXPECT_EQ(setup_summary(command(install), document), "Installed Ravok in " + place.data().native() + ".");
+}
+
+TEST_F(RunSetupCommandOfAGame, RepairsEvenWhereItsShortcutCannotBeMade) {
+  brand();
+  run(install);
+  std::filesystem::create_directories(game_entry);
+  const Json document = run_with_game(repair);
+  EXPECT_EQ(document.at("shortcuts"), Json::array());
+  EXPECT_NE(document.value("game_shortcut_problem", ""), "");
+}
+
+TEST_F(RunSetupCommandOfAGame, IsNotTriedWhereTheClientsOwnShortcutHasAProblem) {
+  place.root().write("home/.local/share/applications", "in the way");
+  Json expected = setup_document(false, {"bootstrap", "launcher", "trust"});
+  expected["shortcut_problem"] = "Linux setup ancestry is linked, unavailable or changed";
+  EXPECT_EQ(run_with_game(install), expected);
 }
 
 TEST_F(RunSetupCommand, AsksForThePackageItNeeds) {
