@@ -329,8 +329,8 @@ Screen SetupDialog::installed_screen(const FolderFacts& facts) const {
   screen.items.emplace_back(folder_field(facts));
   add_text(
       screen, "repair_keeps",
-           whole ? "Repair replaces damaged files, and keeps games, saves and settings."
-                 : "Repair finishes what the setup began, and keeps games, saves and settings.",
+      whole ? "Repair replaces damaged files, and keeps games, saves and settings."
+            : branded("Repair makes Ravok whole again, and keeps the games, saves and settings that are still there."),
       TextTone::muted);
   add_text(screen, "uninstall_keeps",
            branded("Uninstall removes Ravok and its games, and keeps saves and settings unless you say otherwise."),
@@ -415,8 +415,9 @@ Screen SetupDialog::remove_screen() const {
   add_text(screen, "what",
            branded("Ravok and its games will be removed from ") + (known ? path_utf8(facts.root) : folder_) + ".");
   add_text(screen, "data",
-           remove_data_ ? "Your saves and settings are removed too. They cannot be brought back."
-                        : "Your saves and settings stay.",
+           remove_data_ ? "Your saves and settings are removed too, and everything else in this folder. They cannot be "
+                          "brought back."
+                        : "Your saves and settings stay. Everything else in this folder is removed too.",
            remove_data_ ? TextTone::warning : TextTone::muted);
   screen.items.emplace_back(ScreenTick{remove_data_id, "Remove saves and &settings too", remove_data_});
   add_text(screen, "notice", notice_, TextTone::warning);

@@ -983,7 +983,8 @@ TEST_F(SetupDialogTest, FinishesASetupThatDidNotEnd) {
                 "folder [Folder|" +
                 data() +
                 "|Chan&ge…]\n"
-                "repair_keeps muted: Repair finishes what the setup began, and keeps games, saves and settings.\n"
+                "repair_keeps muted: Repair makes Ravok whole again, and keeps the games, saves and settings that are "
+                "still there.\n"
                 "uninstall_keeps muted: Uninstall removes Ravok and its games, and keeps saves and settings unless "
                 "you say otherwise.\n"
                 "(repair &Repair!, uninstall &Uninstall!!, close &Close)");
@@ -1003,16 +1004,18 @@ TEST_F(SetupDialogTest, AsksBeforeARemoval) {
             "what: Ravok and its games will be removed from " +
                 data() +
                 ".\n"
-                "data muted: Your saves and settings stay.\n"
+                "data muted: Your saves and settings stay. Everything else in this folder is removed too.\n"
                 "remove_data [ ] Remove saves and &settings too\n"
                 "(remove &Remove!!, back &Back) first back escape back");
   expect_no_other_action(user);
   user.dialog.tick("remove_data", true);
-  EXPECT_EQ(items_of(user.dialog.screen()),
-            "what: Ravok and its games will be removed from " + data() +
-                ".\n"
-                "data warning: Your saves and settings are removed too. They cannot be brought back.\n"
-                "remove_data [x] Remove saves and &settings too\n");
+  EXPECT_EQ(
+      items_of(user.dialog.screen()),
+      "what: Ravok and its games will be removed from " + data() +
+          ".\n"
+          "data warning: Your saves and settings are removed too, and everything else in this folder. They cannot "
+          "be brought back.\n"
+          "remove_data [x] Remove saves and &settings too\n");
   user.dialog.press("back");
   EXPECT_EQ(shown(user.dialog.screen()), installed_screen());
   // The next time, they stay again.
@@ -1084,7 +1087,7 @@ TEST_F(SetupDialogTest, OffersTheRemovalAlone) {
             "what: Ravok and its games will be removed from " +
                 data() +
                 ".\n"
-                "data muted: Your saves and settings stay.\n"
+                "data muted: Your saves and settings stay. Everything else in this folder is removed too.\n"
                 "remove_data [ ] Remove saves and &settings too\n"
                 "(remove &Remove!!, close &Cancel) first close escape close");
   expect_no_other_action(user);
