@@ -13,7 +13,8 @@ std::string installer_desktop_entry(std::string_view product);
 
 // Returns the text of an entry that starts the "ravok-install-gui" in its own folder, wherever that lies, without a
 // terminal. Where the desktop does not say where the entry lies, nothing is started. Then, and where the program cannot
-// open a window, a program of the desktop tells so: zenity, kdialog, notify-send or xmessage, whichever is there.
+// open a window (it cannot be executed, ends with 3, or is ended by a signal), a program of the desktop tells so:
+// zenity, kdialog, notify-send or xmessage, whichever is there. Every other failure is the program's own to show.
 std::string window_installer_desktop_entry(std::string_view product);
 
 }  // namespace ravok

@@ -220,6 +220,33 @@ TEST_F(DesktopWindowInstaller, ShowsThatNoWindowCanBeOpened) {
   expect_shown(open_window(output, location));
 }
 
+TEST_F(DesktopWindowInstaller, ShowsThatTheProgramEndedWithoutAWindow) {
+  const std::filesystem::path output = place.root() / "installer-here";
+  publish_window_to(output);
+  put_tool("zenity");
+  for (const auto& [end, is_told] : std::vector<std::pair<std::string, bool>>{{"exit 0", false},
+                                                                              {"exit 1", false},
+                                                                              {"exit 2", false},
+                                                                              {"exit 3", true},
+                                                                              {"exit 4", false},
+                                                                              {"exit 125", false},
+                                                                              {"exit 126", true},
+                                                                              {"exit 127", true},
+                                                                              {"kill -SEGV $$", true},
+                                                                              {"kill -KILL $$", true}}) {
+    put_script("installer-here/ravok-install-gui", "#!/bin/sh\n" + end + "\n");
+    const ProgramResult opened = open_window(output, output / "ravok-install-gui.desktop");
+    if (is_told) {
+      EXPECT_EQ(opened.exit_code, 1) << end;
+      EXPECT_EQ(opened.output, "zenity|--error|--text|" + no_window + "|") << end;
+      EXPECT_TRUE(opened.errors.ends_with(no_window + "\n")) << end << opened.errors;
+    } else {
+      EXPECT_EQ("exit " + std::to_string(opened.exit_code), end);
+      EXPECT_EQ(opened.output + opened.errors, "") << end;
+    }
+  }
+}
+
 TEST_F(DesktopWindowInstaller, TellsByWhateverTheDesktopHas) {
   const std::filesystem::path output = place.root() / "installer-here";
   publish_window_to(output);
