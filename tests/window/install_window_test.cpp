@@ -120,23 +120,27 @@ TEST_F(InstallWindow, InstallsInTheFolderThatIsLookedFor) {
   auto window =
       start_program(installer(), {"--package", place.package_directory(), "--data-dir", place.root() / "disk/data"});
   window->click("browse");
-  window->wait_for("the folders", [](const ShownWindow& shown) { return mentions(shown, "Games"); });
+  window->wait_for("the folders", [](const ShownWindow& shown) {
+    return shown.screen == "folders" && shown.find("folders")->text == "..\nGames\n";
+  });
   window->picture("folders");
   // Below the folder above, which comes first.
   window->tab_to("folders");
   window->press("Down");
   window->press("Down");
   window->press("Return");
-  window->wait_for("the folder itself", [&](const ShownWindow& shown) {
-    return shown.screen == "folders" && mentions(shown, place.root() / "disk/Games") && shown.offers("use");
+  const ShownWindow opened = window->wait_for("what lies in the folder", [](const ShownWindow& shown) {
+    return shown.screen == "folders" && shown.find("folders")->text == "..\n" && shown.offers("use");
   });
+  EXPECT_TRUE(mentions(opened, place.root() / "disk/Games")) << opened.texts();
+  EXPECT_EQ(opened.focus, "folders");
   window->click("use");
   const ShownWindow chosen = window->wait_for_screen("choose");
-  EXPECT_EQ(chosen.find("folder")->text, place.root() / "disk/Games");
+  EXPECT_EQ(chosen.find("folder")->text, place.root() / "disk/Games/Acme Games");
   window->click("install");
   window->wait_for_screen("done");
   close(*window);
-  EXPECT_TRUE(NativeInstaller::status(place.root() / "disk/Games").installed);
+  EXPECT_TRUE(NativeInstaller::status(place.root() / "disk/Games/Acme Games").installed);
 }
 
 TEST_F(InstallWindow, ShowsARefusalOfTheFolderBesideTheFieldAsItIs) {

@@ -30,7 +30,6 @@ std::filesystem::path nearest_folder(std::filesystem::path folder) {
 void read_listing(FolderListing& listing) {
   const HeldDirectory directory = HeldDirectory::open(listing.shown);
   const std::vector<std::string> names = directory.names(most_names);
-  listing.empty = names.empty();
   for (const std::string& name : names) {
     if (!name.starts_with('.') && directory.type_of(name) == EntryType::directory) {
       listing.folders.push_back(name);
@@ -86,6 +85,14 @@ std::optional<std::filesystem::path> FolderView::entry_path(std::size_t entry) c
   return entry < first ? listing.shown.parent_path() : listing.shown / path_from_utf8(listing.folders[entry - first]);
 }
 
+std::optional<std::filesystem::path> FolderView::chosen_folder(const FolderListing& listing) const {
+  if (listing.folder != folder_ || listing.shown.empty()) {
+    return std::nullopt;
+  }
+  const std::optional<std::filesystem::path> entry = chosen_ ? entry_path(*chosen_) : std::nullopt;
+  return entry ? entry : listing.shown;
+}
+
 Screen FolderView::screen() const {
   const FolderListing listing = listings_.last();
   const bool known = listing.folder == folder_;
@@ -93,11 +100,8 @@ Screen FolderView::screen() const {
   screen.id = "folders";
   screen.title = "Choose a folder";
   screen.heading = screen.title;
-  std::filesystem::path shown = known && !listing.shown.empty() ? listing.shown : folder_;
-  if (chosen_) {
-    shown = entry_path(*chosen_).value_or(shown);
-  }
-  screen.items.emplace_back(ScreenText{"where", shown_text(path_utf8(shown)), TextTone::normal});
+  const std::optional<std::filesystem::path> chosen = chosen_folder(listing);
+  screen.items.emplace_back(ScreenText{"where", shown_text(path_utf8(chosen.value_or(folder_))), TextTone::normal});
   ScreenList list = {list_id, {}, chosen_};
   if (known) {
     list.entries = entries(listing);
@@ -106,7 +110,10 @@ Screen FolderView::screen() const {
   if (known && !listing.problem.empty()) {
     screen.items.emplace_back(ScreenText{"problem", shown_text(listing.problem), TextTone::warning});
   }
-  screen.actions = {{"use", "Use this &folder", ActionTone::accent}, {"back", "&Back", ActionTone::normal}};
+  if (chosen) {
+    screen.actions.push_back({"use", "Use this &folder", ActionTone::accent});
+  }
+  screen.actions.push_back({"back", "&Back"});
   screen.first = list_id;
   screen.escape = "back";
   return screen;
@@ -125,16 +132,12 @@ void FolderView::enter(std::size_t entry) {
 }
 
 std::optional<std::filesystem::path> FolderView::place(std::string_view name) const {
-  FolderListing listing = listings_.last();
-  if (listing.folder != folder_ || listing.shown.empty()) {
-    return std::nullopt;
+  // Nothing looks into an entry that is only chosen: it may lie on a volume that does not answer.
+  const std::optional<std::filesystem::path> folder = chosen_folder(listings_.last());
+  if (!folder || path_utf8(folder->filename()) == name) {
+    return folder;
   }
-  if (const std::optional<std::filesystem::path> path = chosen_ ? entry_path(*chosen_) : std::nullopt) {
-    listing = list_folder(*path);
-  }
-  const std::filesystem::path& folder = listing.shown.empty() ? listing.folder : listing.shown;
-  const bool itself = listing.empty || path_utf8(folder.filename()) == name;
-  return itself ? folder : folder / path_from_utf8(std::string(name));
+  return *folder / path_from_utf8(std::string(name));
 }
 
 void FolderView::set_wakeup(std::function<void()> wakeup) { listings_.set_wakeup(std::move(wakeup)); }

@@ -6,6 +6,7 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -35,16 +36,8 @@ TEST(ListFolder, NamesTheFoldersSorted) {
   EXPECT_EQ(listing.folder, root.path());
   EXPECT_EQ(listing.shown, std::filesystem::canonical(root.path()));
   EXPECT_EQ(listing.folders, (Names{"a", "a b", "b"}));
-  EXPECT_FALSE(listing.empty);
   EXPECT_EQ(listing.problem, "");
   EXPECT_TRUE(testing::same_tree(testing::tree_state(root.path()), before));
-}
-
-TEST(ListFolder, KnowsAnEmptyFolder) {
-  const TemporaryRoot root;
-  EXPECT_TRUE(list_folder(root.path()).empty);
-  root.write(".hidden", "");
-  EXPECT_FALSE(list_folder(root.path()).empty);
 }
 
 TEST(ListFolder, ShowsTheNearestFolderThatExistsWithoutLinks) {
@@ -67,7 +60,6 @@ TEST(ListFolder, TellsOfAFolderThatCannotBeRead) {
   const testing::WithMode closed(folder, 0);
   const FolderListing listing = list_folder(folder);
   EXPECT_EQ(listing.folders, Names{});
-  EXPECT_FALSE(listing.empty);
   EXPECT_EQ(listing.problem, "This folder cannot be looked into.");
 }
 
@@ -124,6 +116,7 @@ class FolderViewTest : public ::testing::Test {
   std::mutex mutex;
   std::condition_variable changed;
   int wakes = 0;
+  std::mutex answering;
   FolderView view;
 };
 
@@ -186,14 +179,67 @@ TEST_F(FolderViewTest, PutsTheInstallationIntoAFolderOfItsOwn) {
   EXPECT_EQ(view.place("Ravok"), real / "Ravok");
 }
 
-TEST_F(FolderViewTest, PutsTheInstallationIntoAFolderThatIsEmptyOrHasItsName) {
-  show(root / "empty");
-  EXPECT_EQ(view.place("Ravok"), real / "empty");
+TEST_F(FolderViewTest, PutsTheInstallationIntoAFolderThatHasItsName) {
   show(root / "games");
-  view.choose(2);
-  EXPECT_EQ(view.place("Ravok"), real / "games/old");
   view.choose(1);
   EXPECT_EQ(view.place("new"), real / "games/new");
+  show(root / "games/new");
+  EXPECT_EQ(view.place("new"), real / "games/new");
+  EXPECT_EQ(view.place("ne"), real / "games/new/ne");
+}
+
+TEST_F(FolderViewTest, PutsTheInstallationIntoAFolderOfItsOwnInAnEmptyOneToo) {
+  show(root / "empty");
+  EXPECT_EQ(view.place("Ravok"), real / "empty/Ravok");
+  show(root / "games");
+  view.choose(2);
+  EXPECT_EQ(view.place("Ravok"), real / "games/old/Ravok");
+}
+
+// What would have to be found out about an entry might take long.
+TEST_F(FolderViewTest, AsksNothingAboutAnEntryThatIsOnlyChosen) {
+  show(root / "games");
+  std::filesystem::remove_all(root / "games");
+  const int before = wakes;
+  view.choose(1);
+  EXPECT_EQ(view.place("Ravok"), real / "games/new/Ravok");
+  EXPECT_EQ(wakes, before);
+  EXPECT_EQ(testing::actions_of(view.screen()), "use Use this &folder!, back &Back");
+}
+
+TEST_F(FolderViewTest, OffersToUseAFolderOnceItIsKnown) {
+  EXPECT_EQ(testing::whole_screen(view.screen()),
+            "folders: Choose a folder\nwhere: \nfolders:\n(back &Back) first folders escape back");
+  show(root / "games");
+  EXPECT_EQ(testing::actions_of(view.screen()), "use Use this &folder!, back &Back");
+  std::unique_lock unknown(answering);
+  view.set_wakeup([this] {
+    const std::lock_guard wait(answering);
+    const std::lock_guard lock(mutex);
+    ++wakes;
+    changed.notify_all();
+  });
+  // The first answer makes the thread wait, so that there is none to the second question yet.
+  view.show(root / "empty");
+  while (testing::actions_of(view.screen()) == "back &Back") {
+    std::this_thread::yield();
+  }
+  view.show(root / "games");
+  EXPECT_EQ(testing::whole_screen(view.screen()), "folders: Choose a folder\nwhere: " + (root / "games").native() +
+                                                      "\nfolders:\n(back &Back) first folders escape back");
+  EXPECT_EQ(view.place("Ravok"), std::nullopt);
+  unknown.unlock();
+  {
+    std::unique_lock lock(mutex);
+    changed.wait(lock, [&] { return wakes == 3; });
+  }
+  EXPECT_EQ(testing::actions_of(view.screen()), "use Use this &folder!, back &Back");
+}
+
+TEST_F(FolderViewTest, DoesNotOfferToUseWhatIsNoFolder) {
+  show("");
+  EXPECT_EQ(testing::actions_of(view.screen()), "back &Back");
+  EXPECT_EQ(view.place("Ravok"), std::nullopt);
 }
 
 TEST_F(FolderViewTest, PutsTheInstallationWhereAFolderIsNotThereYet) {
@@ -207,7 +253,7 @@ TEST_F(FolderViewTest, ShowsNamesEscaped) {
   EXPECT_EQ(items_of(view.screen()),
             "where: " + (real / "games").native() + "\nfolders:\n  ..\n  a\\x1b[2J\\xff\n  new\n  old\n");
   wait_for([&] { view.enter(1); });
-  EXPECT_EQ(view.place("Ravok"), real / "games/a\x1b[2J\xff");
+  EXPECT_EQ(view.place("Ravok"), real / "games/a\x1b[2J\xff/Ravok");
 }
 
 TEST_F(FolderViewTest, TellsOfAFolderThatCannotBeRead) {
