@@ -14,6 +14,7 @@
 #include "app/launcher/start_marker.hpp"
 #include "platform/file/files.hpp"
 #include "programs/client_place.hpp"
+#include "support/failure.hpp"
 #include "support/with_environment.hpp"
 #include "window/window_place.hpp"
 
@@ -24,6 +25,7 @@ using testing::ClientPlace;
 using testing::ShownWindow;
 using testing::WindowProgram;
 
+// The most that a trial may be given.
 constexpr std::chrono::seconds longest_trial(30);
 
 class LauncherWindow : public ::testing::Test {
@@ -61,9 +63,18 @@ TEST_F(LauncherWindow, ProvesItselfAsACandidateOnceItIsDrawn) {
   Json document = place.store.load();
   document["active"] = nullptr;
   document["candidate"] = version;
-  place.store.save(document);
   const testing::WithEnvironments values(testing::window_environment(display, place.root / "home"));
-  EXPECT_EQ(run_launcher_attempt(place.store, {"gui", {"--smoke"}, longest_trial, {}, {}}), 0);
+  // A machine that stands still for the time of a trial gets another.
+  std::optional<Error> failure;
+  int trials = 0;
+  do {
+    place.store.save(document);
+    failure = testing::failure_of([&] {
+      EXPECT_EQ(run_launcher_attempt(place.store, {"gui", {"--smoke"}, longest_trial, {}, {}}), 0);
+    });
+  } while (failure && ++trials < 20 &&
+           (failure->code == "launcher_startup_timeout" || failure->code == "launcher_lease"));
+  EXPECT_FALSE(failure) << failure->code << ": " << failure->what();
   EXPECT_TRUE(place.is_active(version));
 }
 
@@ -109,24 +120,28 @@ class LauncherWindowRemoval : public ::testing::Test, protected testing::WindowP
 };
 
 TEST_F(LauncherWindowRemoval, HandsOverToTheWindowThatRemovesIt) {
-  auto launcher = start_program(RAVOK_BOOTSTRAP, {"--data-dir", place.data()});
-  launcher->click("uninstall");
-  const testing::WindowUser helper(display, [] { return std::nullopt; });
+  const testing::WindowUser anybody(display, [] { return std::nullopt; });
+  std::unique_ptr<WindowProgram> launcher;
   // A machine that is too slow for the time that the launcher gives the helper makes it say so, and offer it again.
-  for (bool opened = false; !opened;) {
-    const ShownWindow shown = helper.wait_for("the helper's window, or a word of the launcher", [](const auto& now) {
-      return now.screen == "remove" || now.offers("uninstall");
+  for (bool gave_up = true; gave_up;) {
+    launcher = start_program(RAVOK_BOOTSTRAP, {"--data-dir", place.data()});
+    launcher->click("uninstall");
+    gave_up = false;
+    anybody.wait_for("the launcher's end, or a word of it", [&](const ShownWindow& now) {
+      // It has no notice before the click.
+      gave_up = now.screen == "launcher" && now.find("notice") != nullptr && now.offers("uninstall");
+      return gave_up || launcher->has_ended();
     });
-    opened = shown.screen == "remove";
-    if (!opened) {
-      helper.click("uninstall");
+    if (gave_up) {
+      launcher->send_signal(SIGTERM);
+      launcher->wait();
     }
   }
   EXPECT_EQ(launcher->wait(), 0) << launcher->errors();
-  helper.click("remove");
-  helper.wait_for_screen("removed");
+  anybody.click("remove");
+  anybody.wait_for_screen("removed");
   EXPECT_TRUE(testing::same_tree(place.state(), player));
-  helper.click("close");
+  anybody.click("close");
   while (!display.windows().empty()) {
     std::this_thread::sleep_for(std::chrono::milliseconds(3));
   }

@@ -107,6 +107,9 @@ TEST_F(MaintenanceWindow, DrawsOnWhileItsWorkerIsHeldAndEndsTheRemovalWhateverCo
     } else if (way == SIGTERM) {
       window->send_signal(SIGTERM);
     }
+    if (way != 0) {
+      window->wait_for("the wish to stop", [](const ShownWindow& shown) { return !shown.offers("cancel"); });
+    }
     window->wait_for_frames(5);
     held.release();
     if (way == 0) {

@@ -114,6 +114,7 @@ TEST_F(WindowEnd, InstallsAfterACancelledInstallation) {
   HeldCall held(phase.call, phase.path_end);
   auto window = held_at(held);
   window->click("cancel");
+  window->wait_for("the wish to stop", [](const ShownWindow& shown) { return !shown.offers("cancel"); });
   held.release();
   window->wait_for_screen("choose");
   window->click("install");
