@@ -14,6 +14,7 @@
 #include <unistd.h>
 
 #include "platform/posix/native.hpp"
+#include "support/bytes_of.hpp"
 
 namespace ravok::testing {
 namespace {
@@ -100,7 +101,12 @@ StartedProgram::StartedProgram(const ProgramStart& start) {
   if (!start.output_is_read) {
     output.read_end.reset();
   }
-  filling_ = leave_room(errors.write_end.get(), start.error_room);
+  errors_path_ = start.errors_path;
+  if (errors_path_.empty()) {
+    filling_ = leave_room(errors.write_end.get(), start.error_room);
+  } else {
+    errors.write_end = Handle(open(errors_path_.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
+  }
   std::vector<std::string> arguments = {start.program};
   arguments.insert(arguments.end(), start.arguments.begin(), start.arguments.end());
   std::vector<std::string> environment;
@@ -172,7 +178,9 @@ bool StartedProgram::has_ended() {
 
 std::string StartedProgram::output() { return output_ ? read_all(output_.get()) : std::string(); }
 
-std::string StartedProgram::errors() { return read_all(errors_.get()).substr(filling_); }
+std::string StartedProgram::errors() {
+  return errors_path_.empty() ? read_all(errors_.get()).substr(filling_) : bytes_of(errors_path_);
+}
 
 int StartedProgram::wait() {
   int status = 0;

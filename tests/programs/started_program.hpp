@@ -28,6 +28,8 @@ struct ProgramStart {
   std::optional<std::size_t> descriptor_limit = {};
   // How many bytes standard error takes until the test reads them; at least 1, at most 4096.
   std::size_t error_room = 4096;
+  // The file that takes its standard error, which then has no bound; empty for a pipe.
+  std::string errors_path = {};
   // Whether anybody has the other end of its standard output.
   bool output_is_read = true;
 };
@@ -51,7 +53,7 @@ class StartedProgram {
   // Returns whether it has ended. Does not wait.
   bool has_ended();
 
-  // Wait until nobody writes to the stream any more, and return all that was said there.
+  // Wait until nobody writes to the stream any more, and return all that was said there. A file is read as it is.
   std::string output();
   std::string errors();
   // Waits for its end and returns its exit code, or minus the signal that ended it.
@@ -61,6 +63,7 @@ class StartedProgram {
   pid_t child_ = 0;
   Handle output_;
   Handle errors_;
+  std::string errors_path_;
   std::size_t filling_ = 0;
   std::optional<int> end_;
 };

@@ -151,8 +151,18 @@ void WindowUser::picture(const std::string& name) const {
   display_.picture(shown.area, std::filesystem::path(RAVOK_PICTURES) / (name + ".png"));
 }
 
-std::optional<std::string> WindowProgram::told_end() {
-  return has_ended() ? std::optional(std::to_string(wait()) + " " + errors()) : std::nullopt;
+WindowProgram::WindowProgram(Display& display, ProgramStart start)
+    : WindowUser(display,
+                 [this] {
+                   return program_.has_ended() ? std::optional(std::to_string(program_.wait()) + " " + errors())
+                                               : std::nullopt;
+                 }),
+      program_(with_file(std::move(start), root_ / "errors")) {}
+
+// A sanitizer may have more to say than a pipe has room for that nobody reads meanwhile.
+ProgramStart WindowProgram::with_file(ProgramStart start, const std::filesystem::path& errors) {
+  start.errors_path = errors;
+  return start;
 }
 
 Environment window_environment(const Display& display, const std::filesystem::path& home, Environment more) {
@@ -162,7 +172,9 @@ Environment window_environment(const Display& display, const std::filesystem::pa
                {"LC_ALL", "C.UTF-8"},
                {"XDG_CACHE_HOME", RAVOK_WINDOW_CACHE}});
 #if defined(__SANITIZE_ADDRESS__)
-  more.insert({{"ASAN_OPTIONS", "verify_asan_link_order=0"}});
+  // The toolkit is compiled without what the quick way to see who has allocated needs.
+  more.insert({{"ASAN_OPTIONS", "verify_asan_link_order=0:fast_unwind_on_malloc=0"},
+               {"LSAN_OPTIONS", "print_suppressions=0:suppressions=" RAVOK_TOOLKIT_LEAKS}});
 #endif
   return more;
 }

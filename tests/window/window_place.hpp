@@ -60,18 +60,21 @@ class WindowUser {
 };
 
 // A program with a window, and its user.
-class WindowProgram : private StartedProgram, public WindowUser {
+class WindowProgram : public WindowUser {
  public:
-  WindowProgram(Display& display, const ProgramStart& start)
-      : StartedProgram(start), WindowUser(display, [this] { return told_end(); }) {}
+  WindowProgram(Display& display, ProgramStart start);
 
-  using StartedProgram::errors;
-  using StartedProgram::has_ended;
-  using StartedProgram::send_signal;
-  using StartedProgram::wait;
+  std::string errors() { return program_.errors(); }
+  bool has_ended() { return program_.has_ended(); }
+  void send_signal(int signal) const { program_.send_signal(signal); }
+  // Waits for its end and returns its exit code, or minus the signal that ended it.
+  int wait() { return program_.wait(); }
 
  private:
-  std::optional<std::string> told_end();
+  static ProgramStart with_file(ProgramStart start, const std::filesystem::path& errors);
+
+  const TemporaryRoot root_;
+  StartedProgram program_;
 };
 
 // The same for all programs that are started on one display.
