@@ -15,12 +15,8 @@
 #include "app/install/native_install.hpp"
 #include "bare_digest.hpp"
 #include "bare_extraction.hpp"
-#include "platform/process/native_platform.hpp"
 #include "processes.hpp"
-#include "publisher/publish_package.hpp"
-#include "publisher/publish_root.hpp"
-#include "publisher/publish_snapshot.hpp"
-#include "publisher/signing/publish_key.hpp"
+#include "sample_product.hpp"
 #include "scratch.hpp"
 
 namespace {
@@ -29,13 +25,9 @@ using ravok::benchmarks::BareDigest;
 using ravok::benchmarks::check;
 using ravok::benchmarks::extract_bare;
 using ravok::benchmarks::file_paths;
+using ravok::benchmarks::publish_sample;
 using ravok::benchmarks::run;
 using ravok::benchmarks::Scratch;
-using ravok::benchmarks::write_content;
-
-constexpr int bootstrap_files = 100;
-constexpr int launcher_files = 2900;
-constexpr std::uint64_t file_bytes = 102'400;
 
 // A published product, and one data folder in which it is installed.
 class Product {
@@ -43,20 +35,7 @@ class Product {
   Product() {
     setenv("HOME", scratch_.path().c_str(), 1);
     unsetenv("XDG_DATA_HOME");
-    const std::filesystem::path bootstrap =
-        snapshot(ravok::SnapshotKind::bootstrap, "bootstrap", {"bin/ravok-bootstrap"}, bootstrap_files);
-    const std::filesystem::path launcher =
-        snapshot(ravok::SnapshotKind::launcher, "launcher", {"bin/launcher", "bin/launcher-gui"}, launcher_files);
-    ravok::publish_key(scratch_.path() / "key", "ed25519");
-    const ravok::RolePublication role = {{scratch_.path() / "key"}, 1};
-    ravok::publish_root({scratch_.path() / "root.json", "2090-01-01T00:00:00Z", role, role, role, role});
-    ravok::PackagePublication publication;
-    publication.output = directory();
-    publication.bootstrap_manifest = bootstrap;
-    publication.launcher_manifest = launcher;
-    publication.root = scratch_.path() / "root.json";
-    publication.origin = "https://updates.example.com";
-    seal = ravok::publish_package(publication, {}).seal;
+    seal = publish_sample(scratch_.path(), {.bootstrap_files = 100, .launcher_files = 2900});
     package = ravok::read_native_package(directory(), seal, {});
     install(installed());
   }
@@ -96,29 +75,6 @@ class Product {
   ravok::NativePackage package;
 
  private:
-  std::filesystem::path snapshot(ravok::SnapshotKind kind, const std::string& name,
-                                 const std::vector<std::string>& programs, int files) const {
-    const std::filesystem::path tree = scratch_.path() / name;
-    for (const std::string& program : programs) {
-      write_content(tree / program, file_bytes, 1);
-      check(chmod((tree / program).c_str(), 0755) == 0);
-    }
-    for (int i = 0; i < files - static_cast<int>(programs.size()); ++i) {
-      write_content(tree / ("data/" + std::to_string(i / 100)) / ("file-" + std::to_string(i)), file_bytes,
-                    static_cast<std::uint32_t>(i));
-    }
-    ravok::SnapshotPublication publication;
-    publication.kind = kind;
-    publication.tree = tree;
-    publication.output = scratch_.path();
-    publication.build_id = "sample";
-    publication.platform = ravok::native_platform();
-    publication.executable = programs.front();
-    publication.gui_executable = programs.size() > 1 ? programs.back() : "";
-    publication.level = 1;
-    return ravok::publish_snapshot(publication, {}).manifest;
-  }
-
   Scratch scratch_;
 };
 
