@@ -20,14 +20,14 @@ constexpr std::string_view console_script =
     R"sh(echo; echo Press Enter to close this window.; read -r answer)sh";
 
 // Without a terminal there is nobody to read what a shell says, and the program shows its own failures only once it has
-// a window. So whatever keeps it from opening one is told by a program that desktops come with. The program ends with 3
-// where its display does not serve. A shell ends with 126 or 127 in the place of a program that cannot be executed, as
-// a program without its libraries does, and with more for one that a signal has ended, such as one that crashes.
+// a window. So what keeps it from being started is told by a program that desktops come with. A shell ends with 126 or
+// 127 in the place of a program that cannot be executed, as a program without its libraries does, and with more for one
+// that a signal has ended, such as one that crashes.
 constexpr std::string_view window_script =
     R"sh(m='This desktop does not say where the installer lies. Open its folder, and start ravok-install-gui there.';; )sh"
     R"sh(*) m='The installer cannot show its window here. Start ravok-install in a terminal.'; )sh"
     R"sh(if [ -n "$DISPLAY" ] && cd -- "$(dirname -- "$p")"; )sh"
-    R"sh(then ./ravok-install-gui; c=$?; [ $c -eq 3 ] || [ $c -gt 125 ] || exit $c; fi;; esac; echo "$m" >&2; )sh"
+    R"sh(then ./ravok-install-gui; c=$?; [ $c -gt 125 ] || exit $c; fi;; esac; echo "$m" >&2; )sh"
     R"sh(if command -v zenity >/dev/null; then zenity --error --text "$m"; )sh"
     R"sh(elif command -v kdialog >/dev/null; then kdialog --error "$m"; )sh"
     R"sh(else notify-send "$m" || xmessage "$m"; fi; exit 1)sh";

@@ -117,6 +117,7 @@ class WindowText : public ::testing::TestWithParam<std::uint32_t>, protected tes
     Json theme = testing::theme_definition();
     theme["text_sizes"] = {{"title", GetParam()}, {"heading", GetParam()}, {"body", GetParam()}, {"small", GetParam()}};
     place.package.theme = theme;
+    place.package.theme_files = {};
     place.package.brand = {{"name", "Acme"}, {"id", "acme"}, {"publisher", "Acme"}};
     publish();
   }
