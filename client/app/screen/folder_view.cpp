@@ -133,7 +133,7 @@ void FolderView::enter(std::size_t entry) {
 
 std::optional<std::filesystem::path> FolderView::place(std::string_view name) const {
   // Nothing looks into an entry that is only chosen: it may lie on a volume that does not answer.
-  const std::optional<std::filesystem::path> folder = chosen_folder(listings_.last());
+  std::optional<std::filesystem::path> folder = chosen_folder(listings_.last());
   if (!folder || path_utf8(folder->filename()) == name) {
     return folder;
   }
