@@ -4,6 +4,7 @@
 #include <exception>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "app/command/console_output.hpp"
@@ -36,9 +37,9 @@ ravok::WindowRun window_run() {
 int run(const ravok::WindowCommand& command) {
   const ravok::ConsoleInterrupt interrupt(true);
   const ravok::TerminationSignals termination;
-  const ravok::SetupWindow setup = ravok::find_install_window(command, ravok::read_seal(seal_slot),
-                                                              [] { return ravok::read_appended_place(appended_slot); });
-  std::optional<ravok::SetupDialog> dialog(std::in_place, setup.subject);
+  ravok::SetupWindow setup = ravok::find_install_window(command, ravok::read_seal(seal_slot),
+                                                        [] { return ravok::read_appended_place(appended_slot); });
+  std::optional<ravok::SetupDialog> dialog(std::in_place, std::move(setup.subject));
   ravok::WindowRun run = window_run();
   run.icon_file = setup.icon;
   run.smoke = command.smoke;
