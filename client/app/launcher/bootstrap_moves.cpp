@@ -51,10 +51,9 @@ Handle open_update_tree(const std::filesystem::path& tree) {
 }
 
 // Whether an open file is as a manifest describes it.
-bool is_described(const Result<Handle>& file, const SnapshotFile& expected, FileDigester& digester) {
-  const Result<Status> status = file ? status_of(file->get()) : file.problem();
-  return status && is_file(*status) && status->size == expected.length &&
-         digester.digest(file->get(), status->size, {}) == expected.sha256;
+bool is_described(const Handle& file, const Status& status, const SnapshotFile& expected, FileDigester& digester) {
+  return is_file(status) && status.size == expected.length &&
+         digester.digest(file.get(), status.size, {}) == expected.sha256;
 }
 
 [[noreturn]] void fail_to_keep(const std::string& path, const Problem& problem) {
@@ -161,7 +160,14 @@ bool BootstrapMoves::holds(const std::string& path, const SnapshotManifest& mani
   require_handles(file.problem());
   require(file || is_absence(file.problem()) || file.problem() == Cause::denied, "file_read",
           "Cannot open " + path_utf8(place(path)) + ": " + problem_text(file.problem()));
-  return is_described(file, expected->second, digester_);
+  if (!file) {
+    return false;
+  }
+  const Result<Status> status = status_of(file->get());
+  // Otherwise a file of the update would pass for somebody else's, and stay.
+  require(status.has_value(), "file_read",
+          "Cannot look at " + path_utf8(place(path)) + ": " + problem_text(status.problem()));
+  return is_described(*file, *status, expected->second, digester_);
 }
 
 bool BootstrapMoves::restore() {
@@ -224,9 +230,9 @@ void BootstrapMoves::require_update_whole() {
   for (const auto& [path, expected] : update_.files) {
     const Result<Handle> file = update_tree_.open(path, os::OpenAs::file);
     require_handles(file.problem());
-    require(is_described(file, expected, digester_), "content_mismatch", "Staged bootstrap file changed: " + path);
-    const Result<Status> status = status_of(file->get());
-    require(status && (!expected.executable || (status->permissions & permissions::owner_executes) != 0),
+    const Result<Status> status = file ? status_of(file->get()) : file.problem();
+    require(status && is_described(*file, *status, expected, digester_) &&
+                (!expected.executable || (status->permissions & permissions::owner_executes) != 0),
             "content_mismatch", "Staged bootstrap file changed: " + path);
   }
 }

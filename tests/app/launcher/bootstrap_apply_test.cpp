@@ -90,6 +90,15 @@ class ApplyBootstrapUpdate : public ::testing::Test {
     std::filesystem::rename(place.paths.update_tree / path, target);
   }
 
+  // Gives the old files their second names, as an attempt does before it moves anything.
+  void keep_old_files() const {
+    for (const SampleFile& file : old.files) {
+      const std::filesystem::path path = place.paths.tree / file.path;
+      std::filesystem::create_hard_link(path, path.native() + ".old");
+    }
+    std::filesystem::remove(place.paths.tree / "only-old");
+  }
+
   const TemporaryRoot root{testing::fast_volume()};
   const BootstrapPlace place{root.path() / "data"};
   const BootstrapRelease old =
@@ -405,11 +414,7 @@ TEST_F(ApplyBootstrapUpdate, GoesBackFromEveryPointOfTheMoves) {
     SCOPED_TRACE(moved);
     place.install(old);
     place.prepare(next);
-    for (const SampleFile& file : old.files) {
-      const std::filesystem::path path = place.paths.tree / file.path;
-      std::filesystem::create_hard_link(path, path.native() + ".old");
-    }
-    std::filesystem::remove(place.paths.tree / "only-old");
+    keep_old_files();
     for (std::size_t i = 0; i < moved; ++i) {
       move_into_place(moves[i], false);
     }
@@ -487,6 +492,28 @@ TEST_F(ApplyBootstrapUpdate, TakesAllBackWhereACallFails) {
     EXPECT_TRUE(place.holds(old));
     EXPECT_FALSE(exists(place.paths.update_manifest));
     EXPECT_EQ(BootstrapPlace::read(place.paths.rejected), next.sha256());
+  }
+}
+
+TEST_F(ApplyBootstrapUpdate, TriesAWayBackAgainWhereAFileCannotBeLookedAt) {
+  const std::vector<std::string> moves = {"data/kept", "data/note", "more/new", bootstrap_program};
+  bool is_reached = true;
+  for (int countdown = 1; is_reached; ++countdown) {
+    SCOPED_TRACE(countdown);
+    place.install(old);
+    place.prepare(next);
+    keep_old_files();
+    for (const std::string& path : moves) {
+      move_into_place(path, false);
+    }
+    {
+      const Planned plan(failing("fstat", EIO, countdown));
+      static_cast<void>(apply());
+      is_reached = plan.happened();
+    }
+    static_cast<void>(apply());
+    EXPECT_TRUE(place.holds(old));
+    EXPECT_FALSE(exists(place.paths.update_manifest));
   }
 }
 
