@@ -681,6 +681,14 @@ TEST_F(TargetSearches, RefreshThoughWhatIsStoredWasLoaded) {
   expect_found("x", description, {});
 }
 
+TEST_F(TargetSearches, LookAtNothingThatIsStoredOnceItIsTrusted) {
+  const Json description = repository_.targets().add("x", "content");
+  refreshed();
+  std::filesystem::remove(place_.directory / "snapshot.json");
+  std::filesystem::remove(place_.directory / "targets.json");
+  expect_found("x", description, {});
+}
+
 TEST_F(TargetSearches, KeepAPathOutOfADocumentThatTheirRefreshReplaces) {
   const Json description = repository_.targets().add("games/" + std::string(100, 'n'), "content");
   refreshed();
