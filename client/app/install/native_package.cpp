@@ -193,7 +193,6 @@ void require_bounded_files(const ThemeResources& theme) {
 }
 
 ReadTheme read_sealed_theme(const PackageFiles& package, const ThemeResources& theme) {
-  check_resource_name(theme.definition.path);
   std::set<std::string> sealed_names;
   for (const auto& [name, file] : theme.files) {
     check_resource_name(file.path);

@@ -704,6 +704,56 @@ TEST_F(NativeInstall, IsLastAskedBeforeAnythingIsChanged) {
   EXPECT_FALSE(same_tree(lasting(), before));
 }
 
+// What somebody does to the folder once all parts are prepared, and before any of them is put into its place.
+class NativeInterference : public NativeInstall {
+ protected:
+  NativeInterference() {
+    player = place.write_player_data();
+    place.install();
+    damage_all();
+  }
+
+  void interfere(std::function<void()> event) {
+    place.callbacks.cancelled = [this, event = std::move(event)] {
+      if (std::filesystem::exists(paths.staging / "trust/root.json")) {
+        event();
+      }
+      return false;
+    };
+  }
+
+  TreeState player;
+};
+
+TEST_F(NativeInterference, WithTheScratchFolderIsRefused) {
+  interfere([&] { place.write("native/staging/mine", "mine"); });
+  const TreeState before = lasting();
+  EXPECT_FAILURE(place.repair(), "unsafe_path",
+                 in_data("Setup cannot clear ") + "/native/staging/mine; remove it and try again");
+  EXPECT_TRUE(same_tree(lasting(), before));
+  EXPECT_NE(installation_state(paths), InstallationState::interrupted);
+}
+
+TEST_F(NativeInterference, WithAFolderThatIsReplacedIsRefused) {
+  for (const auto& folder : Paths{paths.staging, paths.native, data}) {
+    SCOPED_TRACE(folder);
+    const std::filesystem::path aside = place.root() / "aside";
+    TreeState before;
+    interfere([&] {
+      before = lasting();
+      std::filesystem::rename(folder, aside);
+      private_directory(folder);
+    });
+    EXPECT_FAILURE(place.repair(), "unsafe_path", "The data folder was changed while setup worked in it");
+    std::filesystem::remove_all(folder);
+    std::filesystem::rename(aside, folder);
+    std::filesystem::remove_all(paths.staging);
+    EXPECT_TRUE(same_tree(lasting(), before));
+    EXPECT_TRUE(same_tree(place.player_data(), player));
+    EXPECT_NE(installation_state(paths), InstallationState::interrupted);
+  }
+}
+
 TEST_F(NativeInstall, IsAskedBehindEachPartThatItPrepares) {
   const auto prepared = [&](const char* path) { return std::filesystem::exists(paths.staging / path); };
   bool behind_bootstrap = false;
@@ -1242,18 +1292,19 @@ TEST_F(NativeCommit, HasNoIconOfTheMenuWhereThePackageHasNoImageForIt) {
   EXPECT_TRUE(NativeInstaller::status(data).installed);
 }
 
-TEST_F(NativeCommit, NamesADirectoryInThePlaceOfTheIconOfTheMenu) {
-  std::filesystem::remove(paths.menu_icon);
-  place.write("native/brand.png/mine", "mine");
-  const TreeState before = lasting();
-  EXPECT_FAILURE(
-      place.repair(), "unsafe_path",
-      in_data("Setup cannot write ") + "/native/brand.png: a directory has that name; move it away and try again");
-  EXPECT_TRUE(same_tree(lasting(), before));
-  EXPECT_NE(installation_state(paths), InstallationState::interrupted);
-  std::filesystem::remove_all(paths.menu_icon);
-  place.repair();
-  expect_good();
+TEST_F(NativeCommit, NamesADirectoryInThePlaceOfAnIcon) {
+  for (const auto& icon : Paths{brand_icon_path(data), paths.menu_icon}) {
+    std::filesystem::remove(icon);
+    place.write(icon.lexically_relative(data).native() + "/mine", "mine");
+    const TreeState before = lasting();
+    EXPECT_FAILURE(place.repair(), "unsafe_path",
+                   "Setup cannot write " + icon.native() + ": a directory has that name; move it away and try again");
+    EXPECT_TRUE(same_tree(lasting(), before));
+    EXPECT_NE(installation_state(paths), InstallationState::interrupted);
+    std::filesystem::remove_all(icon);
+    place.repair();
+    expect_good();
+  }
 }
 
 TEST_F(NativeCommit, WritesTheRecordBehindTheTheme) {

@@ -314,6 +314,24 @@ TEST_F(NativeUninstall, CanBeCancelledUntilItBegins) {
   EXPECT_FALSE(reported);
 }
 
+TEST_F(NativeUninstall, RemovesNothingOfAFolderThatIsReplacedMeanwhile) {
+  place_.install();
+  const std::filesystem::path aside = place_.root() / "aside";
+  NativeSetupCallbacks callbacks;
+  // Asked once both locks are held.
+  callbacks.cancelled = [&] {
+    std::filesystem::rename(place_.data(), aside);
+    std::filesystem::copy(aside, place_.data(), std::filesystem::copy_options::recursive);
+    return false;
+  };
+  const Files before = place_.all();
+  EXPECT_FAILURE(place_.uninstall(true, callbacks), "unsafe_path",
+                 "The data folder was changed while setup worked in it");
+  std::filesystem::remove_all(place_.data());
+  std::filesystem::rename(aside, place_.data());
+  EXPECT_EQ(place_.all(), before);
+}
+
 TEST_F(NativeUninstall, CannotBeCancelledOnceItHasBegun) {
   place_.install();
   NativeSetupCallbacks callbacks;

@@ -301,6 +301,13 @@ TEST_F(InstallFolder, HasTheRoomOfTheNearestFolderAbove) {
   EXPECT_FALSE(std::filesystem::exists(place.root() / "a"));
 }
 
+TEST_F(InstallFolder, NeedsTheRoomOfBothTreesAndOfNothingElse) {
+  const Json plan =
+      plan_native_payload_storage(manifests.bootstrap, manifests.launcher, inspect_storage_volume(place.home()), 0);
+  EXPECT_EQ(install_room(place.home(), manifests.bootstrap, manifests.launcher)->needed,
+            plan.at("volume").at("additional_bytes"));
+}
+
 TEST_F(InstallFolder, HasNoKnownRoomWhereItCannotBeCounted) {
   manifests.launcher.files.begin()->second.length = std::numeric_limits<std::uint64_t>::max();
   EXPECT_FALSE(install_room(place.data(), manifests.bootstrap, manifests.launcher));
