@@ -29,11 +29,6 @@ constexpr std::array<long, 2> statuses_of_nothing = {403, 404};
 
 std::string file_of(std::string_view role) { return std::string(role) + ".json"; }
 
-bool is_damage(const Error& error) {
-  return error.code == "invalid_json" || error.code == "duplicate_key" || error.code == "depth_limit" ||
-         error.code == "invalid_number";
-}
-
 // The most bytes that a role's document can have if it is the one that its parent describes.
 std::uint64_t expected_bytes(const Json& meta, std::uint64_t limit) {
   return meta.contains("length") ? std::min(length(meta), limit) : limit;
@@ -198,10 +193,7 @@ std::optional<Json> TufClient::local(std::string_view role) const {
   const std::string text = read_file(path, limits_.metadata_bytes);
   try {
     return parse_json(text, limits_.metadata_bytes);
-  } catch (const Error& error) {
-    if (!is_damage(error)) {
-      throw;
-    }
+  } catch (const Error&) {
     fail("invalid_trusted_metadata",
          "Stored " + std::string(role) + " metadata is malformed; preserve and restore trusted state");
   }

@@ -689,6 +689,19 @@ TEST_F(TargetSearches, LookAtNothingThatIsStoredOnceItIsTrusted) {
   expect_found("x", description, {});
 }
 
+TEST_F(TargetSearches, LoadWhatIsStoredAgainWhereThatHasFailed) {
+  const Json description = repository_.targets().add("x", "content");
+  refreshed();
+  const std::filesystem::path snapshot = place_.directory / "snapshot.json";
+  place_.root.write("set-aside", place_.stored().at("snapshot.json"));
+  std::ofstream(snapshot) << "{";
+  constexpr const char* damaged = "Stored snapshot metadata is malformed; preserve and restore trusted state";
+  EXPECT_FAILURE(client_->load_selected_metadata(), "invalid_trusted_metadata", damaged);
+  expect_failure("x", "invalid_trusted_metadata", damaged, {});
+  std::ofstream(snapshot) << place_.root.read("set-aside");
+  expect_found("x", description, {});
+}
+
 TEST_F(TargetSearches, KeepAPathOutOfADocumentThatTheirRefreshReplaces) {
   const Json description = repository_.targets().add("games/" + std::string(100, 'n'), "content");
   refreshed();

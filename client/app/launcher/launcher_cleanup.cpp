@@ -60,7 +60,7 @@ std::string stem_of(const std::string& name, std::string_view ending) {
 std::string record_of_write(const std::string& name) {
   const std::size_t ending = std::string_view(".tmp").size() + download_nonce_characters + 1;
   const std::string record = name.size() > ending ? name.substr(0, name.size() - ending) : std::string();
-  return name != record && is_record_file(name, record) ? record : std::string();
+  return is_record_file(name, record) ? record : std::string();
 }
 
 // One clean-up, under the store's lock. Its steps stand in their order.

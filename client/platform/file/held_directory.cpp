@@ -122,12 +122,8 @@ void HeldDirectory::write(const std::string& name, std::string_view bytes) const
 }
 
 void HeldDirectory::remove(const std::string& name) const {
-  const std::optional<EntryType> type = type_of(name);
-  if (!type) {
-    return;
-  }
-  const Problem problem = type == EntryType::directory ? os::remove_directory_at(handle(), name.c_str())
-                                                       : os::remove_at(handle(), name.c_str());
+  const Problem problem = type_of(name) == EntryType::directory ? os::remove_directory_at(handle(), name.c_str())
+                                                                : os::remove_at(handle(), name.c_str());
   require(!problem || problem == Cause::missing, "file_remove", "Cannot remove " + path_utf8(below(name)));
 }
 

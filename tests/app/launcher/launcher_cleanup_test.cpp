@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <filesystem>
+#include <map>
 #include <memory>
 #include <optional>
 #include <string>
@@ -200,6 +201,69 @@ TEST_F(LauncherCleanups, RemoveWhatStagingsHaveLeft) {
   EXPECT_TRUE(std::filesystem::is_empty(place_.paths().intents));
   EXPECT_EQ(tree_state(place_.paths().manifests).size(), 1u);
   EXPECT_FALSE(exists("installation.json" + testing::write_ending('a')));
+}
+
+TEST_F(LauncherCleanups, PreserveAStagingThatNoIntentOfItsOwnExplains) {
+  place_.update(updates_[0]);
+  clean();
+  const std::string nonce = nonce_of('1');
+  const Json intent = {{"schema_version", 1},
+                       {"kind", "ravok-launcher-staging"},
+                       {"nonce", nonce},
+                       {"reference", updates_[1].reference()}};
+  const auto expect_kept = [&](const std::string& name, const Json& record_of_it) {
+    write("intents/" + name + ".json", record_of_it.dump());
+    write("staging/" + name + "/bin/program", "half");
+    EXPECT_EQ(clean().at("kept"), Json::array({kept("staging/" + name, "not_understood"),
+                                               kept("intents/" + name + ".json", "not_understood")}));
+    EXPECT_TRUE(exists("staging/" + name + "/bin/program"));
+  };
+  for (const auto& [key, value] :
+       std::map<std::string, Json>{{"schema_version", 2}, {"kind", "other"}, {"nonce", nonce_of('2')}, {"other", 1}}) {
+    SCOPED_TRACE(key);
+    Json other = intent;
+    other[key] = value;
+    expect_kept(nonce, other);
+  }
+  expect_kept(nonce, "text");
+  write("intents/" + nonce + ".json", intent.dump());
+  EXPECT_EQ(removed(clean()), (Json{{"stagings", 1}}));
+  Json other = intent;
+  other["nonce"] = "other";
+  expect_kept("other", other);
+}
+
+TEST_F(LauncherCleanups, RemoveTheLeasesOfVersionsThatAreGone) {
+  install_four();
+  for (const LauncherUpdate& update : updates_) {
+    write("leases/versions/" + update.sha256() + ".lock", "");
+  }
+  write("leases/versions/" + std::string(64, 'a') + ".lock", "");
+  write("leases/versions/other", "");
+  const Json result = clean();
+  EXPECT_EQ(result.at("kept"), Json::array({kept("leases/versions/other", "not_understood")}));
+  for (const LauncherUpdate& update : updates_) {
+    const bool is_named = update.sha256() == updates_[2].sha256() || update.sha256() == updates_[3].sha256();
+    EXPECT_EQ(exists("leases/versions/" + update.sha256() + ".lock"), is_named);
+  }
+  EXPECT_FALSE(exists("leases/versions/" + std::string(64, 'a') + ".lock"));
+}
+
+TEST_F(LauncherCleanups, KeepTheFailedVersionAlone) {
+  install_four();
+  place_.launcher.set("failed_candidate", {{"reference", updates_[1].reference()}, {"problem", "startup_failed"}});
+  EXPECT_EQ(removed(clean()).at("versions"), 1);
+  EXPECT_FALSE(exists(version(updates_[0])));
+  EXPECT_TRUE(exists(version(updates_[1])));
+}
+
+TEST_F(LauncherCleanups, RemoveAVersionThatCameBackAfterItsRemoval) {
+  install_four();
+  write("manifests/" + updates_[0].sha256() + ".json.removed", updates_[0].text());
+  EXPECT_EQ(removed(clean()).at("versions"), 2);
+  EXPECT_FALSE(exists(version(updates_[0])));
+  EXPECT_FALSE(exists("manifests/" + updates_[0].sha256() + ".json.removed"));
+  EXPECT_FALSE(exists("manifests/" + updates_[0].sha256() + ".json"));
 }
 
 TEST_F(LauncherCleanups, RemoveWhatEndedStartsHaveLeft) {

@@ -1,7 +1,8 @@
-// A link of the system's own that is removed before it is read.
+// Paths that the system does not tell about, and a link of its own that is removed before it is read.
 
 #include <cerrno>
 #include <initializer_list>
+#include <string>
 
 #include <gtest/gtest.h>
 
@@ -35,6 +36,22 @@ TEST(SystemLinkFault, WhatCannotBeLookedAtStaysAsItIs) {
   const Planned set(failing("lstat", EIO));
   EXPECT_EQ(resolve_system_links(root / "a/b"), root / "a/b");
   EXPECT_EQ(set.count("lstat"), 1);
+}
+
+TEST(PresenceFault, IsToldAsWhatTheSystemAnswers) {
+  struct Answer {
+    int problem;
+    const char* code;
+    const char* words;
+  };
+  const testing::TemporaryRoot root;
+  for (const Answer& answer :
+       {Answer{EACCES, "permissions", "Permission denied"}, Answer{EPERM, "permissions", "Operation not permitted"},
+        Answer{EIO, "file_system", "Input/output error"}}) {
+    const Planned set(failing("lstat", answer.problem));
+    EXPECT_FAILURE(is_there(root / "file"), answer.code,
+                   "Cannot look at " + (root / "file").native() + ": " + answer.words);
+  }
 }
 
 }  // namespace

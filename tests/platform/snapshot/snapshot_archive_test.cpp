@@ -273,6 +273,25 @@ TEST_F(ExtractSnapshotTest, NeedsExactlyTheArchiveOfItsManifest) {
   extract(whole);
 }
 
+TEST_F(ExtractSnapshotTest, NeedsExactlyTheArchiveOfItsManifestInAPartOfAFile) {
+  const Files small = {{"program", "x", 0755}};
+  const std::string archive = zstd_frame(tar_archive(members_of(small)));
+  const Sample snapshot = testing::write_sample(root, small, archive);
+  const FileRange package = FileRange::whole_file(root.write("package", "head" + archive + "tail"));
+  const auto extract_part = [&](std::uint64_t offset, std::uint64_t length) {
+    extract_snapshot(snapshot.manifest, package.part(offset, length), staging, {}, nullptr);
+  };
+  for (const std::uint64_t offset : {3U, 5U}) {
+    EXPECT_FAILURE(extract_part(offset, archive.size()), "content_mismatch", not_authentic);
+  }
+  for (const std::uint64_t length : {archive.size() - 1, archive.size() + 1}) {
+    EXPECT_FAILURE(extract_part(4, length), "content_mismatch", not_authentic);
+  }
+  EXPECT_EQ(names(), Names{"package"});
+  extract_part(4, archive.size());
+  EXPECT_EQ(root.read("staging/program"), "x");
+}
+
 TEST_F(ExtractSnapshotTest, NeedsAnOrdinaryArchive) {
   Sample snapshot = sample();
   std::filesystem::rename(snapshot.archive, root / "real");
