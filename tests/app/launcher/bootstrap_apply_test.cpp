@@ -14,6 +14,7 @@
 #include <vector>
 
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -472,6 +473,26 @@ TEST_F(ApplyBootstrapUpdate, CopiesTheOldFilesWhereAFileCanHaveOneNameOnly) {
   const Planned plan(failing("link", EPERM));
   expect_rejected(apply(), bad, "bootstrap_start: The new bootstrap does not start; it ended with exit code 9");
   EXPECT_TRUE(plan.happened());
+}
+
+TEST_F(ApplyBootstrapUpdate, TakesAllBackWhereAnOldFileCannotBeCopied) {
+  place.prepare(next);
+  struct rlimit usual {};
+  ASSERT_EQ(getrlimit(RLIMIT_FSIZE, &usual), 0);
+  const auto answer = std::signal(SIGXFSZ, SIG_IGN);
+  BootstrapUpdateResult result;
+  {
+    const Planned plan(failing("link", EPERM));
+    const struct rlimit few = {4, usual.rlim_max};
+    ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &few), 0);
+    result = apply();
+    ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &usual), 0);
+    EXPECT_TRUE(plan.happened());
+  }
+  std::signal(SIGXFSZ, answer);
+  EXPECT_EQ(result.end, End::rejected);
+  EXPECT_EQ(described(result), "file_write: Cannot keep the old bootstrap file ravok-bootstrap: File too large");
+  EXPECT_TRUE(place.holds(old));
 }
 
 TEST_F(ApplyBootstrapUpdate, TakesAllBackWhereACallFails) {

@@ -1,8 +1,10 @@
 #include "app/launcher/bootstrap_update.hpp"
 
 #include <algorithm>
+#include <chrono>
 #include <filesystem>
 #include <functional>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -10,7 +12,9 @@
 
 #include "app/launcher/bootstrap_apply.hpp"
 #include "domain/limits.hpp"
+#include "platform/file/native_lock.hpp"
 #include "support/bootstrap_place.hpp"
+#include "support/clock_calls.hpp"
 #include "support/failure.hpp"
 #include "support/patient_start.hpp"
 #include "support/tuf_place.hpp"
@@ -185,6 +189,38 @@ TEST_F(StageBootstrapUpdate, AsksNobodyWhileAnUpdateWaits) {
   EXPECT_EQ(stage(), "pending");
   EXPECT_EQ(tuf.transport.requests().size(), 0u);
   EXPECT_TRUE(testing::same_tree(state(), before));
+}
+
+TEST_F(StageBootstrapUpdate, WaitsFifteenSecondsForTheLock) {
+  publish(next);
+  const NativeFileLock other(place.paths.update_lock, true, NativeLockSharing::others, LockMode::exclusive);
+  const testing::StillClock clock;
+  EXPECT_FAILURE(stage(), "busy", "Another worker owns this native installation");
+  EXPECT_EQ(clock.slept(), std::chrono::seconds(15));
+  EXPECT_EQ(tuf.transport.requests().size(), 0u);
+}
+
+TEST_F(StageBootstrapUpdate, GoesOnOnceTheLockIsFree) {
+  publish(next);
+  auto other =
+      std::make_unique<NativeFileLock>(place.paths.update_lock, true, NativeLockSharing::others, LockMode::exclusive);
+  const testing::StillClock clock([&] { other.reset(); });
+  EXPECT_EQ(stage(), "staged");
+  EXPECT_EQ(clock.sleeps(), 1u);
+}
+
+TEST_F(StageBootstrapUpdate, WaitsForNoLockThatIsNone) {
+  publish(next);
+  tuf.root.write("data/native/bootstrap-update.lock", "text");
+  const testing::StillClock clock;
+  EXPECT_FAILURE(stage(), "lock_failed", "Native ownership requires an ordinary empty private file");
+  EXPECT_EQ(clock.sleeps(), 0u);
+}
+
+TEST_F(StageBootstrapUpdate, TakesNoFailureOfTheRepositoryForAnAnswer) {
+  publish(next);
+  tuf.transport.on("timestamp.json", testing::answers_with_status(503));
+  expect_refused("http_status", "Could not download timestamp metadata");
 }
 
 TEST_F(StageBootstrapUpdate, SaysThatThereIsNone) {

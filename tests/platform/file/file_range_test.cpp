@@ -63,9 +63,10 @@ TEST_F(FileRangeTest, HasNoPartThatReachesBeyondIt) {
   const FileRange middle = range(3, 4);
   EXPECT_EQ(read_range(middle.part(1, 2), 2), "45");
   EXPECT_EQ(read_range(middle.part(4, 0), 0), "");
-  for (const auto& [offset, length] : std::vector<std::pair<std::uint64_t, std::uint64_t>>{
+  for (const auto& place : std::vector<std::pair<std::uint64_t, std::uint64_t>>{
            {0, 5}, {1, 4}, {4, 1}, {5, 0}, {1, UINT64_MAX}, {UINT64_MAX, 1}, {UINT64_MAX, UINT64_MAX}}) {
-    EXPECT_FAILURE(middle.part(offset, length), "file_range", "A part reaches beyond its file") << offset;
+    EXPECT_FAILURE(middle.part(place.first, place.second), "file_range", "A part reaches beyond its file")
+        << place.first;
   }
 }
 

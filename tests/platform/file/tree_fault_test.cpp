@@ -8,6 +8,7 @@
 
 #include <gtest/gtest.h>
 
+#include "platform/file/held_directory.hpp"
 #include "platform/file/tree.hpp"
 #include "platform/snapshot/snapshot_retirement.hpp"
 #include "support/failure.hpp"
@@ -69,6 +70,20 @@ TEST_F(TreeFault, ARootThatCannotBeOpenedIsNotRead) {
                    "Too many files are open; close other programs and try again")
         << problem;
   }
+}
+
+TEST_F(TreeFault, ARemovalEndsAtADirectoryThatCannotBeRead) {
+  const Names before = root_.names();
+  const HeldDirectory directory = HeldDirectory::open(root_.path());
+  {
+    const Planned set(failing("openat", EACCES));
+    EXPECT_FAILURE(directory.remove_tree("tree"), "tree_read", "Cannot read a directory of the tree");
+  }
+  {
+    const Planned set(failing("openat", EACCES));
+    EXPECT_FALSE(directory.remove_tree_quietly("tree"));
+  }
+  EXPECT_EQ(root_.names(), before);
 }
 
 TEST_F(TreeFault, NothingIsRemovedOfATreeThatCannotBeMeasured) {

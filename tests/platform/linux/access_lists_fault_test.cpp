@@ -13,6 +13,7 @@
 #include <unistd.h>
 
 #include "platform/file/handle.hpp"
+#include "platform/file/native_lock.hpp"
 #include "platform/file/posix_files.hpp"
 #include "support/access_list.hpp"
 #include "support/failure.hpp"
@@ -122,6 +123,15 @@ TEST_F(AccessListFault, ANodeWhoseListCannotBeUnderstoodKeepsItsMode) {
   const Planned set(holding(stored_access_list({owner, {0x40, 0}})));
   EXPECT_FAILURE(private_directory(root_ / "node"), "permissions", unknown_rule);
   EXPECT_EQ(std::filesystem::status(root_ / "node").permissions(), std::filesystem::perms(0755));
+}
+
+TEST(LockFault, ALockThatOthersMayOpenByNowIsNoLongerTheOneAtItsPath) {
+  const TemporaryRoot root;
+  ASSERT_EQ(chmod(root.path().c_str(), 0700), 0);
+  const FileLock lock(root / "lock", true, LockMode::exclusive);
+  EXPECT_TRUE(lock.matches_path(root / "lock"));
+  const Planned set(holding(stored_access_list({owner, {0x02, 7, geteuid() + 1}})));
+  EXPECT_FALSE(lock.matches_path(root / "lock"));
 }
 
 }  // namespace
