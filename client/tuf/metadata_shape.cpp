@@ -25,7 +25,7 @@ constexpr std::array<std::string_view, 4> top_level = {"root", "timestamp", "sna
 void require_signatures(const Json& signatures) {
   std::set<std::string_view> seen;
   for (const Json& signature : signatures) {
-    require(signature.is_object() && has_text(signature, "keyid") && has_text(signature, "sig"), invalid,
+    require(has_text(signature, "keyid") && has_text(signature, "sig"), invalid,
             "Signature must contain a key ID and signature string");
     require(seen.insert(text_at(signature, "keyid")).second, invalid, "Metadata repeats a signature key ID");
   }

@@ -161,7 +161,8 @@ TEST(PartialNames, AreMadeOfTargetAndNonce) {
   for (const std::string& name : {"game." + nonce_of('A') + ".partial", "game." + nonce_of('a'),
                                   "game" + nonce_of('a') + ".partial", "game-" + nonce_of('a') + ".partial",
                                   "game.." + nonce_of('a') + ".partial", "other." + nonce_of('a') + ".partial",
-                                  "game." + nonce_of('a') + "a.partial", std::string("game"), std::string()}) {
+                                  "game." + nonce_of('a') + "a.partial", "game." + nonce_of('a') + ".partiaL",
+                                  std::string("game"), std::string()}) {
     EXPECT_EQ(partial_nonce(name, "game"), "") << name;
   }
 }

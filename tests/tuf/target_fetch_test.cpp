@@ -756,6 +756,23 @@ TEST_F(TufDownload, KeepsAFileThatCannotBeMovedIntoItsPlaceOnlyToContinueIt) {
   expect_fetched();
 }
 
+TEST_F(TufDownload, IsDurableInItsPlaceBeforeItsCheckpointGoes) {
+  bool happened = true;
+  int moved_with_checkpoint = 0;
+  for (int nth = 1; happened; ++nth) {
+    std::filesystem::remove_all(folder());
+    const testing::Planned flush(testing::meanwhile(
+        "fsync",
+        [&] {
+          moved_with_checkpoint += std::filesystem::exists(destination()) && left_checkpoint().is_object() ? 1 : 0;
+        },
+        nth));
+    download();
+    happened = flush.happened();
+  }
+  EXPECT_EQ(moved_with_checkpoint, 1);
+}
+
 TEST_F(TufDownload, LeavesNoCheckpointWithoutItsPartialFile) {
   bool happened = true;
   int failures = 0;
