@@ -82,8 +82,12 @@ if(RAVOK_FUZZERS)
   target_compile_options(ravok_options INTERFACE -fsanitize=fuzzer-no-link)
 endif()
 if(RAVOK_COVERAGE)
-  target_compile_options(ravok_options INTERFACE --coverage -O0)
-  target_link_options(ravok_options INTERFACE --coverage)
+  # Each program writes its counts as it goes, so that those of a program that is killed are there too, into a file of its
+  # own below this folder, whatever its environment says. What the tests do is not of interest.
+  set(ravok_counts "${PROJECT_BINARY_DIR}/counts")
+  target_compile_options(ravok_options INTERFACE -O0 $<$<NOT:$<BOOL:$<TARGET_PROPERTY:RAVOK_TEST_CODE>>>:
+    -fprofile-instr-generate=${ravok_counts}/%m%c.profraw -fcoverage-mapping "SHELL:-mllvm -runtime-counter-relocation">)
+  target_link_options(ravok_options INTERFACE -fprofile-instr-generate)
 endif()
 
 # ravok_compile_as_set(NAME): compiles a library with these options and hands none of them on, so that the program of

@@ -21,12 +21,14 @@ def copy_tree(copy):
             target.chmod(source.stat().st_mode)
 
 
-def run(command, log, cwd=ROOT, patience=None, environment=None, prepare=None):
+def run(command, log, cwd=ROOT, patience=None, environment=None):
     """Runs a command and all that it starts, which end with it. Returns the exit code; None where the patience has
     ended, in seconds. Its words go into the log."""
+    # A shell lets what it starts in the background ignore these signals, which tests send.
+    command = ["env", "--default-signal=HUP,INT,QUIT,TERM", *command]
     with open(log, "w") as output:
         process = subprocess.Popen(command, cwd=cwd, stdin=subprocess.DEVNULL, stdout=output, stderr=subprocess.STDOUT,
-                                   env=environment, start_new_session=True, preexec_fn=prepare)
+                                   env=environment, start_new_session=True)
         try:
             return process.wait(patience)
         except subprocess.TimeoutExpired:

@@ -158,11 +158,11 @@ TEST(PartialNames, AreMadeOfTargetAndNonce) {
   EXPECT_EQ(partial_name("folder/game", nonce_of('a')), "folder/game." + nonce_of('a') + ".partial");
   EXPECT_EQ(resume_state_name("game.partial"), "game.partial.resume.json");
   EXPECT_EQ(partial_nonce("folder/game." + nonce_of('a') + ".partial", "folder/game"), nonce_of('a'));
-  for (const std::string& name : {"game." + nonce_of('A') + ".partial", "game." + nonce_of('a'),
-                                  "game" + nonce_of('a') + ".partial", "game-" + nonce_of('a') + ".partial",
-                                  "game.." + nonce_of('a') + ".partial", "other." + nonce_of('a') + ".partial",
-                                  "game." + nonce_of('a') + "a.partial", "game." + nonce_of('a') + ".partiaL",
-                                  std::string("game"), std::string()}) {
+  for (const std::string& name :
+       {"game." + nonce_of('A') + ".partial", "game." + nonce_of('a'), "game" + nonce_of('a') + ".partial",
+        "game-" + nonce_of('a') + ".partial", "game.." + nonce_of('a') + ".partial",
+        "other." + nonce_of('a') + ".partial", "game." + nonce_of('a') + "a.partial",
+        "game." + nonce_of('a') + ".partiaL", std::string("game"), std::string()}) {
     EXPECT_EQ(partial_nonce(name, "game"), "") << name;
   }
 }
