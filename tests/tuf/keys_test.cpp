@@ -212,7 +212,8 @@ TEST_F(Threshold, NeedsAnAuthority) {
   const Json document = with_signatures(body(), {&a_});
   for (const Json& authority :
        {Json(), Json::array(), Json("root"), Json::object(), Json{{"threshold", 1}},
-        Json{{"threshold", 1}, {"keyids", a_.id()}}, Json{{"threshold", 1}, {"keyids", Json::object()}}}) {
+        Json{{"threshold", 1}, {"keyids", a_.id()}}, Json{{"threshold", 1}, {"keyids", Json::object()}},
+        Json{{"keyids", Json::array({a_.id()})}}}) {
     EXPECT_FAILURE(verify_threshold(document, Json(), authority), "invalid_metadata", bad_authority) << authority;
   }
 }

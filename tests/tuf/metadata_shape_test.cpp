@@ -230,6 +230,7 @@ TEST_F(Shape, RootNeedsItsFourRoles) {
     }
     expect_refused(with(root(), (place + "/threshold").c_str(), 0U), "root", "invalid_version", zero_version);
     expect_refused(with(root(), (place + "/keyids/0").c_str(), "unknown"), "root", "invalid_metadata", unknown_key);
+    expect_refused(with(root(), (place + "/keyids").c_str(), "text"), "root", "invalid_metadata", bad_authority);
   }
 }
 

@@ -174,7 +174,8 @@ TEST(RecordFiles, AreTheRecordAndTheWritesOfIt) {
   for (const std::string& name :
        {std::string(), std::string("record.jso"), std::string("record.jsonx"), write + "x", write + ".tmp",
         "record.json" + testing::write_ending('A'), "record.json" + testing::write_ending('g'),
-        write.substr(0, write.size() - 1), "x" + write, "record.json" + std::string(32, 'a') + ".tmp"}) {
+        write.substr(0, write.size() - 1), write.substr(0, write.size() - 1) + "x", "x" + write,
+        "record.json" + std::string(32, 'a') + ".tmp"}) {
     EXPECT_FALSE(is_record_file(name, "record.json")) << name;
   }
 }
