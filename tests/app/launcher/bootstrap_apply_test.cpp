@@ -464,6 +464,19 @@ TEST_F(ApplyBootstrapUpdate, ReplacesADamagedBootstrap) {
   expect_applied(apply(), next);
 }
 
+TEST_F(ApplyBootstrapUpdate, ReplacesAnOldFileThatNobodyKnowsBesideADamagedOne) {
+  place.prepare(next);
+  root.write("data/native/bootstrap/data/note", "damaged");
+  root.write("data/native/bootstrap/data/note.old", "of nobody");
+  expect_applied(apply(), next);
+}
+
+TEST_F(ApplyBootstrapUpdate, GoesOnBesideAnOldFileOfANameThatIsNew) {
+  place.prepare(next);
+  root.write("data/native/bootstrap/more/new.old", "of nobody");
+  expect_applied(apply(), next);
+}
+
 // --- Calls that fail -----------------------------------------------------------------------
 
 TEST_F(ApplyBootstrapUpdate, CopiesTheOldFilesWhereAFileCanHaveOneNameOnly) {
