@@ -82,14 +82,16 @@ std::size_t request_size(const std::string& request, std::size_t head_end) {
 }  // namespace
 
 struct ScriptedServer::Implementation {
-  Implementation(const ServerCertificate& certificate, Script told, int only_version)
-      : context(make_context(certificate, only_version)), script(std::move(told)) {}
+  Implementation(const ServerCertificate& certificate, Script told, int only_version, Greeter asked)
+      : context(make_context(certificate, only_version)), script(std::move(told)), greeter(std::move(asked)) {}
 
   void serve();
-  void converse(const Handle& connected);
+  void greet(const Handle& connected);
+  void converse(const Handle& connected, SSL_CTX* shown);
 
   const Context context;
   const Script script;
+  const Greeter greeter;
   const LoopbackListener listener;
 
   std::mutex mutex;
@@ -190,10 +192,71 @@ void take_no_pipe_signals() {
   pthread_sigmask(SIG_BLOCK, &pipe_signal, nullptr);
 }
 
+void send_bytes(int peer, std::string_view bytes) {
+  while (!bytes.empty()) {
+    const ssize_t count =
+        posix::retry_interrupted([&] { return send(peer, bytes.data(), bytes.size(), MSG_NOSIGNAL); });
+    if (count <= 0) {
+      return;
+    }
+    bytes.remove_prefix(static_cast<std::size_t>(count));
+  }
+}
+
+// What the server answers to the first words of the client, which are read for it. Empty where the client goes away.
+std::string first_answer(int peer, SSL_CTX* context) {
+  const std::unique_ptr<SSL, FreeTls> connection(SSL_new(context));
+  BIO* const heard = BIO_new(BIO_s_mem());
+  BIO* const said = BIO_new(BIO_s_mem());
+  require_tls(connection && heard != nullptr && said != nullptr);
+  SSL_set_bio(connection.get(), heard, said);
+  while (BIO_pending(said) == 0) {
+    std::array<char, 16'384> buffer;
+    const ssize_t count =
+        posix::retry_interrupted([&] { return recv(peer, buffer.data(), buffer.size(), 0); });
+    if (count <= 0) {
+      return {};
+    }
+    BIO_write(heard, buffer.data(), static_cast<int>(count));
+    SSL_accept(connection.get());
+  }
+  ERR_clear_error();
+  std::string answer(BIO_ctrl_pending(said), '\0');
+  BIO_read(said, answer.data(), static_cast<int>(answer.size()));
+  return answer;
+}
+
+void end_or_reset(int peer, bool resets) {
+  if (resets) {
+    reset_when_closed(peer);
+  } else {
+    end_connection(peer);
+  }
+}
+
 }  // namespace
 
-void ScriptedServer::Implementation::converse(const Handle& connected) {
-  const std::unique_ptr<SSL, FreeTls> connection(SSL_new(context.get()));
+void ScriptedServer::Implementation::greet(const Handle& connected) {
+  const Greeting greeting = greeter ? greeter() : Greeting{};
+  const int socket = connected.get();
+  if (greeting.instead) {
+    send_bytes(socket, *greeting.instead);
+    end_or_reset(socket, greeting.resets);
+  } else if (greeting.cut_behind) {
+    if (*greeting.cut_behind > 0) {
+      send_bytes(socket, std::string_view(first_answer(socket, context.get())).substr(0, *greeting.cut_behind));
+    }
+    end_or_reset(socket, greeting.resets);
+  } else if (greeting.certificate != nullptr) {
+    const Context other = make_context(*greeting.certificate, 0);
+    converse(connected, other.get());
+  } else {
+    converse(connected, context.get());
+  }
+}
+
+void ScriptedServer::Implementation::converse(const Handle& connected, SSL_CTX* shown) {
+  const std::unique_ptr<SSL, FreeTls> connection(SSL_new(shown));
   if (connection && SSL_set_fd(connection.get(), connected.get()) == 1 && SSL_accept(connection.get()) == 1) {
     const auto keep = [this](std::string request) {
       const std::lock_guard lock(mutex);
@@ -227,14 +290,15 @@ void ScriptedServer::Implementation::serve() {
       }
       peer = connected.get();
     }
-    converse(connected);
+    greet(connected);
     const std::lock_guard lock(mutex);
     peer = -1;
   }
 }
 
-ScriptedServer::ScriptedServer(const ServerCertificate& certificate, Script script, int only_version)
-    : implementation_(std::make_unique<Implementation>(certificate, std::move(script), only_version)) {
+ScriptedServer::ScriptedServer(const ServerCertificate& certificate, Script script, int only_version, Greeter greeter)
+    : implementation_(
+          std::make_unique<Implementation>(certificate, std::move(script), only_version, std::move(greeter))) {
   implementation_->thread = std::thread([served = implementation_.get()] { served->serve(); });
 }
 

@@ -1,9 +1,11 @@
 // A TLS server on the loopback that answers what a test tells it, byte for byte.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -33,14 +35,30 @@ class Conversation {
   virtual void renew_keys() = 0;
 };
 
+// How a server takes a connection, before its script knows of it.
+struct Greeting {
+  // Shown in the place of the server's own certificate, where it is given.
+  const ServerCertificate* certificate = nullptr;
+  // Where it is given, no more than so many bytes of the server's first answer in the handshake come, and the
+  // connection ends behind them.
+  std::optional<std::size_t> cut_behind = {};
+  // Where it is given, this comes instead of all that, and the connection ends.
+  std::optional<std::string> instead = {};
+  // Whether such an end is an error for the client rather than an end.
+  bool resets = false;
+};
+
 class ScriptedServer {
  public:
   // Deals with one connection. One that is not cut ends as TLS wants it when the script returns.
   using Script = std::function<void(Conversation&)>;
+  // Asked at the beginning of each connection, on the server's thread.
+  using Greeter = std::function<Greeting()>;
 
   // Serves one connection after another. `only_version` is a version of TLS as the library numbers them, or 0 for
-  // all that it knows. It asks for no strength of keys, digests or versions: that is for the client to do.
-  ScriptedServer(const ServerCertificate& certificate, Script script, int only_version = 0);
+  // all that it knows. It asks for no strength of keys, digests or versions: that is for the client to do. Without a
+  // greeter every connection begins as TLS wants it.
+  ScriptedServer(const ServerCertificate& certificate, Script script, int only_version = 0, Greeter greeter = {});
   // Ends what is under way.
   ~ScriptedServer();
   ScriptedServer(const ScriptedServer&) = delete;
