@@ -19,6 +19,8 @@
 namespace ravok::testing {
 namespace {
 
+constexpr const char* targets_folder = "tuf/targets/";
+
 constexpr const char* ok = "200 OK";
 constexpr const char* partial_content = "206 Partial Content";
 constexpr const char* not_found = "404 Not Found";
@@ -109,7 +111,7 @@ const char* poison_name(Poison poison) {
   static constexpr std::array<const char*, poison_kinds> names = {
       "refused connection", "no handshake",   "cut handshake",  "no TLS",        "other certificate", "delayed",
       "dropped",            "stalled",        "interim answers", "tiny pieces",   "reset",             "ended early",
-      "cut",                "doubled bytes",  "answered twice", "flipped head",  "flipped body",      "garbage",
+      "cut",                "flipped and cut", "doubled bytes",  "answered twice", "flipped head",  "flipped body",      "garbage",
       "older answer",       "other path",     "refusal",        "redirect",      "wrong length",      "no length",
       "chunked",            "broken chunks",  "encoded",        "endless head",  "endless body",      "wrong range",
       "other bytes",        "changed tag",    "whole for part", "part for whole"};
@@ -129,8 +131,8 @@ struct PoisonedNetwork::Implementation {
   Greeting greet() {
     const std::lock_guard lock(mutex);
     ++connections;
-    poisons = below(100) < percent;
-    if (!poisons || below(7) != 0) {
+    poisons = below(100) < dose.percent;
+    if (!poisons || dose.only_targets || !one_in(7)) {
       return {};
     }
     poisons = false;
@@ -168,7 +170,7 @@ struct PoisonedNetwork::Implementation {
     std::optional<Poison> kind;
     {
       const std::lock_guard lock(mutex);
-      if (poisons) {
+      if (poisons && (!dose.only_targets || request.path.starts_with(targets_folder))) {
         kind = choose(request, answer);
         note(request.path, *kind);
       }
@@ -221,15 +223,20 @@ struct PoisonedNetwork::Implementation {
            std::any_of(found->second.begin(), found->second.end(), [&](const Answer& old) { return old != answer; });
   }
 
-  // A kind of poison that this answer can have. Those of one path alone would come too seldom by lot, so they come first.
+  // A kind of poison that this answer can have. Those that few answers can have would come too seldom by lot, so they
+  // come first, and so do those after which a download has something to go on with.
   Poison choose(const Request& request, const Answer& answer) {
     const bool is_part = answer.status == partial_content;
     if (has_older(request, answer) && one_in(4)) {
       return Poison::older;
     }
-    if (is_part && one_in(3)) {
+    if (is_part && !one_in(3)) {
       constexpr std::array kinds = {Poison::wrong_range, Poison::other_bytes, Poison::changed_tag,
                                     Poison::whole_for_part};
+      return kinds.at(below(kinds.size()));
+    }
+    if (!is_part && answer.body.size() > 5'000 && one_in(3)) {
+      constexpr std::array kinds = {Poison::reset, Poison::ended, Poison::cut, Poison::flipped_and_cut};
       return kinds.at(below(kinds.size()));
     }
     while (true) {
@@ -240,7 +247,7 @@ struct PoisonedNetwork::Implementation {
       const bool is_rare = kind == Poison::endless_body || kind == Poison::endless_head || kind == Poison::stalled;
       if ((is_only_for_parts && !is_part) || (kind == Poison::older && !has_older(request, answer)) ||
           (kind == Poison::part_for_whole && is_part) || (kind == Poison::other_path && former.size() < 2) ||
-          (kind == Poison::stalled && !may_stall) || (is_rare && !one_in(4))) {
+          (kind == Poison::stalled && !dose.may_stall) || (is_rare && !one_in(4))) {
         continue;
       }
       return kind;
@@ -268,6 +275,9 @@ struct PoisonedNetwork::Implementation {
         return peer.send(beginning_of(text));
       case Poison::cut:
         peer.send(beginning_of(text));
+        return peer.cut();
+      case Poison::flipped_and_cut:
+        peer.send(answer.head() + flipped(answer.body.substr(0, answer.body.size() * (1 + draw(9)) / 10)));
         return peer.cut();
       case Poison::doubled_bytes:
         return peer.send(doubled(text));
@@ -562,8 +572,7 @@ struct PoisonedNetwork::Implementation {
 
   mutable std::mutex mutex;
   std::mt19937_64 random;
-  unsigned percent = 0;
-  bool may_stall = false;
+  PoisonDose dose;
   bool is_stalling = false;
   bool poisons = false;  // whether the answer on the present connection is to be poisoned
   std::uint64_t connections = 0;
@@ -587,10 +596,9 @@ std::string PoisonedNetwork::origin() const {
   return url;
 }
 
-void PoisonedNetwork::poison(unsigned percent, bool may_stall) {
+void PoisonedNetwork::poison(const PoisonDose& dose) {
   const std::lock_guard lock(implementation_->mutex);
-  implementation_->percent = percent;
-  implementation_->may_stall = may_stall;
+  implementation_->dose = dose;
 }
 
 bool PoisonedNetwork::is_stalled() const {

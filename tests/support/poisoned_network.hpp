@@ -34,6 +34,7 @@ enum class Poison {
   reset,          // the connection is reset within it
   ended,          // the connection ends within it, as TLS wants it
   cut,            // the connection breaks within it
+  flipped_and_cut,  // some bits of its body are others, and the connection breaks behind them
   doubled_bytes,  // some of its bytes come twice
   twice,          // it comes twice
   flipped_head,   // some bits of its head are others
@@ -69,6 +70,14 @@ struct PoisonedConnection {
   Poison poison = Poison::refused;
 };
 
+struct PoisonDose {
+  unsigned percent = 0;  // of the connections
+  // Whether only requests for targets are poisoned, so that a client gets as far as that.
+  bool only_targets = false;
+  // Whether a few answers stall. Whoever waits on one must watch is_stalled(), or be patient.
+  bool may_stall = false;
+};
+
 class PoisonedNetwork {
  public:
   // Serves the files of the folder, as they are when they are asked for. It poisons nothing yet.
@@ -80,9 +89,8 @@ class PoisonedNetwork {
   // The root of its addresses, without a slash at its end.
   std::string origin() const;
 
-  // Poisons so many of a hundred connections from here on. With `may_stall` a few of them stall; whoever waits on one
-  // must watch is_stalled(), or be patient.
-  void poison(unsigned percent, bool may_stall = false);
+  // What happens from here on.
+  void poison(const PoisonDose& dose);
 
   // Whether an answer has stopped and the client waits.
   bool is_stalled() const;
