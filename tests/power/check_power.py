@@ -46,6 +46,7 @@ class Check:
         self.cuts = collections.Counter()
         self.kept = 0
         self.seconds = 0.0
+        self.end = time.monotonic() + 60 * options.minutes if options.minutes else None
 
     def machine(self, saved=True):
         with self.lock:
@@ -62,6 +63,11 @@ class Check:
         # Seen by whoever is asked why a case failed.
         result = machine.run(f"mount -t {file_system} -o {options} {device} /disk")
         cases.expect(result.code == 0, f"the file system cannot be mounted: {result.errors}{machine.console()}")
+
+    def is_done_with(self, file_system):
+        """Whether no more cuts are wanted: the time is over, or a loss was what was asked for."""
+        return (self.end is not None and time.monotonic() > self.end) or (
+            self.options.prove and any(self.losses[file_system, each] for each in self.options.operation))
 
     def state(self, file_system, name):
         """Returns a disk with the state of this name."""
@@ -113,6 +119,8 @@ class Check:
         print(f"{name}: {mount_options}, written back every {pause / 100:g} s after {age / 100:g} s; "
               f"{last - first - flushes} writes, {flushes} flushes", flush=True)
         for each in range(cuts):
+            if self.is_done_with(file_system):
+                return
             chance = random.Random(f"{name}/{each}")
             # A quarter of the cuts come right after the end of a step, before anything else is written.
             position = chance.choice(ended) if chance.random() < 0.25 else chance.randint(first, last)
@@ -205,6 +213,8 @@ class Check:
                     task = tasks.get_nowait()
                 except queue.Empty:
                     return
+                if self.is_done_with(task[0]):
+                    continue
                 try:
                     self.run(*task)
                 except BaseException as problem:
@@ -240,7 +250,7 @@ class Check:
 
 
 def read_options():
-    parser = argparse.ArgumentParser()
+    parser = argparse.ArgumentParser(allow_abbrev=False)
     parser.add_argument("--seed", type=int, default=int(time.time()))
     parser.add_argument("--cuts", type=int, default=20)
     parser.add_argument("--file-system", action="append", choices=MAKERS)
@@ -248,6 +258,7 @@ def read_options():
     parser.add_argument("--cuts-of-a-run", type=int, default=10)
     parser.add_argument("--boots", type=int, default=1)
     parser.add_argument("--jobs", type=int, default=1)
+    parser.add_argument("--minutes", type=float)
     parser.add_argument("--without-flushes", action="store_true")
     parser.add_argument("--prove", action="store_true")
     parser.add_argument("--keep")

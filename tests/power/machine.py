@@ -6,6 +6,7 @@ import json
 import os
 import pathlib
 import shlex
+import shutil
 import socket
 import subprocess
 import time
@@ -33,7 +34,9 @@ class Machine:
         monitor, monitor_end = socket.socketpair()
         agent, agent_end = socket.socketpair()
         ends = [monitor_end.fileno(), agent_end.fileno()]
+        # It ends with this check, however that ends.
         command = [
+            "setpriv", "--pdeathsig", "KILL",
             "qemu-system-x86_64", "-accel", "tcg,tb-size=256", "-machine", "pc", "-cpu", "max", "-m", str(MEMORY),
             "-nodefaults", "-no-user-config", "-display", "none", "-no-reboot", "-kernel", str(kernel), "-initrd", str(system),
             "-append", "console=ttyS0 quiet panic=-1 mitigations=off nokaslr init_on_alloc=0 audit=0 random.trust_cpu=on",
@@ -81,6 +84,7 @@ class Machine:
         for each in self.servers:
             each.close()
         self.servers = []
+        shutil.rmtree(self.folder, ignore_errors=True)
         for each in (self.monitor, self.agent, *self.sockets):
             try:
                 each.close()

@@ -7,5 +7,4 @@ int fdatasync(int) { return 0; }
 int syncfs(int) { return 0; }
 int sync_file_range(int, long, long, unsigned) { return 0; }
 void sync() {}
-
 }
