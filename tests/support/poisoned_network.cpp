@@ -25,9 +25,13 @@ constexpr const char* ok = "200 OK";
 constexpr const char* partial_content = "206 Partial Content";
 constexpr const char* not_found = "404 Not Found";
 
-constexpr std::array<const char*, 7> refusals = {
-    "403 Forbidden",           not_found,         "408 Request Timeout",    "429 Too Many Requests",
-    "500 Internal Server Error", "502 Bad Gateway", "503 Service Unavailable"};
+constexpr std::array<const char*, 7> refusals = {"403 Forbidden",
+                                                 not_found,
+                                                 "408 Request Timeout",
+                                                 "429 Too Many Requests",
+                                                 "500 Internal Server Error",
+                                                 "502 Bad Gateway",
+                                                 "503 Service Unavailable"};
 constexpr std::array<const char*, 6> redirects = {"301 Moved Permanently",  "302 Found",
                                                   "303 See Other",          "304 Not Modified",
                                                   "307 Temporary Redirect", "308 Permanent Redirect"};
@@ -108,13 +112,41 @@ std::string chunk(std::string_view bytes) {
 }  // namespace
 
 const char* poison_name(Poison poison) {
-  static constexpr std::array<const char*, poison_kinds> names = {
-      "refused connection", "no handshake",   "cut handshake",  "no TLS",        "other certificate", "delayed",
-      "dropped",            "stalled",        "interim answers", "tiny pieces",   "reset",             "ended early",
-      "cut",                "flipped and cut", "doubled bytes",  "answered twice", "flipped head",  "flipped body",      "garbage",
-      "older answer",       "other path",     "refusal",        "redirect",      "wrong length",      "no length",
-      "chunked",            "broken chunks",  "encoded",        "endless head",  "endless body",      "wrong range",
-      "other bytes",        "changed tag",    "whole for part", "part for whole"};
+  static constexpr std::array<const char*, poison_kinds> names = {"refused connection",
+                                                                  "no handshake",
+                                                                  "cut handshake",
+                                                                  "no TLS",
+                                                                  "other certificate",
+                                                                  "delayed",
+                                                                  "dropped",
+                                                                  "stalled",
+                                                                  "interim answers",
+                                                                  "tiny pieces",
+                                                                  "reset",
+                                                                  "ended early",
+                                                                  "cut",
+                                                                  "flipped and cut",
+                                                                  "doubled bytes",
+                                                                  "answered twice",
+                                                                  "flipped head",
+                                                                  "flipped body",
+                                                                  "garbage",
+                                                                  "older answer",
+                                                                  "other path",
+                                                                  "refusal",
+                                                                  "redirect",
+                                                                  "wrong length",
+                                                                  "no length",
+                                                                  "chunked",
+                                                                  "broken chunks",
+                                                                  "encoded",
+                                                                  "endless head",
+                                                                  "endless body",
+                                                                  "wrong range",
+                                                                  "other bytes",
+                                                                  "changed tag",
+                                                                  "whole for part",
+                                                                  "part for whole"};
   return names.at(static_cast<std::size_t>(poison));
 }
 
@@ -194,8 +226,8 @@ struct PoisonedNetwork::Implementation {
     const std::string tag = "\"" + digest(content, "sha256").substr(0, 16) + "\"";
     const std::size_t whole = content.size();
     const bool is_part = request.first && *request.first < whole;
-    Answer answer = is_part ? with_length(partial_content, content.substr(*request.first))
-                            : with_length(ok, std::move(content));
+    Answer answer =
+        is_part ? with_length(partial_content, content.substr(*request.first)) : with_length(ok, std::move(content));
     answer.set("ETag", tag);
     answer.set("Accept-Ranges", "bytes");
     if (is_part) {
@@ -539,9 +571,7 @@ struct PoisonedNetwork::Implementation {
     }
   }
 
-  static void pause(std::size_t milliseconds) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(milliseconds));
-  }
+  static void pause(std::size_t milliseconds) { std::this_thread::sleep_for(std::chrono::milliseconds(milliseconds)); }
 
   // --- Chance, under the lock --------------------------------------------------------------------
 

@@ -19,10 +19,10 @@ namespace ravok::testing {
 // What can happen to a connection.
 enum class Poison {
   // While it begins.
-  refused,           // it is reset at once
-  no_handshake,      // it ends at once
-  cut_handshake,     // it ends within the server's part of the handshake, or is reset there
-  no_tls,            // bytes that are no TLS come
+  refused,            // it is reset at once
+  no_handshake,       // it ends at once
+  cut_handshake,      // it ends within the server's part of the handshake, or is reset there
+  no_tls,             // bytes that are no TLS come
   other_certificate,  // the server shows the certificate of an authority that the client does not know
   // Before the answer.
   delayed,  // the answer comes after a few milliseconds
@@ -30,34 +30,34 @@ enum class Poison {
   stalled,  // a part of the answer comes, and then nothing more while the client waits
   interim,  // some interim answers come before it
   // In its bytes.
-  pieces,         // it comes in tiny pieces
-  reset,          // the connection is reset within it
-  ended,          // the connection ends within it, as TLS wants it
-  cut,            // the connection breaks within it
+  pieces,           // it comes in tiny pieces
+  reset,            // the connection is reset within it
+  ended,            // the connection ends within it, as TLS wants it
+  cut,              // the connection breaks within it
   flipped_and_cut,  // some bits of its body are others, and the connection breaks behind them
-  doubled_bytes,  // some of its bytes come twice
-  twice,          // it comes twice
-  flipped_head,   // some bits of its head are others
-  flipped_body,   // some bits of its body are others
-  garbage,        // random bytes come in its place
+  doubled_bytes,    // some of its bytes come twice
+  twice,            // it comes twice
+  flipped_head,     // some bits of its head are others
+  flipped_body,     // some bits of its body are others
+  garbage,          // random bytes come in its place
   // Another answer.
-  older,           // the answer that this path had earlier
-  other_path,      // the answer of another path
-  refusal,         // 403, 404, 408, 429, 500, 502 or 503
-  redirect,        // to another place, or to none
+  older,       // the answer that this path had earlier
+  other_path,  // the answer of another path
+  refusal,     // 403, 404, 408, 429, 500, 502 or 503
+  redirect,    // to another place, or to none
   // What it says of itself.
-  wrong_length,     // it announces more or less than comes, two lengths, or none that is a number
-  no_length,        // it announces no length, and its end is that of the connection
-  chunked,          // it comes in chunks
-  broken_chunks,    // it comes in chunks of wrong sizes, or without an end
-  encoded,          // it claims to be encoded
-  endless_head,     // its header lines do not end
-  endless_body,     // its body does not end
-  wrong_range,      // a part of the file that is not the one that was asked for
-  other_bytes,      // the right range with bytes of another place in the file
-  changed_tag,      // the right part of the file under another entity tag
-  whole_for_part,   // the whole file where a part was asked for
-  part_for_whole,   // a part of the file where the whole was asked for
+  wrong_length,    // it announces more or less than comes, two lengths, or none that is a number
+  no_length,       // it announces no length, and its end is that of the connection
+  chunked,         // it comes in chunks
+  broken_chunks,   // it comes in chunks of wrong sizes, or without an end
+  encoded,         // it claims to be encoded
+  endless_head,    // its header lines do not end
+  endless_body,    // its body does not end
+  wrong_range,     // a part of the file that is not the one that was asked for
+  other_bytes,     // the right range with bytes of another place in the file
+  changed_tag,     // the right part of the file under another entity tag
+  whole_for_part,  // the whole file where a part was asked for
+  part_for_whole,  // a part of the file where the whole was asked for
 };
 
 inline constexpr std::size_t poison_kinds = static_cast<std::size_t>(Poison::part_for_whole) + 1;

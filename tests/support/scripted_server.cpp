@@ -212,8 +212,7 @@ std::string first_answer(int peer, SSL_CTX* context) {
   SSL_set_bio(connection.get(), heard, said);
   while (BIO_pending(said) == 0) {
     std::array<char, 16'384> buffer;
-    const ssize_t count =
-        posix::retry_interrupted([&] { return recv(peer, buffer.data(), buffer.size(), 0); });
+    const ssize_t count = posix::retry_interrupted([&] { return recv(peer, buffer.data(), buffer.size(), 0); });
     if (count <= 0) {
       return {};
     }
