@@ -86,7 +86,7 @@ bool remove_replaced_files(const HeldDirectory& tree) {
   TreeVisitor visitor;
   visitor.refuse_mounts = true;
   visitor.visit = [&](const TreeEntry& entry) {
-    if (entry.type == EntryType::file && is_replaced_file(entry.name)) {
+    if (entry.type != EntryType::directory && is_replaced_file(entry.name)) {
       changed.insert(directory_of(std::string(entry.path)));
       removed = !os::remove_at(entry.directory, entry.name) && removed;
     }

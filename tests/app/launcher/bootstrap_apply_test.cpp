@@ -471,6 +471,16 @@ TEST_F(ApplyBootstrapUpdate, ReplacesAnOldFileThatNobodyKnowsBesideADamagedOne) 
   expect_applied(apply(), next);
 }
 
+TEST_F(ApplyBootstrapUpdate, ReplacesALinkThatStandsForAFile) {
+  place.prepare(next);
+  const std::filesystem::path mine = root.write("mine", "mine");
+  std::filesystem::remove(place.paths.tree / "data/note");
+  std::filesystem::create_symlink(mine, place.paths.tree / "data/note");
+  root.write("data/native/bootstrap/data/note.old", "of nobody");
+  expect_applied(apply(), next);
+  EXPECT_EQ(root.read("mine"), "mine");
+}
+
 TEST_F(ApplyBootstrapUpdate, GoesOnBesideAnOldFileOfANameThatIsNew) {
   place.prepare(next);
   root.write("data/native/bootstrap/more/new.old", "of nobody");
@@ -486,6 +496,17 @@ TEST_F(ApplyBootstrapUpdate, CopiesTheOldFilesWhereAFileCanHaveOneNameOnly) {
   const Planned plan(failing("link", EPERM));
   expect_rejected(apply(), bad, "bootstrap_start: The new bootstrap does not start; it ended with exit code 9");
   EXPECT_TRUE(plan.happened());
+}
+
+TEST_F(ApplyBootstrapUpdate, CopiesAFileOfOneByte) {
+  const BootstrapRelease small = bootstrap_release("build-1", ending_program(0, "old"), {{"a", "x"}});
+  place.install(small);
+  place.prepare(bootstrap_release("build-2", "#!/bin/sh\ncase $0 in */bootstrap-update/*) exit 0;; *) exit 9;; esac\n",
+                                  {{"a", "y"}}));
+  const Planned plan(failing("link", EPERM));
+  EXPECT_EQ(apply().end, End::rejected);
+  EXPECT_TRUE(plan.happened());
+  EXPECT_TRUE(place.holds(small));
 }
 
 TEST_F(ApplyBootstrapUpdate, TakesAllBackWhereAnOldFileCannotBeCopied) {
