@@ -438,7 +438,11 @@ struct PoisonedNetwork::Implementation {
         others.push_back(known);
       }
     }
-    return others.empty() ? answer : others.at(below(others.size()));
+    if (others.empty()) {
+      return answer;
+    }
+    // The last one before is the hardest to know as an older one.
+    return one_in(2) ? others.back() : others.at(below(others.size()));
   }
 
   Answer of_other_path(const Request& request, const Answer& answer) {

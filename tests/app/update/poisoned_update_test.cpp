@@ -208,6 +208,9 @@ class History {
     story_ = "through poison of " + std::to_string(rate) + "%" + (only_targets ? " of the targets" : "");
     bool is_right = false;
     for (std::size_t attempt = 1; attempt <= tries && !is_right && !::testing::Test::HasFailure(); ++attempt) {
+      if (one_in(2)) {
+        sign_again();
+      }
       network_.poison({.percent = rate, .only_targets = only_targets, .may_stall = one_in(6)});
       is_right = try_update(one_in(4)).is_right;
       ++counts_[is_right ? (attempt == 1 ? "right at the first try" : "right at a later try through poison")
@@ -264,6 +267,16 @@ class History {
       role.add(target, bytes, algorithms);
       signed_targets_.insert(digest(bytes, "sha256"));
     }
+    publish();
+  }
+
+  // A publisher signs the timestamp again before it expires, whether there is anything new or not.
+  void sign_again() {
+    publish();
+    ++counts_["timestamps signed again"];
+  }
+
+  void publish() {
     repository_.publish();
     for (const std::string& name :
          {std::string("root"), std::string("timestamp"), std::string("snapshot"), std::string("targets"), role_}) {
@@ -641,7 +654,7 @@ void print(const std::string& title, const Counts& counts) {
 
 TEST(PoisonedNetworkUpdates, EndRightOrInAToldFailureAndSucceedLater) {
   const std::uint64_t first = number_from_environment("RAVOK_NETWORK_SEED", 1);
-  const std::uint64_t updates = number_from_environment("RAVOK_NETWORK_UPDATES", 36);
+  const std::uint64_t updates = number_from_environment("RAVOK_NETWORK_UPDATES", 50);
   const bool is_patient = std::getenv("RAVOK_NETWORK_PATIENT") != nullptr;
   Counts counts;
   Counts codes;
