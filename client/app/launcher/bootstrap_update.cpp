@@ -95,7 +95,7 @@ class BootstrapStaging {
     }
     require(size_value(target.at("length")) <= maximum_manifest_bytes, "size_limit",
             "Bootstrap update manifest exceeds 512 KiB");
-    return read_file(tuf_.download(name, paths_.downloads, {}), maximum_manifest_bytes);
+    return read_file(tuf_.download(name, paths_.downloads, progress_), maximum_manifest_bytes);
   }
 
   void unpack(const SnapshotManifest& manifest, const std::string& sha256) const {

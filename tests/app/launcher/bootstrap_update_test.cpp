@@ -331,6 +331,18 @@ TEST_F(StageBootstrapUpdate, EndsWhereItIsCancelledAndGoesOnFromThere) {
   expect_staged(next);
 }
 
+// A server that stalls there would otherwise keep the user waiting.
+TEST_F(StageBootstrapUpdate, IsCancelledAlreadyWhileItsManifestComes) {
+  publish(next);
+  const auto failure = failure_of([&] { stage([](std::uint64_t, std::uint64_t) { return false; }); });
+  ASSERT_TRUE(failure.has_value());
+  EXPECT_EQ(failure->code, "cancelled");
+  for (const std::string& name : tuf.transport.names()) {
+    EXPECT_FALSE(name.ends_with(".build-2.tar.zst")) << name;
+  }
+  EXPECT_TRUE(place.holds(old));
+}
+
 TEST_F(StageBootstrapUpdate, GoesOnAfterABrokenDownload) {
   publish(next);
   const std::string name = digest(next.archive, "sha256") + ".build-2.tar.zst";
