@@ -71,11 +71,11 @@ std::uint64_t number_from_environment(const char* variable, std::uint64_t otherw
 }
 
 // Codes that bytes can have which are not those that were signed.
-const Codes wrong_bytes = {
-    "depth_limit",    "duplicate_key",  "hash_mismatch",    "invalid_expiry",      "invalid_hashes",    "invalid_json",
-    "invalid_length", "invalid_number", "invalid_metadata", "invalid_threshold",   "invalid_version",   "keyid_mismatch",
-    "length_mismatch", "metadata_type", "size_limit",       "signature_threshold", "unsupported_hash",  "unsupported_spec",
-    "version_mismatch"};
+const Codes wrong_bytes = {"depth_limit",      "duplicate_key",     "hash_mismatch",   "invalid_expiry",
+                           "invalid_hashes",   "invalid_json",      "invalid_length",  "invalid_number",
+                           "invalid_metadata", "invalid_threshold", "invalid_version", "keyid_mismatch",
+                           "length_mismatch",  "metadata_type",     "size_limit",      "signature_threshold",
+                           "unsupported_hash", "unsupported_spec",  "version_mismatch"};
 
 Codes together(Codes codes, const Codes& others) {
   codes.insert(others.begin(), others.end());
@@ -145,7 +145,8 @@ Codes codes_of(Poison poison) {
   return {};
 }
 
-// Whether it can keep something newer from a client that then takes the state it has, or an earlier one, for the newest.
+// Whether it can keep something newer from a client that then takes the state it has, or an earlier one, for the
+// newest.
 bool holds_back(Poison poison) {
   return poison == Poison::older || poison == Poison::other_path || poison == Poison::refusal;
 }
@@ -179,10 +180,10 @@ struct Published {
 
 // What came of one run of an update.
 struct Attempt {
-  bool is_right = false;   // both parts are what was published last
-  bool is_honest = true;   // no failure, whatever it believes to be the newest
-  bool is_slow = false;    // so that the client may have lost its patience
-  Codes codes;             // of its failures
+  bool is_right = false;  // both parts are what was published last
+  bool is_honest = true;  // no failure, whatever it believes to be the newest
+  bool is_slow = false;   // so that the client may have lost its patience
+  Codes codes;            // of its failures
 };
 
 class History {
@@ -263,10 +264,10 @@ class History {
     const BootstrapRelease& bootstrap = bootstraps_.back();
     const std::vector<std::string> algorithms =
         one_in(3) ? std::vector<std::string>{"sha256", "sha512"} : std::vector<std::string>{"sha256"};
-    for (const auto& [target, bytes] : {std::pair(launcher_manifest_target(), launcher.text()),
-                                        std::pair(launcher.target(), launcher.archive),
-                                        std::pair(bootstrap_manifest_target(), bootstrap.text()),
-                                        std::pair(bootstrap.archive_target(), bootstrap.archive)}) {
+    for (const auto& [target, bytes] :
+         {std::pair(launcher_manifest_target(), launcher.text()), std::pair(launcher.target(), launcher.archive),
+          std::pair(bootstrap_manifest_target(), bootstrap.text()),
+          std::pair(bootstrap.archive_target(), bootstrap.archive)}) {
       role.add(target, bytes, algorithms);
       signed_targets_.insert(digest(bytes, "sha256"));
     }
@@ -281,8 +282,8 @@ class History {
 
   void publish() {
     repository_.publish();
-    for (const std::string& name : {std::string("root"), std::string("timestamp"), std::string("snapshot"),
-                                    std::string("targets"), role_}) {
+    for (const std::string& name :
+         {std::string("root"), std::string("timestamp"), std::string("snapshot"), std::string("targets"), role_}) {
       signed_bodies_.insert(body_of(repository_.text_of(name)));
     }
     published_[body_of(repository_.text_of(role_))] = newest();
@@ -311,10 +312,10 @@ class History {
     root_.directory("data");
     private_directory(paths_.trust);
     TufClient::initialize(paths_.trust, repository_.root_text());
-    root_.write("data/repository.json", Json{{"schema_version", 1},
-                                             {"origin", network_.origin()},
-                                             {"ca_bundle", (root_ / "authority.pem").native()}}
-                                            .dump());
+    root_.write(
+        "data/repository.json",
+        Json{{"schema_version", 1}, {"origin", network_.origin()}, {"ca_bundle", (root_ / "authority.pem").native()}}
+            .dump());
     bootstrap_.install(bootstraps_.front());
     store_.emplace(data_);
     try_clean();
@@ -571,7 +572,8 @@ class History {
       }
       EXPECT_NE(found, nullptr) << "A version that was never released: " << entry.path();
       if (found != nullptr) {
-        EXPECT_TRUE(testing::same_tree(testing::BootstrapPlace::files_in(entry.path()), files_of(*found))) << entry.path();
+        EXPECT_TRUE(testing::same_tree(testing::BootstrapPlace::files_in(entry.path()), files_of(*found)))
+            << entry.path();
       }
     }
     judge_downloads(launcher_.downloads);
