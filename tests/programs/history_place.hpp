@@ -42,6 +42,7 @@
 #include "support/launcher_release.hpp"
 #include "support/nginx_server.hpp"
 #include "support/package_builder.hpp"
+#include "support/poisoned_network.hpp"
 #include "support/process.hpp"
 #include "support/temporary_root.hpp"
 #include "support/tuf_repository.hpp"
@@ -78,8 +79,12 @@ inline std::string without_library(std::string program) {
 
 class HistoryPlace {
  public:
-  HistoryPlace() : server_(authority_.issue(), directives()) {
+  // With a seed, the client reaches the repository through a network that can poison what it carries.
+  explicit HistoryPlace(std::optional<std::uint64_t> poison_seed = {}) : server_(authority_.issue(), directives()) {
     root_.directory("home/.local/share");
+    if (poison_seed) {
+      network_.emplace(authority_, root_.directory("served"), *poison_seed);
+    }
     repository_.publish();
     keep_root();
     release_launcher(ReleaseKind::good);
@@ -363,6 +368,7 @@ class HistoryPlace {
   }
 
   const std::filesystem::path& data() const { return data_; }
+  PoisonedNetwork& network() { return network_.value(); }
   std::string complaints() const { return server_.complaints(); }
 
   HistoryWorld world;
@@ -430,8 +436,8 @@ class HistoryPlace {
     InitialPackage package;
     package.featured_game.reset();
     package.brand.reset();
-    package.origin = server_.url();
-    package.origin.pop_back();
+    const std::string url = server_.url();
+    package.origin = network_ ? network_->origin() : url.substr(0, url.size() - 1);
     package.ca_bundle = authority_.root();
     package.root = repository_.root_text();
     package.launcher = Json::parse(launchers[0].manifest);
@@ -608,6 +614,7 @@ class HistoryPlace {
   const TemporaryRoot root_{fast_volume()};
   const CertificateAuthority authority_;
   const NginxServer server_;
+  std::optional<PoisonedNetwork> network_;
   TufRepository repository_;
   std::vector<std::map<std::string, std::string>> files_;  // of the metadata of each publication
   std::map<std::string, std::set<std::string>> signed_texts_;
