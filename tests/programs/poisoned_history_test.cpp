@@ -85,8 +85,8 @@ class PoisonedClient {
     place_.network().take_connections();
     const HistoryState before = place_.state();
     HistoryState whole = before;
-    const testing::UpdateAnswer answer = testing::update(
-        whole, place_.world, false, place_.room(), place_.is_unpacked(place_.world.served_state().launcher));
+    const testing::UpdateAnswer answer = testing::update(whole, place_.world, false, place_.room(),
+                                                         place_.is_unpacked(place_.world.served_state().launcher));
     EXPECT_EQ(answer.exit_code, 0);
     const ProgramResult result = run_program(place_.active_launcher(before.store.active, {"self", "update"}));
     std::ostringstream happened;
@@ -137,11 +137,24 @@ class PoisonedClient {
     EXPECT_EQ(std::count(result.errors.begin(), result.errors.end(), '\n'), failed) << result.errors;
     EXPECT_GT(failed, 0);
     const auto code = document.at("problem").at("code").get<std::string>();
-    static const std::set<std::string> of_the_client = {
-        "busy",       "file_read",   "file_sync", "file_write",     "insufficient_space",   "launcher_failed",
-        "lock_failed", "permissions", "tree_read", "unsafe_path",   "launcher_storage_full", "launcher_pending",
-        "launcher_download_uncertain", "download_resume_state", "download_resume_changed",
-        "download_resume_capacity",    "content_mismatch",      "invalid_trusted_metadata"};
+    static const std::set<std::string> of_the_client = {"busy",
+                                                        "file_read",
+                                                        "file_sync",
+                                                        "file_write",
+                                                        "insufficient_space",
+                                                        "launcher_failed",
+                                                        "lock_failed",
+                                                        "permissions",
+                                                        "tree_read",
+                                                        "unsafe_path",
+                                                        "launcher_storage_full",
+                                                        "launcher_pending",
+                                                        "launcher_download_uncertain",
+                                                        "download_resume_state",
+                                                        "download_resume_changed",
+                                                        "download_resume_capacity",
+                                                        "content_mismatch",
+                                                        "invalid_trusted_metadata"};
     EXPECT_FALSE(of_the_client.contains(code)) << "No network can be the reason of " << code;
     return code;
   }

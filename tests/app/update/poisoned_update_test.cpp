@@ -136,7 +136,8 @@ Codes codes_of(Poison poison) {
     case Poison::endless_body:
       return together(wrong_bytes, {"network", "download_headers", "discovery_budget", "discovery_timeout"});
     case Poison::wrong_range:
-      return {"download_range", "length_mismatch", "network"};
+      // A range whose end is no number is a header that cannot be read.
+      return {"download_headers", "download_range", "length_mismatch"};
     case Poison::other_bytes:
       return {"hash_mismatch"};
     case Poison::part_for_whole:
