@@ -124,9 +124,10 @@ Contents server_contents(Flaw flaw) {
 
 }  // namespace
 
-std::string certificate() {
+std::string certificate(int days) {
   const Key key = make_key();
-  return text_of(make_certificate({.name = "Test Authority"}, key.get(), {key.get(), nullptr}).get());
+  return text_of(
+      make_certificate({.name = "Test Authority", .ends = days * day}, key.get(), {key.get(), nullptr}).get());
 }
 
 std::string private_key() { return text_of(make_key().get()); }

@@ -6,8 +6,8 @@
 
 namespace ravok::testing {
 
-// A fresh certificate that is its own authority, in PEM form.
-std::string certificate();
+// A fresh certificate that is its own authority and lasts so many days, in PEM form.
+std::string certificate(int days = 1);
 
 // The private key of such a one, in PEM form.
 std::string private_key();
