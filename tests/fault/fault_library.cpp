@@ -6,7 +6,8 @@
 //   RAVOK_FAULT_ROOT     An absolute path without links. Counting begins with the first call that concerns this
 //                        directory, what lies below it or a directory above it; what the program does while it
 //                        starts is thereby left out. Without this variable the library does nothing.
-//   RAVOK_FAULT_CALL     The number of the call to spoil, the first being 1; 0, or no variable, only counts.
+//   RAVOK_FAULT_CALL     The number of the call to spoil, the first being 1; 0, or no variable, only counts. With a "+"
+//                        behind it, the first call from that number on is spoilt to which the mode can happen.
 //   RAVOK_FAULT_MODE     What happens at that call:
 //                          exit    the process ends by SIGKILL before the call
 //                          power   the same, and what was written to a file and not flushed since is lost
@@ -15,10 +16,14 @@
 //                          torn    the first half of the bytes is written, then the process ends by SIGKILL
 //                          eio     the call fails with EIO
 //                          enospc  the call fails with ENOSPC
-//   RAVOK_FAULT_STORE    An empty directory on the volume of the root and not below it. It keeps what the program
-//                        removes, so that a power cut can bring it back. Without it, no name is lost.
+//   RAVOK_FAULT_STORE    A directory on the volume of the root and not below it. It keeps what the program removes, so
+//                        that a power cut can bring it back, and in the file "pending" what a power cut could still
+//                        lose when the program ended. It is empty, or comes from the last program on the same root:
+//                        then what that one has not flushed is not flushed at the start of this one either. The
+//                        changes of names that it has made have the numbers from 1000001 on. Without a store, no name
+//                        is lost, and the files of earlier programs are taken for flushed.
 //   RAVOK_FAULT_LOST     Which names the mode "names" loses: "all"; "only N", the change that call N made; "but N",
-//                        all but that one.
+//                        all but that one; "some N", each or not, as it comes out of the number N.
 //   RAVOK_FAULT_REPORT   A file that gets one line for every counted call, with a tab between the fields: the number,
 //                        the function, the modes possible for this very call (separated by commas), the mode that
 //                        was applied or "-", how many files were flushed before, the numbers of the calls whose
@@ -37,9 +42,11 @@
 //   bytes, a failing close needs a writable file (and still closes it), lost bytes need an unflushed file.
 // - Not counted are calls on standard input, output and error, on pipes, sockets and devices, and on /proc, /sys and
 //   /dev unless the root lies there.
+// - A power cut lets all last that it has not lost. Every other end of the program, and its replacement by another,
+//   leaves what was not flushed to the next program that is run with the same store.
 // - A flush is counted and not carried out: the end of a process loses nothing that was written, and hundreds of runs
 //   shall not wait for a device.
-// - A process that is still there after 30 seconds ends by SIGALRM.
+// - A process that is still there after 300 seconds ends by SIGALRM.
 // - Wrong settings end the process at once with code 125 and a line on standard error.
 //
 // Calls that the C library makes inside itself, such as those of stdio, cannot be seen.
@@ -115,6 +122,8 @@ struct Control {
   char root[4096] = {};
   std::size_t root_size = 0;
   std::uint64_t chosen = 0;
+  bool or_later = false;
+  bool done = false;  // whether a call was spoilt
   Mode mode = Mode::none;
   NameLoss loss;
   int report = -1;
@@ -141,7 +150,10 @@ class KeptErrno {
 
 bool status_of(int descriptor, struct stat& status) { return syscall(SYS_fstat, descriptor, &status) == 0; }
 
+void save_state();
+
 [[noreturn]] void end_process() {
+  save_state();
   syscall(SYS_kill, control.process, SIGKILL);
   for (;;) {
     syscall(SYS_pause);
@@ -158,7 +170,7 @@ struct WrittenFile {
   bool flushed = false;
 };
 
-constexpr std::size_t most_written_files = 64;
+constexpr std::size_t most_written_files = 256;
 constinit WrittenFile written_files[most_written_files];
 constinit std::size_t written_file_count = 0;
 constinit std::atomic_flag written_files_taken = ATOMIC_FLAG_INIT;
@@ -209,6 +221,20 @@ int open_again(int descriptor) {
   return static_cast<int>(moved);
 }
 
+// Returns the place of one more file, which may be that of a file with nothing to lose.
+WrittenFile& room_for_written() {
+  if (written_file_count < most_written_files) {
+    return written_files[written_file_count++];
+  }
+  for (WrittenFile& file : written_files) {
+    if (file.flushed) {
+      syscall(SYS_close, file.descriptor);
+      return file;
+    }
+  }
+  refuse("More files are written than the library can watch");
+}
+
 // Called before a file's content changes.
 void note_write(int descriptor) {
   struct stat status;
@@ -221,13 +247,11 @@ void note_write(int descriptor) {
   }
   const WrittenFilesLock lock;
   WrittenFile* file = find_written(status);
-  if (file == nullptr && written_file_count < most_written_files) {
-    file = &written_files[written_file_count++];
+  if (file == nullptr) {
+    file = &room_for_written();
     *file = {status.st_dev, status.st_ino, open_again(descriptor), status.st_size, true};
   }
-  if (file != nullptr) {
-    file->flushed = false;
-  }
+  file->flushed = false;
 }
 
 void note_flush(int descriptor) {
@@ -253,6 +277,97 @@ void lose_unflushed() {
       syscall(SYS_ftruncate, file.descriptor, file.flushed_size);
     }
   }
+  written_file_count = 0;
+}
+
+// --- From one program to the next ------------------------------------------------------------
+
+struct SavedFile {
+  WrittenFile file;
+  char path[4096];
+};
+
+std::size_t unflushed_files() {
+  const WrittenFilesLock lock;
+  std::size_t count = 0;
+  for (std::size_t i = 0; i < written_file_count; ++i) {
+    count += written_files[i].flushed ? 0 : 1;
+  }
+  return count;
+}
+
+// The line with which the file of the state begins, for those who read it: how much of what may be lost.
+struct StateLine {
+  char text[64] = {};
+};
+
+void save_state() {
+  if (!names_watched()) {
+    return;
+  }
+  static SavedFile saved;
+  const int state = open_state(true);
+  const std::size_t files = unflushed_files();
+  StateLine line;
+  std::snprintf(line.text, sizeof line.text, "%zu names, %zu files\n", pending_names(), files);
+  save_bytes(state, &line, sizeof line);
+  save_names(state);
+  save_bytes(state, &files, sizeof files);
+  const WrittenFilesLock lock;
+  for (std::size_t i = 0; i < written_file_count; ++i) {
+    if (!written_files[i].flushed) {
+      saved.file = written_files[i];
+      char link[64];
+      std::snprintf(link, sizeof link, "/proc/self/fd/%d", saved.file.descriptor);
+      const long size = syscall(SYS_readlinkat, AT_FDCWD, link, saved.path, sizeof saved.path - 1);
+      saved.path[size < 0 ? 0 : size] = '\0';
+      save_bytes(state, &saved, sizeof saved);
+    }
+  }
+  syscall(SYS_close, state);
+}
+
+// Opens a file again that an earlier program has written: below the root it may have got another name, elsewhere it is
+// found by its path. One that is gone has nothing to lose.
+int open_written(const SavedFile& saved) {
+  struct stat status;
+  for (const bool by_path : {true, false}) {
+    const int found = by_path ? static_cast<int>(syscall(SYS_openat, AT_FDCWD, saved.path, O_PATH | O_CLOEXEC))
+                              : find_object(saved.file.inode);
+    const bool is_it = found >= 0 && status_of(found, status) && status.st_dev == saved.file.device &&
+                       status.st_ino == saved.file.inode;
+    const int opened = is_it ? open_again(found) : -1;
+    if (found >= 0) {
+      syscall(SYS_close, found);
+    }
+    if (is_it) {
+      return opened;
+    }
+  }
+  return -1;
+}
+
+void load_state() {
+  const int state = open_state(false);
+  if (state < 0) {
+    return;
+  }
+  static SavedFile saved;
+  StateLine line;
+  std::size_t files = 0;
+  load_bytes(state, &line, sizeof line);
+  load_names(state);
+  load_bytes(state, &files, sizeof files);
+  for (std::size_t i = 0; i < files; ++i) {
+    load_bytes(state, &saved, sizeof saved);
+    saved.file.descriptor = open_written(saved);
+    if (saved.file.descriptor >= 0) {
+      room_for_written() = saved.file;
+    }
+  }
+  syscall(SYS_close, state);
+  // A program whose end is not seen shall not leave what an earlier one has left.
+  remove_state();
 }
 
 // --- What a call concerns --------------------------------------------------------------------
@@ -433,7 +548,9 @@ bool is_chosen(const char* name, Chances chances, Text& path) {
   current_call = number;
   chances.unflushed = anything_unflushed();
   chances.names_pending = names_pending();
-  const bool chosen = number == control.chosen && is_possible(control.mode, chances);
+  const bool is_there = control.or_later ? number >= control.chosen && !control.done : number == control.chosen;
+  const bool chosen = is_there && control.chosen > 0 && is_possible(control.mode, chances);
+  control.done = control.done || chosen;
   report(number, name, chances, chosen ? control.mode : Mode::none, path);
   counting.clear(std::memory_order_release);
   if (chosen && (control.mode == Mode::power || control.mode == Mode::names)) {
@@ -441,6 +558,9 @@ bool is_chosen(const char* name, Chances chances, Text& path) {
   }
   if (chosen && control.mode == Mode::names) {
     lose_names(control.loss);
+  }
+  if (chosen && control.mode == Mode::power) {
+    keep_names();
   }
   if (chosen && (control.mode == Mode::power || control.mode == Mode::names || control.mode == Mode::exit)) {
     end_process();
@@ -709,7 +829,8 @@ void take_call(const char* call, const char* mode) {
   char* end = nullptr;
   errno = 0;
   control.chosen = std::strtoull(call, &end, 10);
-  if (call[0] < '0' || call[0] > '9' || *end != '\0' || errno != 0) {
+  control.or_later = *end == '+';
+  if (call[0] < '0' || call[0] > '9' || end[control.or_later ? 1 : 0] != '\0' || errno != 0) {
     refuse("RAVOK_FAULT_CALL must be a decimal number");
   }
   if (control.chosen > 0) {
@@ -721,7 +842,7 @@ void take_loss(const char* loss) {
   const struct {
     const char* word;
     NameLoss::Kind kind;
-  } kinds[] = {{"only ", NameLoss::Kind::only}, {"but ", NameLoss::Kind::but}};
+  } kinds[] = {{"only ", NameLoss::Kind::only}, {"but ", NameLoss::Kind::but}, {"some ", NameLoss::Kind::some}};
   for (const auto& [word, kind] : kinds) {
     const std::size_t size = std::strlen(word);
     if (std::strncmp(loss, word, size) == 0 && loss[size] >= '0' && loss[size] <= '9') {
@@ -733,7 +854,7 @@ void take_loss(const char* loss) {
     }
   }
   if (std::strcmp(loss, "all") != 0) {
-    refuse("RAVOK_FAULT_LOST must be all, only N or but N");
+    refuse("RAVOK_FAULT_LOST must be all, only N, but N or some N");
   }
 }
 
@@ -766,6 +887,7 @@ __attribute__((constructor)) void start() {
   }
   if (const char* const store = std::getenv("RAVOK_FAULT_STORE")) {
     watch_names(root, store);
+    load_state();
   }
   if (const char* const path = std::getenv("RAVOK_FAULT_REPORT")) {
     take_report(path);
@@ -785,6 +907,9 @@ __attribute__((destructor)) void finish() {
   if (control.active && control.armed && syscall(SYS_getpid) == control.process) {
     append(path, control.root);
     is_chosen("end", {.goes_on = false}, path);
+  }
+  if (control.active && syscall(SYS_getpid) == control.process) {
+    save_state();
   }
 }
 
@@ -1212,6 +1337,16 @@ ssize_t llistxattr(const char* path, char* list, size_t size) noexcept {
 
 ssize_t flistxattr(int descriptor, char* list, size_t size) noexcept {
   return counted<"flistxattr", ssize_t(int, char*, size_t)>(can_eio, of(descriptor), descriptor, list, size);
+}
+
+// The end of the program, where it becomes another one.
+
+int execve(const char* path, char* const* arguments, char* const* environment) noexcept {
+  if (control.active && syscall(SYS_getpid) == control.process) {
+    const KeptErrno kept;
+    save_state();
+  }
+  return next<"execve", int(const char*, char* const*, char* const*)>()(path, arguments, environment);
 }
 
 // Locks, volumes and devices.

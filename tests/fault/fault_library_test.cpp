@@ -6,6 +6,7 @@
 #include <filesystem>
 #include <iostream>
 #include <numeric>
+#include <set>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -400,6 +401,154 @@ TEST_F(LostNames, CutsDifferInWhatTheyLeaveAndAreBounded) {
   EXPECT_GT(text(many, 1000).size(), 300u);
 }
 
+// What a program has not flushed, another one may still lose.
+class CarriedLosses : public LostNames {
+ protected:
+  CarriedLosses() : store_(root_.path().parent_path()) {}
+
+  // Runs steps after those that were run before, unspoilt or with a fault.
+  FaultRun run(const Steps& steps, const Fault& fault = {}) const {
+    return run_with_fault(program(steps), root_.path(), fault, store_.path());
+  }
+  // Runs steps and lets the power go when they have ended.
+  FaultRun run_and_cut(const Steps& steps, const NameLoss& loss = {}) const {
+    const FaultRun done = run(steps);
+    EXPECT_EQ(done.result.exit_code, 0) << done.result.output;
+    const FaultRun cut = run({}, {1, FaultMode::names, loss, true});
+    EXPECT_EQ(cut.result.signal, SIGKILL) << cut.result.errors;
+    return cut;
+  }
+  std::string carried() const {
+    const std::string state = store_.read("pending");
+    return state.substr(0, state.find('\n'));
+  }
+
+  const TemporaryRoot store_;
+};
+
+TEST_F(CarriedLosses, EveryKindOfChangeIsTakenBackInTheNextProgram) {
+  const TreeState before = tree_state(work_);
+  for (const char* step :
+       {"make:new", "mkdir:new", "link:old:new", "symlink:old:new", "unlink:old", "remove:old", "remove:empty",
+        "rmdir:empty", "rename:old:new", "rename:old:target", "rename:old:empty/new", "rename:full:empty",
+        "rename:full:moved", "new:old:moved", "swap:old:target", "swap:old:full", "unlink:full/in"}) {
+    const ::testing::ScopedTrace trace(__FILE__, __LINE__, step);
+    restart();
+    run_and_cut({step});
+    EXPECT_TRUE(same_tree(tree_state(work_), before));
+    EXPECT_EQ(carried(), "0 names, 0 files");
+  }
+}
+
+TEST_F(CarriedLosses, ChangesOfSeveralProgramsAreTakenBackTogether) {
+  const TreeState before = tree_state(work_);
+  EXPECT_EQ(run({"link:old:a", "unlink:old"}).result.exit_code, 0);
+  EXPECT_EQ(carried(), "2 names, 0 files");
+  EXPECT_EQ(run({"rename:a:target", "mkdir:b"}).result.exit_code, 0);
+  EXPECT_EQ(carried(), "4 names, 0 files");
+  const FaultRun cut = run_and_cut({"rename:target:b/c", "rename:b:d"});
+  EXPECT_TRUE(same_tree(tree_state(work_), before));
+  EXPECT_EQ(cut.calls.front().pending,
+            (std::vector<std::uint64_t>{1'000'001, 1'000'002, 1'000'003, 1'000'004, 1'000'005, 1'000'006}));
+}
+
+TEST_F(CarriedLosses, AChangeOfAnEarlierProgramIsLostByItself) {
+  run({"make:a", "unlink:old"});
+  run_and_cut({"make:b"}, {only, 1'000'001});
+  EXPECT_TRUE(same_tree(tree_state(work_), after({"unlink:old", "make:b"})));
+}
+
+TEST_F(CarriedLosses, TheNextProgramMakesThemLastByItsFlush) {
+  run({"make:a", "unlink:full/in", "mkdir:empty/b"});
+  EXPECT_EQ(carried(), "3 names, 0 files");
+  EXPECT_EQ(run({"flush:full"}).result.exit_code, 0);
+  EXPECT_EQ(carried(), "2 names, 0 files");
+  run_and_cut({"flush:."});
+  EXPECT_TRUE(same_tree(tree_state(work_), after({"make:a", "unlink:full/in"})));
+}
+
+TEST_F(CarriedLosses, WhatIsHalfFlushedStaysSo) {
+  run({"swap:old:full/in", "flush:."});
+  EXPECT_EQ(carried(), "1 names, 0 files");
+  run({"flush:full"});
+  EXPECT_EQ(carried(), "0 names, 0 files");
+}
+
+TEST_F(CarriedLosses, APowerCutLetsAllLastThatItHasNotLost) {
+  for (const FaultMode mode : {FaultMode::names, FaultMode::power}) {
+    restart();
+    run({"make:a", "make:b"});
+    const TreeState whole = tree_state(work_);
+    // Cut before the first call of the next program.
+    const FaultRun cut = run({"make:full/c"}, {1, FaultMode::names, {but, 1'000'002}, true});
+    EXPECT_EQ(cut.result.signal, SIGKILL);
+    EXPECT_EQ(carried(), "0 names, 0 files");
+    const TreeState left = tree_state(work_);
+    EXPECT_FALSE(same_tree(left, whole));
+    EXPECT_TRUE(left.contains("b"));
+    // Nothing is left to lose, in whatever way.
+    EXPECT_EQ(run({"flush:empty"}, {1, mode, {}, true}).result.exit_code, 0);
+    EXPECT_TRUE(same_tree(tree_state(work_), left));
+  }
+}
+
+TEST_F(CarriedLosses, AProgramThatIsKilledOrFailsLeavesThemToo) {
+  const TreeState before = tree_state(work_);
+  const std::uint64_t last = counted({"make:a", "unlink:old"}).calls.back().number;
+  EXPECT_EQ(run({"make:a", "unlink:old"}, {last, FaultMode::exit, {}, false}).result.signal, SIGKILL);
+  EXPECT_EQ(carried(), "2 names, 0 files");
+  EXPECT_EQ(run({"make:b", "make:c"}, {1, FaultMode::enospc, {}, true}).result.exit_code, 1);
+  run_and_cut({});
+  EXPECT_TRUE(same_tree(tree_state(work_), before));
+}
+
+TEST_F(CarriedLosses, ContentsAreLostUnlessTheNextProgramFlushesThem) {
+  const ProgramRun writing = sample({"unflushed", work_});
+  for (const bool is_flushed : {false, true}) {
+    const ::testing::ScopedTrace trace(__FILE__, __LINE__, is_flushed);
+    restart();
+    EXPECT_EQ(run_with_fault(writing, root_.path(), Fault(), store_.path()).result.exit_code, 0);
+    EXPECT_EQ(carried(), "2 names, 1 files");
+    // The file is known by whatever name it has got.
+    EXPECT_EQ(run({"rename:unflushed:full/named", "flush:full", "flush:."}).result.exit_code, 0);
+    EXPECT_EQ(carried(), "0 names, 1 files");
+    if (is_flushed) {
+      EXPECT_EQ(run({"flush:full/named"}).result.exit_code, 0);
+      EXPECT_EQ(carried(), "0 names, 0 files");
+    }
+    EXPECT_EQ(run({}, {1, FaultMode::power, {}, true}).result.signal, is_flushed ? 0 : SIGKILL);
+    EXPECT_EQ(root_.read("work/full/named"), is_flushed ? "content" : "");
+    EXPECT_EQ(carried(), "0 names, 0 files");
+  }
+}
+
+TEST_F(CarriedLosses, SomeAreLostAsTheNumberSays) {
+  const TreeState before = tree_state(work_);
+  std::set<std::string> met;
+  for (std::uint64_t seed = 0; seed < 32; ++seed) {
+    restart();
+    run({"make:a"});
+    run_and_cut({"make:b"}, {NameLoss::Kind::some, seed});
+    const TreeState left = tree_state(work_);
+    met.insert(std::string(left.contains("a") ? "a" : "") + (left.contains("b") ? "b" : ""));
+  }
+  EXPECT_EQ(met, (std::set<std::string>{"", "a", "b", "ab"}));
+}
+
+TEST_F(FaultLibrary, SpoilsTheFirstCallFromANumberOnThatCanBe) {
+  const std::vector<FaultCall> calls = counted_steps();
+  const TemporaryRoot store(root_.path().parent_path());
+  const auto next = std::find_if(calls.begin() + 1, calls.end(), [](const FaultCall& c) {
+    return std::find(c.modes.begin(), c.modes.end(), FaultMode::torn) != c.modes.end();
+  });
+  ASSERT_NE(next, calls.end());
+  ASSERT_GT(next->number, 2u);
+  const FaultRun run = run_with_fault(steps_, root_.path(), {2, FaultMode::torn, {}, true}, store.path());
+  EXPECT_EQ(run.result.signal, SIGKILL);
+  EXPECT_EQ(run.calls.back().number, next->number);
+  EXPECT_EQ(run.calls.back().applied, (std::vector<FaultMode>{FaultMode::torn}));
+}
+
 TEST_F(FaultLibrary, CountsNoStreamsPipesDevicesNorWhatComesBeforeTheRoot) {
   const FaultRun run = run_with_fault(sample({"elsewhere", root_.path()}), root_.path());
   EXPECT_EQ(run.result.exit_code, 0);
@@ -449,8 +598,8 @@ TEST_F(FaultLibrary, RefusesSettingsThatMeanNothing) {
       {"RAVOK_FAULT_CALL", "-1", "RAVOK_FAULT_CALL must be a decimal number"},
       {"RAVOK_FAULT_CALL", "1x", "RAVOK_FAULT_CALL must be a decimal number"},
       {"RAVOK_FAULT_MODE", "enoent", "RAVOK_FAULT_MODE must be exit, power, names, torn, eio or enospc"},
-      {"RAVOK_FAULT_LOST", "none", "RAVOK_FAULT_LOST must be all, only N or but N"},
-      {"RAVOK_FAULT_LOST", "only 1x", "RAVOK_FAULT_LOST must be all, only N or but N"},
+      {"RAVOK_FAULT_LOST", "none", "RAVOK_FAULT_LOST must be all, only N, but N or some N"},
+      {"RAVOK_FAULT_LOST", "only 1x", "RAVOK_FAULT_LOST must be all, only N, but N or some N"},
       {"RAVOK_FAULT_STORE", "/nowhere/store", "RAVOK_FAULT_STORE must be a directory"},
       {"RAVOK_FAULT_REPORT", "/nowhere/report", "RAVOK_FAULT_REPORT cannot be opened"},
   };

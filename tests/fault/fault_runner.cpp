@@ -67,18 +67,6 @@ std::vector<FaultCall> parse_report(const std::string& report) {
   return calls;
 }
 
-std::string text_of(const NameLoss& loss) {
-  switch (loss.kind) {
-    case NameLoss::Kind::all:
-      return "all";
-    case NameLoss::Kind::only:
-      return "only " + std::to_string(loss.change);
-    case NameLoss::Kind::but:
-      return "but " + std::to_string(loss.change);
-  }
-  return "";
-}
-
 std::string text_of(const FaultCall& call) {
   return "call " + std::to_string(call.number) + ": " + call.name + " " + call.path.string();
 }
@@ -163,7 +151,22 @@ std::set<std::uint64_t> spared_looks(const FaultRun& counted) {
   return spared;
 }
 
-// Whether ending the process at a call leaves something else than ending it at the call before.
+}  // namespace
+
+std::string text_of(const NameLoss& loss) {
+  switch (loss.kind) {
+    case NameLoss::Kind::all:
+      return "all";
+    case NameLoss::Kind::only:
+      return "only " + std::to_string(loss.change);
+    case NameLoss::Kind::but:
+      return "but " + std::to_string(loss.change);
+    case NameLoss::Kind::some:
+      return "some " + std::to_string(loss.change);
+  }
+  return "";
+}
+
 bool is_new_end(const FaultCall& before, FaultMode mode) {
   const bool only_flushes = before.name == "fsync" || before.name == "fdatasync";
   switch (mode) {
@@ -176,19 +179,17 @@ bool is_new_end(const FaultCall& before, FaultMode mode) {
   }
 }
 
-// Returns the ending in a few words. A message's code stands before its first colon.
-std::string ending(const ProgramResult& result) {
+std::string ending_of(const ProgramResult& result) {
   if (result.signal != 0) {
     return "signal " + std::to_string(result.signal);
   }
+  // A message's code stands before its first colon.
   std::string words = "code " + std::to_string(result.exit_code);
   if (!result.errors.empty()) {
     words += " " + result.errors.substr(0, result.errors.find_first_of(":\n"));
   }
   return words;
 }
-
-}  // namespace
 
 const char* fault_mode_name(FaultMode mode) {
   switch (mode) {
@@ -214,15 +215,20 @@ bool ends_process(FaultMode mode) {
 
 FaultRun run_with_fault(const ProgramRun& run, const std::filesystem::path& root, std::uint64_t number, FaultMode mode,
                         const NameLoss& loss) {
-  const TemporaryRoot notes;
   const TemporaryRoot store(root.parent_path());
+  return run_with_fault(run, root, {number, mode, loss}, store.path());
+}
+
+FaultRun run_with_fault(const ProgramRun& run, const std::filesystem::path& root, const Fault& fault,
+                        const std::filesystem::path& store) {
+  const TemporaryRoot notes;
   ProgramRun faulted = run;
   faulted.environment["LD_PRELOAD"] = RAVOK_FAULT_LIBRARY;
   faulted.environment["RAVOK_FAULT_ROOT"] = root;
-  faulted.environment["RAVOK_FAULT_CALL"] = std::to_string(number);
-  faulted.environment["RAVOK_FAULT_MODE"] = fault_mode_name(mode);
-  faulted.environment["RAVOK_FAULT_LOST"] = text_of(loss);
-  faulted.environment["RAVOK_FAULT_STORE"] = store.path();
+  faulted.environment["RAVOK_FAULT_CALL"] = std::to_string(fault.number) + (fault.or_later ? "+" : "");
+  faulted.environment["RAVOK_FAULT_MODE"] = fault_mode_name(fault.mode);
+  faulted.environment["RAVOK_FAULT_LOST"] = text_of(fault.loss);
+  faulted.environment["RAVOK_FAULT_STORE"] = store;
   faulted.environment["RAVOK_FAULT_REPORT"] = notes.write("report", "");
   FaultRun done;
   done.result = run_program(faulted);
@@ -296,7 +302,8 @@ FaultTable run_faults(const FaultPlan& plan) {
   plan.reset();
   const FaultRun unspoilt = run_with_fault(plan.run, plan.root);
   if (unspoilt.result.exit_code != 0) {
-    throw std::runtime_error("The unspoilt run ended with " + ending(unspoilt.result) + ": " + unspoilt.result.errors);
+    throw std::runtime_error("The unspoilt run ended with " + ending_of(unspoilt.result) + ": " +
+                             unspoilt.result.errors);
   }
   if (unspoilt.calls.size() > plan.most_calls) {
     throw std::runtime_error("The program makes " + std::to_string(unspoilt.calls.size()) + " calls");
@@ -320,7 +327,7 @@ FaultTable run_faults(const FaultPlan& plan) {
                                spoilt.result.errors);
     }
     ++table.runs;
-    ++table.endings[{call.name, fault_mode_name(mode)}][ending(spoilt.result)];
+    ++table.endings[{call.name, fault_mode_name(mode)}][ending_of(spoilt.result)];
     const ::testing::ScopedTrace trace(__FILE__, __LINE__,
                                        description(unspoilt, call, mode, loss) + "\n" + spoilt.result.errors);
     plan.judge({call, mode, spoilt.result});

@@ -55,15 +55,38 @@ struct FaultRun {
 
 // Which names a power cut loses of those that it may.
 struct NameLoss {
-  enum class Kind { all, only, but };
+  enum class Kind { all, only, but, some };
   Kind kind = Kind::all;
-  std::uint64_t change = 0;  // the call whose change is lost alone, or kept alone
+  // The call whose change is lost alone, or kept alone; for some, what decides about each change by itself.
+  std::uint64_t change = 0;
+};
+
+// A call that is to be spoilt.
+struct Fault {
+  std::uint64_t number = 0;  // 0 for none
+  FaultMode mode = FaultMode::exit;
+  NameLoss loss = {};
+  bool or_later = false;  // whether it is the first call from that number on to which the mode can happen
 };
 
 // Runs the program with the library preloaded, counting from the first call that concerns `root` or a directory above
 // it, and with `mode` at call `number`; 0 only counts. `root` must be absolute, without links.
 FaultRun run_with_fault(const ProgramRun& run, const std::filesystem::path& root, std::uint64_t number = 0,
                         FaultMode mode = FaultMode::exit, const NameLoss& loss = {});
+
+// Does so with a store of the caller's. What the program leaves unflushed is not flushed for the next one either that
+// is run with the same store.
+FaultRun run_with_fault(const ProgramRun& run, const std::filesystem::path& root, const Fault& fault,
+                        const std::filesystem::path& store);
+
+// Whether ending the process at a call leaves something else than ending it at the call before.
+bool is_new_end(const FaultCall& before, FaultMode mode);
+
+// How a program ended, in a few words: its signal, or its code and the code of its message.
+std::string ending_of(const ProgramResult& result);
+
+// "all", "only N", "but N" or "some N", as the library takes it.
+std::string text_of(const NameLoss& loss);
 
 // A power cut at a call or at the end, and the names that it loses.
 struct NameCut {

@@ -144,13 +144,21 @@ bool put_back(int slot, int directory, const char* name) {
 
 int descriptor_of(const KnownName& place) { return directories[place.directory].descriptor; }
 
-// Returns the number of an open directory among those that are known, and takes over the descriptor.
-int know_directory(long descriptor, const struct stat& status) {
+// Returns the number of a directory among those that are known, or -1.
+int known_directory(const struct stat& status) {
   for (std::size_t i = 0; i < directory_count; ++i) {
     if (directories[i].device == status.st_dev && directories[i].inode == status.st_ino) {
-      syscall(SYS_close, descriptor);
       return static_cast<int>(i);
     }
+  }
+  return -1;
+}
+
+// Does so with an open directory, which becomes known, and takes over the descriptor.
+int know_directory(long descriptor, const struct stat& status) {
+  if (const int known = known_directory(status); known >= 0) {
+    syscall(SYS_close, descriptor);
+    return known;
   }
   if (directory_count == most_directories) {
     refuse("More directories are changed than the library can watch");
@@ -260,6 +268,13 @@ Change& add_change(Kind kind, std::uint64_t call) {
   return change;
 }
 
+// Lets what is there last.
+void forget_changes() {
+  change_count = 0;
+  pending_count = 0;
+  ++version;
+}
+
 // Whether a change can only last together with an earlier one.
 bool stands_on(const Change& change, const Change& earlier) {
   if (same_place(change.from, earlier.from) || same_place(change.from, earlier.to) ||
@@ -366,6 +381,13 @@ void redo(const Change& change) {
   }
 }
 
+// Mixes the bits of a number so that each of the result depends on all of them.
+std::uint64_t mixed(std::uint64_t number) {
+  number = (number ^ (number >> 30)) * 0xbf58476d1ce4e5b9;
+  number = (number ^ (number >> 27)) * 0x94d049bb133111eb;
+  return number ^ (number >> 31);
+}
+
 bool is_lost(const Change& change, const NameLoss& loss) {
   switch (loss.kind) {
     case NameLoss::Kind::all:
@@ -374,9 +396,68 @@ bool is_lost(const Change& change, const NameLoss& loss) {
       return change.call == loss.change;
     case NameLoss::Kind::but:
       return change.call != loss.change;
+    case NameLoss::Kind::some:
+      return mixed(loss.change + change.call * 0x9e3779b97f4a7c15) % 2 == 0;
   }
   return true;
 }
+
+// --- From one program to the next ------------------------------------------------------------
+
+constexpr const char* state_name = "pending";
+
+struct SavedNames {
+  std::size_t directories = 0;
+  std::size_t changes = 0;
+  int slots = 0;
+};
+
+// Looks for a number in a directory and all that lies below it. Takes over the descriptor of the directory.
+int find_below(long directory, ino_t object) {
+  struct stat status;
+  if (directory < 0) {
+    return -1;
+  }
+  if (syscall(SYS_fstat, directory, &status) == 0 && status.st_ino == object) {
+    return static_cast<int>(directory);
+  }
+  alignas(dirent64) char bytes[4096];
+  long size = 0;
+  long found = -1;
+  while (found < 0 && (size = syscall(SYS_getdents64, directory, bytes, sizeof bytes)) > 0) {
+    for (long offset = 0; offset < size && found < 0;) {
+      const auto* const entry = reinterpret_cast<const dirent64*>(bytes + offset);
+      offset += entry->d_reclen;
+      if (std::strcmp(entry->d_name, ".") == 0 || std::strcmp(entry->d_name, "..") == 0 ||
+          !look_at(static_cast<int>(directory), entry->d_name, status)) {
+        continue;
+      }
+      if (S_ISDIR(status.st_mode)) {
+        found = find_below(
+            syscall(SYS_openat, directory, entry->d_name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC), object);
+      } else if (status.st_ino == object) {
+        found = syscall(SYS_openat, directory, entry->d_name, O_PATH | O_NOFOLLOW | O_CLOEXEC);
+      }
+    }
+  }
+  syscall(SYS_close, directory);
+  return static_cast<int>(found);
+}
+
+// Opens what a saved change needs again.
+int find_saved(ino_t object) {
+  const int found = find_object(object);
+  if (found < 0) {
+    refuse("What an earlier program has changed cannot be found again");
+  }
+  return move_away(found);
+}
+
+// The places of a change.
+struct Places {
+  KnownName* all[3];
+  explicit Places(Change& change) : all{&change.from, &change.to, &change.gone.place} {}
+};
 
 }  // namespace
 
@@ -549,6 +630,92 @@ void lose_names(const NameLoss& loss) {
   for (std::size_t i = 0; i < change_count; ++i) {
     if (!changes[i].lasts && !is_lost(changes[i], loss)) {
       redo(changes[i]);
+    }
+  }
+  forget_changes();
+}
+
+void keep_names() {
+  const Inside inside;
+  forget_changes();
+}
+
+std::size_t pending_names() {
+  const Inside inside;
+  return pending_count;
+}
+
+int find_object(ino_t object) {
+  for (const char* place : {root_path, store_path}) {
+    const int found = find_below(syscall(SYS_openat, AT_FDCWD, place, O_RDONLY | O_DIRECTORY | O_CLOEXEC), object);
+    if (found >= 0) {
+      return found;
+    }
+  }
+  return -1;
+}
+
+int open_state(bool for_writing) {
+  const int flags = for_writing ? O_WRONLY | O_CREAT | O_TRUNC : O_RDONLY;
+  const long opened = syscall(SYS_openat, store, state_name, flags | O_CLOEXEC, 0600);
+  if (opened < 0 && (for_writing || errno != ENOENT)) {
+    refuse("The file of what may be lost cannot be opened");
+  }
+  return static_cast<int>(opened);
+}
+
+void remove_state() { syscall(SYS_unlinkat, store, state_name, 0); }
+
+void save_bytes(int file, const void* bytes, std::size_t size) {
+  if (syscall(SYS_write, file, bytes, size) != static_cast<long>(size)) {
+    refuse("What may be lost cannot be saved");
+  }
+}
+
+void load_bytes(int file, void* bytes, std::size_t size) {
+  if (syscall(SYS_read, file, bytes, size) != static_cast<long>(size)) {
+    refuse("What may be lost cannot be read");
+  }
+}
+
+void save_names(int file) {
+  const Inside inside;
+  const SavedNames saved = {directory_count, pending_count, slot_count};
+  save_bytes(file, &saved, sizeof saved);
+  save_bytes(file, directories, directory_count * sizeof *directories);
+  for (std::size_t i = 0; i < change_count; ++i) {
+    if (!changes[i].lasts) {
+      save_bytes(file, &changes[i], sizeof changes[i]);
+    }
+  }
+}
+
+void load_names(int file) {
+  const Inside inside;
+  static Directory former[most_directories];
+  SavedNames saved;
+  load_bytes(file, &saved, sizeof saved);
+  if (saved.directories > most_directories || saved.changes > most_changes) {
+    refuse("What may be lost cannot be read");
+  }
+  load_bytes(file, former, saved.directories * sizeof *former);
+  slot_count = saved.slots;
+  for (std::size_t i = 0; i < saved.changes; ++i) {
+    Change& change = add_change(Kind::make, 0);
+    load_bytes(file, &change, sizeof change);
+    change.call = first_carried_change + i;
+    for (KnownName* const place : Places(change).all) {
+      if (place->directory >= 0) {
+        Directory& directory = former[place->directory];
+        struct stat status {};
+        status.st_dev = directory.device;
+        status.st_ino = directory.inode;
+        const int known = known_directory(status);
+        place->directory = known >= 0 ? known : know_directory(find_saved(directory.inode), status);
+      }
+    }
+    if (change.gone.kept >= 0) {
+      change.gone.kept = find_saved(change.gone.object);
     }
   }
 }

@@ -13,7 +13,8 @@
 // the name that it takes away is missing or another's, the name that it gives is taken, or the directory that it
 // removes is not empty.
 //
-// What a program removes or replaces is kept in a store, so that it can come back as what it was.
+// What a program removes or replaces is kept in a store, so that it can come back as what it was. The changes that may
+// be lost when a program ends can be saved there, and the next program on the same directory begins with them.
 #pragma once
 
 #include <cstddef>
@@ -27,11 +28,15 @@ namespace ravok::fault {
 // Ends the program with a message about what the library cannot do.
 [[noreturn]] void refuse(const char* problem);
 
+// The changes that an earlier program has made have the numbers from here on, in their order.
+inline constexpr std::uint64_t first_carried_change = 1'000'001;
+
 // Which of the changes that may be lost are lost.
 struct NameLoss {
-  enum class Kind { all, only, but };
+  enum class Kind { all, only, but, some };
   Kind kind = Kind::all;
-  std::uint64_t change = 0;  // the call whose change is lost alone, or kept alone
+  // The call whose change is lost alone, or kept alone; for some, what decides about each change by itself.
+  std::uint64_t change = 0;
 };
 
 // A name in a directory that is known.
@@ -64,8 +69,8 @@ struct Moving {
   Removing replaced;
 };
 
-// Watches the changes below `root` from now on. The store must be an empty directory of the same volume that does not
-// lie below it. Both are absolute paths without links.
+// Watches the changes below `root` from now on. The store must be a directory of the same volume that does not lie
+// below it, empty or as the last program on this root has left it. Both are absolute paths without links.
 void watch_names(const char* root, const char* store);
 bool names_watched();
 
@@ -88,7 +93,31 @@ std::uint64_t names_version();
 // Writes the numbers of the calls whose changes may be lost: "3,5,6", or "-" for none.
 void list_pending_names(char* text, std::size_t size);
 
-// Takes changes back as a power cut does.
+// Takes changes back as a power cut does. What is left then lasts.
 void lose_names(const NameLoss& loss);
+
+// Lets all changes last, which a restart of the machine does with those that it has not lost.
+void keep_names();
+
+// How many changes may be lost.
+std::size_t pending_names();
+
+// Opens the file of the store that carries over what may be lost: anew for writing, or for reading. Returns -1 where
+// there is none to read.
+int open_state(bool for_writing);
+// Removes that file.
+void remove_state();
+
+// Writes the changes that may be lost to a file, and begins with those that are read from it.
+void save_names(int file);
+void load_names(int file);
+
+// Write bytes to a file, or read exactly as many; what cannot be done ends the program.
+void save_bytes(int file, const void* bytes, std::size_t size);
+void load_bytes(int file, void* bytes, std::size_t size);
+
+// Finds a file or directory below the root or in the store by its number. Returns a descriptor that only names it and
+// belongs to the caller, or -1.
+int find_object(ino_t object);
 
 }  // namespace ravok::fault

@@ -8,7 +8,7 @@
 //   sample_plain names DIR STEP...
 //                               changes names in DIR and looks at it in the end. The steps are make:A, mkdir:A,
 //                               link:A:B, symlink:A:B, unlink:A, remove:A, rmdir:A, rename:A:B, new:A:B for a move
-//                               that replaces nothing, swap:A:B, and flush:A for a directory
+//                               that replaces nothing, swap:A:B, and flush:A
 //   sample_plain threads DIR    looks at DIR 800 times from eight threads
 //   sample_plain child DIR      runs this program's steps in a process of its own
 //   sample_plain environment    prints the environment
@@ -245,9 +245,9 @@ int write_unflushed(const std::string& root) {
   return written && stat(root.c_str(), &status) == 0 ? 0 : 1;
 }
 
-bool flush_directory(const char* path) {
-  const int directory = open(path, O_RDONLY | O_DIRECTORY);
-  return fsync(directory) == 0 && close(directory) == 0;
+bool flush(const char* path) {
+  const int opened = open(path, O_RDONLY);
+  return fsync(opened) == 0 && close(opened) == 0;
 }
 
 bool change_names(const std::string& step) {
@@ -267,7 +267,7 @@ bool change_names(const std::string& step) {
       {"rename", [&] { return rename(a.c_str(), b.c_str()) == 0; }},
       {"new", [&] { return renameat2(AT_FDCWD, a.c_str(), AT_FDCWD, b.c_str(), RENAME_NOREPLACE) == 0; }},
       {"swap", [&] { return renameat2(AT_FDCWD, a.c_str(), AT_FDCWD, b.c_str(), RENAME_EXCHANGE) == 0; }},
-      {"flush", [&] { return flush_directory(a.c_str()); }},
+      {"flush", [&] { return flush(a.c_str()); }},
   };
   for (const auto& [kind, change] : kinds) {
     if (what == kind) {
