@@ -6,6 +6,7 @@
 #include <functional>
 #include <iostream>
 #include <map>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -183,6 +184,44 @@ TEST_F(BootstrapUpdateFault, OfACleanUpKeepsTheNewBootstrap) {
     EXPECT_EQ(installed(), "new");
     return std::filesystem::exists(place_.paths.old_files_mark) ? "with old files" : "alone";
   });
+}
+
+class BootstrapUpdateCalls : public BootstrapUpdateFault {
+ protected:
+  // Returns the names of the directories of the installed tree, "" for its own, that a run flushes before it removes
+  // the update's manifest, without which no later run comes back to them.
+  std::set<std::string> flushed_before_the_end() const {
+    const FaultRun run = run_with_fault(plan_.run, plan_.root);
+    EXPECT_EQ(run.result.exit_code, 0) << run.result.errors;
+    std::set<std::string> flushed;
+    for (const FaultCall& call : run.calls) {
+      const std::string below = call.path.lexically_relative(place_.paths.tree);
+      if (call.name == "fsync" && !below.starts_with("..")) {
+        flushed.insert(below == "." ? "" : below);
+      }
+      if (call.name.starts_with("unlink") && call.path.filename() == place_.paths.update_manifest.filename()) {
+        return flushed;
+      }
+    }
+    ADD_FAILURE() << "the update's manifest is not removed";
+    return flushed;
+  }
+};
+
+TEST_F(BootstrapUpdateCalls, ACleanUpFlushesWhatAnEarlierOneMayHaveRemoved) {
+  place_.install(next_);
+  place_.prepare(next_);
+  EXPECT_EQ(flushed_before_the_end(), (std::set<std::string>{"", "bin", "data", "more"}));
+  EXPECT_EQ(installed(), "new");
+}
+
+TEST_F(BootstrapUpdateCalls, AWayBackFlushesWhatAnEarlierOneMayHavePutBack) {
+  place_.install(old_);
+  place_.prepare(next_);
+  // The update has failed, and all is back but not flushed.
+  atomic_write(place_.paths.rejected, next_.sha256());
+  EXPECT_EQ(flushed_before_the_end(), (std::set<std::string>{"", "bin", "data"}));
+  EXPECT_EQ(installed(), "old");
 }
 
 class BootstrapStagingFault : public BootstrapUpdateFault {

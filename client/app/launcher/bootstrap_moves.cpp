@@ -82,18 +82,20 @@ void sync_levels(TreePaths& tree, std::set<std::string>& directories) {
 // Removes the replaced files of a tree, durably. Returns whether all of them are gone.
 bool remove_replaced_files(const HeldDirectory& tree) {
   bool removed = true;
-  std::set<std::string> changed;
+  // Every directory, since a process that ended here may have removed files without making that durable.
+  std::set<std::string> directories = {""};
   TreeVisitor visitor;
   visitor.refuse_mounts = true;
   visitor.visit = [&](const TreeEntry& entry) {
-    if (entry.type != EntryType::directory && is_replaced_file(entry.name)) {
-      changed.insert(directory_of(std::string(entry.path)));
+    if (entry.type == EntryType::directory) {
+      directories.insert(std::string(entry.path));
+    } else if (is_replaced_file(entry.name)) {
       removed = !os::remove_at(entry.directory, entry.name) && removed;
     }
   };
   walk_tree(open_again(tree), visitor);
   TreePaths levels(*open_again(tree));
-  sync_levels(levels, changed);
+  sync_levels(levels, directories);
   return removed;
 }
 
@@ -175,6 +177,10 @@ bool BootstrapMoves::restore() {
   for (const std::string& path : all_paths()) {
     try {
       restored = restore_file(path) && restored;
+      // A process that ended here may have put files back without making that durable.
+      if (tree_.parent_of(path)) {
+        changed_.insert(directory_of(path));
+      }
     } catch (const Error&) {
       restored = false;
     }
