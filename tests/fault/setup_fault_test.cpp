@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <csignal>
 #include <cstdint>
+#include <filesystem>
 #include <iomanip>
 #include <iostream>
 #include <map>
@@ -52,6 +53,22 @@ INSTANTIATE_TEST_SUITE_P(Setup, SetupFault,
                            return std::string(name_of(std::get<0>(each.param))) + "_" +
                                   fault_mode_name(std::get<1>(each.param));
                          });
+
+TEST(SetupCalls, AnInstallFlushesTheNamesOfTheFolderThatAnEndedOneHasMade) {
+  const SetupTrial trial(SetupOperation::first_install);
+  const std::filesystem::path data = trial.place().data();
+  for (const std::filesystem::path& made : {trial.place().place(), data}) {
+    std::filesystem::create_directory(made);
+    std::filesystem::permissions(made, std::filesystem::perms::owner_all);
+  }
+  const FaultRun run = run_with_fault(trial.program(), trial.place().root().path());
+  ASSERT_EQ(run.result.exit_code, 0) << run.result.errors;
+  for (const std::filesystem::path& parent : {data.parent_path(), data.parent_path().parent_path()}) {
+    EXPECT_TRUE(std::any_of(run.calls.begin(), run.calls.end(), [&](const FaultCall& call) {
+      return call.name == "fsync" && call.path == parent;
+    })) << parent;
+  }
+}
 
 TEST(SetupCalls, AnUninstallLetsTheEndOfTheRecordLastBeforeItTakesMore) {
   const SetupTrial trial(SetupOperation::bare_uninstall);

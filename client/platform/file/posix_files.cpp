@@ -217,6 +217,25 @@ Handle open_private_directory(const std::filesystem::path& path) {
 
 void private_directory(const std::filesystem::path& path) { open_private_directory(path); }
 
+void flush_private_levels(const std::filesystem::path& path) {
+  for (std::filesystem::path level = target_of(path); level.has_relative_path(); level = level.parent_path()) {
+    const auto status = link_status_of(level);
+    if (!status || !is_owned_at_0700(*status)) {
+      return;
+    }
+    const Result<Handle> parent = os::open(level.parent_path(), os::OpenAs::directory);
+    const Result<Status> above = parent ? status_of(parent->get()) : parent.problem();
+    if (above.problem() == Cause::denied) {
+      continue;
+    }
+    require_handles(above.problem());
+    if (above && above->device != status->device) {
+      return;
+    }
+    require_here(above && !os::flush(parent->get()), "file_sync", "Cannot synchronize ", " directory ancestry");
+  }
+}
+
 Handle open_private_level(int parent, const char* name) {
   Level level = open_secured_level(parent, name, true);
   if (!level.is_new) {

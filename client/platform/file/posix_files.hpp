@@ -47,8 +47,13 @@ void require_private_path(const std::filesystem::path& path, bool directory);
 // before a failure stay, empty and private.
 void private_directory(const std::filesystem::path& path);
 
-// The same, and returns the directory open, so that later steps happen in the directory that was proved even if the
-// path leads elsewhere by then.
+// Makes the names durable that lead to a directory whose levels private_directory may have made in a process that ended
+// before it had done so: from the last level upward, those of this user's with mode 0700, on one volume. A level that
+// this user may not list holds no name that could be made so. Fails with "file_sync".
+void flush_private_levels(const std::filesystem::path& path);
+
+// The same as private_directory, and returns the directory open, so that later steps happen in the directory that was
+// proved even if the path leads elsewhere by then.
 Handle open_private_directory(const std::filesystem::path& path);
 
 // A private directory and the one that it stands in, both open. The parent may be one to pass through only.

@@ -70,6 +70,32 @@ TEST_F(PosixFilesFault, SyncIsRepeatedAfterAnInterruption) {
   EXPECT_EQ(set.count("fsync"), 2);
 }
 
+TEST_F(PosixFilesFault, TheNamesOfPrivateLevelsAreFlushedUpToTheFirstThatIsNot) {
+  make_private("plain/a");
+  const std::filesystem::path path = make_private("plain/a/b");
+  ASSERT_EQ(chmod((root_ / "plain").c_str(), 0755), 0);
+  const Planned set(failing("fsync", EIO, 100));
+  posix_files::flush_private_levels(path);
+  EXPECT_EQ(set.count("fsync"), 2);
+}
+
+TEST_F(PosixFilesFault, NamesOfPrivateLevelsThatCannotBeFlushedAreTold) {
+  const std::filesystem::path path = make_private("a");
+  for (const char* const call : {"fsync", "open directory"}) {
+    const Planned set(failing(call, EIO));
+    EXPECT_FAILURE(posix_files::flush_private_levels(path), "file_sync", "Cannot synchronize Linux directory ancestry");
+  }
+}
+
+TEST_F(PosixFilesFault, ALevelThatMayNotBeListedIsPassedOver) {
+  make_private("plain/a");
+  const std::filesystem::path path = make_private("plain/a/b");
+  ASSERT_EQ(chmod((root_ / "plain").c_str(), 0755), 0);
+  const Planned set(failing("open directory", EACCES));
+  posix_files::flush_private_levels(path);
+  EXPECT_EQ(set.count("fsync"), 1);
+}
+
 TEST_F(PosixFilesFault, ReserveAnswersTheNumberOfTheCallThatFailed) {
   const Handle file = open_file("x");
   for (const auto& [call, problem] :
