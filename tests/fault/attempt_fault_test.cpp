@@ -14,6 +14,7 @@
 
 #include "app/launcher/launcher_store.hpp"
 #include "domain/data_layout.hpp"
+#include "fault/fault_chain.hpp"
 #include "fault/fault_runner.hpp"
 #include "support/fast_volume.hpp"
 #include "support/launcher_place.hpp"
@@ -120,9 +121,18 @@ class AttemptFault : public ::testing::Test {
     } else {
       // A file operation of the standard library ends the sample with code 2.
       EXPECT_TRUE(is_bootstrap && (result.exit_code == 1 || result.exit_code == 2)) << result.errors;
-      EXPECT_TRUE(result.exit_code == 2 || known_codes.contains(result.errors.substr(0, result.errors.find(':'))))
-          << result.errors;
+      expect_known_failure(result);
     }
+    judge_next_starts(found, proofs);
+    return found;
+  }
+
+  static void expect_known_failure(const ProgramResult& result) {
+    EXPECT_TRUE(result.exit_code == 2 || known_codes.contains(result.errors.substr(0, result.errors.find(':'))))
+        << result.errors;
+  }
+
+  void judge_next_starts(const std::string& found, const std::set<std::string>& proofs) const {
     const ProgramResult next = start_again();
     const std::string later = state(proofs);
     if (found == "waiting") {
@@ -135,6 +145,29 @@ class AttemptFault : public ::testing::Test {
     const std::string document = place_.document_text();
     EXPECT_EQ(start_again().output, "none\n");
     EXPECT_EQ(place_.document_text(), document);
+  }
+
+  // Judges a start among others, which has found the candidate in the state `before`.
+  std::string judge(const ChainLink& link, const std::string& before) const {
+    static const std::set<std::string> proofs = {"attempts", "health"};
+    const std::string found = state(proofs);
+    if (link.has_succeeded()) {
+      const bool has_run = link.said() != "none\n";
+      EXPECT_TRUE(found == "active" || !has_run) << found;
+      if (before == "waiting") {
+        EXPECT_EQ(found, has_run ? "active" : "startup_failed");
+      } else if (before == "on trial") {
+        EXPECT_EQ(found, "startup_interrupted");
+      } else if (!link.at_end()) {
+        // A start that finds nothing to do for the candidate reports nothing of it, and flushes nothing: a power cut
+        // may take back what one that was ended has made of it.
+        EXPECT_EQ(found, before);
+      }
+    } else if (!link.is_cut()) {
+      EXPECT_TRUE(link.result.exit_code == 1 || link.result.exit_code == 2) << link.result.errors;
+      expect_known_failure(link.result);
+    }
+    judge_next_starts(found, proofs);
     return found;
   }
 
@@ -179,6 +212,32 @@ TEST_F(AttemptFault, OfTheCandidateLeavesAKnownState) {
     EXPECT_TRUE(states.contains(state)) << state;
   }
   EXPECT_EQ(states.size(), 2u);
+}
+
+TEST_F(AttemptFault, InChainsLeavesAKnownState) {
+  std::string before;
+  // What an earlier start has made of the candidate and reported is not taken back.
+  std::string promised;
+  FaultChainPlan plan;
+  plan.root = place_.root.path();
+  plan.folders = {place_.root.path()};
+  plan.chains = 20;
+  plan.reset = [&] {
+    promised.clear();
+    reset();
+  };
+  plan.next = [&](ChainRandom&) {
+    before = state({"attempts", "health"});
+    return bootstrap();
+  };
+  plan.judge = [&](const ChainLink& link) {
+    const std::string found = judge(link, before);
+    const bool was_open = before == "waiting" || before == "on trial";
+    promised = link.has_succeeded() && was_open ? found : promised;
+    EXPECT_TRUE(promised.empty() || found == promised) << found << " where " << promised << " was reported";
+    return found;
+  };
+  std::cout << run_fault_chains(plan);
 }
 
 }  // namespace

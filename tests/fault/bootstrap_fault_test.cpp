@@ -16,6 +16,7 @@
 #include "app/launcher/launcher_store.hpp"
 #include "app/launcher/start_marker.hpp"
 #include "domain/data_layout.hpp"
+#include "fault/fault_chain.hpp"
 #include "fault/fault_runner.hpp"
 #include "support/fast_volume.hpp"
 #include "support/launcher_place.hpp"
@@ -145,6 +146,45 @@ class BootstrapFault : public ::testing::Test {
     return states;
   }
 
+  // Faults in one start after the other.
+  void try_chains(const Arguments& arguments, const std::function<std::string(const ChainLink&)>& judge) {
+    keep();
+    FaultChainPlan plan;
+    plan.root = root();
+    plan.folders = {place_.root.path()};
+    plan.chains = 12;
+    plan.reset = [&] {
+      reset();
+      started_from_();
+    };
+    plan.next = [&](ChainRandom&) {
+      age_marker_in_place();
+      found_ = place_.store.load();
+      return bootstrap(arguments);
+    };
+    plan.judge = [&](const ChainLink& link) {
+      if (!link.is_cut() && link.result.exit_code != 0) {
+        EXPECT_EQ(link.result.output, "");
+        EXPECT_TRUE(link.result.errors.ends_with('\n')) << "nothing was told";
+      }
+      EXPECT_EQ(precious(), precious_);
+      const std::string state = judge(link);
+      EXPECT_EQ(precious(), precious_);
+      return state;
+    };
+    std::cout << run_fault_chains(plan);
+  }
+
+  // Lets the start that was recorded last be long ago, in the same file.
+  void age_marker_in_place() const {
+    const std::string text = std::filesystem::exists(paths_.start_marker) ? bytes_of(paths_.start_marker) : "";
+    Json record = Json::parse(text, nullptr, false);
+    if (record.is_object()) {
+      record["started_at"] = std::time(nullptr) - 60;
+      write_bytes(paths_.start_marker, record.dump());
+    }
+  }
+
   LauncherPlace place_{fast_volume()};
   const LauncherPaths paths_{DataPaths(place_.root.path()).launcher};
   Json old_;
@@ -153,6 +193,8 @@ class BootstrapFault : public ::testing::Test {
   Files precious_;
   // What is done to the place before every start.
   std::function<void()> started_from_ = [] {};
+  // The store's document before the start that is judged in a chain.
+  Json found_;
 };
 
 constexpr const char* unusable = "ravok: launcher version unusable (";
@@ -257,6 +299,91 @@ TEST_F(BootstrapFault, OfAHandOverToMaintenanceChangesNothing) {
     return found.at("attempt").is_null() ? "recovered" : "on trial";
   };
   EXPECT_EQ(try_all({"self", "uninstall"}, try_start).size(), 2u);
+}
+
+TEST_F(BootstrapFault, InChainsKeepsTheVersionsAndTheirCount) {
+  const std::string& sha256 = text_at(active_, "manifest_sha256");
+  int starts = 0;
+  started_from_ = [&] { starts = 0; };
+  const auto try_start = [&](const ChainLink& link) -> std::string {
+    ++starts;
+    const FailedStarts known = age_marker();
+    EXPECT_EQ(place_.document_text(), document_);
+    const bool is_given_up = known.manifest_sha256 == sha256 && known.attempts == maximum_failed_starts;
+    EXPECT_TRUE(!is_given_up || starts >= 2);
+    EXPECT_EQ(start_again({}), is_given_up ? says("old window") + unusable +
+                                                 "launcher_damaged): This Ravok version failed to start twice\n"
+                                           : says("active window"));
+    EXPECT_EQ(place_.document_text(), document_);
+    if (!link.is_cut() && link.result.output == says("active window")) {
+      EXPECT_EQ(known.manifest_sha256, sha256);
+    }
+    if (!link.is_cut() && link.result.output == says("old window")) {
+      EXPECT_TRUE(link.result.errors.starts_with(unusable)) << link.result.errors;
+      EXPECT_EQ(known.manifest_sha256, text_at(old_, "manifest_sha256"));
+      EXPECT_LE(known.attempts, static_cast<std::uint32_t>(starts));
+    }
+    return is_given_up ? "given up" : "active";
+  };
+  try_chains({}, try_start);
+}
+
+TEST_F(BootstrapFault, InChainsOfADamagedCandidateKeepsTheActiveVersion) {
+  const Json candidate = place_.add_version("candidate", programs_of("candidate"));
+  place_.set("candidate", candidate);
+  damage(candidate);
+  Json promised;
+  started_from_ = [&] { promised = nullptr; };
+  const auto try_start = [&](const ChainLink& link) -> std::string {
+    const Json found = place_.store.load();
+    EXPECT_EQ(start_again({"self", "status"}), says("active console", " self status"));
+    const Json left = place_.store.load();
+    for (const Json& document : {found, left}) {
+      EXPECT_EQ(document.at("active"), active_);
+      EXPECT_EQ(document.at("rollback"), old_);
+    }
+    const bool was_on_trial = !found.at("attempt").is_null();
+    const bool was_rejected = !found.at("failed_candidate").is_null();
+    EXPECT_EQ(left.at("candidate"), Json());
+    EXPECT_EQ(left.at("attempt"), Json());
+    EXPECT_EQ(left.at("failed_candidate"),
+              was_rejected ? found.at("failed_candidate")
+                           : Json({{"reference", candidate},
+                                   {"problem", was_on_trial ? "startup_interrupted" : "startup_failed"}}));
+    // What a start has done itself and reported is not taken back.
+    if (link.has_succeeded() && found_.at("failed_candidate").is_null()) {
+      promised = found.at("failed_candidate");
+      EXPECT_TRUE(was_rejected);
+    }
+    EXPECT_TRUE(promised.is_null() || found.at("failed_candidate") == promised) << found;
+    return was_on_trial ? "on trial" : was_rejected ? "rejected" : "waiting";
+  };
+  try_chains({"self", "status"}, try_start);
+}
+
+TEST_F(BootstrapFault, InChainsOfAHandOverToMaintenanceChangesNothing) {
+  const Json candidate = place_.add_version("candidate", programs_of("candidate"));
+  place_.set("attempt", {{"nonce", std::string(32, 'a')}, {"reference", candidate}});
+  const std::string helper = "active helper:uninstall --data-dir " + root() + "\n";
+  bool is_recovered = false;
+  started_from_ = [&] { is_recovered = false; };
+  const auto try_start = [&](const ChainLink& link) -> std::string {
+    EXPECT_TRUE(link.result.output.empty() || link.result.output == helper) << link.result.output;
+    const Json found = place_.store.load();
+    EXPECT_EQ(start_again({"self", "uninstall"}), helper);
+    const Json left = place_.store.load();
+    for (const Json& document : {found, left}) {
+      EXPECT_EQ(document.at("active"), active_);
+      EXPECT_EQ(document.at("rollback"), old_);
+      EXPECT_EQ(document.at("candidate"), Json());
+    }
+    EXPECT_EQ(left.at("attempt"), Json());
+    EXPECT_EQ(left.at("failed_candidate"), (Json{{"reference", candidate}, {"problem", "startup_interrupted"}}));
+    is_recovered = is_recovered || (link.has_succeeded() && !found_.at("attempt").is_null());
+    EXPECT_TRUE(!is_recovered || found.at("attempt").is_null());
+    return found.at("attempt").is_null() ? "recovered" : "on trial";
+  };
+  try_chains({"self", "uninstall"}, try_start);
 }
 
 }  // namespace

@@ -1,17 +1,21 @@
 // Whatever call of an update of the bootstrap is spoilt, a bootstrap that starts stands at its name at once, and the
 // next starts reach the old bootstrap or the new one as a whole.
 
+#include <algorithm>
 #include <csignal>
 #include <filesystem>
 #include <functional>
 #include <iostream>
 #include <map>
+#include <optional>
 #include <set>
 #include <string>
 #include <vector>
 
 #include <gtest/gtest.h>
 
+#include "fault/copied_downloads.hpp"
+#include "fault/fault_chain.hpp"
 #include "fault/fault_runner.hpp"
 #include "support/bootstrap_place.hpp"
 #include "support/fast_volume.hpp"
@@ -96,6 +100,33 @@ class BootstrapUpdateFault : public ::testing::Test {
     }
     EXPECT_GT(table.runs, 50u);
     return states;
+  }
+
+  // Faults in one application after the other. What one of them has said holds from then on, whatever comes next.
+  void try_chains(const std::function<void()>& start, const std::function<std::string()>& judge) {
+    std::string promised;
+    FaultChainPlan plan;
+    plan.root = root_.path();
+    plan.folders = {data()};
+    plan.chains = 30;
+    plan.most_begun = 60;
+    plan.reset = [&] {
+      promised.clear();
+      start();
+    };
+    plan.next = [&](ChainRandom&) { return sample({"apply", data()}); };
+    plan.judge = [&](const ChainLink& link) {
+      if (!link.is_cut()) {
+        EXPECT_EQ(link.result.exit_code, 0) << link.result.errors;
+      }
+      const std::string state = judge();
+      if (link.has_succeeded() && (link.said() == "applied\n" || link.said() == "rejected\n")) {
+        promised = link.said() == "applied\n" ? "new" : "old";
+      }
+      EXPECT_TRUE(promised.empty() || state == promised) << state << " where " << promised << " was told";
+      return state;
+    };
+    std::cout << run_fault_chains(plan);
   }
 
   const TemporaryRoot root_{fast_volume()};
@@ -186,6 +217,35 @@ TEST_F(BootstrapUpdateFault, OfACleanUpKeepsTheNewBootstrap) {
   });
 }
 
+TEST_F(BootstrapUpdateFault, InChainsReachesTheOldOrTheNewBootstrap) {
+  const auto start = [&] {
+    place_.install(old_);
+    place_.prepare(next_);
+  };
+  try_chains(start, [&] {
+    EXPECT_TRUE(starts());
+    const std::string state = reached();
+    EXPECT_TRUE(state == "old" || state == "new") << state;
+    return state;
+  });
+}
+
+TEST_F(BootstrapUpdateFault, InChainsThatAreTakenBackReachesTheOldBootstrap) {
+  const BootstrapRelease bad =
+      bootstrap_release("build-2", failing_in_place, {{"data/note", "bad note"}, {"more/new", "added"}});
+  const auto start = [&] {
+    place_.install(old_);
+    place_.prepare(bad);
+  };
+  try_chains(start, [&] {
+    const std::string program = BootstrapPlace::read(place_.program());
+    EXPECT_TRUE(program == old_.files.front().content || program == failing_in_place) << program;
+    const std::string state = reached();
+    EXPECT_EQ(state, "old");
+    return state;
+  });
+}
+
 class BootstrapUpdateCalls : public BootstrapUpdateFault {
  protected:
   // Returns the names of the directories of the installed tree, "" for its own, that a run flushes before it removes
@@ -242,6 +302,12 @@ class BootstrapStagingFault : public BootstrapUpdateFault {
     std::filesystem::remove(place_.paths.update_lock);
   }
 
+  // Faults in one staging after the other, and in the applications between them.
+  std::optional<ProgramRun> stage_or_apply(ChainRandom& random) const {
+    const bool is_waiting = std::filesystem::exists(place_.paths.update_manifest);
+    return sample(is_waiting && random.chance(60) ? std::vector<std::string>{"apply", data()} : stage_);
+  }
+
   // The trusted state lies elsewhere, since its own crashes are tried by themselves.
   const TemporaryRoot elsewhere_;
   const std::filesystem::path trust_ = elsewhere_ / "trust";
@@ -274,6 +340,49 @@ TEST_F(BootstrapStagingFault, IsNoObstacleToTheNextStart) {
     return state;
   });
   EXPECT_EQ(states.size(), 2u);
+}
+
+TEST_F(BootstrapStagingFault, InChainsReachesTheNewBootstrap) {
+  // The most that was told, which nothing takes back: that an update waits, or that it was applied. Only an application
+  // that was ended half-way or fails gives the update up, for good.
+  enum class Told { nothing, staged, applied };
+  Told told = Told::nothing;
+  bool may_be_rejected = false;
+  FaultChainPlan plan;
+  plan.root = root_.path();
+  plan.folders = {data(), trust_};
+  plan.copied = [&] { adopt_downloads(data()); };
+  plan.chains = 15;
+  plan.reset = [&] {
+    told = Told::nothing;
+    may_be_rejected = false;
+    reset();
+  };
+  plan.next = [&](ChainRandom& random) { return stage_or_apply(random); };
+  plan.judge = [&](const ChainLink& link) -> std::string {
+    may_be_rejected = may_be_rejected || (link.call && link.run.arguments.front() == "apply");
+    if (link.has_succeeded()) {
+      const std::string& said = link.said();
+      EXPECT_TRUE(may_be_rejected || said != "rejected\n");
+      told = std::max(told, said == "applied\n"                         ? Told::applied
+                            : said == "staged\n" || said == "pending\n" ? Told::staged
+                                                                        : Told::nothing);
+    }
+    EXPECT_TRUE(starts());
+    const bool is_pending = std::filesystem::exists(place_.paths.update_manifest);
+    const std::string before = installed();
+    EXPECT_TRUE(told < Told::applied || before == "new") << before;
+    say({"apply", data()});
+    const bool is_rejected = may_be_rejected && std::filesystem::exists(place_.paths.rejected);
+    const std::string first = reached();
+    EXPECT_TRUE(told < Told::staged || first == "new" || is_rejected) << first;
+    EXPECT_EQ(first, (is_pending || before == "new") && !is_rejected ? "new" : "old");
+    say(stage_);
+    say({"apply", data()});
+    EXPECT_EQ(reached(), is_rejected ? "old" : "new");
+    return is_rejected ? "rejected" : is_pending ? "pending" : first;
+  };
+  std::cout << run_fault_chains(plan);
 }
 
 }  // namespace

@@ -13,6 +13,7 @@
 
 #include <gtest/gtest.h>
 
+#include "fault/fault_chain.hpp"
 #include "fault/fault_runner.hpp"
 #include "fault/setup_trial.hpp"
 
@@ -53,6 +54,24 @@ INSTANTIATE_TEST_SUITE_P(Setup, SetupFault,
                            return std::string(name_of(std::get<0>(each.param))) + "_" +
                                   fault_mode_name(std::get<1>(each.param));
                          });
+
+class SetupFaultChain : public ::testing::TestWithParam<SetupOperation> {};
+
+TEST_P(SetupFaultChain, LeavesAKnownStateThatTheNextRunFinishes) {
+  SetupTrial trial(GetParam());
+  FaultChainPlan plan;
+  plan.root = trial.place().root().path();
+  plan.folders = {trial.place().place()};
+  plan.chains = 8;
+  plan.reset = [&] { trial.restart(); };
+  plan.next = [&](ChainRandom& random) { return trial.next(random); };
+  plan.judge = [&](const ChainLink& link) { return trial.judge(link); };
+  const FaultChainTable table = run_fault_chains(plan);
+  std::cout << name_of(GetParam()) << ", " << trial.states() << " states, " << table;
+}
+
+INSTANTIATE_TEST_SUITE_P(Setup, SetupFaultChain, ::testing::ValuesIn(all_setup_operations),
+                         [](const auto& each) { return std::string(name_of(each.param)); });
 
 TEST(SetupCalls, AnInstallFlushesTheNamesOfTheFolderThatAnEndedOneHasMade) {
   const SetupTrial trial(SetupOperation::first_install);

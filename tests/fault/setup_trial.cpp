@@ -109,10 +109,14 @@ std::string state_of(const Files& files) {
   return state;
 }
 
+bool is_player_data(const std::string& name) {
+  return name.starts_with("data/userdata") || name == "data/settings.json";
+}
+
 Files player_data(const Files& files) {
   Files found;
   for (const auto& [name, content] : files) {
-    if (name.starts_with("data/userdata") || name == "data/settings.json") {
+    if (is_player_data(name)) {
       found[name] = content;
     }
   }
@@ -166,7 +170,7 @@ const char* name_of(SetupOperation operation) {
   return "";
 }
 
-SetupTrial::SetupTrial(SetupOperation operation) : operation_(operation) {
+SetupTrial::SetupTrial(SetupOperation operation) : operation_(operation), action_(action_of(operation)) {
   if (!starts_missing() && operation_ != SetupOperation::bare_uninstall) {
     place_.write_player_data();
   }
@@ -190,10 +194,44 @@ SetupTrial::SetupTrial(SetupOperation operation) : operation_(operation) {
   }
   start_ = place_.all();
   keep("start");
+  restart();
+}
+
+void SetupTrial::restart() {
+  take("start");
+  earlier_.clear();
+  data_may_go_ = false;
+  begin(action_of(operation_));
+}
+
+// Notes which command finds what.
+void SetupTrial::begin(const std::string& action) {
+  action_ = action;
+  before_ = {state(), place_.all()};
+  if (earlier_.empty()) {
+    earlier_.push_back(before_);
+  }
+  data_may_go_ = data_may_go_ || action == "remove";
+}
+
+std::optional<ProgramRun> SetupTrial::next(ChainRandom& random) {
+  const Stage now = {state(), place_.all()};
+  if (now.files == start_) {
+    begin(action_of(operation_));
+  } else if (now.is_installed() && (repairs() || uninstalls()) && random.chance(60)) {
+    begin(action_);
+  } else if (now.is_installed()) {
+    begin(random.chance(60) ? "repair" : random.chance(60) ? "uninstall" : "remove");
+  } else if (place_.top_names() == std::vector<std::string>{".native-bootstrap.lock"}) {
+    return std::nullopt;
+  } else {
+    begin("install");
+  }
+  return program();
 }
 
 ProgramRun SetupTrial::program() const {
-  ProgramRun run = {RAVOK_SAMPLE_SETUP, {action(), place_.data()}, {{"HOME", place_.home()}}, ""};
+  ProgramRun run = {RAVOK_SAMPLE_SETUP, {action_, place_.data()}, {{"HOME", place_.home()}}, ""};
   if (!uninstalls()) {
     run.arguments.insert(run.arguments.end(), {place_.package(), place_.seal()});
   }
@@ -203,12 +241,12 @@ ProgramRun SetupTrial::program() const {
 std::string SetupTrial::judge(const SetupEnding& ending) {
   const Files left = place_.all();
   const std::string state = expect_known_state();
-  if (operation_ != SetupOperation::removing_uninstall) {
-    EXPECT_EQ(player_data(left), player_data(start_));
-  }
+  expect_player_data(left);
   EXPECT_EQ(foreign(left), foreign(start_));
-  // Until an uninstall has removed the marker, its lock is there and keeps others out.
-  EXPECT_TRUE(ending.lost_names || !uninstalls() || state != "interrupted" || !is_missing(place_.paths().setup_lock));
+  // Until an uninstall has removed the marker, its lock is there and keeps others out. It makes none where it is ended
+  // first.
+  EXPECT_TRUE(ending.lost_names || !uninstalls() || state != "interrupted" || !is_missing(place_.paths().setup_lock) ||
+              (before_.state == "interrupted" && !before().contains("data/.ravok-setup.lock")));
   judge_ending(ending, state, left);
   if (states_.insert(state_of(left)).second) {
     judge_next_runs(state, left);
@@ -216,7 +254,41 @@ std::string SetupTrial::judge(const SetupEnding& ending) {
   return state;
 }
 
-std::string SetupTrial::action() const { return action_of(operation_); }
+std::string SetupTrial::judge(const ChainLink& link) {
+  const bool lost_names = link.restarted() && link.mode == FaultMode::names;
+  const std::filesystem::path spoilt = link.call && !link.is_cut() ? link.call->path : std::filesystem::path();
+  const Stage left = {state(), place_.all()};
+  const std::string state = judge({link.result, spoilt, lost_names, link.at_end()});
+  if (link.restarted() || link.has_succeeded()) {
+    earlier_.clear();
+  }
+  earlier_.push_back(left);
+  return state;
+}
+
+// Whether a power cut may bring back what was there before an install.
+bool SetupTrial::was_uninstalled() const {
+  return std::any_of(earlier_.begin(), earlier_.end(), [](const Stage& stage) { return !stage.is_installed(); });
+}
+
+// Whether a power cut may bring back just this.
+bool SetupTrial::was_met(const Files& left) const {
+  return std::any_of(earlier_.begin(), earlier_.end(),
+                     [&](const Stage& stage) { return without_beginnings(stage.files) == without_beginnings(left); });
+}
+
+// Whatever is left of the player's data is whole, and all of it is left unless it was to be removed.
+void SetupTrial::expect_player_data(const Files& left) const {
+  const Files wanted = player_data(start_);
+  if (!data_may_go_) {
+    EXPECT_EQ(player_data(left), wanted);
+    return;
+  }
+  for (const auto& [name, content] : player_data(left)) {
+    EXPECT_TRUE(wanted.contains(name)) << name;
+    EXPECT_EQ(content, wanted.contains(name) ? wanted.at(name) : "") << name;
+  }
+}
 
 bool SetupTrial::starts_missing() const {
   return operation_ == SetupOperation::first_install || operation_ == SetupOperation::cancelled_install;
@@ -235,6 +307,14 @@ std::string SetupTrial::launcher_file() const {
 void SetupTrial::keep(const std::string& name) const { make_copy(place_.place(), place_.root() / name); }
 void SetupTrial::take(const std::string& name) const { make_copy(place_.root() / name, place_.place()); }
 
+std::string SetupTrial::state() const {
+  if (!is_missing(place_.paths().incomplete_marker)) {
+    return "interrupted";
+  }
+  const bool recorded = !is_missing(place_.paths().installation_record);
+  return recorded ? "complete" : is_missing(place_.data()) ? "missing" : "not installed";
+}
+
 // The folder reports the state that its marker and its record give it, and refuses to start where it must. Returns that
 // state.
 std::string SetupTrial::expect_known_state() const {
@@ -251,29 +331,30 @@ std::string SetupTrial::expect_known_state() const {
     EXPECT_FAILURE(
         require_complete_native_install(place_.data()), "native_install_incomplete",
         "Ravok setup did not finish in " + place_.data().native() + ". Run the Ravok installer again to repair it.");
-    return "interrupted";
+  } else {
+    EXPECT_NO_THROW(require_complete_native_install(place_.data()));
   }
-  EXPECT_NO_THROW(require_complete_native_install(place_.data()));
-  return recorded ? "complete" : is_missing(place_.data()) ? "missing" : "not installed";
+  return state();
 }
 
 // The data folder holds only the player's data, or is gone. Locks may stay where they were never held, or where their
-// removal was lost.
-void SetupTrial::expect_nothing_but_player_data(bool locks_may_stay) const {
+// removal was lost, and what an ended command has left.
+void SetupTrial::expect_nothing_but_player_data(bool locks_may_stay, const Files& may_stay) const {
   Files found;
   for (const auto& [name, content] : place_.all()) {
     const bool is_lock = name == "data/.ravok-setup.lock" || name == "data/.native-bootstrap.lock";
-    if (name.starts_with("data/") && name != "data/" && !(locks_may_stay && is_lock)) {
+    const bool may_be = (locks_may_stay && is_lock) || (may_stay.contains(name) && !is_player_data(name));
+    if (name.starts_with("data/") && name != "data/" && !may_be) {
       found[name] = content;
     }
   }
   EXPECT_EQ(found, player_data(found));
-  EXPECT_TRUE(locks_may_stay || is_missing(place_.data()) == found.empty());
+  EXPECT_TRUE(locks_may_stay || !may_stay.empty() || is_missing(place_.data()) == found.empty());
 }
 
 // Everything is as it was before, except the beginnings of an operation.
 void SetupTrial::expect_unchanged(const Files& left) const {
-  EXPECT_EQ(without_beginnings(left), without_beginnings(start_));
+  EXPECT_EQ(without_beginnings(left), without_beginnings(before()));
 }
 
 // Without the marker, an ended run has done all that it was to do, or nothing of it.
@@ -281,20 +362,21 @@ void SetupTrial::judge_cut(const SetupEnding& ending, const std::string& state, 
   if (state == "interrupted") {
     // A run that has reported its end is not taken back.
     EXPECT_FALSE(ending.at_end);
-  } else if (uninstalls()) {
-    EXPECT_FALSE(ending.at_end && state == "complete");
-    if (state == "complete") {
-      expect_unchanged(left);
-    } else {
-      expect_nothing_but_player_data(true);
-    }
   } else if (state == "complete") {
-    if (installs() || ending.at_end || without_beginnings(left) != without_beginnings(start_)) {
+    EXPECT_FALSE(uninstalls() && ending.at_end);
+    if (uninstalls() && earlier_.size() == 1) {
+      expect_unchanged(left);
+    } else if (ending.at_end || !was_met(left)) {
       place_.expect_complete();
     }
+  } else if (uninstalls()) {
+    // An install that was ended before it had left its marker for good may have left anything.
+    if (ending.at_end || !was_uninstalled()) {
+      expect_nothing_but_player_data(true);
+    }
   } else {
-    EXPECT_FALSE(repairs());
-    EXPECT_FALSE(installs() && ending.at_end);
+    EXPECT_TRUE(!repairs() || was_uninstalled());
+    EXPECT_FALSE((installs() || repairs()) && ending.at_end);
   }
 }
 
@@ -304,7 +386,10 @@ void SetupTrial::judge_ending(const SetupEnding& ending, const std::string& stat
     judge_cut(ending, state, left);
     return;
   }
-  EXPECT_EQ(strays(left), std::set<std::string>{});
+  // A run that ends by itself leaves only what an ended run had left before it.
+  const std::set<std::string> found = strays(left);
+  const std::set<std::string> known = strays(before());
+  EXPECT_TRUE(std::includes(known.begin(), known.end(), found.begin(), found.end())) << ::testing::PrintToString(found);
   if (result.exit_code == 0) {
     EXPECT_EQ(result.errors, "");
     judge_success(state);
@@ -323,7 +408,7 @@ void SetupTrial::judge_success(const std::string& state) const {
     // It is no failure when a lock file could not be removed.
     for (const std::string& name : place_.top_names()) {
       EXPECT_TRUE(name == ".ravok-setup.lock" || name == ".native-bootstrap.lock" ||
-                  (action() == "uninstall" && (name == "userdata" || name == "settings.json")))
+                  (action_ == "uninstall" && (name == "userdata" || name == "settings.json")))
           << name;
     }
   }
@@ -331,7 +416,7 @@ void SetupTrial::judge_success(const std::string& state) const {
 
 void SetupTrial::judge_failure(const SetupEnding& ending, const std::string& state, const Files& left) const {
   const std::string& errors = ending.result.errors;
-  if (operation_ == SetupOperation::first_install) {
+  if (installs() && before_.state == "missing") {
     // When the making of a folder or a lock failed half-way, the run cannot know that it is its own, and leaves it.
     const bool unowned = ending.spoilt == place_.data() || ending.spoilt == place_.place() ||
                          ending.spoilt == place_.paths().setup_lock ||
@@ -344,19 +429,20 @@ void SetupTrial::judge_failure(const SetupEnding& ending, const std::string& sta
     }
     EXPECT_TRUE(state == "missing" || unowned) << state;
     expect_nothing_but_player_data(unowned);
-  } else if (operation_ == SetupOperation::later_install) {
+  } else if (installs()) {
     EXPECT_NE(state, "missing");
     if (state == "not installed") {
-      expect_nothing_but_player_data(!left.contains("data/native/"));
+      expect_nothing_but_player_data(!left.contains("data/native/"), before());
     } else if (state == "complete") {
       // A failure after the commit takes nothing back.
       place_.expect_complete();
     }
   } else if (repairs()) {
     EXPECT_TRUE(state == "interrupted" || state == "complete") << state;
-    const std::string record =
-        left.contains("data/native/setup-status.json") ? left.at("data/native/setup-status.json") : std::string("{}");
-    const Json status = Json::parse(record);
+    const auto record = left.find("data/native/setup-status.json");
+    const auto former = before().find("data/native/setup-status.json");
+    const bool is_new = record != left.end() && (former == before().end() || former->second != record->second);
+    const Json status = Json::parse(is_new ? record->second : "{}");
     if (status.value("outcome", "") == "failed") {
       EXPECT_EQ(status.value("action", ""), "repair");
       EXPECT_EQ(status.value("message", "") + "\n", errors.substr(errors.find(": ") + 2));

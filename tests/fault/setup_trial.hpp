@@ -6,9 +6,12 @@
 #include <filesystem>
 #include <functional>
 #include <map>
+#include <optional>
 #include <set>
 #include <string>
+#include <vector>
 
+#include "fault/fault_chain.hpp"
 #include "support/process.hpp"
 #include "support/setup_place.hpp"
 
@@ -55,11 +58,19 @@ class SetupTrial {
   ProgramRun program() const;
 
   // Makes the place again as it was before the operation.
-  void restart() const { take("start"); }
+  void restart();
+
+  // Returns how to run what a user would run now: at first the operation, and later mostly the last command again where
+  // it has not ended. Returns nothing where only an install would be left, which refuses the folder.
+  std::optional<ProgramRun> next(ChainRandom& random);
 
   // Judges what the operation has left: the folder is in a known state and says so, the player's data is as it was, and
   // whatever may come next finishes. Returns the state. The place is left in no particular one.
   std::string judge(const SetupEnding& ending);
+
+  // Does so with a link of a chain, after the commands before it. A restart and a command that has succeeded are not
+  // taken back by what follows.
+  std::string judge(const ChainLink& link);
 
   // How many states were met that differ in more than the names and times that every run makes anew.
   std::size_t states() const { return states_.size(); }
@@ -67,16 +78,28 @@ class SetupTrial {
  private:
   using Files = std::map<std::string, std::string>;
 
-  std::string action() const;
-  bool installs() const { return action() == "install"; }
-  bool repairs() const { return action() == "repair"; }
-  bool uninstalls() const { return action() == "uninstall" || action() == "remove"; }
+  // What the place was at some time.
+  struct Stage {
+    std::string state;
+    Files files;
+    bool is_installed() const { return state == "complete" || state == "interrupted"; }
+  };
+
+  bool installs() const { return action_ == "install"; }
+  bool repairs() const { return action_ == "repair"; }
+  bool uninstalls() const { return action_ == "uninstall" || action_ == "remove"; }
+  std::string state() const;
+  void begin(const std::string& action);
+  const Files& before() const { return before_.files; }
+  bool was_uninstalled() const;
+  bool was_met(const Files& left) const;
+  void expect_player_data(const Files& left) const;
   bool starts_missing() const;
   std::string launcher_file() const;
   void keep(const std::string& name) const;
   void take(const std::string& name) const;
   std::string expect_known_state() const;
-  void expect_nothing_but_player_data(bool locks_may_stay = false) const;
+  void expect_nothing_but_player_data(bool locks_may_stay = false, const Files& may_stay = {}) const;
   void expect_unchanged(const Files& left) const;
   void judge_cut(const SetupEnding& ending, const std::string& state, const Files& left) const;
   void judge_ending(const SetupEnding& ending, const std::string& state, const Files& left) const;
@@ -89,6 +112,10 @@ class SetupTrial {
   const SetupPlace place_;
   Files start_;
   std::set<std::string> states_;
+  std::string action_;          // the command that is judged
+  Stage before_;                // what it has found
+  std::vector<Stage> earlier_;  // what a power cut may bring back: all from the last thing that lasts to what was found
+  bool data_may_go_ = false;    // whether any command was to remove the player's data
 };
 
 }  // namespace ravok::testing

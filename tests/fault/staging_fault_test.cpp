@@ -11,10 +11,13 @@
 
 #include "app/launcher/launcher_staging.hpp"
 #include "app/launcher/launcher_store.hpp"
+#include "fault/copied_downloads.hpp"
+#include "fault/fault_chain.hpp"
 #include "fault/fault_runner.hpp"
 #include "platform/file/posix_files.hpp"
 #include "platform/snapshot/snapshot_tree.hpp"
 #include "support/failure.hpp"
+#include "support/fast_volume.hpp"
 #include "support/staging_place.hpp"
 #include "support/tree_state.hpp"
 
@@ -120,8 +123,8 @@ class StagingFault : public ::testing::Test {
     EXPECT_GT(table.runs, 50u);
   }
 
-  const TemporaryRoot root_;
-  const TemporaryRoot elsewhere_;
+  const TemporaryRoot root_{fast_volume()};
+  const TemporaryRoot elsewhere_{fast_volume()};
   StagingPlace place_;
   const LauncherUpdate former_{"build-1"};
   const LauncherUpdate active_{"build-2"};
@@ -195,6 +198,45 @@ TEST_F(StagingFault, NextCleanupFinishes) {
     }
   };
   try_all();
+}
+
+TEST_F(StagingFault, InChainsReachesTheCandidateAndKeepsIt) {
+  place_.publish(newest_);
+  place_.tuf.refresh();
+  place_.tuf.repository.write(repository());
+  // Once a staging has ended well, nothing takes its candidate away.
+  bool promised = false;
+  FaultChainPlan plan;
+  plan.root = root_.path();
+  plan.folders = {data(), trust()};
+  plan.copied = [&] { adopt_downloads(data()); };
+  plan.chains = 10;
+  plan.reset = [&] {
+    promised = false;
+    reset();
+  };
+  plan.next = [&](ChainRandom& random) {
+    // Nothing is staged while a clean-up is to be finished.
+    const bool must_clean = std::filesystem::exists(paths().store / "cleanup.json");
+    return must_clean || random.chance(25) ? cleaning() : staging();
+  };
+  plan.judge = [&](const ChainLink& link) -> std::string {
+    if (link.call && !link.is_cut()) {
+      judge_ending({*link.call, link.mode, link.result});
+    }
+    promised = promised || (link.has_succeeded() && link.run.arguments.front() == "stage");
+    judge_store(newest_.reference());
+    const bool is_there = !LauncherStore::for_launch(data())->load().at("candidate").is_null();
+    EXPECT_TRUE(is_there || !promised);
+    expect_again(cleaning());
+    judge_store(newest_.reference());
+    EXPECT_EQ(!LauncherStore::for_launch(data())->load().at("candidate").is_null(), is_there);
+    expect_again(staging());
+    judge_store(newest_.reference());
+    EXPECT_EQ(LauncherStore::for_launch(data())->load().at("candidate"), newest_.reference());
+    return is_there ? "staged" : "not staged";
+  };
+  std::cout << run_fault_chains(plan);
 }
 
 }  // namespace
