@@ -52,7 +52,7 @@ class ReceiptStep {
     require(groups.size() < maximum_retained_downloads, "launcher_storage_full",
             "Retained download receipts reached their capacity");
     for (const Json& group : groups) {
-      if (is_superseded(group.at("receipt"))) {
+      if (is_text(group.at("receipt").at("target"), subject_.target)) {
         supersede(group);
       }
     }
@@ -99,27 +99,10 @@ class ReceiptStep {
     return is_file(*status);
   }
 
-  // Whether the receipt is of an earlier download of this target that no longer says what is there or will be: it ended
-  // before its first byte, its bytes could not become the target, or the target is gone, damaged or about to be another
-  // file.
-  bool is_superseded(const Json& receipt) const {
-    const std::string& target = text_at(receipt, "target");
-    return target == subject_.target &&
-           (is_text(receipt.at("phase"), download_phase::prepared) || !is_same_work(receipt) || !is_whole(receipt));
-  }
-
-  // Whether the target is what the receipt says that was signed.
-  bool is_whole(const Json& receipt) const {
-    try {
-      verify_target_file(download(text_at(receipt, "target")), receipt.at("authorization"), {});
-      return true;
-    } catch (const Error&) {
-      return false;
-    }
-  }
-
-  // Removes such a receipt. Two receipts for one target would make every later reading refuse the store. A checkpoint
-  // beside a complete receipt is what a crash has left of its removal.
+  // Removes the receipt of an earlier download of this target. That ended before its first byte, its bytes could not
+  // become the target, or the target was not found whole, be it only for a failure of the disk while it was read. Two
+  // receipts for one target would make every later reading refuse the store. A checkpoint beside a complete receipt is
+  // what a crash has left of its removal.
   void supersede(const Json& group) const {
     const Json& receipt = group.at("receipt");
     require(!is_there(download(text_at(receipt, "temporary"))) &&

@@ -25,8 +25,8 @@ class TargetDownloads {
   // that.
   //
   // A new receipt takes the place of an unfinished one of the same target, of which neither a partial file nor a
-  // checkpoint is left, and of a complete one that is for other bytes, for another reference or for a file that is
-  // gone or damaged. Where a partial file or the checkpoint of an unfinished one is left, "prepared" is refused.
+  // checkpoint is left, and of a complete one: a download begins only where the target was not found whole. Where a
+  // partial file or the checkpoint of an unfinished one is left, "prepared" is refused.
   //
   // It fails with "launcher_download_uncertain" for anything on the disk that it cannot explain, with
   // "launcher_storage_full" beyond 32 retained downloads, and as target_download_receipts, read_file and the writers of

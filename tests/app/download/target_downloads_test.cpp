@@ -225,11 +225,25 @@ TEST_F(DownloadObserver, GivesUpNoCompleteReceiptWhosePartialFileIsBack) {
   expect_refused("prepared", '2', "Download target and partial ownership overlap; preserve them");
 }
 
-TEST_F(DownloadObserver, SettlesBeforeANewAttempt) {
+// As it is when the disk fails while the target is read. A second receipt would block every later download.
+TEST_F(DownloadObserver, GivesUpACompleteReceiptForAFileThatWasNotFoundWhole) {
   tell("prepared", '1');
   write_target();
+  tell("complete", '1');
   tell("prepared", '2');
-  EXPECT_EQ(receipt('1'), archive_receipt('1', "complete").dump());
+  EXPECT_FALSE(std::filesystem::exists(root_ / intent('1')));
+  EXPECT_EQ(receipt('2'), archive_receipt('2').dump());
+  EXPECT_EQ(target_download_receipts(store()).size(), 1u);
+}
+
+// Before a new attempt, one that ended between the move of its file and its receipt is settled, and so can be given up.
+TEST_F(DownloadObserver, GivesUpAnEarlierAttemptWhoseTargetIsThere) {
+  tell("prepared", '1');
+  write_target();
+  write_checkpoint('1');
+  tell("prepared", '2');
+  EXPECT_FALSE(std::filesystem::exists(root_ / intent('1')));
+  EXPECT_EQ(target_download_receipts(store()).size(), 1u);
 }
 
 TEST_F(DownloadObserver, RetainsAtMost32Downloads) {
