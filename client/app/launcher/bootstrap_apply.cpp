@@ -70,7 +70,7 @@ class BootstrapApplication {
     }
     const bool is_restored = moves->restore();
     if (is_rejected) {
-      return reject(Error("bootstrap_rejected", "The update has failed before"), is_restored);
+      return reject(Error("bootstrap_rejected", "The update has failed before"), is_restored && moves->undo());
     }
     if (!is_restored) {
       return reject(Error("file_write", "Cannot restore the old bootstrap"), false);

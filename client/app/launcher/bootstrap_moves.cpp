@@ -185,7 +185,7 @@ bool BootstrapMoves::restore() {
       restored = false;
     }
   }
-  return flush_quietly() && restored;
+  return restored;
 }
 
 bool BootstrapMoves::restore_file(const std::string& path) {
@@ -227,9 +227,12 @@ void BootstrapMoves::move(TreePaths& from, const std::string& name, TreePaths& t
 }
 
 Problem BootstrapMoves::remove(const std::string& path) {
-  changed_.insert(directory_of(path));
   const Result<int> parent = tree_.parent_of(path);
-  return parent ? os::remove_at(*parent, last_name(path).c_str()) : parent.problem();
+  if (!parent) {
+    return parent.problem();
+  }
+  changed_.insert(directory_of(path));
+  return os::remove_at(*parent, last_name(path).c_str());
 }
 
 void BootstrapMoves::require_update_whole() {
@@ -264,6 +267,7 @@ void BootstrapMoves::keep_old_files() {
 Result<Status> BootstrapMoves::look_behind_directory(const std::string& path) {
   const Result<int> parent = tree_.parent_of(path);
   if (parent && !os::remove_directory_at(*parent, last_name(path).c_str())) {
+    changed_.erase(path);
     changed_.insert(directory_of(path));
   }
   return look(path);

@@ -27,9 +27,9 @@ class BootstrapMoves {
   // an installed tree that is missing or a link.
   BootstrapMoves(const BootstrapPaths& paths, const SnapshotManifest& installed, const SnapshotManifest& update);
 
-  // Puts back what an interrupted attempt has replaced in the installed tree, durably: a file that differs from the
-  // installed manifest and lies whole under its second name, and removes what the attempt has added. Returns whether
-  // the attempt has left nothing.
+  // Puts back what an interrupted attempt has replaced in the installed tree: a file that differs from the installed
+  // manifest and lies whole under its second name, and removes what the attempt has added. Returns whether the attempt
+  // has left nothing. That is durable, whoever has put it back, after keep_old_files or undo.
   bool restore();
 
   // Fails with "content_mismatch" unless every file of the update is an ordinary file with its digest and may be
@@ -45,7 +45,7 @@ class BootstrapMoves {
   // file, and otherwise in the same way.
   void put_new_files();
 
-  // Takes back all moves of this object, the last one first and on after one that cannot be taken back. Returns whether
+  // Takes back what was kept and put, the last move first and on after one that cannot be taken back. Returns whether
   // all of them have been taken back, durably.
   bool undo() noexcept;
 

@@ -59,6 +59,8 @@ class BootstrapStaging {
 
   std::string run() {
     if (is_there(paths_.update_manifest)) {
+      // Who prepared it may have ended before that was durable.
+      native_.flush();
       return "pending";
     }
     const std::optional<std::string> text = published_manifest();

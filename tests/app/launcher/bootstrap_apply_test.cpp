@@ -309,6 +309,21 @@ TEST_F(ApplyBootstrapUpdate, PutsAFileInThePlaceOfAnEmptyDirectory) {
   expect_applied(apply(), file);
 }
 
+TEST_F(ApplyBootstrapUpdate, PutsAFileInThePlaceOfADirectoryWhoseFilesAreGone) {
+  const BootstrapRelease file = bootstrap_release("build-2", ending_program(0), {{"left", "a file"}});
+  place.install(bootstrap_release("build-1", ending_program(0, "old"), {{"left/only", "gone"}}));
+  std::filesystem::remove(place.paths.tree / "left/only");
+  place.prepare(file);
+  expect_applied(apply(), file);
+}
+
+TEST_F(ApplyBootstrapUpdate, GoesOnWhereADirectoryIsGone) {
+  const BootstrapRelease small = bootstrap_release("build-2", ending_program(0), {{"note", "a file"}});
+  std::filesystem::remove_all(place.paths.tree / "data");
+  place.prepare(small);
+  expect_applied(apply(), small);
+}
+
 TEST_F(ApplyBootstrapUpdate, RefusesNamesOfReplacedFiles) {
   const BootstrapRelease bad = bootstrap_release("build-2", ending_program(0), {{"data/x.old", "a file"}});
   place.prepare(bad);
@@ -548,6 +563,32 @@ TEST_F(ApplyBootstrapUpdate, TakesAllBackWhereACallFails) {
     EXPECT_FALSE(exists(place.paths.update_manifest));
     EXPECT_EQ(BootstrapPlace::read(place.paths.rejected), next.sha256());
   }
+}
+
+// A process that has put all files back may have ended before that was durable, and only the manifest leads back.
+TEST_F(ApplyBootstrapUpdate, TriesAWayBackAgainThatAPowerCutMayUndo) {
+  place.prepare(next);
+  atomic_write(place.paths.rejected, next.sha256());
+  {
+    const Planned plan(failing("fsync", EIO, 1));
+    EXPECT_EQ(described(apply()), "bootstrap_rejected: The update has failed before");
+    ASSERT_TRUE(plan.happened());
+  }
+  EXPECT_TRUE(exists(place.paths.update_manifest));
+  expect_rejected(apply(), next, "bootstrap_rejected: The update has failed before");
+}
+
+// After a process that has ended in the same way, an attempt fails before it has moved anything.
+TEST_F(ApplyBootstrapUpdate, TriesAgainWhereAFailedAttemptBeganWithWhatAPowerCutMayUndo) {
+  place.prepare(next);
+  std::filesystem::resize_file(place.paths.update_tree / "data/note", 1);
+  {
+    const Planned plan(failing("fsync", EIO, 1));
+    EXPECT_EQ(described(apply()), "content_mismatch: Staged bootstrap file changed: data/note");
+    ASSERT_TRUE(plan.happened());
+  }
+  EXPECT_TRUE(exists(place.paths.update_manifest));
+  expect_rejected(apply(), next, "bootstrap_rejected: The update has failed before");
 }
 
 TEST_F(ApplyBootstrapUpdate, TriesAWayBackAgainWhereAFileCannotBeLookedAt) {

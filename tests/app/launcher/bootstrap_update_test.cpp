@@ -1,6 +1,7 @@
 #include "app/launcher/bootstrap_update.hpp"
 
 #include <algorithm>
+#include <cerrno>
 #include <chrono>
 #include <filesystem>
 #include <functional>
@@ -16,6 +17,7 @@
 #include "support/bootstrap_place.hpp"
 #include "support/clock_calls.hpp"
 #include "support/failure.hpp"
+#include "support/file_calls.hpp"
 #include "support/patient_start.hpp"
 #include "support/tuf_place.hpp"
 
@@ -189,6 +191,18 @@ TEST_F(StageBootstrapUpdate, AsksNobodyWhileAnUpdateWaits) {
   EXPECT_EQ(stage(), "pending");
   EXPECT_EQ(tuf.transport.requests().size(), 0u);
   EXPECT_TRUE(testing::same_tree(state(), before));
+}
+
+// Who prepared it may have ended before that was durable.
+TEST_F(StageBootstrapUpdate, SaysThatAnUpdateWaitsOnlyOnceNoPowerCutUndoesIt) {
+  publish(next);
+  place.prepare(bootstrap_release("build-3", ending_program(0)));
+  {
+    const testing::Planned plan(testing::failing("fsync", EIO));
+    EXPECT_FAILURE(stage(), "file_sync", "Could not durably synchronize directory");
+    EXPECT_TRUE(plan.happened());
+  }
+  EXPECT_EQ(stage(), "pending");
 }
 
 TEST_F(StageBootstrapUpdate, WaitsFifteenSecondsForTheLock) {
