@@ -229,11 +229,11 @@ class BootstrapRun {
     const std::string& sha256 = text_at(reference, "manifest_sha256");
     const std::uint32_t failed = failed_starts_.manifest_sha256 == sha256 ? failed_starts_.attempts : 0;
     require(failed < maximum_failed_starts, damaged_code, "This Ravok version failed to start twice");
+    // This asks for the last time at its end.
     verify_snapshot_tree(manifest, payload, [this](std::uint64_t, std::uint64_t) { return !user_wants_to_stop(); });
     if (!is_console()) {
       mark_start(store.root(), sha256, failed + 1, seconds_since_epoch());
     }
-    require_no_wish_to_stop();
     signals_.reset();
     exec_process(entry, launcher_arguments(data_root_, forwarded_), payload, cleared_startup_environment());
   }

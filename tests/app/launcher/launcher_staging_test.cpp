@@ -1,6 +1,8 @@
 #include "app/launcher/launcher_staging.hpp"
 
 #include <algorithm>
+#include <cerrno>
+#include <cstdint>
 #include <filesystem>
 #include <functional>
 #include <map>
@@ -13,10 +15,12 @@
 #include <gtest/gtest.h>
 
 #include "app/download/launcher_downloads.hpp"
+#include "app/launcher/launcher_cleanup.hpp"
 #include "platform/file/tree.hpp"
 #include "support/clock_calls.hpp"
 #include "support/download_builder.hpp"
 #include "support/failure.hpp"
+#include "support/file_calls.hpp"
 #include "support/staging_place.hpp"
 #include "support/tree_state.hpp"
 #include "tuf/target_fetch.hpp"
@@ -340,6 +344,32 @@ TEST_F(LauncherStagings, TakeOnlyTheArchiveThatTheManifestDeclares) {
   targets.erase(first_.target());
   place_.tuf.repository.publish();
   expect_refused("target_not_found", "Target is not authorized by the repository: " + first_.target());
+}
+
+// The clean-up removes only what an intent explains.
+TEST_F(LauncherStagings, KeepTheIntentOfWorkThatIsNotRemovedForGood) {
+  install(first_);
+  place_.publish(second_);
+  for (const char* call : {"unlink", "fsync"}) {
+    SCOPED_TRACE(call);
+    std::optional<testing::Planned> plan;
+    const auto cancel_unpacking = [&](std::uint64_t, std::uint64_t) {
+      if (std::filesystem::is_empty(place_.paths().staging)) {
+        return true;
+      }
+      if (!plan) {
+        plan.emplace(testing::failing(call, EIO));
+      }
+      return false;
+    };
+    EXPECT_FAILURE(place_.stage(false, cancel_unpacking), "cancelled", "Operation cancelled at a safe boundary");
+    ASSERT_TRUE(plan && plan->happened());
+    EXPECT_EQ(entries(place_.paths().intents), 1u);
+    plan.reset();
+    clean_launcher_store(place_.launcher.store);
+    EXPECT_TRUE(std::filesystem::is_empty(place_.paths().intents));
+    EXPECT_TRUE(std::filesystem::is_empty(place_.paths().staging));
+  }
 }
 
 TEST_F(LauncherStagings, RefuseOtherContentForABuildThatIsNamed) {

@@ -40,6 +40,7 @@ struct Answers {
   bool windows_can_be_bounded = true;
   bool readers_can_be_made = true;
   bool types_are_told = true;
+  bool names_can_be_looked_at = true;
   bool names_can_be_read = true;
   bool files_are_told_once = true;
   bool compressors_can_be_made = true;
@@ -71,6 +72,15 @@ int __wrap_fallocate(int descriptor, int mode, off_t offset, off_t length) {
     return -1;
   }
   return __real_fallocate(descriptor, mode, offset, length);
+}
+
+int __real_fstatat(int directory, const char* name, struct stat* status, int flags);
+int __wrap_fstatat(int directory, const char* name, struct stat* status, int flags) {
+  if (!answers.names_can_be_looked_at) {
+    errno = EIO;
+    return -1;
+  }
+  return __real_fstatat(directory, name, status, flags);
 }
 
 int __real_fsync(int descriptor);
@@ -333,6 +343,14 @@ TEST_F(SnapshotFaultTest, WalksAVolumeThatDoesNotTellWhatItsEntriesAre) {
   const std::map<std::string, EntryType> expected = {
       {"a", EntryType::directory}, {"a/file", EntryType::file}, {"link", EntryType::link}, {"queue", EntryType::other}};
   EXPECT_EQ(seen, expected);
+}
+
+TEST_F(SnapshotFaultTest, FailsWhereATypeCannotBeFoundOut) {
+  extract();
+  answers.types_are_told = false;
+  answers.names_can_be_looked_at = false;
+  EXPECT_FAILURE(verify_snapshot_tree(snapshot.manifest, staging, {}), "tree_read",
+                 "Cannot read a directory of the tree");
 }
 
 TEST_F(SnapshotFaultTest, FailsWhereADirectoryCannotBeReadToItsEnd) {
