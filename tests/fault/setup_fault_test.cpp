@@ -76,14 +76,19 @@ INSTANTIATE_TEST_SUITE_P(Setup, SetupFaultChain, ::testing::ValuesIn(all_setup_o
 TEST(SetupCalls, AnInstallFlushesTheNamesOfTheFolderThatAnEndedOneHasMade) {
   const SetupTrial trial(SetupOperation::first_install);
   const std::filesystem::path data = trial.place().data();
-  for (const std::filesystem::path& made : {trial.place().place(), data}) {
+  const DataPaths paths = trial.place().paths();
+  for (const std::filesystem::path& made : {trial.place().place(), data, paths.native}) {
     std::filesystem::create_directory(made);
     std::filesystem::permissions(made, std::filesystem::perms::owner_all);
   }
   const FaultRun run = run_with_fault(trial.program(), trial.place().root().path());
   ASSERT_EQ(run.result.exit_code, 0) << run.result.errors;
-  for (const std::filesystem::path& parent : {data.parent_path(), data.parent_path().parent_path()}) {
-    EXPECT_TRUE(std::any_of(run.calls.begin(), run.calls.end(), [&](const FaultCall& call) {
+  // The next name in the folder is that of a lock, which alone does not mark a data folder.
+  const auto lock = std::find_if(run.calls.begin(), run.calls.end(),
+                                 [&](const FaultCall& call) { return call.path == paths.bootstrap_lock; });
+  ASSERT_NE(lock, run.calls.end());
+  for (const std::filesystem::path& parent : {data, data.parent_path(), data.parent_path().parent_path()}) {
+    EXPECT_TRUE(std::any_of(run.calls.begin(), lock, [&](const FaultCall& call) {
       return call.name == "fsync" && call.path == parent;
     })) << parent;
   }

@@ -144,9 +144,9 @@ class Installation {
     setup_lock_ =
         std::make_unique<NativeFileLock>(paths_.setup_lock, true, NativeLockSharing::others, LockMode::exclusive);
     require_state_still();
-    // An install that was ended may have made the folder.
-    posix_files::flush_private_levels(paths_.root);
     native_ = root_->private_directory(name_of(paths_.native));
+    // An install that was ended may have made the folders. What follows makes names that alone would be nobody's.
+    posix_files::flush_private_levels(paths_.native);
     bootstrap_lock_ = wait_for_ravok_closed(paths_, std::chrono::milliseconds(0), cancellation_);
     const InstallPlan plan = make_plan();
     native_->remove_tree_quietly(name_of(paths_.staging));

@@ -578,6 +578,19 @@ TEST_F(ApplyBootstrapUpdate, TriesAWayBackAgainThatAPowerCutMayUndo) {
   expect_rejected(apply(), next, "bootstrap_rejected: The update has failed before");
 }
 
+TEST_F(ApplyBootstrapUpdate, TriesTheWayBackOfARejectedOneAgain) {
+  place.prepare(next);
+  atomic_write(place.paths.rejected, next.sha256());
+  move_into_place(bootstrap_program);
+  {
+    const Planned plan(failing("rename", EIO, 1));
+    EXPECT_EQ(described(apply()), "bootstrap_rejected: The update has failed before");
+    ASSERT_TRUE(plan.happened());
+  }
+  EXPECT_TRUE(exists(place.paths.update_manifest));
+  expect_rejected(apply(), next, "bootstrap_rejected: The update has failed before");
+}
+
 // After a process that has ended in the same way, an attempt fails before it has moved anything.
 TEST_F(ApplyBootstrapUpdate, TriesAgainWhereAFailedAttemptBeganWithWhatAPowerCutMayUndo) {
   place.prepare(next);

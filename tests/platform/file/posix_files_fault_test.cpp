@@ -87,6 +87,15 @@ TEST_F(PosixFilesFault, NamesOfPrivateLevelsThatCannotBeFlushedAreTold) {
   }
 }
 
+TEST_F(PosixFilesFault, TheNamesOfALevelThatCannotBeLookedAtAreNotFlushed) {
+  const std::filesystem::path path = make_private("a");
+  // Resolving the system's own links takes one look at each level.
+  const Planned set(failing("lstat", EIO, levels_ + 2));
+  posix_files::flush_private_levels(path);
+  EXPECT_TRUE(set.happened());
+  EXPECT_EQ(set.count("fsync"), 0);
+}
+
 TEST_F(PosixFilesFault, ALevelThatMayNotBeListedIsPassedOver) {
   make_private("plain/a");
   const std::filesystem::path path = make_private("plain/a/b");
