@@ -84,11 +84,10 @@ endif()
 if(RAVOK_COVERAGE)
   # Each program writes its counts as it goes, so that those of a program that is killed are there too, into a file of its
   # own below this folder, whatever its environment says, and counts nothing twice or not at all where several of it run
-  # at once. What the tests do is not of interest.
-  set(ravok_counting "-fprofile-instr-generate=${PROJECT_BINARY_DIR}/counts/%m%c.profraw" -fcoverage-mapping
-    -fprofile-update=atomic "SHELL:-mllvm -runtime-counter-relocation")
+  # at once. Tests count as well, since a program has one copy of what stands in a header, which may be that of a test.
   target_compile_options(ravok_options INTERFACE -O0
-    "$<$<NOT:$<BOOL:$<TARGET_PROPERTY:RAVOK_TEST_CODE>>>:${ravok_counting}>")
+    "-fprofile-instr-generate=${PROJECT_BINARY_DIR}/counts/%m%c.profraw" -fcoverage-mapping -fprofile-update=atomic
+    "SHELL:-mllvm -runtime-counter-relocation")
   target_link_options(ravok_options INTERFACE -fprofile-instr-generate)
 endif()
 
