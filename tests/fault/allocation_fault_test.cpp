@@ -220,8 +220,9 @@ class SnapshotAllocationFault : public AllocationFault {
     if (run.ending == Ending::exited) {
       return;
     }
-    for (const auto& [name, node] : tree_state(staging_)) {
-      if (node.ends_with(" directory")) {
+    for (const auto& entry : tree_state(staging_)) {
+      const std::string& name = entry.first;
+      if (entry.second.ends_with(" directory")) {
         continue;
       }
       const auto file =
