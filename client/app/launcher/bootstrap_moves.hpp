@@ -65,6 +65,7 @@ class BootstrapMoves {
   void copy(int directory, const std::string& name, const std::string& copy_name) const;
   void take_out(const std::string& path);
   void put(const std::string& path);
+  static Problem flush_anew(TreePaths& tree, const std::string& path);
   void move(TreePaths& from, const std::string& name, TreePaths& to, const std::string& new_name);
   Problem remove(const std::string& path);
   void flush();

@@ -578,6 +578,35 @@ TEST_F(ApplyBootstrapUpdate, TriesAWayBackAgainThatAPowerCutMayUndo) {
   expect_rejected(apply(), next, "bootstrap_rejected: The update has failed before");
 }
 
+// Otherwise a power cut right behind a move may leave neither file on btrfs.
+TEST_F(ApplyBootstrapUpdate, MovesOnlyFilesThatItHasChangedAndFlushed) {
+  const auto expect_flushed = [](const Planned& plan, std::ptrdiff_t moves) {
+    const std::vector<std::string> calls = plan.order_of({"fchmod", "fsync", "rename"});
+    EXPECT_GE(std::count(calls.begin(), calls.end(), "rename"), moves);
+    for (std::size_t i = 0; i < calls.size(); ++i) {
+      if (calls[i] == "rename") {
+        EXPECT_TRUE(i >= 2 && calls[i - 1] == "fsync" && calls[i - 2] == "fchmod") << i;
+      }
+    }
+  };
+  place.prepare(next);
+  {
+    const Planned plan(failing("none", 0));
+    expect_applied(apply(), next);
+    expect_flushed(plan, 4);
+  }
+  // And on the way back.
+  place.install(old);
+  place.prepare(next);
+  for (const std::string& path : {std::string("data/note"), std::string(bootstrap_program)}) {
+    move_into_place(path);
+  }
+  const Planned plan(failing("none", 0));
+  EXPECT_EQ(apply().end, End::rejected);
+  EXPECT_TRUE(place.holds(old));
+  expect_flushed(plan, 2);
+}
+
 TEST_F(ApplyBootstrapUpdate, TriesTheWayBackOfARejectedOneAgain) {
   place.prepare(next);
   atomic_write(place.paths.rejected, next.sha256());
