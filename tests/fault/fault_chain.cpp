@@ -199,6 +199,12 @@ Fault choose_fault(const FaultRun& counted, bool is_carrying, ChainRandom& rando
     fault.mode = FaultMode::exit;
     fault.number = choose_ending(counted, fault.mode, true, random);
   }
+  if (fault.mode == FaultMode::names && fault.number <= counted.calls.size()) {
+    const std::vector<std::uint64_t>& halves = counted.calls.at(fault.number - 1).halves;
+    if (!halves.empty() && random.chance(50)) {
+      fault.loss = {NameLoss::Kind::half, halves[random.below(halves.size())]};
+    }
+  }
   return fault;
 }
 

@@ -23,7 +23,8 @@
 //                        changes of names that it has made have the numbers from 1000001 on. Without a store, no name
 //                        is lost, and the files of earlier programs are taken for flushed.
 //   RAVOK_FAULT_LOST     Which names the mode "names" loses: "all"; "only N", the change that call N made; "but N",
-//                        all but that one; "some N", each or not, as it comes out of the number N.
+//                        all but that one; "some N", each or not, as it comes out of the number N; "half N", that
+//                        one alone, and with it the name that it has replaced.
 //   RAVOK_FAULT_REPORT   A file that gets one line for every counted call, with a tab between the fields: the number,
 //                        the function, the modes possible for this very call (separated by commas), the mode that
 //                        was applied or "-", how many files were flushed before, the numbers of the calls whose
@@ -245,6 +246,9 @@ void note_write(int descriptor) {
   if (!status_of(descriptor, status) || !S_ISREG(status.st_mode)) {
     return;
   }
+  if (names_watched()) {
+    touch_file(status.st_ino);
+  }
   const WrittenFilesLock lock;
   WrittenFile* file = find_written(status);
   if (file == nullptr) {
@@ -259,6 +263,9 @@ void note_flush(int descriptor) {
   const KeptErrno kept;
   if (!status_of(descriptor, status)) {
     return;
+  }
+  if (names_watched()) {
+    flush_file(status.st_ino);
   }
   const WrittenFilesLock lock;
   if (WrittenFile* const file = find_written(status)) {
@@ -842,7 +849,10 @@ void take_loss(const char* loss) {
   const struct {
     const char* word;
     NameLoss::Kind kind;
-  } kinds[] = {{"only ", NameLoss::Kind::only}, {"but ", NameLoss::Kind::but}, {"some ", NameLoss::Kind::some}};
+  } kinds[] = {{"only ", NameLoss::Kind::only},
+               {"but ", NameLoss::Kind::but},
+               {"some ", NameLoss::Kind::some},
+               {"half ", NameLoss::Kind::half}};
   for (const auto& [word, kind] : kinds) {
     const std::size_t size = std::strlen(word);
     if (std::strncmp(loss, word, size) == 0 && loss[size] >= '0' && loss[size] <= '9') {
@@ -854,7 +864,7 @@ void take_loss(const char* loss) {
     }
   }
   if (std::strcmp(loss, "all") != 0) {
-    refuse("RAVOK_FAULT_LOST must be all, only N, but N or some N");
+    refuse("RAVOK_FAULT_LOST must be all, only N, but N, some N or half N");
   }
 }
 
@@ -1249,7 +1259,12 @@ int chmod(const char* path, mode_t mode) noexcept {
 }
 
 int fchmod(int descriptor, mode_t mode) noexcept {
-  return counted<"fchmod", int(int, mode_t)>(can_eio, of(descriptor), descriptor, mode);
+  const int result = counted<"fchmod", int(int, mode_t)>(can_eio, of(descriptor), descriptor, mode);
+  struct stat status;
+  if (result == 0 && control.active && names_watched() && status_of(descriptor, status) && S_ISREG(status.st_mode)) {
+    touch_file(status.st_ino);
+  }
+  return result;
 }
 
 int fchmodat(int directory, const char* path, mode_t mode, int flags) noexcept {

@@ -253,6 +253,7 @@ class LostNames : public ::testing::Test {
 constexpr NameLoss::Kind all = NameLoss::Kind::all;
 constexpr NameLoss::Kind only = NameLoss::Kind::only;
 constexpr NameLoss::Kind but = NameLoss::Kind::but;
+constexpr NameLoss::Kind half = NameLoss::Kind::half;
 
 TEST_F(LostNames, EveryKindOfChangeIsTakenBack) {
   const TreeState before = tree_state(work_);
@@ -313,6 +314,28 @@ TEST_F(LostNames, WhatCannotBeWithoutALostChangeIsLostToo) {
   EXPECT_TRUE(same_tree(left({"rename:old:a", "rename:a:b", "rename:b:c"}, only, 1), after({"rename:old:a"})));
   EXPECT_TRUE(same_tree(left({"link:old:a", "unlink:old"}, only, 1), after({"link:old:a"})));
   EXPECT_TRUE(same_tree(left({"link:old:a", "unlink:old"}, only, 0), after({"unlink:old"})));
+}
+
+TEST_F(LostNames, HalfOfAMoveTakesTheReplacedFileAlong) {
+  EXPECT_TRUE(same_tree(left({"rename:old:target"}, half), after({"unlink:target"})));
+  EXPECT_TRUE(
+      same_tree(left({"link:target:a", "rename:old:target"}, half, 1), after({"link:target:a", "unlink:target"})));
+  EXPECT_TRUE(same_tree(left({"make:a", "rename:full/in:old"}, half, 1), after({"make:a", "unlink:old"})));
+}
+
+TEST_F(LostNames, OnlyTheMoveOfAFileThatWasNotChangedAndFlushedMayBeHalfLost) {
+  const auto halves = [this](const Steps& steps) { return counted(steps).end.value().halves.size(); };
+  EXPECT_EQ(halves({"rename:old:target"}), 1u);
+  EXPECT_EQ(halves({"flush:old", "rename:old:target"}), 1u);
+  EXPECT_EQ(halves({"change:old", "rename:old:target"}), 1u);
+  EXPECT_EQ(halves({"flush:old", "change:old", "rename:old:target"}), 1u);
+  EXPECT_EQ(halves({"change:old", "flush:old", "rename:old:target"}), 0u);
+  EXPECT_EQ(halves({"change:old", "flush:old", "change:old", "rename:old:target"}), 1u);
+  EXPECT_EQ(halves({"rename:old:new"}), 0u);
+  EXPECT_EQ(halves({"new:old:moved"}), 0u);
+  EXPECT_EQ(halves({"swap:old:target"}), 0u);
+  EXPECT_EQ(halves({"mkdir:a", "rename:a:empty"}), 0u);
+  EXPECT_EQ(halves({"rename:old:target", "flush:."}), 0u);
 }
 
 TEST_F(LostNames, WhatLastsTakesAlongWhatItStandsOn) {
@@ -598,8 +621,8 @@ TEST_F(FaultLibrary, RefusesSettingsThatMeanNothing) {
       {"RAVOK_FAULT_CALL", "-1", "RAVOK_FAULT_CALL must be a decimal number"},
       {"RAVOK_FAULT_CALL", "1x", "RAVOK_FAULT_CALL must be a decimal number"},
       {"RAVOK_FAULT_MODE", "enoent", "RAVOK_FAULT_MODE must be exit, power, names, torn, eio or enospc"},
-      {"RAVOK_FAULT_LOST", "none", "RAVOK_FAULT_LOST must be all, only N, but N or some N"},
-      {"RAVOK_FAULT_LOST", "only 1x", "RAVOK_FAULT_LOST must be all, only N, but N or some N"},
+      {"RAVOK_FAULT_LOST", "none", "RAVOK_FAULT_LOST must be all, only N, but N, some N or half N"},
+      {"RAVOK_FAULT_LOST", "only 1x", "RAVOK_FAULT_LOST must be all, only N, but N, some N or half N"},
       {"RAVOK_FAULT_STORE", "/nowhere/store", "RAVOK_FAULT_STORE must be a directory"},
       {"RAVOK_FAULT_REPORT", "/nowhere/report", "RAVOK_FAULT_REPORT cannot be opened"},
   };

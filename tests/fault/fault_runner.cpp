@@ -38,11 +38,14 @@ std::vector<FaultMode> modes_called(const std::string& names) {
   return modes;
 }
 
-std::vector<std::uint64_t> numbers(const std::string& text) {
+// The numbers of a list, or only those that are marked.
+std::vector<std::uint64_t> numbers(const std::string& text, bool marked = false) {
   std::vector<std::uint64_t> found;
   std::istringstream stream(text);
   for (std::string number; text != "-" && std::getline(stream, number, ',');) {
-    found.push_back(std::stoull(number));
+    if (!marked || number.ends_with('~')) {
+      found.push_back(std::stoull(number));
+    }
   }
   return found;
 }
@@ -62,7 +65,8 @@ std::vector<FaultCall> parse_report(const std::string& report) {
     std::getline(fields, callers, '\t');
     std::getline(fields, path);
     calls.push_back({std::stoull(number), name, modes_called(modes), modes_called(applied), std::stoull(flushed),
-                     pending == "=" ? calls.back().pending : numbers(pending), std::stoull(callers), path});
+                     pending == "=" ? calls.back().pending : numbers(pending),
+                     pending == "=" ? calls.back().halves : numbers(pending, true), std::stoull(callers), path});
   }
   return calls;
 }
@@ -78,7 +82,9 @@ std::string description(const FaultRun& counted, const FaultCall& call, FaultMod
     if (loss.kind == NameLoss::Kind::all) {
       text += "all";
     } else {
-      text += loss.kind == NameLoss::Kind::only ? "only that of " : "all but that of ";
+      text += loss.kind == NameLoss::Kind::only   ? "only that of "
+              : loss.kind == NameLoss::Kind::half ? "half that of "
+                                                  : "all but that of ";
       text += text_of(counted.calls.at(loss.change - 1));
     }
   }
@@ -92,9 +98,14 @@ const FaultCall& call_of(const FaultRun& run, std::uint64_t number) {
 // Returns the changes of names, of those made before a cut, that the cut leaves.
 std::set<std::uint64_t> kept_changes(std::set<std::uint64_t> all, const FaultCall& call, const NameLoss& loss) {
   for (const std::uint64_t change : call.pending) {
-    if (loss.kind == NameLoss::Kind::all || (loss.kind == NameLoss::Kind::only) == (change == loss.change)) {
+    const bool is_lost_alone = loss.kind == NameLoss::Kind::only || loss.kind == NameLoss::Kind::half;
+    if (loss.kind == NameLoss::Kind::all || is_lost_alone == (change == loss.change)) {
       all.erase(change);
     }
+  }
+  if (loss.kind == NameLoss::Kind::half) {
+    constexpr std::uint64_t half_done = std::uint64_t{1} << 63;
+    all.insert(half_done + loss.change);
   }
   return all;
 }
@@ -163,6 +174,8 @@ std::string text_of(const NameLoss& loss) {
       return "but " + std::to_string(loss.change);
     case NameLoss::Kind::some:
       return "some " + std::to_string(loss.change);
+    case NameLoss::Kind::half:
+      return "half " + std::to_string(loss.change);
   }
   return "";
 }
@@ -273,6 +286,9 @@ std::vector<NameCut> name_cuts(const FaultRun& run, std::uint64_t most) {
     for (const std::size_t chosen : spread(point.pending.size(), ++turn)) {
       add({NameLoss::Kind::only, point.pending[chosen]});
       add({NameLoss::Kind::but, point.pending[chosen]});
+    }
+    for (const std::size_t chosen : spread(point.halves.size(), turn)) {
+      add({NameLoss::Kind::half, point.halves[chosen]});
     }
   }
   const std::uint64_t wanted =

@@ -42,6 +42,7 @@ struct FaultCall {
   std::vector<FaultMode> applied;      // what happened to it: nothing or one mode
   std::uint64_t flushed_files = 0;     // how many files had been flushed before
   std::vector<std::uint64_t> pending;  // the calls whose changes of names a power cut could lose here
+  std::vector<std::uint64_t> halves;   // those of them that are moves which could be half lost
   std::uint64_t callers = 0;           // in a counted run, the same for the same last functions on the way to it
   std::filesystem::path path;          // the path that it concerned, the first of two
 };
@@ -55,9 +56,10 @@ struct FaultRun {
 
 // Which names a power cut loses of those that it may.
 struct NameLoss {
-  enum class Kind { all, only, but, some };
+  enum class Kind { all, only, but, some, half };
   Kind kind = Kind::all;
-  // The call whose change is lost alone, or kept alone; for some, what decides about each change by itself.
+  // The call whose change is lost alone, kept alone, or half lost alone; for some, what decides about each change by
+  // itself.
   std::uint64_t change = 0;
 };
 
@@ -85,7 +87,7 @@ bool is_new_end(const FaultCall& before, FaultMode mode);
 // How a program ended, in a few words: its signal, or its code and the code of its message.
 std::string ending_of(const ProgramResult& result);
 
-// "all", "only N", "but N" or "some N", as the library takes it.
+// "all", "only N", "but N", "some N" or "half N", as the library takes it.
 std::string text_of(const NameLoss& loss);
 
 // A power cut at a call or at the end, and the names that it loses.
@@ -96,8 +98,8 @@ struct NameCut {
 
 // Returns the power cuts that differ in what they leave of a counted run. At every call from which on other names may
 // be lost, there is a cut that loses all of them, and for each of them a cut that loses it alone and one that loses all
-// but it; of more than eight changes, eight are chosen, spread over them. More than `most` cuts are thinned out evenly,
-// except those after a flush, a link or a move, and those at the end.
+// but it; of more than eight changes, eight are chosen, spread over them. So there are cuts that lose half of a move.
+// More than `most` cuts are thinned out evenly, except those after a flush, a link or a move, and those at the end.
 std::vector<NameCut> name_cuts(const FaultRun& run, std::uint64_t most);
 
 struct FaultOutcome {

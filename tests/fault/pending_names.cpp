@@ -35,6 +35,7 @@ struct Change {
   ino_t object = 0;  // what is removed or moved, or had the first name of an exchange
   ino_t other = 0;   // what had the second name of an exchange
   bool exclusive = false;
+  bool may_be_half = false;
   Removing gone;  // what a removal or a move took away, or what an undone making had made
   bool to_is_flushed = false;
   bool from_is_flushed = false;
@@ -48,6 +49,16 @@ constinit std::size_t change_count = 0;
 constinit std::size_t pending_count = 0;
 constinit std::atomic<std::uint64_t> version = 0;
 constinit int slot_count = 0;
+
+// A file that the program has changed, and whether it has flushed it since.
+struct TouchedFile {
+  ino_t inode = 0;
+  bool is_flushed = false;
+};
+constexpr std::size_t most_touched_files = 8192;
+constinit TouchedFile touched_files[most_touched_files];
+constinit std::size_t touched_file_count = 0;
+
 constinit int store = -1;
 constinit dev_t store_device = 0;
 constinit char store_path[4096] = {};
@@ -229,6 +240,15 @@ int keep(const KnownName& place) {
   return opened < 0 ? -1 : move_away(opened);
 }
 
+TouchedFile* touched(ino_t file) {
+  for (std::size_t i = 0; i < touched_file_count; ++i) {
+    if (touched_files[i].inode == file) {
+      return &touched_files[i];
+    }
+  }
+  return nullptr;
+}
+
 // Keeps what a move replaces: a file by a second name or a descriptor; an empty directory by moving it away before the
 // call.
 void make_way(const KnownName& place, const struct stat& target, bool for_directory, Removing& replaced) {
@@ -355,6 +375,13 @@ void undo(Change& change) {
   }
 }
 
+// Takes away what a lost move has replaced.
+void lose_replaced(const Change& change) {
+  if (is_named(change.to, change.gone.object) && is_reachable(change.to)) {
+    require_undone(put_away(descriptor_of(change.to), change.to.name) >= 0);
+  }
+}
+
 // Makes a change again where that is possible.
 void redo(const Change& change) {
   switch (change.kind) {
@@ -398,6 +425,8 @@ bool is_lost(const Change& change, const NameLoss& loss) {
       return change.call != loss.change;
     case NameLoss::Kind::some:
       return mixed(loss.change + change.call * 0x9e3779b97f4a7c15) % 2 == 0;
+    case NameLoss::Kind::half:
+      return change.call == loss.change;
   }
   return true;
 }
@@ -560,6 +589,8 @@ Moving before_moving(int from_directory, const char* from, int to_directory, con
   moving.replaced.object = target.st_ino;
   if (!moving.exchanges && !moving.exclusive) {
     make_way(moving.to, target, S_ISDIR(source.st_mode), moving.replaced);
+    const TouchedFile* const file = touched(moving.object);
+    moving.may_be_half = !S_ISDIR(source.st_mode) && (file == nullptr || !file->is_flushed);
   }
   return moving;
 }
@@ -584,7 +615,27 @@ void moved(const Moving& moving, std::uint64_t call, bool succeeded) {
   change.object = moving.object;
   change.other = replaced.object;
   change.exclusive = moving.exclusive;
+  change.may_be_half = moving.may_be_half;
   change.gone = replaced;
+}
+
+void touch_file(ino_t file) {
+  const Inside inside;
+  if (TouchedFile* const known = touched(file)) {
+    known->is_flushed = false;
+    return;
+  }
+  if (touched_file_count == most_touched_files) {
+    refuse("More files are changed than the library can watch");
+  }
+  touched_files[touched_file_count++] = {file, false};
+}
+
+void flush_file(ino_t file) {
+  const Inside inside;
+  if (TouchedFile* const known = touched(file)) {
+    known->is_flushed = true;
+  }
 }
 
 void flush_names(const struct stat& directory) {
@@ -612,8 +663,9 @@ void list_pending_names(char* text, std::size_t size) {
   std::size_t used = static_cast<std::size_t>(std::snprintf(text, size, "%s", pending_count == 0 ? "-" : ""));
   for (std::size_t i = 0; i < change_count; ++i) {
     if (!changes[i].lasts && used + 24 < size) {
-      used += static_cast<std::size_t>(std::snprintf(text + used, size - used, "%s%llu", used == 0 ? "" : ",",
-                                                     static_cast<unsigned long long>(changes[i].call)));
+      used += static_cast<std::size_t>(std::snprintf(text + used, size - used, "%s%llu%s", used == 0 ? "" : ",",
+                                                     static_cast<unsigned long long>(changes[i].call),
+                                                     changes[i].may_be_half ? "~" : ""));
     } else if (!changes[i].lasts) {
       refuse("More changes are pending than the library can report");
     }
@@ -630,6 +682,8 @@ void lose_names(const NameLoss& loss) {
   for (std::size_t i = 0; i < change_count; ++i) {
     if (!changes[i].lasts && !is_lost(changes[i], loss)) {
       redo(changes[i]);
+    } else if (!changes[i].lasts && loss.kind == NameLoss::Kind::half && changes[i].may_be_half) {
+      lose_replaced(changes[i]);
     }
   }
   forget_changes();

@@ -1,7 +1,11 @@
 // The names that a program has made, moved or removed, for as long as a power cut may take each change back.
 //
-// A change lasts from the next flush of its directory on. A move is one step in two directories, which no journalling
-// file system shows half done: the new name never stands beside the old one, and never are both missing. It lasts from
+// A change lasts from the next flush of its directory on. A move is one step in two directories: the new name never
+// stands beside the old one, and never are both missing. But a move in place of another file may be half lost: that one
+// is gone, and the moved one still has its old name. Btrfs does so, whose log has the removal from a directory that it
+// knows already, and has the addition only of a file that it knows too; it knows those that were flushed since its last
+// commit, which it does only to files that have changed since. So a move of a file that the same program has changed
+// and then flushed is never half lost here. A move lasts from
 // the flush of the directory that it leads into. ext4, XFS and Btrfs let it last from a flush of the other directory
 // too, and a new file's name from a flush of the file; no program should build on that. An exchange lasts from the
 // flush of both directories. These file systems write what belongs together in its order, so a change that lasts makes
@@ -33,9 +37,10 @@ inline constexpr std::uint64_t first_carried_change = 1'000'001;
 
 // Which of the changes that may be lost are lost.
 struct NameLoss {
-  enum class Kind { all, only, but, some };
+  enum class Kind { all, only, but, some, half };
   Kind kind = Kind::all;
-  // The call whose change is lost alone, or kept alone; for some, what decides about each change by itself.
+  // The call whose change is lost alone, kept alone, or half lost alone; for some, what decides about each change by
+  // itself.
   std::uint64_t change = 0;
 };
 
@@ -66,6 +71,7 @@ struct Moving {
   ino_t object = 0;
   bool exchanges = false;
   bool exclusive = false;
+  bool may_be_half = false;
   Removing replaced;
 };
 
@@ -83,6 +89,10 @@ void removed(const Removing& removing, std::uint64_t call);
 Moving before_moving(int from_directory, const char* from, int to_directory, const char* to, unsigned flags);
 void moved(const Moving& moving, std::uint64_t call, bool succeeded);
 
+// Remembers that a file has been changed, and that it was flushed, of which only a flush after a change counts.
+void touch_file(ino_t file);
+void flush_file(ino_t file);
+
 // Makes the changes in this directory last.
 void flush_names(const struct stat& directory);
 
@@ -90,7 +100,9 @@ void flush_names(const struct stat& directory);
 bool names_pending();
 std::uint64_t names_version();
 
-// Writes the numbers of the calls whose changes may be lost: "3,5,6", or "-" for none.
+// Writes the numbers of the calls whose changes may be lost, with a "~" behind those that may be half lost: "3,5~,6",
+// or
+// "-" for none.
 void list_pending_names(char* text, std::size_t size);
 
 // Takes changes back as a power cut does. What is left then lasts.

@@ -8,7 +8,7 @@
 //   sample_plain names DIR STEP...
 //                               changes names in DIR and looks at it in the end. The steps are make:A, mkdir:A,
 //                               link:A:B, symlink:A:B, unlink:A, remove:A, rmdir:A, rename:A:B, new:A:B for a move
-//                               that replaces nothing, swap:A:B, and flush:A
+//                               that replaces nothing, swap:A:B, flush:A, and change:A of a file's permissions
 //   sample_plain threads DIR    looks at DIR 800 times from eight threads
 //   sample_plain child DIR      runs this program's steps in a process of its own
 //   sample_plain environment    prints the environment
@@ -245,6 +245,13 @@ int write_unflushed(const std::string& root) {
   return written && stat(root.c_str(), &status) == 0 ? 0 : 1;
 }
 
+// Changes the permissions of a file to what they are.
+bool change(const char* path) {
+  const int file = open(path, O_RDONLY);
+  struct stat status;
+  return file >= 0 && fstat(file, &status) == 0 && fchmod(file, status.st_mode & 07777) == 0 && close(file) == 0;
+}
+
 bool flush(const char* path) {
   const int opened = open(path, O_RDONLY);
   return fsync(opened) == 0 && close(opened) == 0;
@@ -268,6 +275,7 @@ bool change_names(const std::string& step) {
       {"new", [&] { return renameat2(AT_FDCWD, a.c_str(), AT_FDCWD, b.c_str(), RENAME_NOREPLACE) == 0; }},
       {"swap", [&] { return renameat2(AT_FDCWD, a.c_str(), AT_FDCWD, b.c_str(), RENAME_EXCHANGE) == 0; }},
       {"flush", [&] { return flush(a.c_str()); }},
+      {"change", [&] { return change(a.c_str()); }},
   };
   for (const auto& [kind, change] : kinds) {
     if (what == kind) {
