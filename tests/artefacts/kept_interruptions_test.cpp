@@ -114,23 +114,42 @@ TEST(KeptInterruptions, ADownloadGoesOnWithTheBytesThatAreThere) {
   }
 }
 
-TEST(KeptInterruptions, ADownloadWhoseFileIsAnotherOneIsPreservedUntilACleanup) {
+// The kept folder is a copy, so that the file has another identity than its checkpoint says.
+TEST(KeptInterruptions, ADownloadOfACopiedFolderIsBegunAnew) {
   for (const KeptVersion& version : testing::kept_versions()) {
     SCOPED_TRACE(version.version);
     const KeptInstallation kept(version, "data-download-cut");
+    testing::KeptRepository repository(kept.repository());
+    EXPECT_EQ(testing::stage_launcher(kept.data(), repository).at("staged"), true);
+    EXPECT_EQ(repository.archive_offset, 0u);
+    EXPECT_EQ(download_that_ends(kept, ".partial"), std::filesystem::path());
+    EXPECT_EQ(download_that_ends(kept, ".partial.resume.json"), std::filesystem::path());
+    EXPECT_EQ(kept.start(), "1.4.0");
+    kept.expect_to_go_on();
+  }
+}
+
+TEST(KeptInterruptions, ADownloadWhoseBytesAreOthersIsPreserved) {
+  for (const KeptVersion& version : testing::kept_versions()) {
+    SCOPED_TRACE(version.version);
+    const KeptInstallation kept(version, "data-download-cut");
+    const std::filesystem::path partial = download_that_ends(kept, ".partial");
+    const std::string bytes = testing::bytes_of(partial);
+    std::ofstream(partial) << "other" + bytes.substr(5);
     const TreeState before = testing::tree_state(kept.launcher().downloads);
     EXPECT_EQ(launcher_download_receipts(kept.launcher().store).size(), 4u);
-    EXPECT_EQ(testing::failure_of([&] { kept.stage(); })->code, "allocation_changed");
+    EXPECT_FAILURE(kept.stage(), "allocation_changed",
+                   "Prepared file was replaced or changed; reserved content was preserved");
     EXPECT_TRUE(testing::same_tree(testing::tree_state(kept.launcher().downloads), before));
     // A clean-up removes all else and names the file.
-    const std::string name = download_that_ends(kept, ".partial").filename();
+    const std::string name = partial.filename();
     EXPECT_EQ(clean_launcher_store(LauncherStore(kept.data())).at("kept"),
               Json::array({{{"path", "downloads/" + name}, {"reason", "changed"}}}));
-    EXPECT_EQ(download_that_ends(kept, ".partial").filename(), name);
+    EXPECT_EQ(download_that_ends(kept, ".partial"), partial);
     EXPECT_EQ(kept.start(), "1.1.0");
     // Once its user has removed it, the update begins anew.
-    std::filesystem::remove(kept.launcher().downloads / name);
-    std::filesystem::remove(kept.launcher().downloads / (name + ".resume.json"));
+    std::filesystem::remove(partial);
+    std::filesystem::remove(partial.native() + ".resume.json");
     kept.expect_to_go_on();
   }
 }

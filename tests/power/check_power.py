@@ -19,6 +19,7 @@ from disk_log import FLUSH, MODES, Disk, DiskLog, cut
 from machine import Machine, MachineError
 
 DISK_BYTES = 320 << 20  # the least that all of these file systems take
+EXTRA_BYTES = 1 << 20
 MAKERS = {
     "ext4": ["mkfs.ext4", "-q", "-F"],
     "xfs": ["mkfs.xfs", "-q", "-f"],
@@ -63,6 +64,11 @@ class Check:
         # Seen by whoever is asked why a case failed.
         result = machine.run(f"mount -t {file_system} -o {options} {device} /disk")
         cases.expect(result.code == 0, f"the file system cannot be mounted: {result.errors}{machine.console()}")
+
+    def come_first(self, machine):
+        """Other volumes come before the disk, so that it has another number than it had before the cut."""
+        machine.attach(Disk(bytes(EXTRA_BYTES)))
+        machine.must("mkdir /extra && mount -t tmpfs extra /extra")
 
     def is_done_with(self, file_system):
         """Whether no more cuts are wanted: the time is over, or a loss was what was asked for."""
@@ -142,6 +148,8 @@ class Check:
         state = "lost"
         try:
             with self.machine(saved=not boots) as machine:
+                if random.Random(case["name"] + "/number").random() < 0.5:
+                    self.come_first(machine)
                 self.mount(machine, case["file_system"], disk)
                 try:
                     state = cases.judge(case["operation"], machine, case["facts"], case["begun"], case["ended"],

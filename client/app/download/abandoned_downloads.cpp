@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstddef>
+#include <cstdint>
 #include <map>
 #include <string_view>
 #include <vector>
@@ -9,9 +10,11 @@
 #include "app/download/download_receipt.hpp"
 #include "app/download/receipt_folder.hpp"
 #include "app/download/torn_write.hpp"
+#include "domain/crypto.hpp"
 #include "domain/data_layout.hpp"
 #include "domain/error.hpp"
 #include "domain/paths.hpp"
+#include "platform/file/allocated_file.hpp"
 #include "platform/file/files.hpp"
 #include "platform/file/held_directory.hpp"
 #include "platform/file/managed_paths.hpp"
@@ -40,6 +43,32 @@ bool is_torn_receipt(const HeldDirectory& folder, const std::string& name) {
   }
 }
 
+bool is_identical(const Json& state, const Status& partial) {
+  return state.at("identity") == Json::array({partial.device, partial.inode});
+}
+
+// Whether the file begins with all the bytes that the checkpoint vouches for.
+bool has_recorded_bytes(const std::filesystem::path& partial, const Json& state) {
+  const FileReservation found = AllocatedFile::inspect_file(partial);
+  const auto received = state.at("received").get<std::uint64_t>();
+  if (received > found.size) {
+    return false;
+  }
+  DigestState bytes("sha256");
+  AllocatedFile(found, received)
+      .read_prefix(
+          received, [&](std::string_view piece) { bytes.update(piece); }, nullptr);
+  return is_text(state.at("prefix_sha256"), bytes.value());
+}
+
+// Whether a partial file is the one that the checkpoint tells of, under another identity: a file system may have
+// another number after each start of the machine, and in a copy of a data folder every file has. Its bytes prove it,
+// and its random name; without any bytes, the other half of its identity.
+bool is_own_under_other_identity(const std::filesystem::path& partial, const Json& state, const Status& status) {
+  const bool is_known = state.at("identity").at(1) == status.inode || state.at("received") != 0;
+  return is_known && !is_identical(state, status) && has_recorded_bytes(partial, state);
+}
+
 // Accepts a partial file only if it is the one that each checkpoint tells of. Without a checkpoint the receipt has
 // told its random name before it was made.
 void require_own_partial(const std::filesystem::path& store, const Json& group, const std::filesystem::path& partial) {
@@ -49,16 +78,26 @@ void require_own_partial(const std::filesystem::path& store, const Json& group, 
   for (const Json& entry : group.at("resume_files")) {
     const std::string text = read_file(download_of(store, text_at(entry, "name")), maximum_resume_state_bytes);
     const Json state = Json::parse(text, nullptr, false);
-    require(state.is_discarded() || state.at("identity") == Json::array({status->device, status->inode}),
-            download_uncertain_code, other);
+    require(
+        state.is_discarded() || is_identical(state, *status) || is_own_under_other_identity(partial, state, *status),
+        download_uncertain_code, other);
   }
 }
 
-bool has_checkpoint(const Json& group) {
+// Whether a download with this partial file goes on from its checkpoint. One whose file is not the one of its
+// checkpoint is refused and preserved when it goes on, unless the file has only got another identity.
+bool can_continue(const std::filesystem::path& store, const Json& group, const std::filesystem::path& partial) {
+  const std::string checkpoint = resume_state_name(text_at(group.at("receipt"), "temporary"));
   const Json& entries = group.at("resume_files");
-  const std::string name = resume_state_name(text_at(group.at("receipt"), "temporary"));
-  return std::any_of(entries.begin(), entries.end(),
-                     [&](const Json& entry) { return is_text(entry.at("name"), name); });
+  const bool has_checkpoint = std::any_of(entries.begin(), entries.end(),
+                                          [&](const Json& entry) { return is_text(entry.at("name"), checkpoint); });
+  if (!has_checkpoint) {
+    return false;
+  }
+  const Json state =
+      parse_json(read_file(download_of(store, checkpoint), maximum_resume_state_bytes), maximum_resume_state_bytes);
+  const auto status = link_status_of(partial);
+  return !status || !is_single_link_file(*status) || !is_own_under_other_identity(partial, state, *status);
 }
 
 }  // namespace
@@ -111,11 +150,12 @@ void make_way_for_download(const std::filesystem::path& store, const std::string
       continue;
     }
     const bool is_same = is_receipt_of(receipt, target, description, reference);
-    const bool has_partial = is_there(download_of(store, text_at(receipt, "temporary")));
-    const bool can_continue = is_same && has_partial && has_checkpoint(group);
+    const std::filesystem::path partial = download_of(store, text_at(receipt, "temporary"));
+    const bool has_partial = is_there(partial);
     // The partial file has become the target, and the receipt is completed when the download is told of it.
     const bool has_ended = is_same && !has_partial && is_there(download_of(store, target));
-    if (!can_continue && !has_ended) {
+    const bool goes_on = is_same && has_partial && can_continue(store, group, partial);
+    if (!goes_on && !has_ended) {
       discard_download(store, group);
     }
   }

@@ -17,12 +17,16 @@ void remove_torn_receipts(const std::filesystem::path& store);
 
 // Removes the partial file of a group of target_download_receipts, then its checkpoints, and its receipt last, each
 // durably; the downloaded file stays. Fails with "launcher_download_uncertain" for a partial file that is not the one
-// that the checkpoint tells of, and removes nothing then; with "unsafe_path", "file_remove" and "file_sync".
+// that the checkpoint tells of, and removes nothing then; with "unsafe_path", "file_remove" and "file_sync". A file
+// that has another identity than the checkpoint says is still that one if it begins with the bytes that the checkpoint
+// vouches for: volumes get other numbers when a machine starts, and folders are copied. Where it vouches for none, at
+// least the inode must be the same.
 void discard_download(const std::filesystem::path& store, const Json& group);
 
 // Discards each download of a target that has not ended and that a download with this signed description and for this
-// reference cannot continue: one of other bytes or for another reference, and one without its partial file or its
-// checkpoint. Fails as target_download_receipts and discard_download do.
+// reference cannot continue: one of other bytes or for another reference, one without its partial file or its
+// checkpoint, and one whose partial file has another identity than its checkpoint says and is still its file. Fails as
+// target_download_receipts and discard_download do.
 void make_way_for_download(const std::filesystem::path& store, const std::string& target, const Json& description,
                            const Json& reference);
 

@@ -111,15 +111,24 @@ class BootstrapStaging {
 
   std::filesystem::path download(const std::string& archive, const std::string& sha256) const {
     try {
-      return tuf_.download(archive, paths_.downloads, progress_, {},
-                           {.scope = "bootstrap update " + sha256, .admission = {}});
+      return fetch(archive, sha256);
     } catch (const Error& error) {
-      if (error.code.starts_with("download_resume_")) {
+      const bool has_other_identity = error.code == "allocation_changed";
+      if (has_other_identity || error.code.starts_with("download_resume_")) {
         // What an earlier download has left can never be continued, so the next one begins anew.
         remove(paths_.downloads);
       }
-      throw;
+      if (!has_other_identity) {
+        throw;
+      }
     }
+    // That is nobody's fault: the folder was copied, or its volume got another number when the machine started.
+    return fetch(archive, sha256);
+  }
+
+  std::filesystem::path fetch(const std::string& archive, const std::string& sha256) const {
+    return tuf_.download(archive, paths_.downloads, progress_, {},
+                         {.scope = "bootstrap update " + sha256, .admission = {}});
   }
 
   // The tree has its name for good before the manifest says that it is there.

@@ -381,6 +381,24 @@ TEST_F(StageBootstrapUpdate, BeginsAnewWhereADownloadCannotBeContinued) {
   expect_staged(next);
 }
 
+// As in a copied folder, and on a volume that has got another number.
+TEST_F(StageBootstrapUpdate, BeginsAnewAtOnceWhereItsPartialFileHasAnotherIdentity) {
+  publish(next);
+  const std::string name = "bootstrap/" + digest(next.archive, "sha256") + ".build-2.tar.zst";
+  tuf.transport.on(name, testing::breaks_after(10));
+  EXPECT_TRUE(failure_of([&] { stage(); }).has_value());
+  tuf.transport.on(name, {});
+  std::filesystem::rename(place.paths.downloads, place.paths.downloads.native() + ".old");
+  std::filesystem::copy(place.paths.downloads.native() + ".old", place.paths.downloads,
+                        std::filesystem::copy_options::recursive);
+  tuf.transport.forget();
+  EXPECT_EQ(stage(), "staged");
+  for (const testing::RepositoryRequest& request : tuf.transport.requests()) {
+    EXPECT_EQ(request.offset, 0u) << request.name;
+  }
+  expect_staged(next);
+}
+
 TEST_F(StageBootstrapUpdate, ReplacesWhatEarlierOnesHaveLeft) {
   publish(next);
   tuf.root.write("data/native/bootstrap-update.partial/half", "of it");

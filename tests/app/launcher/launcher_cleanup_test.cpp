@@ -35,6 +35,14 @@ constexpr const char* record = R"({"kind":"ravok-launcher-cleanup","schema_versi
 
 class LauncherCleanups : public ::testing::Test {
  protected:
+  // Breaks off the download of the manifest that is published, after 10 bytes.
+  void break_off_the_manifest() {
+    const Json description = place_.tuf.repository.targets().targets.at(launcher_manifest_target());
+    place_.tuf.transport.on(remote_target_name(launcher_manifest_target(), description, true),
+                            testing::breaks_after(10));
+    EXPECT_FAILURE(place_.stage(), "network", "Transferred a partial file");
+  }
+
   Json clean() { return clean_launcher_store(place_.launcher.store); }
 
   // What was removed, but for what was not.
@@ -314,9 +322,7 @@ TEST_F(LauncherCleanups, GiveUpUnfinishedAndDamagedDownloads) {
 TEST_F(LauncherCleanups, PreserveAPartialDownloadThatIsNotTheOneOfItsCheckpoint) {
   place_.update(updates_[0]);
   place_.publish(updates_[1]);
-  const Json description = place_.tuf.repository.targets().targets.at(launcher_manifest_target());
-  place_.tuf.transport.on(remote_target_name(launcher_manifest_target(), description, true), testing::breaks_after(10));
-  EXPECT_FAILURE(place_.stage(), "network", "Transferred a partial file");
+  break_off_the_manifest();
   std::string partial;
   for (const Json& group : launcher_download_receipts(place_.paths().store)) {
     if (is_text(group.at("receipt").at("phase"), "prepared")) {
@@ -329,6 +335,24 @@ TEST_F(LauncherCleanups, PreserveAPartialDownloadThatIsNotTheOneOfItsCheckpoint)
   EXPECT_EQ(testing::bytes_of(place_.paths().downloads / partial), "other");
   EXPECT_TRUE(exists("downloads/" + partial + ".resume.json"));
   EXPECT_EQ(launcher_download_receipts(place_.paths().store).size(), 1u);
+}
+
+// As on a volume that has got another number.
+TEST_F(LauncherCleanups, RemoveAPartialDownloadWithAnotherIdentityAndTheBytesOfItsCheckpoint) {
+  place_.update(updates_[0]);
+  place_.publish(updates_[1]);
+  break_off_the_manifest();
+  std::filesystem::path checkpoint;
+  for (const auto& entry : std::filesystem::directory_iterator(place_.paths().downloads)) {
+    checkpoint = entry.path().native().ends_with(".resume.json") ? entry.path() : checkpoint;
+  }
+  Json state = Json::parse(testing::bytes_of(checkpoint));
+  state.at("identity").at(0) = state.at("identity").at(0).get<std::uint64_t>() ^ 1;
+  testing::write_bytes(checkpoint, state.dump());
+  const Json result = clean();
+  EXPECT_EQ(result.at("kept"), Json::array());
+  EXPECT_TRUE(std::filesystem::is_empty(place_.paths().downloads));
+  EXPECT_TRUE(std::filesystem::is_empty(place_.paths().download_intents));
 }
 
 TEST_F(LauncherCleanups, FinishWhatAnotherHasBegun) {

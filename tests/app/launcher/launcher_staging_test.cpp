@@ -740,6 +740,125 @@ TEST_F(LauncherStagings, PreserveAPartialFileThatIsNotTheOneOfItsCheckpoint) {
   EXPECT_TRUE(testing::same_tree(state(), before));
 }
 
+class RenumberedDownloads : public LauncherStagings {
+ protected:
+  RenumberedDownloads() : update_("build-1", testing::noise(100'000)) { place_.publish(update_); }
+
+  void leave_partial(const std::string& target, std::uint64_t bytes) {
+    break_off(target, bytes);
+    place_.tuf.transport.forget();
+    for (const Json& group : launcher_download_receipts(place_.paths().store)) {
+      if (is_text(group.at("receipt").at("target"), target)) {
+        partial_ = place_.paths().downloads / text_at(group.at("receipt"), "temporary");
+      }
+    }
+  }
+
+  std::filesystem::path checkpoint() const { return partial_.native() + ".resume.json"; }
+
+  // As a volume has another number after a start of the machine.
+  void renumber() const {
+    edit([](Json& state) { state.at("identity").at(0) = state.at("identity").at(0).get<std::uint64_t>() ^ 1; });
+  }
+
+  void edit(const std::function<void(Json& state)>& change) const {
+    Json state = Json::parse(testing::bytes_of(checkpoint()));
+    change(state);
+    testing::write_bytes(checkpoint(), state.dump());
+  }
+
+  // As in a copy of the data folder.
+  void copy() const {
+    const std::string bytes = testing::bytes_of(partial_);
+    const std::filesystem::path new_one = place_.root().write("copy", bytes);
+    std::filesystem::permissions(new_one, std::filesystem::perms(0600));
+    std::filesystem::rename(new_one, partial_);
+  }
+
+  void forget_bytes() const {
+    edit([](Json& state) {
+      state.at("received") = 0;
+      state.at("prefix_sha256") = digest("", "sha256");
+    });
+  }
+
+  void expect_begun_anew(const LauncherUpdate& update) {
+    EXPECT_EQ(place_.stage(), staged(update));
+    for (const testing::RepositoryRequest& request : place_.tuf.transport.requests()) {
+      EXPECT_EQ(request.offset, 0u) << request.name;
+    }
+    EXPECT_EQ(launcher_download_receipts(place_.paths().store).size(), 2u);
+    EXPECT_FALSE(std::filesystem::exists(partial_) || std::filesystem::exists(checkpoint()));
+    EXPECT_EQ(testing::bytes_of(place_.paths().downloads / update.target()), update.archive);
+  }
+
+  void expect_preserved(const std::string& code, const std::string& message) {
+    const TreeState before = testing::tree_state(place_.paths().downloads);
+    EXPECT_FAILURE(place_.stage(), code, message);
+    EXPECT_TRUE(testing::same_tree(testing::tree_state(place_.paths().downloads), before));
+  }
+
+  const LauncherUpdate update_;
+  std::filesystem::path partial_;
+};
+
+constexpr const char* changed_message = "Prepared file was replaced or changed; reserved content was preserved";
+
+TEST_F(RenumberedDownloads, AreBegunAnew) {
+  leave_partial(update_.target(), 50'000);
+  renumber();
+  expect_begun_anew(update_);
+}
+
+TEST_F(RenumberedDownloads, AreBegunAnewWithoutAnyByte) {
+  leave_partial(update_.target(), 50'000);
+  renumber();
+  forget_bytes();
+  expect_begun_anew(update_);
+}
+
+TEST_F(RenumberedDownloads, AreBegunAnewInACopiedFolder) {
+  leave_partial(update_.target(), 50'000);
+  copy();
+  expect_begun_anew(update_);
+}
+
+TEST_F(RenumberedDownloads, GiveWayToANewerVersion) {
+  leave_partial(launcher_manifest_target(), 100);
+  renumber();
+  place_.publish(second_);
+  expect_begun_anew(second_);
+}
+
+TEST_F(RenumberedDownloads, ArePreservedWhereTheirBytesAreOthers) {
+  leave_partial(launcher_manifest_target(), 100);
+  renumber();
+  std::string bytes = testing::bytes_of(partial_);
+  bytes[99] = static_cast<char>(bytes[99] ^ 1);
+  testing::write_bytes(partial_, bytes);
+  expect_preserved("allocation_changed", changed_message);
+  place_.publish(second_);
+  expect_preserved("launcher_download_uncertain",
+                   "A partial download is not the file of its checkpoint; it was preserved");
+}
+
+TEST_F(RenumberedDownloads, ArePreservedWhereTheyAreShorterThanTheirCheckpoint) {
+  leave_partial(launcher_manifest_target(), 100);
+  renumber();
+  std::filesystem::resize_file(partial_, 99);
+  expect_preserved("allocation_changed", changed_message);
+  place_.publish(second_);
+  expect_preserved("launcher_download_uncertain",
+                   "A partial download is not the file of its checkpoint; it was preserved");
+}
+
+TEST_F(RenumberedDownloads, OfACopiedFolderArePreservedWithoutAnyByte) {
+  leave_partial(update_.target(), 50'000);
+  copy();
+  forget_bytes();
+  expect_preserved("allocation_changed", changed_message);
+}
+
 TEST_F(LauncherStagings, AreRefusedForReceiptsThatAreNotUnderstood) {
   place_.publish(first_);
   const auto foreign = place_.root().write("launcher/download-intents/foreign", "");
