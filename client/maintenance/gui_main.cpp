@@ -55,6 +55,7 @@ int main(int argc, char** argv) {
   if (!ravok::start_program()) {
     return 1;
   }
+  ravok::close_inherited_handles();
   ravok::initialize_client_runtime();
   const std::vector<std::string> arguments = ravok::process_arguments(argc, argv);
   if (const std::optional<int> code = ravok::answer_version(arguments, {program_name, ravok::program_commit()})) {

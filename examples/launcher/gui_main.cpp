@@ -21,6 +21,7 @@ int main(int argc, char** argv) {
   if (!ravok::start_program()) {
     return 1;
   }
+  ravok::close_inherited_handles();
   try {
     ravok::initialize_client_runtime();
     std::vector<std::string> arguments = ravok::process_arguments(argc, argv);

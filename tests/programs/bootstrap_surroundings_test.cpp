@@ -17,6 +17,7 @@
 #include "domain/launcher_contract.hpp"
 #include "programs/client_place.hpp"
 #include "support/mounted_volume.hpp"
+#include "support/on_a_terminal.hpp"
 #include "support/ordinary_user.hpp"
 #include "support/working_directory.hpp"
 
@@ -59,6 +60,29 @@ TEST_F(BootstrapSurroundings, ATrialNeedsNoStandardStreams) {
     EXPECT_EQ(StartedProgram(start).wait(), 0);
     EXPECT_TRUE(place.is_active(candidate));
   }
+}
+
+// As after `stty tostop`. The launcher on trial is in a group of its own, and so in the background.
+TEST_F(BootstrapSurroundings, ATrialMaySpeakOnATerminalThatStopsProgramsInTheBackground) {
+  const Json candidate = place.add("candidate", {bytes_of(RAVOK_LAUNCHER), bytes_of(RAVOK_LAUNCHER_GUI)});
+  place.name("candidate", candidate);
+  const std::string data = place.data.native();
+  const std::string home = "HOME=" + (place.root / "home").native();
+  OnATerminal terminal([&] {
+    termios mode{};
+    bool is_set = tcgetattr(STDOUT_FILENO, &mode) == 0;
+    mode.c_lflag |= TOSTOP;
+    is_set = is_set && tcsetattr(STDOUT_FILENO, TCSANOW, &mode) == 0;
+    // Nobody else would end it.
+    alarm(60);
+    const char* const arguments[] = {RAVOK_BOOTSTRAP, "--data-dir", data.c_str(), "self", "status", nullptr};
+    const char* const environment[] = {home.c_str(), nullptr};
+    return is_set ? execve(RAVOK_BOOTSTRAP, const_cast<char* const*>(arguments), const_cast<char* const*>(environment))
+                  : 1;
+  });
+  EXPECT_EQ(terminal.end(), 0);
+  EXPECT_NE(terminal.shown().find("On trial: "), std::string::npos) << terminal.shown();
+  EXPECT_TRUE(place.is_active(candidate));
 }
 
 TEST_F(BootstrapSurroundings, AStartNeedsNoWorkingDirectory) {

@@ -70,6 +70,26 @@ bool set_limit(int resource, const std::optional<std::size_t>& limit) {
   return !limit || setrlimit(static_cast<__rlimit_resource_t>(resource), &both) == 0;
 }
 
+// Opens the descriptors from 3 on, so many. `other` gets a number beyond them. Runs in the child.
+bool leave_open(std::size_t count, Handle& other) {
+  rlimit limit = {};
+  if (count == 0 || getrlimit(RLIMIT_NOFILE, &limit) != 0) {
+    return count == 0;
+  }
+  limit.rlim_cur = limit.rlim_max;
+  const int first = STDERR_FILENO + 1;
+  const int end = first + static_cast<int>(count);
+  if (setrlimit(RLIMIT_NOFILE, &limit) != 0) {
+    return false;
+  }
+  other = Handle(fcntl(other.get(), F_DUPFD_CLOEXEC, end));
+  bool left = static_cast<bool>(other);
+  for (int descriptor = first; left && descriptor < end; ++descriptor) {
+    left = dup2(STDERR_FILENO, descriptor) >= 0;
+  }
+  return left;
+}
+
 // Runs in the child.
 bool prepare(const ProgramStart& start, int input, int output, int errors) {
   std::vector<int> signals(ending_signals.begin(), ending_signals.end());
@@ -119,7 +139,8 @@ StartedProgram::StartedProgram(const ProgramStart& start) {
   Pipe running = open_pipe();
   child_ = fork();
   if (child_ == 0) {
-    if (prepare(start, input.get(), output.write_end.get(), errors.write_end.get())) {
+    if (prepare(start, input.get(), output.write_end.get(), errors.write_end.get()) &&
+        leave_open(start.inherited_descriptors, running.write_end)) {
       execve(start.program.c_str(), argument_table.data(), environment_table.data());
     }
     const char failed = 1;

@@ -26,6 +26,8 @@ struct ProgramStart {
   std::optional<std::size_t> file_size_limit = {};
   // Its descriptors have numbers below this one.
   std::optional<std::size_t> descriptor_limit = {};
+  // How many descriptors it inherits besides, which nobody has closed.
+  std::size_t inherited_descriptors = 0;
   // How many bytes standard error takes until the test reads them; at least 1, at most 4096.
   std::size_t error_room = 4096;
   // The file that takes its standard error, which then has no bound; empty for a pipe.

@@ -59,6 +59,16 @@ TEST_F(LauncherWindow, OpensFromTheBootstrapAndConfirmsItsStart) {
   EXPECT_EQ(window->errors(), "");
 }
 
+TEST_F(LauncherWindow, OpensHoweverManyDescriptorsTheBootstrapInherits) {
+  testing::ProgramStart many = place.start_of({}, testing::window_environment(display, place.root / "home"));
+  many.inherited_descriptors = testing::too_many_for_a_window;
+  WindowProgram window(display, many);
+  window.wait_for_screen("launcher");
+  window.ask_to_close();
+  EXPECT_EQ(window.wait(), 0) << window.errors();
+  EXPECT_EQ(window.errors(), "");
+}
+
 TEST_F(LauncherWindow, ProvesItselfAsACandidateOnceItIsDrawn) {
   Json document = place.store.load();
   document["active"] = nullptr;

@@ -165,6 +165,15 @@ TEST_F(MaintenanceWindow, EndsAfterItsFirstFrameWhereThatIsAllThatIsWanted) {
   EXPECT_TRUE(testing::same_tree(place.state(), whole));
 }
 
+TEST_F(MaintenanceWindow, OpensHoweverManyDescriptorsItInherits) {
+  testing::StartedProgram program({.program = RAVOK_MAINTENANCE_GUI,
+                                   .arguments = {"--data-dir", place.data(), "--smoke"},
+                                   .environment = environment(),
+                                   .inherited_descriptors = testing::too_many_for_a_window});
+  EXPECT_EQ(program.wait(), 0);
+  EXPECT_EQ(program.errors(), "");
+}
+
 // A client whose release has the program as its helper with a window.
 class MaintenanceWindowHandOver : public ::testing::Test, protected testing::WindowPlace {
  protected:

@@ -215,6 +215,15 @@ TEST_F(WindowEnd, EndsAfterItsFirstFrameWhereThatIsAllThatIsWanted) {
   expect_nothing_left();
 }
 
+TEST_F(WindowEnd, ComesAfterItsFirstFrameHoweverManyDescriptorsItInherits) {
+  testing::StartedProgram program({.program = installer(),
+                                   .arguments = {"--package", place.package_directory(), "--smoke"},
+                                   .environment = environment(),
+                                   .inherited_descriptors = testing::too_many_for_a_window});
+  EXPECT_EQ(program.wait(), 0);
+  EXPECT_EQ(program.errors(), "");
+}
+
 TEST_F(WindowEnd, SaysInOneLineThatThereIsNoDisplay) {
   const std::string beyond = ":" + std::to_string(65'000);
   for (const char* const name : {"", beyond.c_str(), "nonsense"}) {

@@ -77,6 +77,9 @@ class WindowProgram : public WindowUser {
   StartedProgram program_;
 };
 
+// So many descriptors that what a program opens after them gets numbers beyond 1023.
+inline constexpr std::size_t too_many_for_a_window = 1100;
+
 // The same for all programs that are started on one display.
 Environment window_environment(const Display& display, const std::filesystem::path& home, Environment more = {});
 

@@ -18,8 +18,6 @@ namespace ravok::os {
 namespace {
 
 constexpr int first_descriptor = STDERR_FILENO + 1;
-// As many as are looked at one by one, where the system cannot keep all of them back at once.
-constexpr long maximum_descriptors = 65536;
 constexpr char go_on_byte = 1;
 constexpr int not_started_code = 127;
 constexpr std::uint64_t first_signal_code = 128;
@@ -31,11 +29,6 @@ bool protect_descriptor(Handle& handle) {
     handle = Handle(fcntl(handle.get(), F_DUPFD_CLOEXEC, first_descriptor));
   }
   return handle && fcntl(handle.get(), F_SETFD, FD_CLOEXEC) >= 0;
-}
-
-int descriptors_to_look_at() {
-  const long limit = sysconf(_SC_OPEN_MAX);
-  return static_cast<int>(limit < 0 ? maximum_descriptors : std::min(limit, maximum_descriptors));
 }
 
 // All that a child needs, made before it is.
@@ -63,24 +56,15 @@ struct ChildStart {
   _exit(not_started_code);
 }
 
-void close_between(int first, int end, int count) {
-  if (first >= end || posix::close_descriptors(static_cast<unsigned>(first), static_cast<unsigned>(end - 1))) {
-    return;
-  }
-  for (int descriptor = first; descriptor < std::min(end, count); ++descriptor) {
-    close(descriptor);
-  }
-}
-
 // Besides what its parent holds, a child may have got the ends of channels that another thread was about to use. While
 // they are open, that thread would wait for this child too.
 void close_all_but_own(const ChildStart& child) {
   int first = first_descriptor;
   for (const int kept : child.kept) {
-    close_between(first, kept, child.descriptors);
+    posix::close_between(first, kept, child.descriptors);
     first = std::max(first, kept + 1);
   }
-  close_between(first, std::numeric_limits<int>::max(), child.descriptors);
+  posix::close_between(first, std::numeric_limits<int>::max(), child.descriptors);
 }
 
 bool is_activated(int activation) {
@@ -101,9 +85,19 @@ bool set_streams(const ChildStart& child) {
   return set;
 }
 
+// A process outside its terminal's foreground would be stopped there for what it writes, where the terminal is set so,
+// and for any change of its settings; and nobody would continue it. To read is a failure then.
+bool goes_on_in_background() {
+  struct sigaction action {};
+  action.sa_handler = SIG_IGN;
+  sigemptyset(&action.sa_mask);
+  return sigaction(SIGTTOU, &action, nullptr) == 0 && sigaction(SIGTTIN, &action, nullptr) == 0;
+}
+
 [[noreturn]] void become(const ChildStart& child) {
   close_all_but_own(child);
-  if ((child.interrupt != nullptr && !child.interrupt->prepare_child()) || (child.own_group && setpgid(0, 0) != 0)) {
+  if ((child.interrupt != nullptr && !child.interrupt->prepare_child()) ||
+      (child.own_group && (setpgid(0, 0) != 0 || !goes_on_in_background()))) {
     report_and_end(child.report);
   }
   if (!is_activated(child.activation)) {
@@ -157,7 +151,7 @@ std::optional<std::int32_t> prepare_child(ChildProgram program, const Channel& s
       .input = input.get(),
       .kept = {start.child.get(), activation.child.get(), input.get(),
                program.interrupt != nullptr ? program.interrupt->reader() : -1},
-      .descriptors = descriptors_to_look_at(),
+      .descriptors = posix::descriptors_to_look_at(),
   };
   std::sort(child.kept.begin(), child.kept.end());
   const pid_t made = fork();

@@ -112,6 +112,16 @@ bool write_quietly(int descriptor, char byte) {
 
 }  // namespace
 
+int posix::announced_reader() {
+  try {
+    const std::optional<std::string> value = process_environment(interrupt_reader_variable, maximum_channel_bytes);
+    return value ? channel_descriptor(*value) : -1;
+  } catch (const Error&) {
+    // Whoever listens to it says what is wrong with it.
+    return -1;
+  }
+}
+
 class ConsoleInterrupt::State {
  public:
   State() = default;

@@ -44,6 +44,16 @@ int quiet_sending();
 // can do that at once.
 bool close_descriptors(unsigned first, unsigned last);
 
+// Returns how many descriptors are looked at one by one where the system cannot close them at once.
+int descriptors_to_look_at();
+
+// Closes the descriptors from `first` to before `end`; one by one only those below `count`. Safe between fork and exec.
+void close_between(int first, int end, int count);
+
+// Returns the descriptor that the parent has announced for its interrupts, or -1 where it has announced none, or none
+// that could be one.
+int announced_reader();
+
 // Repeats a system call, which answers -1 on failure, for as long as a signal interrupts it.
 template <typename Call>
 auto retry_interrupted(Call call) {

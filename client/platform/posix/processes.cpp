@@ -1,4 +1,5 @@
 // What Linux and macOS share of starting programs.
+#include <algorithm>
 #include <cstdlib>
 
 #include <fcntl.h>
@@ -21,6 +22,21 @@ std::vector<char*> posix::pointers_to(std::vector<std::string>& texts) {
   }
   table.push_back(nullptr);
   return table;
+}
+
+int posix::descriptors_to_look_at() {
+  constexpr long most = 65536;
+  const long limit = sysconf(_SC_OPEN_MAX);
+  return static_cast<int>(limit < 0 ? most : std::min(limit, most));
+}
+
+void posix::close_between(int first, int end, int count) {
+  if (first >= end || close_descriptors(static_cast<unsigned>(first), static_cast<unsigned>(end - 1))) {
+    return;
+  }
+  for (int descriptor = first; descriptor < std::min(end, count); ++descriptor) {
+    close(descriptor);
+  }
 }
 
 namespace os {

@@ -1,7 +1,9 @@
 #include "platform/process/program_start.hpp"
 
+#include <algorithm>
 #include <csignal>
 #include <initializer_list>
+#include <limits>
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -61,6 +63,14 @@ bool hear_of_children() {
 
 bool start_program() {
   return open_standard_streams() && go_on_after(SIGPIPE) && go_on_after(SIGXFSZ) && hear_of_children();
+}
+
+void close_inherited_handles() {
+  const int count = posix::descriptors_to_look_at();
+  const int kept = posix::announced_reader();
+  const int first = STDERR_FILENO + 1;
+  posix::close_between(first, kept, count);
+  posix::close_between(std::max(first, kept + 1), std::numeric_limits<int>::max(), count);
 }
 
 }  // namespace ravok

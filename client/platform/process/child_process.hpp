@@ -24,6 +24,8 @@ enum class ChildStreams { joined = 0, inherited = 1 };
 enum class ChildEnvironment { kept = 0, without_loader = 1 };
 
 // Whether the child stays in its parent's process group, so that Ctrl+C reaches it too, or gets a group of its own.
+// Such a child is in the background of its terminal: it is started with the signals ignored that would stop it for
+// writing there, and cannot read from there.
 enum class ChildGroup { shared = 0, own = 1 };
 
 // Whether the child gets a pipe through which its parent can ask it to stop.

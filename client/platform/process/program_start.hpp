@@ -11,4 +11,9 @@ namespace ravok {
 // all of it worked. If not, the program should end with exit code 1.
 bool start_program();
 
+// Closes what this program has inherited besides its standard streams and the pipe that ConsoleInterrupt listens to;
+// the second call of a `main` with a window, before anything is opened. A parent may leave so many descriptors open
+// that those of the window would have numbers beyond 1023, which its toolkit cannot use.
+void close_inherited_handles();
+
 }  // namespace ravok

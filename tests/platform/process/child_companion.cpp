@@ -58,6 +58,12 @@ void describe(const std::string& file, const std::vector<std::string>& words) {
   for (const int descriptor : descriptors) {
     out << "descriptor: " << descriptor << '\0';
   }
+  for (const int signal : {SIGTTOU, SIGTTIN, SIGTSTP, SIGINT}) {
+    struct sigaction action {};
+    if (sigaction(signal, nullptr, &action) == 0 && action.sa_handler == SIG_IGN) {
+      out << "ignored: " << signal << '\0';
+    }
+  }
   for (char** variable = environ; *variable != nullptr; ++variable) {
     out << "variable: " << *variable << '\0';
   }

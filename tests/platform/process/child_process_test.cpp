@@ -260,6 +260,14 @@ TEST_F(Child, IsInItsParentsGroupOrInItsOwn) {
   EXPECT_EQ(described("group"), (Texts{std::to_string(child->pid())}));
 }
 
+// Otherwise its terminal could stop it for good.
+TEST_F(Child, IgnoresInAGroupOfItsOwnWhatStopsAProgramInTheBackground) {
+  EXPECT_EQ(end_of(*start_child({.arguments = describing()})), 0u);
+  EXPECT_EQ(described("ignored"), Texts());
+  EXPECT_EQ(end_of(*start_child({.arguments = describing(), .group = ChildGroup::own})), 0u);
+  EXPECT_EQ(described("ignored"), (Texts{std::to_string(SIGTTOU), std::to_string(SIGTTIN)}));
+}
+
 TEST_F(Child, HasTheInheritedEnvironmentInItsOrderAndBehindItTheNewInKeyOrder) {
   const WithEnvironment first("RAVOK_TEST_1", "one");
   const WithEnvironment second("RAVOK_TEST_2", "two");

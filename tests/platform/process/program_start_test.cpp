@@ -92,6 +92,52 @@ TEST(StartProgram, SaysSoWhenNothingCanBeOpenedThere) {
   EXPECT_EQ(end.exit_code, 0);
 }
 
+// Leaves these descriptors open where the announcement stands in the environment, and returns which of them are left.
+std::vector<int> left_of(const std::vector<int>& inherited, const char* announcement) {
+  std::array<int, 2> answer{};
+  EXPECT_EQ(pipe2(answer.data(), O_CLOEXEC), 0);
+  const Handle reader(answer[0]);
+  Handle writer(answer[1]);
+  const auto is_left = [](int descriptor) { return fcntl(descriptor, F_GETFD) >= 0; };
+  const End end = end_of([&] {
+    for (const int descriptor : inherited) {
+      dup2(STDERR_FILENO, descriptor);
+    }
+    // It would be closed as well.
+    dup2(writer.get(), STDIN_FILENO);
+    if (announcement != nullptr && setenv("RAVOK_LAUNCHER_INTERRUPT_READER", announcement, 1) != 0) {
+      return 1;
+    }
+    close_inherited_handles();
+    for (const int descriptor : inherited) {
+      if (is_left(descriptor) && write(STDIN_FILENO, &descriptor, sizeof descriptor) != sizeof descriptor) {
+        return 2;
+      }
+    }
+    return is_left(0) && is_left(1) && is_left(2) && !is_left(writer.get()) ? 0 : 3;
+  });
+  EXPECT_EQ(end.exit_code, 0);
+  writer.reset();
+  std::vector<int> left;
+  int descriptor = 0;
+  while (read(reader.get(), &descriptor, sizeof descriptor) == sizeof descriptor) {
+    left.push_back(descriptor);
+  }
+  return left;
+}
+
+TEST(CloseInheritedHandles, LeavesTheStreamsAndThePipeOfTheParent) {
+  const std::vector<int> inherited = {100, 101, 102, 500};
+  EXPECT_EQ(left_of(inherited, nullptr), std::vector<int>());
+  EXPECT_EQ(left_of(inherited, "1:101"), std::vector<int>{101});
+  EXPECT_EQ(left_of(inherited, "1:100"), std::vector<int>{100});
+  EXPECT_EQ(left_of(inherited, "1:500"), std::vector<int>{500});
+  EXPECT_EQ(left_of(inherited, "1:400"), std::vector<int>());
+  for (const char* wrong : {"", "101", "2:101", "1:0101", "1:2", "1:99999999999"}) {
+    EXPECT_EQ(left_of(inherited, wrong), std::vector<int>()) << wrong;
+  }
+}
+
 TEST(StartProgram, TurnsTheSignalsOfFailedWritesIntoFailures) {
   const testing::TemporaryRoot root;
   const End end = end_of([&] {
