@@ -181,10 +181,8 @@ NativeInstallStatus installation_status(const DataPaths& paths) {
   try {
     return status_of_folder(paths);
   } catch (const Error&) {
-    // Another setup may have begun to remove what was complete a moment ago.
-    if (installation_state(paths) == InstallationState::complete) {
-      throw;
-    }
+    // Another setup may have begun to remove what was complete a moment ago; it may even have ended by now, and a new
+    // one may have made the folder complete again.
     return status_of_folder(paths);
   }
 }

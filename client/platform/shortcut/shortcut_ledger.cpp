@@ -118,10 +118,6 @@ std::filesystem::path lock_path(const std::filesystem::path& root) { return Data
 FileLock lock(const std::filesystem::path& root) { return FileLock(lock_path(root), true, LockMode::exclusive); }
 
 Rows read(const std::filesystem::path& root) {
-  const std::filesystem::path path = ledger_path(root);
-  if (is_missing(path)) {
-    return {};
-  }
   try {
     return read_rows(root);
   } catch (const Error& error) {
@@ -130,6 +126,11 @@ Rows read(const std::filesystem::path& root) {
     }
   } catch (const Json::exception&) {
     // Fails below, like a ledger that cannot be read.
+  }
+  // Asked for afterwards, since a removal may take the ledger away at any time.
+  const std::filesystem::path path = ledger_path(root);
+  if (is_missing(path)) {
+    return {};
   }
   fail("shortcut_ledger", "Shortcut list is malformed: " + path_utf8(path));
 }

@@ -531,6 +531,33 @@ TEST_F(Shortcuts, RefuseALedgerOfAnotherFormOrTooManyRows) {
   expect_refused_ledger(ledger_document(entries).dump(), message);
 }
 
+// As an uninstall does while a status is read.
+TEST_F(Shortcuts, AreNoneWhereTheLedgerIsRemovedMeanwhile) {
+  for (int round = 0; round < 500; ++round) {
+    place_.write_ledger(ledger_document(Json::array()).dump());
+    std::atomic<int> ready = 0;
+    std::thread removal([&] {
+      for (++ready; ready < 2;) {
+      }
+      // Each round comes to another instant of the reading.
+      const auto instant = std::chrono::steady_clock::now() + std::chrono::nanoseconds(round * 40);
+      while (std::chrono::steady_clock::now() < instant) {
+      }
+      std::filesystem::remove(place_.ledger());
+    });
+    for (++ready; ready < 2;) {
+    }
+    std::optional<Error> failure;
+    try {
+      EXPECT_TRUE(rows().empty());
+    } catch (const Error& error) {
+      failure = error;
+    }
+    removal.join();
+    ASSERT_FALSE(failure) << failure->what() << " in round " << round;
+  }
+}
+
 TEST_F(Shortcuts, RefuseALedgerThatIsMalformed) {
   const std::string message = "Shortcut list is malformed: " + place_.ledger().native();
   for (const std::string& content :
