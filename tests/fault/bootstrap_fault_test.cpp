@@ -115,6 +115,23 @@ class BootstrapFault : public ::testing::Test {
     return result.output + result.errors;
   }
 
+  // Judges what a hand-over to maintenance leaves where a candidate's attempt was interrupted, and hands over once
+  // more. Returns whether that attempt had been recovered by then.
+  std::string handed_over(const ProgramResult& result, const Json& candidate, const std::string& helper) const {
+    EXPECT_TRUE(result.output.empty() || result.output == helper) << result.output;
+    const Json found = place_.store.load();
+    EXPECT_EQ(start_again({"self", "uninstall"}), helper);
+    const Json left = place_.store.load();
+    for (const Json& document : {found, left}) {
+      EXPECT_EQ(document.at("active"), active_);
+      EXPECT_EQ(document.at("rollback"), old_);
+      EXPECT_EQ(document.at("candidate"), Json());
+    }
+    EXPECT_EQ(left.at("attempt"), Json());
+    EXPECT_EQ(left.at("failed_candidate"), (Json{{"reference", candidate}, {"problem", "startup_interrupted"}}));
+    return found.at("attempt").is_null() ? "recovered" : "on trial";
+  }
+
   // The start again and again of one folder. `judge` gets what was spoilt.
   std::map<std::string, int> try_all(const Arguments& arguments,
                                      const std::function<std::string(const FaultOutcome&)>& judge) {
@@ -284,20 +301,7 @@ TEST_F(BootstrapFault, OfAHandOverToMaintenanceChangesNothing) {
   const Json candidate = place_.add_version("candidate", programs_of("candidate"));
   place_.set("attempt", {{"nonce", std::string(32, 'a')}, {"reference", candidate}});
   const std::string helper = "active helper:uninstall --data-dir " + root() + "\n";
-  const auto try_start = [&](const FaultOutcome& outcome) -> std::string {
-    EXPECT_TRUE(outcome.result.output.empty() || outcome.result.output == helper) << outcome.result.output;
-    const Json found = place_.store.load();
-    EXPECT_EQ(start_again({"self", "uninstall"}), helper);
-    const Json left = place_.store.load();
-    for (const Json& document : {found, left}) {
-      EXPECT_EQ(document.at("active"), active_);
-      EXPECT_EQ(document.at("rollback"), old_);
-      EXPECT_EQ(document.at("candidate"), Json());
-    }
-    EXPECT_EQ(left.at("attempt"), Json());
-    EXPECT_EQ(left.at("failed_candidate"), (Json{{"reference", candidate}, {"problem", "startup_interrupted"}}));
-    return found.at("attempt").is_null() ? "recovered" : "on trial";
-  };
+  const auto try_start = [&](const FaultOutcome& outcome) { return handed_over(outcome.result, candidate, helper); };
   EXPECT_EQ(try_all({"self", "uninstall"}, try_start).size(), 2u);
 }
 
@@ -368,20 +372,10 @@ TEST_F(BootstrapFault, InChainsOfAHandOverToMaintenanceChangesNothing) {
   bool is_recovered = false;
   started_from_ = [&] { is_recovered = false; };
   const auto try_start = [&](const ChainLink& link) -> std::string {
-    EXPECT_TRUE(link.result.output.empty() || link.result.output == helper) << link.result.output;
-    const Json found = place_.store.load();
-    EXPECT_EQ(start_again({"self", "uninstall"}), helper);
-    const Json left = place_.store.load();
-    for (const Json& document : {found, left}) {
-      EXPECT_EQ(document.at("active"), active_);
-      EXPECT_EQ(document.at("rollback"), old_);
-      EXPECT_EQ(document.at("candidate"), Json());
-    }
-    EXPECT_EQ(left.at("attempt"), Json());
-    EXPECT_EQ(left.at("failed_candidate"), (Json{{"reference", candidate}, {"problem", "startup_interrupted"}}));
+    std::string state = handed_over(link.result, candidate, helper);
     is_recovered = is_recovered || (link.has_succeeded() && !found_.at("attempt").is_null());
-    EXPECT_TRUE(!is_recovered || found.at("attempt").is_null());
-    return found.at("attempt").is_null() ? "recovered" : "on trial";
+    EXPECT_TRUE(!is_recovered || state == "recovered");
+    return state;
   };
   try_chains({"self", "uninstall"}, try_start);
 }

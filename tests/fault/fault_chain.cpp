@@ -416,12 +416,7 @@ std::ostream& operator<<(std::ostream& stream, const FaultChainTable& table) {
   stream << '\n';
   for (const auto& [modes, endings] : table.pairs) {
     stream << "  " << std::left << std::setw(14) << modes.first << std::setw(14) << modes.second;
-    const char* between = "";
-    for (const auto& [words, count] : endings) {
-      stream << between << words << " (" << count << ")";
-      between = ", ";
-    }
-    stream << '\n';
+    write_counts(stream, endings);
   }
   for (const auto& [state, count] : table.states) {
     stream << "  " << state << " (" << count << ")\n";

@@ -250,6 +250,14 @@ class LostNames : public ::testing::Test {
   const std::filesystem::path work_;
 };
 
+// Steps that change names in every way.
+constexpr const char* every_kind[] = {
+    "make:new",          "mkdir:new",         "link:old:new",         "symlink:old:new",
+    "unlink:old",        "remove:old",        "remove:empty",         "rmdir:empty",
+    "rename:old:new",    "rename:old:target", "rename:old:empty/new", "rename:full:empty",
+    "rename:full:moved", "new:old:moved",     "swap:old:target",      "swap:old:full",
+    "unlink:full/in"};
+
 constexpr NameLoss::Kind all = NameLoss::Kind::all;
 constexpr NameLoss::Kind only = NameLoss::Kind::only;
 constexpr NameLoss::Kind but = NameLoss::Kind::but;
@@ -257,10 +265,7 @@ constexpr NameLoss::Kind half = NameLoss::Kind::half;
 
 TEST_F(LostNames, EveryKindOfChangeIsTakenBack) {
   const TreeState before = tree_state(work_);
-  for (const char* step :
-       {"make:new", "mkdir:new", "link:old:new", "symlink:old:new", "unlink:old", "remove:old", "remove:empty",
-        "rmdir:empty", "rename:old:new", "rename:old:target", "rename:old:empty/new", "rename:full:empty",
-        "rename:full:moved", "new:old:moved", "swap:old:target", "swap:old:full", "unlink:full/in"}) {
+  for (const char* step : every_kind) {
     const ::testing::ScopedTrace trace(__FILE__, __LINE__, step);
     EXPECT_FALSE(same_tree(after({step}), before));
     EXPECT_TRUE(same_tree(left({step}, all), before));
@@ -451,10 +456,7 @@ class CarriedLosses : public LostNames {
 
 TEST_F(CarriedLosses, EveryKindOfChangeIsTakenBackInTheNextProgram) {
   const TreeState before = tree_state(work_);
-  for (const char* step :
-       {"make:new", "mkdir:new", "link:old:new", "symlink:old:new", "unlink:old", "remove:old", "remove:empty",
-        "rmdir:empty", "rename:old:new", "rename:old:target", "rename:old:empty/new", "rename:full:empty",
-        "rename:full:moved", "new:old:moved", "swap:old:target", "swap:old:full", "unlink:full/in"}) {
+  for (const char* step : every_kind) {
     const ::testing::ScopedTrace trace(__FILE__, __LINE__, step);
     restart();
     run_and_cut({step});

@@ -299,17 +299,21 @@ std::vector<NameCut> name_cuts(const FaultRun& run, std::uint64_t most) {
   return always;
 }
 
+void write_counts(std::ostream& stream, const std::map<std::string, std::uint64_t>& counts) {
+  const char* between = "";
+  for (const auto& [words, count] : counts) {
+    stream << between << words << " (" << count << ")";
+    between = ", ";
+  }
+  stream << '\n';
+}
+
 std::ostream& operator<<(std::ostream& stream, const FaultTable& table) {
   stream << table.calls.size() << " calls, " << table.runs << " spoilt runs, " << table.name_cuts
          << " of which lost names\n";
   for (const auto& [what, endings] : table.endings) {
     stream << "  " << std::left << std::setw(18) << what.first << std::setw(8) << what.second;
-    const char* between = "";
-    for (const auto& [words, count] : endings) {
-      stream << between << words << " (" << count << ")";
-      between = ", ";
-    }
-    stream << '\n';
+    write_counts(stream, endings);
   }
   return stream;
 }

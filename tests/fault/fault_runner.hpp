@@ -87,6 +87,9 @@ bool is_new_end(const FaultCall& before, FaultMode mode);
 // How a program ended, in a few words: its signal, or its code and the code of its message.
 std::string ending_of(const ProgramResult& result);
 
+// Writes how often what happened, as a line: "code 0 (2), signal 9 (1)".
+void write_counts(std::ostream& stream, const std::map<std::string, std::uint64_t>& counts);
+
 // "all", "only N", "but N", "some N" or "half N", as the library takes it.
 std::string text_of(const NameLoss& loss);
 
@@ -98,7 +101,7 @@ struct NameCut {
 
 // Returns the power cuts that differ in what they leave of a counted run. At every call from which on other names may
 // be lost, there is a cut that loses all of them, and for each of them a cut that loses it alone and one that loses all
-// but it; of more than eight changes, eight are chosen, spread over them. So there are cuts that lose half of a move.
+// but it; of more than eight changes, eight are chosen, spread over them. Others lose half of a move.
 // More than `most` cuts are thinned out evenly, except those after a flush, a link or a move, and those at the end.
 std::vector<NameCut> name_cuts(const FaultRun& run, std::uint64_t most);
 

@@ -209,8 +209,10 @@ bool BootstrapMoves::restore_file(const std::string& path) {
 
 bool BootstrapMoves::put_back(const std::string& path) {
   changed_.insert(directory_of(path));
-  // Going back comes first, whatever the disk says.
-  static_cast<void>(flush_anew(tree_, old_name(path)));
+  if (path == update_.executable) {
+    // Going back comes first, whatever the disk says.
+    static_cast<void>(flush_anew(tree_, old_name(path)));
+  }
   move(tree_, old_name(path), tree_, path);
   // A move between two names of one file leaves both.
   const Problem problem = remove(old_name(path));
@@ -219,11 +221,11 @@ bool BootstrapMoves::put_back(const std::string& path) {
 
 // Flushes a file as one that has just changed. To a power cut before the directories are flushed, btrfs may lose of a
 // move that the file has come, and keep that the one in its place is gone, unless it has flushed the file in the same
-// span between two of its commits. It does not flush a file that has not changed in it.
+// span between two of its commits. It does not flush a file that has not changed in it. Done for the bootstrap's
+// program alone: the next start brings any other file back.
 Problem BootstrapMoves::flush_anew(TreePaths& tree, const std::string& path) {
   const Result<Handle> file = tree.open(path, os::OpenAs::file);
   const Result<Status> status = file ? status_of(file->get()) : file.problem();
-  require_handles(status.problem());
   const Problem problem = status ? os::set_permissions(file->get(), status->permissions) : status.problem();
   return problem ? problem : os::flush(file->get());
 }
@@ -369,7 +371,11 @@ void BootstrapMoves::put(const std::string& path) {
     private_directory(place(path).parent_path());
   }
   changed_.insert(directory_of(path));
-  require(!flush_anew(update_tree_, path), "file_sync", "Cannot synchronize " + path_utf8(paths_.update_tree / path));
+  if (path == update_.executable) {
+    const Problem problem = flush_anew(update_tree_, path);
+    require_handles(problem);
+    require(!problem, "file_sync", "Cannot synchronize " + path_utf8(paths_.update_tree / path));
+  }
   move(update_tree_, path, tree_, path);
   moves_.push_back({Move::Kind::put, path});
 }

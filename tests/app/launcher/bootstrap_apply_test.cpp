@@ -579,12 +579,14 @@ TEST_F(ApplyBootstrapUpdate, TriesAWayBackAgainThatAPowerCutMayUndo) {
 }
 
 // Otherwise a power cut right behind a move may leave neither file on btrfs.
-TEST_F(ApplyBootstrapUpdate, MovesOnlyFilesThatItHasChangedAndFlushed) {
-  const auto expect_flushed = [](const Planned& plan, std::ptrdiff_t moves) {
+TEST_F(ApplyBootstrapUpdate, MovesOnlyAProgramThatItHasChangedAndFlushed) {
+  // The last move of a file that is put into place is that of the program.
+  const auto expect_flushed = [](const Planned& plan, std::ptrdiff_t moves, std::ptrdiff_t program) {
     const std::vector<std::string> calls = plan.order_of({"fchmod", "fsync", "rename"});
     EXPECT_GE(std::count(calls.begin(), calls.end(), "rename"), moves);
+    std::ptrdiff_t number = 0;
     for (std::size_t i = 0; i < calls.size(); ++i) {
-      if (calls[i] == "rename") {
+      if (calls[i] == "rename" && ++number == program) {
         EXPECT_TRUE(i >= 2 && calls[i - 1] == "fsync" && calls[i - 2] == "fchmod") << i;
       }
     }
@@ -593,7 +595,7 @@ TEST_F(ApplyBootstrapUpdate, MovesOnlyFilesThatItHasChangedAndFlushed) {
   {
     const Planned plan(failing("none", 0));
     expect_applied(apply(), next);
-    expect_flushed(plan, 4);
+    expect_flushed(plan, 4, 4);
   }
   // And on the way back.
   place.install(old);
@@ -604,7 +606,46 @@ TEST_F(ApplyBootstrapUpdate, MovesOnlyFilesThatItHasChangedAndFlushed) {
   const Planned plan(failing("none", 0));
   EXPECT_EQ(apply().end, End::rejected);
   EXPECT_TRUE(place.holds(old));
-  expect_flushed(plan, 2);
+  expect_flushed(plan, 2, 1);
+}
+
+TEST_F(ApplyBootstrapUpdate, MovesNoProgramThatItCannotFlush) {
+  // The program is the fourth file to be moved, and changed right before.
+  int change = 0;
+  // The first time, the files of locks are made as well.
+  for (int i = 0; i < 2; ++i) {
+    place.install(old);
+    place.prepare(next);
+    const Planned plan(failing("none", 0));
+    expect_applied(apply(), next);
+    const std::vector<std::string> calls = plan.order_of({"fchmod", "rename"});
+    auto move = calls.begin();
+    for (int number = 1; number < 4; ++number) {
+      move = std::find(move, calls.end(), "rename") + 1;
+    }
+    change = static_cast<int>(std::count(calls.begin(), std::find(move, calls.end(), "rename"), "fchmod"));
+  }
+  const std::pair<int, std::string> problems[] = {
+      {EIO, "file_sync: Cannot synchronize " + (place.paths.update_tree / bootstrap_program).native()},
+      {EMFILE, "too_many_files: Too many files are open; close other programs and try again"}};
+  for (const auto& [problem, told] : problems) {
+    place.install(old);
+    place.prepare(next);
+    const Planned plan(failing("fchmod", problem, change));
+    expect_rejected(apply(), next, told);
+    EXPECT_TRUE(plan.happened());
+  }
+}
+
+TEST_F(ApplyBootstrapUpdate, PutsAFileBackThatItCannotFlush) {
+  for (const int problem : {EIO, EMFILE}) {
+    place.install(old);
+    place.prepare(next);
+    move_into_place(bootstrap_program);
+    const Planned plan(failing("fchmod", problem));
+    expect_rejected(apply(), next, "content_mismatch: Staged bootstrap file changed: bin/ravok-bootstrap");
+    EXPECT_TRUE(plan.happened());
+  }
 }
 
 TEST_F(ApplyBootstrapUpdate, TriesTheWayBackOfARejectedOneAgain) {
