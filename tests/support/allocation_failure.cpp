@@ -124,6 +124,9 @@ void operator delete[](void* memory, std::size_t) noexcept { std::free(memory); 
 namespace ravok::testing {
 namespace {
 
+// A work may have ended for its user before it has made all its allocations, so each of the last ones is tried.
+constexpr std::size_t last_allocations = 24;
+
 // What a run reports before its process ends.
 struct Report {
   Ending ending = Ending::terminated;
@@ -223,7 +226,11 @@ ShortRuns at_every_allocation(Allocations allocations, Shortage shortage, std::s
   runs.allocations = whole.made;
   const std::size_t distance =
       std::max<std::size_t>(1, (whole.made + most_runs - 1) / std::max<std::size_t>(1, most_runs));
-  for (std::size_t number = 1; number <= whole.made && whole.ending == Ending::success; number += distance) {
+  const std::size_t last_ones = whole.made - std::min(whole.made, last_allocations);
+  for (std::size_t number = 1; number <= whole.made && whole.ending == Ending::success; ++number) {
+    if ((number - 1) % distance != 0 && number <= last_ones) {
+      continue;
+    }
     trial.prepare();
     const Report report = run({allocations, shortage, number}, trial.work);
     const ShortRun done{number, report.ending, report.problem.data(), report.open_descriptors};

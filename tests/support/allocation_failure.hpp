@@ -51,8 +51,8 @@ struct ShortRuns {
 };
 
 // Runs the work once for every allocation that it makes, or for at most `most_runs` of them at even distances, the
-// first included. Expects that no run ends otherwise than in success, in std::bad_alloc, in an Error or, of the
-// libraries' allocations, by an exit of theirs, and that it leaves no descriptor open.
+// first included, and for each of the last 24. Expects that no run ends otherwise than in success, in std::bad_alloc,
+// in an Error or, of the libraries' allocations, by an exit of theirs, and that it leaves no descriptor open.
 ShortRuns at_every_allocation(Allocations allocations, Shortage shortage, std::size_t most_runs,
                               const ShortTrial& trial);
 

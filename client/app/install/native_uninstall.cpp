@@ -121,18 +121,16 @@ class Removal {
   }
 
   void remove_traces(const HeldDirectory& root) const {
+    const std::string setup_lock = name_of(paths_.setup_lock);
     root.remove_quietly(name_of(paths_.bootstrap_lock));
     // A power cut must not bring back what the marker no longer guards.
     root.flush();
     remove_setup_marker(root);
-    try {
-      // So that a power cut does not bring the marker back after success was reported.
-      root.flush();
-    } catch (const Error&) {
-      // Everything is removed. If a power cut brings the marker back, another uninstall removes it.
-    }
+    // Everything is removed, so nothing fails from here on, and nothing takes memory. If a power cut brings the marker
+    // back, another uninstall removes it.
+    root.flush_quietly();
     // The lock's file goes last, since without it the lock excludes nobody.
-    root.remove_quietly(name_of(paths_.setup_lock));
+    root.remove_quietly(setup_lock);
     // A folder that still holds something stays.
     root.remove_itself_quietly();
   }

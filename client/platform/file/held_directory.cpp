@@ -124,7 +124,10 @@ void HeldDirectory::write(const std::string& name, std::string_view bytes) const
 void HeldDirectory::remove(const std::string& name) const {
   const Problem problem = type_of(name) == EntryType::directory ? os::remove_directory_at(handle(), name.c_str())
                                                                 : os::remove_at(handle(), name.c_str());
-  require(!problem || problem == Cause::missing, "file_remove", "Cannot remove " + path_utf8(below(name)));
+  // Once the name is gone, nothing can fail any more, so the message is made for a failure only.
+  if (problem && problem != Cause::missing) {
+    fail("file_remove", "Cannot remove " + path_utf8(below(name)));
+  }
 }
 
 void HeldDirectory::remove_quietly(const std::string& name) const noexcept {
@@ -171,5 +174,7 @@ void HeldDirectory::remove_itself_quietly() const noexcept {
 void HeldDirectory::flush() const {
   require(!os::flush(handle()), "file_sync", "Could not durably synchronize directory");
 }
+
+void HeldDirectory::flush_quietly() const noexcept { static_cast<void>(os::flush(handle())); }
 
 }  // namespace ravok

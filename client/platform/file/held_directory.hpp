@@ -66,7 +66,8 @@ class HeldDirectory {
   // Replaces or makes a private record durably, as atomic_write does; but a link of that name is replaced itself.
   void write(const std::string& name, std::string_view bytes) const;
 
-  // Removes a file, a link or an empty directory; a missing name is fine. Fails with "file_remove".
+  // Removes a file, a link or an empty directory; a missing name is fine. Fails with "file_remove" and, when it cannot
+  // be told what the name stands for, with "unsafe_path"; no other failure comes after the removal.
   void remove(const std::string& name) const;
   // The same; tells nothing when that fails.
   void remove_quietly(const std::string& name) const noexcept;
@@ -86,6 +87,8 @@ class HeldDirectory {
 
   // Makes the changes of names in it durable. Fails with "file_sync".
   void flush() const;
+  // The same; tells nothing when that fails.
+  void flush_quietly() const noexcept;
 
  private:
   HeldDirectory(std::filesystem::path path, Handle parent, Handle directory);
