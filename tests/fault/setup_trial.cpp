@@ -33,7 +33,10 @@ const char* action_of(SetupOperation operation) {
     case SetupOperation::removing_uninstall:
       return "remove";
     case SetupOperation::cancelled_install:
+    case SetupOperation::withdrawn_install:
       return "cancel";
+    case SetupOperation::failed_install:
+      return "fail";
   }
   return "";
 }
@@ -166,12 +169,18 @@ const char* name_of(SetupOperation operation) {
       return "RemovingUninstall";
     case SetupOperation::cancelled_install:
       return "CancelledInstall";
+    case SetupOperation::withdrawn_install:
+      return "WithdrawnInstall";
+    case SetupOperation::failed_install:
+      return "FailedInstall";
   }
   return "";
 }
 
 SetupTrial::SetupTrial(SetupOperation operation) : operation_(operation), action_(action_of(operation)) {
-  if (!starts_missing() && operation_ != SetupOperation::bare_uninstall) {
+  if (operation_ == SetupOperation::withdrawn_install) {
+    place_.root().directory("place/data");
+  } else if (!starts_missing() && operation_ != SetupOperation::bare_uninstall) {
     place_.write_player_data();
   }
   place_.root().write("place/home/letter", "dear reader");
@@ -291,7 +300,8 @@ void SetupTrial::expect_player_data(const Files& left) const {
 }
 
 bool SetupTrial::starts_missing() const {
-  return operation_ == SetupOperation::first_install || operation_ == SetupOperation::cancelled_install;
+  return operation_ == SetupOperation::first_install || operation_ == SetupOperation::cancelled_install ||
+         operation_ == SetupOperation::failed_install;
 }
 
 std::string SetupTrial::launcher_file() const {

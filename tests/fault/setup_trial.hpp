@@ -27,12 +27,15 @@ enum class SetupOperation {
   keeping_uninstall,   // of all but a player's data
   removing_uninstall,  // of the player's data too
   cancelled_install,   // into a missing folder
+  withdrawn_install,   // into an empty folder, cancelled
+  failed_install,      // into a missing folder, failing in its commit
 };
 
 inline constexpr SetupOperation all_setup_operations[] = {
     SetupOperation::first_install,     SetupOperation::later_install,      SetupOperation::bootstrap_repair,
     SetupOperation::launcher_repair,   SetupOperation::trust_repair,       SetupOperation::bare_uninstall,
     SetupOperation::keeping_uninstall, SetupOperation::removing_uninstall, SetupOperation::cancelled_install,
+    SetupOperation::withdrawn_install, SetupOperation::failed_install,
 };
 
 const char* name_of(SetupOperation operation);

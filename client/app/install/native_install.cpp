@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstddef>
 #include <exception>
+#include <initializer_list>
 #include <memory>
 #include <optional>
 #include <utility>
@@ -13,6 +14,7 @@
 #include "app/install/install_folder.hpp"
 #include "app/install/json_paths.hpp"
 #include "app/install/native_package.hpp"
+#include "app/install/setup_marker.hpp"
 #include "app/install/system_failures.hpp"
 #include "app/launcher/launcher_store.hpp"
 #include "domain/error.hpp"
@@ -27,6 +29,7 @@
 #include "platform/file/status.hpp"
 #include "platform/snapshot/snapshot_archive.hpp"
 #include "platform/snapshot/snapshot_tree.hpp"
+#include "tuf/resume_state.hpp"
 #include "tuf/tuf.hpp"
 
 namespace ravok {
@@ -240,18 +243,27 @@ class Installation {
 
   // Never fails, so that the caller learns of the failure that this is called for.
   void give_up(const Error& error) noexcept {
-    if (request_.repair) {
-      release_locks();
-      write_status(paths_, action(), "failed", error.what());
-      return;
-    }
     try {
-      // The lock is still held, so that this does not remove what another setup has begun.
-      discard_failed_install();
+      // The locks are still held, so that this does not remove what another setup has begun.
+      if (request_.repair) {
+        discard_preparations();
+      } else {
+        discard_failed_install();
+      }
     } catch (const std::exception&) {
-      // The next install removes what is left.
+      // The next run removes what is left.
     }
     release_locks();
+    if (request_.repair) {
+      write_status(paths_, action(), "failed", error.what());
+    }
+  }
+
+  // Removes what was prepared, unless the commit has begun, which may have moved the former trees there.
+  void discard_preparations() const {
+    if (bootstrap_lock_ && !root_->type_of(name_of(paths_.incomplete_marker))) {
+      native_->remove_tree_quietly(name_of(paths_.staging));
+    }
   }
 
   // Removes what this run has made, and only in the folders that it has proved.
@@ -266,14 +278,7 @@ class Installation {
     if (root_was_missing_) {
       // A folder with a record is an installation, whatever failed after the record was written.
       if (!native_ || !native_->type_of(name_of(paths_.installation_record))) {
-        const std::string lock = name_of(paths_.setup_lock);
-        for (const std::string& name : root_->names()) {
-          if (name != lock) {
-            root_->remove_tree_quietly(name);
-          }
-        }
-        // The lock's file goes last, since without it the lock excludes nobody.
-        root_->remove_quietly(lock);
+        discard_folder({paths_.launcher, paths_.trust, paths_.repository_record, paths_.repository_ca});
         root_->remove_itself_quietly();
       }
       return;
@@ -282,16 +287,66 @@ class Installation {
       native_->remove_tree_quietly(name_of(paths_.staging));
     }
     if (installation_state(paths_) == InstallationState::none) {
-      const std::string native = name_of(paths_.native);
-      if (native_) {
-        root_->remove_tree_quietly(native);
-      } else if (root_->type_of(native) == EntryType::directory) {
-        // This run may have made the folder without proving it, so it is removed only if it is empty.
-        root_->remove_quietly(native);
+      discard_folder({});
+    }
+  }
+
+  // Removes these parts, and what every setup makes in the folder; what is there besides is the player's. An end at any
+  // moment, and what cannot be removed, leave a folder that an install takes.
+  void discard_folder(std::initializer_list<std::filesystem::path> parts) {
+    bool is_clear = true;
+    for (const std::filesystem::path& part : parts) {
+      is_clear = root_->remove_tree_quietly(name_of(part)) && is_clear;
+    }
+    remove_begun_markers();
+    const bool may_be_running = !bootstrap_lock_;
+    discard_bootstrap_lock();
+    // What marks the folder goes after all that would be nobody's without it.
+    root_->flush();
+    is_clear = discard_native(may_be_running) && is_clear;
+    if (is_clear) {
+      root_->flush();
+      remove_setup_marker(*root_);
+      // So that a power cut does not bring it back after the failure was told.
+      root_->flush_quietly();
+    }
+    // The lock's file goes last, since without it the lock excludes nobody.
+    root_->remove_quietly(name_of(paths_.setup_lock));
+  }
+
+  // The lock is held until its file is gone, since without its file a lock excludes nobody. A client that is running
+  // holds it, and keeps it.
+  void discard_bootstrap_lock() {
+    if (!bootstrap_lock_) {
+      try {
+        bootstrap_lock_ = std::make_unique<NativeFileLock>(paths_.bootstrap_lock, false, NativeLockSharing::none,
+                                                           LockMode::exclusive);
+      } catch (const Error&) {
+        return;
       }
-      // The locks are held until their files are gone, since without its file a lock excludes nobody.
-      root_->remove_quietly(name_of(paths_.bootstrap_lock));
-      root_->remove_quietly(name_of(paths_.setup_lock));
+    }
+    root_->remove_quietly(name_of(paths_.bootstrap_lock));
+  }
+
+  // Returns whether nothing is left of it.
+  bool discard_native(bool may_be_running) const {
+    const std::string native = name_of(paths_.native);
+    if (native_ && !may_be_running) {
+      return root_->remove_tree_quietly(native);
+    }
+    // This run may have made the folder, but then there is nothing in it.
+    if (root_->type_of(native) == EntryType::directory) {
+      root_->remove_quietly(native);
+    }
+    return !root_->type_of(native);
+  }
+
+  // A run that was ended while it wrote its marker has left one under another name, which alone is nobody's.
+  void remove_begun_markers() const {
+    for (const std::string& name : root_->names()) {
+      if (name != incomplete_install_marker && is_record_file(name, incomplete_install_marker)) {
+        root_->remove_quietly(name);
+      }
     }
   }
 

@@ -24,6 +24,7 @@
 #include "app/launcher/start_marker.hpp"
 #include "domain/crypto.hpp"
 #include "domain/paths.hpp"
+#include "platform/file/managed_paths.hpp"
 #include "platform/file/native_lock.hpp"
 #include "platform/snapshot/complete_install.hpp"
 #include "support/desktop_entry.hpp"
@@ -586,8 +587,8 @@ TEST_F(NativeInstall, FailsAtOnceWithARunningGame) {
 
 TEST_F(NativeInstall, IntoAnEarlierFolderWithARunningClientKeepsThePlayersData) {
   place.write_player_data();
-  const TreeState before = place.state();
   const NativeFileLock client(paths.bootstrap_lock, true, NativeLockSharing::none, LockMode::shared);
+  const TreeState before = place.state();
   EXPECT_FAILURE(place.install(), "ravok_running", running_words);
   EXPECT_TRUE(same_tree(place.state(), before));
 }
@@ -684,6 +685,102 @@ TEST_F(NativeInstall, CancelledAtAnyQuestionKeepsAnEarlierDataFolder) {
     EXPECT_FAILURE(place.install(), "cancelled", cancelled_words) << at;
     EXPECT_TRUE(same_tree(place.state(), before)) << at;
   }
+}
+
+// Whoever copies saves into the new folder while setup works in it gets them back.
+TEST_F(NativeInstall, CancelledKeepsWhatThePlayerHasPutThereMeanwhile) {
+  for (const bool is_missing_before : {true, false}) {
+    std::filesystem::remove_all(data);
+    if (!is_missing_before) {
+      std::filesystem::create_directory(data);
+    }
+    bool is_put = false;
+    place.callbacks.progress = [&](std::string_view phase, std::uint64_t, std::uint64_t) {
+      if (phase == "installing") {
+        place.write("userdata/save", "a long way");
+        place.write("notes.txt", "notes");
+        is_put = true;
+      }
+    };
+    place.callbacks.cancelled = [&] { return is_put; };
+    EXPECT_FAILURE(place.install(), "cancelled", cancelled_words);
+    EXPECT_EQ(place.read("userdata/save"), "a long way");
+    EXPECT_EQ(place.read("notes.txt"), "notes");
+    const TreeState left = place.state();
+    EXPECT_EQ(left.size(), 3u) << ::testing::PrintToString(left);
+  }
+  place.callbacks = {};
+  EXPECT_NO_THROW(place.install());
+}
+
+TEST_F(NativeInstall, ThatFailsInItsCommitKeepsWhatThePlayerHasPutThereMeanwhile) {
+  int taken_back = 0;
+  bool happened = true;
+  for (int count = 1; happened; ++count) {
+    std::filesystem::remove_all(data);
+    bool is_put = false;
+    place.callbacks.progress = [&](std::string_view phase, std::uint64_t, std::uint64_t) {
+      if (phase == "installing" && !is_put) {
+        is_put = true;
+        place.write("userdata/save", "a long way");
+        place.write("notes.txt", "notes");
+      }
+    };
+    const Planned plan(testing::failing("rename", EIO, count));
+    const bool failed = failure_of([&] { place.install(); }).has_value();
+    happened = plan.happened();
+    EXPECT_TRUE(!is_put || place.read("userdata/save") == "a long way") << count;
+    EXPECT_TRUE(!is_put || place.read("notes.txt") == "notes") << count;
+    if (failed && is_put && !std::filesystem::exists(paths.installation_record)) {
+      ++taken_back;
+      EXPECT_EQ(place.state().size(), 3u) << count << ::testing::PrintToString(place.state());
+    }
+  }
+  EXPECT_GE(taken_back, 5);
+}
+
+TEST_F(NativeInstall, CancelledLeavesNothingOfAMarkerWhoseWriteWasEnded) {
+  cancel_at(0);
+  place.install();
+  const int all = questions;
+  std::filesystem::remove_all(data);
+  for (int at = 1; at <= all; ++at) {
+    place.write("native/staging/bootstrap/x", "");
+    place.write(".ravok-setup-incomplete." + std::string(32, 'a') + ".tmp", "{");
+    place.write(".ravok-setup-incomplete.aa.tmp", "another's");
+    cancel_at(at);
+    EXPECT_FAILURE(place.install(), "cancelled", cancelled_words) << at;
+    // Cancelled before it has looked at the folder, it changes nothing.
+    if (place.state().contains("native")) {
+      EXPECT_TRUE(place.state().contains("native/staging/bootstrap/x")) << at;
+      std::filesystem::remove_all(paths.native);
+    } else {
+      EXPECT_EQ(place.state().size(), 1u) << at;
+    }
+    EXPECT_EQ(place.read(".ravok-setup-incomplete.aa.tmp"), "another's") << at;
+  }
+  EXPECT_FALSE(place.state().contains(".native-bootstrap.lock"));
+}
+
+// Its programs may lie there, though no record says so.
+TEST_F(NativeInstall, RefusedForARunningClientKeepsAllOfIt) {
+  place.write_player_data();
+  place.write("native/bootstrap/bin/program", "running");
+  const TreeState before = place.state();
+  {
+    const NativeFileLock client(paths.bootstrap_lock, true, NativeLockSharing::none, LockMode::shared);
+    EXPECT_FAILURE(place.install(), "ravok_running", running_words);
+    EXPECT_EQ(place.read("native/bootstrap/bin/program"), "running");
+    // Without its file, its lock would keep nobody out.
+    EXPECT_TRUE(client.matches_path(paths.bootstrap_lock));
+  }
+  std::filesystem::remove(paths.bootstrap_lock);
+  EXPECT_TRUE(same_tree(place.state(), before));
+  place.write("launcher/leases/versions/game", "");
+  const TreeState with_lease = place.state();
+  const FileLock game(paths.launcher / "leases/versions/game", false, LockMode::shared);
+  EXPECT_FAILURE(place.install(), "ravok_running", running_words);
+  EXPECT_TRUE(same_tree(place.state(), with_lease));
 }
 
 TEST_F(NativeInstall, IsLastAskedBeforeAnythingIsChanged) {
@@ -815,6 +912,35 @@ TEST_F(NativeInstall, CancelledRepairKeepsAllAndIsRecorded) {
   EXPECT_LT(recorded, all);
   place.callbacks = {};
   EXPECT_EQ(place.repair().replaced, all_parts);
+}
+
+// What was prepared takes as much room as the client itself.
+TEST_F(NativeInstall, ThatFailsAsARepairKeepsNothingOfWhatItHasPrepared) {
+  place.install();
+  damage_all();
+  spoil_launcher_archive();
+  EXPECT_FAILURE(place.repair(), "archive", no_archive);
+  EXPECT_FALSE(std::filesystem::exists(paths.staging));
+  EXPECT_EQ(place.read("native/bootstrap/data/notes"), "other");
+  expect_status("repair", "failed", no_archive);
+}
+
+TEST_F(NativeInstall, ThatFailsInTheCommitOfARepairKeepsTheFormerTrees) {
+  place.install();
+  damage_all();
+  int kept = 0;
+  bool happened = true;
+  for (int count = 1; happened; ++count) {
+    const Planned plan(testing::failing("rename", EIO, count));
+    const bool failed = failure_of([&] { place.repair(); }).has_value();
+    happened = plan.happened();
+    if (failed && is_there(paths.incomplete_marker)) {
+      EXPECT_TRUE(std::filesystem::exists(paths.staging)) << count;
+      ++kept;
+    }
+    damage_all();
+  }
+  EXPECT_GE(kept, 3);
 }
 
 TEST_F(NativeInstall, RecordsAFailedRepairWithoutALock) {
