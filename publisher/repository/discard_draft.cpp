@@ -4,6 +4,7 @@
 
 #include "platform/file/status.hpp"
 #include "publisher/repository/draft_files.hpp"
+#include "publisher/repository/upload_list.hpp"
 
 namespace ravok {
 
@@ -17,6 +18,8 @@ DiscardOutcome discard(const std::filesystem::path& folder, TufTime now) {
     session.draft()->discard();
   } else {
     clear_draft_folder(session.folder());
+    // A publication that was given up has put files on the list that will not come.
+    tidy_upload_list(session.folder(), session.state());
   }
   outcome.repository = session.unchanged();
   return outcome;

@@ -55,6 +55,16 @@ void move_targets(const RepositoryFolder& folder, const Json& targets) {
   }
 }
 
+// Gives a state the document of a role that was judged.
+void put_document(RepositoryState& state, const std::string& role, const std::string& file, const std::string& text) {
+  Json document = parse_json(text, repository_document_limit(role));
+  const std::uint64_t version = positive_version(document.at("signed").at("version"));
+  if (role == "root") {
+    state.roots[version] = text;
+  }
+  state.documents[role] = {file, text, std::move(document), version, "", ""};
+}
+
 // Accepts only what clients may be given, whoever has written the draft: documents that the published ones authorize,
 // each under the name of its role and version, and none older than what is published. They may have expired.
 void require_authorized(const RepositoryFolder& folder, const RepositoryState& state, const Json& stored) {
@@ -143,18 +153,19 @@ bool has_new_file(const RepositoryFolder& folder, const std::string& path, const
   return !is_missing(draft_targets(folder) / file_of(path, target));
 }
 
-void publish_draft(const RepositoryFolder& folder, const Json& stored) {
-  move_targets(folder, targets_of_draft(folder, stored.at("documents")));
-  std::map<std::string, std::string> texts;
+void publish_draft(const RepositoryFolder& folder, const RepositoryState& present, const Json& stored) {
+  RepositoryState next = present;
   for (const auto& [role, file] : stored.at("documents").items()) {
-    texts[role] = read_draft_document(folder, file.get<std::string>());
+    put_document(next, role, file.get<std::string>(), read_draft_document(folder, file.get<std::string>()));
   }
+  add_to_upload_list(folder, stored.at("upload").get<std::vector<std::string>>(), present, next);
+  move_targets(folder, targets_of_draft(folder, stored.at("documents")));
   for (const char* const role : repository_roles) {
-    if (const auto found = texts.find(role); found != texts.end()) {
-      folder.publish_document(text_at(stored.at("documents"), role), found->second);
+    if (stored.at("documents").contains(role)) {
+      folder.publish_document(next.role(role).file, next.role(role).text);
     }
   }
-  add_to_upload_list(folder, stored.at("upload").get<std::vector<std::string>>());
+  tidy_upload_list(folder, next);
   remove_draft(folder);
 }
 
@@ -166,7 +177,7 @@ bool finish_publication(const RepositoryFolder& folder) {
   const RepositoryState state = folder.state();
   read_files_of_draft(folder, [&] { require_authorized(folder, state, stored->document); });
   require_target_files(folder, targets_of_draft(folder, stored->document.at("documents")), NewFiles::proved);
-  publish_draft(folder, stored->document);
+  publish_draft(folder, state, stored->document);
   return true;
 }
 

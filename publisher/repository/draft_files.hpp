@@ -61,10 +61,11 @@ void require_target_files(const RepositoryFolder& folder, const Json& targets, N
 // Whether the draft has a new file of a target.
 bool has_new_file(const RepositoryFolder& folder, const std::string& path, const Json& target);
 
-// Publishes a draft that has been judged: the files of targets, the root, targets, snapshot and the timestamp; then
-// writes the list of what to upload, and removes the draft. May be done again at any time before it is through. Fails
-// as move_file, publish_document, add_to_upload_list and remove_draft do.
-void publish_draft(const RepositoryFolder& folder, const Json& stored);
+// Publishes a draft that has been judged, on the state that it was begun on or on what has appeared of it: first adds
+// to the list of what to upload; then the files of targets, the root, targets, snapshot and the timestamp appear; then
+// removes the draft. May be done again at any time before it is through. Fails as add_to_upload_list, move_file,
+// publish_document, tidy_upload_list and remove_draft do.
+void publish_draft(const RepositoryFolder& folder, const RepositoryState& present, const Json& stored);
 
 // Finishes a publication that was broken off. Returns whether there was one. What lies in the draft is judged anew,
 // since a folder may have been copied from somebody else: fails with "invalid_draft" for documents that the published

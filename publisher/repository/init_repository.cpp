@@ -29,7 +29,7 @@ PublisherRecord make_record(const RepositoryFoundation& foundation, const std::v
 
 RepositoryOutcome sign_first(const std::filesystem::path& folder, const std::vector<Signer>& signers, TufTime now) {
   RepositorySession session(folder, now);
-  add_to_upload_list(session.folder(), {uploaded_document(role_file("root", 1))});
+  add_to_upload_list(session.folder(), {uploaded_document(role_file("root", 1))}, session.state(), session.state());
   if (signers.empty()) {
     return session.unchanged();
   }

@@ -424,7 +424,7 @@ void RepositoryDraft::publish(TufTime now) {
   Json begun = stored();
   begun["upload"] = changed_files();
   replace_file(folder_->path(), draft_record(*folder_), begun.dump() + "\n");
-  publish_draft(*folder_, begun);
+  publish_draft(*folder_, state_, begun);
   const RepositoryState published = folder_->state();
   for (const std::string& role : roles_) {
     require(published.role(role).is_accepted() && published.role(role).text == text(role), "content_mismatch",
@@ -441,8 +441,9 @@ void RepositoryDraft::publish_from_memory() const {
     }
     next.documents[role] = {file(role), text(role), document(role), version_in(document(role)), "", ""};
   }
-  add_to_upload_list(*folder_, changed_files(), next);
+  add_to_upload_list(*folder_, changed_files(), state_, next);
   folder_->publish_document(file("timestamp"), text("timestamp"));
+  tidy_upload_list(*folder_, next);
 }
 
 void RepositoryDraft::discard() { remove_draft(*folder_); }

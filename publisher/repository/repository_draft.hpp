@@ -91,8 +91,8 @@ class RepositoryDraft {
   void wait();
 
   // Publishes a draft that is wholly signed. First reads everything back as the clients do that trust the present root,
-  // and those that begin with the oldest one. Then the folder's files appear: those of targets, the root, targets,
-  // snapshot and the timestamp; the list of what to upload is written, and the draft is gone. Fails as the trusted set
+  // and those that begin with the oldest one. Then the list of what to upload grows, and the folder's files appear:
+  // those of targets, the root, targets, snapshot and the timestamp; and the draft is gone. Fails as the trusted set
   // does, with "rollback", as require_target_files does, and as replace_file, move_file and remove_file do; what has
   // begun is finished by finish_publication.
   void publish(TufTime now);

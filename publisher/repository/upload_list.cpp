@@ -2,9 +2,11 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <initializer_list>
+#include <optional>
 #include <set>
-#include <tuple>
 
+#include "domain/error.hpp"
 #include "domain/paths.hpp"
 #include "platform/file/files.hpp"
 #include "platform/file/status.hpp"
@@ -17,12 +19,25 @@ constexpr std::uint64_t list_limit = std::uint64_t{1} << 30;
 constexpr const char* metadata_prefix = "tuf/metadata/";
 constexpr const char* targets_prefix = "tuf/targets/";
 
-std::set<std::string> listed(const std::filesystem::path& file) {
-  std::set<std::string> lines;
+// Returns the text of the list, empty where there is none; nothing for a list that is lost.
+std::optional<std::string> read_list(const std::filesystem::path& file) {
   if (is_missing(file)) {
-    return lines;
+    return "";
   }
-  const std::string text = read_file(file, list_limit);
+  try {
+    std::string text = read_file(file, list_limit);
+    // No list is ever written without a line.
+    if (text.ends_with('\n')) {
+      return text;
+    }
+  } catch (const Error&) {
+    // Whatever the reason is, nobody knows any more what the list has named.
+  }
+  return {};
+}
+
+std::set<std::string> lines_of(const std::string& text) {
+  std::set<std::string> lines;
   for (std::size_t begin = 0; begin < text.size();) {
     const std::size_t end = std::min(text.find('\n', begin), text.size());
     lines.insert(text.substr(begin, end - begin));
@@ -31,22 +46,45 @@ std::set<std::string> listed(const std::filesystem::path& file) {
   return lines;
 }
 
-// All that a client may ask for, in the order of the list.
-std::vector<std::string> needed_files(const RepositoryState& state) {
+// All that a client may ask for in one of the states, in the order of the list.
+std::vector<std::string> needed_files(std::initializer_list<const RepositoryState*> states) {
   std::vector<std::string> files;
-  const Json targets = state.targets();
-  for (const auto& [path, target] : targets.items()) {
-    files.push_back(uploaded_target(path, text_at(target.at("hashes"), "sha256")));
+  std::set<std::string> seen;
+  const auto add = [&](const std::string& file) {
+    if (seen.insert(file).second) {
+      files.push_back(file);
+    }
+  };
+  for (const RepositoryState* const state : states) {
+    const Json targets = state->targets();
+    for (const auto& [path, target] : targets.items()) {
+      add(uploaded_target(path, text_at(target.at("hashes"), "sha256")));
+    }
   }
-  for (const auto& [version, text] : state.roots) {
-    files.push_back(uploaded_document(role_file("root", version)));
+  for (const RepositoryState* const state : states) {
+    for (const auto& [version, text] : state->roots) {
+      add(uploaded_document(role_file("root", version)));
+    }
   }
   for (const char* const role : {"targets", "snapshot", "timestamp"}) {
-    if (state.role(role).exists()) {
-      files.push_back(uploaded_document(state.role(role).file));
+    for (const RepositoryState* const state : states) {
+      if (state->role(role).exists()) {
+        add(uploaded_document(state->role(role).file));
+      }
     }
   }
   return files;
+}
+
+// Returns the lines for those of the needed files that a list names; all of them for a list that is lost.
+std::string list_of(const std::vector<std::string>& needed, const std::set<std::string>& named, bool is_lost) {
+  std::string text;
+  for (const std::string& file : needed) {
+    if (is_lost || named.contains(file)) {
+      text += file + "\n";
+    }
+  }
+  return text;
 }
 
 }  // namespace
@@ -57,21 +95,22 @@ std::string uploaded_target(const std::string& path, const std::string& sha256) 
   return targets_prefix + path_utf8(target_file(path, sha256));
 }
 
-void add_to_upload_list(const RepositoryFolder& folder, const std::vector<std::string>& files) {
-  add_to_upload_list(folder, files, folder.state());
+void add_to_upload_list(const RepositoryFolder& folder, const std::vector<std::string>& files,
+                        const RepositoryState& present, const RepositoryState& next) {
+  const std::optional<std::string> former = read_list(folder.upload_list());
+  std::set<std::string> named = lines_of(former.value_or(""));
+  named.insert(files.begin(), files.end());
+  replace_file(folder.path(), folder.upload_list(), list_of(needed_files({&present, &next}), named, !former));
 }
 
-void add_to_upload_list(const RepositoryFolder& folder, const std::vector<std::string>& files,
-                        const RepositoryState& state) {
-  std::set<std::string> wanted = listed(folder.upload_list());
-  wanted.insert(files.begin(), files.end());
-  std::string text;
-  for (const std::string& file : needed_files(state)) {
-    if (wanted.erase(file) > 0) {
-      text += file + "\n";
-    }
+void tidy_upload_list(const RepositoryFolder& folder, const RepositoryState& state) {
+  const std::optional<std::string> former = read_list(folder.upload_list());
+  const std::string text = list_of(needed_files({&state}), lines_of(former.value_or("")), !former);
+  if (text.empty()) {
+    remove_file(folder.upload_list());
+  } else if (text != former) {
+    replace_file(folder.path(), folder.upload_list(), text);
   }
-  replace_file(folder.path(), folder.upload_list(), text);
 }
 
 }  // namespace ravok

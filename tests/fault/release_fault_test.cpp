@@ -3,6 +3,7 @@
 
 #include <csignal>
 #include <filesystem>
+#include <fstream>
 #include <iostream>
 #include <string>
 #include <vector>
@@ -10,6 +11,7 @@
 #include <gtest/gtest.h>
 
 #include "fault/fault_runner.hpp"
+#include "publisher/repository/repository_check.hpp"
 #include "support/repository_place.hpp"
 
 namespace ravok::testing::release_fault_test {
@@ -22,6 +24,12 @@ class ReleaseFault : public ::testing::Test {
     place_.init();
     place_.release({place_.launcher("1", "one")});
     save();
+  }
+
+  // Takes the present state for uploaded.
+  void upload() const {
+    std::filesystem::copy(place_.folder / "public", uploaded_, std::filesystem::copy_options::recursive);
+    std::filesystem::remove(place_.folder / "upload.txt");
   }
 
   // Makes the present state the one that every run starts from.
@@ -51,6 +59,30 @@ class ReleaseFault : public ::testing::Test {
     }
   }
 
+  // With what the list names, and the timestamp of now, a server serves what clients can follow.
+  void expect_uploadable() const {
+    const std::filesystem::path server = place_.root / "server";
+    std::filesystem::remove_all(server);
+    std::filesystem::copy(uploaded_, server, std::filesystem::copy_options::recursive);
+    const auto send = [&](const std::string& file) {
+      const std::filesystem::path from = place_.folder / "public" / file;
+      if (std::filesystem::exists(from)) {
+        std::filesystem::create_directories((server / file).parent_path());
+        std::filesystem::copy_file(from, server / file, std::filesystem::copy_options::overwrite_existing);
+      }
+    };
+    std::ifstream list(place_.folder / "upload.txt");
+    for (std::string file; std::getline(list, file);) {
+      send(file);
+    }
+    send("tuf/metadata/timestamp.json");
+    const RepositoryCheck check = check_folder(server, {place_.root.read("root.json"), place_.now}, {});
+    EXPECT_TRUE(check.works());
+    for (const RepositoryFinding& problem : check.walk.problems) {
+      ADD_FAILURE() << problem.file << ": " << problem.message;
+    }
+  }
+
   void judge(const FaultOutcome& outcome, const ProgramRun& run, const std::string& next) const {
     const std::string seen = place_.seen_build();
     EXPECT_TRUE(seen == "1" || seen == next) << seen;
@@ -58,6 +90,7 @@ class ReleaseFault : public ::testing::Test {
       EXPECT_EQ(seen, next);
     }
     expect_nothing_unfinished(place_.folder / "public");
+    expect_uploadable();
     // The same command again: it finishes what was begun, or begins anew, or finds nothing left to do.
     const ProgramResult again = run_program(run);
     EXPECT_TRUE(again.exit_code == 0 || (next.empty() && again.errors.starts_with("The repository describes no build")))
@@ -65,6 +98,7 @@ class ReleaseFault : public ::testing::Test {
     EXPECT_EQ(place_.seen_build(), next);
     EXPECT_EQ(place_.seen_build("launcher-linux-x86_64.manifest.json", "new"), next);
     expect_nothing_unfinished(place_.folder);
+    expect_uploadable();
     EXPECT_EQ(std::filesystem::exists(place_.folder / "draft/draft.json"), waits_);
   }
 
@@ -82,17 +116,21 @@ class ReleaseFault : public ::testing::Test {
 
   RepositoryPlace place_;
   const std::filesystem::path before_ = place_.root / "before";
+  const std::filesystem::path uploaded_ = place_.root.directory("uploaded");
   bool waits_ = false;  // whether a draft waits for other signatures, which no run may touch
 };
 
 const std::vector<FaultMode> every_mode = {std::begin(all_fault_modes), std::end(all_fault_modes)};
 
 TEST_F(ReleaseFault, AReleaseIsSeenWholeOrNotAtAll) {
+  upload();
+  save();
   const std::filesystem::path manifest = place_.launcher("2", "two");
   expect_old_or_new(command({"release", place_.folder, "--manifest", manifest}), "2", every_mode);
 }
 
 TEST_F(ReleaseFault, ARefreshLeavesTheDraftBesideWhichItRuns) {
+  upload();
   place_.release({place_.launcher("2", "two")}, {});
   waits_ = true;
   save();

@@ -2,6 +2,7 @@
 
 #include "publisher/repository/repository_draft.hpp"
 
+#include <cerrno>
 #include <filesystem>
 #include <map>
 #include <string>
@@ -12,6 +13,7 @@
 #include "publisher/repository/discard_draft.hpp"
 #include "publisher/repository/repository_files.hpp"
 #include "support/failure.hpp"
+#include "support/file_calls.hpp"
 #include "support/repository_place.hpp"
 #include "support/tree_state.hpp"
 
@@ -61,11 +63,12 @@ struct BegunPublication {
     for (const auto& [name, bytes] : targets) {
       place.root.write("repository/draft/targets/" + name, bytes);
     }
-    place.root.write("repository/draft/draft.json", Json({{"schema_version", 1},
-                                                          {"kind", "ravok-repository-draft"},
-                                                          {"documents", named},
-                                                          {"upload", {"tuf/metadata/timestamp.json"}}})
-                                                        .dump());
+    place.root.write("repository/draft/draft.json",
+                     Json({{"schema_version", 1},
+                           {"kind", "ravok-repository-draft"},
+                           {"documents", named},
+                           {"upload", {"tuf/metadata/2.snapshot.json", "tuf/metadata/timestamp.json"}}})
+                         .dump());
   }
 
   // The next run refuses the draft and touches nothing that is served or lies beside the folder.
@@ -333,6 +336,10 @@ TEST(DiscardedDrafts, AreAlsoThoseWhosePublicationCannotBeFinished) {
                      (begun.place.folder / "public/tuf/metadata/2.targets.json").native());
   EXPECT_EQ(discard_draft(begun.place.folder, begun.place.now).action, "unknown");
   EXPECT_FALSE(std::filesystem::exists(begun.place.folder / "draft"));
+  // Nothing is left on the list that will not come.
+  EXPECT_EQ(begun.place.upload_list(),
+            "tuf/metadata/1.root.json\ntuf/metadata/1.targets.json\ntuf/metadata/1.snapshot.json\n"
+            "tuf/metadata/timestamp.json\n");
   EXPECT_TRUE(begun.place.release({begun.place.launcher("1.0.1")}).repository.published);
   EXPECT_EQ(begun.place.seen_build(), "1.0.1");
 }
@@ -365,6 +372,56 @@ TEST(RefreshesBesideADraft, WriteTheListBeforeTheTimestamp) {
   waiting.place.refresh();
   EXPECT_EQ(waiting.place.upload_list(), "tuf/metadata/3.snapshot.json\ntuf/metadata/timestamp.json\n");
   EXPECT_EQ(waiting.place.versions(), (Versions{1, 1, 3, 2}));
+}
+
+TEST(RefreshesBesideADraft, KeepOnTheListWhatIsNotUploadedWhereverTheyFail) {
+  WaitingDraft waiting;
+  waiting.place.now = parse_tuf_time("2030-01-20T00:00:00Z");
+  const std::filesystem::path before = waiting.place.root / "before";
+  std::filesystem::copy(waiting.place.folder, before, std::filesystem::copy_options::recursive);
+  int failed = 0;
+  for (bool is_whole = false; !is_whole; ++failed) {
+    std::filesystem::remove_all(waiting.place.folder);
+    std::filesystem::copy(before, waiting.place.folder, std::filesystem::copy_options::recursive);
+    {
+      const testing::Planned planned(testing::failing("rename", ENOSPC, failed + 1));
+      static_cast<void>(testing::failure_of([&] { waiting.place.refresh(); }));
+      is_whole = !planned.happened();
+    }
+    const std::string list = waiting.place.upload_list();
+    const RepositoryState state = RepositoryFolder(waiting.place.folder, RepositoryFolder::Use::read).state();
+    for (const char* const role : repository_roles) {
+      EXPECT_NE(list.find("tuf/metadata/" + state.role(role).file + "\n"), std::string::npos) << failed << ": " << role;
+    }
+  }
+  EXPECT_GT(failed, 3);
+  EXPECT_EQ(waiting.place.upload_list(),
+            "tuf/metadata/1.root.json\ntuf/metadata/1.targets.json\ntuf/metadata/2.snapshot.json\n"
+            "tuf/metadata/timestamp.json\n");
+}
+
+TEST(UploadLists, NameTheWholeRepositoryWhereTheyAreLost) {
+  const RepositoryPlace place;
+  place.init();
+  place.release({place.launcher("1.0.0")});
+  const std::string whole = place.upload_list();
+  const auto expect_whole_again = [&] {
+    refresh_repository({place.folder, {}, true}, place.signers(), place.now);
+    EXPECT_EQ(place.upload_list(), whole);
+  };
+  for (const std::string& damaged : {std::string(), whole.substr(0, 20), whole.substr(0, whole.size() - 1)}) {
+    place.root.write("repository/upload.txt", damaged);
+    expect_whole_again();
+  }
+  const std::filesystem::path other = place.root.write("other", "tuf/metadata/timestamp.json\n");
+  std::filesystem::remove(place.folder / "upload.txt");
+  std::filesystem::create_symlink(other, place.folder / "upload.txt");
+  expect_whole_again();
+  EXPECT_EQ(place.root.read("other"), "tuf/metadata/timestamp.json\n");
+  // A list that was removed is none that was lost.
+  std::filesystem::remove(place.folder / "upload.txt");
+  refresh_repository({place.folder, {}, true}, place.signers(), place.now);
+  EXPECT_EQ(place.upload_list(), "tuf/metadata/timestamp.json\n");
 }
 
 }  // namespace
