@@ -1,7 +1,5 @@
 #include "publisher/repository/discard_draft.hpp"
 
-#include <set>
-
 #include "platform/file/status.hpp"
 #include "publisher/repository/draft_files.hpp"
 #include "publisher/repository/upload_list.hpp"
@@ -41,9 +39,7 @@ DiscardOutcome discard_draft(const std::filesystem::path& folder, TufTime now) {
   try {
     return discard(folder, now);
   } catch (const Error& error) {
-    // These say nothing of the draft.
-    static const std::set<std::string> others = {"no_repository", "busy", "lock_failed", "too_many_files"};
-    if (others.contains(error.code) || !remove_any_draft(folder)) {
+    if (error.code == "no_repository" || says_nothing_of_draft(error.code) || !remove_any_draft(folder)) {
       throw;
     }
   }

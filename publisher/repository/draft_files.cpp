@@ -10,6 +10,7 @@
 #include "platform/file/files.hpp"
 #include "platform/file/status.hpp"
 #include "publisher/repository/repository_files.hpp"
+#include "publisher/repository/repository_walk.hpp"
 #include "publisher/repository/upload_list.hpp"
 #include "tuf/metadata_shape.hpp"
 #include "tuf/trusted_set.hpp"
@@ -99,6 +100,10 @@ void require_authorized(const RepositoryFolder& folder, const RepositoryState& s
 
 std::filesystem::path draft_record(const RepositoryFolder& folder) { return folder.draft() / "draft.json"; }
 
+bool says_nothing_of_draft(const std::string& code) {
+  return is_local_failure(code) || code == "busy" || code == "tree_read" || code.starts_with("file_");
+}
+
 std::optional<StoredDraft> read_draft(const RepositoryFolder& folder) {
   const std::filesystem::path file = draft_record(folder);
   if (is_missing(file)) {
@@ -114,7 +119,9 @@ std::optional<StoredDraft> read_draft(const RepositoryFolder& folder) {
 }
 
 std::string read_draft_document(const RepositoryFolder& folder, const std::string& file) {
-  return read_file(folder.draft() / file, repository_metadata_limit);
+  const std::filesystem::path path = folder.draft() / file;
+  require(!is_missing(path), "missing_file", "A document of the draft is missing: " + path_utf8(path));
+  return read_file(path, repository_metadata_limit);
 }
 
 std::string read_role_of_draft(const RepositoryFolder& folder, const std::string& role, const std::string& file) {
@@ -142,6 +149,8 @@ void require_target_files(const RepositoryFolder& folder, const Json& targets, N
       require_no_links(folder.path(), folder_of(made));
     }
     const Result<Status> status = link_status_of(is_new ? made : served);
+    require(status || is_missing(is_new ? made : served), "file_read",
+            "Cannot look at the file of the target " + path + ": " + path_utf8(served));
     require(status && is_file(*status) && status->size == length(target), "missing_file",
             "The file of the target " + path + " is missing or has another length: " + path_utf8(served));
     require(!is_new || how != NewFiles::proved || digest_file(made, "sha256") == text_at(target.at("hashes"), "sha256"),

@@ -23,6 +23,10 @@ struct StoredDraft {
 // The place of the draft's record. Without it there is no draft.
 std::filesystem::path draft_record(const RepositoryFolder& folder);
 
+// Whether a failure says nothing of the draft: this machine has no room or cannot read, write or lock a file that is
+// there, so the same may go well later.
+bool says_nothing_of_draft(const std::string& code);
+
 // Returns what `work` makes of the draft's files. Whatever is wrong with them is one failure, which says what to do.
 template <typename Work>
 auto read_files_of_draft(const RepositoryFolder& folder, Work work) {
@@ -30,20 +34,20 @@ auto read_files_of_draft(const RepositoryFolder& folder, Work work) {
   try {
     return refuse_malformed(code, "A field is missing or of another type", work);
   } catch (const Error& error) {
-    require(error.code != "too_many_files", error.code, error.what());
+    require(!says_nothing_of_draft(error.code), error.code, error.what());
     fail(code, "The draft in " + path_utf8(folder.draft()) +
                    " cannot be read, and 'ravok-publish repository discard' removes it: " + error.what());
   }
 }
 
-// Returns the draft's record, if there is one. Fails with "invalid_draft".
+// Returns the draft's record, if there is one. Fails with "invalid_draft", and with what says_nothing_of_draft tells.
 std::optional<StoredDraft> read_draft(const RepositoryFolder& folder);
 
-// Returns the text of a document of the draft. Fails as read_file does.
+// Returns the text of a document of the draft. Fails with "missing_file", and as read_file does.
 std::string read_draft_document(const RepositoryFolder& folder, const std::string& file);
 
 // Returns the text of a document of the draft that has a good shape and the name that its role and version give it.
-// Fails with "invalid_draft", and as read_file, parse_json and shape do.
+// Fails with "invalid_draft", and as read_draft_document, parse_json and shape do.
 std::string read_role_of_draft(const RepositoryFolder& folder, const std::string& role, const std::string& file);
 
 // What is looked at of the targets' new files in the draft.
@@ -55,7 +59,7 @@ enum class NewFiles {
 
 // Accepts only targets whose files are there, each of its length: a new one in the draft, or else the published one.
 // Fails with "missing_file", with "unsafe_path" where a folder of a file is a link, with "content_mismatch" for a new
-// file that is proved and has another digest than its name says, and as digest_file does.
+// file that is proved and has another digest than its name says, with "file_read", and as digest_file does.
 void require_target_files(const RepositoryFolder& folder, const Json& targets, NewFiles how);
 
 // Whether the draft has a new file of a target.

@@ -344,6 +344,31 @@ TEST(DiscardedDrafts, AreAlsoThoseWhosePublicationCannotBeFinished) {
   EXPECT_EQ(begun.place.seen_build(), "1.0.1");
 }
 
+class DiscardedPublication : public ::testing::TestWithParam<const char*> {};
+
+// A disk that is full or cannot be read for a moment is no reason to give up what clients may have seen a part of.
+TEST_P(DiscardedPublication, IsFinishedHoweverOftenThisMachineFailsBefore) {
+  const BegunPublication begun;
+  const RepositoryPlace& place = begun.place;
+  std::filesystem::copy(place.folder, place.root / "before", std::filesystem::copy_options::recursive);
+  int failed = 0;
+  for (bool is_whole = false; !is_whole; ++failed) {
+    std::filesystem::remove_all(place.folder);
+    std::filesystem::copy(place.root / "before", place.folder, std::filesystem::copy_options::recursive);
+    {
+      const testing::Planned planned(testing::failing(GetParam(), ENOSPC, failed + 1));
+      static_cast<void>(testing::failure_of([&] { EXPECT_EQ(discard_draft(place.folder, place.now).action, ""); }));
+      is_whole = !planned.happened();
+    }
+    EXPECT_EQ(discard_draft(place.folder, place.now).action, "") << failed;
+    EXPECT_EQ(place.seen_build(), "1.0.0") << failed;
+  }
+  EXPECT_GT(failed, 3);
+}
+
+INSTANTIATE_TEST_SUITE_P(AtEachCall, DiscardedPublication,
+                         ::testing::Values("create", "open", "lstat", "read", "write", "fsync", "rename"));
+
 TEST(LostTimestamps, AreNotReplacedByAFirstOne) {
   const RepositoryPlace place;
   place.init();
