@@ -28,8 +28,10 @@ CommandResult refresh(RefreshOptions& options, const CommandRun& run) {
   CommandResult result;
   for (const std::string& role : outcome.left) {
     result.complaints.push_back("The role " + role + " is due and lasts until " +
-                                tuf_day_text(outcome.repository.state.role(role).expires()) +
-                                "; its keys are not among those to sign with");
+                                tuf_day_text(outcome.repository.state.role(role).expires()) + "; " +
+                                (role == "targets" && outcome.left_for_draft
+                                     ? "it stays as it is while a draft waits"
+                                     : "its keys are not among those to sign with"));
   }
   if (!outcome.was_due && outcome.next_due) {
     result.lines = {"Nothing is due before " + tuf_day_text(*outcome.next_due)};

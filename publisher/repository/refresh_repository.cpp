@@ -54,8 +54,10 @@ class Refresh {
   const std::vector<Signer>& signers_;
 };
 
-// Chooses the roles to renew, and tells which are left for another time.
-std::set<std::string> choose_renewed(const RepositoryRefresh& refresh, const Refresh& judged, RefreshOutcome& outcome) {
+// Chooses the roles to renew, and tells which are left for another time. Beside a draft that waits the targets are left
+// as they are while they stand: they are what it was begun on.
+std::set<std::string> choose_renewed(const RepositoryRefresh& refresh, const Refresh& judged, bool is_beside_draft,
+                                     RefreshOutcome& outcome) {
   std::set<std::string> due;
   for (const std::string role : renewed_roles) {
     if (judged.is_due(role) || (role == "timestamp" && refresh.force)) {
@@ -68,10 +70,12 @@ std::set<std::string> choose_renewed(const RepositoryRefresh& refresh, const Ref
   }
   std::set<std::string> renewed;
   for (const std::string& role : due) {
-    if (judged.can_sign(role) || !judged.stands(role)) {
+    const bool is_of_draft = is_beside_draft && role == "targets";
+    if ((judged.can_sign(role) && !is_of_draft) || !judged.stands(role)) {
       renewed.insert(role);
     } else {
       outcome.left.push_back(role);
+      outcome.left_for_draft = outcome.left_for_draft || is_of_draft;
     }
   }
   return renewed;
@@ -99,7 +103,8 @@ RefreshOutcome refresh_repository(const RepositoryRefresh& refresh, const std::v
   require_known_keys(session.state().root(), signers);
   const Refresh judged(refresh, session, signers);
   RefreshOutcome outcome;
-  const std::set<std::string> renewed = choose_renewed(refresh, judged, outcome);
+  const bool is_beside_draft = session.draft() && session.draft()->waits() && !session.draft()->is_stale();
+  const std::set<std::string> renewed = choose_renewed(refresh, judged, is_beside_draft, outcome);
   outcome.was_due = !renewed.empty();
   if (!outcome.was_due) {
     outcome.repository = session.unchanged();
@@ -113,7 +118,7 @@ RefreshOutcome refresh_repository(const RepositoryRefresh& refresh, const std::v
     changes.days = {{"targets", *refresh.days}, {"snapshot", *refresh.days}, {"timestamp", *refresh.days}};
   }
   const bool fits_beside =
-      session.draft() && session.draft()->waits() && !session.draft()->is_stale() && !renewed.contains("targets") &&
+      is_beside_draft && !renewed.contains("targets") &&
       std::all_of(renewed.begin(), renewed.end(), [&](const std::string& role) { return judged.can_sign(role); });
   if (!fits_beside) {
     session.require_no_draft();

@@ -55,7 +55,11 @@ RepositoryDraft RepositoryDraft::begin(RepositoryFolder& folder, const Repositor
   if (changes.targets) {
     draft.targets_ = *changes.targets;
   }
-  draft.choose_roles(changes, now);
+  std::set<std::string> wanted = changes.renew;
+  if (changes.targets) {
+    wanted.insert("targets");
+  }
+  draft.choose_roles(wanted, now);
   draft.store();
   return draft;
 }
@@ -124,6 +128,10 @@ void RepositoryDraft::load(const Json& document, TufTime now) {
       documents_[role] = parse_json(read_role_of_draft(*folder_, role, text_at(documents, role.c_str())),
                                     repository_document_limit(role));
     }
+  }
+  if (!stale_) {
+    // What stood when it was begun may have expired, or have been replaced by what the next root does not accept.
+    choose_roles({roles_.begin(), roles_.end()}, now);
   }
   drop_overtaken(now);
   if (!stale_) {
@@ -198,7 +206,9 @@ bool RepositoryDraft::is_name_taken(const std::string& role) const {
   return role != "timestamp" && !is_missing(folder_->metadata() / name) && folder_->read_document(name) != text(role);
 }
 
-void RepositoryDraft::choose_roles(const DraftChanges& changes, TufTime now) {
+// Chooses the roles that are wanted, those that clients would refuse otherwise, and all that refer to one of them.
+void RepositoryDraft::choose_roles(const std::set<std::string>& wanted, TufTime now) {
+  roles_.clear();
   if (!root_.is_null()) {
     roles_.push_back("root");
   }
@@ -207,7 +217,7 @@ void RepositoryDraft::choose_roles(const DraftChanges& changes, TufTime now) {
     const RoleDocument& present = state_.role(role);
     const bool stands = present.is_accepted() && present.expires() > now &&
                         signature_need(present.document, role, root_in_force(), folder_->record()).is_met();
-    below = below || !stands || changes.renew.contains(role) || (role == "targets" && changes.targets);
+    below = below || !stands || wanted.contains(role);
     if (below) {
       roles_.push_back(role);
     }

@@ -58,8 +58,10 @@ class RepositoryDraft {
                                TufTime now, Place place = Place::folder);
 
   // Returns the draft that waits in the folder, if there is one. Documents whose time has passed, or that the present
-  // ones have overtaken, will be made again. Fails with "interrupted_publication" for a draft whose publication has
-  // begun, with "invalid_draft", and as read_file and parse_json do.
+  // ones have overtaken, will be made again; and it makes the roles too whose present documents would not stand beside
+  // what it publishes, since they have expired or were published after it was begun. Fails with
+  // "interrupted_publication" for a draft whose publication has begun, with "invalid_draft", and as read_file and
+  // parse_json do.
   static std::optional<RepositoryDraft> open(RepositoryFolder& folder, const RepositoryState& state, TufTime now);
 
   // The command that began it.
@@ -111,7 +113,7 @@ class RepositoryDraft {
   void require_made_as_wanted(TufTime now) const;
   void drop_overtaken(TufTime now);
   bool is_name_taken(const std::string& role) const;
-  void choose_roles(const DraftChanges& changes, TufTime now);
+  void choose_roles(const std::set<std::string>& wanted, TufTime now);
   const Json& root_in_force() const;
   std::string file(const std::string& role) const;
   std::string text(const std::string& role) const;

@@ -158,6 +158,18 @@ TEST_F(PublishRelease, SaysWhoseSignaturesAreMissing) {
   expect_done(signed_by_online({"release", folder_, "--manifest", manifest}));
 }
 
+TEST_F(PublishRelease, SaysThatARefreshLeavesTheTargetsToADraft) {
+  init();
+  expect_done({"release", folder_, "--manifest", place_.launcher("1.0.0")});
+  const Json refreshed = Json::parse(expect_done(
+      signed_by_online({"refresh", folder_, "--days", "800", "--json"}),
+      "The role targets is due and lasts until " +
+          tuf_day_text(RepositoryFolder(folder_, RepositoryFolder::Use::read).state().role("targets").expires()) +
+          "; it stays as it is while a draft waits\n"));
+  EXPECT_EQ(refreshed.at("left"), (Json{"targets"}));
+  EXPECT_EQ(place_.versions(), (std::vector<std::uint64_t>{1, 1, 2, 2}));
+}
+
 TEST_F(PublishRelease, RefusesWrongCommandLines) {
   expect_refused({}, 2, std::string("A subcommand is required") + see_help);
   expect_refused({"release"}, 2, std::string("DIR is required") + see_help);

@@ -502,6 +502,38 @@ TEST(SignDraft, FitsARotationToWhatARefreshHasPublishedMeanwhile) {
   place.expect_followed("1.0.0");
 }
 
+TEST(SignDraft, MakesAnewWhatTheNextRootDoesNotAcceptOfWhatARefreshHasPublished) {
+  PlaceRoles roles;
+  roles.root = {{"alice", "bob"}, 2};
+  RotatedPlace place(roles);
+  ASSERT_TRUE(place.rotate(place.rotation({"timestamp"}, {"fresh"}, {}), {"alice", "bob"}).repository.published);
+  refresh_repository({place.folder, {}, true}, place.signers({"online", "fresh"}), place.now);
+  const RotationOutcome begun = place.rotate(place.rotation({"timestamp"}, {}, {"online"}), {"alice"});
+  EXPECT_EQ(begun.repository.roles, (Names{"root"}));
+  place.now = days_after(place.now, 10);
+  ASSERT_TRUE(place.refresh({"online"}).repository.published);
+  const RepositoryOutcome next = place.sign({"bob"});
+  EXPECT_FALSE(next.published);
+  EXPECT_EQ(needs_text(next.needs), "the role timestamp needs 1 more signature, by fresh");
+  place.expect_followed("1.0.0");
+  EXPECT_TRUE(place.sign({"fresh"}).published);
+  EXPECT_EQ(place.keys_of("timestamp"), (Names{"fresh"}));
+  place.expect_followed("1.0.0");
+}
+
+TEST(SignDraft, MakesAnewWhatHasExpiredWhileItWaited) {
+  PlaceRoles roles;
+  roles.root = {{"alice", "bob"}, 2};
+  RotatedPlace place(roles);
+  ASSERT_FALSE(place.rotate(place.rotation({"root"}, {"carol"}, {}), {"alice", "carol"}).repository.published);
+  place.now = days_after(place.now, 40);
+  const RepositoryOutcome next = place.sign({"bob"});
+  EXPECT_EQ(next.roles, (Names{"root", "snapshot", "timestamp"}));
+  EXPECT_EQ(needs_text(next.needs), "the role snapshot needs 1 more signature, by online");
+  EXPECT_TRUE(place.sign({"online"}).published);
+  place.expect_followed("1.0.0");
+}
+
 TEST(RepositoryStatus, TellsWhoSignsWhatAndUntilWhen) {
   const RotatedPlace place;
   const RepositoryStatus status = repository_status(place.folder, place.now);

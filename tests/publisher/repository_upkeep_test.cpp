@@ -380,6 +380,28 @@ TEST(RepositoryDrafts, OfANewRootWaitForTheOldKeysAndTheNew) {
   EXPECT_EQ(place.seen_build(), "");
 }
 
+TEST(RepositoryDrafts, KeepTheTargetsThatTheyStandOnFromARefresh) {
+  RepositoryPlace place;
+  place.init();
+  EXPECT_FALSE(rotate(place, next_root(place, "root", {"root-2"}), {}).published);
+  place.now = parse_tuf_time("2030-07-10T00:00:00Z");
+  const RefreshOutcome outcome = place.refresh();
+  EXPECT_EQ(outcome.repository.roles, (Names{"snapshot", "timestamp"}));
+  EXPECT_EQ(outcome.left, (Names{"targets"}));
+  EXPECT_TRUE(outcome.left_for_draft);
+  EXPECT_EQ(place.versions(), (Versions{1, 1, 2, 2}));
+  {
+    RepositorySession session(place.folder, place.now);
+    ASSERT_TRUE(session.draft());
+    EXPECT_TRUE(session.conclude(*session.draft(), place.signers({"root", "root-2"})).published);
+  }
+  const RefreshOutcome next = place.refresh();
+  EXPECT_EQ(next.repository.roles, (Names{"targets", "snapshot", "timestamp"}));
+  EXPECT_FALSE(next.left_for_draft);
+  EXPECT_EQ(place.versions(), (Versions{2, 2, 3, 3}));
+  EXPECT_EQ(place.seen_build(), "");
+}
+
 TEST(RepositoryDrafts, AreStaleOnceWhatTheyStandOnHasChanged) {
   PlaceRoles roles;
   roles.targets = {{"ann", "ben"}, 2};
