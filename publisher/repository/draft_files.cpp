@@ -195,6 +195,17 @@ void remove_draft(const RepositoryFolder& folder) {
   remove_folder(folder.draft());
 }
 
+void drop_failed_draft(const RepositoryFolder& folder) noexcept {
+  try {
+    const std::optional<StoredDraft> stored = read_draft(folder);
+    if (!stored || !stored->publishing) {
+      remove_draft(folder);
+    }
+  } catch (...) {
+    // The failure for which it is dropped is the one to tell.
+  }
+}
+
 void clear_draft_folder(const RepositoryFolder& folder) { remove_folder(folder.draft()); }
 
 }  // namespace ravok

@@ -79,6 +79,10 @@ bool finish_publication(const RepositoryFolder& folder);
 // Removes the draft. Fails with "file_remove" and "file_sync".
 void remove_draft(const RepositoryFolder& folder);
 
+// Removes what a run has made of a draft that it could not conclude. It stays where its publication has begun, so that
+// the next run finishes it, and where it cannot be removed now, until the next run does that.
+void drop_failed_draft(const RepositoryFolder& folder) noexcept;
+
 // Removes what a run has left that was killed before its draft was there. Wants a folder without a draft. Fails as
 // remove_folder does.
 void clear_draft_folder(const RepositoryFolder& folder);

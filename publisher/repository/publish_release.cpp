@@ -14,6 +14,7 @@
 #include "platform/file/files.hpp"
 #include "platform/file/status.hpp"
 #include "publisher/publish_files.hpp"
+#include "publisher/repository/draft_files.hpp"
 #include "publisher/repository/former_targets.hpp"
 #include "publisher/repository/key_advice.hpp"
 #include "publisher/repository/release_manifest.hpp"
@@ -335,15 +336,21 @@ ReleaseOutcome publish_release(const RepositoryRelease& release, const std::vect
     outcome.repository = session.unchanged();
     return outcome;
   }
-  wanted.copy(progress);
   DraftChanges changes;
   changes.action = "release";
   changes.targets = wanted.targets();
   if (release.days) {
     changes.days = {{"targets", *release.days}, {"snapshot", *release.days}, {"timestamp", *release.days}};
   }
-  outcome.repository =
-      session.conclude(RepositoryDraft::begin(session.folder(), session.state(), changes, now), signers);
+  try {
+    wanted.copy(progress);
+    outcome.repository =
+        session.conclude(RepositoryDraft::begin(session.folder(), session.state(), changes, now), signers);
+  } catch (...) {
+    // What was copied may be large, and the disk full.
+    drop_failed_draft(session.folder());
+    throw;
+  }
   return outcome;
 }
 

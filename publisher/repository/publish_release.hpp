@@ -56,7 +56,8 @@ std::string build_text(const ReleasedBuild& build);
 std::string build_text(const Json& custom);
 
 // Releases the manifests, signed by the signers. With too few of them, a draft waits for the other signatures. Nothing
-// is published or drafted when something is refused. `progress`, which may be empty, is told of the bytes copied. Of a
+// is published or drafted when something is refused, and no copy of a file is left behind; only a publication that has
+// begun stays for the next run to finish. `progress`, which may be empty, is told of the bytes copied. Of a
 // game that is also delivered encrypted, the archive and its key need not lie beside the manifest yet: the same
 // manifest, released again with them, adds them. Fails with
 // - "usage" for two manifests with one target, and for a target that is not one of the manifest's kind;

@@ -1,4 +1,5 @@
 #include <algorithm>
+#include <cerrno>
 #include <filesystem>
 #include <string>
 #include <vector>
@@ -9,6 +10,7 @@
 #include "publisher/repository/key_advice.hpp"
 #include "publisher/repository/publish_release.hpp"
 #include "support/failure.hpp"
+#include "support/file_calls.hpp"
 #include "support/repository_place.hpp"
 #include "support/tree_state.hpp"
 
@@ -246,16 +248,21 @@ TEST(RepositoryRelease, RefusesAnArchiveThatIsNotTheOneOfItsManifest) {
   std::string bytes = RepositoryPlace::bytes(archive);
   bytes.back() = static_cast<char>(bytes.back() ^ 1);
   place.root.write(archive.lexically_relative(place.root.path()).native(), bytes);
-  const TreeState before = tree_state(place.folder / "public");
-  EXPECT_FAILURE(place.release({manifest}), "content_mismatch",
-                 "The file is not the one of its manifest: " + archive.native());
+  // What is copied before it leaves no trace either.
+  const std::filesystem::path other = place.build(SnapshotKind::bootstrap, "1.0.0");
+  const auto refused = [&](const std::string& code, const std::string& message) {
+    expect_refused(
+        place,
+        [&] {
+          place.release({other, manifest});
+        },
+        code, message + archive.native());
+  };
+  refused("content_mismatch", "The file is not the one of its manifest: ");
   std::filesystem::resize_file(archive, 5);
-  EXPECT_FAILURE(place.release({manifest}), "content_mismatch",
-                 "The file is not the one of its manifest: " + archive.native());
+  refused("content_mismatch", "The file is not the one of its manifest: ");
   std::filesystem::remove(archive);
-  EXPECT_FAILURE(place.release({manifest}), "file_read",
-                 "Cannot open the file that the manifest names: " + archive.native());
-  EXPECT_TRUE(same_tree(tree_state(place.folder / "public"), before));
+  refused("file_read", "Cannot open the file that the manifest names: ");
   EXPECT_TRUE(place.release({place.launcher("1.0.0")}).repository.published);
   EXPECT_FALSE(std::filesystem::exists(place.folder / "draft"));
 }
@@ -418,11 +425,42 @@ TEST(RepositoryRelease, RefusesASignatureThatClientsWouldRefuse) {
   place.init();
   std::vector<Signer> signers = place.signers();
   signers.front().sign = [other = place.signers({"root"}).front()](std::string_view text) { return other.sign(text); };
-  const TreeState before = tree_state(place.folder / "public");
-  EXPECT_FAILURE(publish_release({place.folder, {{place.launcher("1.0.0"), ""}}, {}}, signers, place.now, {}),
-                 "invalid_signature", "The signature of online does not fit its key");
-  EXPECT_TRUE(same_tree(tree_state(place.folder / "public"), before));
+  expect_refused(
+      place,
+      [&] {
+        publish_release({place.folder, {{place.launcher("1.0.0"), ""}}, {}}, signers, place.now, {});
+      },
+      "invalid_signature", "The signature of online does not fit its key");
 }
+
+class FailedRelease : public ::testing::TestWithParam<const char*> {};
+
+TEST_P(FailedRelease, LeavesNoCopyOfAPackageUnlessTheNextRunFinishesIt) {
+  const RepositoryPlace place;
+  place.init();
+  const std::filesystem::path manifest = place.launcher("1.0.0");
+  std::filesystem::copy(place.folder, place.root / "before", std::filesystem::copy_options::recursive);
+  int failed = 0;
+  int begun = 0;
+  for (bool is_whole = false; !is_whole; ++failed) {
+    std::filesystem::remove_all(place.folder);
+    std::filesystem::copy(place.root / "before", place.folder, std::filesystem::copy_options::recursive);
+    {
+      const testing::Planned planned(testing::failing(GetParam(), ENOSPC, failed + 1));
+      static_cast<void>(testing::failure_of([&] { place.release({manifest}); }));
+      is_whole = !planned.happened();
+    }
+    if (std::filesystem::exists(place.folder / "draft")) {
+      EXPECT_TRUE(RepositorySession(place.folder, place.now).finished_former()) << failed;
+      EXPECT_EQ(place.seen_build(), "1.0.0");
+      ++begun;
+    }
+  }
+  EXPECT_GT(failed, begun + 3);
+  EXPECT_GT(begun, 3);
+}
+
+INSTANTIATE_TEST_SUITE_P(AtEachCall, FailedRelease, ::testing::Values("create", "write", "rename", "fsync"));
 
 TEST(RepositoryRelease, AddsTheArchiveOfAnEncryptedGameLater) {
   const RepositoryPlace place;
@@ -453,14 +491,16 @@ TEST(RepositoryRelease, AddsTheArchiveOfAnEncryptedGameLater) {
   EXPECT_EQ(place.seen_build("games/game/linux-x86_64.manifest.json"), "7");
 }
 
-TEST(RepositoryRelease, IsCancelledWithoutAnyChangeOfWhatIsServed) {
+TEST(RepositoryRelease, IsCancelledWithoutAnyChange) {
   const RepositoryPlace place;
   place.init();
-  const TreeState before = tree_state(place.folder / "public");
-  EXPECT_FAILURE(publish_release({place.folder, {{place.launcher("1.0.0"), ""}}, {}}, place.signers(), place.now,
-                                 [](std::uint64_t, std::uint64_t) { return false; }),
-                 "cancelled", "Operation cancelled at a safe boundary");
-  EXPECT_TRUE(same_tree(tree_state(place.folder / "public"), before));
+  expect_refused(
+      place,
+      [&] {
+        publish_release({place.folder, {{place.launcher("1.0.0"), ""}}, {}}, place.signers(), place.now,
+                        [](std::uint64_t, std::uint64_t) { return false; });
+      },
+      "cancelled", "Operation cancelled at a safe boundary");
   EXPECT_TRUE(place.release({place.launcher("1.0.0")}).repository.published);
 }
 
