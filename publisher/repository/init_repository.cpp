@@ -1,7 +1,10 @@
 #include "publisher/repository/init_repository.hpp"
 
+#include <optional>
 #include <utility>
 
+#include "domain/error.hpp"
+#include "domain/paths.hpp"
 #include "platform/file/files.hpp"
 #include "publisher/publish_files.hpp"
 #include "publisher/repository/key_advice.hpp"
@@ -27,8 +30,15 @@ PublisherRecord make_record(const RepositoryFoundation& foundation, const std::v
   return record;
 }
 
-RepositoryOutcome sign_first(const std::filesystem::path& folder, const std::vector<Signer>& signers, TufTime now) {
-  RepositorySession session(folder, now);
+// Whether the repository is as it was made.
+bool is_untouched(RepositorySession& session) {
+  return !session.finished_former() && !session.draft() && !session.state().is_published() &&
+         session.state().roots.size() == 1;
+}
+
+RepositoryOutcome sign_first(RepositorySession& session, const std::vector<Signer>& signers) {
+  require(is_untouched(session), "busy",
+          "Another run has changed this repository: " + path_utf8(session.folder().path()));
   add_to_upload_list(session.folder(), {uploaded_document(role_file("root", 1))}, session.state(), session.state());
   if (signers.empty()) {
     return session.unchanged();
@@ -36,7 +46,17 @@ RepositoryOutcome sign_first(const std::filesystem::path& folder, const std::vec
   DraftChanges changes;
   changes.action = "init";
   changes.targets = Json::object();
-  return session.conclude(RepositoryDraft::begin(session.folder(), session.state(), changes, now), signers);
+  return session.conclude(RepositoryDraft::begin(session.folder(), session.state(), changes, session.now()), signers);
+}
+
+// Removes a repository that could not be signed, under its lock. It stays where another run has come to it before.
+void remove_made(const std::filesystem::path& folder, std::optional<RepositorySession>& session, TufTime now) {
+  if (!session) {
+    session.emplace(folder, now);
+  }
+  if (is_untouched(*session)) {
+    remove_folder(session->folder().path());
+  }
 }
 
 }  // namespace
@@ -47,13 +67,19 @@ RepositoryOutcome init_repository(const RepositoryFoundation& foundation, const 
   require_absent(output_path(foundation.folder));
   const std::string root = about(foundation.root, [&] { return read_file(foundation.root, tuf_root_limit); });
   about(foundation.root, [&] { RepositoryFolder::create(foundation.folder, root, record); });
+  std::optional<RepositorySession> session;
   try {
-    RepositoryOutcome outcome = sign_first(foundation.folder, signers, now);
+    session.emplace(foundation.folder, now);
+    RepositoryOutcome outcome = sign_first(*session, signers);
     const std::vector<std::string> warnings = key_warnings(outcome.state.root());
     outcome.warnings.insert(outcome.warnings.end(), warnings.begin(), warnings.end());
     return outcome;
   } catch (...) {
-    remove_folder(output_path(foundation.folder));
+    try {
+      remove_made(foundation.folder, session, now);
+    } catch (const Error&) {
+      // The first failure is the one to tell.
+    }
     throw;
   }
 }

@@ -20,9 +20,10 @@ struct RepositoryFoundation {
 };
 
 // Makes a repository that describes nothing. With signers, its first documents are signed, and published if that is
-// enough; without, the first release signs them. After a failure nothing is left behind. Fails with "invalid_expiry"
-// for days that require_days refuses, as read_public_key and RepositoryFolder::create do, with the root's path before a
-// message about it, and as RepositorySession does.
+// enough; without, the first release signs them. After a failure nothing is left behind, unless another run has come to
+// the repository meanwhile. Fails with "invalid_expiry" for days that require_days refuses, as read_public_key and
+// RepositoryFolder::create do, with the root's path before a message about it, with "busy" where another run has been
+// at work on the repository, and as RepositorySession does.
 RepositoryOutcome init_repository(const RepositoryFoundation& foundation, const std::vector<Signer>& signers,
                                   TufTime now);
 

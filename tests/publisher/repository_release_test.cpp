@@ -1,7 +1,10 @@
 #include <algorithm>
 #include <cerrno>
 #include <filesystem>
+#include <functional>
+#include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -118,6 +121,47 @@ TEST(RepositoryInit, RemovesTheFolderAgainWhenASignerFails) {
   signers.front().sign = [](std::string_view) -> std::string { fail("signer_failed", "The token is locked"); };
   EXPECT_FAILURE(init_repository({place.folder, place.root / "root.json", {}, {}}, signers, place.now), "signer_failed",
                  "The token is locked");
+  EXPECT_FALSE(std::filesystem::exists(place.folder));
+}
+
+// An event between the making of a repository and the first lock on it.
+testing::Plan before_the_lock(std::function<void()> event) {
+  return {.call = "openat", .countdown = 1, .beginning = ".lock", .meanwhile = std::move(event)};
+}
+
+TEST(RepositoryInit, LeavesTheRepositoryToARunThatTakesItMeanwhile) {
+  const RepositoryPlace place;
+  std::optional<RepositoryFolder> other;
+  const testing::Planned planned(before_the_lock([&] { other.emplace(place.folder, RepositoryFolder::Use::change); }));
+  EXPECT_FAILURE(place.init(), "busy", "Another run is changing this repository: " + place.folder.native());
+  ASSERT_TRUE(other);
+  other.reset();
+  EXPECT_TRUE(place.release({place.launcher("1.0.0")}).repository.published);
+}
+
+TEST(RepositoryInit, LeavesWhatARunHasPublishedMeanwhile) {
+  const RepositoryPlace place;
+  const std::filesystem::path manifest = place.launcher("1.0.0");
+  const testing::Planned planned(before_the_lock([&] { place.release({manifest}); }));
+  EXPECT_FAILURE(place.init(), "busy", "Another run has changed this repository: " + place.folder.native());
+  EXPECT_EQ(place.seen_build(), "1.0.0");
+}
+
+TEST(RepositoryInit, HoldsTheLockWhileItRemovesTheFolder) {
+  const RepositoryPlace place;
+  std::vector<Signer> signers = place.signers();
+  std::string met;
+  std::optional<testing::Planned> planned;
+  signers.front().sign = [&](std::string_view) -> std::string {
+    planned.emplace(testing::meanwhile("unlink", [&] {
+      const auto failure = testing::failure_of([&] { RepositoryFolder(place.folder, RepositoryFolder::Use::change); });
+      met = failure ? failure->code : "nothing";
+    }));
+    fail("signer_failed", "The token is locked");
+  };
+  EXPECT_FAILURE(init_repository({place.folder, place.root / "root.json", {}, {}}, signers, place.now), "signer_failed",
+                 "The token is locked");
+  EXPECT_EQ(met, "busy");
   EXPECT_FALSE(std::filesystem::exists(place.folder));
 }
 
