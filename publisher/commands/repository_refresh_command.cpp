@@ -55,7 +55,8 @@ PublishCommand add_repository_refresh_command(CLI::App& repository) {
   CLI::App* const command = repository.add_subcommand("refresh", "Signs anew what has less than half of its days left");
   add_repository_folder(*command, options->refresh.folder);
   add_days_option(*command, options->refresh.days);
-  command->add_flag("--force", options->refresh.force, "Makes a new timestamp even when nothing is due");
+  command->add_flag("--force", options->refresh.force,
+                    "Makes a new timestamp even when nothing is due, and anew what one of the keys has not signed yet");
   add_signer_options(*command, options->signers);
   return {command, [options](const CommandRun& run) { return refresh(*options, run); }};
 }

@@ -18,8 +18,7 @@ namespace {
 constexpr const char* rotate_action = "rotate";
 constexpr const char* one_step =
     "Clients that meet the new root before the new timestamp wait for it. To avoid that, add the new key first, "
-    "refresh "
-    "with both, and remove the old one then";
+    "refresh with --force and both, and remove the old one then";
 
 // A key that joins roles.
 struct NewKey {

@@ -28,6 +28,21 @@ class Refresh {
 
   bool is_due(const std::string& role) const { return !stands(role) || due(role) < session_.now(); }
 
+  // Whether a signer whose key speaks for the role has not signed its document, and all of its documents can be signed.
+  bool lacks_a_signer(const std::string& role) const {
+    const RoleDocument& document = session_.state().role(role);
+    if (!document.exists() || !can_sign(role)) {
+      return false;
+    }
+    const Json& ids = session_.state().root().at("roles").at(role).at("keyids");
+    const Json& signatures = document.document.at("signatures");
+    return std::any_of(signers_.begin(), signers_.end(), [&](const Signer& signer) {
+      return std::find(ids.begin(), ids.end(), Json(signer.id)) != ids.end() &&
+             std::none_of(signatures.begin(), signatures.end(),
+                          [&](const Json& signature) { return is_text(signature.at("keyid"), signer.id); });
+    });
+  }
+
   // Whether clients accept the role's document now.
   bool stands(const std::string& role) const {
     const RoleDocument& document = session_.state().role(role);
@@ -60,7 +75,7 @@ std::set<std::string> choose_renewed(const RepositoryRefresh& refresh, const Ref
                                      RefreshOutcome& outcome) {
   std::set<std::string> due;
   for (const std::string role : renewed_roles) {
-    if (judged.is_due(role) || (role == "timestamp" && refresh.force)) {
+    if (judged.is_due(role) || (refresh.force && (role == "timestamp" || judged.lacks_a_signer(role)))) {
       due.insert(role);
     }
   }

@@ -15,7 +15,9 @@ namespace ravok {
 struct RepositoryRefresh {
   std::filesystem::path folder;
   std::optional<std::uint64_t> days;  // for which the new documents are valid; else as the repository's record says
-  bool force = false;                 // makes a new timestamp even when nothing is due
+  // Makes a new timestamp even when nothing is due, and anew what a signer could sign and has not signed yet: so the
+  // key that joins a role signs what is there before another key leaves.
+  bool force = false;
 };
 
 struct RefreshOutcome {

@@ -257,7 +257,7 @@ TEST(KeyRotation, LetsANewKeyHaveTheNameOfTheOldOne) {
 TEST(KeyRotation, WarnsOfATimestampThatTheNewRootDoesNotAccept) {
   const std::string warning =
       "Clients that meet the new root before the new timestamp wait for it. To avoid that, add the new key first, "
-      "refresh with both, and remove the old one then";
+      "refresh with --force and both, and remove the old one then";
   const std::string single =
       "The role root has a single key: its loss strands every client, since no key of the repository can be replaced "
       "any more";
@@ -409,6 +409,23 @@ TEST(KeyRotation, OfKeysThatHaveSignedTogetherNeverMakesAClientWait) {
   place.expect_followed("1.0.1");
   EXPECT_TRUE(place.release({place.launcher("1.0.2")}, {"fresh"}).repository.published);
   place.expect_followed("1.0.2");
+}
+
+TEST(KeyRotation, OfKeysThatARefreshHasLetSignTogetherNeverMakesAClientWait) {
+  const RotatedPlace place;
+  const std::set<std::string> online = {"targets", "snapshot", "timestamp"};
+  ASSERT_TRUE(place.rotate(place.rotation(online, {"fresh"}, {}), {"root"}).repository.published);
+  const auto refresh = [&](const Names& names) {
+    return refresh_repository({place.folder, {}, true}, place.signers(names), place.now).repository.roles;
+  };
+  EXPECT_EQ(refresh({"online"}), (Names{"timestamp"}));
+  EXPECT_EQ(refresh({"online", "fresh"}), (Names{"targets", "snapshot", "timestamp"}));
+  // Once both have signed, there is nothing but the timestamp to make.
+  EXPECT_EQ(refresh({"online", "fresh"}), (Names{"timestamp"}));
+  const RotationOutcome last = place.rotate(place.rotation(online, {}, {"online"}), {"root"});
+  EXPECT_TRUE(last.repository.published);
+  EXPECT_EQ(last.repository.roles, (Names{"root"}));
+  place.expect_followed("1.0.0");
 }
 
 class InterruptedRotation : public ::testing::TestWithParam<std::string> {};
