@@ -250,10 +250,13 @@ RotationOutcome rotate_keys(const KeyRotation& rotation, const std::vector<Signe
   outcome.root = next_root(rotation, keys, present, record, now);
   require(!is_same_root(outcome.root, present), "nothing_to_change", "The root would be the same as it is");
   outcome.warnings = rotation_warnings(rotation, present, outcome.root, record);
-  const RoleDocument& timestamp = session.state().role("timestamp");
-  const auto keys_of_timestamp = [](const Json& root) { return root.at("roles").at("timestamp").at("keyids"); };
-  if (timestamp.is_accepted() && keys_of_timestamp(outcome.root) != keys_of_timestamp(present) &&
-      !signature_need(timestamp.document, "timestamp", outcome.root, record).is_met()) {
+  const auto is_left_behind = [&](const char* role) {
+    const RoleDocument& document = session.state().role(role);
+    const auto ids = [&](const Json& root) { return root.at("roles").at(role).at("keyids"); };
+    return document.is_accepted() && ids(outcome.root) != ids(present) &&
+           !signature_need(document.document, role, outcome.root, record).is_met();
+  };
+  if (is_left_behind("targets") || is_left_behind("snapshot") || is_left_behind("timestamp")) {
     outcome.warnings.emplace_back(one_step);
   }
 
