@@ -117,6 +117,27 @@ class StagingFault : public ::testing::Test {
     EXPECT_NO_THROW(require_launcher_budget(paths(), 0));
   }
 
+  // Adds the newest version, which nothing names, and what a staging and a start leave.
+  void leave_much_to_clean() {
+    place_.update(newest_);
+    Json document = place_.launcher.store.load();
+    document["active"] = active_.reference();
+    document["rollback"] = former_.reference();
+    place_.launcher.store.save(document);
+    const auto write = [&](const std::string& path, const std::string& bytes) {
+      std::filesystem::permissions(place_.root().write("launcher/" + path, bytes), std::filesystem::perms(0600));
+    };
+    write("intents/" + left_nonce_ + ".json", Json({{"schema_version", 1},
+                                                    {"kind", "ravok-launcher-staging"},
+                                                    {"nonce", left_nonce_},
+                                                    {"reference", newest_.reference()}})
+                                                  .dump());
+    write("staging/" + left_nonce_ + "/file", "half");
+    write("health/" + left_nonce_ + ".json", "{}");
+    write("leases/attempts/" + left_nonce_ + ".json", "{}");
+    write("leases/attempts/" + left_nonce_ + ".lock", "");
+  }
+
   void try_all() const {
     const FaultTable table = run_faults(plan_);
     std::cout << table;
@@ -129,6 +150,7 @@ class StagingFault : public ::testing::Test {
   const LauncherUpdate former_{"build-1"};
   const LauncherUpdate active_{"build-2"};
   const LauncherUpdate newest_{"build-3", noise(3000)};
+  const std::string left_nonce_ = std::string(32, '1');
   FaultPlan plan_;
 };
 
@@ -149,25 +171,8 @@ TEST_F(StagingFault, NextStagingReachesTheCandidate) {
 }
 
 TEST_F(StagingFault, NextCleanupFinishes) {
-  // Two more versions, so that one is named by nothing, and what a staging and a start leave.
-  place_.update(newest_);
-  Json document = place_.launcher.store.load();
-  document["active"] = active_.reference();
-  document["rollback"] = former_.reference();
-  place_.launcher.store.save(document);
-  const std::string nonce(32, '1');
-  const auto write = [&](const std::string& path, const std::string& bytes) {
-    std::filesystem::permissions(place_.root().write("launcher/" + path, bytes), std::filesystem::perms(0600));
-  };
-  write("intents/" + nonce + ".json", Json({{"schema_version", 1},
-                                            {"kind", "ravok-launcher-staging"},
-                                            {"nonce", nonce},
-                                            {"reference", newest_.reference()}})
-                                          .dump());
-  write("staging/" + nonce + "/file", "half");
-  write("health/" + nonce + ".json", "{}");
-  write("leases/attempts/" + nonce + ".json", "{}");
-  write("leases/attempts/" + nonce + ".lock", "");
+  leave_much_to_clean();
+  const std::string nonce = left_nonce_;
   plan_.run = cleaning();
   plan_.reset = [&] { reset(); };
   plan_.judge = [&](const FaultOutcome& outcome) {
@@ -198,6 +203,32 @@ TEST_F(StagingFault, NextCleanupFinishes) {
     }
   };
   try_all();
+}
+
+TEST_F(StagingFault, WhatAChainOfCleanupsHasRemovedStaysRemoved) {
+  leave_much_to_clean();
+  FaultChainPlan plan;
+  plan.root = root_.path();
+  plan.folders = {data(), trust()};
+  plan.copied = [&] { adopt_downloads(data()); };
+  plan.chains = 10;
+  plan.reset = [&] { reset(); };
+  plan.next = [&](ChainRandom&) { return cleaning(); };
+  plan.judge = [&](const ChainLink& link) -> std::string {
+    if (link.call && !link.is_cut()) {
+      judge_ending({*link.call, link.mode, link.result});
+    }
+    judge_store(nullptr);
+    const auto is_clean = [&] {
+      return !std::filesystem::exists(paths().version(newest_.sha256())) && !std::filesystem::exists(paths().cleanup);
+    };
+    EXPECT_TRUE(is_clean() || !link.at_end());
+    expect_again(cleaning());
+    judge_store(nullptr);
+    EXPECT_TRUE(is_clean());
+    return link.at_end() ? "ended" : "cut short";
+  };
+  std::cout << run_fault_chains(plan);
 }
 
 TEST_F(StagingFault, InChainsReachesTheCandidateAndKeepsIt) {

@@ -175,13 +175,29 @@ class Cleanup {
   }
 
   void remove_versions() {
-    for (const std::string& name : HeldDirectory::open(paths_.versions).names()) {
+    const HeldDirectory versions = HeldDirectory::open(paths_.versions);
+    for (const std::string& name : versions.names()) {
       if (!is_sha256_text(name)) {
         keep(paths_.versions / name, not_understood);
+      } else if (is_bare(versions, name)) {
+        versions.remove(name);
+        count("versions");
       } else if (!is_named(name)) {
         remove_version(name);
       }
     }
+    // An earlier clean-up may have ended before its removals were durable. A folder that a power cut brings back needs
+    // its manifest.
+    versions.flush();
+  }
+
+  // Whether an empty folder without a manifest is all that there is of a version that nothing names.
+  bool is_bare(const HeldDirectory& versions, const std::string& sha256) const {
+    if (is_named(sha256) || is_there(paths_.manifest(sha256)) || is_there(paths_.removed_manifest(sha256))) {
+      return false;
+    }
+    const std::optional<HeldDirectory> folder = versions.find_directory(sha256);
+    return folder && folder->names(1).empty();
   }
 
   void remove_version(const std::string& sha256) {

@@ -167,7 +167,7 @@ TEST_F(LauncherCleanups, PreserveWhatWasChangedOrIsNotUnderstood) {
   std::filesystem::create_directory(payload(updates_[0]) / "data/note");
   write("manifests/" + updates_[1].sha256() + ".json", updates_[1].text() + " ");
   std::filesystem::create_directory(place_.paths().versions / "other");
-  std::filesystem::create_directory(place_.paths().versions / std::string(64, 'a'));
+  write("versions/" + std::string(64, 'a') + "/file", "");
   write("manifests/other.json", "");
   write("staging/" + nonce_of('1') + "/file", "");
   write("intents/" + nonce_of('2') + ".json", "{}");
@@ -272,6 +272,21 @@ TEST_F(LauncherCleanups, RemoveAVersionThatCameBackAfterItsRemoval) {
   EXPECT_FALSE(exists(version(updates_[0])));
   EXPECT_FALSE(exists("manifests/" + updates_[0].sha256() + ".json.removed"));
   EXPECT_FALSE(exists("manifests/" + updates_[0].sha256() + ".json"));
+}
+
+TEST_F(LauncherCleanups, RemoveAnEmptyFolderThatIsAllThatIsLeftOfAVersion) {
+  install_four();
+  const std::string bare = std::string(64, 'a');
+  std::filesystem::create_directory(place_.paths().version(bare));
+  // Of a version that is named, not even this goes.
+  std::filesystem::remove_all(payload(updates_[2]));
+  std::filesystem::create_directory(payload(updates_[2]));
+  std::filesystem::remove(place_.launcher.manifest_path(updates_[2].reference()));
+  const Json result = clean();
+  EXPECT_EQ(removed(result).at("versions"), 3);
+  EXPECT_EQ(result.at("kept"), Json::array());
+  EXPECT_FALSE(exists("versions/" + bare));
+  EXPECT_TRUE(exists(version(updates_[2])));
 }
 
 TEST_F(LauncherCleanups, RemoveWhatEndedStartsHaveLeft) {
