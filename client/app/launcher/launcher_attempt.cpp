@@ -60,6 +60,22 @@ bool ends_before(const LauncherChild& child, Clock::time_point time) {
   return false;
 }
 
+// Returns the attempt of the waiting candidate, once one that was interrupted is recovered, or null where there is
+// none.
+Json begin_attempt(const LauncherStore& store, const LauncherStart& start) {
+  try {
+    store.recover_attempt();
+    require(!start.cancelled || !start.cancelled(), "cancelled", start_cancelled);
+    return store.begin_candidate();
+  } catch (const Error& error) {
+    // A full disk keeps nothing from a version that works. The document says what it said before, for a later start.
+    if (error.code != "insufficient_space" || store.load().at("active").is_null()) {
+      throw;
+    }
+    return nullptr;
+  }
+}
+
 void prove(LauncherAttempt& attempt, const StartLauncher& start_child) {
   attempt.take_leases();
   attempt.verify_files();
@@ -186,9 +202,7 @@ std::optional<int> run_launcher_attempt(const LauncherStore& store, const Launch
   interface_shape(start.interface);
   require_startup_limit(start.limit);
   const std::unique_ptr<FileLock> owner = store.owner();
-  store.recover_attempt();
-  require(!start.cancelled || !start.cancelled(), "cancelled", start_cancelled);
-  const Json record = store.begin_candidate();
+  const Json record = begin_attempt(store, start);
   if (record.is_null()) {
     return std::nullopt;
   }

@@ -156,7 +156,9 @@ class LauncherStore {
   // owner() across the four operations that change the document, which also fail as load and save do.
 
   // Turns an attempt that has been interrupted into the failed candidate; it is not tried again by itself. Does nothing
-  // without an attempt. Fails with "launcher_running" while its launcher still runs, and as FileLock does.
+  // without an attempt. Fails with "launcher_running" while its launcher still runs, and as FileLock does. After
+  // "insufficient_space", here and below, the attempt or the candidate stands as before, and a version that works can
+  // be started.
   void recover_attempt() const;
 
   // Makes the candidate the attempt and returns that, or null where no candidate waits. Fails with "busy" where an

@@ -1,5 +1,6 @@
 #include "app/launcher/launcher_attempt.hpp"
 
+#include <cerrno>
 #include <chrono>
 #include <cstdint>
 #include <filesystem>
@@ -17,6 +18,7 @@
 #include "support/clock_calls.hpp"
 #include "support/failure.hpp"
 #include "support/fast_volume.hpp"
+#include "support/file_calls.hpp"
 #include "support/launcher_place.hpp"
 #include "support/patient_start.hpp"
 
@@ -557,6 +559,53 @@ TEST_F(LauncherAttempts, RecoverWhatABootstrapHasLeft) {
   }
   EXPECT_EQ(run(), std::nullopt);
   expect_rejection("startup_interrupted");
+  EXPECT_TRUE(play_.started.empty());
+}
+
+TEST_F(LauncherAttempts, WaitForRoomWhereAVersionWorks) {
+  with_working_version();
+  const std::string before = place_.document_text();
+  {
+    const testing::Planned full(testing::failing_to_write("installation.json", ENOSPC));
+    EXPECT_EQ(run(), std::nullopt);
+    EXPECT_TRUE(full.happened());
+  }
+  EXPECT_TRUE(play_.started.empty());
+  EXPECT_EQ(place_.document_text(), before);
+  const StillClock clock;
+  play_.starts_well().ends(0);
+  EXPECT_EQ(run(), 0);
+  EXPECT_EQ(place_.value("active"), candidate_);
+}
+
+TEST_F(LauncherAttempts, WaitForRoomToRecordAnInterruptedOneWhereAVersionWorks) {
+  with_working_version();
+  place_.set("candidate", nullptr);
+  place_.set("attempt", {{"nonce", std::string(32, 'a')}, {"reference", candidate_}});
+  const std::string before = place_.document_text();
+  {
+    const testing::Planned full(testing::failing_to_write("installation.json", ENOSPC));
+    EXPECT_EQ(run(), std::nullopt);
+    EXPECT_TRUE(full.happened());
+  }
+  EXPECT_EQ(place_.document_text(), before);
+  EXPECT_EQ(run(), std::nullopt);
+  expect_rejection("startup_interrupted");
+}
+
+TEST_F(LauncherAttempts, FailWhereTheyCannotBeRecorded) {
+  const std::string before = place_.document_text();
+  const auto expect_refused = [&](int problem, const char* code, const char* message) {
+    const testing::Planned failing(testing::failing_to_write("installation.json", problem));
+    const auto failure = failure_of([&] { run(); });
+    ASSERT_TRUE(failure);
+    EXPECT_EQ(failure->code, code);
+    EXPECT_NE(std::string(failure->what()).find(message), std::string::npos) << failure->what();
+  };
+  expect_refused(ENOSPC, "insufficient_space", "Local storage cannot save data; free space and try again");
+  EXPECT_EQ(place_.document_text(), before);
+  with_working_version();
+  expect_refused(EIO, "file_write", "Cannot create transaction file");
   EXPECT_TRUE(play_.started.empty());
 }
 
