@@ -21,7 +21,8 @@ std::size_t most_asked = 0;
 // Whether the call is the one that the plan fails, with errno set.
 bool is_failed(std::string_view call, std::string_view name = {}) {
   calls.emplace_back(call);
-  if (current.call != call || !name.starts_with(current.beginning) || --current.countdown != 0) {
+  if (current.call != call || !name.starts_with(current.beginning) || --current.countdown > 0 ||
+      (current.countdown < 0 && !current.lasts)) {
     return false;
   }
   if (current.meanwhile) {

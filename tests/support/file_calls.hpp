@@ -22,6 +22,7 @@ struct Plan {
   std::string beginning = {};  // of the file names to which a "create" applies; empty for all
   bool fails = false;
   int problem = 0;                                // errno of the failure; 0 makes the call answer 0
+  bool lasts = false;                             // whether every later one of the calls fails too
   std::function<void()> meanwhile = {};           // runs just before the call
   std::size_t longest_piece = std::string::npos;  // what one read or write moves at most, in bytes
   std::function<void(struct stat&)> revise = {};  // changes what every fstat answers

@@ -73,7 +73,7 @@ class Cleanup {
     remove_torn_receipts(paths_.store);
     launcher_download_receipts(paths_.store);
     const std::uint64_t before = tree_bytes(paths_.store, most_entries);
-    begin();
+    begin_where_there_is_room();
     remove_downloads();
     remove_versions();
     remove_manifests();
@@ -91,6 +91,23 @@ class Cleanup {
   void require_settled_store() const {
     require(!current_build(document_).is_null(), "launcher_missing", "No working launcher is installed");
     require(document_.at("attempt").is_null(), "busy", "A launcher startup must finish before its store is cleaned");
+  }
+
+  // On a full disk, what leaves nothing half-way makes the room for the mark. The rest comes after it as ever.
+  void begin_where_there_is_room() {
+    try {
+      begin();
+    } catch (const Error& error) {
+      if (error.code != "insufficient_space") {
+        throw;
+      }
+      remove_writes();
+      remove_downloads();
+      remove_stagings();
+      remove_attempts();
+      kept_ = Json::array();
+      begin();
+    }
   }
 
   void begin() const {

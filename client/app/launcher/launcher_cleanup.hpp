@@ -16,7 +16,8 @@ namespace ravok {
 // - the transaction files of writes that did not end
 //
 // It holds owner() from start to end. While it works, "cleanup.json" lies in the store and keeps stagings away; a
-// clean-up that was killed or has failed leaves it, and the next call finishes the work.
+// clean-up that was killed or has failed leaves it, and the next call finishes the work. Where there is no room for it,
+// everything but versions and manifests is removed first, which no staging has to wait for.
 //
 // Returns {"cleaned": true, "removed": {"attempts", "downloads", "manifests", "stagings", "versions"}, "bytes",
 // "kept"}: the numbers of what was removed, by how many bytes the store is smaller, and an array of what could have
@@ -31,8 +32,8 @@ namespace ravok {
 // Fails with "busy" as owner() does, and while the start of a version has not ended; with "launcher_missing" for a
 // document that names neither an active version nor a candidate; with "unsupported_schema" for a "cleanup.json" that
 // another version has left; and as load, tree_bytes and target_download_receipts do. Nothing but torn receipts was
-// removed then. What fails later, such as with "file_remove", "file_write", "file_sync" or "tree_read", is continued by
-// the next call.
+// removed then. What fails later, such as with "file_remove", "file_write", "file_sync" or "tree_read", or with
+// "insufficient_space" where even that has made no room, is continued by the next call.
 Json clean_launcher_store(const LauncherStore& store);
 
 }  // namespace ravok

@@ -1,6 +1,7 @@
 #include "app/launcher/launcher_cleanup.hpp"
 
 #include <algorithm>
+#include <cerrno>
 #include <filesystem>
 #include <map>
 #include <memory>
@@ -17,6 +18,7 @@
 #include "support/clock_calls.hpp"
 #include "support/download_builder.hpp"
 #include "support/failure.hpp"
+#include "support/file_calls.hpp"
 #include "support/staging_place.hpp"
 #include "support/tree_state.hpp"
 #include "tuf/target_fetch.hpp"
@@ -38,9 +40,10 @@ class LauncherCleanups : public ::testing::Test {
   // Breaks off the download of the manifest that is published, after 10 bytes.
   void break_off_the_manifest() {
     const Json description = place_.tuf.repository.targets().targets.at(launcher_manifest_target());
-    place_.tuf.transport.on(remote_target_name(launcher_manifest_target(), description, true),
-                            testing::breaks_after(10));
+    const std::string name = remote_target_name(launcher_manifest_target(), description, true);
+    place_.tuf.transport.on(name, testing::breaks_after(10));
     EXPECT_FAILURE(place_.stage(), "network", "Transferred a partial file");
+    place_.tuf.transport.on(name, {});
   }
 
   Json clean() { return clean_launcher_store(place_.launcher.store); }
@@ -64,6 +67,17 @@ class LauncherCleanups : public ::testing::Test {
   bool exists(const std::string& path) const { return std::filesystem::exists(place_.paths().store / path); }
   std::filesystem::path payload(const LauncherUpdate& update) const { return place_.paths().version(update.sha256()); }
   std::string version(const LauncherUpdate& update) const { return "versions/" + update.sha256(); }
+
+  // Leaves what a staging has begun to unpack, and returns its intent.
+  Json leave_staging() const {
+    Json intent = {{"schema_version", 1},
+                   {"kind", "ravok-launcher-staging"},
+                   {"nonce", nonce_of('1')},
+                   {"reference", updates_[1].reference()}};
+    write("intents/" + nonce_of('1') + ".json", intent.dump());
+    write("staging/" + nonce_of('1') + "/bin/program", "half");
+    return intent;
+  }
 
   // Installs four versions one after the other: the active one, the rollback and two that nothing names.
   void install_four() {
@@ -189,12 +203,7 @@ TEST_F(LauncherCleanups, PreserveWhatWasChangedOrIsNotUnderstood) {
 
 TEST_F(LauncherCleanups, RemoveWhatStagingsHaveLeft) {
   place_.update(updates_[0]);
-  const Json intent = {{"schema_version", 1},
-                       {"kind", "ravok-launcher-staging"},
-                       {"nonce", nonce_of('1')},
-                       {"reference", updates_[1].reference()}};
-  write("intents/" + nonce_of('1') + ".json", intent.dump());
-  write("staging/" + nonce_of('1') + "/bin/program", "half");
+  const Json intent = leave_staging();
   Json second = intent;
   second["nonce"] = nonce_of('2');
   write("intents/" + nonce_of('2') + ".json", second.dump());
@@ -379,6 +388,44 @@ TEST_F(LauncherCleanups, FinishWhatAnotherHasBegun) {
     write("cleanup.json", other);
     expect_refused("unsupported_schema", "Unknown launcher cleanup was preserved");
   }
+}
+
+TEST_F(LauncherCleanups, MakeTheRoomThatTheyNeedThemselves) {
+  install_four();
+  leave_staging();
+  write("health/" + nonce_of('2') + ".json", "{}");
+  write("health/other", "");
+  write("installation.json" + testing::write_ending('a'), "{");
+  const testing::Planned full(testing::failing_to_write("cleanup.json", ENOSPC));
+  const Json result = clean();
+  EXPECT_TRUE(full.happened());
+  EXPECT_EQ(removed(result), (Json{{"attempts", 1}, {"downloads", 5}, {"stagings", 1}, {"versions", 2}}));
+  EXPECT_EQ(result.at("kept"), Json::array({kept("health/other", "not_understood")}));
+  EXPECT_FALSE(exists("cleanup.json"));
+}
+
+TEST_F(LauncherCleanups, RemoveWhatLeavesNothingHalfWayWhereNoRoomCanBeMade) {
+  install_four();
+  const LauncherUpdate next("build-5");
+  place_.publish(next);
+  break_off_the_manifest();
+  leave_staging();
+  write("health/" + nonce_of('2') + ".json", "{}");
+  write("installation.json" + testing::write_ending('a'), "{");
+  const TreeState versions = tree_state(place_.paths().versions);
+  {
+    testing::Plan plan = testing::failing_to_write("cleanup.json", ENOSPC);
+    plan.lasts = true;
+    const testing::Planned full(plan);
+    EXPECT_FAILURE(clean(), "insufficient_space", "Local storage cannot save data; free space and try again");
+  }
+  for (const char* folder : {"downloads", "download-intents", "staging", "intents", "health"}) {
+    EXPECT_TRUE(std::filesystem::is_empty(place_.paths().store / folder)) << folder;
+  }
+  EXPECT_FALSE(exists("installation.json" + testing::write_ending('a')));
+  EXPECT_FALSE(exists("cleanup.json"));
+  EXPECT_TRUE(testing::same_tree(tree_state(place_.paths().versions), versions));
+  EXPECT_EQ(place_.stage(), staged(next));
 }
 
 TEST_F(LauncherCleanups, AreRefusedWhereTheStoreIsNotSettled) {
