@@ -12,6 +12,7 @@
 #include "domain/identifier.hpp"
 #include "domain/limits.hpp"
 #include "domain/paths.hpp"
+#include "platform/file/files.hpp"
 #include "platform/file/native_lock.hpp"
 #include "platform/file/path_keys.hpp"
 #include "platform/file/posix_files.hpp"
@@ -51,14 +52,34 @@ std::filesystem::path launch_document_directory() {
   return std::filesystem::path(*home) / "Desktop";
 }
 
+bool is_menu_directory(const std::filesystem::path& folder) {
+  try {
+    return folder == native_menu_directory();
+  } catch (const Error&) {
+    return false;
+  }
+}
+
 // Makes a missing folder of the default shortcuts. Any other must exist and be reached without a link.
 void provide_folder(const std::filesystem::path& folder) {
   if (is_missing(folder)) {
     require(folder == native_menu_directory(), "shortcut_path",
             "Custom shortcut destinations require an existing parent directory");
     private_directory(folder);
-  } else {
-    require_plain_way(folder);
+    return;
+  }
+  require_plain_way(folder);
+  if (is_menu_directory(folder)) {
+    // Who made it may have ended before its name was durable.
+    sync_directory(folder.parent_path());
+  }
+}
+
+// Makes the name of a file durable that is there already, since who made it may have ended before that. A folder that
+// is not reached without a link holds none of the client's.
+void flush_name(const ShortcutFile& place) {
+  if (place.has_folder()) {
+    place.flush_folder();
   }
 }
 
@@ -72,6 +93,7 @@ NewFile prove_native_shortcut(const DesktopShortcut& shortcut, const std::filesy
 // Makes the file unless it is already there. Replaces another one where that was allowed.
 void put_in_place(const DesktopShortcut& shortcut, const NewFile& file) {
   if (file.found == Found::same) {
+    flush_name(ShortcutFile(file.path));
     return;
   }
   std::optional<StandAside> other;
@@ -239,8 +261,12 @@ Json create_owned_native_shortcut(const DesktopShortcut& shortcut, const std::fi
   const auto answer = [&](bool created, const std::string& game) {
     return Json({{"schema_version", 1}, {"created", created}, {"path", path_utf8(target)}, {"game_id", game}});
   };
-  if (row != rows.end() && is_unchanged(ShortcutFile(target).read(), *row)) {
-    return answer(false, row->game);
+  if (row != rows.end()) {
+    const ShortcutFile place(target);
+    if (is_unchanged(place.read(), *row)) {
+      flush_name(place);
+      return answer(false, row->game);
+    }
   }
   require(row != rows.end() || rows.size() < shortcut_ledger::maximum_rows, "size_limit",
           "Too many recorded shortcuts");
@@ -292,6 +318,10 @@ std::vector<std::filesystem::path> restore_owned_native_shortcuts(const std::fil
   std::vector<std::filesystem::path> made;
   for (std::size_t i = 0; i < rows.size(); ++i) {
     if (!is_missing(rows[i].path)) {
+      const ShortcutFile place(rows[i].path);
+      if (is_unchanged(place.read(), rows[i])) {
+        flush_name(place);
+      }
       continue;
     }
     const DesktopShortcut shortcut = {bootstrap, data_root, rows[i].game, rows[i].name};

@@ -3,7 +3,8 @@
 //
 // Calls for one data folder, also from different processes, run one after the other. A shortcut stands in the ledger
 // before its file is made, so a process may end, or the power fail, at any moment: there may be a row without a file,
-// which the next creation or restoring makes good and a removal drops, but no file without a row. A shortcut counts as
+// which the next creation or restoring makes good and a removal drops, but no file without a row. What a creation or a
+// restoring has found or made is durable when it returns. A shortcut counts as
 // changed when its name is not that of a regular file of at most 65,536 bytes with the recorded digest, when that
 // cannot be read, or when its folder is reached through a link other than the system's own; it is never removed.
 #pragma once

@@ -147,6 +147,41 @@ TEST_F(ShortcutFault, AShortcutIsRecordedBeforeItsFileIsThere) {
   EXPECT_EQ(ledger(), recorded());
 }
 
+// Who made it may have ended before its name was durable.
+TEST_F(ShortcutFault, AShortcutThatIsThereIsFlushedBeforeThatIsTold) {
+  create();
+  {
+    const Planned set(failing("fsync", EIO));
+    EXPECT_FAILURE(create(), "file_sync", "Could not durably synchronize directory");
+    EXPECT_TRUE(set.happened());
+  }
+  EXPECT_EQ(place_.read(entry()), text_);
+  EXPECT_EQ(ledger(), recorded());
+  EXPECT_EQ(create().at("created"), false);
+}
+
+TEST_F(ShortcutFault, AShortcutOfAFormerLedgerIsFlushedBeforeItIsTold) {
+  create();
+  ASSERT_EQ(remove().removed, Paths{entry()});
+  place_.write(entry(), text_);
+  // Those of the ledger come first: its file's, and its folder's.
+  const Planned set(failing("fsync", EIO, 3));
+  EXPECT_FAILURE(create(), "file_sync", "Could not durably synchronize directory");
+  EXPECT_TRUE(set.happened());
+  EXPECT_EQ(place_.read(entry()), text_);
+  EXPECT_EQ(ledger(), ledger_document(Json::array()).dump());
+}
+
+TEST_F(ShortcutFault, ADefaultFolderThatIsThereIsFlushedBeforeItHoldsAnything) {
+  const std::filesystem::path menu = native_menu_directory();
+  std::filesystem::create_directories(menu);
+  const Planned set(failing("fsync", EIO));
+  EXPECT_FAILURE(create_native_shortcut(place_.shortcut(), menu / "entry.desktop"), "file_sync",
+                 "Could not durably synchronize directory");
+  EXPECT_TRUE(set.happened());
+  EXPECT_TRUE(std::filesystem::is_empty(menu));
+}
+
 TEST_F(ShortcutFault, AFileThatComesFirstIsPreservedAndRecordedByTheNextCall) {
   {
     const Planned set(meanwhile("link", [&] { replace(text_); }));
@@ -346,6 +381,17 @@ TEST_F(ShortcutRemovalFault, AReleaseTellsOfWhatCannotBeRemovedAndKeepsItsRow) {
 }
 
 // --- Restoring ---------------------------------------------------------------------------------
+
+TEST_F(ShortcutRemovalFault, ARestoringFlushesWhatIsThere) {
+  const auto restore = [&] { return restore_owned_native_shortcuts(place_.data(), place_.bootstrap()); };
+  {
+    const Planned set(failing("fsync", EIO));
+    EXPECT_FAILURE(restore(), "file_sync", "Could not durably synchronize directory");
+    EXPECT_TRUE(set.happened());
+  }
+  EXPECT_EQ(place_.read(entry()), text_);
+  EXPECT_TRUE(restore().empty());
+}
 
 TEST_F(ShortcutRemovalFault, ARestoringForAnotherBootstrapIsRecordedBeforeTheFileIsThere) {
   DesktopShortcut moved = place_.shortcut();
