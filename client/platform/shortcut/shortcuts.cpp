@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <cstddef>
 #include <optional>
-#include <system_error>
 #include <utility>
 
 #include "domain/crypto.hpp"
@@ -217,9 +216,15 @@ class Remover {
   std::vector<ShortcutFile> folders_;
 };
 
+// Follows links. Fails with "permissions" or "file_system" for what cannot be looked at, which may hold a ledger.
 bool has_ledger_folder(const std::filesystem::path& root) {
-  std::error_code ignored;
-  return std::filesystem::is_directory(DataPaths(root).native, ignored);
+  const std::filesystem::path folder = DataPaths(root).native;
+  const Result<Status> status = target_status_of(folder);
+  const Problem& problem = status.problem();
+  require(!problem || problem == Cause::missing || problem == Cause::not_a_directory || problem == Cause::is_link,
+          problem == Cause::denied || problem == Cause::not_permitted ? "permissions" : "file_system",
+          "Cannot look at " + path_utf8(folder) + ": " + problem_text(problem));
+  return status && is_directory(*status);
 }
 
 }  // namespace

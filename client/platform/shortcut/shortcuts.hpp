@@ -58,15 +58,16 @@ std::vector<OwnedShortcut> owned_native_shortcuts(const std::filesystem::path& d
 
 // Removes the recorded shortcuts that nobody has changed, and empties the ledger. Does nothing without a folder
 // "native". When one cannot be removed, the others still are, and the call then fails with "file_remove". Fails also
-// with "shortcut_ledger", "file_sync", "lock_failed", "permissions", "insufficient_space" or "file_write". After a
-// failure the ledger is as it was; the next call drops the rows of files that this one has removed.
+// with "shortcut_ledger", "file_sync", "lock_failed", "permissions", "insufficient_space" or "file_write", and with
+// "permissions" or "file_system" for a folder "native" that cannot be looked at. After a failure the ledger is as it
+// was; the next call drops the rows of files that this one has removed.
 ShortcutRemoval remove_owned_native_shortcuts(const std::filesystem::path& data_root);
 
 // The same for an uninstall, which goes on after a shortcut that cannot be removed. That one is returned under
 // "changed" and alone stays in the ledger, so that a repeated uninstall tries it again. When a removal cannot be
 // flushed or the ledger cannot be written, that is no failure, and the ledger stays as it was. Fails before anything is
 // removed: with "shortcut_ledger" for a ledger that cannot be understood, since it is then not known which files are
-// the client's own, and with "lock_failed" or "permissions".
+// the client's own, and with "lock_failed", "permissions" or "file_system".
 ShortcutRemoval release_owned_native_shortcuts(const std::filesystem::path& data_root);
 
 // Makes the recorded shortcuts again that are missing, and returns their paths. The ledger then has the new digests of

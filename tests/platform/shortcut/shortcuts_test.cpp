@@ -704,6 +704,20 @@ TEST_F(Shortcuts, HaveNothingToRemoveWithoutAnInstallation) {
   }
   place_.write(place_.base() / "other/native", "a file");
   EXPECT_NO_THROW(remove_owned_native_shortcuts(place_.base() / "other"));
+  EXPECT_NO_THROW(remove_owned_native_shortcuts(place_.base() / "other/native/below"));
+  std::filesystem::remove(place_.base() / "other/native");
+  std::filesystem::create_symlink("native", place_.base() / "other/native");
+  EXPECT_NO_THROW(remove_owned_native_shortcuts(place_.base() / "other"));
+}
+
+TEST_F(Shortcuts, AreNotForgottenInAFolderThatCannotBeLookedInto) {
+  create(entry());
+  const std::string refusal = "Cannot look at " + (place_.data() / "native").native() + ": Permission denied";
+  const testing::OrdinaryUser user(place_.root());
+  const testing::WithMode closed(place_.data(), 0);
+  EXPECT_FAILURE(remove(), "permissions", refusal);
+  EXPECT_FAILURE(release_owned_native_shortcuts(place_.data()), "permissions", refusal);
+  EXPECT_EQ(on_desktop(), (std::vector<std::string>{"entry.desktop"}));
 }
 
 TEST_F(Shortcuts, AreRemovedAndForgotten) {
