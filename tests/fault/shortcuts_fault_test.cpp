@@ -175,6 +175,9 @@ class ShortcutsFault : public ::testing::Test {
     EXPECT_EQ(removal.errors, "");
     EXPECT_FALSE(exists("new"));
     EXPECT_EQ(ledger(), empty_ledger());
+    for (const std::string& name : strays()) {
+      EXPECT_NE(place_.root().read(name), made_) << name;
+    }
     judge_foreign();
     return true;
   }

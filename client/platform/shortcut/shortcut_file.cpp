@@ -1,20 +1,54 @@
 #include "platform/shortcut/shortcut_file.hpp"
 
+#include <cstddef>
+#include <string_view>
 #include <utility>
+#include <vector>
 
 #include "domain/crypto.hpp"
 #include "domain/error.hpp"
+#include "domain/limits.hpp"
 #include "domain/paths.hpp"
+#include "domain/text_rules.hpp"
 #include "platform/file/file_operations.hpp"
 #include "platform/file/posix_files.hpp"
+#include "platform/file/tree_walk.hpp"
 
 namespace ravok {
 namespace {
+
+constexpr std::size_t random_id_characters = 32;
 
 // Whether the name is still that of the file, which is open.
 bool names_file(int folder, const std::string& name, const OpenedFile& file) {
   const auto named = link_status_at(folder, name.c_str());
   return named && same_file(*named, file.status);
+}
+
+// Returns the file of that name, or nothing unless it is one that can be a shortcut and be read.
+std::optional<OpenedFile> read_named(int folder, const std::string& name) {
+  try {
+    OpenedFile file = read_file_at(folder, name, shortcut_limit);
+    return names_file(folder, name, file) ? std::optional(std::move(file)) : std::nullopt;
+  } catch (const Error&) {
+    return std::nullopt;
+  }
+}
+
+// Whether the name is that of a transaction file of the file.
+bool is_transaction(std::string_view name, std::string_view of) {
+  constexpr std::string_view ending = ".tmp";
+  return name.size() == of.size() + 1 + random_id_characters + ending.size() && name.starts_with(of) &&
+         name[of.size()] == '.' && is_lower_hex(name.substr(of.size() + 1, random_id_characters)) &&
+         name.ends_with(ending);
+}
+
+std::vector<std::string> names_if_readable(int folder) {
+  try {
+    return names_in(folder, maximum_tree_entries);
+  } catch (const Error&) {
+    return {};
+  }
 }
 
 Handle open_folder(const std::filesystem::path& path) {
@@ -35,15 +69,7 @@ Handle open_folder(const std::filesystem::path& path) {
 ShortcutFile::ShortcutFile(const std::filesystem::path& path) : name_(name_of(path)), folder_(open_folder(path)) {}
 
 std::optional<OpenedFile> ShortcutFile::read() const {
-  if (!folder_) {
-    return std::nullopt;
-  }
-  try {
-    OpenedFile file = read_file_at(folder_.get(), name_, shortcut_limit);
-    return names_file(folder_.get(), name_, file) ? std::optional(std::move(file)) : std::nullopt;
-  } catch (const Error&) {
-    return std::nullopt;
-  }
+  return folder_ ? read_named(folder_.get(), name_) : std::nullopt;
 }
 
 ShortcutFile::Removal ShortcutFile::remove(const OpenedFile& file) const {
@@ -55,6 +81,18 @@ ShortcutFile::Removal ShortcutFile::remove(const OpenedFile& file) const {
     return Removal::removed;
   }
   return problem == Cause::missing ? Removal::missing : Removal::failed;
+}
+
+bool ShortcutFile::remove_unfinished(std::string_view sha256) const {
+  bool has_removed = false;
+  for (const std::string& name : folder_ ? names_if_readable(folder_.get()) : std::vector<std::string>()) {
+    if (is_transaction(name, name_)) {
+      const std::optional<OpenedFile> file = read_named(folder_.get(), name);
+      const bool is_own = file && digest(file->bytes, "sha256") == sha256;
+      has_removed = (is_own && !os::remove_at(folder_.get(), name.c_str())) || has_removed;
+    }
+  }
+  return has_removed;
 }
 
 void ShortcutFile::flush_folder() const { sync_open_directory(folder_.get()); }

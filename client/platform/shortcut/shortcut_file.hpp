@@ -6,6 +6,7 @@
 #include <filesystem>
 #include <optional>
 #include <string>
+#include <string_view>
 
 #include "platform/file/file_operations.hpp"
 #include "platform/file/files.hpp"
@@ -31,6 +32,10 @@ class ShortcutFile {
 
   // Removes the file that was read, if the name is still its own.
   Removal remove(const OpenedFile& file) const;
+
+  // Removes what a making of the file that was ended has left: its transaction files with the bytes of this digest.
+  // Returns whether any was removed; what cannot be read or removed stays.
+  bool remove_unfinished(std::string_view sha256) const;
 
   // Flushes the folder's names to stable storage. Fails with "file_sync".
   void flush_folder() const;

@@ -183,6 +183,7 @@ class Remover {
  private:
   void remove(const OwnedShortcut& row) {
     ShortcutFile place(row.path);
+    const bool was_unfinished = place.remove_unfinished(row.sha256);
     if (is_missing(row.path)) {
       // An earlier run may have removed it and ended before the flush.
       if (place.has_folder()) {
@@ -194,12 +195,14 @@ class Remover {
     const auto outcome = is_unchanged(file, row) ? place.remove(*file) : ShortcutFile::Removal::replaced;
     if (outcome == ShortcutFile::Removal::removed) {
       removed_.push_back(row.path);
-      keep_folder(std::move(place));
     } else if (outcome == ShortcutFile::Removal::replaced) {
       changed_.push_back(row.path);
     } else if (outcome == ShortcutFile::Removal::failed) {
       changed_.push_back(row.path);
       kept_.push_back(row);
+    }
+    if (outcome == ShortcutFile::Removal::removed || was_unfinished) {
+      keep_folder(std::move(place));
     }
   }
 

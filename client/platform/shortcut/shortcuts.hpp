@@ -56,7 +56,8 @@ Json create_owned_native_shortcut(const DesktopShortcut& shortcut, const std::fi
 // Returns the rows of the ledger, proved by the rules for a new shortcut. Fails with "shortcut_ledger".
 std::vector<OwnedShortcut> owned_native_shortcuts(const std::filesystem::path& data_root);
 
-// Removes the recorded shortcuts that nobody has changed, and empties the ledger. Does nothing without a folder
+// Removes the recorded shortcuts that nobody has changed, with what a making of one that was ended has left beside it,
+// and empties the ledger. Does nothing without a folder
 // "native". When one cannot be removed, the others still are, and the call then fails with "file_remove". Fails also
 // with "shortcut_ledger", "file_sync", "lock_failed", "permissions", "insufficient_space" or "file_write", and with
 // "permissions" or "file_system" for a folder "native" that cannot be looked at. After a failure the ledger is as it

@@ -731,6 +731,30 @@ TEST_F(Shortcuts, AreRemovedAndForgotten) {
   EXPECT_EQ(ledger(), ledger_document(Json::array()).dump());
 }
 
+TEST_F(Shortcuts, AreRemovedWithWhatTheirMakingHasLeft) {
+  create(entry("a"));
+  create(entry("b"));
+  const std::string content = place_.read(entry("a"));
+  std::filesystem::remove(entry("b"));
+  const auto write_beside = [&](const std::string& name, const std::string& ending, const std::string& bytes) {
+    place_.write(entry(name).native() + ending, bytes);
+    return entry(name + ".desktop" + ending).stem().native();
+  };
+  const std::string random(32, '1');
+  for (const char* const name : {"a", "b"}) {
+    write_beside(name, "." + random + ".tmp", content);
+  }
+  std::vector<std::string> others = {write_beside("a", "." + std::string(32, '2') + ".tmp", "of another"),
+                                     write_beside("a", "." + std::string(31, '1') + ".tmp", content),
+                                     write_beside("a", "." + std::string(32, 'g') + ".tmp", content),
+                                     write_beside("a", "." + random + ".new", content),
+                                     write_beside("a", "-" + random + ".tmp", content),
+                                     write_beside("c", "." + random + ".tmp", content)};
+  EXPECT_EQ(remove().removed, (std::vector<std::filesystem::path>{entry("a")}));
+  std::sort(others.begin(), others.end());
+  EXPECT_EQ(on_desktop(), others);
+}
+
 TEST_F(Shortcuts, ThatAreGoneAreForgottenInSilence) {
   create(entry("a"));
   create(entry("b"));
