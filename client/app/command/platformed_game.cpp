@@ -67,7 +67,8 @@ std::string crash_service(const Json& document) {
 }
 
 std::optional<PlatformedGame> find_platformed_game() {
-  const std::filesystem::path directory = folder_of(current_executable_path());
+  // An update of the client may have replaced the program since it was started.
+  const std::filesystem::path directory = folder_of(started_executable_path());
   const std::filesystem::path file = directory / platformed_game_file;
   const auto status = link_status_of(file);
   if (!status || !is_file(*status)) {

@@ -27,8 +27,9 @@ struct PlatformedGame {
 PlatformedGame parse_platformed_game(const Json& document, const std::filesystem::path& directory);
 
 // Returns the game that this process serves: the one of the ravok-platform.json beside its program, which is looked for
-// once; nothing where no plain file has that name. May be called from any thread. Fails with "launcher_identity" when
-// the program's place cannot be told, as read_file and parse_json do beyond 16,384 bytes, and as above.
+// once, also where another file has taken the program's place; nothing where no plain file has that name. May be called
+// from any thread. Fails with "launcher_identity" when the program's place cannot be told, as read_file and parse_json
+// do beyond 16,384 bytes, and as above.
 const std::optional<PlatformedGame>& platformed_game();
 
 // Returns the game that this process serves if it is this one, otherwise null. Fails in the same way.

@@ -2,6 +2,7 @@
 // "accompany" it stays until the game has ended.
 
 #include <cstdio>
+#include <filesystem>
 #include <optional>
 #include <string>
 #include <thread>
@@ -45,6 +46,11 @@ bool is_found_once() {
 
 void run(const std::vector<std::string>& words) {
   if (words[0] == "platformed") {
+    tell_platformed_game();
+  } else if (words[0] == "replaced") {
+    // As an update does, with the program that runs.
+    std::filesystem::copy_file(words[1], words[1] + ".new");
+    std::filesystem::rename(words[1] + ".new", words[1]);
     tell_platformed_game();
   } else if (words[0] == "threads") {
     say(is_found_once() ? "one game" : "several games");

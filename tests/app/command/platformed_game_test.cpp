@@ -238,6 +238,11 @@ TEST_F(PlatformedProgram, FindsItsGameThroughALinkToItself) {
   EXPECT_EQ(testing::run_program({(elsewhere / "link").native(), {"serves", "some-game"}, {}, {}}).output, "yes\n");
 }
 
+TEST_F(PlatformedProgram, FindsItsGameAlsoWhereItWasReplacedSinceItsStart) {
+  describe(platform_document());
+  EXPECT_EQ(answer({"replaced", program().native()}), "some-game in " + place() + " as " + place() + "/bin/game");
+}
+
 TEST_F(PlatformedProgram, TakesOnlyAPlainFile) {
   const std::filesystem::path file = root / "ravok-platform.json";
   root.write("real.json", platform_document().dump());
