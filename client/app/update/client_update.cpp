@@ -12,7 +12,9 @@
 #include "app/launcher/bootstrap_image.hpp"
 #include "app/launcher/bootstrap_update.hpp"
 #include "app/launcher/launcher_store.hpp"
+#include "domain/data_layout.hpp"
 #include "domain/display_text.hpp"
+#include "platform/file/managed_paths.hpp"
 #include "platform/file/native_lock.hpp"
 #include "platform/process/native_platform.hpp"
 #include "transport/https_budget.hpp"
@@ -103,11 +105,18 @@ class Update {
 
   Json stage_launcher() {
     begin("Looking for updates");
-    if (!background_ && !is_published(launcher_manifest_target())) {
+    // A start needs the store's lock and may have to wait for it, so the repository answers before a staging takes it.
+    if ((!background_ || is_store_ready()) && !is_published(launcher_manifest_target())) {
       return skipped_launcher("not_published");
     }
     const auto phase = [this](std::string_view name, bool) { begin(launcher_work(name)); };
     return LauncherStore(data_root_).stage(repository_.tuf(), observer_.progress, phase, background_);
+  }
+
+  // Whether a staging in the background would ask the repository at all.
+  bool is_store_ready() const {
+    const LauncherStore store(data_root_);
+    return !store.load().at("active").is_null() && !is_there(LauncherPaths(store.store()).cleanup);
   }
 
   Json stage_bootstrap() {

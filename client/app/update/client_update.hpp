@@ -54,6 +54,7 @@ struct UpdateObserver {
 // itself may take 30 seconds and 8 MiB for each part. Without `background`, a repository that has no launcher for this
 // platform is "not_published" too.
 //
+// The store's lock, which a start that tries a version needs, is taken only once the repository has told what it has.
 // Keeps a setup from beginning meanwhile, and waits at most 15 seconds for one that runs. Fails itself only before a
 // part is begun, as bootstrap_lifetime_in and InstalledRepository do. A part that the user has cancelled has the
 // failure "cancelled".

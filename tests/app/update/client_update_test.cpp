@@ -9,6 +9,7 @@
 
 #include <gtest/gtest.h>
 
+#include "app/launcher/launcher_store.hpp"
 #include "app/update/update_console.hpp"
 #include "domain/data_layout.hpp"
 #include "platform/file/native_lock.hpp"
@@ -126,6 +127,19 @@ TEST_F(UpdateWithoutServer, AsksNobodyInTheBackgroundWhileNoVersionWorks) {
   const ClientUpdate update = update_client(data_, {}, true, {});
   EXPECT_EQ(update.to_json(),
             (Json{{"schema_version", 1}, {"launcher", skip("not_installed")}, {"bootstrap", nullptr}}));
+}
+
+TEST_F(UpdateWithoutServer, AsksTheRepositoryBeforeItTakesTheStore) {
+  const LauncherStore store(data_);
+  Json document = store.load();
+  document["active"] = {{"manifest_sha256", std::string(64, 'a')}, {"build_id", "build-1"}};
+  store.save(document);
+  const auto owner = store.owner();
+  EXPECT_EQ(update_client(data_, {}, true, {}).to_json(),
+            (Json{{"schema_version", 1}, {"launcher", skip("network")}, {"bootstrap", nullptr}}));
+  const ClientUpdate update = update_client(data_, {}, false, {});
+  ASSERT_NE(update.problem(), nullptr);
+  EXPECT_EQ(update.problem()->code, "network");
 }
 
 TEST_F(UpdateWithoutServer, StopsWhereTheUserHasCancelled) {
