@@ -1,6 +1,7 @@
 #include "app/screen/folder_probe.hpp"
 
 #include <exception>
+#include <optional>
 
 #include "app/install/data_folder.hpp"
 #include "app/install/installation_record.hpp"
@@ -11,14 +12,42 @@
 namespace ravok {
 namespace {
 
+// Whether the folder holds an installation that a repair takes. Fails as check_installation does, for one that it does
+// not.
+bool is_repairable(const DataPaths& paths) {
+  if (installation_state(paths) != InstallationState::complete) {
+    return false;
+  }
+  check_installation(paths);
+  return true;
+}
+
+// Returns the status of the installation, or none where `facts` say now that it is damaged.
+std::optional<NativeInstallStatus> status_unless_damaged(FolderFacts& facts, const DataPaths& paths) {
+  try {
+    return installation_status(paths);
+  } catch (const Error& error) {
+    if (!is_repairable(paths)) {
+      throw;
+    }
+    facts.problem = error.what();
+    facts.state = FolderFacts::State::damaged;
+    return std::nullopt;
+  }
+}
+
 void judge(FolderFacts& facts, const std::filesystem::path& package, const PackageManifests* manifests) {
   const DataPaths paths(data_folder(path_from_utf8(facts.asked)));
   facts.root = paths.root;
   const bool missing = is_missing(paths.root);
-  const NativeInstallStatus found = missing ? NativeInstallStatus() : installation_status(paths);
-  if (found.installed || found.incomplete) {
-    facts.status = found.to_json();
-    facts.state = found.installed ? FolderFacts::State::installed : FolderFacts::State::interrupted;
+  const std::optional<NativeInstallStatus> found =
+      missing ? NativeInstallStatus() : status_unless_damaged(facts, paths);
+  if (!found) {
+    return;
+  }
+  if (found->installed || found->incomplete) {
+    facts.status = found->to_json();
+    facts.state = found->installed ? FolderFacts::State::installed : FolderFacts::State::interrupted;
     return;
   }
   if (manifests != nullptr) {

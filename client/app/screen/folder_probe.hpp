@@ -23,12 +23,13 @@ struct FolderFacts {
     refused,      // `problem` says why none can
     installed,    // a whole installation
     interrupted,  // one that a setup has begun and not ended
+    damaged,      // one whose status cannot be told, as `problem` says, and that can be repaired or removed
   };
 
   std::string asked;  // the text that was asked about
   State state = State::unknown;
   std::filesystem::path root;       // absolute and normal; empty where the text is no folder
-  std::string problem;              // the refusal, as it is
+  std::string problem;              // the refusal or the damage, as it is
   std::optional<InstallRoom> room;  // for a folder that is free, where it is known
   Json status;                      // the document of `status` for an installation, otherwise null
 };

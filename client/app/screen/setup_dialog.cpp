@@ -64,7 +64,8 @@ Screen SetupDialog::screen() {
   switch (page_) {
     case Page::choose: {
       const FolderFacts facts = probe_.facts();
-      const bool found = facts.state == FolderFacts::State::installed || facts.state == FolderFacts::State::interrupted;
+      const bool found = facts.state == FolderFacts::State::installed ||
+                         facts.state == FolderFacts::State::interrupted || facts.state == FolderFacts::State::damaged;
       // What is known of one folder offers nothing for another.
       return found && facts.asked == folder_ ? installed_screen(facts) : choose_screen(facts);
     }
@@ -321,11 +322,16 @@ Screen SetupDialog::choose_screen(const FolderFacts& facts) const {
 
 Screen SetupDialog::installed_screen(const FolderFacts& facts) const {
   const bool whole = facts.state == FolderFacts::State::installed;
-  Screen screen = new_screen("installed", whole ? "Ravok is installed" : "Ravok setup did not finish",
+  const bool damaged = facts.state == FolderFacts::State::damaged;
+  Screen screen = new_screen("installed",
+                             whole     ? "Ravok is installed"
+                             : damaged ? "Ravok is damaged"
+                                       : "Ravok setup did not finish",
                              whole ? TextTone::success : TextTone::normal);
   SetupCommand status;
   status.command = SetupCommandKind::status;
-  add_text(screen, "status", setup_summary(status, facts.status));
+  add_text(screen, "status", damaged ? sentence(facts.problem) : setup_summary(status, facts.status),
+           damaged ? TextTone::warning : TextTone::normal);
   screen.items.emplace_back(folder_field(facts));
   add_text(
       screen, "repair_keeps",

@@ -9,6 +9,7 @@
 #include "app/install/install_folder.hpp"
 #include "app/screen/folder_probe.hpp"
 #include "domain/display_text.hpp"
+#include "domain/json.hpp"
 #include "platform/file/storage.hpp"
 #include "support/failure.hpp"
 #include "support/install_place.hpp"
@@ -170,6 +171,35 @@ TEST_F(InspectFolder, KnowsAnInterruptedSetup) {
   EXPECT_FALSE(facts.room);
   EXPECT_EQ(facts.status, NativeInstaller::status(place.data()).to_json());
   EXPECT_EQ(facts.status.at("incomplete"), true);
+}
+
+TEST_F(InspectFolder, KnowsADamagedInstallation) {
+  place.install();
+  place.write("native/shortcuts.json", R"({"schema_version":1,"kind":"ravok-shortcuts","entries":[]})");
+  const auto expect_damaged = [&](const std::filesystem::path& record, const std::string& problem) {
+    const std::string name = record.lexically_relative(place.data());
+    const std::string before = place.root().read("data/" + name);
+    place.write(name, "{");
+    const FolderFacts facts = inspect();
+    EXPECT_EQ(facts.state, State::damaged) << name;
+    EXPECT_EQ(facts.problem, problem);
+    EXPECT_EQ(facts.root, place.data());
+    EXPECT_FALSE(facts.room);
+    EXPECT_TRUE(facts.status.is_null());
+    place.write(name, before);
+    EXPECT_EQ(inspect().state, State::installed) << name;
+  };
+  const DataPaths paths = place.paths();
+  expect_damaged(paths.status_record, "Setup status record is malformed: " + paths.status_record.native());
+  expect_damaged(paths.shortcut_ledger, "Shortcut list is malformed: " + paths.shortcut_ledger.native());
+  expect_damaged(paths.bootstrap_manifest, testing::failure_of([] { parse_json("{", 1); }).value().what());
+}
+
+TEST_F(InspectFolder, RefusesADamagedInstallationThatNoRepairTakes) {
+  place.install();
+  place.write(place.paths().status_record.lexically_relative(place.data()), "{");
+  place.write("native/installation.json", "{");
+  expect_refused_as_by_install("Installation record is malformed: " + place.paths().installation_record.native());
 }
 
 TEST_F(InspectFolder, RefusesARecordThatItDoesNotUnderstand) {

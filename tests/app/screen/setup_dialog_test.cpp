@@ -993,6 +993,31 @@ TEST_F(SetupDialogTest, FinishesASetupThatDidNotEnd) {
   EXPECT_TRUE(NativeInstaller::status(place.data()).installed);
 }
 
+TEST_F(SetupDialogTest, RepairsAndRemovesAnInstallationWhoseStatusCannotBeTold) {
+  place.install(true);
+  const std::string record = place.paths().status_record;
+  place.write(place.paths().status_record.lexically_relative(place.data()), "{");
+  DialogUser user(installer(), start());
+  EXPECT_EQ(shown(user.dialog.screen()),
+            "installed: Ravok is damaged\n"
+            "status warning: Setup status record is malformed: " +
+                record +
+                ".\n"
+                "folder [Folder|" +
+                data() +
+                "|Chan&ge…]\n"
+                "repair_keeps muted: Repair makes Ravok whole again, and keeps the games, saves and settings that are "
+                "still there.\n"
+                "uninstall_keeps muted: Uninstall removes Ravok and its games, and keeps saves and settings unless "
+                "you say otherwise.\n"
+                "(repair &Repair!, uninstall &Uninstall!!, close &Close)");
+  expect_no_other_action(user);
+  EXPECT_EQ(user.press("uninstall").id, "remove");
+  EXPECT_EQ(user.press("back").id, "installed");
+  EXPECT_EQ(user.press("repair").heading, "Ravok is repaired");
+  EXPECT_TRUE(NativeInstaller::status(place.data()).installed);
+}
+
 // --- A removal ---
 
 TEST_F(SetupDialogTest, AsksBeforeARemoval) {
