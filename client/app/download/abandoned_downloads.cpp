@@ -62,11 +62,10 @@ bool has_recorded_bytes(const std::filesystem::path& partial, const Json& state)
 }
 
 // Whether a partial file is the one that the checkpoint tells of, under another identity: a file system may have
-// another number after each start of the machine, and in a copy of a data folder every file has. Its bytes prove it,
-// and its random name; without any bytes, the other half of its identity.
+// another number after each start of the machine, and in a copy of a data folder every file has. Its random name says
+// so, and the bytes that the checkpoint vouches for. Where it vouches for none, there are none to lose.
 bool is_own_under_other_identity(const std::filesystem::path& partial, const Json& state, const Status& status) {
-  const bool is_known = state.at("identity").at(1) == status.inode || state.at("received") != 0;
-  return is_known && !is_identical(state, status) && has_recorded_bytes(partial, state);
+  return !is_identical(state, status) && has_recorded_bytes(partial, state);
 }
 
 // Accepts a partial file only if it is the one that each checkpoint tells of. Without a checkpoint the receipt has

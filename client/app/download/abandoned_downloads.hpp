@@ -19,8 +19,7 @@ void remove_torn_receipts(const std::filesystem::path& store);
 // durably; the downloaded file stays. Fails with "launcher_download_uncertain" for a partial file that is not the one
 // that the checkpoint tells of, and removes nothing then; with "unsafe_path", "file_remove" and "file_sync". A file
 // that has another identity than the checkpoint says is still that one if it begins with the bytes that the checkpoint
-// vouches for: volumes get other numbers when a machine starts, and folders are copied. Where it vouches for none, at
-// least the inode must be the same.
+// vouches for, or if it vouches for none: volumes get other numbers when a machine starts, and folders are copied.
 void discard_download(const std::filesystem::path& store, const Json& group);
 
 // Discards each download of a target that has not ended and that a download with this signed description and for this

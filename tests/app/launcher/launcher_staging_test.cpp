@@ -852,11 +852,11 @@ TEST_F(RenumberedDownloads, ArePreservedWhereTheyAreShorterThanTheirCheckpoint) 
                    "A partial download is not the file of its checkpoint; it was preserved");
 }
 
-TEST_F(RenumberedDownloads, OfACopiedFolderArePreservedWithoutAnyByte) {
+TEST_F(RenumberedDownloads, OfACopiedFolderAreBegunAnewWithoutAnyByte) {
   leave_partial(update_.target(), 50'000);
   copy();
   forget_bytes();
-  expect_preserved("allocation_changed", changed_message);
+  expect_begun_anew(update_);
 }
 
 TEST_F(LauncherStagings, AreRefusedForReceiptsThatAreNotUnderstood) {
