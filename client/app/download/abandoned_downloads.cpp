@@ -68,19 +68,36 @@ bool is_own_under_other_identity(const std::filesystem::path& partial, const Jso
   return !is_identical(state, status) && has_recorded_bytes(partial, state);
 }
 
-// Accepts a partial file only if it is the one that each checkpoint tells of. Without a checkpoint the receipt has
-// told its random name before it was made.
+// What a group's checkpoint says of its partial file. Where there is none, what each write of one says that has not
+// ended. Beside a checkpoint such a write says nothing: what it vouches for may have been written over since.
+std::vector<Json> checkpoint_states(const std::filesystem::path& store, const Json& group) {
+  const std::string checkpoint = resume_state_name(text_at(group.at("receipt"), "temporary"));
+  std::vector<Json> states;
+  for (const Json& entry : group.at("resume_files")) {
+    const std::string& name = text_at(entry, "name");
+    const std::string text = read_file(download_of(store, name), maximum_resume_state_bytes);
+    const Json state = Json::parse(text, nullptr, false);
+    if (name == checkpoint) {
+      return std::vector<Json>(1, state);
+    }
+    if (!state.is_discarded()) {
+      states.push_back(state);
+    }
+  }
+  return states;
+}
+
+// Accepts a partial file only if it is the one that a checkpoint tells of. Without one the receipt has told its random
+// name before it was made.
 void require_own_partial(const std::filesystem::path& store, const Json& group, const std::filesystem::path& partial) {
   constexpr std::string_view other = "A partial download is not the file of its checkpoint; it was preserved";
   const auto status = link_status_of(partial);
   require(status && is_single_link_file(*status), download_uncertain_code, other);
-  for (const Json& entry : group.at("resume_files")) {
-    const std::string text = read_file(download_of(store, text_at(entry, "name")), maximum_resume_state_bytes);
-    const Json state = Json::parse(text, nullptr, false);
-    require(
-        state.is_discarded() || is_identical(state, *status) || is_own_under_other_identity(partial, state, *status),
-        download_uncertain_code, other);
-  }
+  const std::vector<Json> states = checkpoint_states(store, group);
+  const bool is_own = std::any_of(states.begin(), states.end(), [&](const Json& state) {
+    return is_identical(state, *status) || is_own_under_other_identity(partial, state, *status);
+  });
+  require(states.empty() || is_own, download_uncertain_code, other);
 }
 
 // Whether a download with this partial file goes on from its checkpoint. One whose file is not the one of its

@@ -782,6 +782,17 @@ class RenumberedDownloads : public LauncherStagings {
     });
   }
 
+  // As a write of a checkpoint that ended before the checkpoint had its name.
+  std::filesystem::path leave_write(char nonce, std::uint64_t received, const std::string& prefix) const {
+    Json state = Json::parse(testing::bytes_of(checkpoint()));
+    state.at("received") = received;
+    state.at("prefix_sha256") = digest(prefix, "sha256");
+    const std::filesystem::path write = checkpoint().native() + testing::write_ending(nonce);
+    testing::write_bytes(write, state.dump());
+    std::filesystem::permissions(write, std::filesystem::perms(0600));
+    return write;
+  }
+
   void expect_begun_anew(const LauncherUpdate& update) {
     EXPECT_EQ(place_.stage(), staged(update));
     for (const testing::RepositoryRequest& request : place_.tuf.transport.requests()) {
@@ -856,6 +867,27 @@ TEST_F(RenumberedDownloads, OfACopiedFolderAreBegunAnewWithoutAnyByte) {
   leave_partial(update_.target(), 50'000);
   copy();
   forget_bytes();
+  expect_begun_anew(update_);
+}
+
+TEST_F(RenumberedDownloads, AreBegunAnewBesideAWriteOfTheirCheckpointForOtherBytes) {
+  leave_partial(update_.target(), 50'000);
+  renumber();
+  leave_write('b', 40'000, "others");
+  leave_write('c', 60'000, "others");
+  expect_begun_anew(update_);
+}
+
+TEST_F(RenumberedDownloads, WithoutTheirCheckpointAreKnownByOneOfItsWrites) {
+  leave_partial(update_.target(), 50'000);
+  renumber();
+  leave_write('b', 60'000, "others");
+  const std::filesystem::path write = leave_write('c', 30'000, update_.archive.substr(0, 30'000));
+  std::filesystem::remove(checkpoint());
+  std::filesystem::rename(write, place_.root() / "write");
+  expect_preserved("launcher_download_uncertain",
+                   "A partial download is not the file of its checkpoint; it was preserved");
+  std::filesystem::rename(place_.root() / "write", write);
   expect_begun_anew(update_);
 }
 
