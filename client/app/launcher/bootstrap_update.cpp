@@ -51,6 +51,20 @@ bool is_signed_archive(const Json& target, const SnapshotManifest& manifest) {
          is_text(hashes.at("sha256"), manifest.archive_sha256);
 }
 
+// Whether a download that has failed is begun anew at once, without what earlier ones have left. `admission` is what
+// was known of it once all of that was read.
+bool begins_anew_at_once(const std::string& code, const std::optional<DownloadAdmission>& admission) {
+  // The folder was copied, or its volume got another number when the machine started.
+  if (code == "allocation_changed") {
+    return true;
+  }
+  // An older update may take the room. One that goes on keeps what it has.
+  if (code == "insufficient_space") {
+    return admission && !admission->resumed;
+  }
+  return false;
+}
+
 // One preparation of an update. The caller holds the lock.
 class BootstrapStaging {
  public:
@@ -70,16 +84,22 @@ class BootstrapStaging {
     const SnapshotManifest manifest = parse_bootstrap_update(*text);
     const std::string sha256 = digest(*text, "sha256");
     if (read_file(paths_.manifest, maximum_manifest_bytes) == *text) {
-      remove(paths_.downloads);
+      remove_leftovers();
       return "current";
     }
     if (is_there(paths_.rejected) && read_file(paths_.rejected, maximum_rejection_bytes) == sha256) {
-      remove(paths_.downloads);
+      remove_leftovers();
       return "rejected";
     }
     require_path_room(native_.path(), name_of(paths_.partial_tree), manifest.longest_native_path());
-    unpack(manifest, sha256);
-    commit(*text);
+    try {
+      unpack(manifest, sha256);
+      commit(*text);
+    } catch (...) {
+      // The next one cannot use it, and needs its room.
+      remove(paths_.partial_tree);
+      throw;
+    }
     return "staged";
   }
 
@@ -110,25 +130,22 @@ class BootstrapStaging {
   }
 
   std::filesystem::path download(const std::string& archive, const std::string& sha256) const {
+    std::optional<DownloadAdmission> admission;
+    const TufDownloadOptions options = {.scope = "bootstrap update " + sha256,
+                                        .admission = [&](const DownloadAdmission& given) { admission = given; }};
     try {
-      return fetch(archive, sha256);
+      return tuf_.download(archive, paths_.downloads, progress_, {}, options);
     } catch (const Error& error) {
-      const bool has_other_identity = error.code == "allocation_changed";
-      if (has_other_identity || error.code.starts_with("download_resume_")) {
+      const bool at_once = begins_anew_at_once(error.code, admission);
+      if (at_once || error.code.starts_with("download_resume_")) {
         // What an earlier download has left can never be continued, so the next one begins anew.
-        remove(paths_.downloads);
+        remove_leftovers();
       }
-      if (!has_other_identity) {
+      if (!at_once) {
         throw;
       }
     }
-    // That is nobody's fault: the folder was copied, or its volume got another number when the machine started.
-    return fetch(archive, sha256);
-  }
-
-  std::filesystem::path fetch(const std::string& archive, const std::string& sha256) const {
-    return tuf_.download(archive, paths_.downloads, progress_, {},
-                         {.scope = "bootstrap update " + sha256, .admission = {}});
+    return tuf_.download(archive, paths_.downloads, progress_, {}, options);
   }
 
   // The tree has its name for good before the manifest says that it is there.
@@ -140,6 +157,12 @@ class BootstrapStaging {
     remove(paths_.rejected);
     remove(paths_.downloads);
     remove_old_files(native_, paths_);
+  }
+
+  // Removes what earlier preparations have left.
+  void remove_leftovers() const {
+    remove(paths_.downloads);
+    remove(paths_.partial_tree);
   }
 
   void remove(const std::filesystem::path& place) const { native_.remove_tree_quietly(name_of(place)); }

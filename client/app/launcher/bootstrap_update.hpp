@@ -29,9 +29,10 @@ namespace ravok {
 // - "cancelled" when `progress` says so;
 // - and as TufClient, validate_bootstrap_update, extract_snapshot and verify_snapshot_tree do.
 // - and as read_file does for the installed manifest and for the record of a failed update.
-// A failure leaves the installed bootstrap as it is. What has been fetched stays, for the next call to continue, unless
-// it can never be continued. Where its files have got another identity, as in a copied folder, it is fetched anew. The
-// caller keeps a setup from beginning meanwhile, with the lock of bootstrap_lifetime.
+// A failure leaves the installed bootstrap as it is, and nothing that was unpacked. What has been fetched stays, for
+// the next call to continue, unless it can never be continued. Where its files have got another identity, as in a
+// copied folder, it is fetched anew. So is an update for which there is no room, once without what was fetched of
+// others. The caller keeps a setup from beginning meanwhile, with the lock of bootstrap_lifetime.
 std::string stage_bootstrap_update(const std::filesystem::path& data_root, TufClient& tuf,
                                    const ProgressCallback& progress);
 

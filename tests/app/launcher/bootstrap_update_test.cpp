@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <cstdint>
 #include <filesystem>
 #include <functional>
 #include <memory>
@@ -159,6 +160,26 @@ class StageBootstrapUpdate : public ::testing::Test {
     EXPECT_TRUE(testing::same_tree(without(state(), {"native/bootstrap-update.lock"}), before));
   }
 
+  std::string archive_name() const { return "bootstrap/" + digest(next.archive, "sha256") + ".build-2.tar.zst"; }
+  // Breaks the download of its archive off behind 10 bytes.
+  void break_off() {
+    tuf.transport.on(archive_name(), testing::breaks_after(10));
+    EXPECT_FAILURE(stage(), "network", "Transferred a partial file");
+    tuf.transport.on(archive_name(), {});
+    tuf.transport.forget();
+  }
+  // Where the only download of its archive since then began.
+  std::uint64_t offset() const {
+    std::vector<std::uint64_t> offsets;
+    for (const testing::RepositoryRequest& request : tuf.transport.requests()) {
+      if (request.name == archive_name()) {
+        offsets.push_back(request.offset);
+      }
+    }
+    EXPECT_EQ(offsets.size(), 1u);
+    return offsets.empty() ? 0 : offsets.front();
+  }
+
   TufPlace tuf;
   bool begun = false;
   const BootstrapPlace place{tuf.root / "data"};
@@ -246,9 +267,11 @@ TEST_F(StageBootstrapUpdate, SaysThatThereIsNone) {
 
 TEST_F(StageBootstrapUpdate, SaysThatTheInstalledOneIsTheNewest) {
   publish(old);
+  tuf.root.write("data/native/bootstrap-update.partial/half", "of it");
   EXPECT_EQ(stage(), "current");
   EXPECT_FALSE(exists(place.paths.update_manifest));
   EXPECT_FALSE(exists(place.paths.downloads));
+  EXPECT_FALSE(exists(place.paths.partial_tree));
 }
 
 TEST_F(StageBootstrapUpdate, RemembersOneThatHasFailedAndTakesTheNext) {
@@ -256,8 +279,10 @@ TEST_F(StageBootstrapUpdate, RemembersOneThatHasFailedAndTakesTheNext) {
   publish(bad);
   EXPECT_EQ(stage(), "staged");
   EXPECT_EQ(apply_bootstrap_update(place.data.root, testing::endless_trial_clock()).end, BootstrapUpdateEnd::rejected);
+  tuf.root.write("data/native/bootstrap-update.partial/half", "of it");
   EXPECT_EQ(stage(), "rejected");
   EXPECT_FALSE(exists(place.paths.update_manifest));
+  EXPECT_FALSE(exists(place.paths.partial_tree));
   EXPECT_EQ(BootstrapPlace::read(place.paths.rejected), bad.sha256());
   const BootstrapRelease good = bootstrap_release("build-3", ending_program(0));
   publish(good);
@@ -319,8 +344,8 @@ TEST_F(StageBootstrapUpdate, RefusesAnArchiveThatHoldsAnother) {
   EXPECT_EQ(failure->code, "content_mismatch");
   EXPECT_FALSE(exists(place.paths.update_manifest));
   EXPECT_TRUE(place.holds(old));
-  // What is left of it does not keep the next from being prepared.
-  EXPECT_TRUE(exists(place.paths.partial_tree));
+  // Nothing of it takes room or keeps the next from being prepared.
+  EXPECT_FALSE(exists(place.paths.partial_tree));
   const BootstrapRelease good = bootstrap_release("build-3", ending_program(0));
   publish(good);
   EXPECT_EQ(stage(), "staged");
@@ -341,6 +366,7 @@ TEST_F(StageBootstrapUpdate, EndsWhereItIsCancelledAndGoesOnFromThere) {
     }
     EXPECT_EQ(failure->code, "cancelled");
     EXPECT_FALSE(exists(place.paths.update_manifest));
+    EXPECT_FALSE(exists(place.paths.partial_tree));
   }
   expect_staged(next);
 }
@@ -359,12 +385,39 @@ TEST_F(StageBootstrapUpdate, IsCancelledAlreadyWhileItsManifestComes) {
 
 TEST_F(StageBootstrapUpdate, GoesOnAfterABrokenDownload) {
   publish(next);
-  const std::string name = digest(next.archive, "sha256") + ".build-2.tar.zst";
-  tuf.transport.on("bootstrap/" + name, testing::breaks_after(10));
-  EXPECT_TRUE(failure_of([&] { stage(); }).has_value());
+  break_off();
   EXPECT_FALSE(exists(place.paths.update_manifest));
-  tuf.transport.on("bootstrap/" + name, {});
   EXPECT_EQ(stage(), "staged");
+  EXPECT_EQ(offset(), 10u);
+  expect_staged(next);
+}
+
+TEST_F(StageBootstrapUpdate, GoesOnAfterABrokenDownloadThatHadNoRoomForTheRest) {
+  publish(next);
+  break_off();
+  {
+    const testing::Planned plan(testing::failing("fallocate", ENOSPC));
+    EXPECT_EQ(failure_of([&] { stage(); })->code, "insufficient_space");
+    EXPECT_TRUE(plan.happened());
+  }
+  EXPECT_EQ(stage(), "staged");
+  EXPECT_EQ(offset(), 10u);
+}
+
+// What an older update has left may take the room.
+TEST_F(StageBootstrapUpdate, RemovesEarlierDownloadsWhereThereIsNoRoom) {
+  publish(next);
+  const std::filesystem::path older =
+      tuf.root.write("data/native/bootstrap-downloads/bootstrap/build-1.tar.zst", old.archive);
+  for (const std::filesystem::path& folder : {place.paths.downloads, place.paths.downloads / "bootstrap"}) {
+    std::filesystem::permissions(folder, std::filesystem::perms(0700));
+  }
+  tuf.transport.on(archive_name(), [&](const auto&, auto&) { EXPECT_FALSE(exists(older)); });
+  // The first file is that of the manifest.
+  const testing::Planned plan(testing::failing("fallocate", ENOSPC, 2));
+  EXPECT_EQ(stage(), "staged");
+  EXPECT_TRUE(plan.happened());
+  EXPECT_EQ(offset(), 0u);
   expect_staged(next);
 }
 
@@ -384,18 +437,12 @@ TEST_F(StageBootstrapUpdate, BeginsAnewWhereADownloadCannotBeContinued) {
 // As in a copied folder, and on a volume that has got another number.
 TEST_F(StageBootstrapUpdate, BeginsAnewAtOnceWhereItsPartialFileHasAnotherIdentity) {
   publish(next);
-  const std::string name = "bootstrap/" + digest(next.archive, "sha256") + ".build-2.tar.zst";
-  tuf.transport.on(name, testing::breaks_after(10));
-  EXPECT_TRUE(failure_of([&] { stage(); }).has_value());
-  tuf.transport.on(name, {});
+  break_off();
   std::filesystem::rename(place.paths.downloads, place.paths.downloads.native() + ".old");
   std::filesystem::copy(place.paths.downloads.native() + ".old", place.paths.downloads,
                         std::filesystem::copy_options::recursive);
-  tuf.transport.forget();
   EXPECT_EQ(stage(), "staged");
-  for (const testing::RepositoryRequest& request : tuf.transport.requests()) {
-    EXPECT_EQ(request.offset, 0u) << request.name;
-  }
+  EXPECT_EQ(offset(), 0u);
   expect_staged(next);
 }
 
