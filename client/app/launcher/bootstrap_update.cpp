@@ -1,9 +1,12 @@
 #include "app/launcher/bootstrap_update.hpp"
 
+#include <algorithm>
+#include <array>
 #include <chrono>
 #include <cstdint>
 #include <cstdlib>
 #include <optional>
+#include <string_view>
 #include <thread>
 
 #include "app/command/console_output.hpp"
@@ -62,7 +65,11 @@ bool begins_anew_at_once(const std::string& code, const std::optional<DownloadAd
   if (code == "insufficient_space") {
     return admission && !admission->resumed;
   }
-  return false;
+  // The network was asked for nothing yet, so these tell of what is left, and every later download may fail on it.
+  constexpr std::array<std::string_view, 9> unreadable = {"file_read",     "tree_read",      "unsafe_path",
+                                                          "permissions",   "size_limit",     "invalid_json",
+                                                          "duplicate_key", "invalid_number", "depth_limit"};
+  return !admission && std::find(unreadable.begin(), unreadable.end(), code) != unreadable.end();
 }
 
 // One preparation of an update. The caller holds the lock.

@@ -30,9 +30,10 @@ namespace ravok {
 // - and as TufClient, validate_bootstrap_update, extract_snapshot and verify_snapshot_tree do.
 // - and as read_file does for the installed manifest and for the record of a failed update.
 // A failure leaves the installed bootstrap as it is, and nothing that was unpacked. What has been fetched stays, for
-// the next call to continue, unless it can never be continued. Where its files have got another identity, as in a
-// copied folder, it is fetched anew. So is an update for which there is no room, once without what was fetched of
-// others. The caller keeps a setup from beginning meanwhile, with the lock of bootstrap_lifetime.
+// the next call to continue, unless it can never be continued. Where what an earlier call has fetched cannot be read or
+// its files have got another identity, as in a copied folder, it is fetched anew. So is an update for which there is no
+// room, once without what was fetched of others. The caller keeps a setup from beginning meanwhile, with the lock of
+// bootstrap_lifetime.
 std::string stage_bootstrap_update(const std::filesystem::path& data_root, TufClient& tuf,
                                    const ProgressCallback& progress);
 

@@ -8,6 +8,7 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -167,6 +168,15 @@ class StageBootstrapUpdate : public ::testing::Test {
     EXPECT_FAILURE(stage(), "network", "Transferred a partial file");
     tuf.transport.on(archive_name(), {});
     tuf.transport.forget();
+  }
+  // The checkpoint of that download.
+  std::filesystem::path checkpoint() const {
+    for (const auto& entry : std::filesystem::directory_iterator(place.paths.downloads / "bootstrap")) {
+      if (entry.path().extension() == ".json") {
+        return entry.path();
+      }
+    }
+    return {};
   }
   // Where the only download of its archive since then began.
   std::uint64_t offset() const {
@@ -402,6 +412,65 @@ TEST_F(StageBootstrapUpdate, GoesOnAfterABrokenDownloadThatHadNoRoomForTheRest) 
   }
   EXPECT_EQ(stage(), "staged");
   EXPECT_EQ(offset(), 10u);
+}
+
+TEST_F(StageBootstrapUpdate, GoesOnAfterABrokenDownloadWhateverTheNetworkSaid) {
+  publish(next);
+  break_off();
+  for (const char* code : {"file_read", "invalid_json"}) {
+    tuf.transport.on(archive_name(), testing::fails_with_error(code, "of the network"));
+    EXPECT_FAILURE(stage(), code, "of the network");
+  }
+  tuf.transport.on(archive_name(), {});
+  tuf.transport.forget();
+  EXPECT_EQ(stage(), "staged");
+  EXPECT_EQ(offset(), 10u);
+}
+
+TEST_F(StageBootstrapUpdate, BeginsAnewWhatIsLeftOfADownloadThatCannotBeRead) {
+  publish(next);
+  const std::vector<std::pair<const char*, std::function<void(const std::filesystem::path&)>>> damages = {
+      {"no JSON", [](const auto& checkpoint) { atomic_write(checkpoint, "{\"authorization"); }},
+      {"a key twice", [](const auto& checkpoint) { atomic_write(checkpoint, R"({"a":1,"a":1})"); }},
+      {"too long", [](const auto& checkpoint) { atomic_write(checkpoint, std::string(16'385, ' ')); }},
+      {"a directory",
+       [](const auto& checkpoint) {
+         std::filesystem::remove(checkpoint);
+         std::filesystem::create_directory(checkpoint);
+       }},
+      {"a link to nothing",
+       [](const auto& checkpoint) {
+         std::filesystem::remove(checkpoint);
+         std::filesystem::create_symlink("nothing", checkpoint);
+       }},
+      {"a partial file of everybody",
+       [](const auto& checkpoint) {
+         std::filesystem::permissions(std::filesystem::path(checkpoint).replace_extension().replace_extension(),
+                                      std::filesystem::perms(0644));
+       }},
+  };
+  for (const auto& [name, damage] : damages) {
+    SCOPED_TRACE(name);
+    break_off();
+    damage(checkpoint());
+    EXPECT_EQ(stage(), "staged");
+    EXPECT_EQ(offset(), 0u);
+    expect_staged(next);
+    std::filesystem::remove(place.paths.update_manifest);
+  }
+}
+
+TEST_F(StageBootstrapUpdate, BeginsAnewWhereTheDiskDoesNotGiveACheckpointBack) {
+  publish(next);
+  bool is_begun_anew = false;
+  for (int countdown = 1; !is_begun_anew; ++countdown) {
+    break_off();
+    const testing::Planned plan(testing::failing("read", EIO, countdown));
+    const auto failure = failure_of([&] { stage(); });
+    ASSERT_TRUE(plan.happened());
+    is_begun_anew = !failure && offset() == 0;
+    std::filesystem::remove(place.paths.update_manifest);
+  }
 }
 
 // What an older update has left may take the room.
