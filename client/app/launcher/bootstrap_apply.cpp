@@ -72,9 +72,8 @@ class BootstrapApplication {
     if (is_rejected) {
       return reject(Error("bootstrap_rejected", "The update has failed before"), is_restored && moves->undo());
     }
-    if (!is_restored) {
-      return reject(Error("file_write", "Cannot restore the old bootstrap"), false);
-    }
+    // That says nothing about the update, so a later start tries again.
+    require(is_restored, "file_write", "Cannot restore the old bootstrap");
     return attempt(*moves);
   }
 

@@ -43,7 +43,8 @@ std::string stage_bootstrap_update(const std::filesystem::path& data_root, TufCl
 // old files are put back, and the update is not tried again. This process runs the old bootstrap to its end in either
 // case; the next start is the new one.
 //
-// What a crash has left of an earlier attempt is brought to an end first, to the new bootstrap or to the old one.
+// What a crash has left of an earlier attempt is brought to an end first, to the new bootstrap or to the old one. Where
+// that fails, the update goes on waiting.
 // Ends the process with exit code 0 where is_bootstrap_start_check says so. An update that cannot be applied, or not
 // now, is no failure; one that is given up is told on standard error in a line. Fails only as installed_data_root and
 // is_bootstrap_start_check do.

@@ -674,6 +674,25 @@ TEST_F(ApplyBootstrapUpdate, TriesAgainWhereAFailedAttemptBeganWithWhatAPowerCut
   expect_rejected(apply(), next, "bootstrap_rejected: The update has failed before");
 }
 
+TEST_F(ApplyBootstrapUpdate, WaitsWhereWhatAnEarlierAttemptHasLeftCannotBeTakenBack) {
+  for (const auto& [call, problem] : {std::pair("unlink", EIO), std::pair("fstatat", EMFILE)}) {
+    SCOPED_TRACE(call);
+    place.install(old);
+    place.prepare(next);
+    keep_old_files();
+    {
+      const Planned plan(failing(call, problem));
+      const BootstrapUpdateResult result = apply();
+      ASSERT_TRUE(plan.happened());
+      EXPECT_EQ(result.end, End::postponed);
+      EXPECT_EQ(described(result), "file_write: Cannot restore the old bootstrap");
+    }
+    EXPECT_TRUE(exists(place.paths.update_manifest));
+    EXPECT_FALSE(exists(place.paths.rejected));
+    expect_applied(apply(), next);
+  }
+}
+
 TEST_F(ApplyBootstrapUpdate, TriesAWayBackAgainWhereAFileCannotBeLookedAt) {
   const std::vector<std::string> moves = {"data/kept", "data/note", "more/new", bootstrap_program};
   bool is_reached = true;
