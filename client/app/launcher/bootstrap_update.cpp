@@ -22,6 +22,7 @@
 #include "platform/file/held_directory.hpp"
 #include "platform/file/managed_paths.hpp"
 #include "platform/file/native_lock.hpp"
+#include "platform/process/interrupt.hpp"
 #include "platform/snapshot/complete_install.hpp"
 #include "platform/snapshot/snapshot_archive.hpp"
 #include "platform/snapshot/snapshot_tree.hpp"
@@ -195,6 +196,8 @@ void apply_pending_bootstrap_update(const std::filesystem::path& image) {
   if (is_bootstrap_start_check()) {
     std::exit(0);
   }
+  // A trial that Ctrl+C ends would pass for a bootstrap that does not start.
+  const DeferredSignals signals;
   const BootstrapUpdateResult result = apply_bootstrap_update(installed_data_root(image), system_trial_clock());
   if (result.problem) {
     const std::string end = result.end == BootstrapUpdateEnd::rejected ? "rejected" : "not applied";

@@ -41,7 +41,7 @@ std::string stage_bootstrap_update(const std::filesystem::path& data_root, TufCl
 // or another update runs. The new files take their places one by one, and each old one is kept beside its successor
 // until the new bootstrap has been started and has ended with exit code 0 within 10 seconds. Where anything fails, the
 // old files are put back, and the update is not tried again. This process runs the old bootstrap to its end in either
-// case; the next start is the new one.
+// case; the next start is the new one. SIGINT, SIGTERM and SIGHUP come when all of that has ended.
 //
 // What a crash has left of an earlier attempt is brought to an end first, to the new bootstrap or to the old one. Where
 // that fails, the update goes on waiting.

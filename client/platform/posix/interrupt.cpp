@@ -250,6 +250,28 @@ TerminationSignals::TerminationSignals() : state_(std::make_unique<State>()) {}
 
 TerminationSignals::~TerminationSignals() = default;
 
+class DeferredSignals::State {
+ public:
+  State() {
+    sigset_t deferred;
+    sigemptyset(&deferred);
+    for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
+      sigaddset(&deferred, signal);
+    }
+    pthread_sigmask(SIG_BLOCK, &deferred, &previous_);
+  }
+  ~State() { pthread_sigmask(SIG_SETMASK, &previous_, nullptr); }
+  State(const State&) = delete;
+  State& operator=(const State&) = delete;
+
+ private:
+  sigset_t previous_{};
+};
+
+DeferredSignals::DeferredSignals() : state_(std::make_unique<State>()) {}
+
+DeferredSignals::~DeferredSignals() = default;
+
 InterruptPipe::InterruptPipe() {
   int ends[2];
   require(posix::open_pipe(ends) == 0, "process_control", "Cannot create launcher interrupt pipe");

@@ -47,6 +47,20 @@ class TerminationSignals {
   const std::unique_ptr<State> state_;
 };
 
+// Keeps SIGINT, SIGTERM and SIGHUP from the thread that makes the object, and from the programs that it starts
+// meanwhile, for as long as the object lives. One that has come by then comes at its end.
+class DeferredSignals {
+ public:
+  DeferredSignals();
+  ~DeferredSignals();
+  DeferredSignals(const DeferredSignals&) = delete;
+  DeferredSignals& operator=(const DeferredSignals&) = delete;
+
+ private:
+  class State;
+  const std::unique_ptr<State> state_;
+};
+
 // The parent's end: a pipe that a child process inherits, and through which one request is sent.
 class InterruptPipe {
  public:

@@ -191,6 +191,29 @@ TEST_F(ApplyBootstrapUpdate, SaysWhatIsWrongWithAnUpdateInALine) {
   EXPECT_TRUE(place.holds(old));
 }
 
+// What a terminal sends reaches the trial as well.
+TEST_F(ApplyBootstrapUpdate, IsNotBrokenOffByASignalAndLetsItComeAfterwards) {
+  static std::filesystem::path update;
+  static volatile std::sig_atomic_t came = 0;
+  update = place.paths.update_manifest;
+  for (const auto& [name, signal] : {std::pair("INT", SIGINT), std::pair("TERM", SIGTERM), std::pair("HUP", SIGHUP)}) {
+    SCOPED_TRACE(name);
+    const BootstrapRelease told =
+        bootstrap_release("build-2", "#!/bin/sh\nkill -" + std::string(name) + " $PPID $$\nexit 0\n");
+    place.install(old);
+    place.prepare(told);
+    came = 0;
+    const auto answer = std::signal(signal, [](int) { came = came + (access(update.c_str(), F_OK) == 0 ? 100 : 1); });
+    ::testing::internal::CaptureStderr();
+    apply_pending_bootstrap_update(place.program());
+    std::signal(signal, answer);
+    EXPECT_EQ(::testing::internal::GetCapturedStderr(), "");
+    EXPECT_TRUE(place.holds(told));
+    // Both trials have sent it, and the second time it was waiting already.
+    EXPECT_EQ(came, 1);
+  }
+}
+
 // --- What is wrong with an update ----------------------------------------------------------
 
 TEST_F(ApplyBootstrapUpdate, RefusesAStagedFileThatIsNotWhatWasSigned) {

@@ -455,6 +455,30 @@ TEST(TerminationSignals, SayWhenTheyCannotBeTaken) {
   }
 }
 
+TEST(DeferredSignals, ComeWhenTheObjectGoes) {
+  for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
+    const WithHandler usual(signal, SIG_DFL);
+    const ConsoleInterrupt interrupt(false);
+    const TerminationSignals termination;
+    {
+      const DeferredSignals deferred;
+      EXPECT_EQ(raise(signal), 0);
+      EXPECT_FALSE(interrupt.requested());
+    }
+    EXPECT_TRUE(interrupt.requested());
+  }
+}
+
+TEST(DeferredSignals, StayAwayWhereTheyWereKeptAwayBefore) {
+  const ConsoleInterrupt interrupt(false);
+  const DeferredSignals outer;
+  {
+    const DeferredSignals inner;
+    EXPECT_EQ(raise(SIGINT), 0);
+  }
+  EXPECT_FALSE(interrupt.requested());
+}
+
 TEST(StartProgram, SaysSoWhenTheSignalsOfFailedWritesCannotBeTaken) {
   sigaction_fails = true;
   EXPECT_FALSE(start_program());
