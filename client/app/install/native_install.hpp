@@ -62,10 +62,10 @@ class NativeInstaller {
  public:
   // Makes an installation out of a sealed package, or repairs one. A repair keeps the parts that prove whole, and
   // neither touches the player's data. The client must be closed. A failed install removes what it has made, and
-  // nothing that somebody else has put into the folder meanwhile; one that fails in its commit may leave a folder that a
-  // repair or another install finishes. A failed repair is recorded, and removes what it has prepared.
-  // Fails with "unsafe_path", "not_installed", "already_installed", "unsupported_schema", "busy", "ravok_running",
-  // "cancelled"; with "native_install_trust", "content_mismatch", "invalid_native_package" and the other codes of
+  // nothing that somebody else has put into the folder meanwhile; one that fails in its commit may leave a folder that
+  // a repair or another install finishes. A failed repair is recorded, and removes what it has prepared. Fails with
+  // "unsafe_path", "not_installed", "already_installed", "unsupported_schema", "busy", "ravok_running", "cancelled";
+  // with "native_install_trust", "content_mismatch", "invalid_native_package" and the other codes of
   // read_native_package; with "insufficient_space" and "file_write"; and as extract_snapshot, TufClient::initialize and
   // commit_install do.
   static NativeInstallResult install(const NativeInstallRequest& request, std::string_view seal,
