@@ -118,7 +118,7 @@ int __wrap___open_2(const char* path, int flags) {
 
 int __real___openat_2(int directory, const char* name, int flags);
 int __wrap___openat_2(int directory, const char* name, int flags) {
-  return is_failed(name_of_openat(name, flags)) ? answer() : __real___openat_2(directory, name, flags);
+  return is_failed(name_of_openat(name, flags), name) ? answer() : __real___openat_2(directory, name, flags);
 }
 
 int __real_mkdirat(int directory, const char* name, mode_t mode);

@@ -19,7 +19,7 @@ namespace ravok::testing {
 struct Plan {
   std::string_view call = {};
   int countdown = 0;           // which of the calls of that name is meant, from 1
-  std::string beginning = {};  // of the file names to which a "create" applies; empty for all
+  std::string beginning = {};  // of the names to which a "create" or an "openat" applies; empty for all
   bool fails = false;
   int problem = 0;                                // errno of the failure; 0 makes the call answer 0
   bool lasts = false;                             // whether every later one of the calls fails too
