@@ -5,6 +5,7 @@
 #include "domain/error.hpp"
 #include "domain/paths.hpp"
 #include "domain/text_rules.hpp"
+#include "platform/file/transaction_name.hpp"
 
 namespace ravok {
 namespace {
@@ -14,8 +15,6 @@ constexpr std::string_view unknown_state =
     "Unknown partial-download state was preserved; clear the disposable cache to retry";
 constexpr std::string_view partial_ending = ".partial";
 constexpr std::string_view state_ending = ".resume.json";
-constexpr std::string_view transaction_ending = ".tmp";
-constexpr std::size_t transaction_characters = 32;
 
 bool is_unsigned(const Json& value) {
   return value.is_number_unsigned() || (value.is_number_integer() && value.get<std::int64_t>() >= 0);
@@ -97,13 +96,7 @@ std::string_view partial_nonce(std::string_view partial, std::string_view target
 }
 
 bool is_record_file(std::string_view name, std::string_view record) {
-  if (!name.starts_with(record)) {
-    return false;
-  }
-  name.remove_prefix(record.size());
-  return name.empty() ||
-         (name.size() == 1 + transaction_characters + transaction_ending.size() && name.front() == '.' &&
-          name.ends_with(transaction_ending) && is_lower_hex(name.substr(1, transaction_characters)));
+  return name == record || is_transaction_name(name, record);
 }
 
 Json make_resume_state(const ResumeSubject& subject, std::uint64_t received, std::string_view prefix_sha256) {

@@ -27,9 +27,9 @@
 #include "platform/file/native_lock.hpp"
 #include "platform/file/posix_files.hpp"
 #include "platform/file/status.hpp"
+#include "platform/file/transaction_name.hpp"
 #include "platform/snapshot/snapshot_archive.hpp"
 #include "platform/snapshot/snapshot_tree.hpp"
-#include "tuf/resume_state.hpp"
 #include "tuf/tuf.hpp"
 
 namespace ravok {
@@ -344,7 +344,7 @@ class Installation {
   // A run that was ended while it wrote its marker has left one under another name, which alone is nobody's.
   void remove_begun_markers() const {
     for (const std::string& name : root_->names()) {
-      if (name != incomplete_install_marker && is_record_file(name, incomplete_install_marker)) {
+      if (is_transaction_name(name, incomplete_install_marker)) {
         root_->remove_quietly(name);
       }
     }

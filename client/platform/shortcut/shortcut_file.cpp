@@ -1,6 +1,5 @@
 #include "platform/shortcut/shortcut_file.hpp"
 
-#include <cstddef>
 #include <string_view>
 #include <utility>
 #include <vector>
@@ -9,15 +8,13 @@
 #include "domain/error.hpp"
 #include "domain/limits.hpp"
 #include "domain/paths.hpp"
-#include "domain/text_rules.hpp"
 #include "platform/file/file_operations.hpp"
 #include "platform/file/posix_files.hpp"
+#include "platform/file/transaction_name.hpp"
 #include "platform/file/tree_walk.hpp"
 
 namespace ravok {
 namespace {
-
-constexpr std::size_t random_id_characters = 32;
 
 // Whether the name is still that of the file, which is open.
 bool names_file(int folder, const std::string& name, const OpenedFile& file) {
@@ -33,14 +30,6 @@ std::optional<OpenedFile> read_named(int folder, const std::string& name) {
   } catch (const Error&) {
     return std::nullopt;
   }
-}
-
-// Whether the name is that of a transaction file of the file.
-bool is_transaction(std::string_view name, std::string_view of) {
-  constexpr std::string_view ending = ".tmp";
-  return name.size() == of.size() + 1 + random_id_characters + ending.size() && name.starts_with(of) &&
-         name[of.size()] == '.' && is_lower_hex(name.substr(of.size() + 1, random_id_characters)) &&
-         name.ends_with(ending);
 }
 
 std::vector<std::string> names_if_readable(int folder) {
@@ -86,7 +75,7 @@ ShortcutFile::Removal ShortcutFile::remove(const OpenedFile& file) const {
 bool ShortcutFile::remove_unfinished(std::string_view sha256) const {
   bool has_removed = false;
   for (const std::string& name : folder_ ? names_if_readable(folder_.get()) : std::vector<std::string>()) {
-    if (is_transaction(name, name_)) {
+    if (is_transaction_name(name, name_)) {
       const std::optional<OpenedFile> file = read_named(folder_.get(), name);
       const bool is_own = file && digest(file->bytes, "sha256") == sha256;
       has_removed = (is_own && !os::remove_at(folder_.get(), name.c_str())) || has_removed;

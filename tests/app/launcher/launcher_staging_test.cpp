@@ -809,11 +809,17 @@ class RenumberedDownloads : public LauncherStagings {
     EXPECT_TRUE(testing::same_tree(testing::tree_state(place_.paths().downloads), before));
   }
 
+  // Neither the same version nor a newer one takes it away.
+  void expect_preserved_for_any_version() {
+    expect_preserved("allocation_changed", "Prepared file was replaced or changed; reserved content was preserved");
+    place_.publish(second_);
+    expect_preserved("launcher_download_uncertain",
+                     "A partial download is not the file of its checkpoint; it was preserved");
+  }
+
   const LauncherUpdate update_;
   std::filesystem::path partial_;
 };
-
-constexpr const char* changed_message = "Prepared file was replaced or changed; reserved content was preserved";
 
 TEST_F(RenumberedDownloads, AreBegunAnew) {
   leave_partial(update_.target(), 50'000);
@@ -847,20 +853,14 @@ TEST_F(RenumberedDownloads, ArePreservedWhereTheirBytesAreOthers) {
   std::string bytes = testing::bytes_of(partial_);
   bytes[99] = static_cast<char>(bytes[99] ^ 1);
   testing::write_bytes(partial_, bytes);
-  expect_preserved("allocation_changed", changed_message);
-  place_.publish(second_);
-  expect_preserved("launcher_download_uncertain",
-                   "A partial download is not the file of its checkpoint; it was preserved");
+  expect_preserved_for_any_version();
 }
 
 TEST_F(RenumberedDownloads, ArePreservedWhereTheyAreShorterThanTheirCheckpoint) {
   leave_partial(launcher_manifest_target(), 100);
   renumber();
   std::filesystem::resize_file(partial_, 99);
-  expect_preserved("allocation_changed", changed_message);
-  place_.publish(second_);
-  expect_preserved("launcher_download_uncertain",
-                   "A partial download is not the file of its checkpoint; it was preserved");
+  expect_preserved_for_any_version();
 }
 
 TEST_F(RenumberedDownloads, OfACopiedFolderAreBegunAnewWithoutAnyByte) {

@@ -89,6 +89,17 @@ class SetupDialogTest : public ::testing::Test {
     set_product_name("Acme Games");
   }
 
+  // What the screen of an installation offers that cannot be started.
+  std::string repair_or_uninstall() const {
+    return "folder [Folder|" + data() +
+           "|Chan&ge…]\n"
+           "repair_keeps muted: Repair makes Ravok whole again, and keeps the games, saves and settings that are still "
+           "there.\n"
+           "uninstall_keeps muted: Uninstall removes Ravok and its games, and keeps saves and settings unless you say "
+           "otherwise.\n"
+           "(repair &Repair!, uninstall &Uninstall!!, close &Close)";
+  }
+
   SetupSubject installer() const {
     SetupSubject subject;
     subject.data_root = place.data();
@@ -978,16 +989,7 @@ TEST_F(SetupDialogTest, FinishesASetupThatDidNotEnd) {
   EXPECT_EQ(shown(user.dialog.screen()),
             "installed: Ravok setup did not finish\n"
             "status: Ravok setup did not finish in " +
-                data() +
-                "; run repair.\n"
-                "folder [Folder|" +
-                data() +
-                "|Chan&ge…]\n"
-                "repair_keeps muted: Repair makes Ravok whole again, and keeps the games, saves and settings that are "
-                "still there.\n"
-                "uninstall_keeps muted: Uninstall removes Ravok and its games, and keeps saves and settings unless "
-                "you say otherwise.\n"
-                "(repair &Repair!, uninstall &Uninstall!!, close &Close)");
+                data() + "; run repair.\n" + repair_or_uninstall());
   expect_no_other_action(user);
   EXPECT_EQ(user.press("repair").heading, "Ravok is repaired");
   EXPECT_TRUE(NativeInstaller::status(place.data()).installed);
@@ -1001,16 +1003,7 @@ TEST_F(SetupDialogTest, RepairsAndRemovesAnInstallationWhoseStatusCannotBeTold) 
   EXPECT_EQ(shown(user.dialog.screen()),
             "installed: Ravok is damaged\n"
             "status warning: Setup status record is malformed: " +
-                record +
-                ".\n"
-                "folder [Folder|" +
-                data() +
-                "|Chan&ge…]\n"
-                "repair_keeps muted: Repair makes Ravok whole again, and keeps the games, saves and settings that are "
-                "still there.\n"
-                "uninstall_keeps muted: Uninstall removes Ravok and its games, and keeps saves and settings unless "
-                "you say otherwise.\n"
-                "(repair &Repair!, uninstall &Uninstall!!, close &Close)");
+                record + ".\n" + repair_or_uninstall());
   expect_no_other_action(user);
   EXPECT_EQ(user.press("uninstall").id, "remove");
   EXPECT_EQ(user.press("back").id, "installed");
