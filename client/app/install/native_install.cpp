@@ -415,12 +415,6 @@ class Installation {
   std::unique_ptr<NativeFileLock> bootstrap_lock_;
 };
 
-DataPaths installed_paths(const std::filesystem::path& data_root) {
-  DataPaths paths(data_folder(data_root));
-  require(!is_missing(paths.installation_record), "not_installed", not_installed_in(paths.root));
-  return paths;
-}
-
 template <typename Archive>
 void seed_store(const std::filesystem::path& root, std::string_view manifest_json, const Archive& archive,
                 const ProgressCallback& progress) {
@@ -460,23 +454,6 @@ void NativeInstaller::seed_launcher(const std::filesystem::path& root, std::stri
 void NativeInstaller::seed_launcher(const std::filesystem::path& root, std::string_view manifest_json,
                                     const FileRange& archive, const ProgressCallback& progress) {
   seed_store(root, manifest_json, archive, progress);
-}
-
-std::filesystem::path NativeInstaller::create_shortcut(const std::filesystem::path& data_root, const std::string& game,
-                                                       const std::string& name, const std::filesystem::path& path) {
-  const DataPaths paths = installed_paths(data_root);
-  std::string display_name = name.empty() ? game : name;
-  if (display_name.empty()) {
-    display_name = product_name();
-  }
-  std::filesystem::path place = path.empty() ? native_menu_entry(paths.root, game, display_name)
-                                             : std::filesystem::absolute(path).lexically_normal();
-  create_owned_native_shortcut({shortcut_bootstrap(paths), paths.root, game, display_name}, place);
-  return place;
-}
-
-ShortcutRemoval NativeInstaller::remove_shortcuts(const std::filesystem::path& data_root) {
-  return remove_owned_native_shortcuts(installed_paths(data_root).root);
 }
 
 Json NativeInstallResult::to_json() const {
