@@ -108,7 +108,7 @@ class SetupTrial {
   void judge_ending(const SetupEnding& ending, const std::string& state, const Files& left) const;
   void judge_success(const std::string& state) const;
   void judge_failure(const SetupEnding& ending, const std::string& state, const Files& left) const;
-  void judge_next_runs(const std::string& state, const Files& left) const;
+  void judge_next_runs(const SetupEnding& ending, const std::string& state, const Files& left) const;
   void expect_success(const std::string& name, const Files& left, const std::function<void()>& run) const;
 
   const SetupOperation operation_;

@@ -298,13 +298,14 @@ class Installation {
     for (const std::filesystem::path& part : parts) {
       is_clear = root_->remove_tree_quietly(name_of(part)) && is_clear;
     }
-    remove_begun_markers();
+    is_clear = remove_begun_markers() && is_clear;
     const bool may_be_running = !bootstrap_lock_;
-    discard_bootstrap_lock();
+    is_clear = discard_bootstrap_lock() && is_clear;
     // What marks the folder goes after all that would be nobody's without it.
     root_->flush();
-    is_clear = discard_native(may_be_running) && is_clear;
-    if (is_clear) {
+    if (!is_clear) {
+      empty_native(may_be_running);
+    } else if (discard_native(may_be_running)) {
       root_->flush();
       remove_setup_marker(*root_);
       // So that a power cut does not bring it back after the failure was told.
@@ -315,17 +316,19 @@ class Installation {
   }
 
   // The lock is held until its file is gone, since without its file a lock excludes nobody. A client that is running
-  // holds it, and keeps it.
-  void discard_bootstrap_lock() {
+  // holds it, and keeps it. Returns whether the file is gone or such a client's.
+  bool discard_bootstrap_lock() {
+    const std::string lock = name_of(paths_.bootstrap_lock);
     if (!bootstrap_lock_) {
       try {
         bootstrap_lock_ = std::make_unique<NativeFileLock>(paths_.bootstrap_lock, false, NativeLockSharing::none,
                                                            LockMode::exclusive);
-      } catch (const Error&) {
-        return;
+      } catch (const Error& error) {
+        return error.code == "busy" || !root_->type_of(lock);
       }
     }
-    root_->remove_quietly(name_of(paths_.bootstrap_lock));
+    root_->remove_quietly(lock);
+    return !root_->type_of(lock);
   }
 
   // Returns whether nothing is left of it.
@@ -341,13 +344,26 @@ class Installation {
     return !root_->type_of(native);
   }
 
-  // A run that was ended while it wrote its marker has left one under another name, which alone is nobody's.
-  void remove_begun_markers() const {
+  // Leaves the folder alone, by which an install knows a data folder.
+  void empty_native(bool may_be_running) const {
+    if (native_ && !may_be_running) {
+      for (const std::string& name : native_->names()) {
+        native_->remove_tree_quietly(name);
+      }
+    }
+  }
+
+  // A run that was ended while it wrote its marker has left one under another name, which alone is nobody's. Returns
+  // whether none is left.
+  bool remove_begun_markers() const {
+    bool is_clear = true;
     for (const std::string& name : root_->names()) {
       if (is_transaction_name(name, incomplete_install_marker)) {
         root_->remove_quietly(name);
+        is_clear = !root_->type_of(name) && is_clear;
       }
     }
+    return is_clear;
   }
 
   // A shortcut that cannot be made is no reason to take the installation back.

@@ -8,6 +8,7 @@
 #include <functional>
 #include <memory>
 #include <optional>
+#include <set>
 #include <stdexcept>
 #include <string>
 #include <tuple>
@@ -760,6 +761,57 @@ TEST_F(NativeInstall, CancelledLeavesNothingOfAMarkerWhoseWriteWasEnded) {
     EXPECT_EQ(place.read(".ravok-setup-incomplete.aa.tmp"), "another's") << at;
   }
   EXPECT_FALSE(place.state().contains(".native-bootstrap.lock"));
+}
+
+// Whatever could not be removed once, the next install takes the folder.
+TEST_F(NativeInstall, CancelledLeavesAFolderThatIsTakenAgainWhateverStays) {
+  enum class Start { missing, missing_but_shared, empty, begun };
+  const auto begun_marker = [](char c) { return ".ravok-setup-incomplete." + std::string(32, c) + ".tmp"; };
+  for (const Start start : {Start::missing, Start::missing_but_shared, Start::empty, Start::begun}) {
+    std::set<std::string> stayed;
+    bool happened = true;
+    for (int count = 1; happened; ++count) {
+      std::filesystem::remove_all(data);
+      if (start == Start::empty || start == Start::begun) {
+        std::filesystem::create_directory(data);
+      }
+      if (start == Start::begun) {
+        place.write("native/staging/bootstrap/x", "");
+        place.write(begun_marker('a'), "{");
+        place.write(begun_marker('b'), "{");
+      }
+      place.callbacks.cancelled = [&] {
+        const bool is_prepared = std::filesystem::exists(paths.staging / "trust/root.json");
+        if (is_prepared && start == Start::missing_but_shared) {
+          place.write("launcher/x", "");
+        }
+        return is_prepared;
+      };
+      {
+        const Planned plan(testing::failing("unlink", EIO, count));
+        EXPECT_TRUE(failure_of([&] { place.install(); }).has_value());
+        happened = plan.happened();
+      }
+      for (const std::string& name : {name_of(paths.bootstrap_lock), begun_marker('a'), begun_marker('b')}) {
+        if (std::filesystem::exists(data / name)) {
+          stayed.insert(name);
+          EXPECT_FALSE(std::filesystem::exists(paths.staging)) << count;
+        }
+      }
+      place.callbacks = {};
+      EXPECT_NO_THROW(place.install()) << count;
+      EXPECT_TRUE(NativeInstaller::status(data).installed) << count;
+    }
+    EXPECT_EQ(stayed.size(), start == Start::begun ? 3u : 1u);
+  }
+}
+
+TEST_F(NativeInstall, RefusedForALockThatIsNoneKeepsWhatMarksTheFolder) {
+  private_directory(paths.native);
+  place.write(".native-bootstrap.lock", "of another");
+  const TreeState before = place.state();
+  EXPECT_FAILURE(place.install(), "lock_failed", "Native ownership requires an ordinary empty private file");
+  EXPECT_TRUE(same_tree(place.state(), before));
 }
 
 // Its programs may lie there, though no record says so.
