@@ -155,8 +155,10 @@ class Installation {
     native_->remove_tree_quietly(name_of(paths_.staging));
     const HeldDirectory staging = native_->private_directory(name_of(paths_.staging));
     const InstallFolders folders = {*root_, *native_, staging};
+    is_preparing_ = true;
     prepare(plan);
     require_clear_way(folders, paths_, package_, plan);
+    is_preparing_ = false;
     commit_install(folders, paths_, package_, plan);
     if (request_.repair) {
       forget_failed_starts();
@@ -259,9 +261,10 @@ class Installation {
     }
   }
 
-  // Removes what was prepared, unless the commit has begun, which may have moved the former trees there.
+  // Removes what was prepared, unless a commit has begun, which may have moved the former trees there: that of this
+  // run, or an interrupted one whose staging this run has not replaced.
   void discard_preparations() const {
-    if (bootstrap_lock_ && !root_->type_of(name_of(paths_.incomplete_marker))) {
+    if (is_preparing_ || (bootstrap_lock_ && !root_->type_of(name_of(paths_.incomplete_marker)))) {
       native_->remove_tree_quietly(name_of(paths_.staging));
     }
   }
@@ -425,6 +428,7 @@ class Installation {
   const Cancellation cancellation_;
   const DataPaths paths_;
   bool root_was_missing_ = false;
+  bool is_preparing_ = false;            // whether "staging" is this run's, which has moved nothing there
   std::optional<HeldDirectory> root_;    // since it was made private
   std::optional<HeldDirectory> native_;  // the same
   std::unique_ptr<NativeFileLock> setup_lock_;

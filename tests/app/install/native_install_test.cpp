@@ -977,6 +977,27 @@ TEST_F(NativeInstall, ThatFailsAsARepairKeepsNothingOfWhatItHasPrepared) {
   expect_status("repair", "failed", no_archive);
 }
 
+TEST_F(NativeInstall, ThatFailsAsARepairOfAnInterruptedSetupKeepsNothingOfWhatItHasPrepared) {
+  place.install();
+  damage_all();
+  write_setup_marker(HeldDirectory::open_private(paths.root));
+  spoil_launcher_archive();
+  EXPECT_FAILURE(place.repair(), "archive", no_archive);
+  EXPECT_FALSE(std::filesystem::exists(paths.staging));
+  EXPECT_TRUE(is_there(paths.incomplete_marker));
+  expect_status("repair", "failed", no_archive);
+}
+
+// Until it makes its own, the former trees of the interrupted commit may lie there.
+TEST_F(NativeInstall, RefusedAsARepairOfAnInterruptedSetupKeepsTheFormerTrees) {
+  place.install();
+  write_setup_marker(HeldDirectory::open_private(paths.root));
+  place.write("native/staging/old-trust/root.json", "old");
+  const FileLock game(paths.launcher / "leases/versions/game", false, LockMode::shared);
+  EXPECT_FAILURE(place.repair(), "ravok_running", running_words);
+  EXPECT_EQ(place.read("native/staging/old-trust/root.json"), "old");
+}
+
 TEST_F(NativeInstall, ThatFailsInTheCommitOfARepairKeepsTheFormerTrees) {
   place.install();
   damage_all();
