@@ -289,7 +289,8 @@ class Installation {
     if (native_) {
       native_->remove_tree_quietly(name_of(paths_.staging));
     }
-    if (installation_state(paths_) == InstallationState::none) {
+    // The state is that of the path. A folder that was moved away meanwhile keeps what marks it.
+    if (installation_state(paths_) == InstallationState::none && root_->is_in_place()) {
       discard_folder({});
     }
   }

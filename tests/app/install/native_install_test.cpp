@@ -740,6 +740,33 @@ TEST_F(NativeInstall, ThatFailsInItsCommitKeepsWhatThePlayerHasPutThereMeanwhile
   EXPECT_GE(taken_back, 5);
 }
 
+// Its path tells nothing of it any more, so its marker must.
+TEST_F(NativeInstall, ThatFailsForAFolderMovedInItsCommitKeepsItsMarker) {
+  const std::filesystem::path aside = place.root() / "aside";
+  int kept = 0;
+  for (const char* call : {"create", "rename", "fsync"}) {
+    bool happened = true;
+    for (int count = 1; happened; ++count) {
+      std::filesystem::remove_all(data);
+      std::filesystem::remove_all(aside);
+      place.write_player_data();
+      bool failed = false;
+      {
+        const Planned plan(meanwhile(
+            call, [&] { std::filesystem::rename(data, aside); }, count));
+        failed = failure_of([&] { place.install(); }).has_value();
+        happened = plan.happened();
+      }
+      const DataPaths moved(aside);
+      if (failed && is_there(moved.launcher) && !is_there(moved.installation_record)) {
+        ++kept;
+        EXPECT_TRUE(is_there(moved.incomplete_marker)) << call << count;
+      }
+    }
+  }
+  EXPECT_GE(kept, 3);
+}
+
 TEST_F(NativeInstall, CancelledLeavesNothingOfAMarkerWhoseWriteWasEnded) {
   cancel_at(0);
   place.install();
