@@ -18,6 +18,7 @@
 
 #include "domain/crypto.hpp"
 #include "fault/fault_runner.hpp"
+#include "platform/file/posix_files.hpp"
 #include "platform/shortcut/linux_shortcuts.hpp"
 #include "support/process.hpp"
 #include "support/shortcut_place.hpp"
@@ -214,6 +215,31 @@ TEST_F(ShortcutsFault, ANewShortcutIsMadeAndRecordedOrIsNeither) {
     judge_next_runs();
   };
   try_all(plan);
+}
+
+// Any of the levels may have been made by a run that ended before that level's name was durable.
+TEST_F(ShortcutsFault, ADefaultFolderIsFlushedWithAllItsLevelsBeforeItHoldsAnything) {
+  const std::filesystem::path share = place_.home() / ".local/share";
+  const std::filesystem::path entry = share / "applications/entry.desktop";
+  private_directory(share);
+  ProgramRun run = sample({"create", place_.data(), place_.bootstrap(), entry});
+  run.environment = {{"HOME", place_.home()}};
+  for (const bool is_missing : {true, false}) {
+    const FaultRun made = run_with_fault(run, place_.root().path());
+    ASSERT_EQ(made.result.exit_code, 0) << made.result.errors;
+    const auto begin = std::find_if(made.calls.begin(), made.calls.end(), [&](const FaultCall& call) {
+      return call.path.native().starts_with(entry.native() + ".");
+    });
+    ASSERT_NE(begin, made.calls.end());
+    const auto is_flushed = [&](const std::filesystem::path& folder) {
+      return std::any_of(made.calls.begin(), begin,
+                         [&](const FaultCall& call) { return call.name == "fsync" && call.path == folder; });
+    };
+    for (const std::filesystem::path& parent : {share, share.parent_path(), place_.home()}) {
+      EXPECT_TRUE(is_flushed(parent)) << parent << is_missing;
+    }
+    std::filesystem::remove(entry);
+  }
 }
 
 // The ledger was removed with its data folder, and the file is exactly what would be written.

@@ -65,12 +65,12 @@ void provide_folder(const std::filesystem::path& folder) {
     require(folder == native_menu_directory(), "shortcut_path",
             "Custom shortcut destinations require an existing parent directory");
     private_directory(folder);
-    return;
+  } else {
+    require_plain_way(folder);
   }
-  require_plain_way(folder);
   if (is_menu_directory(folder)) {
-    // Who made it may have ended before its name was durable.
-    sync_directory(folder.parent_path());
+    // Who made it, or a level above it, may have ended before that name was durable.
+    posix_files::flush_private_levels(folder);
   }
 }
 

@@ -11,6 +11,7 @@
 #include <sys/stat.h>
 
 #include "domain/crypto.hpp"
+#include "platform/file/posix_files.hpp"
 #include "platform/os.hpp"
 #include "platform/shortcut/linux_shortcuts.hpp"
 #include "platform/shortcut/shortcuts.hpp"
@@ -174,10 +175,10 @@ TEST_F(ShortcutFault, AShortcutOfAFormerLedgerIsFlushedBeforeItIsTold) {
 
 TEST_F(ShortcutFault, ADefaultFolderThatIsThereIsFlushedBeforeItHoldsAnything) {
   const std::filesystem::path menu = native_menu_directory();
-  std::filesystem::create_directories(menu);
+  private_directory(menu);
   const Planned set(failing("fsync", EIO));
   EXPECT_FAILURE(create_native_shortcut(place_.shortcut(), menu / "entry.desktop"), "file_sync",
-                 "Could not durably synchronize directory");
+                 "Cannot synchronize Linux directory ancestry");
   EXPECT_TRUE(set.happened());
   EXPECT_TRUE(std::filesystem::is_empty(menu));
 }

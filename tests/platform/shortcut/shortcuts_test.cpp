@@ -187,6 +187,21 @@ TEST_F(Shortcuts, LeaveAnExistingDefaultFolderItsMode) {
   EXPECT_EQ(std::filesystem::status(native_menu_directory()).permissions(), std::filesystem::perms(0755));
 }
 
+// Its parent may belong to somebody else, who lets others pass only.
+TEST_F(Shortcuts, TakeAnExistingDefaultFolderWhoseParentCannotBeRead) {
+  const std::filesystem::path share = place_.home() / "share";
+  std::filesystem::create_directories(share / "applications");
+  const testing::OrdinaryUser user(place_.root());
+  const WithEnvironment data_home("XDG_DATA_HOME", share.native());
+  const testing::WithMode unreadable(share, 0311);
+  for (const mode_t mode : {0755u, 0700u}) {
+    const std::filesystem::path path = native_menu_directory() / (std::to_string(mode) + ".desktop");
+    ASSERT_EQ(chmod(native_menu_directory().c_str(), mode), 0);
+    EXPECT_NO_THROW(create_native_shortcut(place_.shortcut(), path)) << mode;
+    EXPECT_TRUE(std::filesystem::exists(path)) << mode;
+  }
+}
+
 TEST_F(Shortcuts, MakeNoOtherFolder) {
   EXPECT_FAILURE(create_native_shortcut(place_.shortcut(), place_.home() / "missing/a.desktop"), "shortcut_path",
                  "Custom shortcut destinations require an existing parent directory");
