@@ -74,12 +74,33 @@ void provide_folder(const std::filesystem::path& folder) {
   }
 }
 
-// Makes the name of a file durable that is there already, since who made it may have ended before that. A folder that
-// is not reached without a link holds none of the client's.
-void flush_name(const ShortcutFile& place) {
-  if (place.has_folder()) {
-    place.flush_folder();
+// Folders of shortcuts whose names are to be made durable, each held once. One that is reached through a link is left
+// out, since it holds none of the client's.
+class ShortcutFolders {
+ public:
+  void add(ShortcutFile place) {
+    if (place.has_folder() && std::none_of(folders_.begin(), folders_.end(),
+                                           [&](const ShortcutFile& each) { return each.shares_folder(place); })) {
+      folders_.push_back(std::move(place));
+    }
   }
+
+  // Fails with "file_sync".
+  void flush() const {
+    for (const ShortcutFile& folder : folders_) {
+      folder.flush_folder();
+    }
+  }
+
+ private:
+  std::vector<ShortcutFile> folders_;
+};
+
+// Makes the name of a file durable that is there already, since who made it may have ended before that.
+void flush_name(ShortcutFile place) {
+  ShortcutFolders folder;
+  folder.add(std::move(place));
+  folder.flush();
 }
 
 NewFile prove_native_shortcut(const DesktopShortcut& shortcut, const std::filesystem::path& path, Taken taken) {
@@ -169,11 +190,7 @@ class Remover {
   }
 
   // Makes the removals durable. Fails with "file_sync".
-  void flush() const {
-    for (const ShortcutFile& folder : folders_) {
-      folder.flush_folder();
-    }
-  }
+  void flush() const { folders_.flush(); }
 
   // The rows of shortcuts that are the client's own and could not be removed.
   const Rows& kept() const { return kept_; }
@@ -186,9 +203,7 @@ class Remover {
     const bool was_unfinished = place.remove_unfinished(row.sha256);
     if (is_missing(row.path)) {
       // An earlier run may have removed it and ended before the flush.
-      if (place.has_folder()) {
-        keep_folder(std::move(place));
-      }
+      folders_.add(std::move(place));
       return;
     }
     const std::optional<OpenedFile> file = place.read();
@@ -202,21 +217,14 @@ class Remover {
       kept_.push_back(row);
     }
     if (outcome == ShortcutFile::Removal::removed || was_unfinished) {
-      keep_folder(std::move(place));
-    }
-  }
-
-  void keep_folder(ShortcutFile place) {
-    if (std::none_of(folders_.begin(), folders_.end(),
-                     [&](const ShortcutFile& each) { return each.shares_folder(place); })) {
-      folders_.push_back(std::move(place));
+      folders_.add(std::move(place));
     }
   }
 
   std::vector<std::filesystem::path> removed_;
   std::vector<std::filesystem::path> changed_;
   Rows kept_;
-  std::vector<ShortcutFile> folders_;
+  ShortcutFolders folders_;
 };
 
 // Follows links. Fails with "permissions" or "file_system" for what cannot be looked at, which may hold a ledger.
@@ -270,9 +278,9 @@ Json create_owned_native_shortcut(const DesktopShortcut& shortcut, const std::fi
     return Json({{"schema_version", 1}, {"created", created}, {"path", path_utf8(target)}, {"game_id", game}});
   };
   if (row != rows.end()) {
-    const ShortcutFile place(target);
+    ShortcutFile place(target);
     if (is_unchanged(place.read(), *row)) {
-      flush_name(place);
+      flush_name(std::move(place));
       return answer(false, row->game);
     }
   }
@@ -324,11 +332,12 @@ std::vector<std::filesystem::path> restore_owned_native_shortcuts(const std::fil
   const FileLock lock = shortcut_ledger::lock(data_root);
   Rows rows = shortcut_ledger::read(data_root);
   std::vector<std::filesystem::path> made;
+  ShortcutFolders found;
   for (std::size_t i = 0; i < rows.size(); ++i) {
     if (!is_missing(rows[i].path)) {
-      const ShortcutFile place(rows[i].path);
+      ShortcutFile place(rows[i].path);
       if (is_unchanged(place.read(), rows[i])) {
-        flush_name(place);
+        found.add(std::move(place));
       }
       continue;
     }
@@ -344,6 +353,8 @@ std::vector<std::filesystem::path> restore_owned_native_shortcuts(const std::fil
     made.push_back(file.path);
   }
   shortcut_ledger::write(data_root, rows);
+  // Last, so that a folder that cannot be flushed keeps no missing shortcut from being made.
+  found.flush();
   return made;
 }
 

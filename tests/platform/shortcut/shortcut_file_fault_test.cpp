@@ -297,6 +297,8 @@ class ShortcutRemovalFault : public ShortcutFault {
     }
   }
 
+  Paths restore() const { return restore_owned_native_shortcuts(place_.data(), place_.bootstrap()); }
+
   // Returns the number of the last such call before the first `next` in an undisturbed removal.
   int last_before(const std::string& call, const std::string& next) {
     std::vector<std::string> order;
@@ -384,14 +386,29 @@ TEST_F(ShortcutRemovalFault, AReleaseTellsOfWhatCannotBeRemovedAndKeepsItsRow) {
 // --- Restoring ---------------------------------------------------------------------------------
 
 TEST_F(ShortcutRemovalFault, ARestoringFlushesWhatIsThere) {
-  const auto restore = [&] { return restore_owned_native_shortcuts(place_.data(), place_.bootstrap()); };
   {
-    const Planned set(failing("fsync", EIO));
+    // Those of the ledger come first: its file's, and its folder's.
+    const Planned set(failing("fsync", EIO, 3));
     EXPECT_FAILURE(restore(), "file_sync", "Could not durably synchronize directory");
     EXPECT_TRUE(set.happened());
   }
   EXPECT_EQ(place_.read(entry()), text_);
   EXPECT_TRUE(restore().empty());
+}
+
+TEST_F(ShortcutRemovalFault, ARestoringMakesWhatIsMissingAlsoWhereWhatIsThereCannotBeFlushed) {
+  const std::filesystem::path missing = place_.home() / "missing.desktop";
+  create_owned_native_shortcut(place_.shortcut(), missing);
+  bool happened = true;
+  for (int count = 1; happened; ++count) {
+    std::filesystem::remove(missing);
+    const Planned set(failing("fsync", EIO, count));
+    const bool failed = testing::failure_of([&] { restore(); }).has_value();
+    happened = set.happened();
+    EXPECT_EQ(failed, happened) << count;
+    // The first two are its own: its file's, and its folder's.
+    EXPECT_EQ(std::filesystem::exists(missing), count > 2) << count;
+  }
 }
 
 TEST_F(ShortcutRemovalFault, ARestoringForAnotherBootstrapIsRecordedBeforeTheFileIsThere) {
