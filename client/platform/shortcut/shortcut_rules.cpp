@@ -4,6 +4,7 @@
 #include <optional>
 #include <utility>
 
+#include "domain/crypto.hpp"
 #include "domain/error.hpp"
 #include "domain/json.hpp"
 #include "domain/limits.hpp"
@@ -28,7 +29,12 @@ std::optional<Found> find(const std::filesystem::path& path, const std::string& 
   if (is_missing(path)) {
     return Found::nothing;
   }
-  const std::optional<OpenedFile> file = taken == Taken::refused ? std::nullopt : ShortcutFile(path).read();
+  const ShortcutFile place(path);
+  std::optional<OpenedFile> file = taken == Taken::refused ? std::nullopt : place.read();
+  // A making that was ended between its last two steps has left the file with the name of its transaction, too.
+  if (file && file->bytes == text && place.remove_unfinished(digest(text, "sha256"))) {
+    file = place.read();
+  }
   if (file && is_same(*file, text)) {
     return Found::same;
   }

@@ -54,8 +54,10 @@ struct FormWords {
 
 // What may have the name of a new shortcut already. Anything else is preserved, and the request is refused.
 enum class Taken {
-  refused,   // nothing
-  adopted,   // a file that is already as it would be written: a regular one of this user, with one name and these bytes
+  refused,  // nothing
+  // A file that is already as it would be written: a regular one of this user, with these bytes and no other name than
+  // that of the making that was ended, which is removed.
+  adopted,
   replaced,  // that, or any other that can be set aside: a regular one of at most 65,536 bytes that can be read
 };
 

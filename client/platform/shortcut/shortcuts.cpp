@@ -138,11 +138,25 @@ void write_if_possible(const std::filesystem::path& root, const Rows& rows) {
   }
 }
 
+// Removes what a making that was ended has left of the file that the row tells of. The removal lasts before the row is
+// replaced, after which nothing would tell of it.
+void forget(const OwnedShortcut& row) {
+  ShortcutFile place(row.path);
+  if (place.remove_unfinished(row.sha256)) {
+    place.flush_folder();
+  }
+}
+
 // Writes the ledger before the file, so that the ledger names every file even if the process ends in between. The next
 // creation or restoring makes the file of a row that has none.
 void put_recorded(const std::filesystem::path& root, const Rows& before, const Rows& after,
                   const DesktopShortcut& shortcut, const NewFile& file) {
   try {
+    for (const OwnedShortcut& row : before) {
+      if (row.path == file.path) {
+        forget(row);
+      }
+    }
     shortcut_ledger::write(root, after);
     put_in_place(shortcut, file);
   } catch (const Error&) {

@@ -411,6 +411,20 @@ TEST_F(ShortcutRemovalFault, ARestoringMakesWhatIsMissingAlsoWhereWhatIsThereCan
   }
 }
 
+TEST_F(ShortcutRemovalFault, WhatAMakingHasLeftIsGoneForGoodBeforeItsRowIsReplaced) {
+  std::filesystem::rename(entry(), entry().native() + "." + std::string(32, '1') + ".tmp");
+  DesktopShortcut moved = place_.shortcut();
+  moved.bootstrap = place_.write(place_.data() / "new/bin/ravok-bootstrap", "");
+  {
+    const Planned set(failing("fsync", EIO));
+    EXPECT_FAILURE(restore_owned_native_shortcuts(place_.data(), moved.bootstrap), "file_sync",
+                   "Could not durably synchronize directory");
+    EXPECT_EQ(set.count("link"), 0);
+  }
+  EXPECT_TRUE(names().empty());
+  EXPECT_EQ(ledger(), recorded());
+}
+
 TEST_F(ShortcutRemovalFault, ARestoringForAnotherBootstrapIsRecordedBeforeTheFileIsThere) {
   DesktopShortcut moved = place_.shortcut();
   moved.bootstrap = place_.write(place_.data() / "new/bin/ravok-bootstrap", "");

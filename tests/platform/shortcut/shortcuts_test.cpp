@@ -382,6 +382,16 @@ TEST_F(Shortcuts, OutliveTheirDataFolderAndBelongToItsSuccessor) {
   EXPECT_EQ(remove().removed, (std::vector<std::filesystem::path>{entry()}));
 }
 
+// Whoever made it was ended before it had taken the name of its transaction away.
+TEST_F(Shortcuts, AreAdoptedWithTheNameOfTheirTransaction) {
+  create(entry());
+  std::filesystem::create_hard_link(entry(), entry().native() + "." + std::string(32, '1') + ".tmp");
+  std::filesystem::remove_all(place_.data() / "native");
+  EXPECT_EQ(create(entry()).at("created"), false);
+  EXPECT_EQ(on_desktop(), (std::vector<std::string>{"entry.desktop"}));
+  EXPECT_EQ(remove().removed, (std::vector<std::filesystem::path>{entry()}));
+}
+
 TEST_F(Shortcuts, ThatAreAsTheyWouldBeWrittenReplaceAStaleDigestUntouched) {
   place_.write(entry(), text());
   const struct stat made = status(entry());
@@ -961,6 +971,23 @@ TEST_F(Shortcuts, AreRestoredForTheBootstrapAsItIsNow) {
   EXPECT_NE(place_.read(entry()).find(bootstrap.native()), std::string::npos);
   EXPECT_EQ(rows().at(0).sha256, digest(place_.read(entry()), "sha256"));
   EXPECT_EQ(remove().removed, (std::vector<std::filesystem::path>{entry()}));
+}
+
+// Only the former row tells what is the client's own of it.
+TEST_F(Shortcuts, AreMadeWithAnotherTextWithoutWhatAFormerMakingHasLeft) {
+  const std::string ending = "." + std::string(32, '1') + ".tmp";
+  const std::filesystem::path bootstrap = place_.write(place_.data() / "new/bin/ravok-bootstrap", "");
+  DesktopShortcut moved = place_.shortcut();
+  moved.bootstrap = bootstrap;
+  const std::vector<std::function<void()>> makings = {[&] { restore_owned_native_shortcuts(place_.data(), bootstrap); },
+                                                      [&] { create_owned_native_shortcut(moved, entry()); }};
+  for (const auto& make : makings) {
+    create(entry());
+    std::filesystem::rename(entry(), entry().native() + ending);
+    make();
+    EXPECT_EQ(on_desktop(), (std::vector<std::string>{"entry.desktop"}));
+    EXPECT_EQ(remove().removed, (std::vector<std::filesystem::path>{entry()}));
+  }
 }
 
 TEST_F(Shortcuts, ThatTheUserChangedAreNotRestoredAndKeepTheirRow) {
