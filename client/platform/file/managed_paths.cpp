@@ -73,13 +73,16 @@ std::filesystem::path safe_join(const std::filesystem::path& root, std::string_v
   return joined;
 }
 
-bool is_there(const std::filesystem::path& path) {
-  const auto status = link_status_of(path);
-  const Problem& problem = status.problem();
+void require_answer(const Problem& problem, const std::filesystem::path& path) {
   if (problem && !(problem == Cause::missing) && !(problem == Cause::not_a_directory)) {
     fail(problem == Cause::denied || problem == Cause::not_permitted ? "permissions" : "file_system",
          "Cannot look at " + path_utf8(path) + ": " + problem_text(problem));
   }
+}
+
+bool is_there(const std::filesystem::path& path) {
+  const auto status = link_status_of(path);
+  require_answer(status.problem(), path);
   return status.has_value();
 }
 

@@ -6,6 +6,8 @@
 #include <filesystem>
 #include <string_view>
 
+#include "platform/file/problem.hpp"
+
 namespace ravok {
 
 // Returns `root` joined with a relative path. Accepts only a path that validate_relative_path accepts and
@@ -13,8 +15,12 @@ namespace ravok {
 // looked at. Fails with "unsafe_path". Others may change the tree after the check.
 std::filesystem::path safe_join(const std::filesystem::path& root, std::string_view relative, bool portable);
 
-// Returns whether the path names anything; a link at its end is not followed. Fails with "permissions" in a folder that
-// this user may not look into, and with "file_system" when the system cannot tell for another reason.
+// Accepts the outcome of a look at a path that tells whether it names anything: no problem, or one that says that
+// nothing is there. Fails with "permissions" in a folder that this user may not look into, and with "file_system" when
+// the system cannot tell for another reason.
+void require_answer(const Problem& problem, const std::filesystem::path& path);
+
+// Returns whether the path names anything; a link at its end is not followed. Fails as require_answer does.
 bool is_there(const std::filesystem::path& path);
 
 // Returns the path made absolute, with the links in it followed that only the system can have

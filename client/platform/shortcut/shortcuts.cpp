@@ -12,6 +12,7 @@
 #include "domain/limits.hpp"
 #include "domain/paths.hpp"
 #include "platform/file/files.hpp"
+#include "platform/file/managed_paths.hpp"
 #include "platform/file/native_lock.hpp"
 #include "platform/file/path_keys.hpp"
 #include "platform/file/posix_files.hpp"
@@ -245,10 +246,10 @@ class Remover {
 bool has_ledger_folder(const std::filesystem::path& root) {
   const std::filesystem::path folder = DataPaths(root).native;
   const Result<Status> status = target_status_of(folder);
-  const Problem& problem = status.problem();
-  require(!problem || problem == Cause::missing || problem == Cause::not_a_directory || problem == Cause::is_link,
-          problem == Cause::denied || problem == Cause::not_permitted ? "permissions" : "file_system",
-          "Cannot look at " + path_utf8(folder) + ": " + problem_text(problem));
+  // Links in a circle lead to nothing.
+  if (!(status.problem() == Cause::is_link)) {
+    require_answer(status.problem(), folder);
+  }
   return status && is_directory(*status);
 }
 
