@@ -28,6 +28,7 @@
 #include "platform/file/files.hpp"
 #include "platform/file/held_directory.hpp"
 #include "platform/file/managed_paths.hpp"
+#include "platform/file/transaction_name.hpp"
 #include "platform/file/tree.hpp"
 #include "platform/snapshot/snapshot_retirement.hpp"
 #include "tuf/resume_state.hpp"
@@ -57,11 +58,7 @@ std::string stem_of(const std::string& name, std::string_view ending) {
 }
 
 // Returns the name of the record that a transaction file was to become, or an empty text for any other name.
-std::string record_of_write(const std::string& name) {
-  const std::size_t ending = std::string_view(".tmp").size() + download_nonce_characters + 1;
-  const std::string record = name.size() > ending ? name.substr(0, name.size() - ending) : std::string();
-  return is_record_file(name, record) ? record : std::string();
-}
+std::string record_of_write(const std::string& name) { return std::string(transaction_record(name)); }
 
 // One clean-up, under the store's lock. Its steps stand in their order.
 class Cleanup {

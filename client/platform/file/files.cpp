@@ -4,13 +4,13 @@
 #include <cstddef>
 #include <utility>
 
-#include "domain/crypto.hpp"
 #include "domain/error.hpp"
 #include "domain/limits.hpp"
 #include "domain/paths.hpp"
 #include "domain/text_rules.hpp"
 #include "platform/file/file_operations.hpp"
 #include "platform/file/posix_files.hpp"
+#include "platform/file/transaction_name.hpp"
 
 namespace ravok {
 namespace {
@@ -112,10 +112,11 @@ void flush_and_close(Result<Handle> directory) {
 class Transaction {
  public:
   Transaction(const Destination& destination, std::uint32_t permissions)
-      : destination_(destination), ending_("." + random_id() + ".tmp"), name_(destination.name() + ending_) {
+      : destination_(destination), name_(transaction_name(destination.name())) {
     Result<Handle> file = os::create_at(parent(), name_.c_str(), os::CreateAs::file_to_change, permissions);
     if (!file) {
-      require_transaction(file.problem(), "Cannot create transaction file " + path_utf8(destination.path) + ending_);
+      require_transaction(file.problem(), "Cannot create transaction file " +
+                                              path_utf8(destination.path.parent_path() / path_from_utf8(name_)));
     }
     file_ = *std::move(file);
   }
@@ -189,7 +190,6 @@ class Transaction {
   }
 
   const Destination& destination_;
-  std::string ending_;
   std::string name_;
   Handle file_;
   bool committed_ = false;

@@ -93,7 +93,7 @@ bool ShortcutFile::shares_folder(const ShortcutFile& other) const {
 }
 
 StandAside::StandAside(const std::filesystem::path& path)
-    : place_(path), file_(place_.read()), aside_(place_.name_ + "." + random_id() + ".tmp") {
+    : place_(path), file_(place_.read()), aside_(transaction_name(place_.name_)) {
   constexpr const char* not_replaced = "Cannot replace a changed shortcut";
   require(file_.has_value(), "shortcut_path", not_replaced);
   const int folder = place_.folder_.get();
