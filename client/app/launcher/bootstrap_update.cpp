@@ -104,8 +104,12 @@ class BootstrapStaging {
       unpack(manifest, sha256);
       commit(*text);
     } catch (...) {
-      // The next one cannot use it, and needs its room.
+      // The next one cannot use it, and needs its room. A manifest that is in place, although not durable, wants its
+      // tree.
       remove(paths_.partial_tree);
+      if (is_missing(paths_.update_manifest)) {
+        remove(paths_.update_tree);
+      }
       throw;
     }
     return "staged";
@@ -131,8 +135,9 @@ class BootstrapStaging {
   void unpack(const SnapshotManifest& manifest, const std::string& sha256) const {
     require(is_signed_archive(tuf_.target(manifest.target), manifest), "content_mismatch",
             "Bootstrap archive is not authorized with its declared length and hash");
+    // An earlier one may have ended before its tree had its manifest. The next needs the room.
+    remove_trees();
     const std::filesystem::path archive = download(manifest.target, sha256);
-    remove(paths_.partial_tree);
     extract_snapshot(manifest, archive, paths_.partial_tree, progress_, nullptr);
     verify_snapshot_tree(manifest, paths_.partial_tree, progress_);
   }
@@ -158,7 +163,6 @@ class BootstrapStaging {
 
   // The tree has its name for good before the manifest says that it is there.
   void commit(const std::string& text) const {
-    remove(paths_.update_tree);
     native_.move(name_of(paths_.partial_tree), native_, name_of(paths_.update_tree));
     native_.flush();
     native_.write(name_of(paths_.update_manifest), text);
@@ -167,10 +171,14 @@ class BootstrapStaging {
     remove_old_files(native_, paths_);
   }
 
-  // Removes what earlier preparations have left.
+  // Removes what earlier preparations have left. No manifest says that an update waits.
   void remove_leftovers() const {
     remove(paths_.downloads);
+    remove_trees();
+  }
+  void remove_trees() const {
     remove(paths_.partial_tree);
+    remove(paths_.update_tree);
   }
 
   void remove(const std::filesystem::path& place) const { native_.remove_tree_quietly(name_of(place)); }

@@ -278,10 +278,12 @@ TEST_F(StageBootstrapUpdate, SaysThatThereIsNone) {
 TEST_F(StageBootstrapUpdate, SaysThatTheInstalledOneIsTheNewest) {
   publish(old);
   tuf.root.write("data/native/bootstrap-update.partial/half", "of it");
+  tuf.root.write("data/native/bootstrap-update/whole", "without its manifest");
   EXPECT_EQ(stage(), "current");
   EXPECT_FALSE(exists(place.paths.update_manifest));
   EXPECT_FALSE(exists(place.paths.downloads));
   EXPECT_FALSE(exists(place.paths.partial_tree));
+  EXPECT_FALSE(exists(place.paths.update_tree));
 }
 
 TEST_F(StageBootstrapUpdate, RemembersOneThatHasFailedAndTakesTheNext) {
@@ -290,9 +292,11 @@ TEST_F(StageBootstrapUpdate, RemembersOneThatHasFailedAndTakesTheNext) {
   EXPECT_EQ(stage(), "staged");
   EXPECT_EQ(apply_bootstrap_update(place.data.root, testing::endless_trial_clock()).end, BootstrapUpdateEnd::rejected);
   tuf.root.write("data/native/bootstrap-update.partial/half", "of it");
+  EXPECT_TRUE(exists(place.paths.update_tree));
   EXPECT_EQ(stage(), "rejected");
   EXPECT_FALSE(exists(place.paths.update_manifest));
   EXPECT_FALSE(exists(place.paths.partial_tree));
+  EXPECT_FALSE(exists(place.paths.update_tree));
   EXPECT_EQ(BootstrapPlace::read(place.paths.rejected), bad.sha256());
   const BootstrapRelease good = bootstrap_release("build-3", ending_program(0));
   publish(good);
@@ -522,9 +526,45 @@ TEST_F(StageBootstrapUpdate, ReplacesWhatEarlierOnesHaveLeft) {
   tuf.root.write("data/native/bootstrap-old-files", "");
   tuf.root.write("data/native/bootstrap/data/note.old", "older note");
   atomic_write(place.paths.rejected, std::string(64, 'a'));
+  // The room of both trees may be what the update needs.
+  tuf.transport.on(archive_name(), [&](const auto&, auto&) {
+    EXPECT_FALSE(exists(place.paths.partial_tree));
+    EXPECT_FALSE(exists(place.paths.update_tree));
+  });
   EXPECT_EQ(stage(), "staged");
+  EXPECT_EQ(offset(), 0u);
   expect_staged(next);
   EXPECT_FALSE(exists(place.paths.old_files_mark));
+}
+
+TEST_F(StageBootstrapUpdate, LeavesNothingUnpackedWhereItsManifestCannotBeWritten) {
+  publish(next);
+  {
+    const testing::Planned full(testing::failing_to_write("bootstrap-update.json", ENOSPC));
+    EXPECT_FAILURE(stage(), "insufficient_space", "Local storage cannot save data; free space and try again");
+    EXPECT_TRUE(full.happened());
+  }
+  EXPECT_FALSE(exists(place.paths.update_tree));
+  EXPECT_FALSE(exists(place.paths.partial_tree));
+  EXPECT_FALSE(exists(place.paths.update_manifest));
+  EXPECT_EQ(stage(), "staged");
+  expect_staged(next);
+}
+
+// A manifest that is in place but could not be flushed makes the next start look for the tree.
+TEST_F(StageBootstrapUpdate, KeepsTheTreeOfAManifestThatIsInPlace) {
+  publish(next);
+  std::string code = "none yet";
+  for (int countdown = 1; !code.empty(); ++countdown) {
+    const testing::Planned plan(testing::failing("fsync", EIO, countdown));
+    const auto failure = failure_of([&] { stage(); });
+    code = failure ? failure->code : "";
+    EXPECT_EQ(exists(place.paths.update_manifest), exists(place.paths.update_tree));
+    if (exists(place.paths.update_manifest)) {
+      expect_staged(next);
+    }
+    std::filesystem::remove(place.paths.update_manifest);
+  }
 }
 
 }  // namespace
