@@ -26,6 +26,7 @@
 #include "platform/snapshot/complete_install.hpp"
 #include "platform/snapshot/snapshot_archive.hpp"
 #include "platform/snapshot/snapshot_tree.hpp"
+#include "tuf/resume_state.hpp"
 
 namespace ravok {
 namespace {
@@ -55,22 +56,18 @@ bool is_signed_archive(const Json& target, const SnapshotManifest& manifest) {
          is_text(hashes.at("sha256"), manifest.archive_sha256);
 }
 
-// Whether a download that has failed is begun anew at once, without what earlier ones have left. `admission` is what
-// was known of it once all of that was read.
-bool begins_anew_at_once(const std::string& code, const std::optional<DownloadAdmission>& admission) {
+// Whether a download that has failed is begun anew at once, without what earlier ones have left. It is admitted once
+// all of that was read.
+bool begins_anew_at_once(const std::string& code, bool is_admitted) {
   // The folder was copied, or its volume got another number when the machine started.
   if (code == "allocation_changed") {
     return true;
-  }
-  // An older update may take the room. One that goes on keeps what it has.
-  if (code == "insufficient_space") {
-    return admission && !admission->resumed;
   }
   // The network was asked for nothing yet, so these tell of what is left, and every later download may fail on it.
   constexpr std::array<std::string_view, 9> unreadable = {"file_read",     "tree_read",      "unsafe_path",
                                                           "permissions",   "size_limit",     "invalid_json",
                                                           "duplicate_key", "invalid_number", "depth_limit"};
-  return !admission && std::find(unreadable.begin(), unreadable.end(), code) != unreadable.end();
+  return !is_admitted && std::find(unreadable.begin(), unreadable.end(), code) != unreadable.end();
 }
 
 // One preparation of an update. The caller holds the lock.
@@ -129,7 +126,7 @@ class BootstrapStaging {
     }
     require(size_value(target.at("length")) <= maximum_manifest_bytes, "size_limit",
             "Bootstrap update manifest exceeds 512 KiB");
-    return read_file(tuf_.download(name, paths_.downloads, progress_), maximum_manifest_bytes);
+    return read_file(download(name, {}, {}), maximum_manifest_bytes);
   }
 
   void unpack(const SnapshotManifest& manifest, const std::string& sha256) const {
@@ -137,28 +134,54 @@ class BootstrapStaging {
             "Bootstrap archive is not authorized with its declared length and hash");
     // An earlier one may have ended before its tree had its manifest. The next needs the room.
     remove_trees();
-    const std::filesystem::path archive = download(manifest.target, sha256);
+    const TargetObserver observer = [this](std::string_view phase, const Json&, std::string_view temporary) {
+      if (phase != "complete") {
+        remove_other_downloads(path_from_utf8(temporary));
+      }
+    };
+    const std::filesystem::path archive = download(manifest.target, "bootstrap update " + sha256, observer);
     extract_snapshot(manifest, archive, paths_.partial_tree, progress_, nullptr);
     verify_snapshot_tree(manifest, paths_.partial_tree, progress_);
   }
 
-  std::filesystem::path download(const std::string& archive, const std::string& sha256) const {
-    std::optional<DownloadAdmission> admission;
-    const TufDownloadOptions options = {.scope = "bootstrap update " + sha256,
-                                        .admission = [&](const DownloadAdmission& given) { admission = given; }};
+  // Removes all that was fetched but the manifest, and the partial file of the archive that is about to come or to go
+  // on. Nothing uses the rest any more, such as a former update's, and its room may be what this one lacks.
+  void remove_other_downloads(const std::filesystem::path& partial) const {
+    std::filesystem::path folder = paths_.downloads;
+    for (const std::filesystem::path& level : partial) {
+      const HeldDirectory held = HeldDirectory::open(folder);
+      const std::string own = path_utf8(level);
+      for (const std::string& name : held.names()) {
+        if (name != own && name != resume_state_name(own) && name != bootstrap_manifest_target()) {
+          held.remove_tree_quietly(name);
+        }
+      }
+      folder /= level;
+    }
+  }
+
+  std::filesystem::path download(const std::string& target, const std::string& scope,
+                                 const TargetObserver& observer) const {
+    bool is_admitted = false;
+    const TufDownloadOptions options = {.scope = scope,
+                                        .admission = [&](const DownloadAdmission&) { is_admitted = true; }};
     try {
-      return tuf_.download(archive, paths_.downloads, progress_, {}, options);
+      if (!native_.find_directory(name_of(paths_.downloads))) {
+        // A file or a link in the place of the folder.
+        remove(paths_.downloads);
+      }
+      return tuf_.download(target, paths_.downloads, progress_, observer, options);
     } catch (const Error& error) {
-      const bool at_once = begins_anew_at_once(error.code, admission);
+      const bool at_once = begins_anew_at_once(error.code, is_admitted);
       if (at_once || error.code.starts_with("download_resume_")) {
         // What an earlier download has left can never be continued, so the next one begins anew.
-        remove_leftovers();
+        remove(paths_.downloads);
       }
       if (!at_once) {
         throw;
       }
     }
-    return tuf_.download(archive, paths_.downloads, progress_, {}, options);
+    return tuf_.download(target, paths_.downloads, progress_, observer, options);
   }
 
   // The tree has its name for good before the manifest says that it is there.

@@ -31,8 +31,8 @@ namespace ravok {
 // - and as read_file does for the installed manifest and for the record of a failed update.
 // A failure leaves the installed bootstrap as it is, and nothing that was unpacked. What has been fetched stays, for
 // the next call to continue, unless it can never be continued. Where what an earlier call has fetched cannot be read or
-// its files have got another identity, as in a copied folder, it is fetched anew. So is an update for which there is no
-// room, once without what was fetched of others. The caller keeps a setup from beginning meanwhile, with the lock of
+// its files have got another identity, as in a copied folder, it is fetched anew. What was fetched of other updates is
+// removed before the archive comes or goes on. The caller keeps a setup from beginning meanwhile, with the lock of
 // bootstrap_lifetime.
 std::string stage_bootstrap_update(const std::filesystem::path& data_root, TufClient& tuf,
                                    const ProgressCallback& progress);

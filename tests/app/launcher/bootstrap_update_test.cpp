@@ -3,10 +3,13 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <cstddef>
 #include <cstdint>
 #include <filesystem>
 #include <functional>
 #include <memory>
+#include <optional>
+#include <set>
 #include <string>
 #include <utility>
 #include <vector>
@@ -161,13 +164,32 @@ class StageBootstrapUpdate : public ::testing::Test {
     EXPECT_TRUE(testing::same_tree(without(state(), {"native/bootstrap-update.lock"}), before));
   }
 
-  std::string archive_name() const { return "bootstrap/" + digest(next.archive, "sha256") + ".build-2.tar.zst"; }
-  // Breaks the download of its archive off behind 10 bytes.
-  void break_off() {
-    tuf.transport.on(archive_name(), testing::breaks_after(10));
+  // The name under which the archive of a release is asked for.
+  static std::string archive_name(const BootstrapRelease& release) {
+    const std::string& target = release.archive_target();
+    const std::size_t name = target.rfind('/') + 1;
+    return target.substr(0, name) + digest(release.archive, "sha256") + "." + target.substr(name);
+  }
+  std::string archive_name() const { return archive_name(next); }
+  // Breaks the download of the archive of the published release off behind 10 bytes.
+  void break_off() { break_off(next); }
+  void break_off(const BootstrapRelease& release) {
+    tuf.transport.on(archive_name(release), testing::breaks_after(10));
     EXPECT_FAILURE(stage(), "network", "Transferred a partial file");
-    tuf.transport.on(archive_name(), {});
+    tuf.transport.on(archive_name(release), {});
     tuf.transport.forget();
+  }
+  // The names of the files that were fetched, without those of their folders and their nonces.
+  std::multiset<std::string> fetched() const {
+    std::multiset<std::string> names;
+    for (const auto& entry : std::filesystem::recursive_directory_iterator(place.paths.downloads)) {
+      if (!entry.is_directory()) {
+        std::string name = entry.path().filename();
+        const std::size_t nonce = name.find(".partial");
+        names.insert(nonce == std::string::npos ? name : name.erase(nonce - 32, 33));
+      }
+    }
+    return names;
   }
   // The checkpoint of that download.
   std::filesystem::path checkpoint() const {
@@ -190,11 +212,15 @@ class StageBootstrapUpdate : public ::testing::Test {
     return offsets.empty() ? 0 : offsets.front();
   }
 
+  static constexpr std::size_t archive_bytes = 16'384;
+
   TufPlace tuf;
   bool begun = false;
   const BootstrapPlace place{tuf.root / "data"};
   const BootstrapRelease old = bootstrap_release("build-1", ending_program(0, "old"), {{"data/note", "old note"}});
-  const BootstrapRelease next = bootstrap_release("build-2", ending_program(0, "new"), {{"data/note", "new note"}});
+  // Its archive takes more room than the 10 bytes of one that was broken off.
+  const BootstrapRelease next = bootstrap_release(
+      "build-2", ending_program(0, "new"), {{"data/note", "new note"}, {"data/noise", testing::noise(archive_bytes)}});
 };
 
 TEST_F(StageBootstrapUpdate, PreparesWhatTheRepositoryHas) {
@@ -414,6 +440,7 @@ TEST_F(StageBootstrapUpdate, GoesOnAfterABrokenDownloadThatHadNoRoomForTheRest) 
     EXPECT_EQ(failure_of([&] { stage(); })->code, "insufficient_space");
     EXPECT_TRUE(plan.happened());
   }
+  EXPECT_FALSE(exists(place.paths.downloads / next.archive_target()));
   EXPECT_EQ(stage(), "staged");
   EXPECT_EQ(offset(), 10u);
 }
@@ -477,20 +504,93 @@ TEST_F(StageBootstrapUpdate, BeginsAnewWhereTheDiskDoesNotGiveACheckpointBack) {
   }
 }
 
-// What an older update has left may take the room.
-TEST_F(StageBootstrapUpdate, RemovesEarlierDownloadsWhereThereIsNoRoom) {
+TEST_F(StageBootstrapUpdate, FetchesInPlaceOfWhatIsNoDownload) {
   publish(next);
-  const std::filesystem::path older =
-      tuf.root.write("data/native/bootstrap-downloads/bootstrap/build-1.tar.zst", old.archive);
-  for (const std::filesystem::path& folder : {place.paths.downloads, place.paths.downloads / "bootstrap"}) {
-    std::filesystem::permissions(folder, std::filesystem::perms(0700));
+  const std::filesystem::path mine = tuf.root.write("mine/file", "mine");
+  const std::filesystem::path folder = place.paths.downloads;
+  const std::vector<std::pair<const char*, std::function<void()>>> plants = {
+      {"a file", [&] { atomic_write(folder, "no folder"); }},
+      {"a link to a folder", [&] { std::filesystem::create_directory_symlink(mine.parent_path(), folder); }},
+      {"a link for the manifest",
+       [&] {
+         std::filesystem::create_directory(folder);
+         std::filesystem::create_symlink(mine, folder / bootstrap_manifest_target());
+       }},
+  };
+  for (const auto& [name, plant] : plants) {
+    SCOPED_TRACE(name);
+    plant();
+    EXPECT_EQ(stage(), "staged");
+    expect_staged(next);
+    EXPECT_FALSE(exists(folder));
+    EXPECT_EQ(tree_state(mine.parent_path()).size(), 1u);
+    EXPECT_EQ(BootstrapPlace::read(mine), "mine");
+    std::filesystem::remove(place.paths.update_manifest);
   }
-  tuf.transport.on(archive_name(), [&](const auto&, auto&) { EXPECT_FALSE(exists(older)); });
-  // The first file is that of the manifest.
-  const testing::Planned plan(testing::failing("fallocate", ENOSPC, 2));
+}
+
+// Its room may be what the next update lacks.
+TEST_F(StageBootstrapUpdate, RemovesWhatWasFetchedOfOthersBeforeTheArchiveComes) {
+  publish(next);
+  break_off();
+  // Of a run that was killed, in a folder of its own, and a file in the place of the archive.
+  const std::filesystem::path folder = place.paths.downloads / "older/folder";
+  std::filesystem::create_directories(folder);
+  atomic_write(folder / "build-0.tar.zst", "older");
+  atomic_write(place.paths.downloads / "bootstrap/build-3.tar.zst", "no archive");
+  atomic_write(place.paths.downloads / "bootstrap" / ("build-3.tar.zst." + std::string(32, 'a') + ".partial"), "half");
+  const BootstrapRelease newest =
+      bootstrap_release("build-3", ending_program(0), {{"noise", testing::noise(archive_bytes)}});
+  publish(newest);
+  const std::multiset<std::string> expected = {bootstrap_manifest_target(), "build-3.tar.zst.partial",
+                                               "build-3.tar.zst.partial.resume.json"};
+  int asked = 0;
+  tuf.transport.on(archive_name(newest), [&](const auto&, auto&) {
+    ++asked;
+    EXPECT_EQ(fetched(), expected);
+    EXPECT_FALSE(exists(place.paths.downloads / "older"));
+  });
   EXPECT_EQ(stage(), "staged");
-  EXPECT_TRUE(plan.happened());
+  EXPECT_EQ(asked, 1);
+  expect_staged(newest);
+}
+
+TEST_F(StageBootstrapUpdate, RemovesWhatWasFetchedOfOthersBeforeItsOwnGoesOn) {
+  publish(next);
+  break_off();
+  std::filesystem::rename(place.paths.downloads / "bootstrap", place.data.root / "kept");
+  const BootstrapRelease newest =
+      bootstrap_release("build-3", ending_program(0), {{"noise", testing::noise(archive_bytes)}});
+  publish(newest);
+  break_off(newest);
+  for (const auto& entry : std::filesystem::directory_iterator(place.data.root / "kept")) {
+    std::filesystem::rename(entry.path(), place.paths.downloads / "bootstrap" / entry.path().filename());
+  }
+  EXPECT_EQ(fetched().count("build-2.tar.zst.partial"), 1u);
+  {
+    const testing::Planned full(testing::failing("fallocate", ENOSPC));
+    EXPECT_EQ(failure_of([&] { stage(); })->code, "insufficient_space");
+    EXPECT_TRUE(full.happened());
+  }
+  const std::multiset<std::string> expected = {bootstrap_manifest_target(), "build-3.tar.zst.partial",
+                                               "build-3.tar.zst.partial.resume.json"};
+  EXPECT_EQ(fetched(), expected);
+  EXPECT_EQ(stage(), "staged");
+  expect_staged(newest);
+}
+
+// Where the volume cannot reserve it, the room may end at any byte.
+TEST_F(StageBootstrapUpdate, KeepsWhatHasComeWhereTheRestHasNoRoom) {
+  publish(next);
+  std::optional<testing::Planned> full;
+  tuf.transport.on(archive_name(), [&](const auto&, auto&) { full.emplace(testing::failing("write", ENOSPC, 2)); });
+  EXPECT_EQ(failure_of([&] { stage(); })->code, "insufficient_space");
+  ASSERT_TRUE(full && full->happened());
   EXPECT_EQ(offset(), 0u);
+  tuf.transport.on(archive_name(), {});
+  tuf.transport.forget();
+  EXPECT_EQ(stage(), "staged");
+  EXPECT_GT(offset(), 0u);
   expect_staged(next);
 }
 
