@@ -337,7 +337,11 @@ inline bool start_may_leave(const BootstrapState& before, const BootstrapState& 
 // Whether a clean-up that was stopped at any place, or one of whose calls to the system failed, may leave this.
 inline bool cleanup_may_leave(const HistoryState& before, HistoryState found) {
   found.store.is_cleaning = before.store.is_cleaning;
-  return found == before;
+  HistoryState recovered = before;
+  if (recovered.store.attempt != no_release) {
+    interrupt_attempt(recovered.store);
+  }
+  return found == before || found == recovered;
 }
 
 // Whether an update that was stopped at any place, or one of whose calls to the system failed, may leave this. `whole`

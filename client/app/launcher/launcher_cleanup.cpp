@@ -66,10 +66,12 @@ class Cleanup {
   explicit Cleanup(const LauncherStore& store) : store_(store), document_(store.load()) {}
 
   Json run() {
-    require_settled_store();
+    // A document that names nothing may be one that was lost, and then every version is of value.
+    require(!current_build(document_).is_null(), "launcher_missing", "No working launcher is installed");
     remove_torn_receipts(paths_.store);
     launcher_download_receipts(paths_.store);
     const std::uint64_t before = tree_bytes(paths_.store, most_entries);
+    recover_where_there_is_room();
     begin_where_there_is_room();
     remove_downloads();
     remove_versions();
@@ -84,10 +86,28 @@ class Cleanup {
   }
 
  private:
-  // A document that names nothing may be one that was lost, and then every version is of value.
-  void require_settled_store() const {
-    require(!current_build(document_).is_null(), "launcher_missing", "No working launcher is installed");
-    require(document_.at("attempt").is_null(), "busy", "A launcher startup must finish before its store is cleaned");
+  // A start that was cut off may have been kept from being recorded by the lack of room that this clean-up is to end.
+  void recover_where_there_is_room() {
+    try {
+      recover();
+    } catch (const Error& error) {
+      // No lease can be made either on a volume that takes no more files.
+      if (error.code != "insufficient_space" && error.code != "lock_failed") {
+        throw;
+      }
+      make_room();
+      recover();
+    }
+  }
+
+  void recover() {
+    try {
+      store_.recover_attempt();
+    } catch (const Error& error) {
+      require(error.code != "launcher_running", "busy", "A launcher startup must finish before its store is cleaned");
+      throw;
+    }
+    document_ = store_.load();
   }
 
   // On a full disk, what leaves nothing half-way makes the room for the mark. The rest comes after it as ever.
@@ -98,13 +118,17 @@ class Cleanup {
       if (error.code != "insufficient_space") {
         throw;
       }
-      remove_writes();
-      remove_downloads();
-      remove_stagings();
-      remove_attempts();
-      kept_ = Json::array();
+      make_room();
       begin();
     }
+  }
+
+  void make_room() {
+    remove_writes();
+    remove_downloads();
+    remove_stagings();
+    remove_attempts();
+    kept_ = Json::array();
   }
 
   void begin() const {
@@ -405,7 +429,7 @@ class Cleanup {
 
   const LauncherStore& store_;
   const LauncherPaths paths_{store_.store()};
-  const Json document_;
+  Json document_;
   Json removed_ = {{"attempts", 0U}, {"downloads", 0U}, {"manifests", 0U}, {"stagings", 0U}, {"versions", 0U}};
   Json kept_ = Json::array();
 };

@@ -29,7 +29,9 @@ namespace ravok {
 // - "changed": a file of the version became something else, or a partial download is not the one of its checkpoint
 // - "unmanaged_files": the version's own files were removed, and others are left in its folder
 //
-// Fails with "busy" as owner() does, and while the start of a version has not ended; with "launcher_missing" for a
+// A start that was interrupted is recovered first, as recover_attempt does.
+//
+// Fails with "busy" as owner() does, and while a launcher that is being tried runs; with "launcher_missing" for a
 // document that names neither an active version nor a candidate; with "unsupported_schema" for a "cleanup.json" that
 // another version has left; and as load, tree_bytes and target_download_receipts do. Nothing but torn receipts was
 // removed then. What fails later, such as with "file_remove", "file_write", "file_sync" or "tree_read", or with

@@ -428,12 +428,44 @@ TEST_F(LauncherCleanups, RemoveWhatLeavesNothingHalfWayWhereNoRoomCanBeMade) {
   EXPECT_EQ(place_.stage(), staged(next));
 }
 
+TEST_F(LauncherCleanups, RecoverAStartThatWasInterrupted) {
+  install_four();
+  place_.launcher.set("attempt", {{"nonce", nonce_of('1')}, {"reference", updates_[0].reference()}});
+  EXPECT_EQ(removed(clean()), (Json{{"attempts", 1}, {"downloads", 5}, {"versions", 1}}));
+  EXPECT_EQ(place_.launcher.value("attempt"), nullptr);
+  EXPECT_EQ(place_.launcher.value("failed_candidate"),
+            (Json{{"reference", updates_[0].reference()}, {"problem", "startup_interrupted"}}));
+  EXPECT_TRUE(exists(version(updates_[0])));
+  EXPECT_FALSE(exists(version(updates_[1])));
+}
+
+// Neither the document nor a lease can be written on a full volume.
+TEST_F(LauncherCleanups, MakeTheRoomToRecoverAStartThatWasInterrupted) {
+  install_four();
+  for (const std::string& name : {std::string("installation.json"), nonce_of('1')}) {
+    SCOPED_TRACE(name);
+    leave_staging();
+    place_.launcher.set("attempt", {{"nonce", nonce_of('1')}, {"reference", updates_[2].reference()}});
+    place_.launcher.set("failed_candidate", nullptr);
+    testing::Plan plan = testing::failing_to_write(name, ENOSPC);
+    plan.meanwhile = [&] { EXPECT_TRUE(exists("staging/" + nonce_of('1'))); };
+    const testing::Planned full(plan);
+    EXPECT_EQ(removed(clean()).at("stagings"), 1);
+    EXPECT_TRUE(full.happened());
+    EXPECT_EQ(place_.launcher.value("attempt"), nullptr);
+    EXPECT_EQ(place_.launcher.value("failed_candidate").at("problem"), "startup_interrupted");
+  }
+}
+
 TEST_F(LauncherCleanups, AreRefusedWhereTheStoreIsNotSettled) {
   place_.launcher.store.owner();
   expect_refused("launcher_missing", "No working launcher is installed");
   install_four();
   place_.launcher.set("attempt", {{"nonce", nonce_of('1')}, {"reference", updates_[0].reference()}});
-  expect_refused("busy", "A launcher startup must finish before its store is cleaned");
+  {
+    const FileLock running(place_.paths().attempt_lease(nonce_of('1')), false, LockMode::shared);
+    expect_refused("busy", "A launcher startup must finish before its store is cleaned");
+  }
   place_.launcher.set("attempt", nullptr);
   const auto foreign = write("download-intents/foreign", "");
   expect_refused("launcher_download_uncertain", "Unknown download receipt names preserve the target store");
