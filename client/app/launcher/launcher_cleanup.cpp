@@ -136,6 +136,8 @@ class Cleanup {
     if (is_there(paths_.cleanup)) {
       require(read_file(paths_.cleanup, small_record_bytes) == record.dump(), "unsupported_schema",
               "Unknown launcher cleanup was preserved");
+      // Whoever made it may have ended before that was durable, and it must outlast every removal.
+      HeldDirectory::open(paths_.store).flush();
     } else {
       atomic_private_create(paths_.cleanup, record.dump());
     }

@@ -182,6 +182,7 @@ TEST_F(LauncherCleanups, PreserveWhatWasChangedOrIsNotUnderstood) {
   write("manifests/" + updates_[1].sha256() + ".json", updates_[1].text() + " ");
   std::filesystem::create_directory(place_.paths().versions / "other");
   write("versions/" + std::string(64, 'a') + "/file", "");
+  write("versions/" + std::string(64, 'b'), "no folder");
   write("manifests/other.json", "");
   write("staging/" + nonce_of('1') + "/file", "");
   write("intents/" + nonce_of('2') + ".json", "{}");
@@ -190,8 +191,9 @@ TEST_F(LauncherCleanups, PreserveWhatWasChangedOrIsNotUnderstood) {
   Json expected = Json::array(
       {kept(version(updates_[0]), "changed"), kept(version(updates_[1]), "not_understood"),
        kept("versions/other", "not_understood"), kept("versions/" + std::string(64, 'a'), "not_understood"),
-       kept("manifests/other.json", "not_understood"), kept("staging/" + nonce_of('1'), "not_understood"),
-       kept("intents/" + nonce_of('2') + ".json", "not_understood"), kept("health/other", "not_understood")});
+       kept("versions/" + std::string(64, 'b'), "not_understood"), kept("manifests/other.json", "not_understood"),
+       kept("staging/" + nonce_of('1'), "not_understood"), kept("intents/" + nonce_of('2') + ".json", "not_understood"),
+       kept("health/other", "not_understood")});
   Json result = clean().at("kept");
   std::sort(expected.begin(), expected.end());
   std::sort(result.begin(), result.end());
@@ -388,6 +390,21 @@ TEST_F(LauncherCleanups, FinishWhatAnotherHasBegun) {
     write("cleanup.json", other);
     expect_refused("unsupported_schema", "Unknown launcher cleanup was preserved");
   }
+}
+
+// Who made the mark may have ended before that was durable.
+TEST_F(LauncherCleanups, RemoveNothingBeforeTheMarkOfAnotherIsDurable) {
+  place_.update(updates_[0]);
+  clean();
+  write("cleanup.json", record);
+  write("downloads/stray", "");
+  {
+    const testing::Planned plan(testing::failing("fsync", EIO));
+    expect_refused("file_sync", "Could not durably synchronize directory");
+    EXPECT_TRUE(plan.happened());
+  }
+  clean();
+  EXPECT_FALSE(exists("downloads/stray"));
 }
 
 TEST_F(LauncherCleanups, MakeTheRoomThatTheyNeedThemselves) {
