@@ -60,6 +60,15 @@ bool ends_before(const LauncherChild& child, Clock::time_point time) {
   return false;
 }
 
+// Whether an attempt could not be recovered or begun for a lack of room alone. A volume that takes no more files has no
+// room for the lease of an interrupted attempt either, and nobody holds one that is missing.
+bool is_lack_of_room(const LauncherStore& store, const Error& error) {
+  if (error.code != "lock_failed") {
+    return error.code == "insufficient_space";
+  }
+  return is_missing(store.startup_lease_path(store.load().at("attempt")));
+}
+
 // Returns the attempt of the waiting candidate, once one that was interrupted is recovered, or null where there is
 // none.
 Json begin_attempt(const LauncherStore& store, const LauncherStart& start) {
@@ -69,7 +78,7 @@ Json begin_attempt(const LauncherStore& store, const LauncherStart& start) {
     return store.begin_candidate();
   } catch (const Error& error) {
     // A full disk keeps nothing from a version that works. The document says what it said before, for a later start.
-    if (error.code != "insufficient_space" || store.load().at("active").is_null()) {
+    if (!is_lack_of_room(store, error) || store.load().at("active").is_null()) {
       throw;
     }
     return nullptr;
@@ -192,7 +201,14 @@ int LauncherAttempt::wait_for_child() const {
 
 void LauncherAttempt::reject() const {
   const bool ended = !child_ || is_known_to_end(*child_);
-  store_.reject_candidate(attempt_, ended ? "startup_failed" : "startup_unconfirmed");
+  try {
+    store_.reject_candidate(attempt_, ended ? "startup_failed" : "startup_unconfirmed");
+  } catch (const Error& error) {
+    // A full disk keeps nothing from a version that works. A later start recovers the attempt.
+    if (error.code != "insufficient_space" || store_.load().at("active").is_null()) {
+      throw;
+    }
+  }
   require(ended, "launcher_startup_timeout",
           "Launcher candidate exit is unconfirmed; the working launcher remains selected");
 }

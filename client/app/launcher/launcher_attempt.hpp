@@ -105,8 +105,9 @@ class LauncherAttempt {
   // 255.
   int wait_for_child() const;
 
-  // Ends the child, if there is one, and rejects the version. Fails with "launcher_startup_timeout" when it cannot be
-  // told that the child has ended, and as reject_candidate does.
+  // Ends the child, if there is one, and rejects the version. Where there is no room to record that while another
+  // version works, the attempt stays for a later start to recover. Fails with "launcher_startup_timeout" when it cannot
+  // be told that the child has ended, and as reject_candidate does but for that lack of room.
   void reject() const;
 
  private:
@@ -126,11 +127,11 @@ class LauncherAttempt {
 };
 
 // Runs the waiting candidate and returns its exit code once it has ended; the store's owner lock is held until then.
-// Returns nothing when no candidate waits, and when one has failed, or there is no room to record that it is tried,
-// while another version works, which then can be started. An attempt that was interrupted is recovered first. Fails
-// with "launcher_interface", with "launcher_health" for the limit, with "cancelled" before a version is tried, as owner
-// does, as recover_attempt and begin_candidate do but for that lack of room, with "launcher_startup_timeout" when a
-// failed child may still run, and as the steps above do when no version works.
+// Returns nothing when no candidate waits, and when one has failed, or there is no room to record that it is tried or
+// was interrupted, while another version works, which then can be started. An attempt that was interrupted is recovered
+// first. Fails with "launcher_interface", with "launcher_health" for the limit, with "cancelled" before a version is
+// tried, as owner does, as recover_attempt and begin_candidate do but for that lack of room, with
+// "launcher_startup_timeout" when a failed child may still run, and as the steps above do when no version works.
 std::optional<int> run_launcher_attempt(const LauncherStore& store, const LauncherStart& start,
                                         const StartLauncher& start_child = start_launcher);
 

@@ -593,6 +593,71 @@ TEST_F(LauncherAttempts, WaitForRoomToRecordAnInterruptedOneWhereAVersionWorks) 
   expect_rejection("startup_interrupted");
 }
 
+TEST_F(LauncherAttempts, WaitForRoomForTheLeaseOfAnInterruptedOneWhereAVersionWorks) {
+  const std::string nonce(32, 'a');
+  place_.set("candidate", nullptr);
+  place_.set("attempt", {{"nonce", nonce}, {"reference", candidate_}});
+  const auto expect_no_room = [&](const std::optional<const char*>& code) {
+    const std::string before = place_.document_text();
+    const testing::Planned full(testing::failing_to_write(nonce, ENOSPC));
+    const auto failure = failure_of([&] { EXPECT_EQ(run(), std::nullopt); });
+    EXPECT_EQ(failure ? std::optional(failure->code) : std::nullopt, code);
+    EXPECT_TRUE(full.happened());
+    EXPECT_EQ(place_.document_text(), before);
+  };
+  expect_no_room("lock_failed");
+  with_working_version();
+  expect_no_room(std::nullopt);
+  // What is no lease stays for somebody to look at.
+  write_bytes(place_.store.startup_lease_path(place_.value("attempt")), "");
+  std::filesystem::permissions(place_.store.startup_lease_path(place_.value("attempt")), std::filesystem::perms(0644));
+  EXPECT_FAILURE(run(), "lock_failed", "Operation lock must be an ordinary private owned file");
+  std::filesystem::remove(place_.store.startup_lease_path(place_.value("attempt")));
+  EXPECT_EQ(run(), std::nullopt);
+  expect_rejection("startup_interrupted");
+}
+
+TEST_F(LauncherAttempts, WaitForRoomToRecordAFailureWhereAVersionWorks) {
+  const StillClock clock;
+  const auto fail_unrecorded = [&](int problem) {
+    play_.ends(1);
+    testing::Plan plan = testing::failing_to_write("installation.json", problem);
+    plan.countdown = 2;
+    const testing::Planned full(plan);
+    const auto failure = failure_of([&] { EXPECT_EQ(run(), std::nullopt); });
+    EXPECT_TRUE(full.happened());
+    EXPECT_EQ(place_.value("attempt"), play_.attempt());
+    EXPECT_FALSE(is_lock_busy(place_.store.startup_lease_path(play_.attempt())));
+    return failure ? failure->code : "";
+  };
+  const auto try_again = [&] {
+    place_.set("attempt", nullptr);
+    place_.set("candidate", candidate_);
+  };
+  EXPECT_EQ(fail_unrecorded(ENOSPC), "insufficient_space");
+  try_again();
+  with_working_version();
+  EXPECT_EQ(fail_unrecorded(EIO), "file_write");
+  try_again();
+  EXPECT_EQ(fail_unrecorded(ENOSPC), "");
+  EXPECT_EQ(place_.value("active"), working_);
+  EXPECT_EQ(run(), std::nullopt);
+  expect_rejection("startup_interrupted");
+  EXPECT_EQ(place_.value("active"), working_);
+  EXPECT_EQ(play_.started.size(), 3u);
+}
+
+TEST_F(LauncherAttempts, TellOfAChildThatMayRunOnAlsoWithoutRoom) {
+  with_working_version();
+  const StillClock clock;
+  play_.dies = false;
+  testing::Plan plan = testing::failing_to_write("installation.json", ENOSPC);
+  plan.countdown = 2;
+  const testing::Planned full(plan);
+  EXPECT_FAILURE(run(), "launcher_startup_timeout", unconfirmed_exit);
+  EXPECT_TRUE(full.happened());
+}
+
 TEST_F(LauncherAttempts, FailWhereTheyCannotBeRecorded) {
   const std::string before = place_.document_text();
   const auto expect_refused = [&](int problem, const char* code, const char* message) {
