@@ -174,6 +174,7 @@ bool BootstrapMoves::holds(const std::string& path, const SnapshotManifest& mani
 
 bool BootstrapMoves::restore() {
   bool restored = true;
+  std::optional<Error> lack_of_handles;
   for (const std::string& path : all_paths()) {
     try {
       restored = restore_file(path) && restored;
@@ -181,9 +182,15 @@ bool BootstrapMoves::restore() {
       if (tree_.parent_of(path)) {
         changed_.insert(directory_of(path));
       }
-    } catch (const Error&) {
+    } catch (const Error& error) {
       restored = false;
+      if (error.code == "too_many_files") {
+        lack_of_handles = error;
+      }
     }
+  }
+  if (lack_of_handles) {
+    throw Error(*lack_of_handles);
   }
   return restored;
 }

@@ -29,7 +29,8 @@ class BootstrapMoves {
 
   // Puts back what an interrupted attempt has replaced in the installed tree: a file that differs from the installed
   // manifest and lies whole under its second name, and removes what the attempt has added. Returns whether the attempt
-  // has left nothing. That is durable, whoever has put it back, after keep_old_files or undo.
+  // has left nothing. That is durable, whoever has put it back, after keep_old_files or undo. Fails with
+  // "too_many_files", once all that can be put back is.
   bool restore();
 
   // Fails with "content_mismatch" unless every file of the update is an ordinary file with its digest and may be
