@@ -39,6 +39,7 @@ Json reference_to(const Json& document, const std::string& text) {
 
 RepositoryDraft RepositoryDraft::begin(RepositoryFolder& folder, const RepositoryState& state,
                                        const DraftChanges& changes, TufTime now, Place place) {
+  require_authentic(folder, state);
   RepositoryDraft draft(folder, state, place);
   draft.action_ = changes.action;
   draft.days_ = folder.record().days;
@@ -72,6 +73,7 @@ std::optional<RepositoryDraft> RepositoryDraft::open(RepositoryFolder& folder, c
   }
   require(!stored->publishing, "interrupted_publication",
           "A publication was broken off; the next command that changes the repository finishes it");
+  require_authentic(folder, state);
   RepositoryDraft draft(folder, state, Place::folder);
   read_files_of_draft(folder, [&] { draft.load(stored->document, now); });
   return draft;

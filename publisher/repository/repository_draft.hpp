@@ -53,15 +53,16 @@ class RepositoryDraft {
 
   // Begins a draft on a state. Beside what is asked for, it makes whatever else needs it: documents that the root does
   // not accept any more or whose time has passed, and those that refer to a new one. In the folder there must be no
-  // draft; new target files may lie in its targets/ already. Fails as replace_file does.
+  // draft; new target files may lie in its targets/ already. Fails as require_authentic
+  // and replace_file do.
   static RepositoryDraft begin(RepositoryFolder& folder, const RepositoryState& state, const DraftChanges& changes,
                                TufTime now, Place place = Place::folder);
 
   // Returns the draft that waits in the folder, if there is one. Documents whose time has passed, or that the present
   // ones have overtaken, will be made again; and it makes the roles too whose present documents would not stand beside
   // what it publishes, since they have expired or were published after it was begun. Fails with
-  // "interrupted_publication" for a draft whose publication has begun, with "invalid_draft", and as read_file and
-  // parse_json do.
+  // "interrupted_publication" for a draft whose publication has begun, with "invalid_draft", and as
+  // require_authentic, read_file and parse_json do.
   static std::optional<RepositoryDraft> open(RepositoryFolder& folder, const RepositoryState& state, TufTime now);
 
   // The command that began it.

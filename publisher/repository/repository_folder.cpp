@@ -14,6 +14,7 @@
 #include "publisher/publish_root.hpp"
 #include "publisher/repository/repository_files.hpp"
 #include "publisher/repository/repository_time.hpp"
+#include "tuf/keys.hpp"
 #include "tuf/metadata_shape.hpp"
 #include "tuf/trusted_set.hpp"
 #include "tuf/tuf.hpp"
@@ -90,18 +91,18 @@ class StateReader {
   explicit StateReader(const RepositoryFolder& folder) : folder_(folder) {}
 
   RepositoryState read() {
-    TrustedSet trusted = read_roots();
-    read_timestamp(trusted);
+    read_roots();
+    read_timestamp();
     if (state_.is_published()) {
-      read_child(trusted, "snapshot", "timestamp", "snapshot.json");
-      read_child(trusted, "targets", "snapshot", "targets.json");
+      read_child("snapshot", "timestamp", "snapshot.json");
+      read_child("targets", "snapshot", "targets.json");
     }
     return std::move(state_);
   }
 
  private:
   // The oldest root is the one that the folder was made with.
-  TrustedSet read_roots() {
+  void read_roots() {
     for (const char* const role : repository_roles) {
       state_.documents[role] = {};
     }
@@ -110,33 +111,38 @@ class StateReader {
     std::string file = role_file("root", versions.front());
     std::string text = folder_.read_document(file);
     TrustedSet trusted = about(folder_.metadata() / file, [&] { return TrustedSet(text); });
-    state_.roots[versions.front()] = text;
+    take_root(versions.front(), text, trusted);
     for (std::size_t next = 1; next < versions.size() && versions[next] == versions[next - 1] + 1; ++next) {
       file = role_file("root", versions[next]);
       text = folder_.read_document(file);
       about(folder_.metadata() / file, [&] { trusted.trust_root(trusted.verified_next_root(text, tuf_root_limit)); });
-      state_.roots[versions[next]] = text;
+      take_root(versions[next], text, trusted);
     }
     const std::uint64_t version = state_.roots.rbegin()->first;
     state_.documents["root"] = {
         role_file("root", version), state_.roots.rbegin()->second, trusted.root(), version, "", ""};
-    return trusted;
   }
 
-  void read_timestamp(TrustedSet& trusted) {
+  void take_root(std::uint64_t version, const std::string& text, const TrustedSet& trusted) {
+    state_.roots[version] = text;
+    roots_.push_back(trusted.root().at("signed"));
+  }
+
+  void read_timestamp() {
     if (is_missing(folder_.metadata() / role_file("timestamp", 0))) {
       return;
     }
     RoleDocument& found = read_shaped("timestamp", role_file("timestamp", 0), repository_timestamp_limit);
-    judge(found, [&] { trusted.trust_timestamp(trusted.verified_timestamp(found.text, repository_timestamp_limit)); });
+    judge(found, [&](const Json& root) {
+      verify_threshold(found.document, root.at("keys"), root.at("roles").at("timestamp"));
+    });
   }
 
-  void read_child(TrustedSet& trusted, const std::string& role, const std::string& parent, const char* name) {
+  void read_child(const std::string& role, const std::string& parent, const char* name) {
     const Json& meta = state_.documents.at(parent).document.at("signed").at("meta").at(name);
     const std::uint64_t version = positive_version(meta.at("version"));
     RoleDocument& found = read_shaped(role, role_file(role, version), repository_metadata_limit);
-    const Json& root = trusted.root().at("signed");
-    judge(found, [&] {
+    judge(found, [&](const Json& root) {
       verified_role(found.text, {meta, root.at("keys"), root.at("roles").at(role)}, role, repository_metadata_limit,
                     TufTime::min());
     });
@@ -154,17 +160,27 @@ class StateReader {
     return found;
   }
 
+  // Verifies a document by the root in force. One that this root refuses may still be what a former one has authorized.
   template <typename Work>
-  static void judge(RoleDocument& found, Work work) {
+  void judge(RoleDocument& found, Work verify) const {
     try {
-      work();
+      verify(roots_.back());
     } catch (const Error& error) {
       found.code = error.code;
       found.message = error.what();
+      found.is_authentic = std::any_of(roots_.begin(), roots_.end(), [&](const Json& root) {
+        try {
+          verify(root);
+          return true;
+        } catch (const Error&) {
+          return false;
+        }
+      });
     }
   }
 
   const RepositoryFolder& folder_;
+  std::vector<Json> roots_;  // the "signed" parts of those that clients walk; the last one is in force
   RepositoryState state_;
 };
 
@@ -275,6 +291,16 @@ void RepositoryFolder::publish_document(const std::string& file, const std::stri
     return;
   }
   replace_file(folder_, path, text);
+}
+
+void require_authentic(const RepositoryFolder& folder, const RepositoryState& state) {
+  for (const char* const role : {"timestamp", "snapshot", "targets"}) {
+    const RoleDocument& document = state.role(role);
+    require(document.is_authentic, "unsigned_role",
+            std::string("The document of the role ") + role +
+                " is none that the keys of this repository have signed: " + document.message + "; fetch " +
+                document.file + " from your site into " + path_utf8(folder.metadata()));
+  }
 }
 
 void require_sound(const RepositoryState& state, TufTime now) {

@@ -58,6 +58,9 @@ struct RoleDocument {
   // Why clients that trust the repository's root would refuse it; empty for a document that they accept while it lasts.
   std::string code;
   std::string message;
+  // Whether the keys of the root in force or of a former one have signed it, and it is the one that its parent
+  // describes.
+  bool is_authentic = true;
 
   bool exists() const { return !file.empty(); }
   bool is_accepted() const { return exists() && code.empty(); }
@@ -139,6 +142,10 @@ class RepositoryFolder {
   Handle lock_;
   PublisherRecord record_;
 };
+
+// Accepts only a state whose content may be signed anew: every document is authentic. Fails with "unsigned_role", and
+// the message says where the document is to be had.
+void require_authentic(const RepositoryFolder& folder, const RepositoryState& state);
 
 // Accepts only a state that a new document may stand on: every role is signed as its root demands and, at `now`, has
 // not expired. Roles without a document are passed over. Fails with "unsigned_role" and "expired_role"; the messages

@@ -9,6 +9,13 @@
 namespace ravok {
 namespace {
 
+// What was not signed must neither be signed anew nor be counted on from.
+RepositoryState authentic_state(const RepositoryFolder& folder) {
+  RepositoryState state = folder.state();
+  require_authentic(folder, state);
+  return state;
+}
+
 constexpr std::uint64_t root_warning_days = 90;
 
 std::string listed_names(const std::vector<std::string>& names) {
@@ -57,7 +64,7 @@ RepositorySession::RepositorySession(const std::filesystem::path& folder, TufTim
     : now_(now),
       folder_(folder, RepositoryFolder::Use::change),
       finished_former_(finish_publication(folder_)),
-      state_(folder_.state()),
+      state_(authentic_state(folder_)),
       draft_(RepositoryDraft::open(folder_, state_, now)) {
   // To begin again with the first timestamp would strand every client that has seen a later one.
   require(state_.is_published() || folder_.versions("snapshot").empty(), "missing_file",

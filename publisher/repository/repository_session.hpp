@@ -34,8 +34,8 @@ std::string needs_text(const std::vector<SignatureNeed>& needs);
 class RepositorySession {
  public:
   // Opens the folder, finishes a publication that was broken off, and reads what is published. Fails as
-  // RepositoryFolder, finish_publication, RepositoryFolder::state and RepositoryDraft::open do, and with "missing_file"
-  // where a timestamp must have been.
+  // RepositoryFolder, finish_publication, RepositoryFolder::state, require_authentic and RepositoryDraft::open do, and
+  // with "missing_file" where a timestamp must have been.
   RepositorySession(const std::filesystem::path& folder, TufTime now);
   RepositorySession(const RepositorySession&) = delete;
   RepositorySession& operator=(const RepositorySession&) = delete;

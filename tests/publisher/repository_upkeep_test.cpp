@@ -1,5 +1,6 @@
 // What keeps a repository alive between its releases: refresh, withdraw, and drafts that are signed over a long time.
 
+#include <cstdint>
 #include <filesystem>
 #include <string>
 #include <vector>
@@ -7,8 +8,11 @@
 #include <gtest/gtest.h>
 
 #include "app/download/installed_repository.hpp"
+#include "domain/crypto.hpp"
 #include "publisher/repository/discard_draft.hpp"
+#include "publisher/repository/key_rotation.hpp"
 #include "publisher/repository/repository_draft.hpp"
+#include "publisher/repository/repository_status.hpp"
 #include "support/failure.hpp"
 #include "support/repository_place.hpp"
 #include "support/tree_state.hpp"
@@ -452,13 +456,110 @@ TEST(RepositoryFolders, TellWhatClientsWouldRefuse) {
   Json timestamp = Json::parse(place.root.read("repository/public/tuf/metadata/timestamp.json"));
   timestamp["signatures"] = Json::array();
   place.root.write("repository/public/tuf/metadata/timestamp.json", timestamp.dump());
-  const TreeState before = tree_state(place.folder);
-  EXPECT_FAILURE(place.release({place.launcher("1.0.0")}), "unsigned_role",
-                 "Clients would refuse the document of the role timestamp: Metadata does not meet its authorized "
+  EXPECT_EQ(repository_status(place.folder, place.now).roles.back().problem,
+            "Metadata does not meet its authorized signature threshold");
+}
+
+// A repository whose folder somebody can write to who has none of its keys.
+struct ForgedPlace : RepositoryPlace {
+  explicit ForgedPlace(const PlaceRoles& roles = {}) : RepositoryPlace(roles) {
+    init();
+    release({launcher("1.0.0")});
+  }
+
+  // Changes the "signed" part of a published document without any key.
+  void forge(const std::string& file, const Json& change) const {
+    const std::string path = "repository/public/tuf/metadata/" + file;
+    Json document = Json::parse(root.read(path));
+    document["signed"].merge_patch(change);
+    root.write(path, document.dump());
+  }
+
+  // Adds a target, with its file, to the targets that are published.
+  void forge_target() const {
+    const std::string bytes = "evil";
+    root.write("repository/public/tuf/targets/" + target_file("evil.bin", digest(bytes, "sha256")).native(), bytes);
+    const Json target = {{"length", bytes.size()}, {"hashes", {{"sha256", digest(bytes, "sha256")}}}};
+    forge("2.targets.json", {{"targets", {{"evil.bin", target}}}});
+  }
+
+  // No command signs anything, and the folder stays byte for byte as it is.
+  void expect_refused(const std::string& role, const std::string& file, const std::string& why) const {
+    const TreeState before = tree_state(folder);
+    const std::string message = "The document of the role " + role +
+                                " is none that the keys of this repository have signed: " + why + "; fetch " + file +
+                                " from your site into " + (folder / "public/tuf/metadata").native();
+    const auto refused = [&](const auto& work) {
+      EXPECT_FAILURE(work(), "unsigned_role", message);
+      expect_unchanged(*this, before);
+    };
+    refused([&] { refresh(); });
+    refused([&] { release({launcher("1.0.1")}); });
+    refused([&] { withdraw("1.0.0"); });
+    refused([&] { sign_draft(folder, signers({"ann", "online"}), now); });
+  }
+};
+
+constexpr const char* other_length = "Metadata length does not match its parent";
+
+TEST(ForgedDocuments, AreNotSignedByTheRefresh) {
+  const ForgedPlace place;
+  place.forge_target();
+  place.expect_refused("targets", "2.targets.json", other_length);
+}
+
+TEST(ForgedDocuments, AreNotSignedByTheLastSignatureOfADraft) {
+  PlaceRoles roles;
+  roles.root = {{"root", "ann"}, 2};
+  const ForgedPlace place(roles);
+  ASSERT_FALSE(rotate(place, next_root(place, "snapshot", {"online", "online-2"}), {"root"}).published);
+  place.forge_target();
+  place.expect_refused("targets", "2.targets.json", other_length);
+  EXPECT_FAILURE(repository_status(place.folder, place.now), "unsigned_role",
+                 "The document of the role targets is none that the keys of this repository have signed: Metadata "
+                 "length does not match its parent; fetch 2.targets.json from your site into " +
+                     (place.folder / "public/tuf/metadata").native());
+}
+
+TEST(ForgedDocuments, DoNotTakeTheNumbersOfLaterOnes) {
+  const ForgedPlace place;
+  place.forge("timestamp.json", {{"version", UINT64_MAX - 2}});
+  place.expect_refused("timestamp", "timestamp.json", "Metadata does not meet its authorized signature threshold");
+}
+
+TEST(ForgedDocuments, AreNoReasonToFinishOrGiveUpAPublication) {
+  const ForgedPlace place;
+  const std::filesystem::path kept = place.root / "kept";
+  std::filesystem::copy(place.folder, kept, std::filesystem::copy_options::recursive);
+  refresh_repository({place.folder, {}, true}, place.signers(), place.now);
+  const std::string next = place.root.read("repository/public/tuf/metadata/timestamp.json");
+  std::filesystem::remove_all(place.folder);
+  std::filesystem::rename(kept, place.folder);
+  place.root.write("repository/draft/timestamp.json", next);
+  const Json begun = {{"schema_version", 1},
+                      {"kind", "ravok-repository-draft"},
+                      {"documents", {{"timestamp", "timestamp.json"}}},
+                      {"upload", {"tuf/metadata/timestamp.json"}}};
+  place.root.write("repository/draft/draft.json", begun.dump());
+  place.forge("timestamp.json", {{"version", UINT64_MAX - 2}});
+  place.expect_refused("timestamp", "timestamp.json", "Metadata does not meet its authorized signature threshold");
+}
+
+// The present root may ask for other keys or more of them, and time may have passed.
+TEST(ForgedDocuments, AreNoneThatAFormerRootHasAuthorized) {
+  ForgedPlace place;
+  const std::string former = place.root.read("repository/public/tuf/metadata/timestamp.json");
+  ASSERT_TRUE(rotate(place, next_root(place, "snapshot", {"online-2"}), {"root", "online", "online-2"}).published);
+  ASSERT_TRUE(
+      rotate(place, next_root(place, "targets", {"online", "online-2"}, 2), {"root", "online", "online-2"}).published);
+  place.root.write("repository/public/tuf/metadata/timestamp.json", former);
+  EXPECT_EQ(place.versions(), (Versions{3, 2, 2, 2}));
+  EXPECT_FAILURE(place.release({place.launcher("1.0.1")}), "unsigned_role",
+                 "Clients would refuse the document of the role targets: Metadata does not meet its authorized "
                  "signature threshold; sign it anew with 'ravok-publish repository refresh'");
-  expect_unchanged(place, before);
-  EXPECT_TRUE(place.refresh().repository.published);
-  EXPECT_EQ(place.seen_build(), "");
+  place.now = parse_tuf_time("2040-01-01T00:00:00Z");
+  EXPECT_TRUE(place.refresh({"online", "online-2"}).repository.published);
+  EXPECT_EQ(place.seen_build(), "1.0.0");
 }
 
 }  // namespace
