@@ -39,7 +39,8 @@ DiscardOutcome discard_draft(const std::filesystem::path& folder, TufTime now) {
   try {
     return discard(folder, now);
   } catch (const Error& error) {
-    if (error.code == "no_repository" || says_nothing_of_draft(error.code) || !remove_any_draft(folder)) {
+    const bool is_of_draft = error.code == "invalid_draft" || error.code == "version_taken";
+    if (!is_of_draft || !remove_any_draft(folder)) {
       throw;
     }
   }

@@ -14,9 +14,9 @@ struct DiscardOutcome {
 };
 
 // Removes the draft, whoever has signed it. A publication that had begun is finished instead, since clients may have
-// seen a part of it. A draft that is damaged, and a publication that cannot be finished, go too; but nothing goes for a
-// failure that says nothing of the draft, such as a full disk. Fails as RepositorySession, remove_folder and
-// tidy_upload_list do.
+// seen a part of it. A draft that is damaged goes too, and a publication whose files are damaged or whose names are
+// taken; but nothing goes for any other failure, such as a full disk or a published document that is missing. Fails as
+// RepositorySession, remove_folder and tidy_upload_list do.
 DiscardOutcome discard_draft(const std::filesystem::path& folder, TufTime now);
 
 }  // namespace ravok

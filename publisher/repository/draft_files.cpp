@@ -185,8 +185,10 @@ bool finish_publication(const RepositoryFolder& folder) {
   }
   const RepositoryState state = folder.state();
   require_authentic(folder, state);
-  read_files_of_draft(folder, [&] { require_authorized(folder, state, stored->document); });
-  require_target_files(folder, targets_of_draft(folder, stored->document.at("documents")), NewFiles::proved);
+  read_files_of_draft(folder, [&] {
+    require_authorized(folder, state, stored->document);
+    require_target_files(folder, targets_of_draft(folder, stored->document.at("documents")), NewFiles::proved);
+  });
   publish_draft(folder, state, stored->document);
   return true;
 }

@@ -73,7 +73,8 @@ void publish_draft(const RepositoryFolder& folder, const RepositoryState& presen
 
 // Finishes a publication that was broken off. Returns whether there was one. What lies in the draft is judged anew,
 // since a folder may have been copied from somebody else: fails with "invalid_draft" for documents that the published
-// ones do not authorize; and as RepositoryFolder::state, require_authentic and publish_draft do.
+// ones do not authorize, and for targets whose files are not there; and as RepositoryFolder::state, require_authentic
+// and publish_draft do.
 bool finish_publication(const RepositoryFolder& folder);
 
 // Removes the draft. Fails with "file_remove" and "file_sync".

@@ -285,7 +285,9 @@ void RepositoryFolder::publish_document(const std::string& file, const std::stri
   const std::filesystem::path path = metadata() / file;
   if (file != role_file("timestamp", 0) && !is_missing(path)) {
     require(read_file(path, repository_metadata_limit) == text, "version_taken",
-            "Another document has this name already: " + path_utf8(path));
+            "Another document has this name already, and 'ravok-publish repository discard' gives up what was to have "
+            "it: " +
+                path_utf8(path));
     // It may be there without being durable yet.
     sync_directory(metadata());
     return;

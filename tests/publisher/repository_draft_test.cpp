@@ -179,23 +179,18 @@ TEST(BegunPublications, ProveTheFilesOfTargetsBeforeAnythingAppears) {
   BegunPublication begun;
   auto& [name, bytes] = *begun.targets.begin();
   bytes.back() = static_cast<char>(bytes.back() ^ 1);
-  begun.write();
-  const TreeState before = tree_state(begun.place.root.path());
-  EXPECT_FAILURE(
-      RepositorySession(begun.place.folder, begun.place.now), "content_mismatch",
-      "The draft's file is not the one that its name says: " + (begun.place.folder / "draft/targets" / name).native());
-  EXPECT_TRUE(same_tree(tree_state(begun.place.root.path()), before));
+  begun.expect_refused("The draft's file is not the one that its name says: " +
+                       (begun.place.folder / "draft/targets" / name).native());
 }
 
 TEST(BegunPublications, AreRefusedWithoutTheFilesOfTheirTargets) {
-  const BegunPublication begun;
+  BegunPublication begun;
   const std::string name = begun.targets.begin()->first;
+  begun.targets.erase(name);
   std::filesystem::remove(begun.place.folder / "draft/targets" / name);
-  const TreeState before = tree_state(begun.place.root.path());
-  EXPECT_FAILURE(RepositorySession(begun.place.folder, begun.place.now), "missing_file",
-                 "The file of the target " + name.substr(65) + " is missing or has another length: " +
-                     (begun.place.folder / "public/tuf/targets" / name).native());
-  EXPECT_TRUE(same_tree(tree_state(begun.place.root.path()), before));
+  begun.expect_refused("The file of the target " + name.substr(65) + " is missing or has another length: " +
+                       (begun.place.folder / "public/tuf/targets" / name).native());
+  EXPECT_EQ(discard_draft(begun.place.folder, begun.place.now).action, "unknown");
 }
 
 // A place where two must sign the targets, and one of them has signed a release.
@@ -332,7 +327,8 @@ TEST(DiscardedDrafts, AreAlsoThoseWhosePublicationCannotBeFinished) {
   const BegunPublication begun;
   begun.place.root.write(std::string(metadata_folder) + "2.targets.json", begun.documents.at("targets").text + " ");
   EXPECT_FAILURE(RepositorySession(begun.place.folder, begun.place.now), "version_taken",
-                 "Another document has this name already: " +
+                 "Another document has this name already, and 'ravok-publish repository discard' gives up what was to "
+                 "have it: " +
                      (begun.place.folder / "public/tuf/metadata/2.targets.json").native());
   EXPECT_EQ(discard_draft(begun.place.folder, begun.place.now).action, "unknown");
   EXPECT_FALSE(std::filesystem::exists(begun.place.folder / "draft"));
@@ -342,6 +338,37 @@ TEST(DiscardedDrafts, AreAlsoThoseWhosePublicationCannotBeFinished) {
             "tuf/metadata/timestamp.json\n");
   EXPECT_TRUE(begun.place.release({begun.place.launcher("1.0.1")}).repository.published);
   EXPECT_EQ(begun.place.seen_build(), "1.0.1");
+}
+
+// What is wrong with the published side is no reason to lose signatures.
+TEST(DiscardedDrafts, AreNoneForWhichAPublishedDocumentIsMissing) {
+  const auto expect_kept = [](const RepositoryPlace& place, const std::string& file, const std::string& message) {
+    const std::filesystem::path document = place.folder / "public/tuf/metadata" / file;
+    std::filesystem::rename(document, place.root / "kept");
+    const TreeState before = tree_state(place.folder);
+    EXPECT_FAILURE(discard_draft(place.folder, place.now), "missing_file", message + document.native());
+    EXPECT_TRUE(same_tree(tree_state(place.folder), before));
+    std::filesystem::rename(place.root / "kept", document);
+  };
+  const std::string lacks = "The repository lacks a document: ";
+  const WaitingDraft waiting;
+  expect_kept(waiting.place, "1.snapshot.json", lacks);
+  const std::filesystem::path metadata = waiting.place.folder / "public/tuf/metadata";
+  std::filesystem::rename(metadata / "timestamp.json", waiting.place.root / "kept");
+  const TreeState before = tree_state(waiting.place.folder);
+  EXPECT_FAILURE(discard_draft(waiting.place.folder, waiting.place.now), "missing_file",
+                 "timestamp.json is gone; fetch the newest one from your site into " + metadata.native());
+  EXPECT_TRUE(same_tree(tree_state(waiting.place.folder), before));
+  std::filesystem::rename(waiting.place.root / "kept", metadata / "timestamp.json");
+  EXPECT_TRUE(waiting.sign({"ben", "online"}).published);
+
+  const BegunPublication begun;
+  expect_kept(begun.place, "1.snapshot.json", lacks);
+  expect_kept(begun.place, "1.targets.json", lacks);
+  // A publication brings the timestamp itself.
+  std::filesystem::remove(begun.place.folder / "public/tuf/metadata/timestamp.json");
+  EXPECT_TRUE(discard_draft(begun.place.folder, begun.place.now).repository.finished_former);
+  EXPECT_EQ(begun.place.seen_build(), "1.0.0");
 }
 
 class DiscardedPublication : public ::testing::TestWithParam<const char*> {};

@@ -440,7 +440,8 @@ TEST(RepositoryFolders, NeverGiveADocumentsNameToOtherBytes) {
   const RepositoryFolder folder(place.folder, RepositoryFolder::Use::change);
   EXPECT_FAILURE(
       folder.publish_document("7.snapshot.json", "other"), "version_taken",
-      "Another document has this name already: " + (place.folder / "public/tuf/metadata/7.snapshot.json").native());
+      "Another document has this name already, and 'ravok-publish repository discard' gives up what was to have it: " +
+          (place.folder / "public/tuf/metadata/7.snapshot.json").native());
 }
 
 TEST(RepositoryFolders, TakeDocumentsAsLargeAsInstalledClientsDo) {
@@ -497,6 +498,7 @@ struct ForgedPlace : RepositoryPlace {
     refused([&] { release({launcher("1.0.1")}); });
     refused([&] { withdraw("1.0.0"); });
     refused([&] { sign_draft(folder, signers({"ann", "online"}), now); });
+    refused([&] { discard_draft(folder, now); });
   }
 };
 
