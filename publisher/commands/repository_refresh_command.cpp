@@ -27,11 +27,11 @@ CommandResult refresh(RefreshOptions& options, const CommandRun& run) {
   const RefreshOutcome outcome = refresh_repository(options.refresh, open_signers(options.signers), present_tuf_time());
   CommandResult result;
   for (const std::string& role : outcome.left) {
-    result.complaints.push_back("The role " + role + " is due and lasts until " +
-                                tuf_day_text(outcome.repository.state.role(role).expires()) + "; " +
-                                (role == "targets" && outcome.left_for_draft
-                                     ? "it stays as it is while a draft waits"
-                                     : "its keys are not among those to sign with"));
+    const bool is_of_draft = role == "targets" && outcome.left_for_draft;
+    result.complaints.push_back(
+        "The role " + role + (is_of_draft && outcome.left_though_asked ? " lasts until " : " is due and lasts until ") +
+        tuf_day_text(outcome.repository.state.role(role).expires()) + "; " +
+        (is_of_draft ? "it stays as it is while a draft waits" : "its keys are not among those to sign with"));
   }
   if (!outcome.was_due && outcome.next_due) {
     result.lines = {"Nothing is due before " + tuf_day_text(*outcome.next_due)};

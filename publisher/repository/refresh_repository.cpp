@@ -69,9 +69,9 @@ class Refresh {
   const std::vector<Signer>& signers_;
 };
 
-// Chooses the roles to renew, and tells which are left for another time. Beside a draft that waits the targets are left
-// as they are while they stand: they are what it was begun on.
-std::set<std::string> choose_renewed(const RepositoryRefresh& refresh, const Refresh& judged, bool is_beside_draft,
+// Chooses the roles to renew, and tells which are left for another time. Beside a draft of other targets the present
+// ones are left as they are while they stand: they are what it was begun on.
+std::set<std::string> choose_renewed(const RepositoryRefresh& refresh, const Refresh& judged, bool stands_on_targets,
                                      RefreshOutcome& outcome) {
   std::set<std::string> due;
   for (const std::string role : renewed_roles) {
@@ -85,12 +85,14 @@ std::set<std::string> choose_renewed(const RepositoryRefresh& refresh, const Ref
   }
   std::set<std::string> renewed;
   for (const std::string& role : due) {
-    const bool is_of_draft = is_beside_draft && role == "targets";
+    const bool is_of_draft = stands_on_targets && role == "targets";
     if ((judged.can_sign(role) && !is_of_draft) || !judged.stands(role)) {
       renewed.insert(role);
     } else {
       outcome.left.push_back(role);
       outcome.left_for_draft = outcome.left_for_draft || is_of_draft;
+      // Only the targets of a draft are left although the signers could sign them.
+      outcome.left_though_asked = outcome.left_though_asked || !judged.is_due(role);
     }
   }
   return renewed;
@@ -119,7 +121,8 @@ RefreshOutcome refresh_repository(const RepositoryRefresh& refresh, const std::v
   const Refresh judged(refresh, session, signers);
   RefreshOutcome outcome;
   const bool is_beside_draft = session.draft() && session.draft()->waits() && !session.draft()->is_stale();
-  const std::set<std::string> renewed = choose_renewed(refresh, judged, is_beside_draft, outcome);
+  const bool stands_on_targets = is_beside_draft && !session.draft()->wanted_targets().is_null();
+  const std::set<std::string> renewed = choose_renewed(refresh, judged, stands_on_targets, outcome);
   outcome.was_due = !renewed.empty();
   if (!outcome.was_due) {
     outcome.repository = session.unchanged();
@@ -133,7 +136,7 @@ RefreshOutcome refresh_repository(const RepositoryRefresh& refresh, const std::v
     changes.days = {{"targets", *refresh.days}, {"snapshot", *refresh.days}, {"timestamp", *refresh.days}};
   }
   const bool fits_beside =
-      is_beside_draft && !renewed.contains("targets") &&
+      is_beside_draft && !(stands_on_targets && renewed.contains("targets")) &&
       std::all_of(renewed.begin(), renewed.end(), [&](const std::string& role) { return judged.can_sign(role); });
   if (!fits_beside) {
     session.require_no_draft();

@@ -123,7 +123,7 @@ void RepositoryDraft::load(const Json& document, TufTime now) {
   waits_ = document.at("waits").get<bool>();
   const Json& base = document.at("base");
   stale_ = base.at("root") != state_.role("root").version ||
-           (makes("targets") && base.at("targets") != state_.role("targets").version);
+           (!targets_.is_null() && base.at("targets") != state_.role("targets").version);
   require_wanted();
   for (const std::string& role : roles_) {
     if (const Json& documents = document.at("documents"); documents.contains(role)) {

@@ -170,6 +170,20 @@ TEST_F(PublishRelease, SaysThatARefreshLeavesTheTargetsToADraft) {
   EXPECT_EQ(place_.versions(), (std::vector<std::uint64_t>{1, 1, 2, 2}));
 }
 
+TEST_F(PublishRelease, DoesNotCallDueWhatAForcedRefreshLeavesToADraft) {
+  init();
+  const std::string second = place_.key("second");
+  ASSERT_EQ(publisher({"rotate", folder_, "--role", "targets", "--add", second + ".pub", "--key", place_.key("root")})
+                .exit_code,
+            0);
+  expect_done({"release", folder_, "--manifest", place_.launcher("1.0.0")});
+  expect_done(
+      signed_by_online({"refresh", folder_, "--force", "--key", second}),
+      "The role targets lasts until " +
+          tuf_day_text(RepositoryFolder(folder_, RepositoryFolder::Use::read).state().role("targets").expires()) +
+          "; it stays as it is while a draft waits\nThe key second speaks for no document that was made\n");
+}
+
 TEST_F(PublishRelease, RefusesWrongCommandLines) {
   expect_refused({}, 2, std::string("A subcommand is required") + see_help);
   expect_refused({"release"}, 2, std::string("DIR is required") + see_help);

@@ -385,25 +385,52 @@ TEST(RepositoryDrafts, OfANewRootWaitForTheOldKeysAndTheNew) {
 }
 
 TEST(RepositoryDrafts, KeepTheTargetsThatTheyStandOnFromARefresh) {
-  RepositoryPlace place;
+  PlaceRoles roles;
+  roles.targets = {{"online", "ann"}, 1};
+  RepositoryPlace place(roles);
   place.init();
-  EXPECT_FALSE(rotate(place, next_root(place, "root", {"root-2"}), {}).published);
+  EXPECT_FALSE(place.release({place.launcher("1.0.0")}, {}).repository.published);
+  const RefreshOutcome asked =
+      refresh_repository({place.folder, {}, true}, place.signers({"online", "ann"}), place.now);
+  EXPECT_EQ(asked.left, (Names{"targets"}));
+  EXPECT_TRUE(asked.left_though_asked);
+  EXPECT_EQ(place.versions(), (Versions{1, 1, 1, 2}));
   place.now = parse_tuf_time("2030-07-10T00:00:00Z");
   const RefreshOutcome outcome = place.refresh();
+  EXPECT_FALSE(outcome.left_though_asked);
   EXPECT_EQ(outcome.repository.roles, (Names{"snapshot", "timestamp"}));
   EXPECT_EQ(outcome.left, (Names{"targets"}));
   EXPECT_TRUE(outcome.left_for_draft);
-  EXPECT_EQ(place.versions(), (Versions{1, 1, 2, 2}));
-  {
-    RepositorySession session(place.folder, place.now);
-    ASSERT_TRUE(session.draft());
-    EXPECT_TRUE(session.conclude(*session.draft(), place.signers({"root", "root-2"})).published);
+  EXPECT_EQ(place.versions(), (Versions{1, 1, 2, 3}));
+  EXPECT_TRUE(sign_draft(place.folder, place.signers(), place.now).published);
+  EXPECT_EQ(place.versions(), (Versions{1, 2, 3, 4}));
+  EXPECT_EQ(place.seen_build(), "1.0.0");
+}
+
+// A root may wait for weeks, and wants no other targets than there are.
+TEST(RepositoryDrafts, OfARootLeaveTheTargetsToTheRefresh) {
+  PlaceRoles roles;
+  roles.root = {{"root", "bob"}, 2};
+  roles.root_expires = "2040-01-01T00:00:00Z";
+  for (const char* const role : {"root", "targets"}) {
+    RepositoryPlace place(roles);
+    place.init();
+    place.release({place.launcher("1.0.0")});
+    const Json root = std::string(role) == "root" ? next_root(place, role, {"root", "bob", "fresh"}, 2)
+                                                  : next_root(place, role, {"fresh"});
+    EXPECT_FALSE(rotate(place, root, {"root", "fresh"}).published);
+    for (const int days : {200, 400, 800}) {
+      place.now = days_after(parse_tuf_time("2030-01-01T00:00:00Z"), static_cast<std::uint64_t>(days));
+      const RefreshOutcome outcome = place.refresh();
+      EXPECT_TRUE(outcome.repository.published);
+      EXPECT_EQ(outcome.repository.roles, (Names{"targets", "snapshot", "timestamp"}));
+      EXPECT_TRUE(outcome.left.empty());
+      EXPECT_EQ(place.seen_build(), "1.0.0");
+    }
+    EXPECT_TRUE(sign_draft(place.folder, place.signers({"bob", "fresh", "online"}), place.now).published);
+    EXPECT_EQ(place.versions().front(), 2u);
+    EXPECT_EQ(place.seen_build(), "1.0.0");
   }
-  const RefreshOutcome next = place.refresh();
-  EXPECT_EQ(next.repository.roles, (Names{"targets", "snapshot", "timestamp"}));
-  EXPECT_FALSE(next.left_for_draft);
-  EXPECT_EQ(place.versions(), (Versions{2, 2, 3, 3}));
-  EXPECT_EQ(place.seen_build(), "");
 }
 
 TEST(RepositoryDrafts, AreStaleOnceWhatTheyStandOnHasChanged) {
