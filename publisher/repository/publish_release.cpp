@@ -14,7 +14,6 @@
 #include "platform/file/files.hpp"
 #include "platform/file/status.hpp"
 #include "publisher/publish_files.hpp"
-#include "publisher/repository/draft_files.hpp"
 #include "publisher/repository/former_targets.hpp"
 #include "publisher/repository/key_advice.hpp"
 #include "publisher/repository/release_manifest.hpp"
@@ -342,15 +341,7 @@ ReleaseOutcome publish_release(const RepositoryRelease& release, const std::vect
   if (release.days) {
     changes.days = {{"targets", *release.days}, {"snapshot", *release.days}, {"timestamp", *release.days}};
   }
-  try {
-    wanted.copy(progress);
-    outcome.repository =
-        session.conclude(RepositoryDraft::begin(session.folder(), session.state(), changes, now), signers);
-  } catch (...) {
-    // What was copied may be large, and the disk full.
-    drop_failed_draft(session.folder());
-    throw;
-  }
+  outcome.repository = session.conclude_or_drop(changes, signers, [&] { wanted.copy(progress); });
   return outcome;
 }
 

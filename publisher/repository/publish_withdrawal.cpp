@@ -116,8 +116,7 @@ WithdrawalOutcome withdraw_build(const RepositoryWithdrawal& withdrawal, const s
   if (withdrawal.days) {
     changes.days = {{"targets", *withdrawal.days}, {"snapshot", *withdrawal.days}, {"timestamp", *withdrawal.days}};
   }
-  outcome.repository =
-      session.conclude(RepositoryDraft::begin(session.folder(), session.state(), changes, now), signers);
+  outcome.repository = session.conclude_or_drop(changes, signers);
   return outcome;
 }
 

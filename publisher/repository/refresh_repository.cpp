@@ -138,13 +138,14 @@ RefreshOutcome refresh_repository(const RepositoryRefresh& refresh, const std::v
   const bool fits_beside =
       is_beside_draft && !(stands_on_targets && renewed.contains("targets")) &&
       std::all_of(renewed.begin(), renewed.end(), [&](const std::string& role) { return judged.can_sign(role); });
-  if (!fits_beside) {
+  if (fits_beside) {
+    outcome.repository = session.conclude(
+        RepositoryDraft::begin(session.folder(), session.state(), changes, now, RepositoryDraft::Place::memory),
+        signers);
+  } else {
     session.require_no_draft();
+    outcome.repository = session.conclude_or_drop(changes, signers);
   }
-  outcome.repository = session.conclude(
-      RepositoryDraft::begin(session.folder(), session.state(), changes, now,
-                             fits_beside ? RepositoryDraft::Place::memory : RepositoryDraft::Place::folder),
-      signers);
   outcome.next_due = earliest_due(refresh, session);
   return outcome;
 }

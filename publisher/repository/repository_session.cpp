@@ -123,6 +123,20 @@ RepositoryOutcome RepositorySession::conclude(RepositoryDraft draft, const std::
   return outcome;
 }
 
+RepositoryOutcome RepositorySession::conclude_or_drop(const DraftChanges& changes, const std::vector<Signer>& signers,
+                                                      const std::function<void()>& prepare) {
+  try {
+    if (prepare) {
+      prepare();
+    }
+    return conclude(RepositoryDraft::begin(folder_, state_, changes, now_), signers);
+  } catch (...) {
+    // Nobody is to be asked to sign it, and what was copied may be large, and the disk full.
+    drop_failed_draft(folder_);
+    throw;
+  }
+}
+
 RepositoryOutcome RepositorySession::unchanged() const {
   RepositoryOutcome outcome;
   outcome.finished_former = finished_former_;

@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <filesystem>
+#include <functional>
 #include <map>
 #include <optional>
 #include <string>
@@ -57,6 +58,12 @@ class RepositorySession {
   // Signs a draft with the signers, and publishes it if that is enough. Otherwise it waits in the folder. Fails as
   // sign and publish do.
   RepositoryOutcome conclude(RepositoryDraft draft, const std::vector<Signer>& signers);
+
+  // Begins a draft, after `prepare` has put new target files into its folder, and concludes it. A failure leaves no
+  // draft in the folder, unless its publication has begun. Fails as begin, conclude and `prepare` do, which may be
+  // empty.
+  RepositoryOutcome conclude_or_drop(const DraftChanges& changes, const std::vector<Signer>& signers,
+                                     const std::function<void()>& prepare = {});
 
   // The outcome of a command that had nothing to change.
   RepositoryOutcome unchanged() const;

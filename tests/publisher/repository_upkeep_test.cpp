@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <filesystem>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -260,6 +261,49 @@ TEST(RepositoryWithdrawal, RefusesAKeyOfNoRole) {
   const TreeState before = tree_state(place.folder);
   EXPECT_FAILURE(place.withdraw("1", {"stranger"}), "wrong_key",
                  "The key stranger speaks for no role of this repository");
+  expect_unchanged(place, before);
+}
+
+// Signers of which one fails: the one that is asked for a signature after so many others.
+std::vector<Signer> failing_signers(const RepositoryPlace& place, const Names& names, std::size_t good) {
+  const auto made = std::make_shared<std::size_t>(0);
+  std::vector<Signer> signers = place.signers(names);
+  for (Signer& signer : signers) {
+    signer.sign = [made, good, sign = signer.sign](std::string_view payload) {
+      require((*made)++ < good, "signer_failed", "The token is locked");
+      return sign(payload);
+    };
+  }
+  return signers;
+}
+
+TEST(FailedSigners, LeaveNoDraftOfAWithdrawalOrARefresh) {
+  RepositoryPlace place;
+  place.init();
+  place.release({place.launcher("1")});
+  place.now = parse_tuf_time("2030-07-10T00:00:00Z");
+  place.refresh();
+  const TreeState before = tree_state(place.folder);
+  for (std::size_t good = 0; good < 3; ++good) {
+    const auto signers = [&] { return failing_signers(place, {"online"}, good); };
+    EXPECT_FAILURE(withdraw_build({place.folder, "1", {}}, signers(), place.now), "signer_failed",
+                   "The token is locked");
+    expect_unchanged(place, before);
+    EXPECT_FAILURE(refresh_repository({place.folder, 800, false}, signers(), place.now), "signer_failed",
+                   "The token is locked");
+    expect_unchanged(place, before);
+  }
+  EXPECT_FAILURE(sign_draft(place.folder, place.signers(), place.now), "no_draft",
+                 "Nothing waits for signatures in this repository");
+}
+
+TEST(FailedSigners, OfARefreshLeaveTheDraftBesideWhichItWorks) {
+  const RepositoryPlace place;
+  place.init();
+  place.release({place.launcher("1")}, {});
+  const TreeState before = tree_state(place.folder);
+  EXPECT_FAILURE(refresh_repository({place.folder, {}, true}, failing_signers(place, {"online"}, 0), place.now),
+                 "signer_failed", "The token is locked");
   expect_unchanged(place, before);
 }
 
