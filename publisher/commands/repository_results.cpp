@@ -1,19 +1,13 @@
 #include "publisher/commands/repository_results.hpp"
 
-#include <algorithm>
-#include <cstddef>
-
 #include "domain/paths.hpp"
-#include "platform/file/files.hpp"
-#include "platform/file/status.hpp"
 #include "publisher/commands/results.hpp"
 #include "publisher/repository/repository_folder.hpp"
 #include "publisher/repository/repository_time.hpp"
+#include "publisher/repository/upload_list.hpp"
 
 namespace ravok {
 namespace {
-
-constexpr std::uint64_t list_limit = std::uint64_t{1} << 30;
 
 Json signatures_document(const std::vector<MadeSignature>& signatures) {
   Json list = Json::array();
@@ -46,14 +40,8 @@ std::string published_line(const RepositoryOutcome& outcome) {
 
 Json uploads(const std::filesystem::path& list) {
   Json files = Json::array();
-  if (is_missing(list)) {
-    return files;
-  }
-  const std::string text = read_file(list, list_limit);
-  for (std::size_t begin = 0; begin < text.size();) {
-    const std::size_t end = std::min(text.find('\n', begin), text.size());
-    files.push_back(json_text(text.substr(begin, end - begin)));
-    begin = end + 1;
+  for (const std::string& line : upload_lines(list)) {
+    files.push_back(json_text(line));
   }
   return files;
 }

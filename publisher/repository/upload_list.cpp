@@ -36,14 +36,19 @@ std::optional<std::string> read_list(const std::filesystem::path& file) {
   return {};
 }
 
-std::set<std::string> lines_of(const std::string& text) {
-  std::set<std::string> lines;
+std::vector<std::string> lines_of(const std::string& text) {
+  std::vector<std::string> lines;
   for (std::size_t begin = 0; begin < text.size();) {
     const std::size_t end = std::min(text.find('\n', begin), text.size());
-    lines.insert(text.substr(begin, end - begin));
+    lines.push_back(text.substr(begin, end - begin));
     begin = end + 1;
   }
   return lines;
+}
+
+std::set<std::string> named_by(const std::optional<std::string>& list) {
+  const std::vector<std::string> lines = lines_of(list.value_or(""));
+  return {lines.begin(), lines.end()};
 }
 
 // All that a client may ask for in one of the states, in the order of the list.
@@ -95,17 +100,21 @@ std::string uploaded_target(const std::string& path, const std::string& sha256) 
   return targets_prefix + path_utf8(target_file(path, sha256));
 }
 
+std::vector<std::string> upload_lines(const std::filesystem::path& list) {
+  return lines_of(read_list(list).value_or(""));
+}
+
 void add_to_upload_list(const RepositoryFolder& folder, const std::vector<std::string>& files,
                         const RepositoryState& present, const RepositoryState& next) {
   const std::optional<std::string> former = read_list(folder.upload_list());
-  std::set<std::string> named = lines_of(former.value_or(""));
+  std::set<std::string> named = named_by(former);
   named.insert(files.begin(), files.end());
   replace_file(folder.path(), folder.upload_list(), list_of(needed_files({&present, &next}), named, !former));
 }
 
 void tidy_upload_list(const RepositoryFolder& folder, const RepositoryState& state) {
   const std::optional<std::string> former = read_list(folder.upload_list());
-  const std::string text = list_of(needed_files({&state}), lines_of(former.value_or("")), !former);
+  const std::string text = list_of(needed_files({&state}), named_by(former), !former);
   if (text.empty()) {
     remove_file(folder.upload_list());
   } else if (text != former) {

@@ -2,6 +2,7 @@
 // it refers to, and the timestamp is last.
 #pragma once
 
+#include <filesystem>
 #include <string>
 #include <vector>
 
@@ -16,6 +17,9 @@ namespace ravok {
 // replace_file does.
 void add_to_upload_list(const RepositoryFolder& folder, const std::vector<std::string>& files,
                         const RepositoryState& present, const RepositoryState& next);
+
+// Returns the lines of a list; none of one that is not there or is lost.
+std::vector<std::string> upload_lines(const std::filesystem::path& list);
 
 // Removes the lines of files that the state needs no more. Fails as replace_file and remove_file do, and then the list
 // names too much.

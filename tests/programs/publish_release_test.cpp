@@ -101,6 +101,17 @@ TEST_F(PublishRelease, SaysWhatWasPublishedUntilWhenAndWhatToUpload) {
   EXPECT_EQ(expect_done({"discard", folder_}), "There was no draft\n");
 }
 
+TEST_F(PublishRelease, FailsForNoListThatCannotBeRead) {
+  init();
+  std::filesystem::remove(list_);
+  std::filesystem::create_symlink("nowhere", list_);
+  const Json refreshed = Json::parse(expect_done(signed_by_online({"refresh", folder_, "--json"})));
+  EXPECT_EQ(refreshed.at("upload").at("files"), Json::array());
+  const Json released =
+      Json::parse(expect_done({"release", folder_, "--manifest", place_.launcher("1.0.0"), "--json"}));
+  EXPECT_EQ(released.at("published"), false);
+}
+
 TEST_F(PublishRelease, TellsProgramsTheSame) {
   init();
   const std::filesystem::path manifest = place_.launcher("1.0.0");
