@@ -66,7 +66,8 @@ RepositoryOutcome init_repository(const RepositoryFoundation& foundation, const 
   const PublisherRecord record = make_record(foundation, signers);
   require_absent(output_path(foundation.folder));
   const std::string root = about(foundation.root, [&] { return read_file(foundation.root, tuf_root_limit); });
-  about(foundation.root, [&] { RepositoryFolder::create(foundation.folder, root, record); });
+  about(foundation.root, [&] { RepositoryFolder::require_first_document(root); });
+  RepositoryFolder::create(foundation.folder, root, record);
   std::optional<RepositorySession> session;
   try {
     session.emplace(foundation.folder, now);

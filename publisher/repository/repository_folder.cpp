@@ -212,22 +212,28 @@ std::filesystem::path target_file(const std::string& path, const std::string& sh
   return path_from_utf8(path.substr(0, name) + sha256 + "." + path.substr(name));
 }
 
-void RepositoryFolder::create(const std::filesystem::path& folder, const std::string& root_text,
-                              const PublisherRecord& record) {
-  const std::filesystem::path output = output_path(folder);
-  require_absent(output);
+void RepositoryFolder::require_first_document(const std::string& root_text) {
   require_first_root(root_text);
   const TrustedSet trusted(root_text);
   require(is_integer(trusted.root().at("signed").at("version"), 1), "invalid_version",
           "A repository begins with a root document of version 1");
   require(trusted.has_consistent_snapshot(), "invalid_root",
           "The root document does not ask for consistent snapshots, which this repository has");
+}
+
+void RepositoryFolder::create(const std::filesystem::path& folder, const std::string& root_text,
+                              const PublisherRecord& record) {
+  const std::filesystem::path output = output_path(folder);
+  require_absent(output);
+  require_first_document(root_text);
   NewFolder made(output);
   const std::filesystem::path metadata = made.path() / "public/tuf/metadata";
   make_folders(metadata);
   make_folders(made.path() / "public/tuf/targets");
   write_new_file(metadata / role_file("root", 1), root_text);
   write_new_file(made.path() / "repository.json", record_text(record));
+  // On a volume without locks nobody could change the repository, nor remove it under its lock.
+  static_cast<void>(take_lock(made.path()));
   made.commit();
 }
 

@@ -97,9 +97,13 @@ class RepositoryFolder {
     change,  // holds the lock, and removes what killed runs have left of single files
   };
 
+  // Accepts only the text of a root that a repository can begin with. Fails with "invalid_version" for one of another
+  // version than 1, with "invalid_root" for one without consistent snapshots, and as require_first_root does.
+  static void require_first_document(const std::string& root_text);
+
   // Makes the folder of a repository that has published nothing but its first root, whose text it is given. The folder
-  // must not exist yet. Fails with "output_exists", "invalid_version" for a root of another version than 1, with
-  // "invalid_root" for one without consistent snapshots, "file_write" and "file_sync", and as require_first_root does.
+  // must not exist yet. Fails with "output_exists", with "lock_failed" on a volume that has no locks, "file_write" and
+  // "file_sync", and as require_first_document does.
   static void create(const std::filesystem::path& folder, const std::string& root_text, const PublisherRecord& record);
 
   // Opens a repository's folder. Fails with "no_repository", "busy" when another run changes it, "lock_failed",

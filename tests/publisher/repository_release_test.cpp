@@ -124,9 +124,29 @@ TEST(RepositoryInit, RemovesTheFolderAgainWhenASignerFails) {
   EXPECT_FALSE(std::filesystem::exists(place.folder));
 }
 
+TEST(RepositoryInit, LeavesNothingWhereNoLockCanBeTaken) {
+  const RepositoryPlace place;
+  const testing::Planned planned(
+      {.call = "create", .countdown = 1, .beginning = ".lock", .fails = true, .problem = EPERM, .lasts = true});
+  const auto failure = testing::failure_of([&] { place.init(); });
+  ASSERT_TRUE(failure);
+  EXPECT_EQ(failure->code, "lock_failed");
+  EXPECT_FALSE(std::filesystem::exists(place.folder));
+}
+
+TEST(RepositoryInit, NamesTheRootOnlyForWhatIsWrongWithIt) {
+  const RepositoryPlace place;
+  const testing::Planned planned(
+      {.call = "create", .countdown = 1, .beginning = "1.root.json", .fails = true, .problem = ENOSPC, .lasts = true});
+  const auto failure = testing::failure_of([&] { place.init(); });
+  ASSERT_TRUE(failure);
+  EXPECT_EQ(std::string(failure->what()).find("root.json: "), std::string::npos) << failure->what();
+  EXPECT_FALSE(std::filesystem::exists(place.folder));
+}
+
 // An event between the making of a repository and the first lock on it.
 testing::Plan before_the_lock(std::function<void()> event) {
-  return {.call = "openat", .countdown = 1, .beginning = ".lock", .meanwhile = std::move(event)};
+  return {.call = "openat", .countdown = 2, .beginning = ".lock", .meanwhile = std::move(event)};
 }
 
 TEST(RepositoryInit, LeavesTheRepositoryToARunThatTakesItMeanwhile) {
