@@ -125,6 +125,10 @@ RefreshOutcome refresh_repository(const RepositoryRefresh& refresh, const std::v
   const std::set<std::string> renewed = choose_renewed(refresh, judged, stands_on_targets, outcome);
   outcome.was_due = !renewed.empty();
   if (!outcome.was_due) {
+    if (!session.draft() || !session.draft()->waits()) {
+      // What a killed run has left goes with any command.
+      session.require_no_draft();
+    }
     outcome.repository = session.unchanged();
     outcome.next_due = earliest_due(refresh, session);
     return outcome;

@@ -48,6 +48,19 @@ TEST(RepositoryRefresh, SaysThatNothingIsDueWhileHalfOfTheDaysAreLeft) {
   expect_unchanged(place, before);
 }
 
+TEST(RepositoryRefresh, RemovesWhatAKilledRunHasLeftWhenNothingIsDue) {
+  const RepositoryPlace place;
+  place.init();
+  const TreeState before = tree_state(place.folder);
+  place.root.write("repository/draft/targets/copied", "bytes");
+  EXPECT_FALSE(place.refresh().was_due);
+  expect_unchanged(place, before);
+  place.release({place.launcher("1.0.0")}, {});
+  const TreeState waiting = tree_state(place.folder);
+  EXPECT_FALSE(place.refresh().was_due);
+  expect_unchanged(place, waiting);
+}
+
 TEST(RepositoryRefresh, RenewsOnlyWhatIsDue) {
   RepositoryPlace place;
   place.init();
