@@ -33,7 +33,9 @@ CommandResult refresh(RefreshOptions& options, const CommandRun& run) {
         tuf_day_text(outcome.repository.state.role(role).expires()) + "; " +
         (is_of_draft ? "it stays as it is while a draft waits" : "its keys are not among those to sign with"));
   }
-  if (!outcome.was_due && outcome.next_due) {
+  if (!outcome.was_due && !outcome.left.empty()) {
+    result.lines = {"Nothing is due that can be signed now"};
+  } else if (!outcome.was_due && outcome.next_due) {
     result.lines = {"Nothing is due before " + tuf_day_text(*outcome.next_due)};
   }
   result.document = {{"was_due", outcome.was_due}, {"left", outcome.left}, {"next_due", nullptr}};

@@ -181,6 +181,20 @@ TEST_F(PublishRelease, SaysThatARefreshLeavesTheTargetsToADraft) {
   EXPECT_EQ(place_.versions(), (std::vector<std::uint64_t>{1, 1, 2, 2}));
 }
 
+TEST_F(PublishRelease, NamesNoDayThatHasPassedWhereWhatIsDueIsLeft) {
+  PlaceRoles roles;
+  roles.targets = {{"offline"}, 1};
+  RepositoryPlace place(roles);
+  // Half of the targets' days have passed, and the other documents are new.
+  place.now = present_tuf_time() - std::chrono::hours(200 * 24);
+  place.init({"online", "offline"});
+  place.now = present_tuf_time();
+  refresh_repository({place.folder, {}, false}, place.signers({"online"}), place.now);
+  const ProgramResult result = publisher({"refresh", place.folder, "--key", place.key("online")});
+  EXPECT_EQ(result.exit_code, 0);
+  EXPECT_EQ(result.output, "Nothing is due that can be signed now\n");
+}
+
 TEST_F(PublishRelease, DoesNotCallDueWhatAForcedRefreshLeavesToADraft) {
   init();
   const std::string second = place_.key("second");
