@@ -35,9 +35,9 @@ struct RefreshOutcome {
 // clients would refuse. A role that is due but whose keys are not among the signers stays as it is while it lasts, so
 // that a daily run needs the keys of the timestamp alone. Works beside a draft that waits for signatures, which will be
 // made to fit, as long as the signers can sign what is due; the targets stay as they are while a draft of other targets
-// waits and they last. Fails with "draft_pending" otherwise; with "expired_role"
-// for an expired root; with "wrong_key" for a signer who speaks for no role of the repository; with "invalid_expiry"
-// for days that require_days refuses; and as RepositorySession does.
+// waits and they last. Fails with "draft_pending" otherwise; with "expired_role" for an expired root; with "wrong_key"
+// for a signer who speaks for no role of the repository; with "invalid_expiry" for days that require_days refuses; and
+// as RepositorySession does.
 RefreshOutcome refresh_repository(const RepositoryRefresh& refresh, const std::vector<Signer>& signers, TufTime now);
 
 }  // namespace ravok
