@@ -303,13 +303,14 @@ class Installation {
       is_clear = root_->remove_tree_quietly(name_of(part)) && is_clear;
     }
     is_clear = remove_begun_markers() && is_clear;
-    const bool may_be_running = !bootstrap_lock_;
+    // Nobody runs from a folder whose lock this run has taken, and it has made or opened that folder before.
+    const bool holds_native = bootstrap_lock_ != nullptr;
     is_clear = discard_bootstrap_lock() && is_clear;
     // What marks the folder goes after all that would be nobody's without it.
     root_->flush();
     if (!is_clear) {
-      empty_native(may_be_running);
-    } else if (discard_native(may_be_running)) {
+      empty_native(holds_native);
+    } else if (discard_native(holds_native)) {
       root_->flush();
       remove_setup_marker(*root_);
       // So that a power cut does not bring it back after the failure was told.
@@ -336,9 +337,9 @@ class Installation {
   }
 
   // Returns whether nothing is left of it.
-  bool discard_native(bool may_be_running) const {
+  bool discard_native(bool holds_native) const {
     const std::string native = name_of(paths_.native);
-    if (native_ && !may_be_running) {
+    if (holds_native) {
       return root_->remove_tree_quietly(native);
     }
     // This run may have made the folder, but then there is nothing in it.
@@ -349,8 +350,8 @@ class Installation {
   }
 
   // Leaves the folder alone, by which an install knows a data folder.
-  void empty_native(bool may_be_running) const {
-    if (native_ && !may_be_running) {
+  void empty_native(bool holds_native) const {
+    if (holds_native) {
       for (const std::string& name : native_->names()) {
         native_->remove_tree_quietly(name);
       }
