@@ -19,6 +19,9 @@ constexpr const char* rotate_action = "rotate";
 constexpr const char* one_step =
     "Clients that meet the new root before the new timestamp wait for it. To avoid that, add the new key first, "
     "refresh with --force and both, and remove the old one then";
+constexpr const char* raised_threshold =
+    "Clients that meet the new root before the new timestamp wait for it. To avoid that, refresh with --force and as "
+    "many keys as are to sign first, and raise the threshold then";
 
 // A key that joins roles.
 struct NewKey {
@@ -217,6 +220,26 @@ std::vector<std::string> rotation_warnings(const KeyRotation& rotation, const Js
   return warnings;
 }
 
+// Warns of documents that clients accept now and refuse under the next root.
+void add_left_behind_warnings(const RepositoryState& state, const Json& next, const PublisherRecord& record,
+                              std::vector<std::string>& warnings) {
+  const auto keys = [](const Json& root, const char* role) { return root.at("roles").at(role).at("keyids"); };
+  bool has_other_keys = false;
+  bool has_the_same_keys = false;
+  for (const char* role : {"targets", "snapshot", "timestamp"}) {
+    const RoleDocument& document = state.role(role);
+    if (document.is_accepted() && !signature_need(document.document, role, next, record).is_met()) {
+      (keys(next, role) == keys(state.root(), role) ? has_the_same_keys : has_other_keys) = true;
+    }
+  }
+  if (has_other_keys) {
+    warnings.emplace_back(one_step);
+  }
+  if (has_the_same_keys) {
+    warnings.emplace_back(raised_threshold);
+  }
+}
+
 bool speaks_for_any(const std::string& id, const Json& root) { return !root.is_null() && root.at("keys").contains(id); }
 
 }  // namespace
@@ -250,15 +273,7 @@ RotationOutcome rotate_keys(const KeyRotation& rotation, const std::vector<Signe
   outcome.root = next_root(rotation, keys, present, record, now);
   require(!is_same_root(outcome.root, present), "nothing_to_change", "The root would be the same as it is");
   outcome.warnings = rotation_warnings(rotation, present, outcome.root, record);
-  const auto is_left_behind = [&](const char* role) {
-    const RoleDocument& document = session.state().role(role);
-    const auto ids = [&](const Json& root) { return root.at("roles").at(role).at("keyids"); };
-    return document.is_accepted() && ids(outcome.root) != ids(present) &&
-           !signature_need(document.document, role, outcome.root, record).is_met();
-  };
-  if (is_left_behind("targets") || is_left_behind("snapshot") || is_left_behind("timestamp")) {
-    outcome.warnings.emplace_back(one_step);
-  }
+  add_left_behind_warnings(session.state(), outcome.root, record, outcome.warnings);
 
   const std::optional<RepositoryDraft>& draft = session.draft();
   const bool goes_on = draft && !draft->is_stale() && draft->action() == rotate_action &&

@@ -211,19 +211,32 @@ TEST(KeyRotation, ReplacesALostKeyOfARoleWithoutIt) {
 }
 
 TEST(KeyRotation, ChangesAThresholdAlone) {
+  const Names known = {
+      "The role root has a single key: its loss strands every client, since no key of the repository can be replaced "
+      "any more",
+      "All 2 keys of the role timestamp must sign: the loss of one of them stops this role until the root's keys have "
+      "replaced it"};
+  Names warned = known;
+  warned.emplace_back(
+      "Clients that meet the new root before the new timestamp wait for it. To avoid that, refresh with --force and as "
+      "many keys as are to sign first, and raise the threshold then");
   PlaceRoles roles;
   roles.timestamp = {{"online", "second"}, 1};
-  const RotatedPlace place(roles);
-  KeyRotation wanted = place.rotation({"timestamp"}, {}, {});
-  wanted.threshold = 2;
-  const RotationOutcome outcome = place.rotate(wanted, {"root", "online", "second"});
-  EXPECT_TRUE(outcome.repository.published);
-  EXPECT_EQ(outcome.warnings,
-            (Names{"The role root has a single key: its loss strands every client, since no key of the repository can "
-                   "be replaced any more",
-                   "All 2 keys of the role timestamp must sign: the loss of one of them stops this role until the "
-                   "root's keys have replaced it"}));
-  place.expect_followed("1.0.0");
+  for (const bool is_signed_by_both : {false, true}) {
+    const RotatedPlace place(roles);
+    if (is_signed_by_both) {
+      refresh_repository({place.folder, {}, true}, place.signers({"online", "second"}), place.now);
+    }
+    KeyRotation wanted = place.rotation({"timestamp"}, {}, {});
+    wanted.threshold = 2;
+    const RotationOutcome outcome = place.rotate(wanted, {"root", "online", "second"});
+    EXPECT_TRUE(outcome.repository.published);
+    EXPECT_EQ(outcome.warnings, is_signed_by_both ? known : warned);
+    place.expect_followed("1.0.0");
+    wanted.threshold = 1;
+    EXPECT_EQ(place.rotate(wanted, {"root", "online"}).warnings, (Names{known.front()}));
+    place.expect_followed("1.0.0");
+  }
 }
 
 TEST(KeyRotation, GivesTheRootMoreTimeEvenWhenItHasExpired) {
