@@ -71,6 +71,7 @@ class Cleanup {
     remove_torn_receipts(paths_.store);
     launcher_download_receipts(paths_.store);
     const std::uint64_t before = tree_bytes(paths_.store, most_entries);
+    require_no_other_mark();
     recover_where_there_is_room();
     begin_where_there_is_room();
     remove_downloads();
@@ -132,15 +133,20 @@ class Cleanup {
   }
 
   void begin() const {
-    const Json record = {{"schema_version", 1U}, {"kind", cleanup_kind}};
     if (is_there(paths_.cleanup)) {
-      require(read_file(paths_.cleanup, small_record_bytes) == record.dump(), "unsupported_schema",
-              "Unknown launcher cleanup was preserved");
       // Whoever made it may have ended before that was durable, and it must outlast every removal.
       HeldDirectory::open(paths_.store).flush();
     } else {
-      atomic_private_create(paths_.cleanup, record.dump());
+      atomic_private_create(paths_.cleanup, mark());
     }
+  }
+
+  static std::string mark() { return Json({{"schema_version", 1U}, {"kind", cleanup_kind}}).dump(); }
+
+  // What another version's clean-up has begun is left to it.
+  void require_no_other_mark() const {
+    require(!is_there(paths_.cleanup) || read_file(paths_.cleanup, small_record_bytes) == mark(), "unsupported_schema",
+            "Unknown launcher cleanup was preserved");
   }
 
   void end() const {

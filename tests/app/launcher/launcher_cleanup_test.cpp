@@ -392,6 +392,18 @@ TEST_F(LauncherCleanups, FinishWhatAnotherHasBegun) {
   }
 }
 
+TEST_F(LauncherCleanups, RecoverNothingAndMakeNoRoomBesideAMarkOfAnotherVersion) {
+  install_four();
+  leave_staging();
+  place_.launcher.set("attempt", {{"nonce", nonce_of('1')}, {"reference", updates_[2].reference()}});
+  write("cleanup.json", "{}");
+  {
+    const testing::Planned full(testing::failing_to_write("installation.json", ENOSPC));
+    expect_refused("unsupported_schema", "Unknown launcher cleanup was preserved");
+  }
+  expect_refused("unsupported_schema", "Unknown launcher cleanup was preserved");
+}
+
 // Who made the mark may have ended before that was durable.
 TEST_F(LauncherCleanups, RemoveNothingBeforeTheMarkOfAnotherIsDurable) {
   place_.update(updates_[0]);
