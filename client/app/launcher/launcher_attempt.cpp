@@ -60,15 +60,6 @@ bool ends_before(const LauncherChild& child, Clock::time_point time) {
   return false;
 }
 
-// Whether an attempt could not be recovered or begun for a lack of room alone. A volume that takes no more files has no
-// room for the lease of an interrupted attempt either, and nobody holds one that is missing.
-bool is_lack_of_room(const LauncherStore& store, const Error& error) {
-  if (error.code != "lock_failed") {
-    return error.code == "insufficient_space";
-  }
-  return is_missing(store.startup_lease_path(store.load().at("attempt")));
-}
-
 // Returns the attempt of the waiting candidate, once one that was interrupted is recovered, or null where there is
 // none.
 Json begin_attempt(const LauncherStore& store, const LauncherStart& start) {

@@ -18,6 +18,7 @@
 #include "app/download/launcher_downloads.hpp"
 #include "app/launcher/launcher_reference.hpp"
 #include "app/launcher/launcher_staging.hpp"
+#include "app/launcher/launcher_startup.hpp"
 #include "domain/crypto.hpp"
 #include "domain/data_layout.hpp"
 #include "domain/error.hpp"
@@ -92,8 +93,7 @@ class Cleanup {
     try {
       recover();
     } catch (const Error& error) {
-      // No lease can be made either on a volume that takes no more files.
-      if (error.code != "insufficient_space" && error.code != "lock_failed") {
+      if (!is_lack_of_room(store_, error)) {
         throw;
       }
       make_room();

@@ -33,9 +33,10 @@ namespace ravok {
 //
 // Fails with "busy" as owner() does, and while a launcher that is being tried runs; with "launcher_missing" for a
 // document that names neither an active version nor a candidate; with "unsupported_schema" for a "cleanup.json" that
-// another version has left; and as load, tree_bytes and target_download_receipts do. Nothing but torn receipts was
-// removed then. What fails later, such as with "file_remove", "file_write", "file_sync" or "tree_read", or with
-// "insufficient_space" where even that has made no room, is continued by the next call.
+// another version has left; with "lock_failed" for a lease of that start that is no lock; and as load, tree_bytes and
+// target_download_receipts do. Nothing but torn receipts was removed then. What fails later, such as with
+// "file_remove", "file_write", "file_sync" or "tree_read", or with "insufficient_space" where even that has made no
+// room, is continued by the next call.
 Json clean_launcher_store(const LauncherStore& store);
 
 }  // namespace ravok

@@ -73,6 +73,14 @@ ProcessEnvironment cleared_startup_environment() {
   return environment;
 }
 
+bool is_lack_of_room(const LauncherStore& store, const Error& error) {
+  if (error.code != "lock_failed") {
+    return error.code == "insufficient_space";
+  }
+  // A volume that takes no more files has no room for a lease either, and nobody holds one that is missing.
+  return is_missing(store.startup_lease_path(store.load().at("attempt")));
+}
+
 void LauncherStore::recover_attempt() const {
   Json document = load();
   if (document.at("attempt").is_null()) {

@@ -6,11 +6,14 @@
 #include <cstdint>
 #include <string_view>
 
+#include "domain/error.hpp"
 #include "domain/json.hpp"
 #include "domain/launcher_contract.hpp"
 #include "platform/process/process.hpp"
 
 namespace ravok {
+
+class LauncherStore;
 
 // The largest health document or acknowledgement, in bytes.
 inline constexpr std::uint64_t maximum_startup_document_bytes = 4096;
@@ -25,5 +28,9 @@ Json lease_document(const LauncherManifest& manifest, const Json& attempt, std::
 
 // Returns the variables with empty values, which a launcher takes for none: for a start outside an attempt.
 ProcessEnvironment cleared_startup_environment();
+
+// Whether an attempt could not be recovered or begun for a lack of room alone, where that has failed with this error.
+// Fails as LauncherStore::load does.
+bool is_lack_of_room(const LauncherStore& store, const Error& error);
 
 }  // namespace ravok

@@ -486,6 +486,16 @@ TEST_F(LauncherCleanups, MakeTheRoomToRecoverAStartThatWasInterrupted) {
   }
 }
 
+// That is no lack of room.
+TEST_F(LauncherCleanups, RemoveNothingWhereTheLeaseOfAnInterruptedStartIsNone) {
+  install_four();
+  leave_staging();
+  place_.launcher.set("attempt", {{"nonce", nonce_of('1')}, {"reference", updates_[2].reference()}});
+  const auto lease = write("leases/attempts/" + nonce_of('1') + ".lock", "");
+  std::filesystem::permissions(lease, std::filesystem::perms(0644));
+  expect_refused("lock_failed", "Operation lock must be an ordinary private owned file");
+}
+
 TEST_F(LauncherCleanups, AreRefusedWhereTheStoreIsNotSettled) {
   place_.launcher.store.owner();
   expect_refused("launcher_missing", "No working launcher is installed");
