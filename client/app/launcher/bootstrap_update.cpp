@@ -104,7 +104,7 @@ class BootstrapStaging {
       // The next one cannot use it, and needs its room. A manifest that is in place, although not durable, wants its
       // tree.
       remove(paths_.partial_tree);
-      if (is_missing(paths_.update_manifest)) {
+      if (has_no_update_manifest()) {
         remove(paths_.update_tree);
       }
       throw;
@@ -192,6 +192,15 @@ class BootstrapStaging {
     remove(paths_.rejected);
     remove(paths_.downloads);
     remove_old_files(native_, paths_);
+  }
+
+  // Whether that is known of the folder itself, which may have another path by now.
+  bool has_no_update_manifest() const {
+    try {
+      return !native_.type_of(name_of(paths_.update_manifest));
+    } catch (const Error&) {
+      return false;
+    }
   }
 
   // Removes what earlier preparations have left. No manifest says that an update waits.

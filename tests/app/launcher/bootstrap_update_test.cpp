@@ -651,19 +651,36 @@ TEST_F(StageBootstrapUpdate, LeavesNothingUnpackedWhereItsManifestCannotBeWritte
   expect_staged(next);
 }
 
-// A manifest that is in place but could not be flushed makes the next start look for the tree.
+// A manifest that is in place but could not be flushed makes the next start look for the tree, also in a data folder
+// that has another name by then.
 TEST_F(StageBootstrapUpdate, KeepsTheTreeOfAManifestThatIsInPlace) {
   publish(next);
-  std::string code = "none yet";
-  for (int countdown = 1; !code.empty(); ++countdown) {
-    const testing::Planned plan(testing::failing("fsync", EIO, countdown));
-    const auto failure = failure_of([&] { stage(); });
-    code = failure ? failure->code : "";
-    EXPECT_EQ(exists(place.paths.update_manifest), exists(place.paths.update_tree));
-    if (exists(place.paths.update_manifest)) {
-      expect_staged(next);
+  const std::filesystem::path aside = place.data.root.native() + "-aside";
+  for (const bool moves : {false, true}) {
+    int kept = 0;
+    std::string code = "none yet";
+    for (int countdown = 1; !code.empty(); ++countdown) {
+      {
+        testing::Plan wanted = testing::failing("fsync", EIO, countdown);
+        if (moves) {
+          wanted.meanwhile = [&] { std::filesystem::rename(place.data.root, aside); };
+        }
+        const testing::Planned plan(wanted);
+        const auto failure = failure_of([&] { stage(); });
+        code = failure ? failure->code : "";
+      }
+      if (exists(aside)) {
+        std::filesystem::rename(aside, place.data.root);
+      }
+      EXPECT_EQ(exists(place.paths.update_manifest), exists(place.paths.update_tree)) << countdown;
+      if (exists(place.paths.update_manifest)) {
+        kept += code.empty() ? 0 : 1;
+        expect_staged(next);
+      }
+      std::filesystem::remove(place.paths.update_manifest);
+      std::filesystem::remove_all(place.paths.update_tree);
     }
-    std::filesystem::remove(place.paths.update_manifest);
+    EXPECT_EQ(kept, 1);
   }
 }
 
