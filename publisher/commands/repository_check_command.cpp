@@ -6,6 +6,7 @@
 #include "domain/error.hpp"
 #include "domain/paths.hpp"
 #include "platform/file/files.hpp"
+#include "platform/file/status.hpp"
 #include "platform/process/native_platform.hpp"
 #include "publisher/commands/check_report.hpp"
 #include "publisher/commands/commands.hpp"
@@ -14,6 +15,7 @@
 #include "publisher/commands/time_left.hpp"
 #include "publisher/publish_files.hpp"
 #include "publisher/repository/repository_check.hpp"
+#include "publisher/repository/repository_folder.hpp"
 #include "publisher/repository/repository_time.hpp"
 #include "publisher/repository/temporary_folder.hpp"
 #include "publisher/repository_origin.hpp"
@@ -43,6 +45,15 @@ TufTime checked_time(const std::string& text) {
     return present_tuf_time();
   }
   return text.size() == day_characters ? parse_tuf_time(text + "T23:59:59.999999Z") : parse_tuf_time(text);
+}
+
+// Returns the oldest root of a place. In the folder of a repository, it is the one that this began with.
+std::string first_root_of(const std::filesystem::path& place, const std::filesystem::path& served) {
+  if (served == place || is_missing(RepositoryFolder::record_of(place))) {
+    return first_root_in(served);
+  }
+  const RepositoryFolder folder(place, RepositoryFolder::Use::read);
+  return folder.read_document(role_file("root", folder.root_versions().front()));
 }
 
 class CheckCommand {
@@ -91,7 +102,7 @@ class CheckCommand {
     }
     const std::filesystem::path served = served_folder(place);
     if (check_.root_text.empty()) {
-      check_.root_text = first_root_in(served);
+      check_.root_text = first_root_of(place, served);
     }
     tell_check(place, check_folder(served, check_, progress_on(line)), result_);
   }

@@ -116,7 +116,8 @@ CommandResult tell(const std::filesystem::path& folder) {
     result.document["roles"][role.role] = role_document(role);
   }
   if (status.is_interrupted) {
-    result.lines.emplace_back("A publication was broken off; the next command that changes the repository finishes it");
+    result.lines.emplace_back(
+        "A publication is under way or was broken off; the next command that changes the repository finishes it");
   }
   if (status.draft) {
     tell_draft(result, folder, *status.draft);

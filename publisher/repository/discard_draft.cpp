@@ -1,5 +1,7 @@
 #include "publisher/repository/discard_draft.hpp"
 
+#include <utility>
+
 #include "platform/file/status.hpp"
 #include "publisher/repository/draft_files.hpp"
 #include "publisher/repository/upload_list.hpp"
@@ -23,12 +25,29 @@ DiscardOutcome discard(const std::filesystem::path& folder, TufTime now) {
   return outcome;
 }
 
+// Snapshots above the one in force were to be published with the draft. Later they would look as if they had been.
+void remember_given_up(RepositoryFolder& folder, const RepositoryState& state) {
+  PublisherRecord record = folder.record();
+  for (const std::uint64_t version : folder.versions("snapshot")) {
+    if (version > state.role("snapshot").version) {
+      record.given_up_snapshots.insert(version);
+    }
+  }
+  if (record.given_up_snapshots != folder.record().given_up_snapshots) {
+    folder.write_record(std::move(record));
+  }
+}
+
 // Removes the draft unread. Returns whether there was one.
 bool remove_any_draft(const std::filesystem::path& folder) {
-  const RepositoryFolder opened(folder, RepositoryFolder::Use::change);
+  RepositoryFolder opened(folder, RepositoryFolder::Use::change);
   if (is_missing(draft_record(opened))) {
     return false;
   }
+  const RepositoryState state = opened.state();
+  require_authentic(opened, state);
+  require_timestamp(opened, state);
+  remember_given_up(opened, state);
   remove_draft(opened);
   return true;
 }

@@ -144,7 +144,7 @@ void require_target_files(const RepositoryFolder& folder, const Json& targets, N
     const std::filesystem::path served = folder.targets() / file;
     const std::filesystem::path made = draft_targets(folder) / file;
     const bool is_new = has_new_files && !is_missing(made);
-    require_no_links(folder.path(), folder_of(served));
+    look_at_published([&] { require_no_links(folder.path(), folder_of(served)); });
     if (is_new) {
       require_no_links(folder.path(), folder_of(made));
     }

@@ -27,12 +27,31 @@ std::filesystem::path draft_record(const RepositoryFolder& folder);
 // there, so the same may go well later.
 bool says_nothing_of_draft(const std::string& code);
 
-// Returns what `work` makes of the draft's files. Whatever is wrong with them is one failure, which says what to do.
+// A failure of what is published, by which a draft was to be judged. It says nothing of the draft.
+class PublishedFailure : public Error {
+ public:
+  explicit PublishedFailure(const Error& error) : Error(error) {}
+};
+
+// Returns what `work` finds in what is published. Fails with PublishedFailure.
+template <typename Work>
+auto look_at_published(Work work) {
+  try {
+    return work();
+  } catch (const Error& error) {
+    throw PublishedFailure(error);
+  }
+}
+
+// Returns what `work` makes of the draft's files. Whatever is wrong with them is one failure, which says what to do. Fails
+// with "invalid_draft", with what says_nothing_of_draft tells, and with PublishedFailure.
 template <typename Work>
 auto read_files_of_draft(const RepositoryFolder& folder, Work work) {
   constexpr const char* code = "invalid_draft";
   try {
     return refuse_malformed(code, "A field is missing or of another type", work);
+  } catch (const PublishedFailure&) {
+    throw;
   } catch (const Error& error) {
     require(!says_nothing_of_draft(error.code), error.code, error.what());
     fail(code, "The draft in " + path_utf8(folder.draft()) +

@@ -22,6 +22,9 @@ constexpr const char* one_step =
 constexpr const char* raised_threshold =
     "Clients that meet the new root before the new timestamp wait for it. To avoid that, refresh with --force and as "
     "many keys as are to sign first, and raise the threshold then";
+constexpr const char* joined_threshold =
+    "Clients that meet the new root before the new timestamp wait for it. To avoid that, add the new keys first, "
+    "refresh with --force and as many keys as are to sign, and raise the threshold then";
 
 // A key that joins roles.
 struct NewKey {
@@ -220,24 +223,28 @@ std::vector<std::string> rotation_warnings(const KeyRotation& rotation, const Js
   return warnings;
 }
 
+// Returns how a role would get its next keys without any client that waits.
+const char* advice_for(const Json& present_ids, const Json& next_ids) {
+  const bool all_stay = std::all_of(present_ids.begin(), present_ids.end(), [&](const Json& id) {
+    return std::find(next_ids.begin(), next_ids.end(), id) != next_ids.end();
+  });
+  return !all_stay ? one_step : next_ids.size() > present_ids.size() ? joined_threshold : raised_threshold;
+}
+
 // Warns of documents that clients accept now and refuse under the next root.
 void add_left_behind_warnings(const RepositoryState& state, const Json& next, const PublisherRecord& record,
                               std::vector<std::string>& warnings) {
-  const auto keys = [](const Json& root, const char* role) { return root.at("roles").at(role).at("keyids"); };
-  bool has_other_keys = false;
-  bool has_the_same_keys = false;
+  const auto keys = [](const Json& root, const char* role) -> const Json& {
+    return root.at("roles").at(role).at("keyids");
+  };
+  std::set<std::string> advice;
   for (const char* role : {"targets", "snapshot", "timestamp"}) {
     const RoleDocument& document = state.role(role);
     if (document.is_accepted() && !signature_need(document.document, role, next, record).is_met()) {
-      (keys(next, role) == keys(state.root(), role) ? has_the_same_keys : has_other_keys) = true;
+      advice.insert(advice_for(keys(state.root(), role), keys(next, role)));
     }
   }
-  if (has_other_keys) {
-    warnings.emplace_back(one_step);
-  }
-  if (has_the_same_keys) {
-    warnings.emplace_back(raised_threshold);
-  }
+  warnings.insert(warnings.end(), advice.begin(), advice.end());
 }
 
 bool speaks_for_any(const std::string& id, const Json& root) { return !root.is_null() && root.at("keys").contains(id); }

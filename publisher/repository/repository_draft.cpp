@@ -72,7 +72,7 @@ std::optional<RepositoryDraft> RepositoryDraft::open(RepositoryFolder& folder, c
     return {};
   }
   require(!stored->publishing, "interrupted_publication",
-          "A publication was broken off; the next command that changes the repository finishes it");
+          "A publication is under way or was broken off; the next command that changes the repository finishes it");
   require_authentic(folder, state);
   RepositoryDraft draft(folder, state, Place::folder);
   read_files_of_draft(folder, [&] { draft.load(stored->document, now); });
@@ -150,6 +150,7 @@ void RepositoryDraft::require_wanted() const {
     ++next;
   }
   for (const char* const role : {"targets", "snapshot", "timestamp"}) {
+    require(days_.contains(role), invalid_draft, "It does not say how long its documents last");
     require_days(days_.at(role));
   }
   require(makes("root") == !root_.is_null() && (targets_.is_null() || makes("targets")), invalid_draft,
@@ -205,7 +206,9 @@ void RepositoryDraft::drop_overtaken(TufTime now) {
 // Whether the folder has another document under the name of a made one.
 bool RepositoryDraft::is_name_taken(const std::string& role) const {
   const std::string name = file(role);
-  return role != "timestamp" && !is_missing(folder_->metadata() / name) && folder_->read_document(name) != text(role);
+  return role != "timestamp" && look_at_published([&] {
+           return !is_missing(folder_->metadata() / name) && folder_->read_document(name) != text(role);
+         });
 }
 
 // Chooses the roles that are wanted, those that clients would refuse otherwise, and all that refer to one of them.
@@ -247,7 +250,7 @@ Json RepositoryDraft::made_body(const std::string& role, TufTime now) const {
   Json body = present.exists() ? present.document.at("signed") : Json::object();
   body["_type"] = role;
   body["spec_version"] = spec_version;
-  body["version"] = folder_->next_version(role, state_);
+  body["version"] = look_at_published([&] { return folder_->next_version(role, state_); });
   body["expires"] = tuf_time_text(days_after(now, days_.at(role)));
   if (role == "targets") {
     body["targets"] = targets_.is_null() ? state_.targets() : targets_;

@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <utility>
 
+#include "domain/crypto.hpp"
 #include "domain/paths.hpp"
 #include "domain/text_rules.hpp"
 #include "platform/file/file_operations.hpp"
@@ -26,9 +27,31 @@ constexpr const char* record_kind = "ravok-publisher-repository";
 constexpr std::uint64_t record_limit = 1'048'576;
 constexpr std::size_t most_documents = 10'000'000;
 constexpr std::size_t shown_id_characters = 12;
+constexpr std::size_t sha256_characters = 64;
+
+bool is_sha256(std::string_view text) { return text.size() == sha256_characters && is_lower_hex(text); }
+
+// Returns the version that digits tell, or none for what role_file does not write.
+std::optional<std::uint64_t> version_of(std::string_view digits) {
+  std::uint64_t version = 0;
+  const auto [end, problem] = std::from_chars(digits.data(), digits.data() + digits.size(), version);
+  if (problem != std::errc() || end != digits.data() + digits.size() || std::to_string(version) != digits) {
+    return {};
+  }
+  return version;
+}
 
 Json record_document(const PublisherRecord& record) {
-  return {{"schema_version", 1}, {"kind", record_kind}, {"days", record.days}, {"key_names", record.key_names}};
+  Json roots = Json::object();
+  for (const auto& [version, sha256] : record.roots) {
+    roots[std::to_string(version)] = sha256;
+  }
+  return {{"schema_version", 1},
+          {"kind", record_kind},
+          {"days", record.days},
+          {"key_names", record.key_names},
+          {"roots", std::move(roots)},
+          {"given_up_snapshots", record.given_up_snapshots}};
 }
 
 std::string record_text(const PublisherRecord& record) { return record_document(record).dump(2) + "\n"; }
@@ -47,6 +70,19 @@ PublisherRecord parse_record(const Json& document) {
     }
     for (const auto& [id, name] : document.at("key_names").items()) {
       record.key_names[id] = name.get<std::string>();
+    }
+    // The first versions of this program did not write these.
+    const Json roots = document.value("roots", Json::object());
+    const Json given_up = document.value("given_up_snapshots", Json::array());
+    require(roots.is_object() && given_up.is_array(), code, malformed);
+    for (const auto& [digits, sha256] : roots.items()) {
+      const std::optional<std::uint64_t> version = version_of(digits);
+      require(version && is_sha256(sha256.get<std::string>()), code, malformed);
+      record.roots[*version] = sha256.get<std::string>();
+    }
+    for (const Json& version : given_up) {
+      require(version.is_number_unsigned(), code, malformed);
+      record.given_up_snapshots.insert(version.get<std::uint64_t>());
     }
     return record;
   });
@@ -73,16 +109,7 @@ Handle take_lock(const std::filesystem::path& folder) {
 // Returns the version that begins the name of a role's document, or none.
 std::optional<std::uint64_t> version_in(std::string_view name, const std::string& role) {
   const std::string ending = "." + role + ".json";
-  if (!name.ends_with(ending)) {
-    return {};
-  }
-  const std::string_view digits = name.substr(0, name.size() - ending.size());
-  std::uint64_t version = 0;
-  const auto [end, problem] = std::from_chars(digits.data(), digits.data() + digits.size(), version);
-  if (problem != std::errc() || end != digits.data() + digits.size() || std::to_string(version) != digits) {
-    return {};
-  }
-  return version;
+  return name.ends_with(ending) ? version_of(name.substr(0, name.size() - ending.size())) : std::nullopt;
 }
 
 // Reads the documents that a folder publishes, one after the other.
@@ -101,13 +128,12 @@ class StateReader {
   }
 
  private:
-  // The oldest root is the one that the folder was made with.
+  // The oldest root that the record knows is the one that the folder was made with.
   void read_roots() {
     for (const char* const role : repository_roles) {
       state_.documents[role] = {};
     }
-    const std::vector<std::uint64_t> versions = folder_.versions("root");
-    require(!versions.empty(), "missing_file", "The repository has no root document: " + path_utf8(folder_.metadata()));
+    const std::vector<std::uint64_t> versions = folder_.root_versions();
     std::string file = role_file("root", versions.front());
     std::string text = folder_.read_document(file);
     TrustedSet trusted = about(folder_.metadata() / file, [&] { return TrustedSet(text); });
@@ -231,7 +257,9 @@ void RepositoryFolder::create(const std::filesystem::path& folder, const std::st
   make_folders(metadata);
   make_folders(made.path() / "public/tuf/targets");
   write_new_file(metadata / role_file("root", 1), root_text);
-  write_new_file(made.path() / "repository.json", record_text(record));
+  PublisherRecord first = record;
+  first.roots = {{1, digest(root_text, "sha256")}};
+  write_new_file(record_of(made.path()), record_text(first));
   // On a volume without locks nobody could change the repository, nor remove it under its lock.
   static_cast<void>(take_lock(made.path()));
   made.commit();
@@ -256,6 +284,16 @@ void RepositoryFolder::write_record(PublisherRecord record) {
   record_ = std::move(record);
 }
 
+void RepositoryFolder::remember_roots(const RepositoryState& state) {
+  PublisherRecord record = record_;
+  for (const auto& [version, text] : state.roots) {
+    record.roots.try_emplace(version, digest(text, "sha256"));
+  }
+  if (record.roots != record_.roots) {
+    write_record(std::move(record));
+  }
+}
+
 RepositoryState RepositoryFolder::state() const { return StateReader(*this).read(); }
 
 std::uint64_t RepositoryFolder::next_version(const std::string& role, const RepositoryState& state) const {
@@ -278,6 +316,22 @@ std::vector<std::uint64_t> RepositoryFolder::versions(const std::string& role) c
     }
   }
   std::sort(found.begin(), found.end());
+  return found;
+}
+
+// Whoever can write to what is served could put roots of their own there, or take the newest ones away.
+std::vector<std::uint64_t> RepositoryFolder::root_versions() const {
+  for (const auto& [version, sha256] : record_.roots) {
+    const std::string file = role_file("root", version);
+    require(digest(read_document(file), "sha256") == sha256, "unsigned_role",
+            "The root document " + file + " is none that this repository had; fetch it from your site into " +
+                path_utf8(metadata()));
+  }
+  std::vector<std::uint64_t> found = versions("root");
+  if (!record_.roots.empty()) {
+    found.erase(found.begin(), std::lower_bound(found.begin(), found.end(), record_.roots.begin()->first));
+  }
+  require(!found.empty(), "missing_file", "The repository has no root document: " + path_utf8(metadata()));
   return found;
 }
 
@@ -309,6 +363,11 @@ void require_authentic(const RepositoryFolder& folder, const RepositoryState& st
                 " is none that the keys of this repository have signed: " + document.message + "; fetch " +
                 document.file + " from your site into " + path_utf8(folder.metadata()));
   }
+}
+
+void require_timestamp(const RepositoryFolder& folder, const RepositoryState& state) {
+  require(state.is_published() || folder.versions("snapshot").empty(), "missing_file",
+          "timestamp.json is gone; fetch the newest one from your site into " + path_utf8(folder.metadata()));
 }
 
 void require_sound(const RepositoryState& state, TufTime now) {

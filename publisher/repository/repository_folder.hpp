@@ -17,6 +17,7 @@
 #include <filesystem>
 #include <map>
 #include <optional>
+#include <set>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -38,12 +39,18 @@ inline constexpr std::uint64_t repository_metadata_limit = tuf_metadata_limit;
 // The most bytes of a document of a role.
 std::uint64_t repository_document_limit(std::string_view role);
 
-// The publisher's record. Nothing in it is secret or trusted.
+// The publisher's record. Nothing in it is secret. It lies outside of what is served, and the roots that it knows are what
+// the published documents are judged by.
 struct PublisherRecord {
   // For how many days a role's next document is valid, by the role's name; of all but the root.
   std::map<std::string, std::uint64_t> days = {{"targets", 365}, {"snapshot", 30}, {"timestamp", 14}};
   // What people call a key, by its identifier.
   std::map<std::string, std::string> key_names;
+  // The SHA-256 of the roots that were seen in force, by their versions. Empty in a folder that an older version of this
+  // program has made, until a command changes it.
+  std::map<std::uint64_t, std::string> roots;
+  // The versions of snapshots that lie in the folder and were never published, since their publication was given up.
+  std::set<std::uint64_t> given_up_snapshots;
 
   // Returns the name of a key; for one without a name, "key" and the first twelve characters of its identifier.
   std::string key_name(const std::string& id) const;
@@ -68,8 +75,8 @@ struct RoleDocument {
   TufTime expires() const;
 };
 
-// What a folder publishes. Each document was verified as clients do, from the oldest root on; none was refused for its
-// age.
+// What a folder publishes. Each document was verified as clients do, from the oldest root on that the record knows; none
+// was refused for its age.
 struct RepositoryState {
   // The texts of the roots that clients walk, by their versions. The last one is in force.
   std::map<std::uint64_t, std::string> roots;
@@ -106,6 +113,9 @@ class RepositoryFolder {
   // "file_sync", and as require_first_document does.
   static void create(const std::filesystem::path& folder, const std::string& root_text, const PublisherRecord& record);
 
+  // The place of the record in a repository's folder.
+  static std::filesystem::path record_of(const std::filesystem::path& folder) { return folder / "repository.json"; }
+
   // Opens a repository's folder. Fails with "no_repository", "busy" when another run changes it, "lock_failed",
   // "unsafe_path" where a folder of it is a link and it is to be changed, and with "unsupported_schema" or
   // "invalid_record" for the record.
@@ -117,22 +127,30 @@ class RepositoryFolder {
   std::filesystem::path targets() const { return folder_ / "public/tuf/targets"; }
   std::filesystem::path draft() const { return folder_ / "draft"; }
   std::filesystem::path upload_list() const { return folder_ / "upload.txt"; }
-  std::filesystem::path record_file() const { return folder_ / "repository.json"; }
+  std::filesystem::path record_file() const { return record_of(folder_); }
 
   const PublisherRecord& record() const { return record_; }
   // Replaces the record, durably. Fails as replace_file does.
   void write_record(PublisherRecord record);
 
-  // Reads what is published. Fails with "missing_file" for a document that another one refers to, and as parse_json,
-  // shape and the trusted set do for a root that does not follow the one before; a message begins with the file.
-  // What is wrong with any other document is told in it.
+  // Reads what is published. Fails with "missing_file" for a document that another one refers to, as root_versions does,
+  // and as parse_json, shape and the trusted set do for a root that does not follow the one before; a message begins
+  // with the file. What is wrong with any other document is told in it.
   RepositoryState state() const;
+
+  // Puts the roots of a state into the record that it does not know yet, durably. Fails as replace_file does.
+  void remember_roots(const RepositoryState& state);
 
   // Returns the version of a role's next document: one above the present one and above all that lie in the folder.
   std::uint64_t next_version(const std::string& role, const RepositoryState& state) const;
 
   // Returns the versions of a role's documents that lie in the folder, ascending.
   std::vector<std::uint64_t> versions(const std::string& role) const;
+
+  // Returns the versions of the roots that lie in the folder, from the oldest one on that the record knows, ascending.
+  // Fails with "missing_file" where there is none or one is missing that the record knows, with "unsigned_role" where
+  // such a one has other bytes, and as read_document does.
+  std::vector<std::uint64_t> root_versions() const;
 
   // Returns the text of a published document. Fails with "missing_file", and as read_file does.
   std::string read_document(const std::string& file) const;
@@ -150,6 +168,10 @@ class RepositoryFolder {
 // Accepts only a state whose content may be signed anew: every document is authentic. Fails with "unsigned_role", and
 // the message says where the document is to be had.
 void require_authentic(const RepositoryFolder& folder, const RepositoryState& state);
+
+// Accepts only a state with a timestamp, or a folder that has never had one: to begin again with the first would strand
+// every client that has seen a later one. Fails with "missing_file", and the message says what to do.
+void require_timestamp(const RepositoryFolder& folder, const RepositoryState& state);
 
 // Accepts only a state that a new document may stand on: every role is signed as its root demands and, at `now`, has
 // not expired. Roles without a document are passed over. Fails with "unsigned_role" and "expired_role"; the messages

@@ -66,9 +66,8 @@ RepositorySession::RepositorySession(const std::filesystem::path& folder, TufTim
       finished_former_(finish_publication(folder_)),
       state_(authentic_state(folder_)),
       draft_(RepositoryDraft::open(folder_, state_, now)) {
-  // To begin again with the first timestamp would strand every client that has seen a later one.
-  require(state_.is_published() || folder_.versions("snapshot").empty(), "missing_file",
-          "timestamp.json is gone; fetch the newest one from your site into " + path_utf8(folder_.metadata()));
+  require_timestamp(folder_, state_);
+  folder_.remember_roots(state_);
 }
 
 void RepositorySession::require_no_draft() {
@@ -114,6 +113,7 @@ RepositoryOutcome RepositorySession::conclude(RepositoryDraft draft, const std::
     draft.publish(now_);
     state_ = folder_.state();
     outcome.published = true;
+    remember_new_root();
   } else {
     draft.wait();
   }
@@ -121,6 +121,14 @@ RepositoryOutcome RepositorySession::conclude(RepositoryDraft draft, const std::
   outcome.warnings = warnings(state_);
   outcome.warnings.insert(outcome.warnings.begin(), idle.begin(), idle.end());
   return outcome;
+}
+
+void RepositorySession::remember_new_root() noexcept {
+  try {
+    folder_.remember_roots(state_);
+  } catch (...) {
+    // It is published, and the next command that changes the folder remembers it.
+  }
 }
 
 RepositoryOutcome RepositorySession::conclude_or_drop(const DraftChanges& changes, const std::vector<Signer>& signers,

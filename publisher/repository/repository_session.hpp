@@ -34,9 +34,9 @@ std::string needs_text(const std::vector<SignatureNeed>& needs);
 // A repository's folder while one command changes it.
 class RepositorySession {
  public:
-  // Opens the folder, finishes a publication that was broken off, and reads what is published. Fails as
-  // RepositoryFolder, finish_publication, RepositoryFolder::state, require_authentic and RepositoryDraft::open do, and
-  // with "missing_file" where a timestamp must have been.
+  // Opens the folder, finishes a publication that was broken off, reads what is published, and remembers its roots. Fails
+  // as RepositoryFolder, finish_publication, RepositoryFolder::state, require_authentic, RepositoryDraft::open,
+  // require_timestamp and RepositoryFolder::remember_roots do.
   RepositorySession(const std::filesystem::path& folder, TufTime now);
   RepositorySession(const RepositorySession&) = delete;
   RepositorySession& operator=(const RepositorySession&) = delete;
@@ -70,6 +70,7 @@ class RepositorySession {
 
  private:
   std::vector<std::string> warnings(const RepositoryState& state) const;
+  void remember_new_root() noexcept;
 
   TufTime now_;
   RepositoryFolder folder_;

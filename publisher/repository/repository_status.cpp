@@ -10,6 +10,8 @@
 namespace ravok {
 namespace {
 
+constexpr int most_readings = 3;
+
 RoleStatus role_status(const std::string& role, const RepositoryState& state, const PublisherRecord& record,
                        TufTime now) {
   const Json& root = state.root();
@@ -64,9 +66,7 @@ DraftStatus draft_status(const RepositoryDraft& draft, const RepositoryState& st
   return status;
 }
 
-}  // namespace
-
-RepositoryStatus repository_status(const std::filesystem::path& folder, TufTime now) {
+RepositoryStatus read_status(const std::filesystem::path& folder, TufTime now) {
   RepositoryFolder opened(folder, RepositoryFolder::Use::read);
   const RepositoryState state = opened.state();
   RepositoryStatus status;
@@ -85,6 +85,21 @@ RepositoryStatus repository_status(const std::filesystem::path& folder, TufTime 
   }
   status.warnings = key_warnings(state.root());
   return status;
+}
+
+}  // namespace
+
+RepositoryStatus repository_status(const std::filesystem::path& folder, TufTime now) {
+  for (int left = most_readings - 1;; --left) {
+    try {
+      return read_status(folder, now);
+    } catch (const Error&) {
+      // No lock is taken, so another run may have changed the folder in the middle.
+      if (left == 0) {
+        throw;
+      }
+    }
+  }
 }
 
 }  // namespace ravok

@@ -49,7 +49,8 @@ struct DraftStatus {
 struct RepositoryStatus {
   std::vector<RoleStatus> roles;     // in the order root, targets, snapshot, timestamp
   std::optional<DraftStatus> draft;  // nothing when none waits
-  bool is_interrupted = false;  // a publication was broken off; the next command that changes the folder finishes it
+  // A publication is under way, or was broken off, and then the next command that changes the folder finishes it.
+  bool is_interrupted = false;
   std::vector<std::string> warnings;  // about the keys; whole sentences
 };
 

@@ -16,6 +16,7 @@
 #include "support/nginx_server.hpp"
 #include "support/package_builder.hpp"
 #include "support/process.hpp"
+#include "support/repository_place.hpp"
 #include "support/single_file.hpp"
 
 namespace ravok {
@@ -144,6 +145,28 @@ TEST_F(RepositoryCheckCommand, BeginsWithTheRootThatItIsGiven) {
   other.publish();
   with_root.back() = site.root.write("other.json", other.root_text());
   EXPECT_EQ(check(with_root).exit_code, 1);
+}
+
+// The folder itself tells what clients have, whatever somebody has put into the part of it that is served.
+TEST_F(RepositoryCheckCommand, BeginsWithTheRootThatTheRepositoryBeganWith) {
+  const testing::RepositoryPlace place;
+  place.init();
+  const Arguments arguments = {place.folder, "--at", "2030-01-01"};
+  EXPECT_EQ(check(arguments).exit_code, 0);
+  const std::filesystem::path root = place.folder / "public/tuf/metadata/1.root.json";
+  testing::TufRepository other;
+  other.publish();
+  place.root.write("repository/public/tuf/metadata/1.root.json", other.root_text());
+  const ProgramResult changed = check(arguments);
+  EXPECT_EQ(changed.exit_code, 1);
+  EXPECT_EQ(changed.errors,
+            "ravok-publish: The root document 1.root.json is none that this repository had; fetch it from your site "
+            "into " +
+                root.parent_path().native() + "\n");
+  std::filesystem::remove(root);
+  const ProgramResult missing = check(arguments);
+  EXPECT_EQ(missing.exit_code, 1);
+  EXPECT_EQ(missing.errors, "ravok-publish: The repository lacks a document: " + root.native() + "\n");
 }
 
 TEST_F(RepositoryCheckCommand, RefusesAWrongCommandLine) {

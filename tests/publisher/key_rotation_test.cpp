@@ -291,6 +291,27 @@ TEST(KeyRotation, WarnsOfADocumentThatTheNewRootDoesNotAccept) {
   in_steps.expect_followed("1.0.0");
 }
 
+TEST(KeyRotation, WarnsOfAThresholdThatGrowsWithTheKeysThatJoin) {
+  const RotatedPlace place;
+  KeyRotation wanted = place.rotation({"timestamp"}, {"fresh"}, {});
+  wanted.threshold = 2;
+  const Names warnings = place.rotate(wanted, {"root", "online", "fresh"}).warnings;
+  EXPECT_EQ(warnings.back(),
+            "Clients that meet the new root before the new timestamp wait for it. To avoid that, add the new keys "
+            "first, refresh with --force and as many keys as are to sign, and raise the threshold then");
+  place.expect_followed("1.0.0");
+  // As it says, in steps.
+  const RotatedPlace in_steps;
+  in_steps.rotate(in_steps.rotation({"timestamp"}, {"fresh"}, {}), {"root", "online"});
+  refresh_repository({in_steps.folder, {}, true}, in_steps.signers({"online", "fresh"}), in_steps.now);
+  wanted = in_steps.rotation({"timestamp"}, {}, {});
+  wanted.threshold = 2;
+  for (const std::string& warning : in_steps.rotate(wanted, {"root"}).warnings) {
+    EXPECT_FALSE(warning.starts_with("Clients that meet")) << warning;
+  }
+  in_steps.expect_followed("1.0.0");
+}
+
 TEST(KeyRotation, WarnsOfAKeyThatStaysInAnotherRole) {
   const RotatedPlace place;
   const RotationOutcome outcome =
@@ -481,6 +502,9 @@ TEST_P(InterruptedRotation, IsFinishedByTheSameCommand) {
     EXPECT_EQ(place.keys_of("targets"), (Names{"fresh"})) << broken_off;
     EXPECT_FALSE(std::filesystem::exists(place.folder / "draft/draft.json"));
     EXPECT_EQ(place.seen_build("launcher-linux-x86_64.manifest.json", client), "1.0.0");
+    // The root is remembered at once, or else by the next command.
+    refresh_repository({place.folder, {}, false}, place.signers({"fresh"}), place.now);
+    EXPECT_TRUE(RepositoryFolder(place.folder, RepositoryFolder::Use::read).record().roots.contains(2)) << broken_off;
   }
   EXPECT_GT(broken_off, 5);
   EXPECT_GT(broken_off, 2 * waited);
@@ -587,6 +611,14 @@ TEST(RepositoryStatus, TellsWhoSignsWhatAndUntilWhen) {
   EXPECT_EQ(status.warnings.size(), 1u);
   EXPECT_EQ(repository_status(place.folder, days_after(place.now, 14)).roles[3].days_left, 0);
   EXPECT_EQ(repository_status(place.folder, days_after(place.now, 15)).roles[3].days_left, -1);
+}
+
+// It takes no lock, so what it reads may change under it.
+TEST(RepositoryStatus, IsReadOnceMoreWhereAReadingFails) {
+  const RotatedPlace place;
+  const testing::Planned planned(testing::failing("open", ENOENT, 3));
+  EXPECT_EQ(repository_status(place.folder, place.now).roles.size(), 4u);
+  EXPECT_TRUE(planned.happened());
 }
 
 TEST(RepositoryStatus, NamesWhoseSignatureIsMissing) {

@@ -311,6 +311,8 @@ TEST(WaitingDrafts, AreRefusedWhenTheirDocumentsAreNotWhatTheyAskFor) {
   expect_refused("The document of the role targets would last longer than the draft asks for");
   with({{"days", {{"targets", 36'501}, {"snapshot", 30}, {"timestamp", 14}}}});
   expect_refused("Documents are valid for 1 to 36500 days, not 36501");
+  with({{"days", {{"snapshot", 30}, {"timestamp", 14}}}});
+  expect_refused("It does not say how long its documents last");
   with({{"roles", {"snapshot", "targets", "timestamp"}}});
   expect_refused("Its roles are not in their order");
   with({{"roles", {"targets", "other"}}});
@@ -369,6 +371,99 @@ TEST(DiscardedDrafts, AreNoneForWhichAPublishedDocumentIsMissing) {
   std::filesystem::remove(begun.place.folder / "public/tuf/metadata/timestamp.json");
   EXPECT_TRUE(discard_draft(begun.place.folder, begun.place.now).repository.finished_former);
   EXPECT_EQ(begun.place.seen_build(), "1.0.0");
+}
+
+// The work fails for something in the public folder, which the message names, and discarding fails in the same way. When
+// that is gone, what was begun goes on.
+template <typename Work>
+void expect_kept(const RepositoryPlace& place, const std::filesystem::path& cause, const std::string& code,
+                 const std::string& message, Work work) {
+  const TreeState before = tree_state(place.folder);
+  EXPECT_FAILURE(work(), code, message);
+  EXPECT_FAILURE(discard_draft(place.folder, place.now), code, message);
+  EXPECT_TRUE(same_tree(tree_state(place.folder), before));
+  std::filesystem::remove(cause);
+}
+
+TEST(DiscardedDrafts, AreNoneThatOnlyThePublishedSideStandsInTheWayOf) {
+  const WaitingDraft waiting;
+  const std::filesystem::path metadata = waiting.place.folder / "public/tuf/metadata";
+  const std::filesystem::path link = metadata / "2.targets.json";
+  std::filesystem::create_symlink("/nowhere", link);
+  expect_kept(waiting.place, link, "unsafe_path", "Cannot open file: " + link.native(),
+              [&] { waiting.sign({"ben", "online"}); });
+  const std::filesystem::path last = metadata / "18446744073709551615.targets.json";
+  std::filesystem::copy_file(metadata / "1.targets.json", last);
+  expect_kept(waiting.place, last, "invalid_version", "No number is left for the next version of the role targets",
+              [&] { waiting.sign({"ben", "online"}); });
+  EXPECT_TRUE(waiting.sign({"ben", "online"}).published);
+  EXPECT_EQ(waiting.place.seen_build(), "1.0.0");
+}
+
+TEST(DiscardedDrafts, AreNoPublicationsThatALinkStandsInTheWayOf) {
+  const RepositoryPlace place;
+  place.init();
+  std::filesystem::copy(place.folder, place.root / "kept", std::filesystem::copy_options::recursive);
+  place.release({place.build(SnapshotKind::game, "7")});
+  const std::filesystem::path former = place.root / "former";
+  std::filesystem::rename(place.folder, former);
+  std::filesystem::rename(place.root / "kept", place.folder);
+  Json documents = Json::object();
+  for (const char* const role : {"targets", "snapshot", "timestamp"}) {
+    documents[role] = role_file(role, 2);
+    place.root.write("repository/draft/" + role_file(role, 2),
+                     RepositoryPlace::bytes(former / "public/tuf/metadata" / role_file(role, 2)));
+  }
+  std::filesystem::copy(former / "public/tuf/targets", place.folder / "draft/targets",
+                        std::filesystem::copy_options::recursive);
+  const Json begun = {{"schema_version", 1},
+                      {"kind", "ravok-repository-draft"},
+                      {"documents", documents},
+                      {"upload", {"tuf/metadata/timestamp.json"}}};
+  place.root.write("repository/draft/draft.json", begun.dump());
+  const std::filesystem::path link = place.folder / "public/tuf/targets/games";
+  std::filesystem::create_directory_symlink(place.root / "elsewhere", link);
+  expect_kept(place, link, "unsafe_path",
+              "A folder of the repository is a link, and none is followed there: " + link.native(),
+              [&] { RepositorySession(place.folder, place.now); });
+  EXPECT_TRUE(discard_draft(place.folder, place.now).repository.finished_former);
+  EXPECT_EQ(place.seen_build("games/game/linux-x86_64.manifest.json"), "7");
+}
+
+// Clients were never led to what was given up, even where all but its timestamp had appeared.
+TEST(DiscardedDrafts, AreNothingThatAWithdrawalGoesBackTo) {
+  const BegunPublication begun;
+  const RepositoryPlace& place = begun.place;
+  for (const char* const role : {"targets", "snapshot"}) {
+    const auto& document = begun.documents.at(role);
+    place.root.write(metadata_folder + document.file, document.text);
+  }
+  for (const auto& [name, bytes] : begun.targets) {
+    place.root.write("repository/public/tuf/targets/" + name, bytes);
+  }
+  std::filesystem::remove(place.folder / "draft/timestamp.json");
+  EXPECT_EQ(discard_draft(place.folder, place.now).action, "unknown");
+  EXPECT_EQ(place.versions(), (Versions{1, 1, 1, 1}));
+  place.release({place.launcher("0.9.0")});
+  place.release({place.launcher("2.0.0", "another")});
+  const WithdrawalOutcome outcome = place.withdraw("2.0.0");
+  ASSERT_EQ(outcome.builds.size(), 1u);
+  EXPECT_EQ(outcome.builds.front().former_build_id, "0.9.0");
+  // Its name is free for what is released under it at last.
+  EXPECT_TRUE(place.release({place.launcher("1.0.0", "other content")}).repository.published);
+  EXPECT_EQ(place.seen_build(), "1.0.0");
+}
+
+// To forget that snapshots were published would be to begin again with the first timestamp.
+TEST(DiscardedDrafts, StayWhereTheTimestampIsGoneThatTheyStoodOn) {
+  const WaitingDraft waiting;
+  const std::filesystem::path metadata = waiting.place.folder / "public/tuf/metadata";
+  std::filesystem::remove(metadata / "timestamp.json");
+  waiting.place.root.write("repository/draft/draft.json", "no draft");
+  const TreeState before = tree_state(waiting.place.folder);
+  EXPECT_FAILURE(discard_draft(waiting.place.folder, waiting.place.now), "missing_file",
+                 "timestamp.json is gone; fetch the newest one from your site into " + metadata.native());
+  EXPECT_TRUE(same_tree(tree_state(waiting.place.folder), before));
 }
 
 class DiscardedPublication : public ::testing::TestWithParam<const char*> {};

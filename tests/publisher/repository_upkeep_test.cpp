@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <filesystem>
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -366,6 +367,26 @@ TEST(RepositoryWithdrawal, GoesBackToNothingThatNoSnapshotHasNamed) {
   EXPECT_EQ(place.seen_build(), "1");
 }
 
+TEST(RepositoryWithdrawal, PassesOverNoBuildThatCannotBeReadNow) {
+  const RepositoryPlace place;
+  place.init();
+  for (const char* const build_id : {"1", "2", "3"}) {
+    place.release({place.launcher(build_id, build_id)});
+  }
+  // The snapshot that led clients to the second build.
+  const std::filesystem::path snapshot = place.folder / "public/tuf/metadata/3.snapshot.json";
+  std::filesystem::rename(snapshot, place.root / "kept");
+  std::filesystem::create_symlink("/nowhere", snapshot);
+  const TreeState before = tree_state(place.folder);
+  const std::string message = "Cannot open file: " + snapshot.native();
+  EXPECT_FAILURE(place.withdraw("3"), "unsafe_path", message);
+  EXPECT_FAILURE(place.release({place.launcher("2", "other content")}), "unsafe_path", message);
+  expect_unchanged(place, before);
+  std::filesystem::remove(snapshot);
+  std::filesystem::rename(place.root / "kept", snapshot);
+  EXPECT_EQ(place.withdraw("3").builds.at(0).former_build_id, "2");
+}
+
 TEST(RepositoryWithdrawal, PutsTheFormerFilesOnTheUploadListOnceMore) {
   const RepositoryPlace place;
   place.init();
@@ -646,6 +667,141 @@ TEST(ForgedDocuments, AreNoneThatAFormerRootHasAuthorized) {
   place.now = parse_tuf_time("2040-01-01T00:00:00Z");
   EXPECT_TRUE(place.refresh({"online", "online-2"}).repository.published);
   EXPECT_EQ(place.seen_build(), "1.0.0");
+}
+
+// A repository into whose public folder somebody without its keys has put a repository of his own: its root lets his key
+// and the operator's sign, so that the operator's next signature would be one for it.
+struct StolenPlace : ForgedPlace {
+  explicit StolenPlace(const PlaceRoles& own = {}) : ForgedPlace(own) {
+    RootPublication publication;
+    publication.output = root / "their-root.json";
+    publication.expires = "2050-01-01T00:00:00Z";
+    publication.root = {{key("evil"), key("root")}, 1};
+    publication.targets = publication.snapshot = publication.timestamp = {{key("evil"), key("online")}, 1};
+    publish_root(publication);
+    theirs = root / "theirs";
+    init_repository({theirs, publication.output, {}, {}}, signers({"evil"}), now);
+    publish_release({theirs, {{launcher("6.6.6"), ""}}, {}}, signers({"evil"}), now, {});
+  }
+
+  void put_their_public_folder() const {
+    std::filesystem::remove_all(folder / "public");
+    std::filesystem::copy(theirs / "public", folder / "public", std::filesystem::copy_options::recursive);
+  }
+
+  // No command signs anything, and the folder stays byte for byte as it is.
+  void expect_refused(const std::string& code, const std::string& message) const {
+    const TreeState before = tree_state(folder);
+    KeyRotation rotation;
+    rotation.folder = folder;
+    rotation.expires = "2060-01-01T00:00:00Z";
+    const std::vector<std::function<void()>> commands = {
+        [&] { refresh(); },
+        [&] { release({launcher("1.0.1")}); },
+        [&] { withdraw("1.0.0"); },
+        [&] { rotate_keys(rotation, signers({"root", "online"}), now); },
+        [&] { sign_draft(folder, signers({"root", "online"}), now); },
+        [&] { discard_draft(folder, now); },
+        [&] { repository_status(folder, now); },
+    };
+    for (const auto& command : commands) {
+      EXPECT_FAILURE(command(), code, message);
+      expect_unchanged(*this, before);
+    }
+  }
+
+  std::string not_ours(const std::string& file) const {
+    return "The root document " + file + " is none that this repository had; fetch it from your site into " +
+           (folder / "public/tuf/metadata").native();
+  }
+
+  Json known_roots() const { return Json::parse(root.read("repository/repository.json")).at("roots"); }
+
+  std::string sha256_of(const std::string& file) const {
+    return digest(root.read("repository/public/tuf/metadata/" + file), "sha256");
+  }
+
+  std::filesystem::path theirs;
+};
+
+TEST(ForgedRoots, AreNotBelieved) {
+  const StolenPlace place;
+  place.put_their_public_folder();
+  place.expect_refused("unsigned_role", place.not_ours("1.root.json"));
+}
+
+TEST(ForgedRoots, AreNoReasonToGiveUpADraft) {
+  PlaceRoles roles;
+  roles.root = {{"root", "ann"}, 2};
+  const StolenPlace place(roles);
+  ASSERT_FALSE(rotate(place, next_root(place, "snapshot", {"online", "online-2"}), {"root"}).published);
+  place.put_their_public_folder();
+  place.expect_refused("unsigned_role", place.not_ours("1.root.json"));
+  place.root.write("repository/draft/draft.json", "no draft");
+  EXPECT_FAILURE(discard_draft(place.folder, place.now), "unsigned_role", place.not_ours("1.root.json"));
+  EXPECT_TRUE(std::filesystem::exists(place.folder / "draft/draft.json"));
+}
+
+TEST(ForgedRoots, StandBeforeNoKnownOne) {
+  const StolenPlace place;
+  ASSERT_TRUE(rotate(place, next_root(place, "timestamp", {"online", "online-2"}), {"root", "online"}).published);
+  std::filesystem::copy_file(place.theirs / "public/tuf/metadata/1.root.json",
+                             place.folder / "public/tuf/metadata/0.root.json");
+  EXPECT_EQ(place.versions(), (Versions{2, 2, 2, 2}));
+  EXPECT_TRUE(place.release({place.launcher("1.0.1")}).repository.published);
+  EXPECT_EQ(place.seen_build(), "1.0.1");
+}
+
+TEST(ForgedRoots, TakeTheNewestOnesAwayInVain) {
+  const StolenPlace place;
+  ASSERT_TRUE(rotate(place, next_root(place, "timestamp", {"online", "online-2"}), {"root", "online"}).published);
+  const std::filesystem::path newest = place.folder / "public/tuf/metadata/2.root.json";
+  std::filesystem::rename(newest, place.root / "kept");
+  place.expect_refused("missing_file", "The repository lacks a document: " + newest.native());
+  std::filesystem::rename(place.root / "kept", newest);
+  EXPECT_TRUE(place.release({place.launcher("1.0.1")}).repository.published);
+}
+
+TEST(KnownRoots, AreThoseOfTheFolderAndGrowWithIt) {
+  const StolenPlace place;
+  EXPECT_EQ(place.known_roots(), (Json{{"1", place.sha256_of("1.root.json")}}));
+  ASSERT_TRUE(rotate(place, next_root(place, "timestamp", {"online", "online-2"}), {"root", "online"}).published);
+  EXPECT_EQ(place.known_roots(), (Json{{"1", place.sha256_of("1.root.json")}, {"2", place.sha256_of("2.root.json")}}));
+}
+
+TEST(KnownRoots, OfAnOlderRecordAreThoseThatTheNextChangeFinds) {
+  const StolenPlace place;
+  ASSERT_TRUE(rotate(place, next_root(place, "timestamp", {"online", "online-2"}), {"root", "online"}).published);
+  const Json known = place.known_roots();
+  Json record = Json::parse(place.root.read("repository/repository.json"));
+  record.erase("roots");
+  record.erase("given_up_snapshots");
+  place.root.write("repository/repository.json", record.dump());
+  const TreeState before = tree_state(place.folder);
+  EXPECT_EQ(repository_status(place.folder, place.now).roles.at(0).version, 2u);
+  expect_unchanged(place, before);
+  EXPECT_FALSE(place.refresh().repository.published);
+  EXPECT_EQ(place.known_roots(), known);
+  place.put_their_public_folder();
+  place.expect_refused("unsigned_role", place.not_ours("1.root.json"));
+}
+
+TEST(KnownRoots, AreReadAsTheyAreWritten) {
+  const RepositoryPlace place;
+  place.init();
+  const Json sound = Json::parse(place.root.read("repository/repository.json"));
+  const std::string sha256(64, 'a');
+  for (const Json& change :
+       {Json{{"roots", Json::array()}}, Json{{"roots", {{"01", sha256}}}}, Json{{"roots", {{"one", sha256}}}},
+        Json{{"roots", {{"1", sha256.substr(1)}}}}, Json{{"roots", {{"1", std::string(64, 'A')}}}},
+        Json{{"roots", {{"1", 1}}}}, Json{{"given_up_snapshots", Json::object()}},
+        Json{{"given_up_snapshots", {-1}}}, Json{{"given_up_snapshots", {"1"}}}}) {
+    Json record = sound;
+    record.update(change);
+    place.root.write("repository/repository.json", record.dump());
+    EXPECT_FAILURE(RepositoryFolder(place.folder, RepositoryFolder::Use::read), "invalid_record",
+                   (place.folder / "repository.json").native() + ": The repository's record is malformed");
+  }
 }
 
 }  // namespace
