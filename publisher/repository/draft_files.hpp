@@ -43,8 +43,8 @@ auto look_at_published(Work work) {
   }
 }
 
-// Returns what `work` makes of the draft's files. Whatever is wrong with them is one failure, which says what to do. Fails
-// with "invalid_draft", with what says_nothing_of_draft tells, and with PublishedFailure.
+// Returns what `work` makes of the draft's files. Whatever is wrong with them is one failure, which says what to do.
+// Fails with "invalid_draft", with what says_nothing_of_draft tells, and with PublishedFailure.
 template <typename Work>
 auto read_files_of_draft(const RepositoryFolder& folder, Work work) {
   constexpr const char* code = "invalid_draft";

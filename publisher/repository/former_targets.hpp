@@ -26,8 +26,8 @@ bool is_same_build(const Json& target, const Json& custom);
 void drop_unnamed_files(Json& next, const Json& present);
 
 // The targets documents that a repository has published. One that lies in the folder counts only if a root of the
-// repository accepts it, and a snapshot that a root accepts lies there too, was not given up, and names it by its version
-// and digest: so a key that was replaced adds nothing by its signature alone.
+// repository accepts it, and a snapshot that a root accepts lies there too, was not given up, and names it by its
+// version and digest: so a key that was replaced adds nothing by its signature alone.
 class FormerTargets {
  public:
   FormerTargets(const RepositoryFolder& folder, const RepositoryState& state);

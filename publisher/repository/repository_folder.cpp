@@ -46,12 +46,9 @@ Json record_document(const PublisherRecord& record) {
   for (const auto& [version, sha256] : record.roots) {
     roots[std::to_string(version)] = sha256;
   }
-  return {{"schema_version", 1},
-          {"kind", record_kind},
-          {"days", record.days},
-          {"key_names", record.key_names},
-          {"roots", std::move(roots)},
-          {"given_up_snapshots", record.given_up_snapshots}};
+  return {{"schema_version", 1},       {"kind", record_kind},
+          {"days", record.days},       {"key_names", record.key_names},
+          {"roots", std::move(roots)}, {"given_up_snapshots", record.given_up_snapshots}};
 }
 
 std::string record_text(const PublisherRecord& record) { return record_document(record).dump(2) + "\n"; }

@@ -39,15 +39,15 @@ inline constexpr std::uint64_t repository_metadata_limit = tuf_metadata_limit;
 // The most bytes of a document of a role.
 std::uint64_t repository_document_limit(std::string_view role);
 
-// The publisher's record. Nothing in it is secret. It lies outside of what is served, and the roots that it knows are what
-// the published documents are judged by.
+// The publisher's record. Nothing in it is secret. It lies outside of what is served, and the roots that it knows are
+// what the published documents are judged by.
 struct PublisherRecord {
   // For how many days a role's next document is valid, by the role's name; of all but the root.
   std::map<std::string, std::uint64_t> days = {{"targets", 365}, {"snapshot", 30}, {"timestamp", 14}};
   // What people call a key, by its identifier.
   std::map<std::string, std::string> key_names;
-  // The SHA-256 of the roots that were seen in force, by their versions. Empty in a folder that an older version of this
-  // program has made, until a command changes it.
+  // The SHA-256 of the roots that were seen in force, by their versions. Empty in a folder that an older version of
+  // this program has made, until a command changes it.
   std::map<std::uint64_t, std::string> roots;
   // The versions of snapshots that lie in the folder and were never published, since their publication was given up.
   std::set<std::uint64_t> given_up_snapshots;
@@ -75,8 +75,8 @@ struct RoleDocument {
   TufTime expires() const;
 };
 
-// What a folder publishes. Each document was verified as clients do, from the oldest root on that the record knows; none
-// was refused for its age.
+// What a folder publishes. Each document was verified as clients do, from the oldest root on that the record knows;
+// none was refused for its age.
 struct RepositoryState {
   // The texts of the roots that clients walk, by their versions. The last one is in force.
   std::map<std::uint64_t, std::string> roots;
@@ -133,9 +133,9 @@ class RepositoryFolder {
   // Replaces the record, durably. Fails as replace_file does.
   void write_record(PublisherRecord record);
 
-  // Reads what is published. Fails with "missing_file" for a document that another one refers to, as root_versions does,
-  // and as parse_json, shape and the trusted set do for a root that does not follow the one before; a message begins
-  // with the file. What is wrong with any other document is told in it.
+  // Reads what is published. Fails with "missing_file" for a document that another one refers to, as root_versions
+  // does, and as parse_json, shape and the trusted set do for a root that does not follow the one before; a message
+  // begins with the file. What is wrong with any other document is told in it.
   RepositoryState state() const;
 
   // Puts the roots of a state into the record that it does not know yet, durably. Fails as replace_file does.

@@ -34,8 +34,8 @@ std::string needs_text(const std::vector<SignatureNeed>& needs);
 // A repository's folder while one command changes it.
 class RepositorySession {
  public:
-  // Opens the folder, finishes a publication that was broken off, reads what is published, and remembers its roots. Fails
-  // as RepositoryFolder, finish_publication, RepositoryFolder::state, require_authentic, RepositoryDraft::open,
+  // Opens the folder, finishes a publication that was broken off, reads what is published, and remembers its roots.
+  // Fails as RepositoryFolder, finish_publication, RepositoryFolder::state, require_authentic, RepositoryDraft::open,
   // require_timestamp and RepositoryFolder::remember_roots do.
   RepositorySession(const std::filesystem::path& folder, TufTime now);
   RepositorySession(const RepositorySession&) = delete;

@@ -373,8 +373,8 @@ TEST(DiscardedDrafts, AreNoneForWhichAPublishedDocumentIsMissing) {
   EXPECT_EQ(begun.place.seen_build(), "1.0.0");
 }
 
-// The work fails for something in the public folder, which the message names, and discarding fails in the same way. When
-// that is gone, what was begun goes on.
+// The work fails for something in the public folder, which the message names, and discarding fails in the same way.
+// When that is gone, what was begun goes on.
 template <typename Work>
 void expect_kept(const RepositoryPlace& place, const std::filesystem::path& cause, const std::string& code,
                  const std::string& message, Work work) {
@@ -390,12 +390,15 @@ TEST(DiscardedDrafts, AreNoneThatOnlyThePublishedSideStandsInTheWayOf) {
   const std::filesystem::path metadata = waiting.place.folder / "public/tuf/metadata";
   const std::filesystem::path link = metadata / "2.targets.json";
   std::filesystem::create_symlink("/nowhere", link);
-  expect_kept(waiting.place, link, "unsafe_path", "Cannot open file: " + link.native(),
-              [&] { waiting.sign({"ben", "online"}); });
+  expect_kept(waiting.place, link, "unsafe_path", "Cannot open file: " + link.native(), [&] {
+    waiting.sign({"ben", "online"});
+  });
   const std::filesystem::path last = metadata / "18446744073709551615.targets.json";
   std::filesystem::copy_file(metadata / "1.targets.json", last);
   expect_kept(waiting.place, last, "invalid_version", "No number is left for the next version of the role targets",
-              [&] { waiting.sign({"ben", "online"}); });
+              [&] {
+                waiting.sign({"ben", "online"});
+              });
   EXPECT_TRUE(waiting.sign({"ben", "online"}).published);
   EXPECT_EQ(waiting.place.seen_build(), "1.0.0");
 }

@@ -669,8 +669,8 @@ TEST(ForgedDocuments, AreNoneThatAFormerRootHasAuthorized) {
   EXPECT_EQ(place.seen_build(), "1.0.0");
 }
 
-// A repository into whose public folder somebody without its keys has put a repository of his own: its root lets his key
-// and the operator's sign, so that the operator's next signature would be one for it.
+// A repository into whose public folder somebody without its keys has put a repository of his own: its root lets his
+// key and the operator's sign, so that the operator's next signature would be one for it.
 struct StolenPlace : ForgedPlace {
   explicit StolenPlace(const PlaceRoles& own = {}) : ForgedPlace(own) {
     RootPublication publication;
@@ -699,8 +699,12 @@ struct StolenPlace : ForgedPlace {
         [&] { refresh(); },
         [&] { release({launcher("1.0.1")}); },
         [&] { withdraw("1.0.0"); },
-        [&] { rotate_keys(rotation, signers({"root", "online"}), now); },
-        [&] { sign_draft(folder, signers({"root", "online"}), now); },
+        [&] {
+          rotate_keys(rotation, signers({"root", "online"}), now);
+        },
+        [&] {
+          sign_draft(folder, signers({"root", "online"}), now);
+        },
         [&] { discard_draft(folder, now); },
         [&] { repository_status(folder, now); },
     };
@@ -794,8 +798,8 @@ TEST(KnownRoots, AreReadAsTheyAreWritten) {
   for (const Json& change :
        {Json{{"roots", Json::array()}}, Json{{"roots", {{"01", sha256}}}}, Json{{"roots", {{"one", sha256}}}},
         Json{{"roots", {{"1", sha256.substr(1)}}}}, Json{{"roots", {{"1", std::string(64, 'A')}}}},
-        Json{{"roots", {{"1", 1}}}}, Json{{"given_up_snapshots", Json::object()}},
-        Json{{"given_up_snapshots", {-1}}}, Json{{"given_up_snapshots", {"1"}}}}) {
+        Json{{"roots", {{"1", 1}}}}, Json{{"given_up_snapshots", Json::object()}}, Json{{"given_up_snapshots", {-1}}},
+        Json{{"given_up_snapshots", {"1"}}}}) {
     Json record = sound;
     record.update(change);
     place.root.write("repository/repository.json", record.dump());
