@@ -160,13 +160,13 @@ TEST_F(RepositoryCheckCommand, BeginsWithTheRootThatTheRepositoryBeganWith) {
   const ProgramResult changed = check(arguments);
   EXPECT_EQ(changed.exit_code, 1);
   EXPECT_EQ(changed.errors,
-            "ravok-publish: The root document 1.root.json is none that this repository had; fetch it from your site "
+            "The root document 1.root.json is none that this repository had; fetch it from your site "
             "into " +
                 root.parent_path().native() + "\n");
   std::filesystem::remove(root);
   const ProgramResult missing = check(arguments);
   EXPECT_EQ(missing.exit_code, 1);
-  EXPECT_EQ(missing.errors, "ravok-publish: The repository lacks a document: " + root.native() + "\n");
+  EXPECT_EQ(missing.errors, "The repository lacks a document: " + root.native() + "\n");
 }
 
 TEST_F(RepositoryCheckCommand, RefusesAWrongCommandLine) {
